@@ -1,0 +1,15 @@
+# Warnings and sanitizers, the same for every target of this tree.
+
+add_library(zmqwriter_options INTERFACE)
+target_compile_options(zmqwriter_options INTERFACE -Wall -Wextra)
+if(ZMQWRITER_WERROR)
+  target_compile_options(zmqwriter_options INTERFACE -Werror)
+endif()
+
+if(ZMQWRITER_SANITIZE)
+  add_compile_options(-fsanitize=${ZMQWRITER_SANITIZE} -fno-omit-frame-pointer -O1)
+  if(ZMQWRITER_SANITIZE MATCHES undefined)
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+  add_link_options(-fsanitize=${ZMQWRITER_SANITIZE})
+endif()
