@@ -6,8 +6,8 @@
 //     disk.usage.absolute = 500
 //
 // A key is everything before the first '=', a value everything behind it, both without the white
-// space around them. '#' starts a comment only at the start of a line. A key that occurs twice,
-// a line without '=' and an empty key are errors that name file and line.
+// space around them; a value may be empty. '#' starts a comment only at the start of a line. A
+// key that occurs twice, a line without '=' and an empty key are errors that name file and line.
 //
 // A SettingsFile does not change after it was loaded, so any thread may look things up.
 #pragma once
@@ -34,7 +34,15 @@ class SettingsFile {
   bool has(const char* key) const;
 
  private:
-  std::map<std::string, std::string> values_;
+  struct Setting {
+    std::string text;
+    int line;
+  };
+
+  void TakeLine(const std::string& line, int number);
+
+  std::string path_;
+  std::map<std::string, Setting> values_;
 };
 
 /// The settings of this process; null until the host has loaded them.
