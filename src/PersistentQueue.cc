@@ -1,0 +1,421 @@
+#include "PersistentQueue.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "Paths.h"
+#include "Reports.h"
+#include "SpoolFormat.h"
+
+#include "util.h"
+
+using namespace spool_format;
+
+namespace {
+
+constexpr int32_t kDefaultChunkLimitBytes = 10485760;
+constexpr int64_t kDefaultTotalLimitBytes = 524288000;
+
+// Values of cursor_state.
+constexpr int32_t kTopUnknown = -1;  // a file just created, or none opened yet
+constexpr int32_t kAtTop = -2;       // the stream stands just past the newest record
+
+constexpr mode_t kFolderMode = 0777;
+
+class Lock {
+ public:
+  explicit Lock(pthread_mutex_t* mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
+  ~Lock() { pthread_mutex_unlock(mutex_); }
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+
+ private:
+  pthread_mutex_t* mutex_;
+};
+
+// The counts are 32 bits wide and wrap.
+int32_t wrapped(int64_t value) {
+  return static_cast<int32_t>(static_cast<uint32_t>(value));
+}
+
+// Counts that are changed under the spool's mutex only: no read-modify-write is needed.
+int32_t value_of(const std::atomic<int32_t>& count) {
+  return count.load(std::memory_order_relaxed);
+}
+
+void set(std::atomic<int32_t>& count, int64_t value) {
+  count.store(wrapped(value), std::memory_order_relaxed);
+}
+
+bool has_mode(const char* path, mode_t kind) {
+  struct stat status;
+  return stat(path, &status) == 0 && (status.st_mode & S_IFMT) == kind;
+}
+
+bool exists(const char* path) {
+  struct stat status;
+  return stat(path, &status) == 0;
+}
+
+// Reads `size` bytes; what the file does not have is zero. Returns the number that it had.
+size_t read_or_zero(FILE* file, void* to, size_t size) {
+  const size_t got = fread(to, 1, size, file);
+  memset(static_cast<char*>(to) + got, 0, size - got);
+  return got;
+}
+
+RecordHeader read_record_header(FILE* file, int64_t position) {
+  unsigned char bytes[kRecordHeaderSize];
+  fseeko(file, position, SEEK_SET);
+  read_or_zero(file, bytes, sizeof bytes);
+  return decode_record_header(bytes);
+}
+
+int64_t record_size(uint16_t length) {
+  return static_cast<int64_t>(kRecordHeaderSize) + length;
+}
+
+// How many records an open chunk file has by their lengths, whatever its header says.
+uint32_t count_by_walking(FILE* file, int64_t file_size) {
+  uint32_t count = 0;
+  int64_t position = kHeaderSize;
+  while (position + static_cast<int64_t>(kRecordHeaderSize) <= file_size) {
+    position += record_size(read_record_header(file, position).length);
+    ++count;
+  }
+  return count;
+}
+
+// The header of an open chunk file as it stands on disk, taken without looking at the signature.
+//
+// The record count is trusted, with one exception. A chunk file never shrinks, so one that has no
+// room for the records it claims was damaged by something else; it has the records that can be
+// walked. That also bounds every walk by the size of the file.
+Header read_header(FILE* file) {
+  unsigned char bytes[kHeaderSize];
+  fseeko(file, 0, SEEK_SET);
+  read_or_zero(file, bytes, sizeof bytes);
+  Header header = decode_header(bytes);
+
+  struct stat status;
+  const int64_t file_size = fstat(fileno(file), &status) == 0 ? status.st_size : 0;
+  const int64_t room =
+      (file_size - static_cast<int64_t>(kHeaderSize)) / static_cast<int64_t>(kRecordHeaderSize);
+  if (header.record_count > room)
+    header.record_count = count_by_walking(file, file_size);
+  return header;
+}
+
+void write_header(FILE* file, uint32_t used_size, uint32_t record_count) {
+  unsigned char bytes[kHeaderSize];
+  encode_header(used_size, record_count, bytes);
+  fwrite(bytes, 1, sizeof bytes, file);
+  fflush(file);
+}
+
+}  // namespace
+
+PersistentQueue::PersistentQueue()
+    : folder(paths::kSpoolFolder),
+      head_file(nullptr),
+      head_records(0),
+      head_bytes(0),
+      total_bytes(0),
+      file_count(1),
+      top_length(0),
+      chunk_limit(kDefaultChunkLimitBytes),
+      total_limit(kDefaultTotalLimitBytes),
+      cursor_state(kTopUnknown),
+      disabled(false) {
+  pthread_mutex_init(&mutex, nullptr);
+
+  char path[kPathSize];
+  snprintf(path, sizeof path, "%s", folder.c_str());
+  if (CreatePath(path)) {
+    listFolder();
+  } else {
+    reports::error("Failed to open or create queue folder %s", folder.c_str());
+    disabled = true;
+  }
+}
+
+PersistentQueue::~PersistentQueue() {
+  closeFile();
+  pthread_mutex_destroy(&mutex);
+}
+
+void PersistentQueue::SetLimits(int32_t chunk_limit_bytes, int32_t total_limit_bytes) {
+  chunk_limit = chunk_limit_bytes;
+  total_limit = total_limit_bytes;
+}
+
+bool PersistentQueue::IsEmpty() const {
+  return value_of(head_records) == 0 && value_of(file_count) < 2;
+}
+
+void PersistentQueue::Store(uint16_t length, const void* data) {
+  if (disabled)
+    return;
+  Lock lock(&mutex);
+  if (!head_file)
+    openFile();
+
+  if (head_file) {
+    unsigned char number[2];
+    put_u16(length, number);
+    fwrite(number, 1, sizeof number, head_file);
+    put_u16(top_length, number);
+    fwrite(number, 1, sizeof number, head_file);
+    if (length > 0)
+      fwrite(data, 1, length, head_file);
+    fflush(head_file);
+  }
+  account(1, record_size(length));
+  top_length = length;
+  cursor_state = kAtTop;
+
+  // The record that crosses the limit stays in the file that it crossed.
+  if (head_bytes > chunk_limit)
+    rollFile();
+}
+
+void* PersistentQueue::Get(uint16_t* length) {
+  *length = 0;
+  if (disabled)
+    return nullptr;
+  Lock lock(&mutex);
+  if (!head_file)
+    openFile();
+
+  if (value_of(head_records) <= 0) {
+    rollBack();
+    openFile();
+    if (value_of(head_records) <= 0)
+      return nullptr;
+  }
+
+  void* payload = nullptr;
+  if (cursor_state == kAtTop && top_length != 0)
+    take_newest(length, &payload);
+  else
+    take_by_scanning(length, &payload);
+  account(-1, -record_size(*length));
+  return payload;
+}
+
+// The way back from the stream's position to the start of the newest record. A damaged file may
+// claim a length that leads to before the first record: the step is not made then, and the header
+// of the file stays out of reach.
+int64_t PersistentQueue::step_back() const {
+  const int64_t top = ftello(head_file);
+  const int64_t start = top - record_size(top_length);
+  return start >= static_cast<int64_t>(kHeaderSize) ? start : top;
+}
+
+void PersistentQueue::take_newest(uint16_t* length, void** payload) {
+  const int64_t start = step_back();
+  const RecordHeader record = read_record_header(head_file, start);
+  top_length = record.prev_length;
+  *length = record.length;
+  *payload = read_payload(record.length);
+  mark_taken(start);
+}
+
+// Finds the newest record from the file's start, by the count of the last close and not by the
+// count in memory: so a file created since the start has none, whatever was stored into it, and
+// the record that the caller takes is lost. That is on purpose and what readers of the spool rely
+// on; a newest record of length 0 leads here.
+void PersistentQueue::take_by_scanning(uint16_t* length, void** payload) {
+  const uint32_t record_count = read_header(head_file).record_count;
+  int64_t position = kHeaderSize;
+  for (uint32_t i = 0; i < record_count; ++i) {
+    const RecordHeader record = read_record_header(head_file, position);
+    top_length = record.prev_length;
+    if (i + 1 == record_count) {
+      *length = record.length;
+      *payload = read_payload(record.length);
+    } else {
+      position += record_size(record.length);
+    }
+  }
+  mark_taken(position);
+}
+
+void* PersistentQueue::read_payload(uint16_t length) {
+  // Never 0 bytes, for which some systems give null.
+  void* payload = malloc(length > 0 ? length : 1);
+  if (!payload)
+    out_of_memory("malloc");
+  read_or_zero(head_file, payload, length);
+  return payload;
+}
+
+// Zeros over the record's length field; the next record will be written over it.
+void PersistentQueue::mark_taken(int64_t record_start) {
+  const unsigned char zeros[kLengthSize] = {0, 0};
+  fseeko(head_file, record_start, SEEK_SET);
+  fwrite(zeros, 1, sizeof zeros, head_file);
+  fflush(head_file);
+  fseeko(head_file, record_start, SEEK_SET);
+}
+
+void PersistentQueue::account(int64_t records, int64_t bytes) {
+  set(head_records, value_of(head_records) + records);
+  head_bytes = wrapped(head_bytes + bytes);
+  total_bytes = wrapped(total_bytes + bytes);
+}
+
+void PersistentQueue::openFile() {
+  if (head_file)
+    return;
+  char name[kPathSize];
+  chunk_path(folder.c_str(), 0, name);
+
+  const bool is_file = has_mode(name, S_IFREG);
+  if (is_file && !disabled) {
+    head_file = fopen(name, "rb+");
+    // A file that cannot be opened is one that has no header.
+    Header header = {false, 0, 0};
+    if (head_file) {
+      header = read_header(head_file);
+      int64_t position = kHeaderSize;
+      for (uint32_t i = 0; i < header.record_count; ++i) {
+        top_length = read_record_header(head_file, position).length;
+        position += record_size(top_length);
+      }
+      fseeko(head_file, position, SEEK_SET);
+    }
+    set(head_records, header.record_count);
+    // As stored, with the 12 bytes of the header in it, which closing adds once more: on purpose,
+    // each reopening moves the file's roll-over point by 12 bytes.
+    head_bytes = wrapped(header.used_size);
+    cursor_state = kAtTop;
+  } else {
+    // Anything but a file that has taken the name is left alone: reading a pipe would not return.
+    head_file = is_file || !exists(name) ? fopen(name, "wb+") : nullptr;
+    set(head_records, 0);
+    head_bytes = 0;
+    top_length = 0;
+    cursor_state = kTopUnknown;
+    if (head_file)
+      write_header(head_file, 0, 0);  // a used_size of 0, not 12, marks a file never closed
+  }
+}
+
+void PersistentQueue::closeFile() {
+  if (!head_file)
+    return;
+  fseeko(head_file, 0, SEEK_SET);
+  write_header(head_file, static_cast<uint32_t>(head_bytes) + static_cast<uint32_t>(kHeaderSize),
+               static_cast<uint32_t>(value_of(head_records)));
+  fclose(head_file);
+  head_file = nullptr;
+  if (value_of(head_records) == 0) {
+    char name[kPathSize];
+    unlink(chunk_path(folder.c_str(), 0, name));
+  }
+}
+
+void PersistentQueue::rollFile() {
+  closeFile();
+  // A spool that started without files counts none, and renames nothing the first time: the full
+  // head is opened again and takes one more record before it rolls. On purpose.
+  const int64_t count = value_of(file_count);
+  char from[kPathSize];
+  char to[kPathSize];
+  for (int64_t k = count - 1; k >= 0; --k)  // highest first: none is overwritten
+    rename(chunk_path(folder.c_str(), static_cast<uint32_t>(k), from),
+           chunk_path(folder.c_str(), static_cast<uint32_t>(k) + 1, to));
+  set(file_count, count + 1);
+}
+
+void PersistentQueue::rollBack() {
+  closeFile();
+  char from[kPathSize];
+  char to[kPathSize];
+  unlink(chunk_path(folder.c_str(), 0, to));
+  const int64_t count = value_of(file_count);
+  for (int64_t k = 1; k < count; ++k)
+    rename(chunk_path(folder.c_str(), static_cast<uint32_t>(k), from),
+           chunk_path(folder.c_str(), static_cast<uint32_t>(k) - 1, to));
+  // Below zero when the spool was empty already: on purpose.
+  set(file_count, count - 1);
+}
+
+void PersistentQueue::listFolder() {
+  if (disabled)
+    return;
+  set(head_records, 0);
+  head_bytes = 0;
+  total_bytes = 0;
+
+  char name[kPathSize];
+  uint32_t number = 0;
+  while (has_mode(chunk_path(folder.c_str(), number, name), S_IFREG)) {
+    unsigned char bytes[kHeaderSize];
+    size_t got = 0;
+    if (FILE* file = fopen(name, "rb")) {
+      got = read_or_zero(file, bytes, sizeof bytes);
+      fclose(file);
+    }
+    if (got < sizeof bytes) {
+      reports::warning("Corrupted queue file %s", name);
+    } else {
+      const Header header = decode_header(bytes);
+      if (!header.has_signature) {
+        reports::warning("Corrupted queue file %s, invalid signature", name);
+      } else {
+        if (number == 0) {
+          set(head_records, header.record_count);
+          head_bytes =
+              wrapped(static_cast<int64_t>(header.used_size) - static_cast<int64_t>(kHeaderSize));
+        }
+        total_bytes = wrapped(static_cast<int64_t>(total_bytes) + header.used_size);
+      }
+    }
+    ++number;
+  }
+  set(file_count, number);
+}
+
+// The walk separates at backslashes, on purpose: of a path with forward slashes only the last
+// component is created, and its parent must be there.
+bool PersistentQueue::CreatePath(char* path) {
+  for (char* separator = strchr(path, '\\'); separator; separator = strchr(separator + 1, '\\')) {
+    *separator = '\0';
+    const bool exists = has_mode(path, S_IFDIR) || mkdir(path, kFolderMode) == 0;
+    *separator = '\\';
+    if (!exists)
+      return false;
+  }
+  return has_mode(path, S_IFDIR) || mkdir(path, kFolderMode) == 0;
+}
+
+bool PersistentQueue::FileExists(const char* path) {
+  return has_mode(path, S_IFREG);
+}
+
+bool PersistentQueue::FolderExists(const char* path) {
+  return has_mode(path, S_IFDIR);
+}
+
+int PersistentQueue::RemoveFile(const char* path) {
+  return unlink(path);
+}
+
+int64_t PersistentQueue::FileSize(const char* path) {
+  FILE* file = has_mode(path, S_IFDIR) ? nullptr : fopen(path, "rb");
+  if (!file)
+    return -1;
+  fseeko(file, 0, SEEK_END);
+  const int64_t size = ftello(file);
+  fclose(file);
+  return size;
+}
+
+bool CreateDirectory(const char* path, const char* /*ignored*/) {
+  return mkdir(path, kFolderMode) == 0;
+}
