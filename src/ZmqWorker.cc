@@ -1,0 +1,678 @@
+#include "ZmqWorker.h"
+
+#include <ctype.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/statvfs.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include <zmq.h>
+
+#include "PersistentQueue.h"
+#include "Reports.h"
+#include "WriterStatus.h"
+
+#include "SettingsFile.h"
+#include "util.h"
+
+namespace logging {
+namespace writer {
+
+/// The one spool of the process: made by the first Init, deleted by Stop. From Start on it is
+/// replaced only under the worker's mutex.
+static PersistentQueue* zmq_pqueue = nullptr;
+
+namespace {
+
+/// Entries in memory from which on Write spools and the refill stops.
+const size_t kQueueBound = 500;
+
+const useconds_t kIdlePollUs = 100000;
+const useconds_t kRetryPauseUs = 1000000;
+const useconds_t kHoldOffPauseUs = 1000000;
+const int64_t kHoldOffSeconds = 9;
+
+const char kDefaultPort[] = ":5555";
+
+/// libzmq's form of a CURVE key: 40 characters of Z85 and a terminating zero.
+const size_t kCurveKeyLength = 41;
+
+/// Bounds of the look for writability before a send, in looks. A look costs about a
+/// microsecond, so the longest wait is far below the sleep that it saves.
+const int kMinLooks = 1;
+const int kMaxLooks = 64;
+
+/// A forgotten socket keeps its connection. A laptop's primary may come and go a thousand times
+/// between two restarts, and libzmq has no more than 1023 sockets to give.
+const size_t kMaxDroppedSockets = 8;
+
+void count_one(std::atomic<uint64_t>& counter) {
+  counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
+class MutexLock {
+ public:
+  explicit MutexLock(pthread_mutex_t* mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
+  ~MutexLock() { pthread_mutex_unlock(mutex_); }
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+
+ private:
+  pthread_mutex_t* mutex_;
+};
+
+/// A progress line on standard output, visible at once even when that is a pipe or a file.
+void print_line(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+void print_line(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vprintf(format, arguments);
+  va_end(arguments);
+  fflush(stdout);
+}
+
+// -- Configuration --------------------------------------------------------------------------------
+
+std::string string_setting(const char* key, const std::string& default_value) {
+  return settings ? settings->getStringVal(key, default_value.c_str()) : default_value;
+}
+
+int int_setting(const char* key, int default_value) {
+  return settings ? settings->getIntVal(key, default_value) : default_value;
+}
+
+void trim(std::string& text) {
+  const auto is_space = [](unsigned char c) { return isspace(c) != 0; };
+  text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), is_space));
+  text.erase(std::find_if_not(text.rbegin(), text.rend(), is_space).base(), text.end());
+}
+
+/// Megabytes as bytes, by a 32-bit shift on purpose: 2048 MB and more wrap around.
+int megabytes_to_bytes(int megabytes) {
+  return static_cast<int>(static_cast<unsigned int>(megabytes) << 20);
+}
+
+/// Toward zero. What no int can hold gives what x86-64's conversion gives.
+int truncate_to_int(double value) {
+  return value > INT_MIN - 1.0 && value < INT_MAX + 1.0 ? static_cast<int>(value) : INT_MIN;
+}
+
+/// Size of the file system that holds the working directory (not the spool); 0 when that cannot be
+/// found out. By the block size field and not the fragment size, on purpose.
+double working_disk_mb() {
+  char folder[1024];
+  struct statvfs disk;
+  if (!getcwd(folder, sizeof folder) || statvfs(folder, &disk) != 0)
+    return 0.0;
+  return static_cast<double>(disk.f_bsize) * static_cast<double>(disk.f_blocks) / 1048576.0;
+}
+
+void set_spool_limits(PersistentQueue* spool) {
+  const int relative = int_setting("disk.usage.relative", 10);
+  const int absolute = int_setting("disk.usage.absolute", 500);
+  const double disk_mb = working_disk_mb();
+  const double relative_mb = relative * disk_mb / 100.0;
+  const int limit_mb = absolute <= relative_mb ? absolute : truncate_to_int(relative_mb);
+  reports::info("Disk size is %0.2fMb, setting maximum usage to %dMb", disk_mb, limit_mb);
+  const int chunk_mb = int_setting("pqueue.chunk.size", 10);
+  spool->SetLimits(megabytes_to_bytes(chunk_mb), megabytes_to_bytes(limit_mb));
+}
+
+// -- Connection -----------------------------------------------------------------------------------
+
+void set_int_option(void* socket, int option, int value) {
+  zmq_setsockopt(socket, option, &value, sizeof value);
+}
+
+/// A key pair of its own for every connection, never kept.
+void set_client_keys(void* socket) {
+  char public_key[kCurveKeyLength] = {0};
+  char secret_key[kCurveKeyLength] = {0};
+  zmq_curve_keypair(public_key, secret_key);
+  zmq_setsockopt(socket, ZMQ_CURVE_PUBLICKEY, public_key, sizeof public_key);
+  zmq_setsockopt(socket, ZMQ_CURVE_SECRETKEY, secret_key, sizeof secret_key);
+}
+
+/// The byte that two hexadecimal digits stand for. Upper-case on purpose: a lower-case letter comes
+/// out right as the first digit only, as the second it also sets bit 0x20.
+unsigned char decode_digits(signed char first, signed char second) {
+  const int high = first > 0x40 ? first - 7 : first;
+  const int low = second > 0x40 ? second - 0x37 : second - 0x30;
+  return static_cast<unsigned char>(static_cast<unsigned int>(high) << 4 |
+                                    static_cast<unsigned int>(low));
+}
+
+/// The server's key, from hexadecimal text of any length: what libzmq makes of the length that
+/// comes out is left to libzmq. A wrong key never opens the connection to plain text, since the
+/// client keys have switched the socket to CURVE by then.
+void set_server_key(void* socket, const std::string& hex) {
+  unsigned char key[kCurveKeyLength] = {0};
+  const char* digits = hex.c_str();
+  const size_t bytes = strlen(digits) / 2;
+  const size_t length = std::min(bytes, kCurveKeyLength);
+  for (size_t i = 0; i < length; ++i)
+    key[i] = decode_digits(static_cast<signed char>(digits[2 * i]),
+                           static_cast<signed char>(digits[2 * i + 1]));
+  zmq_setsockopt(socket, ZMQ_CURVE_SERVERKEY, key, length);
+}
+
+// -- Records and messages -------------------------------------------------------------------------
+
+void* allocate(size_t size) {
+  void* block = malloc(size > 0 ? size : 1);
+  if (!block)
+    out_of_memory("malloc");
+  return block;
+}
+
+void* copy_of(const void* data, size_t size) {
+  void* copy = allocate(size);
+  if (size > 0)
+    memcpy(copy, data, size);
+  return copy;
+}
+
+/// A record with one queue entry, for the caller to push.
+zmq_message* new_record(void* body, uint64_t size) {
+  zmq_message* record = static_cast<zmq_message*>(allocate(sizeof(zmq_message)));
+  record->data = body;
+  record->size = size;
+  record->entries = 1;
+  record->done = false;
+  return record;
+}
+
+/// Marks a record as settled. Its body, if it still owns one, goes at once; the record itself as
+/// soon as no queue entry refers to it.
+void settle_record(zmq_message* record) {
+  free(record->data);
+  record->data = nullptr;
+  record->done = true;
+  if (record->entries == 0)
+    free(record);
+}
+
+/// Pops the entry at the head. Gives its record, or null when the entry was a stale one: its
+/// record has been settled, and goes with its last entry.
+zmq_message* pop_entry(std::queue<zmq_message*>& queue) {
+  zmq_message* record = queue.front();
+  queue.pop();
+  record->entries -= 1;
+  if (!record->done)
+    return record;
+  if (record->entries == 0)
+    free(record);
+  return nullptr;
+}
+
+void free_data(void* data, void* /* hint */) {
+  free(data);
+}
+
+/// Second half of a message's initialisation: after zmq_msg_init_size(msg, size) has succeeded,
+/// gives it `body` as its content, without copying. Owns `body` from now on. After a failure `msg`
+/// must not be used.
+///
+/// The two initialisations of one message object without a close between them are wanted so. But
+/// the first one has set aside room for `size` bytes that the second no longer knows of. A
+/// message object is a handle: a copy of its bits, closed afterwards, gives the room back.
+bool adopt_body(zmq_msg_t* msg, void* body, size_t size) {
+  zmq_msg_t sized = *msg;
+  const bool adopted = zmq_msg_init_data(msg, body, size, free_data, nullptr) == 0;
+  zmq_msg_close(&sized);
+  if (!adopted)
+    free(body);
+  return adopted;
+}
+
+}  // namespace
+
+static void* worker_func(void* worker) {
+  static_cast<ZmqWorker*>(worker)->DoWork();
+  return worker;
+}
+
+// -- The send loop --------------------------------------------------------------------------------
+
+/// The send thread's work and its local state. One pass of the inner loop makes one attempt to
+/// deliver `current`: the primary is always tried first, then what `state` says.
+class ZmqWorker::SendLoop {
+ public:
+  explicit SendLoop(ZmqWorker& owner) : worker(owner) {}
+  void run();
+
+ private:
+  enum State { STATE_PRIMARY = 0, STATE_NO_SECONDARY = 1, STATE_SECONDARY = 2 };
+  enum Outcome { kDelivered, kFailed, kStopped };
+
+  bool holding_off() const;
+  void drain_queue();
+  bool take_current();
+  bool make_message();
+  Outcome deliver();
+  Outcome primary_answered();
+  Outcome primary_did_not_answer();
+  Outcome send_to_secondary(bool switched);
+  Outcome search_secondaries();
+
+  bool send_to_primary();
+  void wait_for_room();
+  void close_secondary(void* secondary);
+  void forget_secondary();
+
+  void release_and_refill();
+  void refill();
+  void requeue();
+  void abandon();
+
+  ZmqWorker& worker;
+  State state = STATE_PRIMARY;
+  void* secondary_socket = nullptr;
+  /// The record being sent. Its queue entries, if any, are those that failed passes left.
+  zmq_message* current = nullptr;
+  zmq_msg_t msg;
+
+  // For the look for writability.
+  bool primary_answers = false;  ///< the latest send to the primary succeeded
+  bool backlog = false;          ///< entries were waiting when `current` was popped
+  int looks = kMaxLooks;         ///< how often to look at most, by the latest experience
+};
+
+void ZmqWorker::SendLoop::run() {
+  while (worker.running) {
+    if (holding_off()) {
+      usleep(kHoldOffPauseUs);
+      continue;
+    }
+    drain_queue();
+    usleep(kIdlePollUs);
+  }
+  if (secondary_socket)
+    close_secondary(secondary_socket);
+}
+
+/// Ten seconds after the primary was marked as failed, but only if the loop comes by here while it
+/// is: requeue normally keeps drain_queue going instead. The "5 minutes" of the warning are no
+/// interval of the program. Both on purpose.
+bool ZmqWorker::SendLoop::holding_off() const {
+  return state == STATE_PRIMARY && worker.main_fail_time > 0 &&
+         worker.currentTime() - worker.main_fail_time <= kHoldOffSeconds;
+}
+
+void ZmqWorker::SendLoop::drain_queue() {
+  while (worker.running && take_current()) {
+    if (!make_message()) {
+      reports::warning("Failed to initialize zmq_message");
+      break;
+    }
+    const Outcome outcome = deliver();
+    if (outcome == kDelivered)
+      release_and_refill();
+    else if (outcome == kFailed)
+      requeue();
+    zmq_msg_close(&msg);
+    if (outcome == kStopped)
+      break;
+  }
+  abandon();
+}
+
+/// A record that was requeued is kept and sent again at once. Otherwise pops the next, past the
+/// entries of records that were delivered meanwhile. False when nothing waits.
+bool ZmqWorker::SendLoop::take_current() {
+  if (current)
+    return true;
+  bool skipped;
+  do {
+    skipped = false;
+    {
+      MutexLock lock(&worker.mutex);
+      while (!current && !worker.queue.empty()) {
+        current = pop_entry(worker.queue);
+        skipped = skipped || !current;
+      }
+      backlog = !worker.queue.empty();
+      worker.in_work = current || skipped;
+    }
+    // Skipped entries may have been all that kept spooled messages out of memory, and no delivery
+    // is to come that would fetch them.
+    if (!current && skipped)
+      refill();
+  } while (!current && skipped);
+  return current != nullptr;
+}
+
+/// Each attempt sends a copy of its own, so that `current` survives a failure.
+bool ZmqWorker::SendLoop::make_message() {
+  return zmq_msg_init_size(&msg, current->size) == 0 &&
+         adopt_body(&msg, copy_of(current->data, current->size), current->size);
+}
+
+ZmqWorker::SendLoop::Outcome ZmqWorker::SendLoop::deliver() {
+  if (send_to_primary())
+    return primary_answered();
+  if (!worker.running)
+    return kStopped;
+  switch (state) {
+    case STATE_PRIMARY:
+      return worker.main_fail_time == 0 ? primary_did_not_answer() : search_secondaries();
+    case STATE_NO_SECONDARY:
+      return search_secondaries();
+    case STATE_SECONDARY:
+      return send_to_secondary(false);
+  }
+  return kFailed;
+}
+
+ZmqWorker::SendLoop::Outcome ZmqWorker::SendLoop::primary_answered() {
+  worker.main_fail_time = 0;
+  if (state != STATE_PRIMARY)
+    reports::warning("Main zmq server %s is back online", worker.server.c_str());
+  state = STATE_PRIMARY;
+  return kDelivered;
+}
+
+/// The first time: it gets one more pass before the secondaries are searched.
+ZmqWorker::SendLoop::Outcome ZmqWorker::SendLoop::primary_did_not_answer() {
+  reports::warning("Main zmq server %s is not responding, 5 minutes timeout...",
+                   worker.server.c_str());
+  worker.main_fail_time = worker.currentTime();
+  return kFailed;
+}
+
+/// With `switched` the secondary has just accepted this very message, which that left empty: so the
+/// first thing that a secondary gets after its first message is an empty one, and if it does
+/// not take that, the message counts as delivered all the same. Both on purpose.
+ZmqWorker::SendLoop::Outcome ZmqWorker::SendLoop::send_to_secondary(bool switched) {
+  if (worker.zmq_blocking_send(secondary_socket, &msg) >= 0) {
+    state = STATE_SECONDARY;
+    return kDelivered;
+  }
+  reports::warning("Secondary server %s is not responding", worker.secondary_server.c_str());
+  close_secondary(secondary_socket);
+  secondary_socket = nullptr;
+  state = STATE_NO_SECONDARY;
+  return switched ? kDelivered : kFailed;
+}
+
+ZmqWorker::SendLoop::Outcome ZmqWorker::SendLoop::search_secondaries() {
+  const int32_t count = static_cast<int32_t>(worker.secondary_servers.size());
+  for (worker.secondary_index = 0; worker.secondary_index < count; ++worker.secondary_index) {
+    worker.secondary_server = worker.secondary_servers[worker.secondary_index];
+    // May be null; a send on null simply fails.
+    void* candidate = worker.Connect(worker.secondary_server);
+    if (worker.zmq_blocking_send(candidate, &msg) >= 0) {
+      reports::warning("Switched to secondary server %s", worker.secondary_server.c_str());
+      forget_secondary();
+      secondary_socket = candidate;
+      return send_to_secondary(true);
+    }
+    close_secondary(candidate);
+  }
+  if (count > 0)
+    forget_secondary();
+  reports::warning("Could not connect to any of secondary servers!");
+  state = STATE_NO_SECONDARY;
+  return kFailed;
+}
+
+bool ZmqWorker::SendLoop::send_to_primary() {
+  if (backlog && primary_answers)
+    wait_for_room();
+  primary_answers = worker.zmq_blocking_send(worker.socket, &msg) >= 0;
+  return primary_answers;
+}
+
+/// With a high-water mark of 1 every message waits until libzmq's I/O thread has taken the one
+/// before. A blocking send sleeps through that and is woken, which costs far more than the
+/// hand-over itself. So while a backlog is there to be worked off and the primary is answering,
+/// this looks a few times first; the send that follows is the same either way. It looks less
+/// often when that was in vain.
+void ZmqWorker::SendLoop::wait_for_room() {
+  for (int look = 0; look < looks; ++look) {
+    int events = 0;
+    size_t length = sizeof events;
+    if (zmq_getsockopt(worker.socket, ZMQ_EVENTS, &events, &length) != 0)
+      return;
+    if (events & ZMQ_POLLOUT) {
+      looks = std::min(looks * 2, kMaxLooks);
+      return;
+    }
+  }
+  looks = std::max(looks / 2, kMinLooks);
+}
+
+void ZmqWorker::SendLoop::close_secondary(void* secondary) {
+  zmq_disconnect(secondary, worker.secondary_server.c_str());
+  zmq_close(secondary);
+}
+
+/// A secondary that was left because the primary came back is neither closed nor used again: the
+/// next search lets go of its socket. The context cannot end before its sockets are closed,
+/// so they are kept for Stop to close, and the oldest is closed when they become many.
+void ZmqWorker::SendLoop::forget_secondary() {
+  if (!secondary_socket)
+    return;
+  worker.dropped_sockets.push_back(secondary_socket);
+  secondary_socket = nullptr;
+  if (worker.dropped_sockets.size() > kMaxDroppedSockets) {
+    zmq_close(worker.dropped_sockets.front());
+    worker.dropped_sockets.pop_front();
+  }
+}
+
+void ZmqWorker::SendLoop::release_and_refill() {
+  settle_record(current);
+  current = nullptr;
+  refill();
+}
+
+/// Tops the queue up from the spool. A spool that has less than it said gives an empty record.
+void ZmqWorker::SendLoop::refill() {
+  while (!zmq_pqueue->IsEmpty()) {
+    {
+      MutexLock lock(&worker.mutex);
+      if (worker.queue.size() >= kQueueBound)
+        return;
+    }
+    unsigned short size = 0;
+    void* body = zmq_pqueue->Get(&size);
+    zmq_message* record = new_record(body, size);
+    MutexLock lock(&worker.mutex);
+    worker.queue.push(record);
+  }
+}
+
+/// Every failed pass leaves one more entry at the tail, while `current` is tried again at once.
+void ZmqWorker::SendLoop::requeue() {
+  MutexLock lock(&worker.mutex);
+  current->entries += 1;
+  worker.queue.push(current);
+}
+
+/// Leaves `current` to its queue entries; without any it is lost.
+void ZmqWorker::SendLoop::abandon() {
+  if (current && current->entries == 0)
+    settle_record(current);
+  current = nullptr;
+  MutexLock lock(&worker.mutex);
+  worker.in_work = false;
+}
+
+// -- The worker -----------------------------------------------------------------------------------
+
+void ZmqWorker::Init(std::string default_server, std::string default_public_key,
+                     std::string default_secondary_servers) {
+  pthread_mutex_init(&mutex, nullptr);
+  if (!zmq_pqueue) {
+    zmq_pqueue = new PersistentQueue();
+    set_spool_limits(zmq_pqueue);
+  }
+  server = correct_zmq_uri(string_setting("zmq.server", default_server));
+  public_key = string_setting("zmq.public_key", default_public_key);
+
+  const std::string list = string_setting("zmq.secondary_servers", default_secondary_servers);
+  for (size_t start = 0; start <= list.size();) {
+    const size_t end = std::min(list.find(',', start), list.size());
+    std::string piece = list.substr(start, end - start);
+    trim(piece);
+    if (!piece.empty())
+      secondary_servers.push_back(correct_zmq_uri(piece));
+    start = end + 1;
+  }
+  running = false;
+}
+
+std::string ZmqWorker::correct_zmq_uri(std::string uri) {
+  if (uri.find("://") == std::string::npos)
+    uri = "tcp://" + uri;
+  // One past the first character of the host, on purpose: a colon right behind the scheme is not
+  // looked at, one inside the brackets of an IPv6 address counts.
+  if (uri.find(':', uri.find("://") + 4) == std::string::npos)
+    uri += kDefaultPort;
+  return uri;
+}
+
+void ZmqWorker::Start() {
+  if (running)
+    return;
+  failed_count = 0;
+  sent_count = 0;
+  context = zmq_ctx_new();
+  print_line("Connecting to %s\n", server.c_str());
+  socket = Connect(server);
+  if (!socket) {
+    reports::error("Failed to open ZMQ socket");
+    return;
+  }
+  running = true;
+  if (pthread_create(&thread, nullptr, worker_func, this) != 0) {
+    running = false;
+    reports::error("Failed to start the send thread");
+  }
+}
+
+void* ZmqWorker::Connect(std::string uri) {
+  void* s = zmq_socket(context, ZMQ_PUSH);
+  if (!s) {
+    reports::error("Failed to open ZMQ socket");
+    return nullptr;
+  }
+  const int timeout_ms = 3000;
+  set_int_option(s, ZMQ_RCVTIMEO, timeout_ms);
+  set_int_option(s, ZMQ_SNDTIMEO, timeout_ms);
+  set_int_option(s, ZMQ_LINGER, timeout_ms);
+  set_int_option(s, ZMQ_IMMEDIATE, 1);
+  set_int_option(s, ZMQ_SNDHWM, 1);
+  set_client_keys(s);
+  print_line("Using zmq server %s\n", uri.c_str());
+  print_line("Using zmq public key %s\n", public_key.c_str());
+  set_server_key(s, public_key);
+  if (zmq_connect(s, uri.c_str()) != 0) {
+    reports::error("Failed to connect to ZMQ server %s", uri.c_str());
+    zmq_close(s);
+    return nullptr;
+  }
+  return s;
+}
+
+void ZmqWorker::Write(unsigned long size, const void* data) {
+  MutexLock lock(&mutex);
+  if (queue.size() < kQueueBound)
+    queue.push(new_record(copy_of(data, size), size));
+  else if (zmq_pqueue)  // gone once stopped
+    zmq_pqueue->Store(static_cast<unsigned short>(size), const_cast<void*>(data));
+}
+
+void ZmqWorker::DoWork() {
+  main_fail_time = 0;
+  secondary_index = 0;
+  if (running)
+    SendLoop(*this).run();
+}
+
+int ZmqWorker::zmq_blocking_send(void* to, zmq_msg_t* msg) {
+  int result = zmq_sendmsg(to, msg, 0);
+  if (result < 0 && running) {
+    usleep(kRetryPauseUs);
+    result = zmq_sendmsg(to, msg, 0);
+  }
+  count_one(result >= 0 ? sent_count : failed_count);
+  return result;
+}
+
+int64_t ZmqWorker::currentTime() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return now.tv_sec;
+}
+
+void ZmqWorker::Stop() {
+  if (!running.exchange(false))
+    return;
+  pthread_join(thread, nullptr);
+  flush_queue();
+  // %d as ever: counts are cut to 32 bits.
+  print_line("ZMQ worker finished, sent %d messages, failed %d times\n",
+             static_cast<int>(sent_count.load()), static_cast<int>(failed_count.load()));
+  if (socket) {
+    zmq_disconnect(socket, server.c_str());
+    zmq_close(socket);
+    socket = nullptr;
+  }
+  for (void* dropped : dropped_sockets)
+    zmq_close(dropped);
+  dropped_sockets.clear();
+  if (context) {
+    zmq_ctx_destroy(context);
+    context = nullptr;
+  }
+  {
+    MutexLock lock(&mutex);
+    delete zmq_pqueue;
+    zmq_pqueue = nullptr;
+  }
+  reports::deliver_pending();
+}
+
+void ZmqWorker::flush_queue() {
+  MutexLock lock(&mutex);
+  while (!queue.empty()) {
+    zmq_message* record = pop_entry(queue);
+    if (!record)
+      continue;
+    zmq_msg_t msg;
+    void* const body = record->data;
+    // From here on the body is the message's. When there is no message, it is nobody's: that it is
+    // not freed then is on purpose.
+    record->data = nullptr;
+    bool sent = false;
+    if (zmq_msg_init_size(&msg, record->size) == 0 && adopt_body(&msg, body, record->size)) {
+      sent = zmq_blocking_send(socket, &msg) >= 0;
+      zmq_msg_close(&msg);
+    }
+    if (!sent)
+      count_one(dropped_by_flush);
+    settle_record(record);
+  }
+}
+
+void ZmqWorker::FillStatus(DravenholtZmqWriterStatus* status) {
+  MutexLock lock(&mutex);
+  status->queued = queue.size();
+  status->in_work = in_work;
+  status->spooled = zmq_pqueue && !zmq_pqueue->IsEmpty();
+  status->running = running;
+  status->sent = sent_count.load(std::memory_order_relaxed);
+  status->failed = failed_count.load(std::memory_order_relaxed);
+}
+
+}  // namespace writer
+}  // namespace logging
