@@ -1,0 +1,93 @@
+// Root of the host's reference-counted objects.
+//
+// Counts start at 1, are plain integers and belong to the main thread: creating a BroObj
+// elsewhere aborts here.
+#pragma once
+
+#include <limits.h>
+
+#include "SerialObj.h"
+#include "util.h"
+
+using namespace std;
+
+class ODesc;
+
+/// Where in the scripts something stands.
+class Location {
+ public:
+  Location(const char* fname, int line_f, int line_l, int col_f, int col_l)
+      : filename(fname),
+        first_line(line_f),
+        last_line(line_l),
+        first_column(col_f),
+        last_column(col_l) {}
+  Location() : filename(0), first_line(0), last_line(0), first_column(0), last_column(0) {}
+  virtual ~Location() {}
+
+  virtual void Describe(ODesc* d) const;
+
+  const char* filename;
+  int first_line, last_line;
+  int first_column, last_column;
+};
+
+#define YYLTYPE Location
+
+/// No location is known.
+extern Location no_location;
+/// Where the script parser is.
+extern Location start_location;
+extern Location end_location;
+
+class BroObj : public SerialObj {
+ public:
+  BroObj() : ref_cnt(1) { SetLocationInfo(&start_location, &end_location); }
+  virtual ~BroObj();
+
+  virtual void Describe(ODesc* d) const;
+
+  /// Reports "<msg> (<t1>/<t2>) (<description>)" as a fatal error: the process ends with status 1.
+  void BadTag(const char* msg, const char* t1 = 0, const char* t2 = 0) const;
+
+  const Location* GetLocationInfo() const { return &location; }
+  virtual bool SetLocationInfo(const Location* start, const Location* end);
+
+  int RefCnt() const { return ref_cnt; }
+
+ protected:
+  friend void Ref(BroObj* o);
+  friend void Unref(BroObj* o);
+
+ private:
+  BroObj(const BroObj&);
+  BroObj& operator=(const BroObj&);
+
+  Location location;
+  int ref_cnt;
+};
+
+/// Reports a broken reference count (0: too many, 1: too few) and aborts.
+extern void bad_ref(int type);
+
+/// `o` must not be null.
+inline void Ref(BroObj* o) {
+  if (++o->ref_cnt <= 1 || o->ref_cnt == INT_MAX)
+    bad_ref(0);
+}
+
+/// Null is allowed. Deletes at 0.
+inline void Unref(BroObj* o) {
+  if (!o || --o->ref_cnt > 0)
+    return;
+  if (o->ref_cnt < 0)
+    bad_ref(1);
+  delete o;
+}
+
+/// Ends the process through BadTag if the tags differ. For use inside a BroObj.
+#define CHECK_TAG(tag1, tag2, text, tag_to_text)          \
+  do {                                                    \
+    if ((tag1) != (tag2))                                 \
+      BadTag(text, tag_to_text(tag1), tag_to_text(tag2)); \
+  } while (0)
