@@ -78,6 +78,11 @@ int64_t record_size(uint16_t length) {
   return static_cast<int64_t>(kRecordHeaderSize) + length;
 }
 
+int64_t size_of(FILE* file) {
+  struct stat status;
+  return fstat(fileno(file), &status) == 0 ? status.st_size : 0;
+}
+
 // How many records an open chunk file has by their lengths, whatever its header says.
 uint32_t count_by_walking(FILE* file, int64_t file_size) {
   uint32_t count = 0;
@@ -92,21 +97,45 @@ uint32_t count_by_walking(FILE* file, int64_t file_size) {
 // The header of an open chunk file as it stands on disk, taken without looking at the signature.
 //
 // The record count is trusted, with one exception. A chunk file never shrinks, so one that has no
-// room for the records it claims was damaged by something else; it has the records that can be
-// walked. That also bounds every walk by the size of the file.
+// room for the records it claims was damaged, or filled up its disk; it has the records that can
+// be walked.
 Header read_header(FILE* file) {
   unsigned char bytes[kHeaderSize];
   fseeko(file, 0, SEEK_SET);
   read_or_zero(file, bytes, sizeof bytes);
   Header header = decode_header(bytes);
 
-  struct stat status;
-  const int64_t file_size = fstat(fileno(file), &status) == 0 ? status.st_size : 0;
+  const int64_t file_size = size_of(file);
   const int64_t room =
       (file_size - static_cast<int64_t>(kHeaderSize)) / static_cast<int64_t>(kRecordHeaderSize);
   if (header.record_count > room)
     header.record_count = count_by_walking(file, file_size);
   return header;
+}
+
+// The last of the first `record_count` records and where it starts; with no records an empty one
+// right after the file's header. Lengths that lead past the end of the file find empty records
+// there, as if zero bytes followed it without end; those are not read one by one.
+struct LastRecord {
+  int64_t start;
+  RecordHeader header;
+};
+
+LastRecord find_last_record(FILE* file, uint32_t record_count) {
+  const int64_t file_size = size_of(file);
+  LastRecord last = {kHeaderSize, {0, 0}};
+  int64_t position = kHeaderSize;
+  for (uint32_t left = record_count; left > 0; --left) {
+    if (position >= file_size) {
+      last.start = position + record_size(0) * (left - 1);
+      last.header = {0, 0};
+      break;
+    }
+    last.start = position;
+    last.header = read_record_header(file, position);
+    position += record_size(last.header.length);
+  }
+  return last;
 }
 
 void write_header(FILE* file, uint32_t used_size, uint32_t record_count) {
@@ -220,7 +249,7 @@ void PersistentQueue::take_newest(uint16_t* length, void** payload) {
   const RecordHeader record = read_record_header(head_file, start);
   top_length = record.prev_length;
   *length = record.length;
-  *payload = read_payload(record.length);
+  *payload = read_payload(start, record.length);
   mark_taken(start);
 }
 
@@ -230,25 +259,21 @@ void PersistentQueue::take_newest(uint16_t* length, void** payload) {
 // on; a newest record of length 0 leads here.
 void PersistentQueue::take_by_scanning(uint16_t* length, void** payload) {
   const uint32_t record_count = read_header(head_file).record_count;
-  int64_t position = kHeaderSize;
-  for (uint32_t i = 0; i < record_count; ++i) {
-    const RecordHeader record = read_record_header(head_file, position);
-    top_length = record.prev_length;
-    if (i + 1 == record_count) {
-      *length = record.length;
-      *payload = read_payload(record.length);
-    } else {
-      position += record_size(record.length);
-    }
+  const LastRecord last = find_last_record(head_file, record_count);
+  if (record_count > 0) {
+    top_length = last.header.prev_length;
+    *length = last.header.length;
+    *payload = read_payload(last.start, last.header.length);
   }
-  mark_taken(position);
+  mark_taken(last.start);
 }
 
-void* PersistentQueue::read_payload(uint16_t length) {
+void* PersistentQueue::read_payload(int64_t record_start, uint16_t length) {
   // Never 0 bytes, for which some systems give null.
   void* payload = malloc(length > 0 ? length : 1);
   if (!payload)
     out_of_memory("malloc");
+  fseeko(head_file, record_start + record_size(0), SEEK_SET);
   read_or_zero(head_file, payload, length);
   return payload;
 }
@@ -281,12 +306,13 @@ void PersistentQueue::openFile() {
     Header header = {false, 0, 0};
     if (head_file) {
       header = read_header(head_file);
-      int64_t position = kHeaderSize;
-      for (uint32_t i = 0; i < header.record_count; ++i) {
-        top_length = read_record_header(head_file, position).length;
-        position += record_size(top_length);
+      const LastRecord last = find_last_record(head_file, header.record_count);
+      int64_t top = kHeaderSize;
+      if (header.record_count > 0) {
+        top_length = last.header.length;
+        top = last.start + record_size(top_length);
       }
-      fseeko(head_file, position, SEEK_SET);
+      fseeko(head_file, top, SEEK_SET);
     }
     set(head_records, header.record_count);
     // As stored, with the 12 bytes of the header in it, which closing adds once more: on purpose,

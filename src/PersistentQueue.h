@@ -77,7 +77,7 @@ class PersistentQueue {
   void take_newest(uint16_t* length, void** payload);
   void take_by_scanning(uint16_t* length, void** payload);
   int64_t step_back() const;
-  void* read_payload(uint16_t length);
+  void* read_payload(int64_t record_start, uint16_t length);
   void mark_taken(int64_t record_start);
   void account(int64_t records, int64_t bytes);
 
