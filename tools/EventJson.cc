@@ -1,0 +1,381 @@
+#include "EventJson.h"
+
+#include <arpa/inet.h>
+#include <time.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include <flatbuffers/flatbuffers.h>
+#include <flatbuffers/minireflect.h>
+
+// The schema's header again, this time with the tables that describe it. It defines the same names
+// as the plain one, which other units of a program may include, hence the namespace around it.
+namespace reflected {
+#include "aggregator_reflected.h"
+}
+
+namespace {
+
+using flatbuffers::TypeTable;
+using reflected::Dravenholt::NetworkEvent;
+
+constexpr std::size_t kLargestMessage = 0x7fffffff;
+
+/// Length of the valid UTF-8 sequence at the start of `text`, 0 if there is none.
+std::size_t utf8_length(const unsigned char* text, std::size_t size) {
+  const unsigned char lead = text[0];
+  if (lead < 0x80)
+    return 1;
+  if (lead < 0xc2 || lead > 0xf4)
+    return 0;
+  const std::size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+  if (size < length)
+    return 0;
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((text[i] & 0xc0) != 0x80)
+      return 0;
+  }
+  // Overlong forms, surrogates, and what is above U+10FFFF show in the second byte.
+  if ((lead == 0xe0 && text[1] < 0xa0) || (lead == 0xed && text[1] > 0x9f) ||
+      (lead == 0xf0 && text[1] < 0x90) || (lead == 0xf4 && text[1] > 0x8f))
+    return 0;
+  return length;
+}
+
+void append_escape(std::string* out, unsigned code) {
+  char text[7];
+  std::snprintf(text, sizeof text, "\\u%04x", code);
+  *out += text;
+}
+
+void append_ascii(std::string* out, unsigned char c) {
+  switch (c) {
+    case '"':
+      *out += "\\\"";
+      break;
+    case '\\':
+      *out += "\\\\";
+      break;
+    case '\n':
+      *out += "\\n";
+      break;
+    case '\r':
+      *out += "\\r";
+      break;
+    case '\t':
+      *out += "\\t";
+      break;
+    default:
+      if (c < 0x20 || c == 0x7f)
+        append_escape(out, c);
+      else
+        *out += static_cast<char>(c);
+  }
+}
+
+/// Whether a text needs no quotes in the text form.
+bool is_plain(const char* text, std::size_t size) {
+  if (size == 0 || (size == 1 && *text == '-'))
+    return false;
+  for (std::size_t i = 0; i < size; ++i) {
+    if (text[i] <= ' ' || text[i] >= 0x7f || std::strchr("\"\\={}[]", text[i]))
+      return false;
+  }
+  return true;
+}
+
+/// An address's bytes as text.
+std::string address_text(const std::uint8_t* bytes, std::size_t size) {
+  char text[INET6_ADDRSTRLEN];
+  if (size == 0)
+    return "";
+  if (size == 4 || size == 16) {
+    inet_ntop(size == 4 ? AF_INET : AF_INET6, bytes, text, sizeof text);
+    return text;
+  }
+  std::string hex = "0x";
+  for (std::size_t i = 0; i < size; ++i) {
+    std::snprintf(text, sizeof text, "%02x", bytes[i]);
+    hex += text;
+  }
+  return hex;
+}
+
+/// "2011-03-18T19:06:07.096535Z"; the number itself if it is no date.
+std::string time_text(double ts) {
+  constexpr double kYear9999 = 253402300800.0;
+  char text[64];
+  if (!(ts >= 0 && ts < kYear9999)) {
+    std::snprintf(text, sizeof text, "%g", ts);
+    return text;
+  }
+  const auto micros = static_cast<long long>(std::llround(ts * 1e6));
+  const auto seconds = static_cast<time_t>(micros / 1000000);
+  struct tm date;
+  gmtime_r(&seconds, &date);
+  const std::size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &date);
+  std::snprintf(text + length, sizeof text - length, ".%06lldZ", micros % 1000000);
+  return text;
+}
+
+std::string payload_type(const NetworkEvent* event) {
+  const auto type = event->data_type();
+  const char* const name = flatbuffers::EnumName(type, reflected::Dravenholt::DataTypeTable());
+  return name ? name : std::to_string(type);
+}
+
+enum class Style { kJson, kText };
+
+/// Writes tables by means of the schema's description. Only verified ones: nothing is checked here
+/// but what the verifier leaves alone, the payload of an unknown type.
+class Printer {
+ public:
+  Printer(Style style, std::string* out) : json_(style == Style::kJson), out_(*out) {}
+
+  void Table(const flatbuffers::Table* table, const TypeTable* types) {
+    out_ += '{';
+    Fields(table, types);
+    out_ += '}';
+  }
+
+  void Fields(const flatbuffers::Table* table, const TypeTable* types) {
+    const std::uint8_t* previous = nullptr;
+    for (std::size_t i = 0; i < types->num_elems; ++i) {
+      if (i > 0)
+        out_ += json_ ? ',' : ' ';
+      Name(types->names[i]);
+      const std::uint8_t* const field = table->GetAddressOf(
+          flatbuffers::FieldIndexToOffset(static_cast<flatbuffers::voffset_t>(i)));
+      Field(field, types->type_codes[i], types, previous);
+      previous = field;
+    }
+  }
+
+  void String(const char* text, std::size_t size) {
+    if (!json_ && is_plain(text, size))
+      out_.append(text, size);
+    else
+      append_json_string(&out_, text, size);
+  }
+
+  void String(const flatbuffers::String* text) {
+    if (text)
+      String(text->c_str(), text->size());
+    else
+      Absent();
+  }
+
+ private:
+  void Name(const char* name) {
+    if (json_)
+      out_ += '"';
+    out_ += name;
+    out_ += json_ ? "\":" : "=";
+  }
+
+  void Absent() { out_ += json_ ? "null" : "-"; }
+
+  /// `field` is null for a field that the table lacks; `previous` is the field before it, which
+  /// for a union holds its type.
+  void Field(const std::uint8_t* field, flatbuffers::TypeCode code, const TypeTable* types,
+             const std::uint8_t* previous) {
+    const TypeTable* const ref =
+        code.sequence_ref >= 0 ? types->type_refs[code.sequence_ref]() : nullptr;
+    const auto type = static_cast<flatbuffers::ElementaryType>(code.base_type);
+    if (code.is_repeating)
+      Vector(field, type, ref);
+    else if (type == flatbuffers::ET_SEQUENCE && ref->st == flatbuffers::ST_UNION)
+      Union(field, ref, previous);
+    else
+      Value(field, type, ref);
+  }
+
+  void Vector(const std::uint8_t* field, flatbuffers::ElementaryType type, const TypeTable* ref) {
+    if (!field) {
+      Absent();
+      return;
+    }
+    const auto* const vector = reinterpret_cast<const flatbuffers::Vector<std::uint8_t>*>(
+        field + flatbuffers::ReadScalar<flatbuffers::uoffset_t>(field));
+    if (type == flatbuffers::ET_CHAR) {
+      const std::string text = address_text(vector->Data(), vector->size());
+      String(text.data(), text.size());
+      return;
+    }
+    out_ += '[';
+    const std::uint8_t* element = vector->Data();
+    for (flatbuffers::uoffset_t i = 0; i < vector->size(); ++i) {
+      if (i > 0)
+        out_ += json_ ? ',' : ' ';
+      Value(element, type, ref);
+      element += flatbuffers::InlineSize(type, ref);
+    }
+    out_ += ']';
+  }
+
+  void Union(const std::uint8_t* field, const TypeTable* types, const std::uint8_t* previous) {
+    const std::size_t member = previous ? *previous : 0;
+    // The first member is NONE.
+    if (!field || member == 0 || member >= types->num_elems)
+      Absent();
+    else
+      Value(field, flatbuffers::ET_SEQUENCE,
+            types->type_refs[types->type_codes[member].sequence_ref]());
+  }
+
+  template <typename T>
+  static T read(const std::uint8_t* field) {
+    return field ? flatbuffers::ReadScalar<T>(field) : T(0);
+  }
+
+  template <typename T>
+  void Integer(const std::uint8_t* field, const TypeTable* names) {
+    const auto value = read<T>(field);
+    const char* const name = names ? flatbuffers::EnumName(value, names) : nullptr;
+    if (name)
+      String(name, std::strlen(name));
+    else
+      out_ += std::to_string(value);
+  }
+
+  void Floating(double value) {
+    const char* special = nullptr;
+    if (std::isnan(value))
+      special = "NaN";
+    else if (std::isinf(value))
+      special = value > 0 ? "Infinity" : "-Infinity";
+    if (special)
+      String(special, std::strlen(special));
+    else
+      out_ += nlohmann::json(value).dump();  // the shortest digits that read back the same
+  }
+
+  void Value(const std::uint8_t* field, flatbuffers::ElementaryType type, const TypeTable* ref) {
+    switch (type) {
+      case flatbuffers::ET_UTYPE:
+      case flatbuffers::ET_UCHAR:
+        return Integer<std::uint8_t>(field, ref);
+      case flatbuffers::ET_CHAR:
+        return Integer<std::int8_t>(field, ref);
+      case flatbuffers::ET_SHORT:
+        return Integer<std::int16_t>(field, ref);
+      case flatbuffers::ET_USHORT:
+        return Integer<std::uint16_t>(field, ref);
+      case flatbuffers::ET_INT:
+        return Integer<std::int32_t>(field, ref);
+      case flatbuffers::ET_UINT:
+        return Integer<std::uint32_t>(field, ref);
+      case flatbuffers::ET_LONG:
+        return Integer<std::int64_t>(field, ref);
+      case flatbuffers::ET_ULONG:
+        return Integer<std::uint64_t>(field, ref);
+      case flatbuffers::ET_FLOAT:
+        return Floating(static_cast<double>(read<float>(field)));
+      case flatbuffers::ET_DOUBLE:
+        return Floating(read<double>(field));
+      case flatbuffers::ET_BOOL:
+        out_ += read<std::uint8_t>(field) ? "true" : "false";
+        return;
+      case flatbuffers::ET_STRING:
+      case flatbuffers::ET_SEQUENCE:
+        return Reference(field, type, ref);
+    }
+  }
+
+  void Reference(const std::uint8_t* field, flatbuffers::ElementaryType type,
+                 const TypeTable* ref) {
+    if (!field)
+      return Absent();
+    const std::uint8_t* const target =
+        field + flatbuffers::ReadScalar<flatbuffers::uoffset_t>(field);
+    if (type == flatbuffers::ET_STRING)
+      String(reinterpret_cast<const flatbuffers::String*>(target));
+    else
+      Table(reinterpret_cast<const flatbuffers::Table*>(target), ref);
+  }
+
+  const bool json_;
+  std::string& out_;
+};
+
+const NetworkEvent* root(const std::uint8_t* data) {
+  return flatbuffers::GetRoot<NetworkEvent>(data);
+}
+
+}  // namespace
+
+void append_json_string(std::string* out, const char* text, std::size_t size) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+  *out += '"';
+  for (std::size_t i = 0; i < size;) {
+    const std::size_t length = utf8_length(bytes + i, size - i);
+    if (length == 1)
+      append_ascii(out, bytes[i]);
+    else if (length == 0)
+      append_escape(out, 0xdc00u + bytes[i]);
+    else
+      out->append(text + i, length);
+    i += length == 0 ? 1 : length;
+  }
+  *out += '"';
+}
+
+EventMessage::EventMessage(const void* data, std::size_t size)
+    : data_(static_cast<const std::uint8_t*>(data)) {
+  if (size == 0) {
+    problem_ = "empty message";
+    return;
+  }
+  if (size > kLargestMessage) {
+    problem_ = "message of more than 2 GiB";
+    return;
+  }
+  if (reinterpret_cast<std::uintptr_t>(data) % alignof(double) != 0) {
+    aligned_.assign(data_, data_ + size);
+    data_ = aligned_.data();
+  }
+  flatbuffers::Verifier verifier(data_, size);
+  if (!reflected::Dravenholt::VerifyNetworkEventBuffer(verifier))
+    problem_ = "these " + std::to_string(size) + " bytes are no event message";
+}
+
+std::string EventMessage::Json() const {
+  std::string out;
+  Printer(Style::kJson, &out)
+      .Table(flatbuffers::GetRoot<flatbuffers::Table>(data_),
+             reflected::Dravenholt::NetworkEventTypeTable());
+  return out;
+}
+
+std::string EventMessage::Text() const {
+  const NetworkEvent* const event = root(data_);
+  std::string out = time_text(event->ts()) + ' ';
+  Printer printer(Style::kText, &out);
+  printer.String(event->agent_id());
+  out += ' ';
+  printer.String(event->uid());
+  out += ' ' + PayloadType();
+  const TypeTable* const types = reflected::Dravenholt::DataTypeTable();
+  const std::size_t member = event->data_type();
+  if (event->data() && member > 0 && member < types->num_elems) {
+    out += ' ';
+    printer.Fields(static_cast<const flatbuffers::Table*>(event->data()),
+                   types->type_refs[types->type_codes[member].sequence_ref]());
+  }
+  return out;
+}
+
+std::string EventMessage::PayloadType() const {
+  return payload_type(root(data_));
+}
+
+std::string event_to_json(const void* data, std::size_t size, std::string* error) {
+  const EventMessage event(data, size);
+  if (event.valid())
+    return event.Json();
+  *error = event.problem();
+  return "";
+}
