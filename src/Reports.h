@@ -5,18 +5,18 @@
 // that knows how a report gets there:
 //
 //   - on the main thread (the one that loaded the plug-in) `reporter` is called at once;
-//   - on a writer thread (inside a WriterScope) the writer posts a threading::OutputMessage whose
-//     Process() makes the call on the main thread;
-//   - on any other thread (the send thread) the report waits in a small locked list, which the
-//     next DoWrite or DoHeartbeat of any writer posts (forward_pending) and which the worker's
-//     Stop and the writer's destructor, on the main thread, empty (deliver_pending);
+//   - elsewhere the report goes to the end of a small locked list, which the main thread empties
+//     into `reporter`, oldest first. On a writer thread (inside a WriterScope) the writer posts a
+//     threading::OutputMessage right away whose Process() does that. A report of any other thread
+//     (the send thread) waits for the next DoWrite or DoHeartbeat of any writer, which opens such
+//     a scope. The worker's Stop and the writer's destructor empty the list too: so it does not
+//     matter that the host drops what a thread posts once it is being ended;
 //   - where no writer is alive to carry it (a worker used by itself) the call is made at once.
 //
-// The order of the reports of one thread is kept. All functions are thread-safe unless they say
-// otherwise; none throws.
+// Since one list holds them all, reports of one thread never overtake each other. All functions
+// are thread-safe unless they say otherwise; none throws. Without a `reporter` (the host clears it
+// at its very end) reports are dropped.
 #pragma once
-
-#include <string>
 
 namespace threading {
 class MsgThread;
@@ -34,7 +34,7 @@ void warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// Counts a writer instance as alive: construct in the writer's constructor (before its first
-/// report), destroy in its destructor.
+/// report), destroy in its destructor. The last one takes along what still waits in the list.
 class WriterAlive {
  public:
   WriterAlive();
@@ -43,8 +43,9 @@ class WriterAlive {
   WriterAlive& operator=(const WriterAlive&) = delete;
 };
 
-/// While it exists, reports made on this thread are posted through `writer`. Posts what waits in
-/// the list first. Cheap when nothing waits: one relaxed atomic read, no lock.
+/// While it exists, `writer` carries the reports made on this thread, which must be the writer's
+/// own. Sends for what waits in the list first. Cheap when nothing waits: one relaxed atomic read,
+/// no lock. Scopes may be nested.
 class WriterScope {
  public:
   explicit WriterScope(threading::MsgThread* writer);
@@ -56,7 +57,8 @@ class WriterScope {
   threading::MsgThread* previous_;
 };
 
-/// Hands every waiting report to `reporter`, oldest first. Main thread only.
+/// Hands every waiting report to `reporter`, oldest first. On any other thread than the main thread
+/// it leaves them where they are.
 void deliver_pending();
 
 }  // namespace reports
