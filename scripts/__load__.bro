@@ -2,6 +2,8 @@
 ##! word such as LogZMQ::zmq_primary_server=collector.example.net on the command line. They are read
 ##! once, when the host starts.
 
+@load ./rotation-guard.bro
+
 module LogZMQ;
 
 export {
