@@ -1,0 +1,24 @@
+// CURVE keys in the forms that meet here: 32 raw bytes, Z85 text (libzmq's), and the 64 upper-case
+// hexadecimal digits that the plug-in's settings and our key files hold.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+using CurveKey = std::array<std::uint8_t, 32>;
+
+struct CurveKeyPair {
+  CurveKey public_key;
+  CurveKey secret_key;
+};
+
+/// A fresh pair. Throws std::runtime_error when libzmq was built without CURVE.
+CurveKeyPair make_curve_key_pair();
+
+/// 64 upper-case digits.
+std::string to_hex(const CurveKey& key);
+
+/// Reads a key file: 64 hexadecimal digits of either case, white space around them allowed.
+/// Throws std::runtime_error that names the file, says what is wrong, and never quotes its content.
+CurveKey read_key_file(const std::string& path);

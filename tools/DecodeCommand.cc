@@ -1,0 +1,80 @@
+#include "DecodeCommand.h"
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "EventJson.h"
+#include "Output.h"
+#include "RawEvents.h"
+
+namespace {
+
+/// Prints every event of a stream; returns whether all of it could be read and decoded.
+bool decode_stream(std::FILE* stream, const std::string& name, Output* out) {
+  RawEventReader reader(stream);
+  bool good = true;
+  const auto report = [&](const std::string& problem) {
+    out->Flush();  // keeps the order when both streams go to the same place
+    std::fprintf(stderr, "%s: offset %llu: %s\n", name.c_str(),
+                 static_cast<unsigned long long>(reader.offset()), problem.c_str());
+    good = false;
+  };
+  std::string message;
+  while (!out->failed() && reader.Next(&message)) {
+    std::string problem;
+    const std::string json = event_to_json(message.data(), message.size(), &problem);
+    if (problem.empty())
+      out->WriteLine(json);
+    else
+      report(problem);
+  }
+  if (!reader.problem().empty())
+    report(reader.problem());
+  return good;
+}
+
+bool decode_file(const std::string& file, Output* out) {
+  if (file == "-")
+    return decode_stream(stdin, "standard input", out);
+  std::FILE* const stream = std::fopen(file.c_str(), "rb");
+  if (!stream) {
+    std::fprintf(stderr, "%s: cannot be opened: %s\n", file.c_str(), std::strerror(errno));
+    return false;
+  }
+  const bool good = decode_stream(stream, file, out);
+  std::fclose(stream);
+  return good;
+}
+
+int decode_files(std::vector<std::string> files) {
+  if (files.empty())
+    files.push_back("-");
+  Output out;
+  bool good = true;
+  for (const std::string& file : files)
+    good = decode_file(file, &out) && good;
+  out.Flush();
+  if (out.failed())
+    throw std::runtime_error(out.problem());
+  return good ? 0 : 1;
+}
+
+}  // namespace
+
+void add_decode_command(CLI::App& app, int* exit_code) {
+  CLI::App* const command = app.add_subcommand("decode", "Print raw event messages as JSON");
+  command->footer(
+      "A file holds messages as 'collect --format raw' writes them, each after its length as\n"
+      "32-bit little-endian number, or one single message and nothing else. What is no event is\n"
+      "reported with file and offset; the rest is decoded all the same.");
+  const auto files = std::make_shared<std::vector<std::string>>();
+  command->add_option("FILE", *files, "Files of raw messages; standard input without any, or for -")
+      ->type_name("");
+  command->callback([files, exit_code] { *exit_code = decode_files(*files); });
+}

@@ -1,0 +1,84 @@
+#include "KeygenCommand.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "CurveKey.h"
+#include "Output.h"
+
+namespace {
+
+[[noreturn]] void fail(const std::string& file, const std::string& what) {
+  throw std::runtime_error(file + ": " + what);
+}
+
+/// Creates `file`, which must not exist, with `mode` from its first moment on. What was written of
+/// it does not stay behind a failure.
+void create_file(const std::string& file, const std::string& content, mode_t mode) {
+  const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  if (fd < 0 && errno == EEXIST)
+    fail(file, "exists already and is not overwritten; move it away or choose another --dir");
+  if (fd < 0)
+    fail(file, std::string("cannot be created: ") + std::strerror(errno));
+  const bool written =
+      write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
+      fsync(fd) == 0;
+  const int error = errno;
+  if (close(fd) == 0 && written)
+    return;
+  unlink(file.c_str());
+  fail(file, std::string("cannot be written: ") + std::strerror(written ? errno : error));
+}
+
+void make_folder(const std::string& folder) {
+  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
+    fail(folder, std::string("cannot create the folder: ") + std::strerror(errno));
+}
+
+int make_keys(const std::string& folder) {
+  make_folder(folder);
+  const std::string public_file = folder + "/server.public";
+  const std::string secret_file = folder + "/server.secret";
+  const CurveKeyPair pair = make_curve_key_pair();
+  create_file(secret_file, to_hex(pair.secret_key) + "\n", 0600);
+  try {
+    create_file(public_file, to_hex(pair.public_key) + "\n", 0644);
+  } catch (...) {
+    // Half a pair is of no use, and would be in the way of the next attempt.
+    unlink(secret_file.c_str());
+    throw;
+  }
+
+  std::fprintf(stderr,
+               "Wrote %s (for the agents) and %s (for the collector; keep it secret).\n"
+               "The agents' settings file needs this line:\n",
+               public_file.c_str(), secret_file.c_str());
+  Output out;
+  out.WriteLine("zmq.public_key = " + to_hex(pair.public_key));
+  out.Flush();
+  if (out.failed())
+    throw std::runtime_error(out.problem());
+  return 0;
+}
+
+}  // namespace
+
+void add_keygen_command(CLI::App& app, int* exit_code) {
+  CLI::App* const command =
+      app.add_subcommand("keygen",
+                         "Make a collector's CURVE key pair: server.public for the "
+                         "agents, server.secret (mode 0600) for the collector");
+  const auto folder = std::make_shared<std::string>(".");
+  command->add_option("--dir", *folder, "Folder of the two files, created if need be")
+      ->type_name("DIR")
+      ->capture_default_str();
+  command->callback([folder, exit_code] { *exit_code = make_keys(*folder); });
+}

@@ -1,0 +1,97 @@
+#include "RawEvents.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "EventJson.h"
+#include "Output.h"
+
+namespace {
+
+constexpr std::size_t kLengthBytes = 4;
+constexpr std::size_t kReadBytes = 65536;
+// A file that holds one bare event has to be read as a whole; no event is nearly as long.
+constexpr std::size_t kLongestSingle = std::size_t{64} << 20;
+
+std::size_t read_length(const std::string& bytes) {
+  std::size_t length = 0;
+  for (std::size_t i = kLengthBytes; i-- > 0;)
+    length = length << 8 | static_cast<unsigned char>(bytes[i]);
+  return length;
+}
+
+bool is_event(const char* data, std::size_t size) {
+  return EventMessage(data, size).valid();
+}
+
+}  // namespace
+
+void write_raw_event(Output* out, std::string_view message) {
+  char length[kLengthBytes];
+  for (std::size_t i = 0; i < kLengthBytes; ++i)
+    length[i] = static_cast<char>(message.size() >> (8 * i) & 0xff);
+  out->Write(std::string_view(length, kLengthBytes));
+  out->Write(message);
+}
+
+/// Reads until the buffer holds `size` bytes or the stream ends. In pieces, so that a length that
+/// lies does not claim memory for bytes that are not there.
+void RawEventReader::Fill(std::size_t size) {
+  while (buffer_.size() < size) {
+    const std::size_t had = buffer_.size();
+    buffer_.resize(had + std::min(size - had, kReadBytes));
+    errno = 0;
+    const std::size_t got = std::fread(&buffer_[had], 1, buffer_.size() - had, stream_);
+    buffer_.resize(had + got);
+    if (got == 0)
+      return;
+  }
+}
+
+bool RawEventReader::IsSingleEvent() {
+  const std::size_t length = read_length(buffer_);
+  Fill(kLengthBytes + length);
+  if (buffer_.size() == kLengthBytes + length && is_event(&buffer_[kLengthBytes], length))
+    return false;
+  Fill(kLongestSingle);
+  return is_event(buffer_.data(), buffer_.size());
+}
+
+bool RawEventReader::Next(std::string* message) {
+  const bool first = !started_;
+  started_ = true;
+  offset_ = position_;
+  Fill(kLengthBytes);
+  if (std::ferror(stream_))
+    return Fail(std::string("cannot be read: ") + std::strerror(errno));
+  if (buffer_.empty())
+    return false;
+  if (buffer_.size() < kLengthBytes)
+    return Fail("truncated: " + std::to_string(buffer_.size()) +
+                " bytes are left where the 4-byte length of a message should be");
+  if (first && IsSingleEvent())
+    return Take(buffer_.size(), message);
+
+  const std::size_t length = read_length(buffer_);
+  Fill(kLengthBytes + length);
+  if (buffer_.size() < kLengthBytes + length)
+    return Fail("truncated: a message of " + std::to_string(length) + " bytes is announced, " +
+                std::to_string(buffer_.size() - kLengthBytes) + " are left");
+  buffer_.erase(0, kLengthBytes);
+  position_ += kLengthBytes;
+  return Take(length, message);
+}
+
+bool RawEventReader::Take(std::size_t size, std::string* message) {
+  offset_ = position_;
+  position_ += size;
+  message->assign(buffer_, 0, size);
+  buffer_.erase(0, size);
+  return true;
+}
+
+bool RawEventReader::Fail(const std::string& problem) {
+  problem_ = problem;
+  return false;
+}

@@ -1,0 +1,48 @@
+// Files of raw event messages.
+//
+// Framed form, as `collect --format raw` writes it: each message is preceded by its length as
+// 32-bit unsigned little-endian number; nothing comes before, between or after. A file may also
+// hold one single message and nothing else.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+class Output;
+
+/// Writes one message with its length before it.
+void write_raw_event(Output* out, std::string_view message);
+
+/// Reads messages from a stream. Memory holds one message at a time.
+class RawEventReader {
+ public:
+  /// The stream stays the caller's.
+  explicit RawEventReader(std::FILE* stream) : stream_(stream) {}
+
+  /// Reads the next message; false at the end and after a failure. Whether the file is framed or
+  /// a single message shows with the first one: it is framed unless only the whole file is a valid
+  /// event.
+  bool Next(std::string* message);
+
+  /// Byte offset of the message just read (of its first byte, behind the length), or of the
+  /// problem.
+  std::uint64_t offset() const { return offset_; }
+
+  /// What ended the reading: empty at a proper end.
+  const std::string& problem() const { return problem_; }
+
+ private:
+  void Fill(std::size_t size);
+  bool IsSingleEvent();
+  bool Take(std::size_t size, std::string* message);
+  bool Fail(const std::string& problem);
+
+  std::FILE* stream_;
+  bool started_ = false;
+  std::string buffer_;          // read from the stream and not taken yet
+  std::uint64_t position_ = 0;  // of the buffer's first byte
+  std::uint64_t offset_ = 0;
+  std::string problem_;
+};

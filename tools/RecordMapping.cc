@@ -1,0 +1,141 @@
+#include "RecordMapping.h"
+
+#include <cstring>
+
+using standin::AsciiLog;
+using standin::ValuePtr;
+using threading::Value;
+
+namespace {
+
+struct Protocol {
+  const char* path;
+  const char* ptype;
+  const char* prefix;
+};
+
+constexpr Protocol kProtocols[] = {
+    {"conn", "general", ""},   {"http", "http", "http."},      {"ftp", "ftp", "ftp."},
+    {"smtp", "smtp", "smtp."}, {"ldap", "ldap", "ldap."},      {"smb", "smb", "smb."},
+    {"tds", "tds", "tds."},    {"dce_rpc", "dce-rpc", "dce."}, {"tn5250", "tn5250", "tn5250."},
+};
+
+const Protocol* find_protocol(const std::string& path) {
+  for (const Protocol& protocol : kProtocols) {
+    if (path == protocol.path)
+      return &protocol;
+  }
+  return nullptr;
+}
+
+bool is_envelope(const std::string& name) {
+  return name == "ts" || name == "uid";
+}
+
+bool keeps_name(const std::string& name) {
+  return is_envelope(name) || name.compare(0, 3, "id.") == 0;
+}
+
+std::string mapped_name(const Protocol& protocol, const std::string& name) {
+  if (keeps_name(name))
+    return name;
+  const bool http_user = std::strcmp(protocol.ptype, "http") == 0 && name == "username";
+  return protocol.prefix + (http_user ? "user" : name);
+}
+
+bool has_own_shape(const std::vector<AsciiLog::Column>& columns) {
+  for (const AsciiLog::Column& column : columns) {
+    if (column.name == "ptype" || column.name == "extra_fields" || column.name == "cpu_usage")
+      return true;
+  }
+  return false;
+}
+
+ValuePtr new_string(const std::string& text) {
+  auto value = std::make_unique<Value>(TYPE_STRING, true);
+  value->val.string_val.data = new char[text.size()];
+  std::memcpy(value->val.string_val.data, text.data(), text.size());
+  value->val.string_val.length = static_cast<int>(text.size());
+  return value;
+}
+
+ValuePtr new_vector(std::vector<ValuePtr> elements) {
+  auto value = std::make_unique<Value>(TYPE_VECTOR, true);
+  value->val.vector_val.vals = new Value*[elements.size()];
+  for (ValuePtr& element : elements)
+    value->val.vector_val.vals[value->val.vector_val.size++] = element.release();
+  return value;
+}
+
+}  // namespace
+
+RecordMapping::RecordMapping(const std::string& path, const std::vector<AsciiLog::Column>& columns)
+    : path_(path), columns_(columns), shape_(Shape::kPairs) {
+  fields_.reserve(columns.size() + 2);
+  const Protocol* const protocol = find_protocol(path);
+  if (has_own_shape(columns)) {
+    shape_ = Shape::kAsIs;
+    for (const AsciiLog::Column& column : columns)
+      AddField(column.name, column.type, column.subtype);
+  } else if (protocol) {
+    shape_ = Shape::kProtocol;
+    ptype_ = protocol->ptype;
+    AddField("ptype", TYPE_STRING, TYPE_VOID);
+    for (const AsciiLog::Column& column : columns)
+      AddField(mapped_name(*protocol, column.name), column.type, column.subtype);
+  } else {
+    for (const AsciiLog::Column& column : columns) {
+      if (is_envelope(column.name))
+        AddField(column.name, column.type, column.subtype);
+    }
+    AddField("extra_fields", TYPE_VECTOR, TYPE_STRING);
+    AddField("extra_vals", TYPE_VECTOR, TYPE_STRING);
+  }
+}
+
+void RecordMapping::AddField(const std::string& name, TypeTag type, TypeTag subtype) {
+  fields_.emplace_back(name.c_str(), nullptr, type, subtype, true);
+}
+
+Value** RecordMapping::Map(AsciiLog* log) const {
+  std::vector<ValuePtr> values;
+  switch (shape_) {
+    case Shape::kAsIs:
+      values = log->TakeValues();
+      break;
+    case Shape::kProtocol:
+      values = log->TakeValues();
+      values.insert(values.begin(), new_string(ptype_));
+      break;
+    case Shape::kPairs:
+      values = Pairs(log);
+      break;
+  }
+  auto* const record = new Value*[values.size()];
+  for (std::size_t i = 0; i < values.size(); ++i)
+    record[i] = values[i].release();
+  return record;
+}
+
+std::vector<ValuePtr> RecordMapping::Pairs(AsciiLog* log) const {
+  std::vector<ValuePtr> keys;
+  std::vector<ValuePtr> texts;
+  keys.push_back(new_string("_path"));
+  texts.push_back(new_string(path_));
+  for (std::size_t i = 0; i < columns_.size(); ++i) {
+    if (is_envelope(columns_[i].name) || log->IsUnset(i))
+      continue;
+    keys.push_back(new_string(columns_[i].name));
+    texts.push_back(new_string(log->Text(i)));
+  }
+
+  std::vector<ValuePtr> values = log->TakeValues();
+  std::vector<ValuePtr> record;
+  for (std::size_t i = 0; i < columns_.size(); ++i) {
+    if (is_envelope(columns_[i].name))
+      record.push_back(std::move(values[i]));
+  }
+  record.push_back(new_vector(std::move(keys)));
+  record.push_back(new_vector(std::move(texts)));
+  return record;
+}

@@ -1,0 +1,47 @@
+// zmqwriter: the tools around the plug-in, one subcommand per job.
+//
+// Exit status: 0 success, 1 failure, 2 wrong usage. Data goes to standard output, everything else
+// to standard error.
+
+#include <signal.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "CollectCommand.h"
+#include "DecodeCommand.h"
+#include "KeygenCommand.h"
+#include "ReplayCommand.h"
+
+namespace {
+
+constexpr int kFailure = 1;
+constexpr int kWrongUsage = 2;
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A reader of our output that has gone shows as a failed write, which every command checks.
+  signal(SIGPIPE, SIG_IGN);
+
+  int exit_code = 0;
+  CLI::App app("Tools around the log-writer plug-in Dravenholt::ZMQWriter", "zmqwriter");
+  app.set_version_flag("--version", "zmqwriter " ZMQWRITER_VERSION);
+  app.require_subcommand(1);
+  add_keygen_command(app, &exit_code);
+  add_collect_command(app, &exit_code);
+  add_replay_command(app, &exit_code);
+  add_decode_command(app, &exit_code);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    exit_code = app.exit(error) == 0 ? 0 : kWrongUsage;
+  } catch (const std::exception& error) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "zmqwriter: %s\n", error.what());
+    exit_code = kFailure;
+  }
+  return exit_code;
+}
