@@ -1,0 +1,100 @@
+# Builds the plug-in against the tree of a real host, by the host's own CMake module:
+#   cmake -DBRO_DIST=DIR [-DBRO_PLUGIN_INSTALL_ROOT=DIR]
+# CMakeLists.txt includes this file when BRO_DIST is given and then ends. The sources are the same
+# as without a host; nothing of host/ is used except the settings file where the host has none.
+
+# --- what has to be there -----------------------------------------------------------------------
+
+function(zmqwriter_require path what)
+  if(NOT EXISTS ${path})
+    message(FATAL_ERROR "BRO_DIST=${BRO_DIST}: ${what} (${path} does not exist).")
+  endif()
+endfunction()
+
+get_filename_component(BRO_DIST "${BRO_DIST}" ABSOLUTE BASE_DIR ${CMAKE_BINARY_DIR})
+zmqwriter_require(${BRO_DIST} "there is no such folder")
+zmqwriter_require(${BRO_DIST}/cmake/BroPlugin.cmake
+  "this is not the source tree of a host that can build plug-ins")
+zmqwriter_require(${BRO_DIST}/build/CMakeCache.txt
+  "the host is not configured; run ./configure there")
+zmqwriter_require(${BRO_DIST}/build/src/bifcl "the host is not built; run make there")
+
+# The host's package script reaches for ../VERSION and the other files of the package.
+get_filename_component(build_parent ${CMAKE_BINARY_DIR} DIRECTORY)
+get_filename_component(build_parent ${build_parent} REALPATH)
+get_filename_component(source_folder ${CMAKE_SOURCE_DIR} REALPATH)
+if(NOT build_parent STREQUAL source_folder)
+  message(FATAL_ERROR "The build folder ${CMAKE_BINARY_DIR} must be a direct child of "
+                      "${CMAKE_SOURCE_DIR}, because the host's package script expects it there.")
+endif()
+
+include(${CMAKE_CURRENT_LIST_DIR}/Dependencies.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/PluginExports.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/FixedPaths.cmake)
+find_package(Threads REQUIRED)
+
+# --- what the sources need beside the host ------------------------------------------------------
+
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(generated ${CMAKE_BINARY_DIR}/generated)
+add_library(zmqwriter_options INTERFACE)  # the host's module has its own warning flags
+
+# The schema's header, made right now: the host's module takes no generated sources.
+file(MAKE_DIRECTORY ${generated})
+set(schema ${CMAKE_SOURCE_DIR}/src/aggregator.fbs)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${schema})
+execute_process(COMMAND ${ZMQWRITER_FLATC} --cpp -o ${generated} ${schema} RESULT_VARIABLE failed)
+if(failed)
+  message(FATAL_ERROR "${ZMQWRITER_FLATC} could not compile ${schema}.")
+endif()
+
+# Darwin's process and host information, where the system is not Darwin.
+add_subdirectory(platform)
+set(libraries platform)
+
+# The settings file, where the host has none: our unit and its header, and nothing else of host/.
+# Nobody fills in the global `settings` then, so the script constants alone decide.
+if(NOT EXISTS ${BRO_DIST}/src/SettingsFile.h)
+  configure_file(host/include/SettingsFile.h ${CMAKE_BINARY_DIR}/settings/SettingsFile.h COPYONLY)
+  add_library(zmqwriter_settings STATIC host/SettingsFile.cc)
+  target_compile_features(zmqwriter_settings PRIVATE cxx_std_17)
+  target_include_directories(zmqwriter_settings PUBLIC ${CMAKE_BINARY_DIR}/settings)
+  list(APPEND libraries zmqwriter_settings)
+  message(STATUS "The host has no SettingsFile: ours is compiled in")
+endif()
+
+# --- the plug-in --------------------------------------------------------------------------------
+
+set(CMAKE_MODULE_PATH ${BRO_DIST}/cmake)
+include(BroPlugin)
+
+# Ours, as a plug-in's build inherits neither from the host's. add_compile_options comes behind the
+# flags that the host's module takes from the host's cache.
+add_compile_options(-std=c++11 -fvisibility=hidden -fvisibility-inlines-hidden)
+add_definitions(${ZMQWRITER_PATH_DEFINITIONS})
+include_directories(${generated})
+
+# The host's install rule wants its folder to be there.
+if(BRO_PLUGIN_INSTALL_ROOT)
+  install(CODE "file(MAKE_DIRECTORY \"\$ENV{DESTDIR}${BRO_PLUGIN_INSTALL_ROOT}\")")
+endif()
+include(${CMAKE_CURRENT_LIST_DIR}/InstallFolders.cmake)
+
+bro_plugin_begin(Dravenholt ZMQWriter)
+bro_plugin_cc(
+  src/PersistentQueue.cc
+  src/Plugin.cc
+  src/RecordConversion.cc
+  src/Reports.cc
+  src/SystemStats.cc
+  src/UserDetect.cc
+  src/ZMQ.cc
+  src/ZmqWorker.cc)
+bro_plugin_bif(src/zmq.bif)
+bro_plugin_link_library(${libraries} ZMQWriter::zmq ZMQWriter::flatbuffers Threads::Threads
+  ${ZMQWRITER_EXPORT_FLAGS})
+bro_plugin_dist_files(README.md CHANGES COPYING VERSION)
+
+# bro_plugin_end copies this folder, and nothing else makes it.
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/bif)
+bro_plugin_end()

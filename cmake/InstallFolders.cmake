@@ -1,0 +1,24 @@
+# Installing also prepares the folders that the plug-in works in: the one with the agent-id file,
+# and the parent of the spool, without which the plug-in keeps no spool (it makes the last folder
+# only). Only the agent's user is let in (mode 0700). A folder that is there is left as it is.
+#
+#   ZMQWRITER_PREPARE_FOLDERS  OFF leaves this to the packager
+#   ZMQWRITER_AGENT_USER       the user that the host runs as, who gets the folders (empty: the user
+#                              who installs)
+
+include(${CMAKE_CURRENT_LIST_DIR}/FixedPaths.cmake)
+
+option(ZMQWRITER_PREPARE_FOLDERS "Make the folders that the plug-in works in when installing" ON)
+set(ZMQWRITER_AGENT_USER "" CACHE STRING
+    "User that the host runs as, owner of the prepared folders (empty: who installs)")
+
+if(ZMQWRITER_PREPARE_FOLDERS)
+  zmqwriter_fixed_path(install_prefix INSTALL_PREFIX)
+  zmqwriter_fixed_path(spool_folder SPOOL_FOLDER)
+  get_filename_component(spool_parent "${spool_folder}" DIRECTORY)
+  install(CODE "
+    set(AGENT_USER \"${ZMQWRITER_AGENT_USER}\")
+    foreach(FOLDER \"${install_prefix}\" \"${spool_parent}\")
+      include(\"${CMAKE_CURRENT_LIST_DIR}/PrepareFolder.cmake\")
+    endforeach()")
+endif()
