@@ -588,7 +588,7 @@ void ZmqWorker::Write(unsigned long size, const void* data) {
   if (queue.size() < kQueueBound)
     queue.push(new_record(copy_of(data, size), size));
   else if (zmq_pqueue)  // gone once stopped
-    zmq_pqueue->Store(static_cast<unsigned short>(size), const_cast<void*>(data));
+    zmq_pqueue->Store(static_cast<unsigned short>(size), data);
 }
 
 void ZmqWorker::DoWork() {

@@ -1,0 +1,66 @@
+#include "FakeDisk.h"
+
+#include <dlfcn.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#ifdef __THROW
+#define LIBC_NOEXCEPT __THROW
+#else
+#define LIBC_NOEXCEPT
+#endif
+
+namespace {
+
+test::FakeDisk* fake = nullptr;
+
+}  // namespace
+
+namespace test {
+
+FakeDisk::FakeDisk() {
+  fake = this;
+}
+
+FakeDisk::~FakeDisk() {
+  fake = nullptr;
+}
+
+}  // namespace test
+
+extern "C" {
+
+char* getcwd(char* buffer, std::size_t size) LIBC_NOEXCEPT {
+  if (!fake) {
+    static const auto real =
+        reinterpret_cast<char* (*)(char*, std::size_t)>(dlsym(RTLD_NEXT, "getcwd"));
+    return real(buffer, size);
+  }
+  if (fake->working_folder.empty() || fake->working_folder.size() >= size) {
+    errno = fake->working_folder.empty() ? ENOENT : ERANGE;
+    return nullptr;
+  }
+  return std::strcpy(buffer, fake->working_folder.c_str());
+}
+
+int statvfs(const char* path, struct statvfs* disk) LIBC_NOEXCEPT {
+  if (!fake) {
+    static const auto real =
+        reinterpret_cast<int (*)(const char*, struct statvfs*)>(dlsym(RTLD_NEXT, "statvfs"));
+    return real(path, disk);
+  }
+  fake->asked = path;
+  if (!fake->statvfs_works) {
+    errno = EIO;
+    return -1;
+  }
+  std::memset(disk, 0, sizeof *disk);
+  disk->f_bsize = fake->block_size;
+  disk->f_frsize = fake->fragment_size;
+  disk->f_blocks = fake->blocks;
+  return 0;
+}
+}

@@ -1,0 +1,552 @@
+// What the worker makes of its configuration: endpoints, spool limits, socket options, keys.
+#include <zmq.h>
+
+#include <cstring>
+#include <memory>
+
+#include "FakeDisk.h"
+#include "SettingsFile.h"
+#include "TempDir.h"
+#include "WorkerFixture.h"
+
+using logging::writer::ZmqWorker;
+using test::FakeZmq;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+std::string int_bytes(int value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+class Configuration : public test::WorkerFixture {
+ protected:
+  Configuration() { disk.blocks = 1u << 28; }  // 1 TB
+
+  ~Configuration() override { settings = nullptr; }
+
+  void init(const std::string& server = "localhost", const std::string& key = "",
+            const std::string& secondaries = "") {
+    worker = new ZmqWorker();
+    worker->Init(server, key, secondaries);
+  }
+
+  /// As Start, up to the connection.
+  void open_context() {
+    worker->context = zmq_ctx_new();
+    drive();
+  }
+
+  void set(const std::string& lines) {
+    test::write_file(dir.file("settings"), lines);
+    file = std::make_unique<SettingsFile>(dir.file("settings"));
+    settings = file.get();
+  }
+
+  std::vector<std::string> secondaries_of(const std::string& list) {
+    ZmqWorker other = ZmqWorker();
+    other.Init("p", "", list);
+    return other.secondary_servers;
+  }
+
+  std::vector<std::string> limits() { return log.starting_with(".spool_limits"); }
+  std::vector<std::string> infos() { return log.starting_with("info"); }
+
+  test::TempDir dir;
+  test::FakeDisk disk;
+  std::unique_ptr<SettingsFile> file;
+};
+
+}  // namespace
+
+TEST_F(Configuration, AFreshWorkerIsZeroInEveryMember) {
+  // Over memory that is not: what the parentheses promise.
+  alignas(ZmqWorker) unsigned char memory[sizeof(ZmqWorker)];
+  std::memset(memory, 0xa5, sizeof memory);
+  ZmqWorker* fresh = new (memory) ZmqWorker();
+  EXPECT_EQ(fresh->main_fail_time, 0);
+  EXPECT_EQ(fresh->secondary_index, 0);
+  EXPECT_FALSE(fresh->running);
+  EXPECT_EQ(fresh->context, nullptr);
+  EXPECT_EQ(fresh->socket, nullptr);
+  EXPECT_EQ(fresh->sent_count, 0u);
+  EXPECT_EQ(fresh->failed_count, 0u);
+  EXPECT_EQ(fresh->DroppedByFlush(), 0u);
+  EXPECT_FALSE(fresh->in_work);
+  EXPECT_TRUE(fresh->queue.empty());
+  EXPECT_EQ(fresh->server, "");
+  fresh->~ZmqWorker();
+}
+
+// -- Endpoints ------------------------------------------------------------------------------------
+
+struct Normalisation {
+  const char* input;
+  const char* result;
+};
+
+class Endpoints : public ::testing::TestWithParam<Normalisation> {};
+
+TEST_P(Endpoints, AreNormalised) {
+  EXPECT_EQ(ZmqWorker().correct_zmq_uri(GetParam().input), GetParam().result);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Endpoints,
+                         ::testing::Values(Normalisation{"localhost", "tcp://localhost:5555"},
+                                           Normalisation{"10.0.0.1:6000", "tcp://10.0.0.1:6000"},
+                                           Normalisation{"tcp://host:7000", "tcp://host:7000"},
+                                           Normalisation{"", "tcp://:5555"},
+                                           Normalisation{"ipc:///tmp/sock", "ipc:///tmp/sock:5555"},
+                                           Normalisation{"tcp://[::1]", "tcp://[::1]"},
+                                           Normalisation{"[::1]", "tcp://[::1]"},
+                                           Normalisation{"tcp://:7000", "tcp://:7000:5555"},
+                                           Normalisation{":7000", "tcp://:7000:5555"},
+                                           Normalisation{"tcp://", "tcp://:5555"},
+                                           Normalisation{"tcp://h", "tcp://h:5555"},
+                                           Normalisation{"tcp://h:", "tcp://h:"},
+                                           Normalisation{" padded ", "tcp:// padded :5555"}));
+
+TEST_F(Configuration, ArgumentsAreTheDefaultsOfSettingsThatAreNotGiven) {
+  set("unrelated = 1\n");
+  init("first", "KEY", "second");
+  EXPECT_EQ(worker->server, "tcp://first:5555");
+  EXPECT_EQ(worker->public_key, "KEY");
+  EXPECT_THAT(worker->secondary_servers, ElementsAre("tcp://second:5555"));
+  EXPECT_FALSE(worker->running);
+}
+
+TEST_F(Configuration, WithoutAnySettingsFileTheArgumentsHold) {
+  init("first", "KEY", "second");
+  EXPECT_EQ(worker->server, "tcp://first:5555");
+  EXPECT_EQ(worker->public_key, "KEY");
+  EXPECT_THAT(worker->secondary_servers, ElementsAre("tcp://second:5555"));
+}
+
+TEST_F(Configuration, SettingsWinOverTheArguments) {
+  set("zmq.server = a:1\nzmq.public_key = OTHER\nzmq.secondary_servers = b:2,c:3\n");
+  init("first", "KEY", "second");
+  EXPECT_EQ(worker->server, "tcp://a:1");
+  EXPECT_EQ(worker->public_key, "OTHER");
+  EXPECT_THAT(worker->secondary_servers, ElementsAre("tcp://b:2", "tcp://c:3"));
+}
+
+TEST_F(Configuration, ThePrimaryIsNotTrimmed) {
+  init(" a ");
+  EXPECT_EQ(worker->server, "tcp:// a :5555");
+}
+
+TEST_F(Configuration, NoPrimaryAtAllIsNormalisedAllTheSame) {
+  init("");
+  EXPECT_EQ(worker->server, "tcp://:5555");
+}
+
+TEST_F(Configuration, SecondaryListIsSplitAtCommasAndTrimmed) {
+  init();
+  EXPECT_THAT(secondaries_of("a ,   , b ,"), ElementsAre("tcp://a:5555", "tcp://b:5555"));
+  EXPECT_THAT(secondaries_of(",a"), ElementsAre("tcp://a:5555"));
+  EXPECT_THAT(secondaries_of(""), IsEmpty());
+  EXPECT_THAT(secondaries_of(","), IsEmpty());
+  EXPECT_THAT(secondaries_of("   "), IsEmpty());
+  EXPECT_THAT(secondaries_of("\t a:1 \r\n"), ElementsAre("tcp://a:1"));
+  EXPECT_THAT(secondaries_of("a,,b"), ElementsAre("tcp://a:5555", "tcp://b:5555"));
+  EXPECT_THAT(secondaries_of("a,b c,d"),
+              ElementsAre("tcp://a:5555", "tcp://b c:5555", "tcp://d:5555"));
+}
+
+TEST_F(Configuration, SecondaryListKeepsOrderAndDuplicates) {
+  init();
+  EXPECT_THAT(secondaries_of("z,a,z"), ElementsAre("tcp://z:5555", "tcp://a:5555", "tcp://z:5555"));
+}
+
+TEST_F(Configuration, SecondaryListTakesBytesBeyondAsciiAsTheyAre) {
+  init();
+  EXPECT_THAT(secondaries_of("\xe9\xff , b"), ElementsAre("tcp://\xe9\xff:5555", "tcp://b:5555"));
+}
+
+// -- Spool limits ---------------------------------------------------------------------------------
+
+TEST_F(Configuration, OnAHundredGigabyteDiskTheAbsoluteLimitWins) {
+  disk.blocks = 100u * 1024 * 256;  // of 4096 bytes
+  init();
+  EXPECT_THAT(infos(),
+              ElementsAre("info: Disk size is 102400.00Mb, setting maximum usage to 500Mb"));
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 524288000"));
+}
+
+TEST_F(Configuration, OnATwoGigabyteDiskTheRelativeLimitWinsTruncated) {
+  disk.blocks = 2048 * 256;
+  init();
+  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 2048.00Mb, setting maximum usage to 204Mb"));
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 213909504"));
+}
+
+TEST_F(Configuration, EqualLimitsGiveTheAbsoluteOne) {
+  disk.blocks = 5000 * 256;
+  init();
+  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 5000.00Mb, setting maximum usage to 500Mb"));
+}
+
+TEST_F(Configuration, FourGigabytesWrapToZeroInTheShift) {
+  set("disk.usage.absolute = 4096\n");
+  init();
+  EXPECT_THAT(infos(),
+              ElementsAre("info: Disk size is 1048576.00Mb, setting maximum usage to 4096Mb"));
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 0"));
+}
+
+TEST_F(Configuration, TwoGigabytesWrapToANegativeLimit) {
+  set("disk.usage.absolute = 2048\npqueue.chunk.size = 2049\n");
+  init();
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits -2146435072 -2147483648"));
+}
+
+TEST_F(Configuration, LimitsComeFromTheSettings) {
+  set("disk.usage.relative = 50\ndisk.usage.absolute = 70\npqueue.chunk.size = 3\n");
+  disk.blocks = 100 * 256;
+  init();
+  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 100.00Mb, setting maximum usage to 50Mb"));
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits 3145728 52428800"));
+}
+
+TEST_F(Configuration, NegativeLimitsAreShiftedAsTheyAre) {
+  set("disk.usage.absolute = -1\npqueue.chunk.size = -1\n");
+  init();
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits -1048576 -1048576"));
+}
+
+TEST_F(Configuration, ARelativeLimitThatNoIntHoldsIsNoUndefinedBehaviour) {
+  set("disk.usage.relative = -2147483648\ndisk.usage.absolute = 2147483647\n");
+  init();
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 0"));
+}
+
+TEST_F(Configuration, TheWorkingFoldersDiskIsMeasuredByBlockSizeNotFragmentSize) {
+  disk.block_size = 8192;
+  disk.fragment_size = 512;
+  disk.blocks = 128 * 10;
+  init();
+  EXPECT_EQ(disk.asked, "/the/working/folder");
+  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 10.00Mb, setting maximum usage to 1Mb"));
+}
+
+TEST_F(Configuration, WithoutAWorkingFolderTheLineAndTheLimitsAreStillGiven) {
+  disk.working_folder.clear();
+  init();
+  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 0"));
+}
+
+TEST_F(Configuration, AWorkingFolderTooLongForTheBufferCountsAsNone) {
+  disk.working_folder = "/" + std::string(1023, 'x');
+  init();
+  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
+}
+
+TEST_F(Configuration, ADiskThatCannotBeMeasuredCountsAsEmpty) {
+  disk.statvfs_works = false;
+  init();
+  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
+  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 0"));
+}
+
+TEST_F(Configuration, ASecondWorkerKeepsTheSpoolAndItsLimits) {
+  init();
+  delete worker;  // never started, so the spool is still there
+  log.clear();
+  disk.blocks = 1;
+  init();
+  EXPECT_THAT(log.starting_with(".spool"), IsEmpty());
+  EXPECT_THAT(infos(), IsEmpty());
+}
+
+TEST_F(Configuration, AWorkerAfterAStoppedOneOpensTheSpoolAnew) {
+  init();
+  open_context();
+  stop();
+  EXPECT_THAT(log.starting_with(".spool"), ElementsAre(".spool_close"));
+  delete worker;
+  log.clear();
+  init();
+  EXPECT_THAT(log.starting_with(".spool"),
+              ElementsAre(".spool_open", ".spool_limits 10485760 524288000"));
+}
+
+// -- Connect --------------------------------------------------------------------------------------
+
+namespace {
+
+class Connecting : public Configuration {
+ protected:
+  void* connect_with_key(const std::string& key, const std::string& uri = "tcp://host:1") {
+    init("p", key);
+    open_context();
+    log.clear();
+    return worker->Connect(uri);
+  }
+
+  /// The server key that the last Connect set.
+  std::string server_key() const {
+    const auto options = zmq.options();
+    return options.empty() || options.back().option != ZMQ_CURVE_SERVERKEY ? "none set"
+                                                                           : options.back().bytes;
+  }
+
+  void TearDown() override {
+    for (void* opened : sockets)
+      zmq_close(opened);
+    Configuration::TearDown();
+  }
+
+  void* keep(void* opened) {
+    sockets.push_back(opened);
+    return opened;
+  }
+
+  std::vector<void*> sockets;
+};
+
+std::string raw_key() {
+  std::string bytes;
+  for (int i = 0; i < 32; ++i)
+    bytes += static_cast<char>(i * 8 + 7);
+  return bytes;
+}
+
+std::string hex_of(const std::string& bytes, const char* digits) {
+  std::string hex;
+  for (unsigned char c : bytes) {
+    hex += digits[c >> 4];
+    hex += digits[c & 15];
+  }
+  return hex;
+}
+
+const char kUpperDigits[] = "0123456789ABCDEF";
+const char kLowerDigits[] = "0123456789abcdef";
+
+}  // namespace
+
+TEST_F(Connecting, EveryOptionIsSetInOrderWithItsValueAndLength) {
+  ASSERT_NE(keep(connect_with_key(hex_of(raw_key(), kUpperDigits))), nullptr);
+  EXPECT_THAT(log.all(),
+              ElementsAre("socket s1", ".setsockopt s1 27 length 4", ".setsockopt s1 28 length 4",
+                          ".setsockopt s1 17 length 4", ".setsockopt s1 39 length 4",
+                          ".setsockopt s1 23 length 4", ".curve_keypair",
+                          ".setsockopt s1 48 length 41", ".setsockopt s1 49 length 41",
+                          ".setsockopt s1 50 length 32", "connect s1 tcp://host:1 ok"));
+  const auto options = zmq.options();
+  ASSERT_EQ(options.size(), 8u);
+  EXPECT_EQ(options[0].bytes, int_bytes(3000));
+  EXPECT_EQ(options[1].bytes, int_bytes(3000));
+  EXPECT_EQ(options[2].bytes, int_bytes(3000));
+  EXPECT_EQ(options[3].bytes, int_bytes(1));
+  EXPECT_EQ(options[4].bytes, int_bytes(1));
+  EXPECT_EQ(options[5].bytes, "1" + std::string(39, 'P') + std::string(1, '\0'));
+  EXPECT_EQ(options[6].bytes, "1" + std::string(39, 'S') + std::string(1, '\0'));
+  EXPECT_EQ(options[7].bytes, raw_key());
+}
+
+TEST_F(Connecting, EveryConnectionHasAKeyPairOfItsOwn) {
+  keep(connect_with_key(""));
+  keep(worker->Connect("tcp://host:2"));
+  const auto options = zmq.options();
+  ASSERT_EQ(options.size(), 16u);
+  EXPECT_EQ(options[5].bytes[0], '1');
+  EXPECT_EQ(options[13].bytes[0], '2');
+  EXPECT_EQ(options[6].bytes[0], '1');
+  EXPECT_EQ(options[14].bytes[0], '2');
+}
+
+TEST_F(Connecting, ServerAndKeyAreSaidOnStandardOutput) {
+  init("p", "AB");
+  open_context();
+  ::testing::internal::CaptureStdout();
+  keep(worker->Connect("tcp://host:1"));
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "Using zmq server tcp://host:1\nUsing zmq public key AB\n");
+}
+
+TEST_F(Connecting, AnUpperCaseKeyGivesTheRawKey) {
+  keep(connect_with_key(hex_of(raw_key(), kUpperDigits)));
+  EXPECT_EQ(server_key(), raw_key());
+}
+
+TEST_F(Connecting, ALowerCaseKeyGivesAnotherKeyOnPurpose) {
+  const std::string key = raw_key();
+  keep(connect_with_key(hex_of(key, kLowerDigits)));
+  std::string expected = key;
+  for (char& c : expected)
+    if ((c & 0x0f) > 9)
+      c = static_cast<char>(c | 0x20);
+  EXPECT_EQ(server_key(), expected);
+  EXPECT_NE(server_key(), key);
+}
+
+TEST_F(Connecting, ALowerCaseLetterIsRightAsAFirstDigitOnly) {
+  keep(
+      connect_with_key("a0b1c2d3e4f5"
+                       "0a0b0c0d0e0f"
+                       "1f"));
+  EXPECT_EQ(server_key(),
+            "\xa0\xb1\xc2\xd3\xe4\xf5"
+            "\x2a\x2b\x2c\x2d\x2e\x2f"
+            "\x3f");
+}
+
+TEST_F(Connecting, AKeyInZ85IsDecodedAsTwentyBytesOfHex) {
+  const std::string z85 = "Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hID";
+  ASSERT_EQ(z85.size(), 40u);
+  keep(connect_with_key(z85));
+  const std::string bytes = server_key();
+  ASSERT_EQ(bytes.size(), 20u);
+  // 'Y' (0x59) and 'n' (0x6e): (0x59 - 7 << 4 & 0xff) | 0x6e - 0x37.
+  EXPECT_EQ(static_cast<unsigned char>(bytes[0]), 0x37);
+  // 'e' and '@' (0x40, no letter): (0x65 - 7 << 4 & 0xff) | 0x40 - 0x30.
+  EXPECT_EQ(static_cast<unsigned char>(bytes[1]), 0xf0);
+}
+
+TEST_F(Connecting, AnEmptyKeyIsSetWithLengthZero) {
+  keep(connect_with_key(""));
+  EXPECT_EQ(server_key(), "");
+}
+
+TEST_F(Connecting, AnOddDigitAtTheEndIsLeftOut) {
+  keep(connect_with_key("ABC"));
+  EXPECT_EQ(server_key(), "\xab");
+}
+
+TEST_F(Connecting, ASingleDigitGivesNoByte) {
+  keep(connect_with_key("A"));
+  EXPECT_EQ(server_key(), "");
+}
+
+TEST_F(Connecting, EightyOneDigitsGiveFortyBytes) {
+  keep(connect_with_key(std::string(81, '1')));
+  EXPECT_EQ(server_key(), std::string(40, '\x11'));
+}
+
+TEST_F(Connecting, EightyTwoDigitsGiveFortyOneBytes) {
+  keep(connect_with_key(std::string(82, '1')));
+  EXPECT_EQ(server_key(), std::string(41, '\x11'));
+}
+
+TEST_F(Connecting, LongerKeysAreCutToFortyOneBytes) {
+  keep(connect_with_key(std::string(82, '1') + std::string(500, '2')));
+  EXPECT_EQ(server_key(), std::string(41, '\x11'));
+}
+
+TEST_F(Connecting, BytesBeyondAsciiAreTakenAsSignedCharacters) {
+  // -1 and -128: neither is above 0x40, so (0xff << 4 & 0xff) | 0x80 - 0x30.
+  keep(connect_with_key("\xff\x80"));
+  EXPECT_EQ(server_key(), "\xf0");
+}
+
+TEST_F(Connecting, WithoutASocketThereIsAnErrorAndNull) {
+  zmq.on_socket = [] { return test::kFail; };
+  EXPECT_EQ(connect_with_key(""), nullptr);
+  EXPECT_THAT(log.all(), ElementsAre("socket failed", "error: Failed to open ZMQ socket"));
+}
+
+TEST_F(Connecting, ARefusedEndpointIsReportedAndItsSocketClosed) {
+  zmq.on_connect = [](const std::string&) { return test::kFail; };
+  EXPECT_EQ(connect_with_key("", "nonsense"), nullptr);
+  EXPECT_THAT(log.story(),
+              ElementsAre("socket s1", "connect s1 nonsense failed",
+                          "error: Failed to connect to ZMQ server nonsense", "close s1"));
+}
+
+// -- Start ----------------------------------------------------------------------------------------
+
+namespace {
+
+class Starting : public Configuration {
+ protected:
+  /// What was written to a worker that stays idle has no owner once that is deleted.
+  void release_idle_worker() {
+    while (!worker->queue.empty()) {
+      free(worker->queue.front()->data);
+      free(worker->queue.front());
+      worker->queue.pop();
+    }
+  }
+};
+
+}  // namespace
+
+TEST_F(Starting, SaysWhereItConnectsBeforeItDoes) {
+  init("host", "AB");
+  ::testing::internal::CaptureStdout();
+  worker->Start();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "Connecting to tcp://host:5555\nUsing zmq server tcp://host:5555\n"
+            "Using zmq public key AB\n");
+  EXPECT_TRUE(worker->running);
+}
+
+TEST_F(Starting, ZeroesTheCounters) {
+  init();
+  worker->sent_count = 7;
+  worker->failed_count = 8;
+  worker->Start();
+  EXPECT_EQ(sent(), 0u);
+  EXPECT_EQ(failed(), 0u);
+}
+
+TEST_F(Starting, ASecondStartDoesNothing) {
+  init();
+  worker->Start();
+  worker->Start();
+  EXPECT_THAT(log.starting_with("ctx_new"), ElementsAre("ctx_new"));
+  EXPECT_THAT(log.starting_with("socket"), ElementsAre("socket s1"));
+}
+
+TEST_F(Starting, WithoutAPrimarySocketTheWorkerStaysIdle) {
+  zmq.on_socket = [] { return test::kFail; };
+  init();
+  log.clear();
+  worker->Start();
+  EXPECT_THAT(log.story(),
+              ElementsAre("ctx_new", "socket failed", "error: Failed to open ZMQ socket",
+                          "error: Failed to open ZMQ socket"));
+  EXPECT_FALSE(worker->running);
+  EXPECT_NE(worker->context, nullptr);
+}
+
+TEST_F(Starting, ARefusedPrimaryIsReportedTwice) {
+  zmq.on_connect = [](const std::string&) { return test::kFail; };
+  init("bad");
+  log.clear();
+  worker->Start();
+  EXPECT_THAT(log.story(), ElementsAre("ctx_new", "socket s1", "connect s1 tcp://bad:5555 failed",
+                                       "error: Failed to connect to ZMQ server tcp://bad:5555",
+                                       "close s1", "error: Failed to open ZMQ socket"));
+  EXPECT_FALSE(worker->running);
+}
+
+TEST_F(Starting, WithoutAContextTheWorkerStaysIdle) {
+  zmq.on_ctx_new = [] { return test::kFail; };
+  init();
+  worker->Start();
+  EXPECT_FALSE(worker->running);
+  EXPECT_EQ(worker->socket, nullptr);
+}
+
+TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
+  zmq.on_connect = [](const std::string&) { return test::kFail; };
+  init();
+  worker->Start();
+  log.clear();
+  write_many(502);
+  EXPECT_EQ(worker->queue.size(), 500u);
+  EXPECT_THAT(test::FakeSpool::contents(), ElementsAre("r500", "r501"));
+
+  log.clear();
+  ::testing::internal::CaptureStdout();
+  worker->Stop();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  EXPECT_THAT(log.all(), IsEmpty());
+  EXPECT_EQ(worker->queue.size(), 500u);
+  EXPECT_EQ(sent() + failed(), 0u);
+  release_idle_worker();
+}
