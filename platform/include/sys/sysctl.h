@@ -1,0 +1,42 @@
+// Darwin's <sys/sysctl.h>: the part of the sysctl tree that the probes read.
+//
+// Known here: {CTL_VM, VM_LOADAVG} (struct loadavg), {CTL_HW, HW_MEMSIZE} (a 64-bit byte count) and
+// "net.inet.tcp.pcblist" (see <netinet/tcp_var.h>). Everything else fails with ENOENT.
+//
+// The functions are hidden: libc may export a function named sysctl too, and neither the host nor
+// another library may end up with this one.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#define CTL_VM 2
+#define CTL_HW 6
+#define VM_LOADAVG 2
+#define HW_MEMSIZE 24
+
+typedef uint32_t fixpt_t;
+
+/// Load averages over 1, 5 and 15 minutes, each to be divided by fscale.
+struct loadavg {
+  fixpt_t ldavg[3];
+  long fscale;
+};
+
+#pragma GCC visibility push(hidden)
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Both: without `oldp` *oldlenp becomes the size needed (for a list that changes: with some room
+/// to grow); with it the value is copied to `oldp`, which has room for *oldlenp bytes, and *oldlenp
+/// becomes the bytes written. A value that does not fit is an error (ENOMEM). Nothing can be set
+/// (EPERM). 0 on success, else -1 and errno. Thread-safe.
+int sysctl(int* name, unsigned int namelen, void* oldp, size_t* oldlenp, void* newp, size_t newlen);
+int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void* newp, size_t newlen);
+
+#ifdef __cplusplus
+}
+#endif
+#pragma GCC visibility pop
