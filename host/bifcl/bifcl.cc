@@ -623,6 +623,8 @@ std::string read_whole(const std::string& path) {
 
 void write_whole(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out)
+    throw BifError(path + ": cannot be written");
   out << content;
   if (!out.flush()) {
     out.close();
