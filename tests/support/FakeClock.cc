@@ -48,7 +48,7 @@ extern "C" {
 int usleep(useconds_t us) {
   if (active) {
     fake_us += us;
-    test::CallLog::instance().add("sleep " + std::to_string(us));
+    test::CallLog::instance().add("sleep " + std::to_string(us) + " us");
     return 0;
   }
   struct timespec pause;

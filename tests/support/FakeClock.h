@@ -2,7 +2,7 @@
 // of the whole program under its control while a FakeClock exists; otherwise they do what they
 // always do.
 //
-// A sleep goes to the CallLog ("sleep 1000000") and takes no time. Thread-safe.
+// A sleep goes to the CallLog ("sleep 1000000 us") and takes no time. Thread-safe.
 #pragma once
 
 #include <cstdint>

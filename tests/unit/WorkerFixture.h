@@ -23,8 +23,8 @@ namespace test {
 constexpr bool kOk = true;
 constexpr bool kFail = false;
 
-const char kIdle[] = "sleep 100000";
-const char kRetryPause[] = "sleep 1000000";
+const char kIdle[] = "sleep 100000 us";
+const char kRetryPause[] = "sleep 1000000 us";
 
 const char kNotResponding[] =
     "warning: Main zmq server tcp://p:5555 is not responding, 5 minutes timeout...";
@@ -119,9 +119,11 @@ class WorkerFixture : public ::testing::Test {
   /// ended.
   std::vector<std::string> stop() {
     log.clear();
-    if (driven && worker->running)
+    if (driven) {
+      worker->running = true;
       pthread_create(
           &worker->thread, nullptr, [](void* nothing) { return nothing; }, nullptr);
+    }
     worker->Stop();
     return log.story();
   }
