@@ -1,0 +1,208 @@
+"""./configure --bro-dist=DIR && make && make install, against a mock of a host's source tree.
+
+Works on a copy of what such a build may use, in a temporary folder: the build folder has to lie
+inside the source tree, and nothing else of this project may be needed.
+
+    build_against_host_test.py SOURCE_DIR BIFCL [ZMQWRITER]
+
+With ZMQWRITER, the program of that name loads the installed folder, too.
+"""
+
+import os
+import re
+import shutil
+import stat
+import subprocess
+import sys
+import tarfile
+import tempfile
+import unittest
+
+SOURCE_DIR, BIFCL, ZMQWRITER = (sys.argv[1:] + [""])[:3]
+
+NEEDED = [
+    "CHANGES", "CMakeLists.txt", "COPYING", "Makefile", "README.md", "VERSION", "cmake", "configure",
+    "host/SettingsFile.cc", "host/include/SettingsFile.h", "platform", "scripts", "src",
+]
+
+
+def copy(source, target):
+    os.makedirs(os.path.dirname(target), exist_ok=True)
+    (shutil.copytree if os.path.isdir(source) else shutil.copy2)(source, target)
+
+
+def one_line(text):
+    """CMake breaks the lines of its messages."""
+    return re.sub(r"\s+", " ", text)
+
+
+def files_below(folder):
+    return sorted(os.path.relpath(os.path.join(path, name), folder)
+                  for path, _, names in os.walk(folder) for name in names)
+
+
+def make_dist(folder, with_settings_file=False):
+    """A host's source tree that is configured and built, as far as a plug-in's build can tell."""
+    shutil.copytree(os.path.join(SOURCE_DIR, "tests/data/mock-bro-dist"), folder)
+    copy(BIFCL, os.path.join(folder, "build/src/bifcl"))
+    with open(os.path.join(folder, "build/CMakeCache.txt"), "w") as cache:
+        cache.write("CMAKE_INSTALL_PREFIX:PATH=/opt/host\n")
+    shutil.copytree(os.path.join(SOURCE_DIR, "host/include"), os.path.join(folder, "src"))
+    if not with_settings_file:
+        os.remove(os.path.join(folder, "src/SettingsFile.h"))
+
+
+class BuildAgainstHostTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory(prefix="zmqwriter-test-")
+        cls.top = os.path.realpath(cls.folder.name)
+        cls.source = os.path.join(cls.top, "source")
+        cls.dist = os.path.join(cls.top, "bro")
+        for name in NEEDED:
+            copy(os.path.join(SOURCE_DIR, name), os.path.join(cls.source, name))
+        make_dist(cls.dist)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.folder.cleanup()
+
+    def run_in_source(self, *words, status=0, **environment):
+        result = subprocess.run(words, cwd=self.source, stdout=subprocess.PIPE, text=True,
+                                stderr=subprocess.STDOUT, env=dict(os.environ, **environment))
+        self.assertEqual(result.returncode, status, result.stdout)
+        return result.stdout
+
+    def configure(self, *words, status=0):
+        return self.run_in_source("./configure", *words, status=status)
+
+    # --- wrong and missing things ----------------------------------------------------------------
+
+    def test_help_lists_the_options(self):
+        text = self.configure("--help")
+        for option in ("--bro-dist=DIR", "--install-root=DIR", "--agent-user=USER"):
+            self.assertIn(option, text)
+
+    def test_wrong_usage_is_explained(self):
+        self.assertIn("--bro-dist=DIR is needed", self.configure(status=2))
+        self.assertIn("'--bro-dist='", self.configure("--bro-dist=", status=2))
+        self.assertIn("'--frobnicate'", self.configure("--frobnicate", status=2))
+        self.assertIn("directly inside", self.configure(
+            "--bro-dist=" + self.dist, "--build-dir=a/b", status=2))
+
+    def test_missing_or_unfinished_host_is_an_error_that_says_what_to_do(self):
+        broken = os.path.join(self.top, "broken")
+
+        def refusal():
+            return self.configure("--bro-dist=" + broken, "--build-dir=build-refused", status=1)
+
+        self.assertIn("there is no folder " + broken, refusal())
+        os.mkdir(broken)
+        self.assertIn("not the source tree of a host", refusal())
+        shutil.copytree(os.path.join(self.dist, "cmake"), os.path.join(broken, "cmake"))
+        self.assertIn("run ./configure there", refusal())
+        copy(os.path.join(self.dist, "build/CMakeCache.txt"), os.path.join(broken, "build/CMakeCache.txt"))
+        self.assertIn("run make there", refusal())
+        # CMake called without the wrapper says the same.
+        text = self.run_in_source("cmake", "-S", ".", "-B", "build-broken", "-DBRO_DIST=" + broken,
+                                  status=1)
+        self.assertIn("run make there", one_line(text))
+        self.assertFalse(os.path.exists(os.path.join(self.source, "build-refused")))
+
+    def test_make_without_configure_says_what_to_do(self):
+        self.assertIn("run ./configure --bro-dist=DIR first",
+                      self.run_in_source("make", "BUILD_DIR=build-none", status=2))
+
+    def test_folder_of_a_build_without_a_host_is_left_alone(self):
+        folder = os.path.join(self.source, "build-other")
+        os.mkdir(folder)
+        cache = os.path.join(folder, "CMakeCache.txt")
+        with open(cache, "w") as file:
+            file.write("CMAKE_BUILD_TYPE:STRING=Debug\n")
+        text = self.configure("--bro-dist=" + self.dist, "--build-dir=build-other", status=1)
+        self.assertIn("choose another folder", text)
+        self.assertTrue(os.path.exists(cache))
+        shutil.rmtree(folder)
+
+    def test_build_folder_elsewhere_is_refused(self):
+        text = self.run_in_source("cmake", "-S", ".", "-B", os.path.join(self.top, "elsewhere"),
+                                  "-DBRO_DIST=" + self.dist, status=1)
+        self.assertIn("must be a direct child", one_line(text))
+
+    def test_host_with_a_settings_file_keeps_its_own(self):
+        dist = os.path.join(self.top, "bro-with-settings")
+        make_dist(dist, with_settings_file=True)
+        text = self.configure("--bro-dist=" + dist, "--build-dir=build-settings")
+        self.assertNotIn("ours is compiled in", text)
+        self.assertFalse(os.path.exists(os.path.join(self.source, "build-settings/settings")))
+        shutil.rmtree(os.path.join(self.source, "build-settings"))
+
+    # --- the whole way ---------------------------------------------------------------------------
+
+    def test_configure_make_make_install(self):
+        before = files_below(self.source)
+        text = self.configure("--bro-dist=" + self.dist, "--install-root=/opt/plugins")
+        self.assertIn("The host has no SettingsFile: ours is compiled in", text)
+        self.run_in_source("make")
+        build = os.path.join(self.source, "build-host")
+        outside = [name for name in files_below(self.source) if not name.startswith("build-host/")]
+        self.assertEqual(outside, before, "something was written outside of the build folder")
+
+        self.check_plugin_folder(build)
+        self.assertTrue(os.path.islink(os.path.join(build, "scripts")))
+        self.check_package(build)
+        self.check_installation()
+
+    def check_plugin_folder(self, folder):
+        with open(os.path.join(folder, "__bro_plugin__")) as magic:
+            self.assertEqual(magic.read().strip(), "Dravenholt::ZMQWriter")
+        with open(os.path.join(folder, "lib/bif/__load__.bro")) as loader:
+            self.assertEqual(loader.read(), "@load ./zmq.bif.bro\n")
+        for name in ("lib/bif/zmq.bif.bro", "scripts/__preload__.bro", "scripts/__load__.bro",
+                     "scripts/Dravenholt/ZMQWriter/connections.bro"):
+            self.assertTrue(os.path.exists(os.path.join(folder, name)), name)
+        objects = [name for name in os.listdir(os.path.join(folder, "lib")) if name.endswith(".so")]
+        system = os.uname()
+        self.assertEqual(objects, ["Dravenholt-ZMQWriter.%s-%s.so" % (system.sysname.lower(),
+                                                                      system.machine)])
+
+    def check_package(self, build):
+        with open(os.path.join(SOURCE_DIR, "VERSION")) as file:
+            version = file.readline().strip()
+        package = os.path.join(build, "dist/Dravenholt_ZMQWriter-%s.tar.gz" % version)
+        with tarfile.open(package) as tar:
+            names = {name.split("/", 1)[1] for name in tar.getnames() if "/" in name}
+        self.assertLessEqual({"README.md", "CHANGES", "COPYING", "VERSION", "__bro_plugin__"}, names)
+        with open(os.path.join(build, "MANIFEST")) as manifest:
+            self.assertIn("lib/bif/zmq.bif.bro\n", manifest.readlines())
+
+    def check_installation(self):
+        root = os.path.join(self.top, "root")
+        text = self.run_in_source("make", "install", DESTDIR=root)
+        plugin = os.path.join(root, "opt/plugins/Dravenholt_ZMQWriter")
+        self.check_plugin_folder(plugin)
+
+        prepared = [os.path.join(root, "usr/local/orvik"),
+                    os.path.join(root, "usr/local/Cellar/orvik/2.4.1")]
+        for folder in prepared:
+            status = os.stat(folder)
+            self.assertEqual(stat.S_IMODE(status.st_mode), 0o700, folder)
+            self.assertEqual(status.st_uid, os.getuid(), folder)
+            self.assertIn("Made for the installing user alone: %s (mode 0700)" % folder, text)
+        self.assertFalse(os.path.exists(os.path.join(prepared[1], "work")), "the plug-in makes it")
+
+        os.chmod(prepared[0], 0o750)
+        text = self.run_in_source("make", "install", DESTDIR=root)
+        self.assertIn("Exists already, left as it is: " + prepared[0], text)
+        self.assertEqual(stat.S_IMODE(os.stat(prepared[0]).st_mode), 0o750)
+
+        if ZMQWRITER:
+            result = subprocess.run([ZMQWRITER, "replay", "--plugin", plugin, "-N"], cwd=self.top,
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertIn("Dravenholt::ZMQWriter - ZeroMQ log writer (dynamic, no version information)",
+                          result.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)
