@@ -1,0 +1,342 @@
+// Write, Stop with its flush, and what FillStatus says meanwhile.
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+
+#include "WorkerFixture.h"
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+
+namespace test {
+namespace {
+
+class Queue : public WorkerFixture {};
+class Stopping : public WorkerFixture {
+ protected:
+  std::string stop_and_read_stdout() {
+    ::testing::internal::CaptureStdout();
+    stop();
+    return ::testing::internal::GetCapturedStdout();
+  }
+
+  void primary_down() {
+    zmq.on_send = [](const std::string&, const std::string&) { return kFail; };
+  }
+};
+
+// -- Write ----------------------------------------------------------------------------------------
+
+TEST_F(Queue, MessagesAreCopied) {
+  connect();
+  std::string body = "before";
+  worker->Write(body.size(), body.data());
+  body = "after!";
+  EXPECT_THAT(run(), ElementsAre("send s1 'before' ok", kIdle));
+}
+
+TEST_F(Queue, FiveHundredAndFirstMessageGoesToTheSpool) {
+  connect();
+  write_many(500);
+  EXPECT_THAT(FakeSpool::contents(), IsEmpty());
+  EXPECT_EQ(worker->queue.size(), 500u);
+  write("r500");
+  write("r501");
+  EXPECT_THAT(FakeSpool::contents(), ElementsAre("r500", "r501"));
+  EXPECT_EQ(worker->queue.size(), 500u);
+}
+
+TEST_F(Queue, SeventyThousandBytesAreSpooledAsTheirFirst4464) {
+  connect();
+  write_many(500);
+  std::string body(70000, '?');
+  for (size_t i = 0; i < body.size(); ++i)
+    body[i] = static_cast<char>('a' + i % 26);
+  write(body);
+  EXPECT_THAT(FakeSpool::contents(), ElementsAre(body.substr(0, 4464)));
+}
+
+TEST_F(Queue, SpooledLengthsAreTakenModulo65536) {
+  connect();
+  write_many(500);
+  write(std::string(65535, 'x'));
+  write(std::string(65536, 'y'));
+  write(std::string(65537, 'z'));
+  EXPECT_THAT(FakeSpool::contents(), ElementsAre(std::string(65535, 'x'), "", "z"));
+}
+
+TEST_F(Queue, InMemoryTheSameMessageKeepsItsLength) {
+  connect();
+  write(std::string(70000, 'x'));
+  EXPECT_THAT(run(), ElementsAre("send s1 '" + std::string(70000, 'x') + "' ok", kIdle));
+}
+
+TEST_F(Queue, EntriesOfFailedPassesCountTowardsTheFiveHundred) {
+  connect();
+  zmq.on_send = [](const std::string&, const std::string&) { return kFail; };
+  write_many(500);
+  run(kNotResponding);  // 499 and one entry of the record in work
+  write("more");
+  EXPECT_THAT(FakeSpool::contents(), ElementsAre("more"));
+}
+
+TEST_F(Queue, AfterStopWhatFindsNoRoomInMemoryIsDroppedQuietly) {
+  connect();
+  stop();
+  write_many(501);
+  EXPECT_EQ(worker->queue.size(), 500u);
+  while (!worker->queue.empty()) {
+    free(worker->queue.front()->data);
+    free(worker->queue.front());
+    worker->queue.pop();
+  }
+}
+
+#if defined(__SANITIZE_THREAD__)
+#define SKIP_DEATH_TESTS GTEST_SKIP() << "no forks under ThreadSanitizer"
+#else
+#define SKIP_DEATH_TESTS static_cast<void>(0)
+#endif
+
+TEST_F(Queue, WithoutMemoryForTheBodyTheHostIsTold) {
+  SKIP_DEATH_TESTS;
+  connect();
+  EXPECT_DEATH(worker->Write(ULONG_MAX / 2, "x"), "out of memory in malloc");
+}
+
+// -- Stop -----------------------------------------------------------------------------------------
+
+TEST_F(Stopping, EndsEverythingInOrder) {
+  connect();
+  write("a");
+  write("b");
+  stop();
+  EXPECT_THAT(log.all(),
+              ElementsAre(".msg_init_size 1", ".msg_init_data 1", ".msg_close", "send s1 'a' ok",
+                          ".msg_close",  //
+                          ".msg_init_size 1", ".msg_init_data 1", ".msg_close", "send s1 'b' ok",
+                          ".msg_close",  //
+                          "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy", ".spool_close",
+                          ".deliver_pending"));
+  EXPECT_EQ(worker->socket, nullptr);
+  EXPECT_EQ(worker->context, nullptr);
+}
+
+TEST_F(Stopping, WithThePrimaryDownEachRecordGetsOneAttemptAndIsDropped) {
+  connect();
+  primary_down();
+  write_many(5);
+  EXPECT_EQ(stop_and_read_stdout(), "ZMQ worker finished, sent 0 messages, failed 5 times\n");
+  EXPECT_THAT(log.story(),
+              ElementsAre("send s1 'r0' failed", "send s1 'r1' failed", "send s1 'r2' failed",
+                          "send s1 'r3' failed", "send s1 'r4' failed",
+                          "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
+  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_THAT(FakeSpool::contents(), IsEmpty());
+  EXPECT_EQ(worker->DroppedByFlush(), 5u);
+}
+
+TEST_F(Stopping, SaysWhatWasSentAndWhatFailed) {
+  connect();
+  write_many(3);
+  run();
+  sends({kOk, kFail});
+  write_many(2);
+  EXPECT_EQ(stop_and_read_stdout(), "ZMQ worker finished, sent 4 messages, failed 1 times\n");
+  EXPECT_EQ(worker->DroppedByFlush(), 1u);
+}
+
+TEST_F(Stopping, TheFinalLineShowsTheLower32BitsOfTheCounts) {
+  connect();
+  worker->sent_count = (1ull << 32) + 7;
+  worker->failed_count = 0x80000000ull;
+  EXPECT_EQ(stop_and_read_stdout(),
+            "ZMQ worker finished, sent 7 messages, failed -2147483648 times\n");
+}
+
+TEST_F(Stopping, ASecondStopDoesNothing) {
+  connect();
+  stop();
+  log.clear();
+  ::testing::internal::CaptureStdout();
+  worker->Stop();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  EXPECT_THAT(log.all(), IsEmpty());
+}
+
+TEST_F(Stopping, BeforeStartDoesNothing) {
+  worker = new Worker();
+  worker->Init("p", "", "");
+  log.clear();
+  worker->Stop();
+  EXPECT_THAT(log.all(), IsEmpty());
+}
+
+TEST_F(Stopping, SecondariesAreNotUsedByTheFlush) {
+  connect("a");
+  primary_down();
+  write("r");
+  EXPECT_THAT(stop(), ElementsAre("send s1 'r' failed", "disconnect s1 tcp://p:5555", "close s1",
+                                  "ctx_destroy"));
+}
+
+TEST_F(Stopping, SpooledMessagesStayInTheSpool) {
+  connect();
+  FakeSpool::put("d");
+  write("r");
+  stop();
+  EXPECT_THAT(log.starting_with("spool"), IsEmpty());
+  EXPECT_THAT(FakeSpool::contents(), ElementsAre("d"));
+}
+
+TEST_F(Stopping, ARecordWithManyEntriesIsFlushedOnceAndInItsFirstPlace) {
+  connect();
+  primary_down();
+  write("a");
+  write("b");
+  run(kNoSecondary, 3);
+  ASSERT_EQ(worker->queue.size(), 5u) << "b and four entries of a";
+  zmq.on_send = nullptr;
+  EXPECT_THAT(stop(), ElementsAre("send s1 'b' ok", "send s1 'a' ok", "disconnect s1 tcp://p:5555",
+                                  "close s1", "ctx_destroy"));
+}
+
+TEST_F(Stopping, EntriesOfDeliveredRecordsAreNotFlushed) {
+  connect();
+  sends({kFail, kFail, kFail, kFail});
+  write("a");
+  run("send s1 'a' ok");
+  ASSERT_EQ(worker->queue.size(), 2u);
+  EXPECT_THAT(stop(), ElementsAre("disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
+}
+
+TEST_F(Stopping, ARecordWhoseMessageCannotBeInitialisedIsLeftOutOfTheFlush) {
+  connect();
+  write("a");
+  write("b");
+  void* const body = worker->queue.front()->data;
+  zmq.on_init_size = [calls = 0](size_t) mutable { return ++calls != 1; };
+  EXPECT_THAT(stop(), ElementsAre("send s1 'b' ok", "disconnect s1 tcp://p:5555", "close s1",
+                                  "ctx_destroy"));
+  EXPECT_EQ(sent(), 1u);
+  EXPECT_EQ(failed(), 0u);
+  EXPECT_EQ(worker->DroppedByFlush(), 1u);
+  // The record was freed, its body was not: that is still there to be read and released.
+  EXPECT_EQ(std::string(static_cast<char*>(body), 1), "a");
+  free(body);
+}
+
+TEST_F(Stopping, AnEmptySpoolRecordIsFlushedAsAnEmptyMessage) {
+  connect();
+  FakeSpool::promise_nothing(1);
+  write("a");
+  run("spool get nothing");
+  EXPECT_THAT(stop(), ElementsAre("send s1 '' ok", "disconnect s1 tcp://p:5555", "close s1",
+                                  "ctx_destroy"));
+}
+
+// -- FillStatus -----------------------------------------------------------------------------------
+
+class Status : public WorkerFixture {
+ protected:
+  static bool all_handed_over(const DravenholtZmqWriterStatus& s) {
+    return s.queued == 0 && !s.in_work && !s.spooled;
+  }
+};
+
+TEST_F(Status, OfAFreshWorkerIsAllZero) {
+  worker = new Worker();
+  worker->Init("p", "", "");
+  const auto s = status();
+  EXPECT_TRUE(all_handed_over(s));
+  EXPECT_EQ(s.running, 0);
+  EXPECT_EQ(s.sent, 0u);
+  EXPECT_EQ(s.failed, 0u);
+}
+
+TEST_F(Status, CountsWhatWaits) {
+  connect();
+  write_many(3);
+  const auto s = status();
+  EXPECT_EQ(s.queued, 3u);
+  EXPECT_EQ(s.in_work, 0);
+  EXPECT_EQ(s.spooled, 0);
+  EXPECT_EQ(s.running, 1);
+}
+
+TEST_F(Status, LeavesTheFieldsOfOthersAlone) {
+  connect();
+  DravenholtZmqWriterStatus s = {};
+  s.worker = 7;
+  s.spool_folder = "folder";
+  s.install_prefix = "prefix";
+  worker->FillStatus(&s);
+  EXPECT_EQ(s.worker, 7);
+  EXPECT_STREQ(s.spool_folder, "folder");
+  EXPECT_STREQ(s.install_prefix, "prefix");
+}
+
+TEST_F(Status, ShowsTheRecordInWorkWhileItIsSent) {
+  connect();
+  write("a");
+  DravenholtZmqWriterStatus during = {};
+  zmq.on_send = [&](const std::string&, const std::string&) {
+    during = status();
+    return kOk;
+  };
+  run();
+  EXPECT_EQ(during.queued, 0u);
+  EXPECT_EQ(during.in_work, 1);
+  EXPECT_TRUE(all_handed_over(status()));
+  EXPECT_EQ(status().sent, 1u);
+}
+
+TEST_F(Status, NeverSaysThatAllWasHandedOverWhileSomethingIsLeft) {
+  connect("a");
+  // Failures, a switch, a way back, and a spool that is fetched record by record.
+  sends({kFail, kFail, kFail, kFail, kOk, kOk, kFail, kFail, kFail, kFail, kOk});
+  write("r1");
+  FakeSpool::put("d1");
+  FakeSpool::put("d2");
+  int delivered = 0;
+  int looks = 0;
+  log.clear();
+  log.listen([&](const std::string& line) {
+    const bool body_sent = line.find("' ok") != std::string::npos &&
+                           line.compare(0, 4, "send") == 0 && line.find("''") == std::string::npos;
+    delivered += body_sent;
+    looks += 1;
+    EXPECT_TRUE(delivered == 3 || !all_handed_over(status())) << "at " << line;
+    if (line == kIdle) {
+      EXPECT_TRUE(all_handed_over(status()));
+      worker->running = false;
+    }
+  });
+  worker->DoWork();
+  log.listen(nullptr);
+  EXPECT_EQ(delivered, 3);
+  EXPECT_GT(looks, 30);
+}
+
+TEST_F(Status, ARecordThatWasGivenUpIsNotInWork) {
+  connect();
+  zmq.on_init_size = [calls = 0](size_t) mutable { return ++calls != 1; };
+  write("a");
+  run();
+  EXPECT_TRUE(all_handed_over(status()));
+}
+
+TEST_F(Status, AfterStopNothingRuns) {
+  connect();
+  FakeSpool::put("d");
+  EXPECT_EQ(status().spooled, 1);
+  stop();
+  const auto s = status();
+  EXPECT_EQ(s.running, 0);
+  EXPECT_EQ(s.spooled, 0);
+  EXPECT_EQ(s.queued, 0u);
+}
+
+}  // namespace
+}  // namespace test
