@@ -16,6 +16,7 @@
 
 #include "CurveKey.h"
 #include "EventJson.h"
+#include "OptionChecks.h"
 #include "Output.h"
 #include "RawEvents.h"
 #include "StopSignals.h"
@@ -30,14 +31,12 @@ constexpr std::uint64_t kReportedBadMessages = 10;
 // After a stop signal: how long what is still under way may take to arrive.
 constexpr auto kLongestDrain = std::chrono::seconds(2);
 
-enum class Format { kJson, kText, kRaw };
-
 struct Options {
   std::vector<std::string> endpoints;
   std::string secret_key_file;
-  Format format = Format::kJson;
-  std::uint64_t count = 0;  // 0: no limit
-  double timeout_s = 0;     // 0: none
+  std::string format = "json";  // or "text", "raw"
+  std::uint64_t count = 0;      // 0: no limit
+  double timeout_s = 0;         // 0: none
   bool quiet = false;
 };
 
@@ -225,17 +224,10 @@ class Collector {
     ++totals_.events;
     totals_.bytes += size;
     ++totals_.by_type[event.PayloadType()];
-    switch (options_.format) {
-      case Format::kJson:
-        out_.WriteLine(event.Json());
-        break;
-      case Format::kText:
-        out_.WriteLine(event.Text());
-        break;
-      case Format::kRaw:
-        write_raw_event(&out_, std::string_view(data, size));
-        break;
-    }
+    if (options_.format == "raw")
+      write_raw_event(&out_, std::string_view(data, size));
+    else
+      out_.WriteLine(options_.format == "text" ? event.Text() : event.Json());
   }
 
   void ReportBad(const std::string& problem) {
@@ -305,24 +297,22 @@ void add_collect_command(CLI::App& app, int* exit_code) {
                    "File with the collector's secret key, made by 'zmqwriter keygen'")
       ->type_name("FILE")
       ->required();
-  const std::map<std::string, Format> formats = {
-      {"json", Format::kJson}, {"text", Format::kText}, {"raw", Format::kRaw}};
   command
       ->add_option("--format", options->format,
-                   "json: one object per line. text: for the eye. raw: each message as "
-                   "received, after its length as 32-bit little-endian number")
-      ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case).description(""))
-      ->type_name("json|text|raw")
-      ->default_str("json");
+                   "json: one object per line. text: for the eye. raw: each message as received, "
+                   "after its length as 32-bit little-endian number")
+      ->check(CLI::IsMember({"json", "text", "raw"}))
+      ->type_name("")
+      ->capture_default_str();
   command->add_option("--count", options->count, "Stop after so many events")
       ->type_name("N")
-      ->check(CLI::PositiveNumber.description(""));
+      ->check(positive_number());
   command
       ->add_option("--timeout", options->timeout_s,
                    "Stop when nothing has come for so many seconds; a failure (exit status 1) "
                    "if --count was not reached")
       ->type_name("SECONDS")
-      ->check(CLI::PositiveNumber.description(""));
+      ->check(positive_number());
   command->add_flag("--quiet", options->quiet,
                     "Nothing on standard error but the endpoint and failures");
   command->callback([options, exit_code] { *exit_code = collect(*options); });

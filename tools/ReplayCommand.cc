@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "OptionChecks.h"
 #include "Replay.h"
 
 namespace {
@@ -69,12 +70,12 @@ void add_replay_command(CLI::App& app, int* exit_code) {
       ->check(CLI::Validator(check_redef, ""));
   command->add_option("--rate", options->rate, "Records per second, all logs together")
       ->type_name("R")
-      ->check(CLI::PositiveNumber.description(""));
+      ->check(positive_number());
   command
       ->add_option("--drain", options->drain_s,
                    "Give up when nothing was sent for so many seconds, at the end or in a pause")
       ->type_name("SECONDS")
-      ->check(CLI::NonNegativeNumber.description(""))
+      ->check(positive_number(true))
       ->capture_default_str();
   command->add_flag("--no-pace", *no_pace,
                     "Read on as fast as possible; what finds no room in memory goes to disk");

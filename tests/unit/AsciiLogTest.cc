@@ -1,0 +1,487 @@
+// The reader of ASCII logs: every header form, every column type, every kind of broken line.
+#include "standin/AsciiLog.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "ShowValue.h"
+#include "TempDir.h"
+
+namespace {
+
+using standin::AsciiLog;
+using standin::AsciiLogError;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using Step = AsciiLog::Step;
+
+const std::string kHeader =
+    "#separator \\x09\n#set_separator\t,\n#empty_field\t(empty)\n#unset_field\t-\n#path\ttest\n"
+    "#open\t2015-02-23-21-32-33\n";
+
+/// A log with one column of that type and these lines.
+std::string one_column(const std::string& type, const std::string& lines) {
+  return kHeader + "#fields\tx\n#types\t" + type + "\n" + lines;
+}
+
+class AsciiLogTest : public testing::Test {
+ protected:
+  /// Everything that a log gives: records as "value|value", "header:PATH:COLUMNS", "broken:REASON".
+  static std::vector<std::string> read(const std::string& content) {
+    test::write_file("x.log", content);
+    AsciiLog log("x.log");
+    std::vector<std::string> seen;
+    for (;;) {
+      switch (log.Next()) {
+        case Step::kRecord:
+          seen.push_back(show_record(log.TakeValues()));
+          break;
+        case Step::kHeader:
+          seen.push_back("header:" + log.path() + ":" + std::to_string(log.columns().size()));
+          break;
+        case Step::kBroken:
+          seen.push_back("broken:" + log.problem());
+          break;
+        case Step::kEnd:
+          EXPECT_EQ(log.Next(), Step::kEnd) << "the end is final";
+          return seen;
+      }
+    }
+  }
+
+  static std::string show_record(const std::vector<standin::ValuePtr>& values) {
+    std::string text;
+    for (const auto& value : values)
+      text += (text.empty() ? "" : "|") + test::show(*value);
+    return text;
+  }
+
+  /// The one value that `token` gives as a column of `type`.
+  static std::string value(const std::string& type, const std::string& token) {
+    const auto seen = read(one_column(type, token + "\n"));
+    return seen.size() == 1 ? seen[0] : std::to_string(seen.size()) + " steps";
+  }
+
+  /// Text() of the first column of the first record.
+  static std::string text(const std::string& content) {
+    test::write_file("x.log", content);
+    AsciiLog log("x.log");
+    EXPECT_EQ(log.Next(), Step::kRecord);
+    return log.Text(0);
+  }
+
+  static std::string refusal(const std::string& content) {
+    test::write_file("x.log", content);
+    try {
+      AsciiLog log("x.log");
+    } catch (const AsciiLogError& error) {
+      return error.what();
+    }
+    return "accepted";
+  }
+
+  test::TempDir dir;
+};
+
+struct GoodValue {
+  const char* type;
+  const char* token;
+  std::string shown;
+};
+
+void PrintTo(const GoodValue& value, std::ostream* out) {
+  *out << value.type << " " << value.token;
+}
+
+class AsciiLogGoodValueTest : public AsciiLogTest, public testing::WithParamInterface<GoodValue> {};
+
+TEST_P(AsciiLogGoodValueTest, IsReadAsTheHostStoresIt) {
+  EXPECT_EQ(value(GetParam().type, GetParam().token), GetParam().shown);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryType, AsciiLogGoodValueTest,
+    testing::Values(
+        GoodValue{"bool", "T", "1"}, GoodValue{"bool", "F", "0"}, GoodValue{"int", "-42", "-42"},
+        GoodValue{"int", "0", "0"},
+        GoodValue{"int", "-9223372036854775808", "-9223372036854775808"},
+        GoodValue{"int", "9223372036854775807", "9223372036854775807"},
+        GoodValue{"count", "18446744073709551615", "18446744073709551615"},
+        GoodValue{"counter", "7", "7"}, GoodValue{"double", "3.141593", "3.1415929999999999"},
+        GoodValue{"double", "3", "3"}, GoodValue{"double", "-0.5", "-0.5"},
+        GoodValue{"double", "2.147484e+09", "2147484000"}, GoodValue{"double", "nan", "nan"},
+        GoodValue{"double", "-inf", "-inf"}, GoodValue{"double", "1e-400", "0"},
+        GoodValue{"time", "1449999999.123456", "1449999999.123456"},
+        GoodValue{"interval", "90.005000", "90.004999999999995"},
+        GoodValue{"string", "plain text", "'plain text'"}, GoodValue{"string", "(empty)", "''"},
+        GoodValue{"string", "a\\x09b", "'a\tb'"}, GoodValue{"string", "\\xC3\\xa9", "'\xc3\xa9'"},
+        GoodValue{"string", "back\\\\slash", "'back\\slash'"},
+        GoodValue{"string", "\\\\x41", "'\\x41'"}, GoodValue{"string", "C:\\dir", "'C:\\dir'"},
+        GoodValue{"string", "cut\\x4", "'cut\\x4'"}, GoodValue{"string", "end\\", "'end\\'"},
+        GoodValue{"string", "\\x2d", "'-'"}, GoodValue{"string", "--", "'--'"},
+        GoodValue{"string", "a\\x00b", std::string("'a\0b'", 5)},
+        GoodValue{"string", "caf\xc3\xa9", "'caf\xc3\xa9'"},
+        GoodValue{"enum", "Notice::LOG", "'Notice::LOG'"}, GoodValue{"enum", "(empty)", "''"},
+        GoodValue{"file", "/var/x", "'/var/x'"}, GoodValue{"func", "M::f\\x0a{ }", "'M::f\n{ }'"},
+        GoodValue{"port", "0", "0"}, GoodValue{"port", "65535", "65535"},
+        GoodValue{"addr", "192.0.2.1", "v4:c0000201"},
+        GoodValue{"addr", "2001:db8::1", "v6:20010db8000000000000000000000001"},
+        GoodValue{"addr", "::", "v6:00000000000000000000000000000000"},
+        GoodValue{"addr", "::ffff:192.0.2.1", "v4:c0000201"},
+        GoodValue{"subnet", "192.0.2.0/24", "v4:c0000200/120"},
+        GoodValue{"subnet", "10.0.0.0/8", "v4:0a000000/104"},
+        GoodValue{"subnet", "0.0.0.0/0", "v4:00000000/96"},
+        GoodValue{"subnet", "192.0.2.255/25", "v4:c0000280/121"},
+        GoodValue{"subnet", "192.0.2.1/32", "v4:c0000201/128"},
+        GoodValue{"subnet", "2001:db8::/32", "v6:20010db8000000000000000000000000/32"},
+        GoodValue{"subnet", "2001:db8:ffff::/33", "v6:20010db8800000000000000000000000/33"},
+        GoodValue{"subnet", "::/0", "v6:00000000000000000000000000000000/0"},
+        GoodValue{"subnet", "::ffff:192.0.2.0/120", "v4:c0000200/120"},
+        GoodValue{"set[string]", "(empty)", "{}"}, GoodValue{"set[string]", "a", "{'a'}"},
+        GoodValue{"set[string]", "b\\x2cc,a", "{'b,c' 'a'}"},
+        GoodValue{"set[string]", "(empty),a", "{'' 'a'}"},
+        GoodValue{"set[enum]", "M::A,M::B", "{'M::A' 'M::B'}"},
+        GoodValue{"set[addr]", "192.0.2.1,::1",
+                  "{v4:c0000201 v6:00000000000000000000000000000001}"},
+        GoodValue{"set[port]", "80,443", "{80 443}"},
+        GoodValue{"set[subnet]", "10.0.0.0/8", "{v4:0a000000/104}"},
+        GoodValue{"vector[count]", "1,2,3", "[1 2 3]"},
+        GoodValue{"vector[string]", "x,y,-,w", "['x' 'y' unset 'w']"},
+        GoodValue{"vector[string]", "x,\\x2d", "['x' '-']"},
+        GoodValue{"vector[interval]", "1.5,-,2.5", "[1.5 unset 2.5]"},
+        GoodValue{"vector[bool]", "T,F", "[1 0]"}, GoodValue{"vector[int]", "(empty)", "[]"},
+        GoodValue{"vector[double]", "0.5", "[0.5]"}));
+
+class AsciiLogUnsetTest : public AsciiLogTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(AsciiLogUnsetTest, UnsetIsAbsentOverAZeroedUnion) {
+  EXPECT_EQ(value(GetParam(), "-"), "unset");
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryType, AsciiLogUnsetTest,
+                         testing::Values("bool", "int", "count", "counter", "double", "time",
+                                         "interval", "string", "enum", "port", "addr", "subnet",
+                                         "file", "func", "set[string]", "vector[addr]"));
+
+struct BadValue {
+  const char* type;
+  std::string token;
+  const char* reason;
+};
+
+void PrintTo(const BadValue& value, std::ostream* out) {
+  *out << value.type << " " << value.token;
+}
+
+class AsciiLogBadValueTest : public AsciiLogTest, public testing::WithParamInterface<BadValue> {};
+
+TEST_P(AsciiLogBadValueTest, BreaksItsLineOnlyAndSaysWhy) {
+  const auto seen = read(one_column(GetParam().type, GetParam().token + "\n-\n"));
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0], std::string("broken:x.log:9: column 'x': ") + GetParam().reason);
+  EXPECT_EQ(seen[1], "unset");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryType, AsciiLogBadValueTest,
+    testing::Values(
+        BadValue{"bool", "true", "'true' is no bool, which is T or F"},
+        BadValue{"bool", "", "'' is no bool, which is T or F"},
+        BadValue{"int", "12x", "'12x' is no int"}, BadValue{"int", "", "'' is no int"},
+        BadValue{"int", "9223372036854775808", "'9223372036854775808' is out of range for int"},
+        BadValue{"count", "-1", "'-1' is no count"}, BadValue{"count", "1.5", "'1.5' is no count"},
+        BadValue{"count", "18446744073709551616",
+                 "'18446744073709551616' is out of range for count"},
+        BadValue{"count", std::string("1\0", 2), "'1\\x00' is no count"},
+        BadValue{"counter", "x", "'x' is no count"},
+        BadValue{"double", "1.5.2", "'1.5.2' is no number"},
+        BadValue{"double", " 1", "' 1' is no number"},
+        BadValue{"double", "0x10", "'0x10' is no number"},
+        BadValue{"double", "1e999", "'1e999' is out of range for a double"},
+        BadValue{"double", std::string("1\0", 2), "'1\\x00' is no number"},
+        BadValue{"time", "yesterday", "'yesterday' is no number"},
+        BadValue{"interval", "", "'' is no number"},
+        BadValue{"port", "65536", "'65536' is out of range for port"},
+        BadValue{"port", "80/tcp", "'80/tcp' is no port"},
+        BadValue{"port", "-5", "'-5' is no port"},
+        BadValue{"addr", "192.0.2.256", "'192.0.2.256' is no address"},
+        BadValue{"addr", "2001:db8::1::", "'2001:db8::1::' is no address"},
+        BadValue{"addr", std::string("192.0.2.1\0", 10), "'192.0.2.1\\x00' is no address"},
+        BadValue{"addr", "example.com", "'example.com' is no address"},
+        BadValue{"subnet", "192.0.2.0", "'192.0.2.0' is no subnet"},
+        BadValue{"subnet", "192.0.2.0/33",
+                 "'192.0.2.0/33' has a prefix that is longer than the address"},
+        BadValue{"subnet", "2001:db8::/129",
+                 "'2001:db8::/129' has a prefix that is longer than the address"},
+        BadValue{"subnet", "192.0.2.0/x", "'x' is no prefix length"},
+        BadValue{"set[count]", "1,,2", "'' is no count"},
+        BadValue{"set[addr]", "192.0.2.1,nowhere", "'nowhere' is no address"},
+        BadValue{"vector[port]", "1,70000", "'70000' is out of range for port"},
+        BadValue{"count", std::string(100, 'a'),
+                 "'aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa...' is no "
+                 "count"}));
+
+TEST_F(AsciiLogTest, TextsThatTheHostTerminatesAreTerminatedOutsideTheirLength) {
+  for (const char* type : {"enum", "file", "func"}) {
+    test::write_file("x.log", one_column(type, "abc\n"));
+    AsciiLog log("x.log");
+    ASSERT_EQ(log.Next(), Step::kRecord);
+    const auto values = log.TakeValues();
+    EXPECT_EQ(values[0]->val.string_val.length, 3);
+    EXPECT_STREQ(values[0]->val.string_val.data, "abc");
+  }
+}
+
+TEST_F(AsciiLogTest, ColumnsAndPathComeFromTheHeader) {
+  test::write_file("x.log", kHeader +
+                                "#fields\tts\tid.orig_h\ttags\tttl\n"
+                                "#types\ttime\taddr\tset[enum]\tvector[interval]\n");
+  AsciiLog log("x.log");
+  EXPECT_EQ(log.path(), "test");
+  EXPECT_EQ(log.file(), "x.log");
+  EXPECT_THAT(log.columns(), ElementsAre(AsciiLog::Column{"ts", TYPE_TIME, TYPE_VOID},
+                                         AsciiLog::Column{"id.orig_h", TYPE_ADDR, TYPE_VOID},
+                                         AsciiLog::Column{"tags", TYPE_TABLE, TYPE_ENUM},
+                                         AsciiLog::Column{"ttl", TYPE_VECTOR, TYPE_INTERVAL}));
+  EXPECT_EQ(log.Next(), Step::kEnd);
+}
+
+struct HeaderCase {
+  const char* name;
+  std::string content;
+  std::vector<std::string> seen;
+};
+
+void PrintTo(const HeaderCase& header, std::ostream* out) {
+  *out << header.name;
+}
+
+class AsciiLogHeaderTest : public AsciiLogTest, public testing::WithParamInterface<HeaderCase> {};
+
+TEST_P(AsciiLogHeaderTest, IsUnderstood) {
+  EXPECT_EQ(read(GetParam().content), GetParam().seen);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryForm, AsciiLogHeaderTest,
+    testing::Values(
+        HeaderCase{
+            "WithoutSeparatorLine", "#fields\ta\tb\n#types\tcount\tstring\n1\t-\n", {"1|unset"}},
+        HeaderCase{"TypesBeforeFields", "#types\tcount\n#fields\ta\n1\n", {"1"}},
+        HeaderCase{"SpaceAsSeparator",
+                   "#separator \\x20\n#set_separator ;\n#unset_field nil\n#empty_field none\n"
+                   "#path sp\n#fields a b c\n#types string set[string] string\n"
+                   "a\\x20b x;y nil\nnone none -\n",
+                   {"'a b'|{'x' 'y'}|unset", "''|{}|'-'"}},
+        HeaderCase{
+            "SeparatorOfSeveralCharacters",
+            "#separator ||\n#set_separator||::\n#fields||a||b\n#types||vector[count]||string\n"
+            "1::2||a|b\n\n",
+            {"[1 2]|'a|b'", "broken:x.log:6: 1 columns instead of 2"}},
+        HeaderCase{"EscapedMarkers",
+                   "#separator \\x09\n#empty_field\t\\xe2\\x88\\x85\n#unset_field\tn\\x20a\n"
+                   "#fields\ta\tb\tc\td\n#types\tstring\tset[count]\tcount\tstring\n"
+                   "\xe2\x88\x85\t\\xe2\\x88\\x85\tn a\tn\\x20a\n",
+                   {"''|{}|unset|unset"}},
+        HeaderCase{
+            "EmptyMarkerIsNothing",
+            "#separator \\x09\n#empty_field\t\n#fields\ta\tb\n#types\tstring\tset[count]\n\t\n",
+            {"''|{}"}},
+        HeaderCase{
+            "UnsetMarkerIsNothing",
+            "#separator \\x09\n#unset_field\t\n#fields\ta\tb\n#types\tcount\tset[count]\n\t\n",
+            {"unset|unset"}},
+        HeaderCase{"OtherMetaPrefix",
+                   "%%separator \\x09\n%%path\tother\n%%fields\ta\n%%types\tstring\n#1\n\\x25%2\n"
+                   "%%close\tnow\n",
+                   {"'#1'", "'%%2'"}},
+        HeaderCase{
+            "UnknownMetaLines",
+            "#separator \\x09\n#remark\tnothing\n#fields\ta\n#types\tcount\n# free text\n1\n",
+            {"1"}},
+        HeaderCase{
+            "CarriageReturns",
+            "#separator \\x09\r\n#unset_field\t-\r\n#fields\ta\tb\r\n#types\tcount\tstring\r\n"
+            "1\t-\r\n2\tx\\x0d\r\n#close\tnow\r\n",
+            {"1|unset", "2|'x\r'"}},
+        HeaderCase{"DataThatLooksLikeMeta", one_column("string", "\\x23fields\n"), {"'#fields'"}},
+        HeaderCase{"NoRecords", one_column("string", "#close\tnow\n"), {}},
+        HeaderCase{"CloseWithoutLineEnd", one_column("count", "1\n#close\tnow"), {"1"}},
+        HeaderCase{"SameHeaderAgain",
+                   one_column("count", "1\n#close\tnow\n") + one_column("count", "2\n"),
+                   {"1", "header:test:1", "2"}},
+        HeaderCase{"OtherHeaderLater",
+                   one_column("count", "1\n#close\tnow\n") +
+                       "#separator ,\n#path,more\n#fields,a,b\n#types,string,count\nx,2\n",
+                   {"1", "header:more:2", "'x'|2"}},
+        HeaderCase{"LaterHeaderWithoutRecords",
+                   one_column("count", "1\n") + one_column("string", ""),
+                   {"1", "header:test:1"}},
+        HeaderCase{"LaterHeaderOfFieldsAlone",
+                   one_column("count", "1\n#fields\ta\tb\n#types\tcount\tcount\n2\t3\n"),
+                   {"1", "header:test:2", "2|3"}},
+        HeaderCase{"BrokenHeaderLater",
+                   one_column("count", "1\n#fields\ta\tb\n2\n3\n#fields\tx\n4\n"),
+                   {"1", "broken:x.log:11: unusable header: 2 fields but 1 types",
+                    "broken:x.log:11: no record can be read after an unusable header",
+                    "broken:x.log:12: no record can be read after an unusable header",
+                    "header:test:1", "4"}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct Refused {
+  const char* name;
+  std::string content;
+  const char* reason;
+};
+
+void PrintTo(const Refused& refused, std::ostream* out) {
+  *out << refused.name;
+}
+
+class AsciiLogRefusalTest : public AsciiLogTest, public testing::WithParamInterface<Refused> {};
+
+TEST_P(AsciiLogRefusalTest, NamesTheReason) {
+  EXPECT_THAT(refusal(GetParam().content), HasSubstr(GetParam().reason));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryKind, AsciiLogRefusalTest,
+    testing::Values(
+        Refused{"EmptyFile", "", "x.log: file without header: it is empty"},
+        Refused{"RecordsWithoutHeader", "1\t2\n", "x.log:1: file without header"},
+        Refused{"NamesOnly", "ts\tuid\n1\tC1\n", "x.log:1: file without header"},
+        Refused{"BinaryFile",
+                std::string("\x7f"
+                            "ELF\0\0\0",
+                            7),
+                "x.log:1: file without header"},
+        Refused{"NoFields", "#separator \\x09\n#types\tcount\n1\n",
+                "there must be a '#fields' and a '#types' line"},
+        Refused{"NoTypes", "#separator \\x09\n#fields\ta\n1\n",
+                "there must be a '#fields' and a '#types' line"},
+        Refused{"FieldsAndTypesDiffer", "#separator \\x09\n#fields\ta\tb\n#types\tcount\n",
+                "2 fields but 1 types"},
+        Refused{"UnknownType", "#separator \\x09\n#fields\ta\n#types\tcolour\n",
+                "column 'a' has the unknown type 'colour'"},
+        Refused{"PatternCannotBeLogged", "#separator \\x09\n#fields\ta\n#types\tpattern\n",
+                "column 'a' has the unknown type 'pattern'"},
+        Refused{"UnknownElementType", "#separator \\x09\n#fields\ta\n#types\tset[colour]\n",
+                "column 'a' has the unknown type 'set[colour]'"},
+        Refused{"NestedContainer", "#separator \\x09\n#fields\ta\n#types\tset[set[count]]\n",
+                "column 'a' has the unknown type 'set[set[count]]'"},
+        Refused{"UnknownContainer", "#separator \\x09\n#fields\ta\n#types\tlist[count]\n",
+                "column 'a' has the unknown type 'list[count]'"},
+        Refused{"ColumnWithoutName", "#separator \\x09\n#fields\ta\t\n#types\tcount\tcount\n",
+                "column 2 has no usable name"},
+        Refused{"ColumnNameWithNul", "#separator \\x09\n#fields\ta\\x00b\n#types\tcount\n",
+                "column 1 has no usable name"},
+        Refused{"EmptySeparator", "#separator \n#fields\ta\n#types\tcount\n",
+                "the separator is empty or holds a line end"},
+        Refused{"LineEndAsSeparator", "#separator \\x0a\n#fields\ta\n#types\tcount\n",
+                "the separator is empty or holds a line end"},
+        Refused{"EmptySetSeparator",
+                "#separator \\x09\n#set_separator\t\n#fields\ta\n#types\tset[count]\n",
+                "column 'a' is a set[count], but the set separator is empty"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(AsciiLogTest, PathDefaultsToTheFilesName) {
+  test::write_file("weird.12:00.log", "#fields\ta\n#types\tcount\n");
+  EXPECT_EQ(AsciiLog("weird.12:00.log").path(), "weird.12:00");
+}
+
+TEST_F(AsciiLogTest, MissingFileIsRefusedByName) {
+  try {
+    AsciiLog log("nowhere.log");
+    FAIL() << "accepted";
+  } catch (const AsciiLogError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("nowhere.log: cannot read the log: No such file"));
+  }
+}
+
+TEST_F(AsciiLogTest, FolderIsRefusedByName) {
+  try {
+    AsciiLog log(".");
+    FAIL() << "accepted";
+  } catch (const AsciiLogError& error) {
+    EXPECT_THAT(error.what(), HasSubstr(".: this is a folder, not a log"));
+  }
+}
+
+TEST_F(AsciiLogTest, WrongColumnCountBreaksTheLineOnly) {
+  const std::string log = kHeader + "#fields\ta\tb\n#types\tcount\tcount\n1\n1\t2\t3\n\n1\t2\n";
+  EXPECT_THAT(read(log), ElementsAre("broken:x.log:9: 1 columns instead of 2",
+                                     "broken:x.log:10: 3 columns instead of 2",
+                                     "broken:x.log:11: 1 columns instead of 2", "1|2"));
+}
+
+TEST_F(AsciiLogTest, TruncatedLastLineIsBrokenWhereverItWasCut) {
+  const std::string whole =
+      kHeader + "#fields\ta\tb\n#types\tcount\tstring\n1\tone\n234\ttwo\\x09three\n";
+  const std::size_t last_line = whole.find("234");
+  for (std::size_t size = last_line + 1; size < whole.size(); ++size) {
+    EXPECT_THAT(read(whole.substr(0, size)),
+                ElementsAre("1|'one'",
+                            "broken:x.log:10: the last line has no line end, it may have been cut"))
+        << "cut at byte " << size;
+  }
+  EXPECT_THAT(read(whole.substr(0, last_line)), ElementsAre("1|'one'"));
+}
+
+TEST_F(AsciiLogTest, LinesOfManyMegabytesAreRead) {
+  const std::string big(5 << 20, 'x');
+  const auto seen = read(one_column("string", big + "\nsmall\n"));
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0].size(), big.size() + 2);
+  EXPECT_EQ(seen[1], "'small'");
+}
+
+TEST_F(AsciiLogTest, NulBytesInTextAreKept) {
+  EXPECT_THAT(read(one_column("string", std::string("a\0b\n", 4))),
+              ElementsAre(std::string("'a\0b'", 5)));
+}
+
+TEST_F(AsciiLogTest, TextIsTheHostsOwnWithEscapesUndone) {
+  EXPECT_EQ(text(one_column("string", "a\\x09b\\\\\n")), "a\tb\\");
+  EXPECT_EQ(text(one_column("string", "(empty)\n")), "");
+  EXPECT_EQ(text(one_column("string", "-\n")), "");
+  EXPECT_EQ(text(one_column("string", "\\x2d\n")), "-");
+  EXPECT_EQ(text(one_column("time", "1300475167.100000\n")), "1300475167.100000");
+  EXPECT_EQ(text(one_column("double", "2.50\n")), "2.50");
+  EXPECT_EQ(text(one_column("bool", "T\n")), "T");
+  EXPECT_EQ(text(one_column("subnet", "192.0.2.0/24\n")), "192.0.2.0/24");
+  EXPECT_EQ(text(one_column("set[string]", "b\\x2cc,a\n")), "b,c,a");
+  EXPECT_EQ(text(one_column("set[string]", "(empty)\n")), "");
+  EXPECT_EQ(text(one_column("set[string]", "(empty),a\n")), ",a");
+  EXPECT_EQ(text(one_column("vector[string]", "x,-,\\x2d\n")), "x,-,-");
+}
+
+TEST_F(AsciiLogTest, TextJoinsElementsWithACommaWhateverTheSetSeparatorIs) {
+  EXPECT_EQ(text("#separator \\x09\n#set_separator\t;\n#fields\ta\n#types\tvector[count]\n1;2;3\n"),
+            "1,2,3");
+}
+
+TEST_F(AsciiLogTest, IsUnsetTellsUnsetFromEmptyAndFromADash) {
+  test::write_file("x.log", kHeader +
+                                "#fields\ta\tb\tc\n#types\tstring\tstring\tstring\n"
+                                "-\t(empty)\t\\x2d\n");
+  AsciiLog log("x.log");
+  ASSERT_EQ(log.Next(), Step::kRecord);
+  EXPECT_TRUE(log.IsUnset(0));
+  EXPECT_FALSE(log.IsUnset(1));
+  EXPECT_FALSE(log.IsUnset(2));
+}
+
+TEST_F(AsciiLogTest, ReadsFromAStreamUnderAGivenName) {
+  std::string content = one_column("count", "1\nx\n");
+  AsciiLog log(fmemopen(content.data(), content.size(), "r"), "stream");
+  EXPECT_EQ(log.Next(), Step::kRecord);
+  EXPECT_EQ(log.Next(), Step::kBroken);
+  EXPECT_EQ(log.problem(), "stream:10: column 'x': 'x' is no count");
+  EXPECT_EQ(log.bytes_read(), content.size());
+}
+
+}  // namespace

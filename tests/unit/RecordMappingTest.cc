@@ -1,0 +1,134 @@
+// How the records of the host's logs get the names that the plug-in knows.
+#include "RecordMapping.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ShowValue.h"
+
+namespace {
+
+using standin::AsciiLog;
+using testing::ElementsAre;
+
+/// The first record of a log, mapped: one "name:type=value" per field.
+std::vector<std::string> map(std::string content) {
+  AsciiLog log(fmemopen(content.data(), content.size(), "r"), "x.log");
+  const RecordMapping mapping(log.path(), log.columns());
+  EXPECT_EQ(log.Next(), AsciiLog::Step::kRecord);
+  threading::Value** const record = mapping.Map(&log);
+  std::vector<std::string> seen;
+  for (std::size_t i = 0; i < mapping.fields().size(); ++i) {
+    const threading::Field& field = mapping.fields()[i];
+    EXPECT_EQ(record[i]->type, field.type) << "the host refuses such a record";
+    seen.push_back(std::string(field.name) + ":" + field.TypeName() + "=" + test::show(*record[i]));
+    delete record[i];
+  }
+  delete[] record;
+  return seen;
+}
+
+std::string header(const std::string& path) {
+  return "#separator \\x09\n#path\t" + path + "\n";
+}
+
+TEST(RecordMappingTest, ConnectionsAreGeneralAndKeepTheirNames) {
+  EXPECT_THAT(map(header("conn") +
+                  "#fields\tts\tuid\tid.orig_h\tid.orig_p\tproto\tduration\ttunnel_parents\n"
+                  "#types\ttime\tstring\taddr\tport\tenum\tinterval\tset[string]\n"
+                  "1.5\tC1\t192.0.2.1\t80\ttcp\t-\t(empty)\n"),
+              ElementsAre("ptype:string='general'", "ts:time=1.5", "uid:string='C1'",
+                          "id.orig_h:addr=v4:c0000201", "id.orig_p:port=80", "proto:enum='tcp'",
+                          "duration:interval=unset", "tunnel_parents:set[string]={}"));
+}
+
+TEST(RecordMappingTest, HttpGetsItsPrefixAndUsernameIsTheUser) {
+  EXPECT_THAT(map(header("http") +
+                  "#fields\tts\tuid\tid.orig_h\tid.resp_p\tmethod\tusername\tidle\tuid_list\n"
+                  "#types\ttime\tstring\taddr\tport\tstring\tstring\tstring\tvector[string]\n"
+                  "1.5\tC1\t192.0.2.1\t80\tGET\tbob\tx\ta,b\n"),
+              ElementsAre("ptype:string='http'", "ts:time=1.5", "uid:string='C1'",
+                          "id.orig_h:addr=v4:c0000201", "id.resp_p:port=80",
+                          "http.method:string='GET'", "http.user:string='bob'",
+                          "http.idle:string='x'", "http.uid_list:vector[string]=['a' 'b']"));
+}
+
+struct ProtocolCase {
+  const char* path;
+  const char* ptype;
+  const char* username;  // what a column of that name becomes
+};
+
+class RecordMappingProtocolTest : public testing::TestWithParam<ProtocolCase> {};
+
+TEST_P(RecordMappingProtocolTest, GetsItsTypeAndPrefix) {
+  EXPECT_THAT(map(header(GetParam().path) + "#fields\tts\tusername\n#types\ttime\tstring\n2\tx\n"),
+              ElementsAre(std::string("ptype:string='") + GetParam().ptype + "'", "ts:time=2",
+                          std::string(GetParam().username) + ":string='x'"));
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryProtocol, RecordMappingProtocolTest,
+                         testing::Values(ProtocolCase{"conn", "general", "username"},
+                                         ProtocolCase{"http", "http", "http.user"},
+                                         ProtocolCase{"ftp", "ftp", "ftp.username"},
+                                         ProtocolCase{"ldap", "ldap", "ldap.username"},
+                                         ProtocolCase{"smb", "smb", "smb.username"},
+                                         ProtocolCase{"smtp", "smtp", "smtp.username"},
+                                         ProtocolCase{"tds", "tds", "tds.username"},
+                                         ProtocolCase{"dce_rpc", "dce-rpc", "dce.username"},
+                                         ProtocolCase{"tn5250", "tn5250", "tn5250.username"}));
+
+TEST(RecordMappingTest, OtherPathsBecomePairsWithoutAType) {
+  EXPECT_THAT(
+      map(header("dns") + "#fields\tts\tuid\tid.orig_h\tquery\trcode\tanswers\tAA\trejected\n"
+                          "#types\ttime\tstring\taddr\tstring\tcount\tvector[string]\tbool\tbool\n"
+                          "1.5\tC1\t2001:db8::1\ta\\x2cb.example.com\t-\tx,-,y\\x2cz\tT\t-\n"),
+      ElementsAre("ts:time=1.5", "uid:string='C1'",
+                  "extra_fields:vector[string]=['_path' 'id.orig_h' 'query' 'answers' 'AA']",
+                  "extra_vals:vector[string]=['dns' '2001:db8::1' 'a,b.example.com' 'x,-,y,z' "
+                  "'T']"));
+}
+
+TEST(RecordMappingTest, PairsOfALogWithoutTimeAndUidStandAlone) {
+  EXPECT_THAT(map(header("known_hosts") + "#fields\thost\tn\n#types\taddr\tcount\n192.0.2.7\t3\n"),
+              ElementsAre("extra_fields:vector[string]=['_path' 'host' 'n']",
+                          "extra_vals:vector[string]=['known_hosts' '192.0.2.7' '3']"));
+}
+
+TEST(RecordMappingTest, UnsetTimeAndUidStayUnset) {
+  EXPECT_THAT(map(header("weird") + "#fields\tts\tuid\tname\n#types\ttime\tstring\tstring\n"
+                                    "-\t-\t(empty)\n"),
+              ElementsAre("ts:time=unset", "uid:string=unset",
+                          "extra_fields:vector[string]=['_path' 'name']",
+                          "extra_vals:vector[string]=['weird' '']"));
+}
+
+TEST(RecordMappingTest, RecordOfUnsetColumnsOnlyStillNamesItsPath) {
+  EXPECT_THAT(
+      map(header("x") + "#fields\ta\n#types\tset[count]\n-\n"),
+      ElementsAre("extra_fields:vector[string]=['_path']", "extra_vals:vector[string]=['x']"));
+}
+
+TEST(RecordMappingTest, ReporterRecordsCarryNoType) {
+  EXPECT_THAT(map(header("reporter") + "#fields\tts\tmessage\n#types\ttime\tstring\n1\tx\n"),
+              ElementsAre("ts:time=1", "extra_fields:vector[string]=['_path' 'message']",
+                          "extra_vals:vector[string]=['reporter' 'x']"));
+}
+
+TEST(RecordMappingTest, LogsOfThePluginsOwnShapePassUnchanged) {
+  EXPECT_THAT(map(header("http") + "#fields\tts\tptype\textra\n#types\ttime\tstring\tset[count]\n"
+                                   "1\thttp-in\t-\n"),
+              ElementsAre("ts:time=1", "ptype:string='http-in'", "extra:set[count]=unset"));
+  EXPECT_THAT(map(header("other") + "#fields\textra_fields\n#types\tvector[string]\na,b\n"),
+              ElementsAre("extra_fields:vector[string]=['a' 'b']"));
+  EXPECT_THAT(map(header("system_stats") + "#fields\tcpu_usage\tpriority\n#types\tdouble\tint\n"
+                                           "0.5\t-3\n"),
+              ElementsAre("cpu_usage:double=0.5", "priority:int=-3"));
+}
+
+}  // namespace
