@@ -1,0 +1,164 @@
+// The real send loop beside a plain model of it, in thousands of random worlds: servers that come
+// and go, sockets, connections and messages that fail, messages that arrive at any moment, a stop
+// at any moment.
+//
+// ZMQWRITER_MODEL_SCRIPTS sets the number of worlds, ZMQWRITER_SEED the first of their seeds.
+#include <cstdlib>
+#include <map>
+#include <random>
+
+#include "SendLoopModel.h"
+#include "WorkerFixture.h"
+
+namespace test {
+namespace {
+
+std::uint64_t from_environment(const char* name, std::uint64_t otherwise) {
+  const char* const text = std::getenv(name);
+  return text ? std::strtoull(text, nullptr, 0) : otherwise;
+}
+
+/// One world: the real loop, driven by the script.
+class RealLoop {
+ public:
+  explicit RealLoop(const LoopScript& script) : script_(script) {
+    FakeSpool::reset();
+    for (int i = 0; i < script.spooled; ++i)
+      FakeSpool::put("d" + std::to_string(i));
+    FakeSpool::promise_nothing(script.empty_promises);
+    std::string list;
+    for (const std::string& secondary : script.secondaries)
+      list += secondary + ",";
+    worker.Init("p", "", list);
+    worker.context = zmq_ctx_new();
+    worker.socket = worker.Connect(worker.server);
+    worker.running = true;
+    log.clear();
+    for (int i = 0; i < script.waiting; ++i)
+      write("q" + std::to_string(i));
+    follow_script();
+    worker.DoWork();
+    log.listen(nullptr);
+  }
+
+  /// Ends as Stop does; gives the bodies that the flush attempted.
+  std::vector<std::string> stop() {
+    zmq.on_send = nullptr;
+    zmq.on_init_size = nullptr;
+    log.clear();
+    worker.running = true;
+    pthread_create(
+        &worker.thread, nullptr, [](void* nothing) { return nothing; }, nullptr);
+    worker.Stop();
+    std::vector<std::string> bodies;
+    for (const std::string& line : log.starting_with("send s1 '"))
+      bodies.push_back(line.substr(9, line.size() - 9 - 4));
+    return bodies;
+  }
+
+  CallLog& log = CallLog::instance();
+  FakeClock clock;
+  FakeZmq zmq;
+  logging::writer::ZmqWorker worker = logging::writer::ZmqWorker();
+
+ private:
+  void write(const std::string& body) { worker.Write(body.size(), body.data()); }
+
+  void follow_script() {
+    zmq.on_send = [this](const std::string& endpoint, const std::string&) {
+      const bool works = script_.send_works(endpoint, events_);
+      if (!works)
+        clock.advance_us(LoopScript::kFailedSendUs);
+      return works;
+    };
+    zmq.on_connect = [this](const std::string& endpoint) {
+      return script_.connect_works(endpoint, events_);
+    };
+    zmq.on_socket = [this] { return script_.socket_works(events_); };
+    zmq.on_init_size = [this](std::size_t) { return script_.init_works(events_); };
+    log.listen([this](const std::string& line) {
+      if (line[0] == '.' || line.compare(0, 5, "spool") == 0)
+        return;
+      events_ += 1;
+      for (int i = script_.arrivals(events_); i > 0; --i)
+        write("n" + std::to_string(arrived_++));
+      if (events_ == script_.stop_at)
+        worker.running = false;
+    });
+  }
+
+  const LoopScript& script_;
+  int events_ = 0;
+  int arrived_ = 0;
+};
+
+/// The first line in which the two differ, with what went before.
+std::string difference(const std::vector<std::string>& real,
+                       const std::vector<std::string>& model) {
+  std::size_t at = 0;
+  while (at < real.size() && at < model.size() && real[at] == model[at])
+    at += 1;
+  if (at == real.size() && at == model.size())
+    return "";
+  std::string text = "line " + std::to_string(at) + ", after:\n";
+  for (std::size_t i = at < 10 ? 0 : at - 10; i < at; ++i)
+    text += "    " + real[i] + "\n";
+  text += "  real:  " + (at < real.size() ? real[at] : "(end)") + "\n";
+  text += "  model: " + (at < model.size() ? model[at] : "(end)") + "\n";
+  return text;
+}
+
+TEST(SendLoopBesideItsModel, DoesTheSameInEveryRandomWorld) {
+  const std::uint64_t scripts = from_environment("ZMQWRITER_MODEL_SCRIPTS", 5000);
+  const std::uint64_t first_seed = from_environment("ZMQWRITER_SEED", std::random_device()());
+  std::printf("%llu worlds from ZMQWRITER_SEED=%llu on\n", static_cast<unsigned long long>(scripts),
+              static_cast<unsigned long long>(first_seed));
+  ::testing::internal::CaptureStdout();  // the worker's own lines
+
+  std::map<std::string, int> seen;
+  std::string failure;
+  for (std::uint64_t seed = first_seed; seed < first_seed + scripts && failure.empty(); ++seed) {
+    const LoopScript script(seed);
+    SendLoopModel model(script);
+    model.run();
+    {
+      RealLoop real(script);
+      const auto check = [&](const char* what, auto actual, auto expected) {
+        if (failure.empty() && !(actual == expected))
+          failure = std::string(what) + " differs\n";
+      };
+      failure = difference(real.log.story(), model.lines);
+      check("sent", real.worker.sent_count.load(), static_cast<std::uint64_t>(model.sent));
+      check("failed", real.worker.failed_count.load(), static_cast<std::uint64_t>(model.failed));
+      check("main_fail_time", real.worker.main_fail_time, model.main_fail_time);
+      check("secondary_index", real.worker.secondary_index, model.secondary_index);
+      check("secondary_server", real.worker.secondary_server, model.secondary_server);
+      check("length of the queue", real.worker.queue.size(), model.queued());
+      check("spool", FakeSpool::contents(), model.spool);
+      check("flush", real.stop(), model.flush());
+      check("open sockets", real.zmq.open_sockets().size(), std::size_t{0});
+      check("message contents", real.zmq.live_contents(), std::size_t{0});
+      check("use of libzmq", real.zmq.misuse(), std::vector<std::string>());
+    }
+    if (!failure.empty())
+      failure = "ZMQWRITER_SEED=" + std::to_string(seed) + ": " + failure;
+    for (const std::string& line : model.lines)
+      seen[line.substr(0, 25)] += 1;
+  }
+  ::testing::internal::GetCapturedStdout();
+  ASSERT_EQ(failure, "");
+
+  if (scripts >= 1000) {
+    // The worlds have led everywhere.
+    for (const char* const start :
+         {"warning: Main zmq server ", "warning: Switched to seco", "warning: Secondary server",
+          "warning: Could not connec", "warning: Failed to initia", "error: Failed to open ZMQ",
+          "error: Failed to connect ", "spool get nothing", "sleep 1000000 us", "sleep 100000 us",
+          "disconnect null tcp://a:5"})
+      EXPECT_GT(seen[start], 50) << start;
+    EXPECT_GT(seen["spool store 'n10'"] + seen["spool store 'n5'"], 0);
+  }
+}
+
+}  // namespace
+}  // namespace test
