@@ -219,6 +219,9 @@ void* PersistentQueue::Get(uint16_t* length) {
   if (!head_file)
     openFile();
 
+  // A head that cannot be opened has nothing to give. Alone it is kept, for a start that can.
+  if (!head_file && value_of(file_count) < 2)
+    return nullptr;
   if (value_of(head_records) <= 0) {
     rollBack();
     openFile();

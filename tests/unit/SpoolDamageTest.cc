@@ -1,0 +1,394 @@
+// Files that something else has damaged, and disks that refuse. What the spool does with damaged
+// bytes is compared with the model, in which a file reads as if endless zero bytes followed it.
+
+#include <grp.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "SpoolFixture.h"
+
+namespace {
+
+using test::header;
+using test::record;
+using test::u16;
+using test::u32;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Optional;
+
+const std::string kThreeRecords = record(0, "first") + record(5, "second") + record(6, "third");
+const std::string kHealthy = header(12 + 9 + 10 + 9, 3) + kThreeRecords;
+
+class SpoolDamageTest : public testing::Test, protected test::SpoolFixture {
+ protected:
+  // Uses a spool on these files in most ways beside the model. A file of n bytes holds at most n/4
+  // records, so that many takes and one more for each file must empty any spool.
+  void expect_as_the_model(const std::map<std::string, std::string>& damaged) {
+    for (const bool store_first : {false, true}) {
+      std::filesystem::remove_all(folder());
+      std::size_t most_takes = 8;
+      for (const auto& file : damaged) {
+        put(file.first, file.second);
+        most_takes += file.second.size() / 4 + 1;
+      }
+      test::SpoolBesideModel both;
+      ASSERT_EQ(both.Difference(), "") << "start";
+      if (store_first) {
+        both.Store("new");
+        ASSERT_EQ(both.Difference(), "") << "store";
+        both.Take();
+        ASSERT_EQ(both.Difference(), "") << "take after store";
+        both.Store("new");
+        both.CrashAndStart();
+        ASSERT_EQ(both.Difference(), "") << "crash";
+        both.Store("newer");
+        both.Restart();
+        ASSERT_EQ(both.Difference(), "") << "restart";
+      }
+      std::size_t takes = 0;
+      for (; !both.IsEmpty() && takes < most_takes; ++takes) {
+        both.Take();
+        ASSERT_EQ(both.Difference(), "") << "take " << takes;
+      }
+      EXPECT_TRUE(both.IsEmpty()) << "after " << takes << " takes";
+    }
+  }
+};
+
+TEST_F(SpoolDamageTest, HeaderCutAtAnyLengthIsWarnedOfOnceAndReadsAsZeros) {
+  for (std::size_t length = 0; length <= 12; ++length) {
+    SCOPED_TRACE("length " + std::to_string(length));
+    test::CallLog::instance().clear();
+    put("queue.dat", kHealthy.substr(0, length));
+    start();
+    if (length < 12)
+      EXPECT_THAT(test::reports_of("warning"), ElementsAre("Corrupted queue file " + path()));
+    else
+      EXPECT_THAT(test::reports_of("warning"), IsEmpty());
+    EXPECT_EQ(spool().file_count, 1);
+    store("new");
+    EXPECT_EQ(content().substr(12), record(0, "new")) << "behind the place of the header";
+    EXPECT_THAT(take(), Optional(std::string("new")));
+    EXPECT_EQ(take(), std::nullopt);
+    stop();
+    expect_as_the_model({{"queue.dat", kHealthy.substr(0, length)}});
+  }
+}
+
+TEST_F(SpoolDamageTest, RecordStoredBehindACutHeaderSurvivesTheRestart) {
+  put("queue.dat", "ZMQF");
+  store("new");
+  reopen();
+  EXPECT_THAT(take(), Optional(std::string("new")));
+}
+
+TEST_F(SpoolDamageTest, AnyHeaderByteFlippedIsSurvived) {
+  for (std::size_t at = 0; at < 12; ++at) {
+    for (unsigned mask : {0x01u, 0x10u, 0x80u, 0xffu}) {
+      SCOPED_TRACE("byte " + std::to_string(at) + " xor " + std::to_string(mask));
+      std::string damaged = kHealthy;
+      damaged[at] = static_cast<char>(static_cast<unsigned char>(damaged[at]) ^ mask);
+      expect_as_the_model({{"queue.dat", damaged}});
+      expect_as_the_model({{"queue.dat", kHealthy}, {"queue.dat.1", damaged}});
+    }
+  }
+}
+
+TEST_F(SpoolDamageTest, FlippedSignatureIsWarnedOf) {
+  for (std::size_t at = 0; at < 4; ++at) {
+    test::CallLog::instance().clear();
+    std::string damaged = kHealthy;
+    damaged[at] ^= 0x20;
+    put("queue.dat", damaged);
+    start();
+    EXPECT_THAT(test::reports_of("warning"),
+                ElementsAre("Corrupted queue file " + path() + ", invalid signature"));
+    stop();
+  }
+}
+
+TEST_F(SpoolDamageTest, CountWithNothingBehindItGivesNothingAndTakesNoTime) {
+  for (std::uint32_t count : {1u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+    SCOPED_TRACE("count " + std::to_string(count));
+    put("queue.dat", header(100, count));
+    start();
+    EXPECT_FALSE(spool().IsEmpty());
+    EXPECT_EQ(take(), std::nullopt);
+    EXPECT_TRUE(spool().IsEmpty());
+    stop();
+    expect_as_the_model({{"queue.dat", header(100, count)}});
+  }
+}
+
+TEST_F(SpoolDamageTest, CountThatTheFileHasNoRoomForGivesTheRecordsThatAreThere) {
+  for (std::uint32_t count : {100u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+    SCOPED_TRACE("count " + std::to_string(count));
+    put("queue.dat", header(40, count) + kThreeRecords);
+    start();
+    EXPECT_THAT(take(), Optional(std::string("third")));
+    EXPECT_THAT(take(), Optional(std::string("second")));
+    EXPECT_THAT(take(), Optional(std::string("first")));
+    EXPECT_TRUE(spool().IsEmpty());
+    stop();
+    expect_as_the_model({{"queue.dat", header(40, count) + kThreeRecords}});
+  }
+}
+
+TEST_F(SpoolDamageTest, PayloadCutByTheEndOfTheFileIsFilledWithZeros) {
+  put("queue.dat", header(1016, 1) + u16(1000) + u16(0) + "abc");
+  EXPECT_THAT(take(), Optional("abc" + std::string(997, '\0')));
+  EXPECT_TRUE(spool().IsEmpty());
+}
+
+TEST_F(SpoolDamageTest, HeaderOfARecordCutByTheEndOfTheFileReadsAsZeros) {
+  const std::string whole = header(12 + 9 + 10, 2) + record(0, "first") + record(5, "second");
+  for (std::size_t length = 12; length < whole.size(); ++length) {
+    SCOPED_TRACE("length " + std::to_string(length));
+    expect_as_the_model({{"queue.dat", whole.substr(0, length)}});
+  }
+}
+
+TEST_F(SpoolDamageTest, AnyRecordHeaderByteFlippedIsSurvived) {
+  for (std::size_t record_start : {12u, 21u, 31u}) {
+    for (std::size_t at = record_start; at < record_start + 4; ++at) {
+      for (unsigned mask : {0x01u, 0x04u, 0x80u, 0xffu}) {
+        SCOPED_TRACE("byte " + std::to_string(at) + " xor " + std::to_string(mask));
+        std::string damaged = kHealthy;
+        damaged[at] = static_cast<char>(static_cast<unsigned char>(damaged[at]) ^ mask);
+        expect_as_the_model({{"queue.dat", damaged}});
+      }
+    }
+  }
+}
+
+TEST_F(SpoolDamageTest, BackLinkThatLeadsBeforeTheFirstRecordLeavesTheHeaderAlone) {
+  put("queue.dat", header(12 + 9 + 10, 2) + record(0, "first") + record(60000, "second"));
+  EXPECT_THAT(take(), Optional(std::string("second")));
+  take();
+  EXPECT_EQ(content().substr(0, 12), header(12 + 9 + 10, 2));
+}
+
+TEST_F(SpoolDamageTest, LargeFileOfGarbageIsWalkedWithinItsSize) {
+  std::string garbage = header(0xffffffff, 250000) + std::string(1000000, '\xff');
+  put("queue.dat", garbage);
+  std::uint16_t length = 0;
+  void* payload = spool().Get(&length);
+  free(payload);
+  EXPECT_LE(content().size(), garbage.size() + 65535 + 4 * 250000 + 6);
+}
+
+TEST_F(SpoolDamageTest, FolderInPlaceOfTheHeadMakesStoreHarmless) {
+  std::filesystem::create_directories(path("queue.dat"));
+  start();
+  EXPECT_EQ(spool().file_count, 0);
+  store("abc");
+  EXPECT_EQ(spool().head_records, 1);
+  EXPECT_EQ(spool().head_bytes, 7);
+  store("abc");
+  EXPECT_EQ(take(), std::nullopt);
+  EXPECT_TRUE(spool().IsEmpty());
+  stop();
+  EXPECT_TRUE(std::filesystem::is_directory(path("queue.dat")));
+  EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(SpoolDamageTest, FolderInTheWayOfARollOverLosesNothing) {
+  put("queue.dat", header(20, 1) + record(0, "old!"));
+  std::filesystem::create_directory(path("queue.dat.1"));
+  start();
+  limit_chunks(0);
+  store("a");
+  store("b");
+  EXPECT_EQ(content("queue.dat.1").substr(12),
+            record(0, "old!") + record(4, "a") + record(1, "b"));
+  EXPECT_TRUE(std::filesystem::is_directory(path("queue.dat.2"))) << "renamed as a file would be";
+}
+
+TEST_F(SpoolDamageTest, PipeInPlaceOfTheHeadDoesNotBlock) {
+  std::filesystem::create_directory(folder());
+  ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+  store("abc");
+  EXPECT_EQ(take(), std::nullopt);
+  EXPECT_TRUE(spool().IsEmpty());
+}
+
+// Runs `steps` in a child that is not the superuser, whom no permission stops. The child's failed
+// expectations are printed by it and make the parent's fail.
+void as_an_ordinary_user(const std::function<void()>& steps) {
+  constexpr id_t kNobody = 65534;
+  const pid_t child = fork();
+  if (child == 0) {
+    if (geteuid() == 0 &&
+        (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0))
+      _exit(2);
+    steps();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  ASSERT_GT(child, 0);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child crashed, status " << status;
+  ASSERT_NE(WEXITSTATUS(status), 2) << "the child could not change its user";
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+void set_mode(const std::string& path, mode_t mode) {
+  ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+}
+
+TEST_F(SpoolDamageTest, UnreadableHeadIsWarnedOfAndNeverDeleted) {
+  put("queue.dat", kHealthy);
+  set_mode(".", 0755);
+  set_mode(folder(), 0777);
+  set_mode(path(), 0);
+  as_an_ordinary_user([this] {
+    start();
+    EXPECT_THAT(test::reports_of("warning"), ElementsAre("Corrupted queue file " + path()));
+    EXPECT_EQ(spool().file_count, 1);
+    EXPECT_TRUE(spool().IsEmpty());
+    store("abc");
+    EXPECT_EQ(spool().head_records, 1);
+    EXPECT_FALSE(spool().IsEmpty());
+    EXPECT_EQ(take(), std::nullopt);
+    EXPECT_TRUE(spool().IsEmpty());
+    stop();
+  });
+  EXPECT_EQ(content(), kHealthy);
+}
+
+TEST_F(SpoolDamageTest, UnreadableHeadDoesNotBarTheWayToOlderFiles) {
+  put("queue.dat", header(12, 0));
+  put("queue.dat.1", kHealthy);
+  set_mode(".", 0755);
+  set_mode(folder(), 0777);
+  set_mode(path(), 0);
+  set_mode(path("queue.dat.1"), 0666);
+  as_an_ordinary_user([this] {
+    EXPECT_FALSE(spool().IsEmpty());
+    EXPECT_THAT(take(), Optional(std::string("third")));
+    stop();
+  });
+}
+
+TEST_F(SpoolDamageTest, UnreadableOlderFileIsWarnedOfAndCounted) {
+  put("queue.dat", kHealthy);
+  put("queue.dat.1", kHealthy);
+  put("queue.dat.2", kHealthy);
+  set_mode(".", 0755);
+  set_mode(folder(), 0755);
+  set_mode(path("queue.dat.1"), 0);
+  as_an_ordinary_user([this] {
+    start();
+    EXPECT_THAT(test::reports_of("warning"),
+                ElementsAre("Corrupted queue file " + path("queue.dat.1")));
+    EXPECT_EQ(spool().file_count, 3);
+    EXPECT_EQ(spool().total_bytes, 80);
+  });
+}
+
+TEST_F(SpoolDamageTest, ReadOnlyFolderTakesNothingAndGivesNothing) {
+  std::filesystem::create_directory(folder());
+  set_mode(".", 0755);
+  set_mode(folder(), 0555);
+  as_an_ordinary_user([this] {
+    start();
+    EXPECT_FALSE(spool().disabled);
+    for (int i = 0; i < 1000; ++i)
+      store("abc");
+    EXPECT_EQ(take(), std::nullopt);
+    EXPECT_TRUE(spool().IsEmpty());
+    stop();
+  });
+  EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(SpoolDamageTest, HeadInAReadOnlyFolderStillGivesItsRecords) {
+  put("queue.dat", kHealthy);
+  set_mode(".", 0755);
+  set_mode(folder(), 0555);
+  set_mode(path(), 0666);
+  as_an_ordinary_user([this] {
+    EXPECT_THAT(take(), Optional(std::string("third")));
+    EXPECT_THAT(take(), Optional(std::string("second")));
+    EXPECT_THAT(take(), Optional(std::string("first")));
+    for (int i = 0; i < 10; ++i)
+      take();
+    EXPECT_TRUE(spool().IsEmpty());
+    stop();
+  });
+}
+
+// A disk with no room, by way of a limit on the size of files.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &before_);
+    rlimit limit = before_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &before_);
+    signal(SIGXFSZ, handler_);
+  }
+
+ private:
+  rlimit before_;
+  sighandler_t handler_;
+};
+
+TEST_F(SpoolDamageTest, FullDiskGoesUnnoticedAndTheCountsGoOn) {
+  start();
+  {
+    FileSizeLimit full(1000);
+    for (int i = 0; i < 20; ++i)
+      store(std::string(300, static_cast<char>('a' + i)));
+    EXPECT_EQ(spool().head_records, 20);
+    EXPECT_EQ(spool().head_bytes, 20 * 304);
+    EXPECT_EQ(content().size(), 1000u);
+    for (int i = 0; i < 10; ++i)
+      take();
+  }
+  EXPECT_EQ(spool().head_records, 10);
+  for (int i = 0; i < 10; ++i)
+    take();
+  EXPECT_TRUE(spool().IsEmpty());
+
+  store("room again");
+  EXPECT_THAT(take(), Optional(std::string("room again")));
+}
+
+TEST_F(SpoolDamageTest, CountsThatAFullDiskMadeTooHighAreSetRightByTheNextStart) {
+  start();
+  {
+    FileSizeLimit full(12 + 2 * 304);
+    for (int i = 0; i < 500; ++i)
+      store(std::string(300, static_cast<char>('a' + i % 26)));
+    stop();
+  }
+  EXPECT_EQ(content().substr(8, 4), u32(500));
+  EXPECT_THAT(take(), Optional(std::string(300, 'b')));
+  EXPECT_THAT(take(), Optional(std::string(300, 'a')));
+  EXPECT_EQ(take(), std::nullopt);
+}
+
+TEST_F(SpoolDamageTest, DiskFullBeforeTheFirstHeaderIsSurvived) {
+  start();
+  {
+    FileSizeLimit full(0);
+    store("abc");
+    EXPECT_EQ(spool().head_records, 1);
+    take();
+  }
+  store("abc");
+  take();
+  EXPECT_TRUE(spool().IsEmpty());
+}
+
+}  // namespace
