@@ -163,22 +163,23 @@ const Column kInboundHttpKeys[] = {
 /// The values of "ptype", in the order in which they are tried.
 struct Protocol {
   const char* name;
+  std::size_t length;
   Dravenholt::Data type;
   bool inbound;
 };
 const Protocol kProtocols[] = {
-    {"ftp", Dravenholt::Data_FtpData, false},
-    {"http", Dravenholt::Data_HttpData, false},
-    {"http-in", Dravenholt::Data_HttpData, true},
-    {"ldap", Dravenholt::Data_LdapData, false},
-    {"smb", Dravenholt::Data_SmbData, false},
-    {"smtp", Dravenholt::Data_SmtpData, false},
-    {"tds", Dravenholt::Data_TdsData, false},
-    {"tn5250", Dravenholt::Data_Tn5250Data, false},
-    {"dce-rpc", Dravenholt::Data_DceRpcData, false},
-    {"general", Dravenholt::Data_GeneralData, false},
+    {"ftp", 3, Dravenholt::Data_FtpData, false},
+    {"http", 4, Dravenholt::Data_HttpData, false},
+    {"http-in", 7, Dravenholt::Data_HttpData, true},
+    {"ldap", 4, Dravenholt::Data_LdapData, false},
+    {"smb", 3, Dravenholt::Data_SmbData, false},
+    {"smtp", 4, Dravenholt::Data_SmtpData, false},
+    {"tds", 3, Dravenholt::Data_TdsData, false},
+    {"tn5250", 6, Dravenholt::Data_Tn5250Data, false},
+    {"dce-rpc", 7, Dravenholt::Data_DceRpcData, false},
+    {"general", 7, Dravenholt::Data_GeneralData, false},
 };
-const Protocol kGenericProtocol = {"", Dravenholt::Data_GenericProtocolData, false};
+const Protocol kGenericProtocol = {"", 0, Dravenholt::Data_GenericProtocolData, false};
 
 /// The columns that the envelope is made of, whatever the protocol; `field` is an EnvelopeField.
 enum EnvelopeField : voffset_t { kPtype, kCpuUsage, kTs, kUid, kExtraFields, kExtraVals };
@@ -191,41 +192,88 @@ const Column kEnvelopeColumns[] = {
     {"extra_vals", kExtraVals, kJoined},
 };
 
-/// The columns of one payload, to be found by name: by the name's length first, so that only names
-/// of the same length are ever compared. Built once, when the plug-in is loaded.
+template <typename Word>
+std::uint64_t word_at(const char* text) {
+  Word word;
+  memcpy(&word, text, sizeof word);
+  return word;
+}
+
+/// A column name in a form that compares fast: names are short, and calls of memcmp would cost
+/// more than all the rest of a look-up.
+struct NameKey {
+  NameKey() : length(0), head(0), tail(0) {}
+
+  explicit NameKey(const char* name) : length(strlen(name)), head(0), tail(0) {
+    // Head and tail overlap in a name that is no multiple of its words.
+    if (length >= 8) {
+      head = word_at<std::uint64_t>(name);
+      tail = word_at<std::uint64_t>(name + length - 8);
+    } else if (length >= 4) {
+      head = word_at<std::uint32_t>(name);
+      tail = word_at<std::uint32_t>(name + length - 4);
+    } else if (length > 0) {
+      head = word_at<std::uint8_t>(name) << 8 | word_at<std::uint8_t>(name + length / 2);
+      tail = word_at<std::uint8_t>(name + length - 1);
+    }
+  }
+
+  std::size_t length;
+  std::uint64_t head;  // the first characters: eight, or four, or two
+  std::uint64_t tail;  // the last ones
+};
+
+/// The columns of one payload, to be found by name: a small hash table, built once, when the
+/// plug-in is loaded. Names are told apart by their length and by words, and only what is then left
+/// between the first and the last eight characters is compared by itself.
 class ColumnTable {
  public:
   template <std::size_t n>
-  explicit ColumnTable(const Column (&columns)[n]) {
+  explicit ColumnTable(const Column (&columns)[n]) : initials_(), first_(), count_(0) {
     static_assert(n <= kMaxColumns, "more columns than a ColumnTable holds");
-    std::size_t filled = 0;
-    for (std::size_t length = 0; length <= kMaxNameLength; length++) {
-      first_[length] = static_cast<std::uint8_t>(filled);
-      for (std::size_t i = 0; i < n; i++)
-        if (strlen(columns[i].name) == length)
-          sorted_[filled++] = columns[i];
+    for (std::size_t slot = 0; slot < kSlots; slot++) {
+      first_[slot] = count_;
+      for (const Column& column : columns)
+        if (slot_of(NameKey(column.name)) == slot)
+          entries_[count_++] = {column, NameKey(column.name)};
     }
-    first_[kMaxNameLength + 1] = static_cast<std::uint8_t>(filled);
+    first_[kSlots] = count_;
+    for (const Column& column : columns)
+      initials_[static_cast<unsigned char>(column.name[0])] = true;
   }
 
   /// Null when no column has that name.
   const Column* find(const char* name) const {
-    const std::size_t length = strlen(name);
-    if (length > kMaxNameLength)
+    if (!initials_[static_cast<unsigned char>(name[0])])
       return nullptr;
-    const Column* end = sorted_ + first_[length + 1];
-    for (const Column* column = sorted_ + first_[length]; column != end; column++)
-      if (memcmp(column->name, name, length) == 0)
-        return column;
+    const NameKey key(name);
+    const std::size_t slot = slot_of(key);
+    const Entry* end = entries_ + first_[slot + 1];
+    for (const Entry* entry = entries_ + first_[slot]; entry != end; entry++)
+      if (entry->key.head == key.head && entry->key.tail == key.tail &&
+          entry->key.length == key.length &&
+          (key.length <= 16 || memcmp(entry->column.name + 8, name + 8, key.length - 16) == 0))
+        return &entry->column;
     return nullptr;
   }
 
  private:
-  static const std::size_t kMaxColumns = 24;
-  static const std::size_t kMaxNameLength = 24;
+  struct Entry {
+    Column column;
+    NameKey key;
+  };
 
-  Column sorted_[kMaxColumns];
-  std::uint8_t first_[kMaxNameLength + 2];  // by length; the entry behind it is the end
+  static const std::size_t kMaxColumns = 24;
+  static const std::size_t kSlots = 64;
+
+  static std::size_t slot_of(const NameKey& key) {
+    return (key.head + key.tail * 3 + key.length) * 0x9e3779b97f4a7c15ULL >> 58;
+  }
+
+  bool initials_[256];              // by first character: whether any column begins with it
+  std::uint8_t first_[kSlots + 1];  // by slot: its entries are there up to those of the next slot
+  std::uint8_t count_;
+  Entry entries_[kMaxColumns];
 };
 
 const ColumnTable kEnvelope(kEnvelopeColumns);
@@ -327,9 +375,8 @@ const threading::Value::addr_t* address_of(const threading::Value* value) {
   return value->type == TYPE_ADDR ? &value->val.addr_val : nullptr;
 }
 
-bool equals_ignoring_case(const Text& text, const char* name) {
-  return text.length == strlen(name) &&
-         strcasecmp_n(static_cast<int>(text.length), text.data, name) == 0;
+bool equals_ignoring_case(const Text& text, const char* name, std::size_t length) {
+  return text.length == length && strcasecmp_n(static_cast<int>(length), text.data, name) == 0;
 }
 
 /// The low 64 bits of the truncated number, in two's complement; 0 for what is no finite number.
@@ -347,11 +394,11 @@ std::uint64_t truncated(double number) {
 
 Dravenholt::Transport transport_of(const threading::Value* value) {
   const Text text = text_of(value);
-  if (equals_ignoring_case(text, "tcp"))
+  if (equals_ignoring_case(text, "tcp", 3))
     return Dravenholt::Transport_tcp;
-  if (equals_ignoring_case(text, "udp"))
+  if (equals_ignoring_case(text, "udp", 3))
     return Dravenholt::Transport_udp;
-  if (equals_ignoring_case(text, "icmp"))
+  if (equals_ignoring_case(text, "icmp", 4))
     return Dravenholt::Transport_icmp;
   return Dravenholt::Transport_unknown;
 }
@@ -566,7 +613,7 @@ Offset<void> create_inbound_http(const TextBuilder& texts, const Elements& keys,
   for (std::uint64_t i = 0; i < keys.size && i < vals.size; i++) {
     const Text key = text_of(keys.vals[i]);
     for (const Column& column : kInboundHttpKeys) {
-      if (equals_ignoring_case(key, column.name)) {
+      if (equals_ignoring_case(key, column.name, strlen(column.name))) {
         payload.set(column, vals.vals[i]);
         break;
       }
@@ -734,7 +781,7 @@ class Envelope {
 
   static const Protocol& find_protocol(const Text& name) {
     for (const Protocol& protocol : kProtocols)
-      if (equals_ignoring_case(name, protocol.name))
+      if (equals_ignoring_case(name, protocol.name, protocol.length))
         return protocol;
     reports::warning("Unsupported protocol type %s, using generic format",
                      std::string(name.data, name.length).c_str());
