@@ -90,7 +90,7 @@ class Reporter {
   void Deliver(standin::ReportKind kind, const char* prefix, const std::string& text);
 
   std::atomic<int> errors;
-  std::list<const Location*> locations;  // main thread only
+  std::list<const Location*> locations;  // guarded like the output
 };
 
 /// 0 before start and after termination.

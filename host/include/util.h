@@ -102,7 +102,7 @@ inline void bytetohex(unsigned char byte, char* hex_out) {
 uint64 calculate_unique_id();
 uint64 calculate_unique_id(const size_t pool);
 
-/// Writes everything; aborts the process on a hard error, returns false on a closed peer.
+/// Writes everything; aborts the process on an error.
 bool safe_write(int fd, const char* data, int len);
 /// Closes; aborts the process on a hard error.
 void safe_close(int fd);

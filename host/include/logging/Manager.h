@@ -29,9 +29,8 @@ class Manager : public plugin::ComponentManager<logging::Tag, logging::Component
   /// Calls the factory of `writer` (a value of GetTagType). Never null.
   WriterBackend* CreateBackend(WriterFrontend* frontend, EnumVal* writer);
 
-  /// There is no postprocessor here: only noted. `writer` is the frontend, which may be gone.
-  bool FinishedRotation(WriterFrontend* writer, const char* new_name, const char* old_name,
-                        double open, double close, bool success, bool terminating);
+  /// There is no postprocessor here: the rotation is only noted. `writer` may be gone by now.
+  bool FinishedRotation(WriterFrontend* writer, const Rotation& rotation);
   const std::vector<Rotation>& Rotations() const { return rotations; }
 
  private:

@@ -87,7 +87,7 @@ class WriterBackend : public threading::MsgThread {
 
  private:
   bool TypesMatch(int num_fields, int num_writes, threading::Value*** vals);
-  void DeleteVals(int num_writes, threading::Value*** vals);
+  void DeleteVals(int num_fields, int num_writes, threading::Value*** vals);
 
   WriterFrontend* frontend;
   const WriterInfo* info;

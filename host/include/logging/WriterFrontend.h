@@ -1,8 +1,6 @@
 // The main thread's side of a log writer.
 #pragma once
 
-#include <atomic>
-
 #include "logging/WriterBackend.h"
 
 namespace logging {
@@ -45,6 +43,7 @@ class WriterFrontend {
   friend class WriterBackend;
 
   void DeleteVals(int num_fields, threading::Value** vals);
+  void DiscardWriteBuffer();
 
   EnumVal* stream;
   EnumVal* writer;

@@ -21,7 +21,7 @@ class Component {
   /// See canonify_name.
   const std::string& CanonicalName() const { return canon_name; }
 
-  /// E.g. "[Writer] ZMQ (Log::WRITER_ZMQ)".
+  /// E.g. "    [Writer] ZMQ (Log::WRITER_ZMQ)".
   void Describe(ODesc* d) const;
 
  protected:

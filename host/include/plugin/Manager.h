@@ -22,13 +22,18 @@ class Manager {
   static void RegisterPlugin(Plugin* plugin);
   static void RegisterBifFile(const char* plugin, bif_init_func c);
 
+  /// Configures the plug-ins that are linked into the program and calls their InitPreScript.
+  void InitPreScript();
+
   /// Loads every shared object of `folder` (lib/*.<architecture>.so); then configures, checks the
   /// API version, calls InitPreScript and compares the name with `name` ignoring case. `folder`
   /// without trailing '/'. Throws standin::HostError. Returns the handles of the objects.
   std::list<void*> LoadObjects(const std::string& folder, const std::string& name);
 
+  // Each plug-in is served once, however often these are called.
   void InitBifs();
   void InitPostScript();
+
   /// Done() of every plug-in; they are forgotten afterwards.
   void FinishPlugins();
 
@@ -47,10 +52,18 @@ class Manager {
   Manager(const Manager&);
   Manager& operator=(const Manager&);
 
-  Plugin* Load(const std::string& folder, const std::string& object, void** handle);
-  void Activate(Plugin* plugin, const std::string& name);
+  struct Active {
+    Plugin* plugin;
+    const void* registration;  // what its shared object has registered
+    bool bifs_initialised;
+    bool scripts_done;
+  };
 
-  plugin_list active;
+  void* Load(const std::string& folder, const std::string& path, const std::string& name);
+  void Activate(Plugin* plugin, const void* registration, const std::string& name);
+  void SortByName();
+
+  std::list<Active> active;
   std::list<std::string> requested_scripts;
   std::map<const Plugin*, Plugin::hook_list> hooks;
 };

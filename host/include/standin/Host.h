@@ -70,6 +70,8 @@ class Host {
   void Finish();
 
  private:
+  void ApplyRedefs();
+
   struct Impl;
   Impl* impl_;
 };

@@ -42,7 +42,7 @@ class Manager {
   Manager& operator=(const Manager&);
 
   bool DrainOut();
-  bool ReapKilled();
+  bool ReapEnded();
   void Delete(BasicThread* thread);
 
   std::list<BasicThread*> all_threads;  // in order of creation

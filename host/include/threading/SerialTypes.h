@@ -99,7 +99,6 @@ struct Value {
   static bool IsCompatibleType(BroType* t, bool atomic_only = false);
 
  private:
-  friend class ValuePoison;
   Value(const Value&);
   Value& operator=(const Value&);
 };

@@ -1,0 +1,158 @@
+#include "threading/BasicThread.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
+
+#include "standin/MainThread.h"
+#include "threading/Manager.h"
+
+namespace threading {
+
+namespace {
+
+// While it exists, threads that are created start with all signals blocked but those of faults.
+class BlockedSignals {
+ public:
+  BlockedSignals() {
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int fault : {SIGFPE, SIGILL, SIGSEGV, SIGBUS})
+      sigdelset(&blocked, fault);
+    pthread_sigmask(SIG_BLOCK, &blocked, &previous_);
+  }
+  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+
+ private:
+  sigset_t previous_;
+};
+
+[[noreturn]] void die(const std::string& name, const char* what, const char* problem) {
+  fprintf(stderr, "wrong thread: %s of %s %s\n", what, name.c_str(), problem);
+  abort();
+}
+
+// strerror_r comes in two variants that differ in their result.
+[[maybe_unused]] const char* text_of(int, const char* buffer) {
+  return buffer;
+}
+[[maybe_unused]] const char* text_of(const char* result, const char*) {
+  return result;
+}
+
+}  // namespace
+
+BasicThread::BasicThread()
+    : name("thread"), started(false), terminating(false), killed(false), buffer(128) {
+  strerr_buffer[0] = '\0';
+  if (thread_mgr)
+    thread_mgr->AddThread(this);
+}
+
+BasicThread::~BasicThread() {
+  if (thread.joinable())
+    die(name, "destruction", "before its thread was joined");
+  if (thread_mgr)
+    thread_mgr->RemoveThread(this);
+}
+
+void BasicThread::SetName(const char* arg_name) {
+  RequireMain("SetName");
+  name = arg_name;
+}
+
+void BasicThread::SetOSName(const char* os_name) {
+  RequireChild("SetOSName");
+#if defined(__linux__)
+  prctl(PR_SET_NAME, os_name, 0, 0, 0);
+#elif defined(__APPLE__)
+  pthread_setname_np(os_name);
+#else
+  (void)os_name;
+#endif
+}
+
+void BasicThread::Start() {
+  RequireMain("Start");
+  if (started)
+    return;
+  if (!thread_mgr)
+    die(name, "Start", "needs the host's thread_mgr");
+  started = true;
+  {
+    BlockedSignals blocked;
+    thread = std::thread(Launch, this);
+  }
+  OnStart();
+}
+
+void BasicThread::Launch(BasicThread* self) {
+  self->child = std::this_thread::get_id();
+  self->Run();
+}
+
+void BasicThread::SignalStop() {
+  RequireMain("SignalStop");
+  if (started && !terminating)
+    OnSignalStop();
+}
+
+void BasicThread::WaitForStop() {
+  RequireMain("WaitForStop");
+  if (!started)
+    return;
+  OnWaitForStop();
+  terminating = true;
+}
+
+void BasicThread::Join() {
+  RequireMain("Join");
+  if (thread.joinable())
+    thread.join();
+}
+
+void BasicThread::Kill() {
+  RequireMain("Kill");
+  terminating = true;
+  killed = true;
+  OnKill();
+}
+
+const char* BasicThread::Fmt(const char* format, ...) {
+  RequireChild("Fmt");
+  while (true) {
+    va_list args;
+    va_start(args, format);
+    const int needed = vsnprintf(buffer.data(), buffer.size(), format, args);
+    va_end(args);
+    if (needed < static_cast<int>(buffer.size()))
+      return buffer.data();
+    buffer.resize(static_cast<size_t>(needed) + 1);
+  }
+}
+
+const char* BasicThread::Strerror(int err) {
+  RequireChild("Strerror");
+  return text_of(strerror_r(err, strerr_buffer, sizeof(strerr_buffer)), strerr_buffer);
+}
+
+void BasicThread::RequireChild(const char* what) const {
+  if (started && child.load(std::memory_order_relaxed) != std::this_thread::get_id())
+    die(name, what, "belongs to its own thread");
+}
+
+void BasicThread::RequireMain(const char* what) const {
+  if (!started)
+    return;
+  if (child.load(std::memory_order_relaxed) == std::this_thread::get_id() ||
+      !standin::on_main_thread())
+    die(name, what, "belongs to the host's main thread");
+}
+
+}  // namespace threading

@@ -1,0 +1,255 @@
+#include "standin/Host.h"
+
+#include <dlfcn.h>
+
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <list>
+
+#include "Desc.h"
+#include "HostReporter.h"
+#include "Net.h"
+#include "NetVar.h"
+#include "SettingsFile.h"
+#include "Val.h"
+#include "logging/Manager.h"
+#include "logging/WriterFrontend.h"
+#include "plugin/Manager.h"
+#include "standin/MainThread.h"
+#include "standin/ScriptReader.h"
+#include "standin/Scripts.h"
+#include "threading/Manager.h"
+
+namespace standin {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kMagicFile[] = "__bro_plugin__";
+
+// The one line of a plug-in folder's magic file.
+std::string read_plugin_name(const std::string& folder) {
+  std::ifstream in(folder + "/" + kMagicFile);
+  if (!in)
+    throw HostError(folder + " is no plug-in folder: it has no file " + kMagicFile +
+                    "; give the folder that the build lays out");
+  std::string line;
+  std::getline(in, line);
+  const std::string name = strstrip(line);
+  if (name.empty())
+    throw HostError(folder + "/" + kMagicFile + " is empty: it must hold the plug-in's name");
+  return name;
+}
+
+// The three scripts that the host reads by itself, those that exist.
+std::vector<std::string> automatic_scripts(const std::string& folder) {
+  std::vector<std::string> scripts;
+  for (const char* script :
+       {"/scripts/__preload__.bro", "/lib/bif/__load__.bro", "/scripts/__load__.bro"}) {
+    if (fs::is_regular_file(folder + script))
+      scripts.push_back(folder + script);
+  }
+  return scripts;
+}
+
+std::string known_writers() {
+  std::string names;
+  for (const plugin::Plugin* p : plugin_mgr->ActivePlugins()) {
+    for (const plugin::Component* c : p->Components()) {
+      if (c->Type() == plugin::component::WRITER)
+        names += (names.empty() ? "" : ", ") + c->Name();
+    }
+  }
+  return names.empty() ? "no plug-in with a writer is loaded" : "there are: " + names;
+}
+
+Host* the_host = nullptr;
+
+}  // namespace
+
+struct Host::Impl {
+  Options options;
+  bool finished = false;
+  double next_beat = 0;
+  bool own_reporter = false;
+  std::list<void*> handles;
+  std::vector<logging::WriterFrontend*> frontends;
+  EnumType* stream_type = nullptr;
+};
+
+Host::Host(const Options& options) : impl_(nullptr) {
+  if (the_host)
+    throw HostError("there is a Host already");
+  SettingsFile* loaded = nullptr;
+  if (!options.settings_file.empty()) {
+    try {
+      loaded = new SettingsFile(options.settings_file);
+    } catch (const std::exception& e) {
+      throw HostError(e.what());
+    }
+  }
+  the_host = this;
+  settings = loaded;
+  impl_ = new Impl;
+  impl_->options = options;
+  impl_->own_reporter = !reporter;
+  set_main_thread();
+  set_network_time(current_time());
+  terminating = false;
+  if (!reporter)
+    reporter = new Reporter;
+  thread_mgr = new threading::Manager;
+  plugin_mgr = new plugin::Manager;
+  log_mgr = new logging::Manager;
+  impl_->stream_type = new EnumType("Log::ID");
+}
+
+Host::~Host() {
+  Finish();
+  Unref(impl_->stream_type);
+  forget_scripts();
+  delete log_mgr;
+  log_mgr = nullptr;
+  delete plugin_mgr;
+  plugin_mgr = nullptr;
+  delete thread_mgr;
+  thread_mgr = nullptr;
+  if (impl_->own_reporter) {
+    delete reporter;
+    reporter = nullptr;
+  }
+  delete settings;
+  settings = nullptr;
+  terminating = false;
+  set_network_time(0);
+  forget_main_thread();
+  delete impl_;
+  the_host = nullptr;
+}
+
+void Host::LoadPlugin(const std::string& folder_given) {
+  require_main_thread("Host::LoadPlugin");
+  // Absolute and without a trailing slash, as a search would have found it.
+  std::string folder = fs::absolute(folder_given).lexically_normal().string();
+  while (folder.size() > 1 && folder.back() == '/')
+    folder.pop_back();
+  const std::string name = read_plugin_name(folder);
+  const int errors_before = reporter->Errors();
+
+  for (void* handle : plugin_mgr->LoadObjects(folder, name))
+    impl_->handles.push_back(handle);
+
+  ScriptReader scripts({folder + "/scripts"});
+  for (const std::string& script : automatic_scripts(folder))
+    scripts.Load(script);
+  for (const std::string& script : plugin_mgr->TakeRequestedScripts())
+    scripts.Load(script);
+  ApplyRedefs();
+
+  plugin_mgr->InitBifs();
+  const int errors = reporter->Errors() - errors_before;
+  if (errors > 0)
+    throw HostError("plug-in " + name + " reported " + std::to_string(errors) +
+                    " error(s) while it was loaded; the host would end here");
+  plugin_mgr->InitPostScript();
+}
+
+void Host::ApplyRedefs() {
+  for (const std::string& word : impl_->options.redefs) {
+    const size_t equals = word.find('=');
+    if (equals == std::string::npos || equals == 0)
+      throw HostError("\"" + word + "\" is no NAME=VALUE");
+    // As on the host's command line: nothing behind the '=' changes nothing.
+    if (equals + 1 < word.size())
+      redefine(word.substr(0, equals), word.substr(equals + 1));
+  }
+}
+
+std::string Host::DescribePlugins(bool details) const {
+  require_main_thread("Host::DescribePlugins");
+  ODesc d;
+  if (!details)
+    d.SetShort();
+  for (const plugin::Plugin* p : plugin_mgr->ActivePlugins()) {
+    p->Describe(&d);
+    if (details)
+      d.NL();
+  }
+  return d.Description();
+}
+
+void* Host::PluginSymbol(const char* name) const {
+  for (void* handle : impl_->handles) {
+    if (void* symbol = dlsym(handle, name))
+      return symbol;
+  }
+  return nullptr;
+}
+
+logging::WriterFrontend* Host::CreateWriter(const std::string& writer, const std::string& path,
+                                            const std::vector<threading::Field>& fields) {
+  require_main_thread("Host::CreateWriter");
+  if (impl_->finished)
+    throw HostError("a writer cannot be created any more: the host has finished");
+  const logging::Component* component = log_mgr->Lookup(canonify_name(writer));
+  if (!component)
+    throw HostError("there is no writer " + writer + "; " + known_writers());
+
+  set_network_time(current_time());
+  logging::WriterBackend::WriterInfo info;
+  info.path = copy_string(path.c_str());
+  info.network_time = network_time;
+  EnumVal* stream_val = new EnumVal(0, impl_->stream_type);
+  EnumVal* writer_val =
+      new EnumVal(static_cast<int>(component->Tag().Type()), log_mgr->GetTagType());
+  logging::WriterFrontend* frontend =
+      new logging::WriterFrontend(info, stream_val, writer_val, true, false);
+  Unref(stream_val);
+  Unref(writer_val);
+  impl_->frontends.push_back(frontend);
+
+  threading::Field** copies = new threading::Field*[fields.size()];
+  for (size_t i = 0; i < fields.size(); ++i)
+    copies[i] = new threading::Field(fields[i]);
+  frontend->Init(static_cast<int>(fields.size()), copies);
+  return frontend;
+}
+
+bool Host::Pump() {
+  require_main_thread("Host::Pump");
+  if (impl_->finished)
+    return false;
+  set_network_time(current_time());
+  const bool handled = thread_mgr->ProcessOut();
+  const double interval = impl_->options.heartbeat_seconds;
+  if (interval <= 0 || network_time <= impl_->next_beat)
+    return handled;
+  impl_->next_beat = network_time + interval;
+  thread_mgr->SendHeartbeats();
+  return true;
+}
+
+std::size_t Host::PendingInput() const {
+  require_main_thread("Host::PendingInput");
+  return static_cast<std::size_t>(thread_mgr->PendingIn());
+}
+
+void Host::Finish() {
+  require_main_thread("Host::Finish");
+  if (impl_->finished)
+    return;
+  impl_->finished = true;
+  set_network_time(current_time());
+  terminating = true;
+  for (logging::WriterFrontend* frontend : impl_->frontends)
+    frontend->Stop();
+  thread_mgr->Terminate();
+  for (logging::WriterFrontend* frontend : impl_->frontends)
+    delete frontend;
+  impl_->frontends.clear();
+  plugin_mgr->FinishPlugins();
+}
+
+}  // namespace standin
