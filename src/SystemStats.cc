@@ -37,7 +37,7 @@ enum Field {
   kHddAvail
 };
 
-/// Looked up once. The host keeps its types for as long as it lives.
+/// Looked up once and kept, with a reference of its own, for as long as the process lives.
 RecordType* record_type = nullptr;
 
 /// Installed memory in MiB; cut to 32 bits, on purpose.
@@ -112,8 +112,10 @@ double getCpuUsage() {
 }
 
 RecordVal* SystemStats::getStats() {
-  if (record_type == nullptr)
+  if (record_type == nullptr) {
     record_type = internal_type("system_stats")->AsRecordType();
+    Ref(record_type);
+  }
   const int32_t memory_total = memory_total_mib();
   const int32_t memory_used = memory_used_mib();
   const DiskFigures disk = disk_figures();

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <pwd.h>
+#include <stdlib.h>
 #include <sys/proc_info.h>
 #include <sys/socket.h>
 // The lists' records depend on each other in this order where the system brings them.
@@ -16,7 +17,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -34,25 +34,19 @@ namespace {
 constexpr int kMaxPids = 1024;
 constexpr char kPcbList[] = "net.inet.tcp.pcblist";
 
-// Darwin's numbers, which not every system gives these names: descriptor of a socket, and the
-// address family bits of a control block.
-constexpr uint32_t kSocketDescriptor = 2;
-constexpr unsigned kFamilyMask = 3;
-constexpr unsigned kIsIPv4Only = 1;
-
 static_assert(sizeof(struct xinpgen) == 24, "header and trailer of the control block list");
 static_assert(sizeof(struct proc_fdinfo) == 8, "entry of the descriptor list");
 static_assert(sizeof(struct socket_fdinfo) == 792, "socket information");
 static_assert(sizeof(struct proc_taskallinfo) == 232, "task information");
 
 struct Free {
-  void operator()(char* block) const { std::free(block); }
+  void operator()(char* block) const { free(block); }
 };
 typedef std::unique_ptr<char, Free> Block;
 
 /// Never null; zero bytes are as good as any other number.
 Block allocate(std::size_t bytes) {
-  Block block(static_cast<char*>(std::malloc(bytes > 0 ? bytes : 1)));
+  Block block(static_cast<char*>(malloc(bytes > 0 ? bytes : 1)));
   if (!block)
     out_of_memory("malloc");
   return block;
@@ -114,7 +108,7 @@ bool matches(const struct inpcb& pcb, const Endpoints& wanted) {
 
 bool is_candidate(const struct xtcpcb& record, uint64_t generation) {
   return record.xt_socket.xso_protocol == IPPROTO_TCP && record.xt_inp.inp_gencnt <= generation &&
-         (record.xt_inp.inp_vflag & kFamilyMask) == kIsIPv4Only;
+         (record.xt_inp.inp_vflag & (INP_IPV4 | INP_IPV6)) == INP_IPV4;
 }
 
 /// How much of a record is read: up to the last field that is looked at.
@@ -152,7 +146,7 @@ bool find_handle(const char* snapshot, std::size_t length, const Endpoints& want
 }
 
 bool is_socket_of(int32_t pid, const struct proc_fdinfo& descriptor, uint32_t handle) {
-  if (descriptor.proc_fdtype != kSocketDescriptor)
+  if (descriptor.proc_fdtype != PROX_FDTYPE_SOCKET)
     return false;
   struct socket_fdinfo info;
   std::memset(&info, 0, sizeof info);

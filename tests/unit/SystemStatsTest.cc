@@ -1,0 +1,270 @@
+// The figures of the host, over a Darwin to order.
+
+#include "SystemStats.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+#include "FakeDarwin.h"
+
+// The host's headers.
+#include "Type.h"
+#include "Val.h"
+#include "standin/Scripts.h"
+
+namespace {
+
+constexpr std::uint64_t kGiB = 1024ull * 1024 * 1024;
+
+RecordType* system_stats_type() {
+  return standin::record_type("system_stats", {{"cpu_usage", base_type(TYPE_DOUBLE)},
+                                               {"priority", base_type(TYPE_INT)},
+                                               {"ph_mem_total", base_type(TYPE_COUNT)},
+                                               {"ph_mem_used", base_type(TYPE_COUNT)},
+                                               {"virt_mem_total", base_type(TYPE_COUNT)},
+                                               {"virt_mem_used", base_type(TYPE_COUNT)},
+                                               {"hdd_volume", base_type(TYPE_DOUBLE)},
+                                               {"hdd_used", base_type(TYPE_DOUBLE)},
+                                               {"hdd_avail", base_type(TYPE_DOUBLE)}});
+}
+
+/// The script type, as scripts declare it before the first call.
+class Scripts : public testing::Environment {
+ public:
+  void SetUp() override { standin::define_type("system_stats", system_stats_type()); }
+};
+const testing::Environment* const scripts = testing::AddGlobalTestEnvironment(new Scripts);
+
+class SystemStatsTest : public testing::Test {
+ protected:
+  SystemStatsTest() {
+    darwin_.load_average = 1500;
+    darwin_.load_scale = 1000;
+    darwin_.memory_bytes = 8 * kGiB;
+    darwin_.page_bytes = 4096;
+    darwin_.active_pages = 1000000;
+    darwin_.inactive_pages = 500000;
+    darwin_.wired_pages = 250000;
+    darwin_.block_bytes = 4096;
+    darwin_.fragment_bytes = 512;
+    darwin_.blocks = 1000000;
+    darwin_.free_blocks = 250000;
+    darwin_.available_blocks = 100000;
+  }
+
+  ~SystemStatsTest() override { Unref(stats_); }
+
+  void sample() {
+    Unref(stats_);
+    stats_ = SystemStats::getStats();
+  }
+
+  double real(const char* field) const { return stats_->Lookup(field)->AsDouble(); }
+  std::uint64_t count(const char* field) const { return stats_->Lookup(field)->AsCount(); }
+  std::int64_t priority() const { return stats_->Lookup("priority")->AsInt(); }
+
+  test::FakeDarwin darwin_;
+  RecordVal* stats_ = nullptr;
+};
+
+TEST_F(SystemStatsTest, AllNineFieldsAreSetWithTheirTypes) {
+  sample();
+  const TypeTag tags[] = {TYPE_DOUBLE, TYPE_INT,    TYPE_COUNT,  TYPE_COUNT, TYPE_COUNT,
+                          TYPE_COUNT,  TYPE_DOUBLE, TYPE_DOUBLE, TYPE_DOUBLE};
+  for (int i = 0; i < 9; ++i) {
+    ASSERT_NE(stats_->Lookup(i), nullptr) << "position " << i;
+    EXPECT_EQ(stats_->Lookup(i)->Type()->Tag(), tags[i]) << "position " << i;
+  }
+}
+
+TEST_F(SystemStatsTest, LoadIsTheOneMinuteAverageDividedByItsScale) {
+  sample();
+  EXPECT_EQ(real("cpu_usage"), 1.5);
+  EXPECT_EQ(getCpuUsage(), 1.5);
+  darwin_.load_average = 0xffffffff;
+  darwin_.load_scale = 2048;
+  EXPECT_EQ(getCpuUsage(), 4294967295.0 / 2048.0);
+}
+
+TEST_F(SystemStatsTest, UnreadableLoadIsMinusOneAndTheRestStays) {
+  darwin_.load_works = false;
+  sample();
+  EXPECT_EQ(real("cpu_usage"), -1.0);
+  EXPECT_EQ(getCpuUsage(), -1.0);
+  EXPECT_EQ(count("ph_mem_total"), 8192u);
+  EXPECT_EQ(count("ph_mem_used"), 6835u);
+  EXPECT_EQ(real("hdd_volume"), 3.814697265625);
+}
+
+TEST_F(SystemStatsTest, EightGiBOfMemoryAre8192MiB) {
+  sample();
+  EXPECT_EQ(count("ph_mem_total"), 8192u);
+  EXPECT_EQ(count("virt_mem_total"), 8192u);
+}
+
+TEST_F(SystemStatsTest, MemoryTotalIsTruncatedToWholeMiB) {
+  darwin_.memory_bytes = 8 * kGiB - 1;
+  sample();
+  EXPECT_EQ(count("ph_mem_total"), 8191u);
+}
+
+TEST_F(SystemStatsTest, MemoryTotalIsCutTo32BitsWithSign) {
+  darwin_.memory_bytes = (std::uint64_t{1} << 52) + (5 << 20);
+  sample();
+  EXPECT_EQ(count("ph_mem_total"), 5u);
+  darwin_.memory_bytes = std::uint64_t{0x80000000} << 20;
+  sample();
+  EXPECT_EQ(count("ph_mem_total"), 0xffffffff80000000u);
+}
+
+TEST_F(SystemStatsTest, MemorySizeIsSigned) {
+  // -1 byte: towards zero, not downwards.
+  darwin_.memory_bytes = 0xffffffffffffffffu;
+  sample();
+  EXPECT_EQ(count("ph_mem_total"), 0u);
+}
+
+TEST_F(SystemStatsTest, PagesInUseAre6835MiB) {
+  sample();
+  EXPECT_EQ(count("ph_mem_used"), 6835u);
+  EXPECT_EQ(count("virt_mem_used"), 6835u);
+}
+
+TEST_F(SystemStatsTest, SumOfPagesWrapsAt32Bits) {
+  darwin_.active_pages = 0xffffffff;
+  darwin_.inactive_pages = 1;
+  darwin_.wired_pages = 256;
+  sample();
+  EXPECT_EQ(count("ph_mem_used"), 1u);
+}
+
+TEST_F(SystemStatsTest, PagesAreMultipliedIn64Bits) {
+  darwin_.active_pages = 0x40000000;
+  darwin_.inactive_pages = 0;
+  darwin_.wired_pages = 0;
+  darwin_.page_bytes = 16384;
+  sample();
+  EXPECT_EQ(count("ph_mem_used"), 16777216u);
+}
+
+TEST_F(SystemStatsTest, MemoryUsedIsCutTo32BitsWithSign) {
+  darwin_.active_pages = 0x80000000;
+  darwin_.inactive_pages = 0;
+  darwin_.wired_pages = 0;
+  darwin_.page_bytes = std::uint64_t{1} << 20;
+  sample();
+  EXPECT_EQ(count("ph_mem_used"), 0xffffffff80000000u);
+}
+
+TEST_F(SystemStatsTest, UnreadablePageCountsAreZeroUsed) {
+  darwin_.page_counts_work = false;
+  sample();
+  EXPECT_EQ(count("ph_mem_used"), 0u);
+  EXPECT_EQ(count("virt_mem_used"), 0u);
+  EXPECT_EQ(count("ph_mem_total"), 8192u);
+  EXPECT_EQ(real("hdd_avail"), 0.95367431640625);
+}
+
+TEST_F(SystemStatsTest, UnreadablePageSizeIsZeroUsed) {
+  darwin_.page_size_works = false;
+  sample();
+  EXPECT_EQ(count("ph_mem_used"), 0u);
+}
+
+TEST_F(SystemStatsTest, UnreadableMemorySizeIsZeroTotal) {
+  darwin_.memory_size_works = false;
+  sample();
+  EXPECT_EQ(count("ph_mem_total"), 0u);
+  EXPECT_EQ(count("virt_mem_total"), 0u);
+  EXPECT_EQ(count("ph_mem_used"), 6835u);
+}
+
+TEST_F(SystemStatsTest, PriorityIsTheHostProcessesOwn) {
+  for (const int nice : {0, 19, -20, -1}) {
+    darwin_.priority = nice;
+    sample();
+    EXPECT_EQ(priority(), nice);
+  }
+}
+
+TEST_F(SystemStatsTest, DiskFiguresAreInGiB) {
+  sample();
+  EXPECT_EQ(real("hdd_volume"), 3.814697265625);
+  EXPECT_EQ(real("hdd_avail"), 0.95367431640625);
+  EXPECT_EQ(real("hdd_used"), 2.86102294921875);
+  EXPECT_THAT(darwin_.calls, testing::ElementsAre("statvfs /the/working/folder"));
+}
+
+TEST_F(SystemStatsTest, LargestFiguresOfDarwinAreExact) {
+  darwin_.blocks = 0xffffffff;
+  darwin_.free_blocks = 0xffffffff;
+  darwin_.block_bytes = std::uint64_t{1} << 40;
+  sample();
+  EXPECT_EQ(real("hdd_volume"), 4294967295.0 * 1024);
+  EXPECT_EQ(real("hdd_used"), 0.0);
+}
+
+TEST_F(SystemStatsTest, FailedStatvfsGivesZeros) {
+  darwin_.statvfs_works = false;
+  sample();
+  EXPECT_EQ(real("hdd_volume"), 0.0);
+  EXPECT_EQ(real("hdd_used"), 0.0);
+  EXPECT_EQ(real("hdd_avail"), 0.0);
+  EXPECT_EQ(count("ph_mem_total"), 8192u);
+}
+
+TEST_F(SystemStatsTest, FailedGetcwdGivesZeros) {
+  darwin_.working_folder.clear();
+  sample();
+  EXPECT_EQ(real("hdd_volume"), 0.0);
+  EXPECT_EQ(real("hdd_used"), 0.0);
+  EXPECT_EQ(real("hdd_avail"), 0.0);
+}
+
+TEST_F(SystemStatsTest, WorkingFolderMayTakeAll1024Bytes) {
+  darwin_.working_folder = std::string(1023, 'd');
+  sample();
+  EXPECT_EQ(real("hdd_volume"), 3.814697265625);
+  darwin_.working_folder = std::string(1024, 'd');
+  sample();
+  EXPECT_EQ(real("hdd_volume"), 0.0);
+}
+
+TEST_F(SystemStatsTest, EveryCallSamplesAfresh) {
+  sample();
+  darwin_.load_average = 3000;
+  darwin_.memory_bytes = 16 * kGiB;
+  darwin_.free_blocks = 0;
+  RecordVal* first = stats_;
+  Ref(first);
+  sample();
+  EXPECT_NE(first, stats_);
+  EXPECT_EQ(real("cpu_usage"), 3.0);
+  EXPECT_EQ(count("ph_mem_total"), 16384u);
+  EXPECT_EQ(real("hdd_avail"), 0.0);
+  EXPECT_EQ(first->Lookup("cpu_usage")->AsDouble(), 1.5);
+  Unref(first);
+}
+
+TEST_F(SystemStatsTest, RecordTypeIsLookedUpOnTheFirstCallOnly) {
+  sample();
+  const BroType* first = stats_->Type();
+  standin::define_type("system_stats", system_stats_type());
+  sample();
+  EXPECT_EQ(stats_->Type(), first);
+}
+
+TEST(SystemStatsTypeTest, TypeThatIsNoRecordIsReportedByTheHost) {
+  // In a process of its own: this one may have looked the type up already.
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_EXIT(
+      {
+        standin::define_type("system_stats", base_type(TYPE_COUNT));
+        SystemStats::getStats();
+      },
+      testing::ExitedWithCode(1), "BroType::AsRecordType");
+}
+
+}  // namespace

@@ -1,0 +1,74 @@
+// The socket probe with a malloc of the test's own: its source is compiled here with the name
+// replaced, after every header that must not see the replacement.
+
+#include <gtest/gtest.h>
+#include <libproc.h>
+#include <stdlib.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "FakeDarwin.h"
+#include "UserDetect.h"
+
+// The host's headers.
+#include "Conn.h"
+#include "util.h"
+
+namespace {
+
+int allocations_left = -1;
+
+void* test_malloc(std::size_t size) {
+  if (allocations_left == 0)
+    return nullptr;
+  --allocations_left;
+  return malloc(size);
+}
+
+}  // namespace
+
+#define malloc test_malloc
+#include "UserDetect.cc"
+#undef malloc
+
+namespace {
+
+class UserDetectAllocationTest : public testing::Test {
+ protected:
+  UserDetectAllocationTest() {
+    test::PcbList::Pcb pcb;
+    pcb.local_port = 1;
+    pcb.handle = 9;
+    darwin_.pcb_list = test::PcbList().add(pcb).end().bytes();
+    darwin_.processes.emplace_back(7, "owner", 0).socket(3, 9);
+  }
+
+  test::FakeDarwin darwin_;
+};
+
+TEST_F(UserDetectAllocationTest, NoMemoryForTheSnapshotIsFatal) {
+  EXPECT_DEATH(
+      {
+        allocations_left = 0;
+        get_socket_pid(0, 1, 0, 0);
+      },
+      "out of memory in malloc\\.");
+}
+
+TEST_F(UserDetectAllocationTest, NoMemoryForADescriptorListIsFatal) {
+  EXPECT_DEATH(
+      {
+        allocations_left = 1;
+        get_socket_pid(0, 1, 0, 0);
+      },
+      "out of memory in malloc\\.");
+}
+
+TEST_F(UserDetectAllocationTest, AnOwnerTakesTwoAllocations) {
+  allocations_left = 2;
+  EXPECT_EQ(get_socket_pid(0, 1, 0, 0), 7u);
+}
+
+}  // namespace

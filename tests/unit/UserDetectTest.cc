@@ -1,0 +1,554 @@
+// Who owns a socket, over a Darwin to order. Lists of control blocks are composed byte by byte.
+
+#include "UserDetect.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "FakeDarwin.h"
+
+// The host's headers.
+#include "Conn.h"
+#include "IPAddr.h"
+#include "Val.h"
+#include "standin/Scripts.h"
+
+namespace {
+
+using test::FakeProcess;
+using test::PcbList;
+using testing::Contains;
+using testing::Not;
+
+using Names = std::pair<std::string, std::string>;
+
+constexpr std::uint32_t kCurlHandle = 0xc0ffee01;
+constexpr std::uint32_t kAlice = 501;
+
+std::uint32_t word(const char* address) {
+  return inet_addr(address);
+}
+
+class UserDetectTest : public testing::Test {
+ protected:
+  /// curl, of alice, has the socket 10.0.0.5:51000 -> 10.0.0.9:80.
+  UserDetectTest() {
+    darwin_.users[kAlice] = "alice";
+    darwin_.users[0] = "root";
+    darwin_.processes.emplace_back(90, "launchd", 0).socket(3, 0x1111);
+    darwin_.processes.emplace_back(91, "curl", kAlice).socket(5, kCurlHandle);
+    list_ = PcbList().add(curl_pcb()).end();
+  }
+
+  static PcbList::Pcb curl_pcb() {
+    PcbList::Pcb pcb;
+    pcb.local_address = word("10.0.0.5");
+    pcb.local_port = htons(51000);
+    pcb.foreign_address = word("10.0.0.9");
+    pcb.foreign_port = htons(80);
+    pcb.handle = kCurlHandle;
+    return pcb;
+  }
+
+  FakeProcess& curl() { return darwin_.processes[1]; }
+
+  /// What a script gets for a connection.
+  Names detect(const char* orig, int orig_port, const char* resp, int resp_port) {
+    darwin_.pcb_list = list_.bytes();
+    ConnID id;
+    id.src_addr = IPAddr(orig);
+    id.dst_addr = IPAddr(resp);
+    id.src_port = htons(static_cast<std::uint16_t>(orig_port));
+    id.dst_port = htons(static_cast<std::uint16_t>(resp_port));
+    id.is_one_way = false;
+    Connection* conn = new Connection(nullptr, nullptr, 1.0, &id, 0, 0, 0, nullptr);
+    const Names names = texts(UserDetect::detectUser(conn));
+    Unref(conn);
+    return names;
+  }
+
+  Names detect_curl() { return detect("10.0.0.5", 51000, "10.0.0.9", 80); }
+
+  /// The pid for the two endpoints of curl's socket, out of the present list.
+  std::uint32_t curl_pid() {
+    darwin_.pcb_list = list_.bytes();
+    return get_socket_pid(word("10.0.0.5"), htons(51000), word("10.0.0.9"), htons(80));
+  }
+
+  static Names texts(VectorVal* vector) {
+    EXPECT_EQ(vector->Size(), 2u);
+    const VectorVal& content = *vector;
+    const Names names(text(content.Lookup(0u)), text(content.Lookup(1u)));
+    Unref(vector);
+    return names;
+  }
+
+  static std::string text(Val* value) {
+    const BroString* string = value->AsString();
+    return std::string(reinterpret_cast<const char*>(string->Bytes()),
+                       static_cast<std::size_t>(string->Len()));
+  }
+
+  test::FakeDarwin darwin_;
+  PcbList list_;
+};
+
+// The answer, from the connection to the two names.
+
+TEST_F(UserDetectTest, ProcessAndUserAreNamed) {
+  EXPECT_EQ(detect_curl(), Names("curl", "alice"));
+}
+
+TEST_F(UserDetectTest, AnswerIsTheSameWhicheverEndIsTheOriginator) {
+  EXPECT_EQ(detect("10.0.0.9", 80, "10.0.0.5", 51000), Names("curl", "alice"));
+}
+
+TEST_F(UserDetectTest, ProcessOfRootHasANameAndNoUser) {
+  curl().uid = 0;
+  EXPECT_EQ(detect_curl(), Names("curl", ""));
+  EXPECT_THAT(darwin_.calls, Not(Contains("getpwuid 0")));
+}
+
+TEST_F(UserDetectTest, UserWithoutPasswordEntryIsEmpty) {
+  curl().uid = 777;
+  EXPECT_EQ(detect_curl(), Names("curl", ""));
+  EXPECT_THAT(darwin_.calls, Contains("getpwuid 777"));
+}
+
+TEST_F(UserDetectTest, ConnectionOfAnotherHostHasNoOwner) {
+  EXPECT_EQ(detect("10.0.0.6", 51000, "10.0.0.9", 80), Names("", ""));
+}
+
+TEST_F(UserDetectTest, ClosedConnectionHasNoOwner) {
+  list_ = PcbList().end();
+  EXPECT_EQ(detect_curl(), Names("", ""));
+}
+
+TEST_F(UserDetectTest, UnreadableTaskInformationGivesTwoEmptyTexts) {
+  curl().has_task_information = false;
+  EXPECT_EQ(detect_curl(), Names("", ""));
+}
+
+TEST_F(UserDetectTest, NoConnectionGivesTwoEmptyTexts) {
+  EXPECT_EQ(texts(UserDetect::detectUser(nullptr)), Names("", ""));
+  EXPECT_THAT(darwin_.calls, testing::IsEmpty());
+}
+
+TEST_F(UserDetectTest, ConnectionOverIPv6HasNoOwner) {
+  PcbList::Pcb pcb = curl_pcb();
+  pcb.family_flags = 2;
+  list_ = PcbList().add(pcb).end();
+  EXPECT_EQ(detect("fe80::1", 51000, "fe80::2", 80), Names("", ""));
+}
+
+TEST_F(UserDetectTest, AddressOfIPv6IsComparedByItsFirstFourBytes) {
+  PcbList::Pcb pcb = curl_pcb();
+  pcb.local_address = word("32.1.13.184");  // 2001:db8::
+  list_ = PcbList().add(pcb).end();
+  EXPECT_EQ(detect("2001:db8::5", 51000, "10.0.0.9", 80), Names("curl", "alice"));
+}
+
+TEST_F(UserDetectTest, MappedAddressIsIPv4) {
+  EXPECT_EQ(detect("::ffff:10.0.0.5", 51000, "::ffff:10.0.0.9", 80), Names("curl", "alice"));
+}
+
+TEST_F(UserDetectTest, StringVecThatIsNoVectorIsReportedByTheHost) {
+  EXPECT_EXIT(
+      {
+        standin::define_type("string_vec", base_type(TYPE_COUNT));
+        UserDetect::detectUser(nullptr);
+      },
+      testing::ExitedWithCode(1), "BroType::AsVectorType");
+}
+
+// The name.
+
+TEST_F(UserDetectTest, NameOfFifteenBytesIsWhole) {
+  curl().name = "fifteen-letters";
+  EXPECT_EQ(detect_curl().first, "fifteen-letters");
+}
+
+TEST_F(UserDetectTest, NameThatFillsItsFieldIsCutForTheTerminator) {
+  curl().name = "sixteen-letters-";
+  char buffer[kProcessNameBytes + 1];
+  std::memset(buffer, '!', sizeof buffer);
+  EXPECT_EQ(get_uid_for_pid(91, buffer), kAlice);
+  EXPECT_STREQ(buffer, "sixteen-letters");
+  EXPECT_EQ(buffer[kProcessNameBytes], '!');
+}
+
+TEST_F(UserDetectTest, UnknownPidHasNoNameAndUserIdZero) {
+  char buffer[kProcessNameBytes] = "left over";
+  EXPECT_EQ(get_uid_for_pid(4711, buffer), 0u);
+  EXPECT_STREQ(buffer, "");
+}
+
+// Which control block matches.
+
+TEST_F(UserDetectTest, BlockNewerThanTheSnapshotIsPassedOver) {
+  PcbList::Pcb pcb = curl_pcb();
+  pcb.generation = 1001;
+  list_ = PcbList(1000).add(pcb).end();
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, BlockAsOldAsTheSnapshotMatches) {
+  PcbList::Pcb pcb = curl_pcb();
+  pcb.generation = 1000;
+  list_ = PcbList(1000).add(pcb).end();
+  EXPECT_EQ(curl_pid(), 91u);
+}
+
+TEST_F(UserDetectTest, GenerationsAreComparedWithoutSign) {
+  PcbList::Pcb pcb = curl_pcb();
+  pcb.generation = 0x8000000000000000u;
+  list_ = PcbList(1000).add(pcb).end();
+  EXPECT_EQ(curl_pid(), 0u);
+  list_ = PcbList(0x8000000000000001u).add(pcb).end();
+  EXPECT_EQ(curl_pid(), 91u);
+}
+
+TEST_F(UserDetectTest, BlocksWithAnIPv6FlagArePassedOver) {
+  for (const std::uint8_t flags : {0, 2, 3}) {
+    PcbList::Pcb pcb = curl_pcb();
+    pcb.family_flags = flags;
+    list_ = PcbList().add(pcb).end();
+    EXPECT_EQ(curl_pid(), 0u) << "flags " << int{flags};
+  }
+}
+
+TEST_F(UserDetectTest, OtherFlagBitsBesideIPv4DoNotMatter) {
+  PcbList::Pcb pcb = curl_pcb();
+  pcb.family_flags = 0xfd;
+  list_ = PcbList().add(pcb).end();
+  EXPECT_EQ(curl_pid(), 91u);
+}
+
+TEST_F(UserDetectTest, OtherProtocolsArePassedOver) {
+  PcbList::Pcb pcb = curl_pcb();
+  pcb.protocol = 17;
+  list_ = PcbList().add(pcb).end();
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, AllZeroBlockNeverMatchesNotEvenAnAllZeroQuery) {
+  PcbList::Pcb pcb;
+  pcb.handle = kCurlHandle;
+  darwin_.pcb_list = PcbList().add(pcb).end().bytes();
+  EXPECT_EQ(get_socket_pid(0, 0, 0, 0), 0u);
+}
+
+TEST_F(UserDetectTest, BlockWithOnlyALocalPortMatchesItsQuery) {
+  PcbList::Pcb pcb;
+  pcb.local_port = htons(22);
+  pcb.handle = kCurlHandle;
+  darwin_.pcb_list = PcbList().add(pcb).end().bytes();
+  EXPECT_EQ(get_socket_pid(0, htons(22), 0, 0), 91u);
+  EXPECT_EQ(get_socket_pid(0, 0, 0, htons(22)), 91u);
+}
+
+TEST_F(UserDetectTest, EachOfTheFourValuesCounts) {
+  darwin_.pcb_list = list_.bytes();
+  const std::uint32_t a = word("10.0.0.5"), b = word("10.0.0.9");
+  const std::uint32_t other = word("10.0.0.7");
+  const std::uint32_t p = htons(51000), q = htons(80), wrong = htons(81);
+  EXPECT_EQ(get_socket_pid(a, p, b, q), 91u);
+  EXPECT_EQ(get_socket_pid(b, q, a, p), 91u);
+  EXPECT_EQ(get_socket_pid(other, p, b, q), 0u);
+  EXPECT_EQ(get_socket_pid(a, wrong, b, q), 0u);
+  EXPECT_EQ(get_socket_pid(a, p, other, q), 0u);
+  EXPECT_EQ(get_socket_pid(a, p, b, wrong), 0u);
+  EXPECT_EQ(get_socket_pid(other, q, a, p), 0u);
+  EXPECT_EQ(get_socket_pid(b, wrong, a, p), 0u);
+  EXPECT_EQ(get_socket_pid(b, q, other, p), 0u);
+  EXPECT_EQ(get_socket_pid(b, q, a, wrong), 0u);
+  // Endpoints do not mix: the port belongs to its address.
+  EXPECT_EQ(get_socket_pid(a, q, b, p), 0u);
+}
+
+TEST_F(UserDetectTest, PortIsComparedWithAllBitsOfTheArgument) {
+  darwin_.pcb_list = list_.bytes();
+  EXPECT_EQ(get_socket_pid(word("10.0.0.5"), 0x10000u | htons(51000), word("10.0.0.9"), htons(80)),
+            0u);
+}
+
+TEST_F(UserDetectTest, PortWithTheHighestBitIsWidenedWithoutSign) {
+  PcbList::Pcb pcb = curl_pcb();
+  pcb.local_port = 0xfedc;
+  darwin_.pcb_list = PcbList().add(pcb).end().bytes();
+  EXPECT_EQ(get_socket_pid(word("10.0.0.5"), 0xfedc, word("10.0.0.9"), htons(80)), 91u);
+}
+
+TEST_F(UserDetectTest, FirstMatchingBlockDecides) {
+  darwin_.processes.emplace_back(92, "other", kAlice).socket(3, 0xbeef);
+  PcbList::Pcb reverse;
+  reverse.local_address = word("10.0.0.9");
+  reverse.local_port = htons(80);
+  reverse.foreign_address = word("10.0.0.5");
+  reverse.foreign_port = htons(51000);
+  reverse.handle = 0xbeef;
+  list_ = PcbList().add(reverse).add(curl_pcb()).end();
+  EXPECT_EQ(curl_pid(), 92u);
+}
+
+TEST_F(UserDetectTest, SearchEndsAtTheFirstMatchEvenIfNobodyOwnsIt) {
+  PcbList::Pcb ownerless = curl_pcb();
+  ownerless.handle = 0xdead;
+  list_ = PcbList().add(ownerless).add(curl_pcb()).end();
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, MatchBehindOtherBlocksIsFound) {
+  list_ = PcbList();
+  for (int i = 0; i < 500; ++i) {
+    PcbList::Pcb pcb = curl_pcb();
+    pcb.local_port = static_cast<std::uint16_t>(i + 1);
+    pcb.handle = 0x1111;
+    list_.add(pcb);
+  }
+  list_.add(curl_pcb()).end();
+  EXPECT_EQ(curl_pid(), 91u);
+}
+
+TEST_F(UserDetectTest, LongerRecordsAreSteppedOverByTheirOwnLength) {
+  PcbList::Pcb longer;
+  longer.length = PcbList::kRecordBytes + 24;
+  longer.local_port = 1;
+  list_ = PcbList().add(longer).add(curl_pcb()).end();
+  EXPECT_EQ(curl_pid(), 91u);
+}
+
+// Snapshots that fail or are nonsense.
+
+TEST_F(UserDetectTest, ListOfHeaderAndTrailerHasNoOwner) {
+  list_ = PcbList().end();
+  ASSERT_EQ(list_.bytes().size(), 48u);
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, SnapshotOfTwentyFourBytesOrLessHasNoOwner) {
+  for (const std::size_t bytes : {0u, 1u, 4u, 23u, 24u, 25u, 27u}) {
+    list_ = PcbList().cut(bytes);
+    EXPECT_EQ(curl_pid(), 0u) << bytes << " bytes";
+  }
+}
+
+TEST_F(UserDetectTest, FailedSizingHasNoOwner) {
+  darwin_.pcb_sizing_works = false;
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, FailedFetchHasNoOwner) {
+  darwin_.pcb_fetch_works = false;
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, ListThatGrewBetweenTheCallsHasNoOwner) {
+  darwin_.pcb_sizing = list_.bytes().size() - 1;
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, ListThatShrankBetweenTheCallsIsReadToItsEndOnly) {
+  darwin_.pcb_sizing = list_.bytes().size() + 5000;
+  EXPECT_EQ(curl_pid(), 91u);
+  list_ = PcbList();  // no trailer: what lies behind was never written
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, NothingBehindTheTrailerIsLookedAt) {
+  list_ = PcbList().end().add(curl_pcb());
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, RecordLengthOfZeroEndsTheWalk) {
+  PcbList::Pcb broken;
+  broken.length = 0;
+  list_ = PcbList().add(broken).add(curl_pcb()).end();
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, RecordLengthBeyondTheEndEndsTheWalk) {
+  for (const std::uint32_t length : {100000u, 0x7fffffffu, 0xfffffffeu, 0xffffffffu}) {
+    PcbList::Pcb broken;
+    broken.length = length;
+    broken.local_port = 1;
+    list_ = PcbList().add(broken).add(curl_pcb()).end();
+    EXPECT_EQ(curl_pid(), 0u) << "length " << length;
+  }
+}
+
+TEST_F(UserDetectTest, MissingTrailerEndsTheWalkAtTheEnd) {
+  PcbList::Pcb other;
+  other.local_port = 1;
+  list_ = PcbList().add(other);
+  EXPECT_EQ(curl_pid(), 0u);
+  list_ = PcbList().add(curl_pcb());
+  EXPECT_EQ(curl_pid(), 91u);
+}
+
+TEST_F(UserDetectTest, CutRecordIsNotReadPastTheEnd) {
+  const std::size_t whole = 24 + PcbList::kRecordBytes;
+  for (std::size_t bytes = 25; bytes < whole; ++bytes) {
+    list_ = PcbList().add(curl_pcb()).cut(bytes);
+    // What lies behind the protocol is never looked at, so a record that lacks only that is whole.
+    EXPECT_EQ(curl_pid(), bytes >= 24 + 436 ? 91u : 0u) << bytes << " bytes";
+  }
+}
+
+TEST_F(UserDetectTest, RecordShorterThanItsFieldsIsSteppedOver) {
+  for (const std::uint32_t length : {25u, 100u, 435u}) {
+    std::vector<char> bytes = PcbList().bytes();
+    std::vector<char> shorter(length, '\0');
+    std::memcpy(shorter.data(), &length, sizeof length);
+    bytes.insert(bytes.end(), shorter.begin(), shorter.end());
+    const std::vector<char> rest = PcbList().add(curl_pcb()).end().bytes();
+    bytes.insert(bytes.end(), rest.begin() + 24, rest.end());
+    darwin_.pcb_list = bytes;
+    EXPECT_EQ(get_socket_pid(word("10.0.0.5"), htons(51000), word("10.0.0.9"), htons(80)), 91u)
+        << "length " << length;
+  }
+}
+
+TEST_F(UserDetectTest, HeaderLengthThatIsNonsenseHasNoOwner) {
+  for (const std::uint32_t length : {0u, 3u, 8u, 500u, 545u, 100000u, 0xffffffffu}) {
+    list_ = PcbList().add(curl_pcb()).header_length(length);
+    EXPECT_EQ(curl_pid(), 0u) << "length " << length;
+  }
+}
+
+TEST_F(UserDetectTest, FirstRecordStartsAtTheHeadersOwnLength) {
+  std::vector<char> bytes = PcbList().header_length(40).bytes();
+  bytes.resize(40);
+  const std::vector<char> rest = list_.bytes();
+  bytes.insert(bytes.end(), rest.begin() + 24, rest.end());
+  darwin_.pcb_list = bytes;
+  EXPECT_EQ(get_socket_pid(word("10.0.0.5"), htons(51000), word("10.0.0.9"), htons(80)), 91u);
+}
+
+// Which process owns it.
+
+TEST_F(UserDetectTest, HandleIsComparedInItsLowThirtyTwoBits) {
+  darwin_.processes[0].handles[3] = 0xffffffff00000000u | kCurlHandle;
+  const std::int32_t pids[] = {90, 91};
+  EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 2), 90u);
+}
+
+TEST_F(UserDetectTest, NoPidsHaveNoOwner) {
+  const std::int32_t pids[] = {90, 91};
+  EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 0), 0u);
+  EXPECT_EQ(find_owning_pid(kCurlHandle, nullptr, 0), 0u);
+}
+
+TEST_F(UserDetectTest, OnlyTheFirstCountPidsAreProbed) {
+  const std::int32_t pids[] = {90, 91};
+  EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 1), 0u);
+  EXPECT_THAT(darwin_.calls, Not(Contains("pidinfo 91 fds size")));
+  EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 2), 91u);
+}
+
+TEST_F(UserDetectTest, SharedSocketBelongsToTheProcessListedFirst) {
+  darwin_.processes.emplace_back(92, "child", kAlice).socket(5, kCurlHandle);
+  EXPECT_EQ(curl_pid(), 91u);
+  std::swap(darwin_.processes[1], darwin_.processes[2]);
+  EXPECT_EQ(curl_pid(), 92u);
+}
+
+TEST_F(UserDetectTest, DescriptorsThatAreNoSocketsAreNotAsked) {
+  curl().descriptors.clear();
+  curl().other(4, 1, kCurlHandle);
+  EXPECT_EQ(curl_pid(), 0u);
+  EXPECT_THAT(darwin_.calls, Not(Contains("fdinfo 91 4")));
+}
+
+TEST_F(UserDetectTest, SocketAmongManyDescriptorsIsFound) {
+  curl().descriptors.clear();
+  for (int fd = 0; fd < 300; ++fd)
+    curl().other(fd, fd % 2 == 0 ? 1 : 2, 0x2222);
+  curl().socket(300, kCurlHandle);
+  EXPECT_EQ(curl_pid(), 91u);
+}
+
+TEST_F(UserDetectTest, ProcessWithoutReadableDescriptorsIsSkipped) {
+  for (const int told : {0, -1, 7}) {
+    darwin_.processes[0].descriptor_bytes = told;
+    EXPECT_EQ(curl_pid(), 91u) << "told " << told;
+  }
+}
+
+TEST_F(UserDetectTest, PidThatVanishesBetweenTheCallsIsSkipped) {
+  darwin_.processes[0].list_fetch_works = false;
+  EXPECT_EQ(curl_pid(), 91u);
+  curl().list_fetch_works = false;
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
+TEST_F(UserDetectTest, RemainderOfAListThatIsNoMultipleOfEightIsDropped) {
+  curl().other(6, 1, 0);
+  for (int rest = 1; rest < 8; ++rest) {
+    curl().descriptor_bytes = 8 + rest;
+    EXPECT_EQ(curl_pid(), 91u) << "rest " << rest;
+    curl().descriptor_bytes = rest;
+    EXPECT_EQ(curl_pid(), 0u) << "rest " << rest;
+  }
+}
+
+TEST_F(UserDetectTest, ListToldLongerThanDeliveredGivesNoOwnerOutOfNothing) {
+  // What was not delivered must not look like a socket.
+  curl().descriptors.clear();
+  curl().descriptor_bytes = 800;
+  EXPECT_EQ(curl_pid(), 0u);
+  EXPECT_THAT(darwin_.calls, Not(Contains("fdinfo 91 0")));
+}
+
+TEST_F(UserDetectTest, FailedSocketInformationNeverMatches) {
+  curl().socket_information_works = false;
+  EXPECT_EQ(curl_pid(), 0u);
+  const std::int32_t pids[] = {91};
+  EXPECT_EQ(find_owning_pid(0, pids, 1), 0u);
+}
+
+// The list of processes.
+
+TEST_F(UserDetectTest, AllOfExactly1024PidsAreProbed) {
+  darwin_.processes.clear();
+  for (int i = 0; i < 1023; ++i)
+    darwin_.processes.emplace_back(1000 + i, "idle", 0);
+  darwin_.processes.emplace_back(91, "curl", kAlice).socket(5, kCurlHandle);
+  EXPECT_EQ(curl_pid(), 91u);
+}
+
+TEST_F(UserDetectTest, PidBeyondThe1024thIsNotProbed) {
+  darwin_.processes.clear();
+  for (int i = 0; i < 1024; ++i)
+    darwin_.processes.emplace_back(1000 + i, "idle", 0);
+  darwin_.processes.emplace_back(91, "curl", kAlice).socket(5, kCurlHandle);
+  EXPECT_EQ(curl_pid(), 0u);
+  EXPECT_THAT(darwin_.calls, Contains("pidinfo 2023 fds size"));
+  EXPECT_THAT(darwin_.calls, Not(Contains("pidinfo 91 fds size")));
+}
+
+TEST_F(UserDetectTest, NothingPastTheDeliveredPidsIsProbed) {
+  // The sizing value is in bytes, so it is far more than the number of pids.
+  darwin_.pid_sizing = 4096;
+  list_ = PcbList().add(curl_pcb()).end();
+  curl().descriptors.clear();
+  EXPECT_EQ(curl_pid(), 0u);
+  EXPECT_THAT(darwin_.calls, testing::ElementsAre("pidinfo 90 fds size", "pidinfo 90 fds",
+                                                  "fdinfo 90 3", "pidinfo 91 fds size"));
+}
+
+TEST_F(UserDetectTest, FailedProcessListHasNoOwner) {
+  for (const int told : {0, -1}) {
+    darwin_.pid_sizing = told;
+    EXPECT_EQ(curl_pid(), 0u) << "told " << told;
+  }
+}
+
+}  // namespace
