@@ -1,0 +1,234 @@
+#include "SpoolCommands.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "EventJson.h"
+#include "Output.h"
+#include "RawEvents.h"
+#include "SpoolInUse.h"
+#include "SpoolReader.h"
+#include "SpoolRepair.h"
+
+namespace {
+
+constexpr int kSuccess = 0;
+constexpr int kFailure = 1;
+
+bool is_event(const std::string& payload) {
+  return EventMessage(payload.data(), payload.size()).valid();
+}
+
+std::vector<std::uint32_t> chunks_of(const std::string& folder) {
+  std::vector<std::uint32_t> numbers;
+  std::string problem;
+  if (!spool::find_chunks(folder, &numbers, &problem))
+    throw std::runtime_error(folder + ": cannot be read: " + problem);
+  return numbers;
+}
+
+void finish(Output* out) {
+  out->Flush();
+  if (out->failed())
+    throw std::runtime_error(out->problem());
+}
+
+// Says something on standard error, behind what was written so far.
+void note(Output* out, const std::string& text) {
+  out->Flush();
+  std::fprintf(stderr, "%s\n", text.c_str());
+}
+
+std::string plural(std::size_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+// list
+
+int list_spool(const std::string& folder) {
+  const std::vector<std::uint32_t> numbers = chunks_of(folder);
+  const std::size_t in_sequence = spool::count_in_sequence(numbers);
+  Output out;
+  const auto line = [&out](const char* name, const std::string& size, const std::string& counted,
+                           const std::string& found, const std::string& live,
+                           const std::string& stale, const std::string& damage) {
+    char text[256];
+    std::snprintf(text, sizeof text, "%-20s %12s %10s %10s %12s %12s  ", name, size.c_str(),
+                  counted.c_str(), found.c_str(), live.c_str(), stale.c_str());
+    out.WriteLine(text + damage);
+  };
+
+  bool damaged = false;
+  std::size_t counted = 0, found = 0;
+  line("file", "size", "records", "walked", "live bytes", "stale bytes", "damage");
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    const spool::ChunkFile file(folder, numbers[i]);
+    spool::Diagnosis diagnosis = spool::diagnose(file, is_event);
+    if (i >= in_sequence)
+      diagnosis.damage += std::string(diagnosis.damage.empty() ? "" : "; ") +
+                          "behind a gap in the numbers, not found by a start";
+    const std::uint64_t live =
+        std::min(file.size(), diagnosis.found.empty() && !file.has_signature()
+                                  ? std::uint64_t{0}
+                                  : spool::bytes_used(diagnosis.found));
+    line(file.name().c_str(), std::to_string(file.size()), std::to_string(file.record_count()),
+         std::to_string(diagnosis.found.size()), std::to_string(live),
+         std::to_string(file.size() - live), diagnosis.damage.empty() ? "-" : diagnosis.damage);
+    damaged = damaged || !diagnosis.damage.empty();
+    found += diagnosis.found.size();
+    if (i < in_sequence)
+      counted += diagnosis.counted.size();
+  }
+  note(&out, plural(numbers.size(), "file") + ", " + plural(found, "record") +
+                 "; the next start of the plug-in finds " + std::to_string(counted));
+  finish(&out);
+  return damaged ? kFailure : kSuccess;
+}
+
+// dump
+
+class Dumper {
+ public:
+  Dumper(Output* out, bool raw) : out_(out), raw_(raw) {}
+
+  /// Whether everything so far could be written as what it should be.
+  bool good() const { return good_; }
+
+  void Dump(const spool::ChunkFile& file) {
+    if (!file.problem().empty())
+      return Complain(file.path() + ": cannot be read: " + file.problem());
+    const spool::Walk walk = file.CountedWalk();
+    if (walk.records.size() < file.record_count())
+      Complain(file.path() + ": ends after " + std::to_string(walk.records.size()) + " of the " +
+               plural(file.record_count(), "record") + " that its header counts");
+    for (auto record = walk.records.rbegin(); record != walk.records.rend() && !out_->failed();
+         ++record)
+      Dump(file, *record);
+  }
+
+ private:
+  void Dump(const spool::ChunkFile& file, const spool::Record& record) {
+    const std::string payload = file.Payload(record);
+    if (raw_)
+      return write_raw_event(out_, payload);
+    std::string problem;
+    const std::string json = event_to_json(payload.data(), payload.size(), &problem);
+    if (problem.empty())
+      out_->WriteLine(json);
+    else
+      Complain(file.path() + ": record of " + std::to_string(record.length) + " bytes at offset " +
+               std::to_string(record.offset) + ": " + problem);
+  }
+
+  void Complain(const std::string& text) {
+    note(out_, text);
+    good_ = false;
+  }
+
+  Output* out_;
+  bool raw_;
+  bool good_ = true;
+};
+
+int dump_spool(const std::string& folder, bool raw) {
+  const std::vector<std::uint32_t> numbers = chunks_of(folder);
+  Output out;
+  Dumper dumper(&out, raw);
+  for (std::size_t i = 0; i < spool::count_in_sequence(numbers); ++i)
+    dumper.Dump(spool::ChunkFile(folder, numbers[i]));
+  finish(&out);
+  return dumper.good() ? kSuccess : kFailure;
+}
+
+// repair
+
+bool is_in_use(const std::string& folder, const std::vector<std::uint32_t>& numbers) {
+  std::vector<std::string> paths;
+  for (const std::uint32_t number : numbers)
+    paths.push_back(spool::ChunkFile(folder, number).path());
+  const spool::Users users = spool::find_users(paths);
+  if (!users.doubt.empty())
+    std::fprintf(stderr, "Cannot be sure that no agent uses the spool: %s.\n", users.doubt.c_str());
+  for (const long process : users.processes)
+    std::fprintf(stderr, "%s: in use by process %ld; stop it first\n", folder.c_str(), process);
+  return !users.processes.empty();
+}
+
+int repair_spool(const std::string& folder, bool dry_run) {
+  const std::vector<std::uint32_t> numbers = chunks_of(folder);
+  if (is_in_use(folder, numbers))
+    return kFailure;
+  const spool::RepairPlan plan = spool::plan_repair(folder, numbers, is_event);
+
+  Output out;
+  const std::string would = dry_run ? "would be " : "";
+  for (const spool::HeaderRepair& repair : plan.headers) {
+    out.WriteLine(repair.path + ": header " + would + "set to " +
+                  plural(repair.record_count, "record") + ", " + std::to_string(repair.used_size) +
+                  " bytes (a start found " + plural(repair.records_before, "record") + ")");
+    if (!dry_run)
+      out.WriteLine("  kept as it was in " + spool::repair_header(repair));
+  }
+  for (const spool::Renaming& renaming : plan.renamings) {
+    out.WriteLine(renaming.from + ": " + would + "renamed to " + renaming.to);
+    if (!dry_run)
+      spool::rename_chunk(renaming);
+  }
+  if (plan.headers.empty() && plan.renamings.empty() && plan.refused.empty())
+    out.WriteLine("nothing to repair in " + plural(numbers.size(), "file"));
+  for (const std::string& refused : plan.refused)
+    note(&out, "left as it is: " + refused);
+  finish(&out);
+  return plan.refused.empty() ? kSuccess : kFailure;
+}
+
+struct Options {
+  std::string folder;
+  bool raw = false;
+  bool dry_run = false;
+};
+
+}  // namespace
+
+void add_spool_command(CLI::App& app, int* exit_code) {
+  CLI::App* const command =
+      app.add_subcommand("spool", "Look at the messages that wait on disk, or mend their files");
+  command->require_subcommand(1);
+  const auto options = std::make_shared<Options>();
+  const auto add = [&](const std::string& name, const std::string& description) {
+    CLI::App* const subcommand = command->add_subcommand(name, description);
+    subcommand->add_option("FOLDER", options->folder, "Folder of the chunk files (queue.dat, ...)")
+        ->required()
+        ->type_name("");
+    return subcommand;
+  };
+
+  add("list",
+      "One line for each file: its size, the records by its header and by walking, live and "
+      "stale bytes, damage. Exit status 1 when there is damage. Changes nothing")
+      ->callback([options, exit_code] { *exit_code = list_spool(options->folder); });
+
+  CLI::App* const dump =
+      add("dump",
+          "Print the events that the next start finds as lines of JSON, newest first, as they "
+          "would be sent. Exit status 1 when a record is no event. Changes nothing");
+  dump->add_flag("--raw", options->raw,
+                 "Write the bytes instead: each record preceded by its length as a 32-bit "
+                 "little-endian number (zmqwriter decode reads this)");
+  dump->callback([options, exit_code] { *exit_code = dump_spool(options->folder, options->raw); });
+
+  CLI::App* const repair =
+      add("repair",
+          "Make records countable that an unclean stop left behind: sets headers to the records "
+          "that are there (a copy of the file is kept beside it) and closes gaps in the files' "
+          "numbers. The agent must be stopped. Exit status 1 when something could not be mended");
+  repair->add_flag("--dry-run", options->dry_run, "Only say what would be done");
+  repair->callback(
+      [options, exit_code] { *exit_code = repair_spool(options->folder, options->dry_run); });
+}

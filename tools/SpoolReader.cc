@@ -1,0 +1,273 @@
+#include "SpoolReader.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "SpoolFormat.h"
+
+namespace spool {
+
+using spool_format::kHeaderSize;
+using spool_format::kRecordHeaderSize;
+
+std::uint64_t Record::end() const {
+  return offset + kRecordHeaderSize + length;
+}
+
+ChunkFile::ChunkFile(const std::string& folder, std::uint32_t number) : number_(number) {
+  char path[spool_format::kPathSize];
+  path_ = spool_format::chunk_path(folder.c_str(), number, path);
+
+  struct stat status;
+  if (stat(path, &status) != 0) {
+    problem_ = std::strerror(errno);
+    return;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    problem_ = "not a regular file";
+    return;
+  }
+  file_.reset(std::fopen(path, "rb"));
+  if (!file_) {
+    problem_ = std::strerror(errno);
+    return;
+  }
+  size_ = static_cast<std::uint64_t>(status.st_size);
+  const std::string bytes = Read(0, kHeaderSize);
+  has_header_ = bytes.size() == kHeaderSize;
+  if (has_header_) {
+    const auto header =
+        spool_format::decode_header(reinterpret_cast<const unsigned char*>(bytes.data()));
+    has_signature_ = header.has_signature;
+    used_size_ = header.used_size;
+    record_count_ = header.record_count;
+  }
+}
+
+std::string ChunkFile::name() const {
+  return path_.substr(path_.rfind('/') + 1);
+}
+
+std::string ChunkFile::Read(std::uint64_t offset, std::size_t size) const {
+  std::string bytes(size, '\0');
+  if (!file_ || fseeko(file_.get(), static_cast<off_t>(offset), SEEK_SET) != 0)
+    return std::string();
+  bytes.resize(std::fread(&bytes[0], 1, size, file_.get()));
+  return bytes;
+}
+
+bool ChunkFile::ReadRecord(std::uint64_t offset, Record* record) const {
+  const std::string bytes = Read(offset, kRecordHeaderSize);
+  if (bytes.size() != kRecordHeaderSize)
+    return false;
+  const auto header =
+      spool_format::decode_record_header(reinterpret_cast<const unsigned char*>(bytes.data()));
+  *record = {offset, header.length, header.prev_length};
+  return true;
+}
+
+std::string ChunkFile::Payload(const Record& record) const {
+  return Read(record.offset + kRecordHeaderSize, record.length);
+}
+
+Walk ChunkFile::CountedWalk() const {
+  Walk walk;
+  std::uint64_t offset = kHeaderSize;
+  while (walk.records.size() < record_count_) {
+    Record record;
+    if (offset >= size_) {
+      walk.end = WalkEnd::kEndOfFile;
+      break;
+    }
+    if (!ReadRecord(offset, &record) || record.end() > size_) {
+      walk.end = WalkEnd::kCutRecord;
+      break;
+    }
+    walk.records.push_back(record);
+    offset = record.end();
+  }
+  return walk;
+}
+
+Walk ChunkFile::LinkedWalk(std::vector<Record> known) const {
+  Walk walk;
+  walk.records = std::move(known);
+  for (;;) {
+    const bool first = walk.records.empty();
+    const std::uint64_t offset = first ? kHeaderSize : walk.records.back().end();
+    Record record;
+    if (offset >= size_)
+      walk.end = WalkEnd::kEndOfFile;
+    else if (!ReadRecord(offset, &record))
+      walk.end = WalkEnd::kCutRecord;
+    else if (!first && record.prev_length != walk.records.back().length)
+      walk.end = WalkEnd::kBrokenLink;
+    else if (record.length == 0)
+      walk.end = WalkEnd::kTakenRecord;
+    else if (record.end() > size_)
+      walk.end = WalkEnd::kCutRecord;
+    else {
+      walk.records.push_back(record);
+      continue;
+    }
+    return walk;
+  }
+}
+
+std::uint64_t bytes_used(const std::vector<Record>& records) {
+  std::uint64_t bytes = kHeaderSize;
+  for (const Record& record : records)
+    bytes += kRecordHeaderSize + record.length;
+  return bytes;
+}
+
+namespace {
+
+bool links_hold(const std::vector<Record>& records) {
+  for (std::size_t i = 1; i < records.size(); ++i)
+    if (records[i].prev_length != records[i - 1].length)
+      return false;
+  return true;
+}
+
+// Each reopening adds the size of the header once more. A file without records may say anything.
+bool used_size_fits(const ChunkFile& file, const std::vector<Record>& records) {
+  if (records.empty())
+    return true;
+  const std::uint64_t used = bytes_used(records);
+  return file.used_size() >= used && (file.used_size() - used) % kHeaderSize == 0;
+}
+
+std::string number_of_records(std::uint64_t count) {
+  return std::to_string(count) + (count == 1 ? " record" : " records");
+}
+
+void drop_remains(const ChunkFile& file, std::size_t known,
+                  const std::function<bool(const std::string&)>& is_event,
+                  std::vector<Record>* records) {
+  const auto is_payload = [&](const Record& record) { return is_event(file.Payload(record)); };
+  std::vector<Record> kept = *records;
+  while (kept.size() > known && !is_payload(kept.back()))
+    kept.pop_back();
+  // With no event anywhere in the file the payloads are of some other kind, and say nothing.
+  if (kept.size() < records->size() && std::any_of(kept.begin(), kept.end(), is_payload))
+    *records = std::move(kept);
+}
+
+// The header alone cannot say whether a length of 0 is a payload of no bytes or a record taken
+// since. So the counted records are believed as a whole, when their links and the used size fit,
+// or not at all.
+void diagnose_records(const ChunkFile& file, const Walk& counted,
+                      const std::function<bool(const std::string&)>& is_event,
+                      Diagnosis* diagnosis) {
+  const std::uint64_t promised = file.record_count();
+  const bool complete = counted.records.size() == promised && links_hold(counted.records);
+  const bool sound = complete && used_size_fits(file, counted.records);
+  const Walk linked = file.LinkedWalk(sound ? counted.records : std::vector<Record>());
+  diagnosis->found = linked.records;
+  drop_remains(file, sound ? counted.records.size() : 0, is_event, &diagnosis->found);
+
+  const std::uint64_t found = diagnosis->found.size();
+  if (found > promised) {
+    diagnosis->damage =
+        number_of_records(found - promised) + " that the header does not count (unclean stop)";
+    diagnosis->repairable = true;
+  } else if (found < promised && linked.end == WalkEnd::kTakenRecord) {
+    diagnosis->damage = number_of_records(promised - found) +
+                        " counted but taken, or behind one taken (unclean stop)";
+    diagnosis->repairable = true;
+  } else if (found < promised && linked.end == WalkEnd::kBrokenLink) {
+    diagnosis->damage =
+        "record " + std::to_string(found + 1) + " does not name the length of the one before it";
+  } else if (found < promised) {
+    diagnosis->damage = "ends after " + std::to_string(found) + " of the " +
+                        number_of_records(promised) + " that the header counts";
+    diagnosis->repairable = found > 0;
+  } else if (!used_size_fits(file, diagnosis->found)) {
+    diagnosis->damage = "used_size is " + std::to_string(file.used_size()) + ", the records use " +
+                        std::to_string(bytes_used(diagnosis->found));
+    diagnosis->repairable = true;
+  }
+}
+
+}  // namespace
+
+Diagnosis diagnose(const ChunkFile& file,
+                   const std::function<bool(const std::string& payload)>& is_event) {
+  Diagnosis diagnosis;
+  if (!file.problem().empty()) {
+    diagnosis.damage = "cannot be read: " + file.problem();
+    return diagnosis;
+  }
+  if (!file.has_header()) {
+    diagnosis.damage = "shorter than its header";
+    return diagnosis;
+  }
+  const Walk counted = file.CountedWalk();
+  diagnosis.counted = counted.records;
+  if (file.has_signature()) {
+    diagnose_records(file, counted, is_event, &diagnosis);
+    return diagnosis;
+  }
+  // Another program's file, unless every byte of it up to its end, or to the remains behind a
+  // taken record, is explained by records.
+  const Walk linked = file.LinkedWalk();
+  diagnosis.damage = "invalid signature";
+  if (!linked.records.empty() &&
+      (linked.end == WalkEnd::kEndOfFile || linked.end == WalkEnd::kTakenRecord)) {
+    diagnosis.found = linked.records;
+    diagnosis.damage += ", " + number_of_records(linked.records.size()) + " behind it";
+    diagnosis.repairable = true;
+  }
+  return diagnosis;
+}
+
+namespace {
+
+// The number in "queue.dat" or "queue.dat.k"; false for all other names.
+bool parse_chunk_name(const std::string& name, std::uint32_t* number) {
+  const std::string digits = name.size() > 10 ? name.substr(10) : "0";
+  if (digits.empty() || digits.size() > 10 ||
+      digits.find_first_not_of("0123456789") != std::string::npos)
+    return false;
+  const unsigned long long value = std::stoull(digits);
+  if (value > 0xffffffffu)
+    return false;
+  *number = static_cast<std::uint32_t>(value);
+  // The name that the number gives must be this one: no leading zeros, nothing else in front.
+  char path[spool_format::kPathSize];
+  return spool_format::chunk_path("", *number, path) == "/" + name;
+}
+
+}  // namespace
+
+bool find_chunks(const std::string& folder, std::vector<std::uint32_t>* numbers,
+                 std::string* problem) {
+  numbers->clear();
+  DIR* listing = opendir(folder.c_str());
+  if (!listing) {
+    *problem = std::strerror(errno);
+    return false;
+  }
+  while (const dirent* entry = readdir(listing)) {
+    std::uint32_t number;
+    if (parse_chunk_name(entry->d_name, &number))
+      numbers->push_back(number);
+  }
+  closedir(listing);
+  std::sort(numbers->begin(), numbers->end());
+  return true;
+}
+
+std::size_t count_in_sequence(const std::vector<std::uint32_t>& numbers) {
+  std::size_t count = 0;
+  while (count < numbers.size() && numbers[count] == count)
+    ++count;
+  return count;
+}
+
+}  // namespace spool
