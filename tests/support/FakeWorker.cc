@@ -1,0 +1,147 @@
+#include "FakeWorker.h"
+
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "WriterStatus.h"
+#include "ZmqWorker.h"
+
+namespace {
+
+struct State {
+  std::mutex mutex;
+  std::vector<test::FakeWorker::Connection> inits;
+  int starts = 0;
+  int stops = 0;
+  std::vector<std::string> messages;
+  std::vector<std::string> misuses;
+  std::function<void(const std::string&)> listener;  // not guarded: see listen()
+
+  void misuse(const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    misuses.push_back(what);
+  }
+  void tell(const std::string& call) {
+    if (listener)
+      listener(call);
+  }
+};
+
+State& state() {
+  static State* instance = new State;
+  return *instance;
+}
+
+/// `running` in the fake: true from Start until Stop begins.
+const char* const kNotRunning = "Write while the worker does not run";
+
+}  // namespace
+
+namespace test {
+
+void FakeWorker::reset() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().inits.clear();
+  state().starts = 0;
+  state().stops = 0;
+  state().messages.clear();
+  state().misuses.clear();
+  state().listener = nullptr;
+}
+
+std::vector<FakeWorker::Connection> FakeWorker::inits() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return state().inits;
+}
+
+int FakeWorker::starts() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return state().starts;
+}
+
+int FakeWorker::stops() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return state().stops;
+}
+
+std::vector<std::string> FakeWorker::messages() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return state().messages;
+}
+
+std::size_t FakeWorker::message_count() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return state().messages.size();
+}
+
+std::vector<std::string> FakeWorker::misuses() {
+  std::lock_guard<std::mutex> lock(state().mutex);
+  return state().misuses;
+}
+
+void FakeWorker::listen(std::function<void(const std::string&)> listener) {
+  state().listener = std::move(listener);
+}
+
+}  // namespace test
+
+namespace logging {
+namespace writer {
+
+void ZmqWorker::Init(std::string arg_server, std::string arg_public_key,
+                     std::string arg_secondary_servers) {
+  if (!server.empty())
+    state().misuse("Init twice");
+  server = arg_server;
+  public_key = arg_public_key;
+  pthread_mutex_init(&mutex, nullptr);
+  // Other writers may find a worker that is half brought up, if they are let.
+  std::this_thread::yield();
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().inits.push_back({arg_server, arg_public_key, arg_secondary_servers});
+}
+
+void ZmqWorker::Start() {
+  if (server.empty())
+    state().misuse("Start before Init");
+  state().tell("Start");
+  running = true;
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().starts++;
+}
+
+void ZmqWorker::Write(unsigned long size, const void* data) {
+  if (!running)
+    state().misuse(kNotRunning);
+  state().tell("Write");
+  {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    state().messages.emplace_back(static_cast<const char*>(data), size);
+  }
+  std::this_thread::yield();  // so that a Stop that does not wait has every chance
+  if (!running)
+    state().misuse(kNotRunning);
+  ++sent_count;
+}
+
+void ZmqWorker::Stop() {
+  if (!running.exchange(false))
+    state().misuse("Stop without Start");
+  state().tell("Stop");
+  std::lock_guard<std::mutex> lock(state().mutex);
+  state().stops++;
+}
+
+void ZmqWorker::FillStatus(DravenholtZmqWriterStatus* status) {
+  status->queued = 0;
+  status->in_work = 0;
+  status->spooled = 0;
+  status->running = running;
+  status->sent = sent_count;
+  status->failed = failed_count;
+}
+
+}  // namespace writer
+}  // namespace logging

@@ -1,0 +1,472 @@
+// The writer backend by itself: identifier, shared worker, housekeeping. The worker is a fake.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+// Alone in front: it must bring libzmq's header along, or a file system without upper and lower
+// case loses that.
+#include "ZMQ.h"
+#ifndef ZMQ_VERSION_MAJOR
+#error "ZMQ.h hides libzmq's zmq.h"
+#endif
+
+#include "WriterStatus.h"
+
+#include "Desc.h"
+
+#include "Conversion.h"
+#include "FakeWorker.h"
+#include "ScriptConstants.h"
+#include "TempDir.h"
+#include "WriterUnderTest.h"
+
+using test::event_of;
+using test::FakeWorker;
+using test::read_file;
+using test::RecordBuilder;
+using test::text_of;
+using test::write_file;
+using test::WriterUnderTest;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::SizeIs;
+
+namespace {
+
+const char* const kAgentIdFile = "orvik/agent.id";
+const char* const kNotSet = "Agent id is not set!";
+const char* const kBase62 = "[0-9a-zA-Z]+";
+
+class Writer : public test::ReportingTest {
+ protected:
+  Writer() { FakeWorker::reset(); }
+  ~Writer() override {
+    EXPECT_THAT(FakeWorker::misuses(), IsEmpty());
+    EXPECT_EQ(FakeWorker::starts(), FakeWorker::stops());
+  }
+
+  void use_agent_id(const std::string& value) {
+    constants_.set(BifConst::LogZMQ::zmq_agent_id, value);
+  }
+  /// The agent-id file with that content, and no identifier in the scripts.
+  void use_file(const std::string& content) {
+    use_agent_id("");
+    std::filesystem::create_directory("orvik");
+    write_file(kAgentIdFile, content);
+  }
+
+  test::TempDir dir_;
+  test::ScriptConstants constants_;
+};
+
+/// What every event of this writer carries as its agent.
+std::string agent_of_events(WriterUnderTest& writer) {
+  RecordBuilder record;
+  record.text("uid", "CAbc");
+  writer.init();
+  EXPECT_TRUE(writer.write(record));
+  const std::string message = FakeWorker::messages().back();
+  return text_of(Dravenholt::GetNetworkEvent(message.data())->agent_id());
+}
+
+void expect_generated(const std::string& agent_id) {
+  EXPECT_THAT(agent_id, MatchesRegex(kBase62));
+  EXPECT_GE(agent_id.size(), 2u);
+  EXPECT_LE(agent_id.size(), 22u);
+}
+
+DravenholtZmqWriterStatus status() {
+  DravenholtZmqWriterStatus result;
+  memset(&result, 0x5a, sizeof result);
+  dravenholt_zmqwriter_status(&result);
+  return result;
+}
+
+/// Lets files grow to `bytes` at most while it exists.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &previous_);
+    rlimit limit = previous_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &previous_);
+    signal(SIGXFSZ, handler_);
+  }
+
+ private:
+  rlimit previous_;
+  void (*handler_)(int);
+};
+
+}  // namespace
+
+// -- Construction ---------------------------------------------------------------------------------
+
+TEST_F(Writer, StartsWithoutFieldsAndWithTheScriptsMarkers) {
+  WriterUnderTest writer;
+  EXPECT_EQ(nullptr, writer->fields);
+  EXPECT_EQ(0, writer->num_fields);
+  EXPECT_EQ("agent-7", writer->agent_id);
+  EXPECT_EQ(",", writer->set_separator);
+  EXPECT_EQ("-", writer->unset_field);
+  EXPECT_EQ("(empty)", writer->empty_field);
+}
+
+TEST_F(Writer, FormatterUsesTheScriptsMarkers) {
+  constants_.set(BifConst::LogZMQ::set_separator, "|");
+  constants_.set(BifConst::LogZMQ::unset_field, "UNSET");
+  constants_.set(BifConst::LogZMQ::empty_field, "EMPTY");
+  WriterUnderTest writer;
+  RecordBuilder record;
+  record.vec("list", {"a", "b"}).vec("empty", {}).unset("unset", TYPE_STRING);
+  std::vector<std::string> texts;
+  for (int i = 0; i < record.size(); i++) {
+    ODesc text;
+    EXPECT_TRUE(writer->formatter->Describe(&text, record.vals()[i]));
+    texts.push_back(text.Description());
+  }
+  EXPECT_THAT(texts, ElementsAre("a|b", "EMPTY", "UNSET"));
+}
+
+TEST_F(Writer, FactoryMakesAWriterForTheFrontend) {
+  const test::Frontend frontend("conn");
+  logging::WriterBackend* backend = logging::writer::ZMQ::Instantiate(frontend.get());
+  EXPECT_NE(nullptr, dynamic_cast<logging::writer::ZMQ*>(backend));
+  EXPECT_STREQ("conn/Log::WRITER_ZMQ", backend->Name());
+  delete backend;
+}
+
+TEST_F(Writer, AConstantThatIsNoStringEndsTheHost) {
+  StringVal* const text = BifConst::LogZMQ::zmq_agent_id;
+  Val* const number = new Val(5, TYPE_COUNT);
+  EXPECT_EXIT(
+      {
+        BifConst::LogZMQ::zmq_agent_id = reinterpret_cast<StringVal*>(number);
+        WriterUnderTest writer;
+      },
+      ::testing::ExitedWithCode(1), "");
+  EXPECT_EQ(text, BifConst::LogZMQ::zmq_agent_id);
+  Unref(number);
+}
+
+// -- Agent identifier -----------------------------------------------------------------------------
+
+TEST_F(Writer, IdentifierOfTheScriptsIsTakenAndTheFileLeftAlone) {
+  use_file("file-id");
+  use_agent_id("agent-7");
+  WriterUnderTest writer;
+  EXPECT_EQ("agent-7", agent_of_events(writer));
+  EXPECT_EQ("file-id", read_file(kAgentIdFile));
+  EXPECT_THAT(weirds(), IsEmpty());
+}
+
+TEST_F(Writer, IdentifierOfTheScriptsNeedsNoFolder) {
+  WriterUnderTest writer;
+  EXPECT_FALSE(std::filesystem::exists("orvik"));
+}
+
+TEST_F(Writer, IdentifierOfTheScriptsMayHoldAnyByte) {
+  use_agent_id(std::string("a\0b\n", 4));
+  WriterUnderTest writer;
+  EXPECT_EQ(std::string("a\0b\n", 4), agent_of_events(writer));
+}
+
+TEST_F(Writer, DashLeavesTheAgentUnnamedAndTheFileAlone) {
+  use_file("file-id");
+  use_agent_id("-");
+  WriterUnderTest writer;
+  EXPECT_EQ("-", agent_of_events(writer));
+  EXPECT_EQ("file-id", read_file(kAgentIdFile));
+  EXPECT_THAT(weirds(), ElementsAre(kNotSet));
+}
+
+TEST_F(Writer, DashInTheFileIsReportedToo) {
+  use_file("-");
+  WriterUnderTest writer;
+  EXPECT_EQ("-", writer->agent_id);
+  EXPECT_THAT(weirds(), ElementsAre(kNotSet));
+}
+
+TEST_F(Writer, FileIsTakenWithItsLineEnd) {
+  use_file("abc\n");
+  WriterUnderTest writer;
+  EXPECT_EQ("abc\n", agent_of_events(writer));
+  EXPECT_EQ("abc\n", read_file(kAgentIdFile));
+  EXPECT_THAT(weirds(), IsEmpty());
+}
+
+TEST_F(Writer, FirstThousandAndTwentyFourBytesOfALongFileAreTaken) {
+  const std::string content = std::string(1023, 'x') + "y" + std::string(1976, 'z');
+  ASSERT_EQ(3000u, content.size());
+  use_file(content);
+  WriterUnderTest writer;
+  EXPECT_EQ(std::string(1023, 'x') + "y", writer->agent_id);
+  EXPECT_EQ(content, read_file(kAgentIdFile));
+}
+
+TEST_F(Writer, EmptyFileIsFilledWithANewIdentifierWithoutALineEnd) {
+  use_file("");
+  WriterUnderTest writer;
+  expect_generated(writer->agent_id);
+  EXPECT_EQ(writer->agent_id, read_file(kAgentIdFile));
+  EXPECT_EQ(writer->agent_id, agent_of_events(writer));
+  EXPECT_THAT(weirds(), IsEmpty());
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(Writer, MissingFolderIsCreatedForItsOwnerAndGroup) {
+  use_agent_id("");
+  const mode_t umask_before = umask(0);
+  WriterUnderTest writer;
+  umask(umask_before);
+  struct stat info;
+  ASSERT_EQ(0, stat("orvik", &info));
+  EXPECT_EQ(0770u, info.st_mode & 07777u);
+  expect_generated(writer->agent_id);
+  EXPECT_EQ(writer->agent_id, read_file(kAgentIdFile));
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(Writer, IdentifierIsTheSameAtTheNextStart) {
+  use_agent_id("");
+  WriterUnderTest first;
+  const std::string agent_id = first->agent_id;
+  first.destroy();
+  WriterUnderTest second;
+  EXPECT_EQ(agent_id, second->agent_id);
+}
+
+TEST_F(Writer, EachGeneratedIdentifierIsAnother) {
+  use_agent_id("");
+  WriterUnderTest first;
+  std::filesystem::remove(kAgentIdFile);
+  WriterUnderTest second;
+  EXPECT_NE(first->agent_id, second->agent_id);
+}
+
+TEST_F(Writer, FolderThatCannotBeMadeIsReportedByTheFileThatCannotBeWritten) {
+  use_agent_id("");
+  write_file("orvik", "a file where the folder should be");
+  WriterUnderTest writer;
+  EXPECT_THAT(errors(), ElementsAre("Failed to write to orvik/agent.id"));
+  expect_generated(writer->agent_id);
+  EXPECT_EQ(writer->agent_id, agent_of_events(writer));
+  EXPECT_THAT(weirds(), IsEmpty());
+}
+
+TEST_F(Writer, FileThatCannotBeOpenedForWritingIsReported) {
+  use_agent_id("");
+  std::filesystem::create_directories(kAgentIdFile);  // a folder where the file should be
+  WriterUnderTest writer;
+  EXPECT_THAT(errors(), ElementsAre("Failed to write to orvik/agent.id"));
+  expect_generated(writer->agent_id);
+}
+
+TEST_F(Writer, FileThatCannotBeFilledIsReported) {
+  use_agent_id("");
+  const FileSizeLimit none(0);
+  WriterUnderTest writer;
+  EXPECT_THAT(errors(), ElementsAre("Failed to write to orvik/agent.id"));
+  expect_generated(writer->agent_id);
+}
+
+TEST_F(Writer, IdentifierThatCannotBeStoredIsSharedByTheWritersOfTheProcess) {
+  use_agent_id("");
+  write_file("orvik", "a file where the folder should be");
+  WriterUnderTest first, second;
+  EXPECT_EQ(first->agent_id, second->agent_id);
+  std::filesystem::remove("orvik");
+  WriterUnderTest third;  // now it can be stored
+  EXPECT_EQ(first->agent_id, third->agent_id);
+  EXPECT_EQ(first->agent_id, read_file(kAgentIdFile));
+}
+
+// -- The shared worker ----------------------------------------------------------------------------
+
+TEST_F(Writer, InitialisationStoresTheFields) {
+  WriterUnderTest writer;
+  RecordBuilder record;
+  record.text("a", "").text("b", "");
+  const test::Frontend frontend;
+  EXPECT_TRUE(writer->DoInit(frontend.get()->Info(), 2, record.fields()));
+  EXPECT_EQ(record.fields(), writer->fields);
+  EXPECT_EQ(2, writer->num_fields);
+}
+
+TEST_F(Writer, FirstOfThreeWritersCreatesTheWorkerWithTheConnectionConstants) {
+  WriterUnderTest first, second, third;
+  EXPECT_THAT(FakeWorker::inits(), IsEmpty());
+  EXPECT_TRUE(second.init());
+  constants_.set(BifConst::LogZMQ::zmq_primary_server, "not read again");
+  EXPECT_TRUE(first.init());
+  EXPECT_TRUE(third.init());
+  ASSERT_THAT(FakeWorker::inits(), SizeIs(1));
+  EXPECT_EQ("primary", FakeWorker::inits()[0].server);
+  EXPECT_EQ("key", FakeWorker::inits()[0].public_key);
+  EXPECT_EQ("secondary", FakeWorker::inits()[0].secondary_servers);
+  EXPECT_EQ(1, FakeWorker::starts());
+}
+
+TEST_F(Writer, DestroyingOneOfThreeWritersEndsTheWorkerForAll) {
+  WriterUnderTest first, second, third;
+  for (WriterUnderTest* writer : {&first, &second, &third})
+    writer->init();
+  RecordBuilder record;
+  record.text("uid", "CAbc");
+  EXPECT_TRUE(second.write(record));
+  third.destroy();
+  EXPECT_EQ(1, FakeWorker::stops());
+  EXPECT_FALSE(first.write(record));
+  EXPECT_FALSE(second.write(record));
+  EXPECT_EQ(1u, FakeWorker::message_count());
+}
+
+TEST_F(Writer, WriterThatWasNeverInitialisedEndsTheWorkerToo) {
+  WriterUnderTest first, second;
+  first.init();
+  second.destroy();
+  EXPECT_EQ(1, FakeWorker::stops());
+}
+
+TEST_F(Writer, LaterInitialisationCreatesANewWorkerForAll) {
+  WriterUnderTest first, second, third;
+  first.init();
+  second.init();
+  first.destroy();
+  EXPECT_TRUE(third.init());
+  EXPECT_EQ(2, FakeWorker::starts());
+  RecordBuilder record;
+  record.text("uid", "CAbc");
+  EXPECT_TRUE(second.write(record));
+}
+
+TEST_F(Writer, WithoutAWorkerEveryRecordIsRefusedButStillConverted) {
+  WriterUnderTest writer;
+  RecordBuilder record;
+  record.unset("uid", TYPE_STRING);
+  EXPECT_FALSE(writer.write(record));
+  EXPECT_FALSE(writer.write(record));
+  EXPECT_EQ(0u, FakeWorker::message_count());
+  EXPECT_THAT(weirds(), ElementsAre("Empty uid!", "Empty uid!"));
+}
+
+TEST_F(Writer, EachRecordIsOneMessageOfTheConversion) {
+  WriterUnderTest writer;
+  writer.init();
+  RecordBuilder record;
+  record.text("ptype", "ftp").text("ftp.user", "alice").text("uid", "CAbc").time("ts", 5.0);
+  EXPECT_TRUE(writer.write(record));
+  EXPECT_TRUE(writer->DoWrite(0, nullptr, nullptr));
+  RecordBuilder none;
+  const test::Bytes full = test::convert(record);
+  const test::Bytes bare = test::convert(none);
+  EXPECT_THAT(FakeWorker::messages(), ElementsAre(std::string(full.begin(), full.end()),
+                                                  std::string(bare.begin(), bare.end())));
+}
+
+// -- Status ---------------------------------------------------------------------------------------
+
+TEST_F(Writer, StatusTellsTheTotalsOfAllWorkersAlsoWhenTheyAreGone) {
+  const DravenholtZmqWriterStatus before = status();
+  EXPECT_EQ(0, before.worker);
+  EXPECT_EQ(0, before.running);
+  EXPECT_EQ(0u, before.queued);
+  EXPECT_STREQ("orvik", before.install_prefix);
+  EXPECT_STREQ("orvik-spool/work", before.spool_folder);
+  RecordBuilder record;
+  record.text("uid", "CAbc");
+
+  WriterUnderTest first, second;
+  first.init();
+  EXPECT_EQ(1, status().worker);
+  EXPECT_EQ(1, status().running);
+  first.write(record);
+  first.write(record);
+  EXPECT_EQ(before.sent + 2, status().sent);
+  first.destroy();
+  EXPECT_EQ(0, status().worker);
+  EXPECT_EQ(before.sent + 2, status().sent);
+
+  second.init();
+  second.write(record);
+  EXPECT_EQ(before.sent + 3, status().sent);
+  second.destroy();
+  EXPECT_EQ(before.sent + 3, status().sent);
+  EXPECT_EQ(before.failed, status().failed);
+}
+
+TEST_F(Writer, StatusCanBeAskedForWhileTheWorkerStops) {
+  std::vector<DravenholtZmqWriterStatus> seen;
+  FakeWorker::listen([&seen](const std::string& call) {
+    if (call == "Stop")
+      seen.push_back(status());
+  });
+  WriterUnderTest writer;
+  writer.init();
+  RecordBuilder record;
+  record.text("uid", "CAbc");
+  writer.write(record);
+  const std::uint64_t sent = status().sent;
+  writer.destroy();
+  ASSERT_THAT(seen, SizeIs(1));
+  EXPECT_EQ(1, seen[0].worker);
+  EXPECT_EQ(0, seen[0].running);
+  EXPECT_EQ(sent, seen[0].sent);
+}
+
+// -- Housekeeping ---------------------------------------------------------------------------------
+
+TEST_F(Writer, HousekeepingDoesNothingAndSucceeds) {
+  WriterUnderTest writer;
+  writer.init();
+  EXPECT_TRUE(writer->DoSetBuf(true));
+  EXPECT_TRUE(writer->DoSetBuf(false));
+  EXPECT_TRUE(writer->DoFlush(1.0));
+  EXPECT_TRUE(writer->DoFinish(1.0));
+  EXPECT_TRUE(writer->DoHeartbeat(1.0, 2.0));
+  EXPECT_EQ(0u, FakeWorker::message_count());
+  RecordBuilder record;
+  record.text("uid", "CAbc");
+  EXPECT_TRUE(writer.write(record));
+}
+
+TEST_F(Writer, RotationLeavesEveryFileAloneAndReportsNothingFinished) {
+  write_file("test.log", "content");
+  WriterUnderTest writer;
+  writer->rotation_counter = 1;
+  EXPECT_TRUE(writer->DoRotate("test-13-01-01", 1.0, 2.0, false));
+  EXPECT_TRUE(writer->DoRotate("test-13-01-01", 1.0, 2.0, true));
+  EXPECT_TRUE(writer->DoRotate(nullptr, 0.0, 0.0, false));
+  EXPECT_EQ(1, writer->rotation_counter);
+  EXPECT_EQ("content", read_file("test.log"));
+  EXPECT_FALSE(std::filesystem::exists("test-13-01-01"));
+}
+
+TEST_F(Writer, FormattingGivesANewText) {
+  char* text = logging::writer::ZMQ::FS("%s has %d of %5.2f%%", "alice", 3, 1.5);
+  EXPECT_STREQ("alice has 3 of  1.50%", text);
+  free(text);
+  const std::string large(100000, 'x');
+  text = logging::writer::ZMQ::FS("<%s>", large.c_str());
+  EXPECT_EQ("<" + large + ">", text);
+  free(text);
+}
+
+TEST_F(Writer, AFolderExistsWhenItCanBeOpened) {
+  using logging::writer::directoryExists;
+  write_file("file", "");
+  EXPECT_TRUE(directoryExists("."));
+  EXPECT_FALSE(directoryExists("file"));
+  EXPECT_FALSE(directoryExists("missing"));
+  EXPECT_FALSE(directoryExists(""));
+}

@@ -1,0 +1,326 @@
+// Several writers in several threads that share one worker. The worker is a fake that complains
+// about what would be a use after free with the real one.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "WriterStatus.h"
+#include "ZMQ.h"
+
+#include "logging/Component.h"
+#include "standin/Host.h"
+
+#include "Conversion.h"
+#include "FakeWorker.h"
+#include "ScriptConstants.h"
+#include "TempDir.h"
+#include "WriterUnderTest.h"
+
+using test::FakeWorker;
+using test::Frontend;
+using test::RecordBuilder;
+using test::WriterUnderTest;
+using ::testing::ElementsAreArray;
+using ::testing::IsEmpty;
+
+namespace {
+
+/// Lets threads go on only when all have arrived.
+class Barrier {
+ public:
+  explicit Barrier(int threads) : missing_(threads) {}
+
+  void wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (--missing_ == 0)
+      all_here_.notify_all();
+    all_here_.wait(lock, [this] { return missing_ <= 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable all_here_;
+  int missing_;
+};
+
+class WriterThreads : public test::ReportingTest {
+ protected:
+  WriterThreads() { FakeWorker::reset(); }
+  ~WriterThreads() override { EXPECT_THAT(FakeWorker::misuses(), IsEmpty()); }
+
+  test::TempDir dir_;
+  test::ScriptConstants constants_;
+};
+
+std::string unsupported(const std::string& ptype) {
+  return "Unsupported protocol type " + ptype + ", using generic format";
+}
+
+}  // namespace
+
+TEST_F(WriterThreads, ThreeWritersStartedAtOnceShareOneWorkerAndOneIdentifier) {
+  constants_.set(BifConst::LogZMQ::zmq_agent_id, "");
+  const int kWriters = 3;
+  for (int round = 1; round <= 200; round++) {
+    std::filesystem::remove_all("orvik");
+    std::vector<std::unique_ptr<Frontend>> frontends;
+    for (int i = 0; i < kWriters; i++)
+      frontends.emplace_back(new Frontend);
+    std::unique_ptr<logging::writer::ZMQ> writers[kWriters];
+    std::atomic<int> written(0);
+    Barrier start(kWriters);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kWriters; i++) {
+      threads.emplace_back([&, i] {
+        RecordBuilder record;
+        record.text("uid", "CAbc");
+        start.wait();
+        writers[i].reset(new logging::writer::ZMQ(frontends[i]->get()));
+        EXPECT_TRUE(writers[i]->DoInit(frontends[i]->get()->Info(), 0, nullptr));
+        if (writers[i]->DoWrite(record.size(), record.fields(), record.vals()))
+          ++written;
+      });
+    }
+    for (std::thread& thread : threads)
+      thread.join();
+
+    ASSERT_EQ(round, FakeWorker::starts());
+    ASSERT_EQ(kWriters, written);
+    std::set<std::string> identifiers = {test::read_file("orvik/agent.id")};
+    for (const auto& writer : writers)
+      identifiers.insert(writer->agent_id);
+    ASSERT_EQ(1u, identifiers.size()) << "round " << round;
+    for (auto& writer : writers)
+      writer.reset();
+    ASSERT_EQ(round, FakeWorker::stops());
+  }
+}
+
+TEST_F(WriterThreads, RecordsUnderWayNeverMeetAWorkerThatIsBeingDeleted) {
+  for (int round = 0; round < 200; round++) {
+    WriterUnderTest storming[2];
+    WriterUnderTest destroyed;
+    for (WriterUnderTest* writer : {&storming[0], &storming[1], &destroyed})
+      writer->init();
+    const std::size_t before = FakeWorker::message_count();
+    std::atomic<std::size_t> accepted(0);
+    std::vector<std::thread> threads;
+    for (WriterUnderTest& writer : storming) {
+      threads.emplace_back([&] {
+        RecordBuilder record;
+        record.text("uid", "CAbc");
+        while (writer.write(record))
+          ++accepted;
+      });
+    }
+    EXPECT_TRUE(test::wait_until([&] { return accepted > 10; }));
+    destroyed.destroy();
+    for (std::thread& thread : threads)
+      thread.join();
+    // What DoWrite has accepted has reached the worker before it stopped, all of it.
+    ASSERT_EQ(accepted, FakeWorker::message_count() - before);
+    ASSERT_THAT(FakeWorker::misuses(), IsEmpty());
+  }
+}
+
+TEST_F(WriterThreads, DestroyingAWriterWaitsForARecordUnderWay) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool writing = false, go_on = false;
+  std::atomic<bool> stopped(false);
+  FakeWorker::listen([&](const std::string& call) {
+    if (call == "Stop")
+      stopped = true;
+    std::unique_lock<std::mutex> lock(mutex);
+    if (call != "Write" || writing)
+      return;
+    writing = true;
+    changed.notify_all();
+    changed.wait(lock, [&] { return go_on; });
+    EXPECT_FALSE(stopped);
+  });
+  WriterUnderTest held, probe, destroyed;
+  held.init();
+  std::thread holds([&] {
+    RecordBuilder record;
+    record.text("uid", "CAbc");
+    EXPECT_TRUE(held.write(record));
+  });
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [&] { return writing; });
+  }
+  std::thread releases([&] {
+    RecordBuilder record;
+    record.text("uid", "CAbc");
+    // Refused as soon as the destruction is under way.
+    EXPECT_TRUE(test::wait_until([&] { return !probe.write(record); }));
+    EXPECT_FALSE(stopped);
+    std::lock_guard<std::mutex> lock(mutex);
+    go_on = true;
+    changed.notify_all();
+  });
+  destroyed.destroy();
+  EXPECT_TRUE(stopped);
+  holds.join();
+  releases.join();
+}
+
+TEST_F(WriterThreads, WorkersMayComeAndGoWhileOthersWriteAndAsk) {
+  std::atomic<bool> done(false);
+  WriterUnderTest steady;
+  std::thread writes([&] {
+    RecordBuilder record;
+    record.text("uid", "CAbc");
+    while (!done)
+      steady.write(record);
+  });
+  std::thread asks([&] {
+    std::uint64_t sent = 0;
+    while (!done) {
+      DravenholtZmqWriterStatus status;
+      dravenholt_zmqwriter_status(&status);
+      EXPECT_GE(status.sent, sent);  // totals never go back
+      sent = status.sent;
+      std::this_thread::yield();
+    }
+  });
+  for (int round = 0; round < 200; round++) {
+    WriterUnderTest writer;
+    writer.init();
+    std::this_thread::yield();
+  }
+  done = true;
+  writes.join();
+  asks.join();
+  EXPECT_EQ(200, FakeWorker::starts());
+  EXPECT_EQ(200, FakeWorker::stops());
+}
+
+// -- Inside the stand-in host, with threads of its own --------------------------------------------
+
+namespace {
+
+/// The host with the component, but without the plug-in's folder.
+class InsideTheHost : public WriterThreads {
+ protected:
+  InsideTheHost() : host_(options()), component_("ZMQ", logging::writer::ZMQ::Instantiate) {}
+
+  static standin::Host::Options options() {
+    standin::Host::Options options;
+    options.heartbeat_seconds = 0.01;
+    return options;
+  }
+
+  logging::WriterFrontend* create_writer(const std::string& path, RecordBuilder& like) {
+    return host_.CreateWriter("ZMQ", path, like.field_list());
+  }
+
+  standin::Host host_;
+  logging::Component component_;
+};
+
+}  // namespace
+
+TEST_F(InsideTheHost, EveryRecordOfThreeStreamsBecomesAMessageOfOneWorker) {
+  const int kRecords = 2500;
+  RecordBuilder record;
+  record.text("uid", "CAbc").unset("ptype", TYPE_STRING);
+  RecordBuilder ftp;
+  ftp.text("ptype", "ftp").text("uid", "CAbc");
+  std::vector<logging::WriterFrontend*> writers;
+  for (const char* path : {"a", "b", "c"})
+    writers.push_back(create_writer(path, ftp));
+  for (int i = 0; i < kRecords; i++)
+    for (logging::WriterFrontend* writer : writers)
+      writer->Write(ftp.size(), test::copy_values(ftp));
+  // Ended in the host's order, the first writer destroyed takes the worker with it, but only after
+  // all threads have finished.
+  host_.Finish();
+  EXPECT_EQ(3u * kRecords, FakeWorker::message_count());
+  EXPECT_EQ(1, FakeWorker::starts());
+  EXPECT_EQ(1, FakeWorker::stops());
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(InsideTheHost, ReportsOfWriterThreadsAreMadeOnTheMainThreadAndInOrder) {
+  const int kRecords = 300;
+  RecordBuilder record;
+  record.text("ptype", "dns");
+  std::vector<logging::WriterFrontend*> writers;
+  for (const char* path : {"a", "b", "c"})
+    writers.push_back(create_writer(path, record));
+  for (int i = 0; i < kRecords; i++) {
+    for (std::size_t w = 0; w < writers.size(); w++) {
+      RecordBuilder numbered;
+      numbered.text("ptype", std::to_string(w) + "-" + std::to_string(i));
+      writers[w]->Write(1, test::copy_values(numbered));
+    }
+  }
+  EXPECT_TRUE(test::wait_until([&] {
+    host_.Pump();
+    return warnings().size() == 3u * kRecords;
+  }));
+  host_.Finish();
+  std::vector<std::string> by_writer[3], expected[3];
+  for (const standin::Report& report : recorder_.Reports()) {
+    EXPECT_EQ(std::this_thread::get_id(), report.thread);
+    for (int w = 0; w < 3; w++)
+      if (report.text.find(" " + std::to_string(w) + "-") != std::string::npos)
+        by_writer[w].push_back(report.text);
+  }
+  for (int w = 0; w < 3; w++) {
+    for (int i = 0; i < kRecords; i++)
+      expected[w].push_back(unsupported(std::to_string(w) + "-" + std::to_string(i)));
+    EXPECT_THAT(by_writer[w], ElementsAreArray(expected[w]));
+  }
+}
+
+TEST_F(InsideTheHost, ReportsOfTheLastRecordsAreNotLostWhenTheHostEnds) {
+  RecordBuilder record;
+  record.text("ptype", "dns");
+  logging::WriterFrontend* writer = create_writer("a", record);
+  for (int i = 0; i < 1500; i++)
+    writer->Write(record.size(), test::copy_values(record));
+  host_.Finish();
+  EXPECT_EQ(1500u, warnings().size());
+  for (const standin::Report& report : recorder_.Reports())
+    EXPECT_EQ(std::this_thread::get_id(), report.thread);
+}
+
+TEST_F(InsideTheHost, ReportsOfAThreadOfItsOwnArriveWithTheNextHeartbeat) {
+  RecordBuilder record;
+  record.text("ptype", "ftp");
+  create_writer("a", record);
+  std::thread send_thread([] { reports::warning("from the send thread, %d %%", 7); });
+  send_thread.join();
+  EXPECT_TRUE(test::wait_until([&] {
+    host_.Pump();
+    return !warnings().empty();
+  }));
+  EXPECT_EQ("from the send thread, 7 %", warnings()[0]);
+  EXPECT_EQ(std::this_thread::get_id(), recorder_.Reports()[0].thread);
+  host_.Finish();
+}
+
+TEST_F(InsideTheHost, ReportsMadeWhileTheWorkerStopsComeWithItsEnd) {
+  FakeWorker::listen([](const std::string& call) {
+    if (call == "Stop")
+      std::thread([] { reports::warning("last words"); }).join();
+  });
+  RecordBuilder record;
+  record.text("ptype", "ftp");
+  create_writer("a", record);
+  host_.Finish();
+  EXPECT_THAT(warnings(), ::testing::ElementsAre("last words"));
+  EXPECT_EQ(std::this_thread::get_id(), recorder_.Reports()[0].thread);
+}
