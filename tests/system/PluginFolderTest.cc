@@ -1,0 +1,176 @@
+// The plug-in as the build leaves it, loaded from its folder by the stand-in host: with its own
+// scripts, its own shared object and the real probes.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "TempDir.h"
+#include "WriterStatus.h"
+
+#include "Func.h"
+#include "Val.h"
+#include "standin/Host.h"
+#include "standin/ReportRecorder.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class PluginFolderTest : public testing::Test {
+ protected:
+  void load(const std::vector<std::string>& redefs = {},
+            const std::string& folder = ZMQWRITER_PLUGIN_FOLDER) {
+    standin::Host::Options options;
+    options.redefs = redefs;
+    host_ = std::make_unique<standin::Host>(options);
+    host_->LoadPlugin(folder);
+  }
+
+  static std::string constant(const std::string& name) {
+    return internal_const_val(("LogZMQ::" + name).c_str())->AsStringVal()->CheckString();
+  }
+
+  static Val* call(const char* function, const std::vector<Val*>& arguments) {
+    val_list list;
+    for (Val* argument : arguments)
+      list.append(argument);
+    return internal_func(function)->Call(&list);
+  }
+
+  static Val* connection_record_without_origin() {
+    return new RecordVal(internal_type("connection")->AsRecordType());
+  }
+
+  std::vector<std::string> errors() const { return reports_.Texts(standin::ReportKind::kError); }
+
+  test::TempDir dir_;
+  standin::ReportRecorder reports_;
+  std::unique_ptr<standin::Host> host_;
+};
+
+TEST_F(PluginFolderTest, ShortDescriptionIsOneLineWithoutAVersion) {
+  load();
+  EXPECT_EQ(host_->DescribePlugins(false),
+            "Dravenholt::ZMQWriter - ZeroMQ log writer (dynamic, no version information)\n");
+}
+
+TEST_F(PluginFolderTest, LongDescriptionListsTheWriterAndTheTenScriptItemsInOrder) {
+  load();
+  EXPECT_EQ(host_->DescribePlugins(true),
+            "Dravenholt::ZMQWriter - ZeroMQ log writer (dynamic, no version information)\n"
+            "    [Writer] ZMQ (Log::WRITER_ZMQ)\n"
+            "    [Type] system_stats\n"
+            "    [Constant] LogZMQ::zmq_primary_server\n"
+            "    [Constant] LogZMQ::zmq_secondary_server\n"
+            "    [Constant] LogZMQ::zmq_public_key\n"
+            "    [Constant] LogZMQ::zmq_agent_id\n"
+            "    [Constant] LogZMQ::set_separator\n"
+            "    [Constant] LogZMQ::empty_field\n"
+            "    [Constant] LogZMQ::unset_field\n"
+            "    [Function] LogZMQ::__detect_user\n"
+            "    [Function] LogZMQ::__get_system_stats\n"
+            "\n");
+}
+
+TEST_F(PluginFolderTest, ConstantsHaveTheValuesOfTheScripts) {
+  load();
+  EXPECT_EQ(constant("zmq_primary_server"), "");
+  EXPECT_EQ(constant("zmq_secondary_server"), "");
+  EXPECT_EQ(constant("zmq_public_key"), "");
+  EXPECT_EQ(constant("zmq_agent_id"), "");
+  EXPECT_EQ(constant("set_separator"), ",");
+  EXPECT_EQ(constant("empty_field"), "(empty)");
+  EXPECT_EQ(constant("unset_field"), "-");
+}
+
+TEST_F(PluginFolderTest, EveryConstantCanBeRedefined) {
+  const std::vector<std::string> names = {
+      "zmq_primary_server", "zmq_secondary_server", "zmq_public_key", "zmq_agent_id",
+      "set_separator",      "empty_field",          "unset_field"};
+  std::vector<std::string> redefs;
+  for (const std::string& name : names)
+    redefs.push_back("LogZMQ::" + name + "=new " + name);
+  load(redefs);
+  for (const std::string& name : names)
+    EXPECT_EQ(constant(name), "new " + name);
+}
+
+TEST_F(PluginFolderTest, DetectUserWithNoArgumentOrTwoIsRefused) {
+  load();
+  EXPECT_EQ(call("LogZMQ::__detect_user", {}), nullptr);
+  EXPECT_EQ(call("LogZMQ::__detect_user",
+                 {connection_record_without_origin(), connection_record_without_origin()}),
+            nullptr);
+  EXPECT_THAT(errors(), ElementsAre("LogZMQ::__detect_user() takes exactly 1 argument(s)",
+                                    "LogZMQ::__detect_user() takes exactly 1 argument(s)"));
+}
+
+TEST_F(PluginFolderTest, ConnectionRecordWithoutOriginGivesTwoEmptyStrings) {
+  load();
+  Val* const result = call("LogZMQ::__detect_user", {connection_record_without_origin()});
+  ASSERT_NE(result, nullptr);
+  ASSERT_EQ(result->AsVectorVal()->Size(), 2u);
+  for (unsigned i = 0; i < 2; ++i)
+    EXPECT_EQ(result->AsVectorVal()->Lookup(i)->AsStringVal()->Len(), 0);
+  EXPECT_THAT(errors(), ElementsAre());
+  Unref(result);
+}
+
+TEST_F(PluginFolderTest, GetSystemStatsWithAnArgumentIsRefused) {
+  load();
+  EXPECT_EQ(call("LogZMQ::__get_system_stats", {new StringVal("all")}), nullptr);
+  EXPECT_THAT(errors(), ElementsAre("LogZMQ::__get_system_stats() takes exactly 0 argument(s)"));
+}
+
+TEST_F(PluginFolderTest, GetSystemStatsFillsEachFieldOfTheScriptsRecordWithItsType) {
+  load();
+  Val* const result = call("LogZMQ::__get_system_stats", {});
+  ASSERT_NE(result, nullptr);
+  const RecordVal* const record = result->AsRecordVal();
+  const RecordType* const type = internal_type("system_stats")->AsRecordType();
+  ASSERT_EQ(type->NumFields(), 9);
+  for (int i = 0; i < type->NumFields(); ++i) {
+    ASSERT_NE(record->Lookup(i), nullptr) << type->FieldName(i);
+    EXPECT_EQ(record->Lookup(i)->Type()->Tag(), type->FieldDecl(i)->type->Tag())
+        << type->FieldName(i);
+  }
+  EXPECT_GT(record->Lookup("ph_mem_total")->AsCount(), 0u);
+  EXPECT_GT(record->Lookup("hdd_volume")->AsDouble(), 0.0);
+  Unref(result);
+}
+
+TEST_F(PluginFolderTest, StatusFunctionIsExportedAndKnowsNoWorkerYet) {
+  load();
+  const auto status = reinterpret_cast<decltype(&dravenholt_zmqwriter_status)>(
+      host_->PluginSymbol("dravenholt_zmqwriter_status"));
+  ASSERT_NE(status, nullptr);
+  DravenholtZmqWriterStatus now;
+  status(&now);
+  EXPECT_EQ(now.worker, 0);
+  EXPECT_STREQ(now.install_prefix, "orvik");
+  EXPECT_STREQ(now.spool_folder, "orvik-spool/work");
+}
+
+TEST_F(PluginFolderTest, MagicFileOfAnotherNameIsRefused) {
+  std::filesystem::copy(ZMQWRITER_PLUGIN_FOLDER, "other", std::filesystem::copy_options::recursive);
+  test::write_file("other/__bro_plugin__", "Dravenholt::OtherWriter\n");
+  try {
+    load({}, dir_.file("other"));
+    FAIL() << "it was loaded";
+  } catch (const standin::HostError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("inconsistent plugin name"));
+  }
+}
+
+TEST_F(PluginFolderTest, NameInTheMagicFileIsComparedWithoutCase) {
+  std::filesystem::copy(ZMQWRITER_PLUGIN_FOLDER, "other", std::filesystem::copy_options::recursive);
+  test::write_file("other/__bro_plugin__", "dravenholt::zmqwriter\n");
+  load({}, dir_.file("other"));
+  EXPECT_THAT(host_->DescribePlugins(false), HasSubstr("Dravenholt::ZMQWriter"));
+}
+
+}  // namespace

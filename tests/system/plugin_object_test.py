@@ -1,0 +1,83 @@
+"""What the plug-in's shared object takes and gives, as nm shows it.
+
+    plugin_object_test.py SOURCE_DIR SHARED_OBJECT
+"""
+
+import os
+import re
+import subprocess
+import sys
+import unittest
+
+SOURCE_DIR, OBJECT = sys.argv[1:]
+# Versioned symbols of libc and libstdc++, and names that every shared object may have.
+SYSTEM = re.compile(r"@+(GLIBC|GLIBCXX|CXXABI|GCC)_|^_ITM_|^__gmon_start__$|^__cxa_finalize$")
+LIBZMQ = re.compile(r"^zmq_\w+$")
+
+
+def nm(*options):
+    text = subprocess.run(["nm", "-D"] + list(options) + [OBJECT], stdout=subprocess.PIPE, text=True,
+                          check=True).stdout
+    return [line.split()[-1] for line in text.splitlines()]
+
+
+def demangle(names):
+    text = subprocess.run(["c++filt"], input="\n".join(names), stdout=subprocess.PIPE, text=True,
+                          check=True).stdout
+    return text.splitlines()
+
+
+def without_arguments(name):
+    """f(int) -> f; f[abi:cxx11](int) const -> f."""
+    return re.split(r"\(|\[abi", name, maxsplit=1)[0]
+
+
+def host_symbols():
+    with open(os.path.join(SOURCE_DIR, "tests/data/host-symbols.txt")) as file:
+        return {line.strip() for line in file if line.strip() and not line.startswith("#")}
+
+
+class PluginObjectTest(unittest.TestCase):
+    def test_undefined_symbols_are_the_hosts_libzmqs_libstdcxxs_and_libcs_only(self):
+        names = [name for name in nm("--undefined-only")
+                 if not SYSTEM.search(name) and not LIBZMQ.match(name)]
+        self.assertTrue(names, "nothing at all is taken from the host")
+        unknown = [name for name in demangle(names) if without_arguments(name) not in host_symbols()]
+        self.assertEqual(unknown, [])
+
+    def test_needed_libraries_are_libzmq_libstdcxx_and_libc_only(self):
+        text = subprocess.run(["readelf", "-d", OBJECT], stdout=subprocess.PIPE, text=True,
+                              check=True).stdout
+        needed = re.findall(r"\(NEEDED\).*\[(.*)\]", text)
+        for name in needed:
+            self.assertRegex(name, r"^(libzmq|libstdc\+\+|libgcc_s|libc|libm|libpthread|ld-linux[\w-]*)\.so")
+        self.assertTrue(any(name.startswith("libzmq.so") for name in needed), needed)
+
+    def test_only_the_status_function_is_exported(self):
+        self.assertEqual(nm("--defined-only", "--extern-only"), ["dravenholt_zmqwriter_status"])
+
+    def test_plugin_object_is_constructed_before_the_initialiser_is_registered(self):
+        text = subprocess.run(["nm", OBJECT], stdout=subprocess.PIPE, text=True, check=True).stdout
+        constructors = {}
+        for line in text.splitlines():
+            words = line.split()
+            if len(words) == 3 and words[2].startswith("_GLOBAL__sub_I_"):
+                constructors[int(words[0], 16)] = words[2]
+        sections = subprocess.run(["readelf", "-SW", OBJECT], stdout=subprocess.PIPE, text=True,
+                                  check=True).stdout
+        array = re.search(r" \.init_array\s+INIT_ARRAY\s+(\w+)\s+\w+\s+(\w+)", sections)
+        start, size = int(array.group(1), 16), int(array.group(2), 16)
+        relocations = subprocess.run(["readelf", "-rW", OBJECT], stdout=subprocess.PIPE, text=True,
+                                     check=True).stdout
+        order = []
+        for where, value in re.findall(r"^(\w+)\s+\w+\s+R_\w+_RELATIVE\s+(\w+)", relocations, re.M):
+            if start <= int(where, 16) < start + size:
+                order.append((int(where, 16), constructors.get(int(value, 16), "")))
+        names = [name for _, name in sorted(order)]
+        plugin = next(i for i, name in enumerate(names) if name.endswith("_Plugin.cc"))
+        registration = next(i for i, name in enumerate(names) if name.endswith("register.cc"))
+        self.assertLess(plugin, registration)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)
