@@ -1,56 +1,42 @@
 #include "Replay.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
-#include <set>
 #include <stdexcept>
 #include <thread>
 
+#include "LogFeed.h"
 #include "Output.h"
-#include "RecordMapping.h"
+#include "ProgressLine.h"
 #include "SettingsFile.h"
 #include "StopSignals.h"
 #include "WriterStatus.h"
-#include "logging/WriterFrontend.h"
-#include "standin/AsciiLog.h"
 #include "standin/Host.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Duration = std::chrono::duration<double>;
-using standin::AsciiLog;
-using Count = unsigned long long;
 
-// Below the plug-in's bound of 500 by more than one burst.
+// Below the plug-in's bound of 500. Reading goes on when half of them are gone: not later, or the
+// plug-in's queue runs empty, which its send thread takes for a reason to nap for 100 ms.
 constexpr std::uint64_t kMostUnderWay = 400;
-// Records read between two looks at the plug-in.
-constexpr std::uint64_t kBurst = 50;
+constexpr std::uint64_t kUnderWayToGoOn = 200;
+// Records, or other lines, read between two looks at the plug-in.
+constexpr std::uint64_t kBurst = kMostUnderWay - kUnderWayToGoOn;
 // Batches that writer threads may be behind: without pace, memory is bounded by this.
 constexpr std::size_t kMostPendingBatches = 8;
-constexpr std::uint64_t kReportedBrokenLines = 20;  // of each log
 constexpr auto kPoll = std::chrono::milliseconds(2);
+constexpr auto kPollForRoom = std::chrono::microseconds(500);
 // A writer thread may still be converting a batch that it took: nothing tells when it is done. So
 // "nothing is on its way" counts only when it stays so for a while.
 constexpr auto kQuietWhenAllSent = std::chrono::milliseconds(100);
 constexpr auto kQuietWhenSomeMissing = std::chrono::seconds(5);
 constexpr auto kLongestStart = std::chrono::seconds(5);
-constexpr double kDrainAfterSignal_s = 5;
-
-Count count(std::uint64_t number) {
-  return number;
-}
-
-/// "1 record", "2 records".
-std::string counted(std::uint64_t number, const std::string& what) {
-  return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
-}
+constexpr auto kDrainAfterSignal = std::chrono::seconds(5);
 
 /// The plug-in's own account.
 class PluginStatus {
@@ -79,137 +65,6 @@ class PluginStatus {
  private:
   void (*fill_)(DravenholtZmqWriterStatus*);
   std::uint64_t sent_before_;
-};
-
-/// The paths of this run's writers. The host adds a number where one would occur twice.
-class WriterPaths {
- public:
-  std::string Unique(const std::string& path) {
-    std::string candidate = path;
-    for (int number = 2; !used_.insert(candidate).second; ++number)
-      candidate = path + "-" + std::to_string(number);
-    return candidate;
-  }
-
- private:
-  std::set<std::string> used_;
-};
-
-/// One log on its way into its writer.
-class LogFeed {
- public:
-  explicit LogFeed(const std::string& file) : log_(file) {
-    std::error_code unknown;
-    bytes_total_ = std::filesystem::file_size(file, unknown);
-    if (unknown)
-      bytes_total_ = 0;
-  }
-
-  void Connect(standin::Host* host, WriterPaths* paths) {
-    if (mapping_ && log_.path() == mapped_path_ && log_.columns() == mapped_columns_)
-      return;
-    mapped_path_ = log_.path();
-    mapped_columns_ = log_.columns();
-    mapping_ = std::make_unique<RecordMapping>(mapped_path_, mapped_columns_);
-    Flush();
-    writer_ = host->CreateWriter("ZMQ", paths->Unique(mapped_path_), mapping_->fields());
-  }
-
-  /// Reads on to the next record and hands it to the writer; false at the end of the log.
-  bool Feed(standin::Host* host, WriterPaths* paths) {
-    for (;;) {
-      switch (NextStep()) {
-        case AsciiLog::Step::kRecord:
-          writer_->Write(static_cast<int>(mapping_->fields().size()), mapping_->Map(&log_));
-          ++records_;
-          return true;
-        case AsciiLog::Step::kHeader:
-          Connect(host, paths);
-          break;
-        case AsciiLog::Step::kBroken:
-          ReportBroken();
-          break;
-        case AsciiLog::Step::kEnd:
-          ended_ = true;
-          return false;
-      }
-    }
-  }
-
-  void Flush() {
-    if (writer_)
-      writer_->FlushWriteBuffer();
-  }
-
-  const std::string& file() const { return log_.file(); }
-  bool ended() const { return ended_; }
-  bool unreadable() const { return unreadable_; }
-  /// The host disables a writer whose backend has failed, and discards its records.
-  bool disabled() const { return writer_ && writer_->Disabled(); }
-  std::uint64_t records() const { return records_; }
-  std::uint64_t broken() const { return broken_; }
-  std::uint64_t bytes_read() const { return log_.bytes_read(); }
-  std::uint64_t bytes_total() const { return bytes_total_; }
-
- private:
-  AsciiLog::Step NextStep() {
-    try {
-      return log_.Next();
-    } catch (const standin::AsciiLogError& error) {
-      std::fprintf(stderr, "%s\n", error.what());
-      unreadable_ = true;
-      return AsciiLog::Step::kEnd;
-    }
-  }
-
-  void ReportBroken() {
-    ++broken_;
-    if (broken_ <= kReportedBrokenLines)
-      std::fprintf(stderr, "%s%s\n", log_.problem().c_str(),
-                   broken_ == kReportedBrokenLines
-                       ? " (further broken lines of this log are only counted)"
-                       : "");
-  }
-
-  AsciiLog log_;
-  std::unique_ptr<RecordMapping> mapping_;
-  std::string mapped_path_;
-  std::vector<AsciiLog::Column> mapped_columns_;
-  logging::WriterFrontend* writer_ = nullptr;  // the host's
-  std::uint64_t bytes_total_;
-  std::uint64_t records_ = 0;
-  std::uint64_t broken_ = 0;
-  bool ended_ = false;
-  bool unreadable_ = false;
-};
-
-/// A line on a terminal that says how far a long replay has got; nothing elsewhere.
-class ProgressLine {
- public:
-  ~ProgressLine() { Clear(); }
-
-  void Show(std::uint64_t bytes_read, std::uint64_t bytes_total, std::uint64_t sent) {
-    if (!on_terminal_ || Clock::now() < next_)
-      return;
-    next_ = Clock::now() + std::chrono::milliseconds(500);
-    std::fprintf(stderr, "\r\033[K%3.0f%% read, %llu sent ",
-                 bytes_total ? 100.0 * static_cast<double>(bytes_read) /
-                                   static_cast<double>(std::max(bytes_read, bytes_total))
-                             : 0.0,
-                 count(sent));
-    shown_ = true;
-  }
-
-  void Clear() {
-    if (shown_)
-      std::fputs("\r\033[K", stderr);
-    shown_ = false;
-  }
-
- private:
-  const bool on_terminal_ = isatty(STDERR_FILENO) == 1;
-  Clock::time_point next_ = Clock::now() + std::chrono::seconds(2);
-  bool shown_ = false;
 };
 
 bool has_redef(const std::vector<std::string>& redefs, const std::string& name) {
@@ -253,18 +108,16 @@ class Replay {
 
   int Run() {
     OpenLogs();
-    start_ = last_progress_ = Clock::now();
+    start_ = last_progress_ = last_running_ = Clock::now();
     for (const auto& feed : feeds_)
       feed->Connect(&host_, &paths_);
     FeedAll();
-    const bool delivered = Drain();
+    Drain();
     progress_.Clear();
     const DravenholtZmqWriterStatus before_end = status_->Now();
-    if (!delivered && before_end.queued > 0)
-      std::fprintf(stderr,
-                   "stopping with %llu records in memory: the plug-in tries each once more, which "
-                   "may take 3 seconds each without a server\n",
-                   count(before_end.queued));
+    AnnounceEnd(before_end);
+    for (const auto& feed : feeds_)
+      feed->NoteFailure();
     host_.Finish();
     return Report(before_end);
   }
@@ -281,25 +134,31 @@ class Replay {
     }
   }
 
-  /// Reads the logs in turn until all have ended, a signal arrives or the plug-in gets stuck.
+  /// Reads the logs in turn until all have ended or there is a reason to stop.
   void FeedAll() {
-    bool any = true;
-    while (any && !given_up_) {
+    std::uint64_t steps = 0;
+    for (bool any = true; any;) {
       any = false;
       for (const auto& feed : feeds_) {
         if (feed->ended())
           continue;
-        if (stop_requested() || given_up_)
+        if (Stopping())
           return;
-        if (!feed->Feed(&host_, &paths_))
-          continue;
         any = true;
-        ++fed_;
-        WaitForRate();
-        if (fed_ % kBurst == 0)
+        if (feed->Feed() == LogFeed::Step::kRecord) {
+          ++fed_;
+          WaitForRate();
+        }
+        if (++steps % kBurst == 0)
           WaitForRoom();
       }
     }
+  }
+
+  bool Stopping() {
+    if (why_stopped_.empty() && stop_requested())
+      why_stopped_ = "stopped by a signal";
+    return !why_stopped_.empty();
   }
 
   void FlushAll() {
@@ -314,10 +173,9 @@ class Replay {
                                   Duration(static_cast<double>(fed_) / options_.rate));
     if (Clock::now() < due)
       FlushAll();
-    while (Clock::now() < due && !stop_requested()) {
+    while (Clock::now() < due && !Stopping()) {
       host_.Pump();
-      ShowProgress();
-      std::this_thread::sleep_for(std::min<Clock::duration>(kPoll, due - Clock::now()));
+      Idle(std::min<Clock::duration>(kPoll, due - Clock::now()));
     }
   }
 
@@ -326,139 +184,156 @@ class Replay {
       FlushAll();
     // The time spent reading is not the plug-in's.
     last_progress_ = Clock::now();
-    while (!HasRoom() && !stop_requested()) {
-      if (IsStuck(options_.drain_s)) {
-        given_up_ = true;
-        return;
-      }
-      Idle();
+    while (!HasRoom() && !Stopping()) {
+      StopIfStuck(options_.drain_s);
+      Idle(kPollForRoom);
     }
   }
 
   bool HasRoom() {
-    host_.Pump();
-    const DravenholtZmqWriterStatus status = status_->Now();
-    NoteProgress(status);
+    const DravenholtZmqWriterStatus status = Look();
     if (host_.PendingInput() > kMostPendingBatches)
       return false;
     if (!options_.pace)
       return true;
     const std::uint64_t sent = std::min(status_->Sent(status), fed_);
-    return fed_ - sent < kMostUnderWay && status.queued < kMostUnderWay;
+    return fed_ - sent <= kUnderWayToGoOn && status.queued <= kUnderWayToGoOn;
   }
 
-  void Idle() {
+  void Idle(Clock::duration pause) {
     ShowProgress();
-    std::this_thread::sleep_for(kPoll);
+    std::this_thread::sleep_for(pause);
   }
 
   void ShowProgress() {
+    if (!progress_.IsDue())
+      return;
     std::uint64_t read = 0;
     std::uint64_t total = 0;
     for (const auto& feed : feeds_) {
       read += feed->bytes_read();
       total += feed->bytes_total();
     }
-    progress_.Show(read, total, status_->Sent(status_->Now()));
+    const std::uint64_t percent = total > 0 ? std::min<std::uint64_t>(100, read * 100 / total) : 0;
+    progress_.Show(std::to_string(percent) + "% read, " +
+                   std::to_string(status_->Sent(status_->Now())) + " sent");
   }
 
-  void NoteProgress(const DravenholtZmqWriterStatus& status) {
+  /// Lets the host do its part, and notes whether the plug-in gets on.
+  DravenholtZmqWriterStatus Look() {
+    host_.Pump();
+    const DravenholtZmqWriterStatus status = status_->Now();
     if (status.running)
       last_running_ = Clock::now();
-    if (status.sent == last_sent_)
-      return;
+    if (status.sent != last_sent_)
+      last_progress_ = Clock::now();
     last_sent_ = status.sent;
-    last_progress_ = Clock::now();
+    return status;
   }
 
-  /// Whether it makes no sense to wait any longer.
-  bool IsStuck(double patience_s) const {
+  /// Decides to stop when it makes no sense to wait any longer.
+  void StopIfStuck(double patience_s) {
     const auto now = Clock::now();
-    return now - last_progress_ > Duration(patience_s) ||
-           now - std::max(last_running_, start_) > kLongestStart;
+    if (now - last_running_ > kLongestStart)
+      why_stopped_ = "the plug-in sends nothing at all, see what it reported";
+    else if (now - last_progress_ > Duration(patience_s))
+      why_stopped_ = "no record was sent for " + seconds_text(patience_s);
   }
 
-  /// Waits until nothing is on its way. Returns whether everything was sent.
-  bool Drain() {
+  static std::string seconds_text(double seconds) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%g seconds", seconds);
+    return text;
+  }
+
+  /// Waits until nothing is on its way, or there is a reason not to.
+  void Drain() {
     FlushAll();
     if (fed_ == 0)
-      return true;
-    const double patience_s =
-        stop_requested() ? std::min(kDrainAfterSignal_s, options_.drain_s) : options_.drain_s;
-    const auto drain_start = Clock::now();
-    last_progress_ = drain_start;
-    auto busy = drain_start;
-    while (!given_up_) {
-      host_.Pump();
-      const DravenholtZmqWriterStatus status = status_->Now();
-      NoteProgress(status);
-      const auto now = Clock::now();
-      if (status.queued > 0 || status.in_work || status.spooled || host_.PendingInput() > 0)
-        busy = now;
-      const bool all_sent = status_->Sent(status) >= fed_;
-      if (all_sent && now - busy >= kQuietWhenAllSent)
-        return true;
-      if (now - busy >= kQuietWhenSomeMissing || IsStuck(patience_s))
-        return false;
-      if (stop_requested() && now - drain_start > Duration(kDrainAfterSignal_s))
-        return false;
-      Idle();
+      return;
+    last_progress_ = Clock::now();
+    auto busy = Clock::now();
+    while (!AllSent(&busy) && why_stopped_.empty()) {
+      if (stop_requested())
+        break;
+      if (Clock::now() - busy >= kQuietWhenSomeMissing)
+        why_stopped_ = "the plug-in holds no more records, but has not sent all";
+      else
+        StopIfStuck(options_.drain_s);
+      Idle(kPoll);
     }
-    return false;
+    if (stop_requested())
+      DrainAfterSignal();
+  }
+
+  /// Whether everything was sent and nothing is on its way, for a while already. `busy` is when
+  /// something was on its way last.
+  bool AllSent(Clock::time_point* busy) {
+    const DravenholtZmqWriterStatus status = Look();
+    if (status.queued > 0 || status.in_work || status.spooled || host_.PendingInput() > 0)
+      *busy = Clock::now();
+    return status_->Sent(status) >= fed_ && Clock::now() - *busy >= kQuietWhenAllSent;
+  }
+
+  void DrainAfterSignal() {
+    const auto end =
+        Clock::now() + std::min<Clock::duration>(
+                           kDrainAfterSignal,
+                           std::chrono::duration_cast<Clock::duration>(Duration(options_.drain_s)));
+    auto busy = Clock::now();
+    while (!AllSent(&busy) && Clock::now() < end)
+      Idle(kPoll);
+    why_stopped_ = "stopped by a signal";
+  }
+
+  /// What the plug-in still holds, it tries once more when it is stopped. That may take long.
+  static void AnnounceEnd(const DravenholtZmqWriterStatus& status) {
+    const std::uint64_t held = status.queued + (status.in_work ? 1 : 0);
+    if (status.running && held > 0)
+      std::fprintf(stderr,
+                   "stopping with %llu entries in memory (retries count as well): they are tried "
+                   "once more, which takes up to 3 seconds each while no server answers\n",
+                   static_cast<unsigned long long>(held));
   }
 
   int Report(const DravenholtZmqWriterStatus& before_end) {
+    const DravenholtZmqWriterStatus status = status_->Now();
+    const std::uint64_t sent = status_->Sent(status);
     std::uint64_t broken = 0;
     bool whole = refused_ == 0;
     for (const auto& feed : feeds_) {
       broken += feed->broken();
-      whole = whole && feed->ended() && !feed->unreadable() && feed->broken() == 0;
+      whole = whole && feed->whole();
     }
-    const DravenholtZmqWriterStatus status = status_->Now();
-    const std::uint64_t sent = status_->Sent(status);
     std::fprintf(stderr, "read: %s from %s, %s skipped\n", counted(fed_, "record").c_str(),
                  counted(feeds_.size(), "log").c_str(), counted(broken, "broken line").c_str());
     for (const auto& feed : feeds_)
-      ReportLog(*feed);
+      std::fprintf(stderr, "  %s\n", feed->Account().c_str());
     if (refused_ > 0)
       std::fprintf(stderr, "refused: %s\n", counted(refused_, "log").c_str());
     std::fprintf(stderr, "sent: %s, failed: %s\n", counted(sent, "message").c_str(),
                  counted(status.failed, "attempt").c_str());
     const bool handed_over = sent >= fed_ && !before_end.spooled;
+    if (!why_stopped_.empty() && !(whole && handed_over))
+      std::fprintf(stderr, "gave up: %s\n", why_stopped_.c_str());
     ReportRest(before_end, sent);
     return whole && handed_over ? 0 : 1;
   }
 
-  static void ReportLog(const LogFeed& feed) {
-    std::string line = "  " + feed.file() + ": " + counted(feed.records(), "record");
-    if (feed.broken() > 0)
-      line += ", " + counted(feed.broken(), "broken line");
-    if (feed.disabled())
-      line += ", its writer failed";
-    if (feed.unreadable())
-      line += ", could not be read to its end";
-    else if (!feed.ended())
-      line += ", not read to its end";
-    std::fprintf(stderr, "%s\n", line.c_str());
-  }
-
-  void ReportRest(const DravenholtZmqWriterStatus& before_end, std::uint64_t sent) {
-    if (given_up_ && !before_end.running)
-      std::fprintf(stderr, "the plug-in does not send at all: see what it reported above\n");
-    else if (given_up_)
-      std::fprintf(stderr, "reading was given up: nothing was sent for %g seconds\n",
-                   options_.drain_s);
+  void ReportRest(const DravenholtZmqWriterStatus& before_end, std::uint64_t sent) const {
     if (before_end.spooled)
       std::fprintf(stderr,
                    "left on disk: events in %s, which the next run sends ('zmqwriter spool list' "
                    "shows them)\n",
                    before_end.spool_folder);
-    if (sent < fed_ && !before_end.spooled)
-      std::fprintf(stderr, "not sent and not on disk: %s\n",
+    if (sent < fed_)
+      std::fprintf(stderr, "%s: %s\n",
+                   before_end.spooled ? "not sent, on disk or lost" : "not sent and not on disk",
                    counted(fed_ - sent, "record").c_str());
-    else if (sent < fed_)
-      std::fprintf(stderr, "not sent, on disk or lost: %s\n",
-                   counted(fed_ - sent, "record").c_str());
+    else if (sent > fed_)
+      std::fprintf(stderr,
+                   "more was sent than read: the spool held events of an earlier run, or the empty "
+                   "messages after a switch to a secondary server are among them\n");
     else if (!before_end.spooled)
       std::fprintf(stderr, "left: nothing\n");
   }
@@ -471,7 +346,7 @@ class Replay {
   ProgressLine progress_;
   std::uint64_t refused_ = 0;
   std::uint64_t fed_ = 0;
-  bool given_up_ = false;
+  std::string why_stopped_;  // empty while there is no reason to stop
   std::uint64_t last_sent_ = 0;
   Clock::time_point start_;
   Clock::time_point last_progress_;  // something was sent, or a wait began

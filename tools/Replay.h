@@ -4,7 +4,7 @@
 // time, on the calling thread. A log whose header changes on the way continues with a new writer.
 //
 // Pace. The plug-in keeps 500 records in memory and puts further ones on disk, from where they
-// come back newest first. A replay knows no hurry: it pauses while 400 records are on their way,
+// come back newest first. A replay knows no hurry: it never has more than 400 on their way,
 // so that the disk is left alone as long as a server takes records at all. Without pace the logs
 // are read as fast as they can be, as a host under load does it.
 //

@@ -1,0 +1,108 @@
+#include "LogFeed.h"
+
+#include <cstdio>
+#include <filesystem>
+
+#include "logging/WriterFrontend.h"
+
+using standin::AsciiLog;
+
+namespace {
+
+constexpr std::uint64_t kReportedBrokenLines = 20;
+
+}  // namespace
+
+std::string counted(std::uint64_t number, const std::string& what) {
+  return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
+std::string WriterPaths::Unique(const std::string& path) {
+  std::string candidate = path;
+  for (int number = 2; !used_.insert(candidate).second; ++number)
+    candidate = path + "-" + std::to_string(number);
+  return candidate;
+}
+
+LogFeed::LogFeed(const std::string& file) : log_(file) {
+  std::error_code no_size;
+  bytes_total_ = std::filesystem::file_size(file, no_size);
+  if (no_size)
+    bytes_total_ = 0;
+}
+
+void LogFeed::Connect(standin::Host* host, WriterPaths* paths) {
+  host_ = host;
+  paths_ = paths;
+  MakeWriter();
+}
+
+void LogFeed::MakeWriter() {
+  if (mapping_ && log_.path() == mapped_path_ && log_.columns() == mapped_columns_)
+    return;
+  Flush();
+  mapped_path_ = log_.path();
+  mapped_columns_ = log_.columns();
+  mapping_ = std::make_unique<RecordMapping>(mapped_path_, mapped_columns_);
+  writer_ = host_->CreateWriter("ZMQ", paths_->Unique(mapped_path_), mapping_->fields());
+}
+
+LogFeed::Step LogFeed::Feed() {
+  switch (NextStep()) {
+    case AsciiLog::Step::kRecord:
+      writer_->Write(static_cast<int>(mapping_->fields().size()), mapping_->Map(&log_));
+      ++records_;
+      return Step::kRecord;
+    case AsciiLog::Step::kHeader:
+      MakeWriter();
+      return Step::kOther;
+    case AsciiLog::Step::kBroken:
+      ReportBroken();
+      return Step::kOther;
+    case AsciiLog::Step::kEnd:
+      break;
+  }
+  ended_ = true;
+  return Step::kEnd;
+}
+
+AsciiLog::Step LogFeed::NextStep() {
+  try {
+    return log_.Next();
+  } catch (const standin::AsciiLogError& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    unreadable_ = true;
+    return AsciiLog::Step::kEnd;
+  }
+}
+
+void LogFeed::ReportBroken() {
+  ++broken_;
+  if (broken_ <= kReportedBrokenLines)
+    std::fprintf(stderr, "%s%s\n", log_.problem().c_str(),
+                 broken_ == kReportedBrokenLines
+                     ? " (further broken lines of this log are only counted)"
+                     : "");
+}
+
+void LogFeed::Flush() {
+  if (writer_)
+    writer_->FlushWriteBuffer();
+}
+
+void LogFeed::NoteFailure() {
+  writer_failed_ = writer_ && writer_->Disabled();
+}
+
+std::string LogFeed::Account() const {
+  std::string text = log_.file() + ": " + counted(records_, "record");
+  if (broken_ > 0)
+    text += ", " + counted(broken_, "broken line");
+  if (writer_failed_)
+    text += ", its writer failed";
+  if (unreadable_)
+    text += ", could not be read to its end";
+  else if (!ended_)
+    text += ", not read to its end";
+  return text;
+}

@@ -1,0 +1,29 @@
+#include "ProgressLine.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+ProgressLine::ProgressLine()
+    : on_terminal_(isatty(STDERR_FILENO) == 1),
+      next_(std::chrono::steady_clock::now() + std::chrono::seconds(2)) {}
+
+ProgressLine::~ProgressLine() {
+  Clear();
+}
+
+bool ProgressLine::IsDue() const {
+  return on_terminal_ && std::chrono::steady_clock::now() >= next_;
+}
+
+void ProgressLine::Show(const std::string& text) {
+  next_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+  std::fprintf(stderr, "\r\033[K%s ", text.c_str());
+  shown_ = true;
+}
+
+void ProgressLine::Clear() {
+  if (shown_)
+    std::fputs("\r\033[K", stderr);
+  shown_ = false;
+}
