@@ -86,8 +86,7 @@ const char* type_name(TypeTag t) {
   return number >= 0 && number < NUM_TYPES ? names[number] : "type_name(): not a type tag";
 }
 
-BroType::BroType(TypeTag t, bool arg_base_type)
-    : tag(t), internal_tag(internal_type_of(t)), base_type(arg_base_type), name() {}
+BroType::BroType(TypeTag t, bool) : tag(t), internal_tag(internal_type_of(t)), name() {}
 
 BroType::~BroType() {}
 

@@ -141,7 +141,6 @@ class BroType : public BroObj {
  private:
   TypeTag tag;
   InternalTypeTag internal_tag;
-  bool base_type;
   string name;
 };
 
