@@ -250,6 +250,7 @@ class ZmqWorker::SendLoop {
 
  private:
   enum State { STATE_PRIMARY = 0, STATE_NO_SECONDARY = 1, STATE_SECONDARY = 2 };
+  /// Of one attempt to deliver; kStopped: given up, as Stop has come.
   enum Outcome { kDelivered, kFailed, kStopped };
 
   bool holding_off() const;
@@ -318,8 +319,6 @@ void ZmqWorker::SendLoop::drain_queue() {
     else if (outcome == kFailed)
       requeue();
     zmq_msg_close(&msg);
-    if (outcome == kStopped)
-      break;
   }
   abandon();
 }
@@ -416,8 +415,7 @@ ZmqWorker::SendLoop::Outcome ZmqWorker::SendLoop::search_secondaries() {
     }
     close_secondary(candidate);
   }
-  if (count > 0)
-    forget_secondary();
+  forget_secondary();
   reports::warning("Could not connect to any of secondary servers!");
   state = STATE_NO_SECONDARY;
   return kFailed;

@@ -676,6 +676,10 @@ TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
   log.listen([&](const std::string& line) {
     if (line == kNoSecondary && ++passes == 500)
       FakeSpool::put("spooled");
+    // Neither in the spool nor in the queue, and yet not forgotten.
+    if (line == "spool get 'spooled'") {
+      EXPECT_EQ(status().in_work, 1);
+    }
     if (line == kIdle)
       worker->running = false;
   });
