@@ -158,31 +158,42 @@ void drop_remains(const ChunkFile& file, std::size_t known,
     *records = std::move(kept);
 }
 
-// The header alone cannot say whether a length of 0 is a payload of no bytes or a record taken
-// since. So the counted records are believed as a whole, when their links and the used size fit,
-// or not at all.
-void diagnose_records(const ChunkFile& file, const Walk& counted,
+// Whether the counted records are what the header was written for. A length of 0 on top is the one
+// thing that it cannot tell apart by itself: a payload of no bytes, or a record taken since whose
+// bytes pass for those that reopening adds. Believing the latter loses nothing but the former.
+bool is_header_sound(const ChunkFile& file, const std::vector<Record>& counted) {
+  if (counted.size() != file.record_count() || !links_hold(counted) ||
+      !used_size_fits(file, counted))
+    return false;
+  return counted.empty() || counted.back().length > 0 || file.used_size() == bytes_used(counted);
+}
+
+// The counted records are believed as a whole or not at all; what follows them, or all, is found
+// by links.
+void diagnose_records(const ChunkFile& file, const std::vector<Record>& counted,
                       const std::function<bool(const std::string&)>& is_event,
                       Diagnosis* diagnosis) {
-  const std::uint64_t promised = file.record_count();
-  const bool complete = counted.records.size() == promised && links_hold(counted.records);
-  const bool sound = complete && used_size_fits(file, counted.records);
-  const Walk linked = file.LinkedWalk(sound ? counted.records : std::vector<Record>());
+  const bool sound = is_header_sound(file, counted);
+  const Walk linked = file.LinkedWalk(sound ? counted : std::vector<Record>());
   diagnosis->found = linked.records;
-  drop_remains(file, sound ? counted.records.size() : 0, is_event, &diagnosis->found);
+  drop_remains(file, sound ? counted.size() : 0, is_event, &diagnosis->found);
 
+  const std::uint64_t promised = file.record_count();
   const std::uint64_t found = diagnosis->found.size();
   if (found > promised) {
     diagnosis->damage =
         number_of_records(found - promised) + " that the header does not count (unclean stop)";
     diagnosis->repairable = true;
-  } else if (found < promised && linked.end == WalkEnd::kTakenRecord) {
-    diagnosis->damage = number_of_records(promised - found) +
-                        " counted but taken, or behind one taken (unclean stop)";
-    diagnosis->repairable = true;
-  } else if (found < promised && linked.end == WalkEnd::kBrokenLink) {
+  } else if (found < promised && linked.end == WalkEnd::kBrokenLink && counted.size() == promised &&
+             used_size_fits(file, counted)) {
+    // By number and size the records are all there, so it is the link that is wrong.
     diagnosis->damage =
         "record " + std::to_string(found + 1) + " does not name the length of the one before it";
+  } else if (found < promised &&
+             (linked.end == WalkEnd::kTakenRecord || linked.end == WalkEnd::kBrokenLink)) {
+    diagnosis->damage =
+        number_of_records(promised - found) + " counted but no longer there (unclean stop)";
+    diagnosis->repairable = true;
   } else if (found < promised) {
     diagnosis->damage = "ends after " + std::to_string(found) + " of the " +
                         number_of_records(promised) + " that the header counts";
@@ -207,10 +218,9 @@ Diagnosis diagnose(const ChunkFile& file,
     diagnosis.damage = "shorter than its header";
     return diagnosis;
   }
-  const Walk counted = file.CountedWalk();
-  diagnosis.counted = counted.records;
+  diagnosis.counted = file.CountedWalk().records;
   if (file.has_signature()) {
-    diagnose_records(file, counted, is_event, &diagnosis);
+    diagnose_records(file, diagnosis.counted, is_event, &diagnosis);
     return diagnosis;
   }
   // Another program's file, unless every byte of it up to its end, or to the remains behind a

@@ -205,8 +205,7 @@ TEST_F(SpoolDamageTest, FolderInTheWayOfARollOverLosesNothing) {
   limit_chunks(0);
   store("a");
   store("b");
-  EXPECT_EQ(content("queue.dat.1").substr(12),
-            record(0, "old!") + record(4, "a") + record(1, "b"));
+  EXPECT_EQ(content("queue.dat.1").substr(12), record(0, "old!") + record(4, "a") + record(1, "b"));
   EXPECT_TRUE(std::filesystem::is_directory(path("queue.dat.2"))) << "renamed as a file would be";
 }
 

@@ -1,0 +1,232 @@
+#include "SpoolCommands.h"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "RawEvents.h"
+#include "SpoolFixture.h"
+#include "aggregator_generated.h"
+
+namespace {
+
+using test::header;
+using test::record;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+
+std::string event(const std::string& uid) {
+  flatbuffers::FlatBufferBuilder builder;
+  const auto text = builder.CreateString(uid);
+  builder.Finish(Dravenholt::CreateNetworkEvent(builder, text));
+  return {reinterpret_cast<const char*>(builder.GetBufferPointer()), builder.GetSize()};
+}
+
+struct Outcome {
+  int exit_code;
+  std::string out;
+  std::string err;
+};
+
+Outcome run(const std::string& arguments) {
+  CLI::App app("test", "zmqwriter");
+  int exit_code = 0;
+  add_spool_command(app, &exit_code);
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  try {
+    app.parse("spool " + arguments);
+  } catch (const CLI::ParseError& error) {
+    exit_code = -error.get_exit_code();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    exit_code = 1;
+  }
+  return {exit_code, testing::internal::GetCapturedStdout(),
+          testing::internal::GetCapturedStderr()};
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+std::vector<std::string> uids(const std::string& lines) {
+  std::vector<std::string> uids;
+  for (const std::string& line : lines_of(lines))
+    uids.push_back(nlohmann::json::parse(line)["uid"]);
+  return uids;
+}
+
+class SpoolCommandsTest : public testing::Test, protected test::SpoolFixture {};
+
+TEST_F(SpoolCommandsTest, ListShowsEachFileWithItsFigures) {
+  put("queue.dat", header(20, 1) + record(0, "new!") + std::string(30, '\0'));
+  put("queue.dat.1", header(0, 0) + record(0, "abc") + record(3, "defg"));
+  put("queue.dat.3", header(20, 1) + record(0, "old!"));
+  const auto before = files();
+  const Outcome outcome = run("list " + folder());
+  EXPECT_EQ(outcome.exit_code, 1) << "there is damage";
+  const auto lines = lines_of(outcome.out);
+  ASSERT_EQ(lines.size(), 4u) << outcome.out;
+  EXPECT_THAT(lines[0], MatchesRegex("file +size +records +walked +live bytes +stale bytes "
+                                     "+damage"));
+  EXPECT_THAT(lines[1], MatchesRegex("queue.dat +50 +1 +1 +20 +30 +-"));
+  EXPECT_THAT(lines[2], MatchesRegex("queue.dat.1 +27 +0 +2 +27 +0 +2 records that the header "
+                                     "does not count .unclean stop."));
+  EXPECT_THAT(lines[3], MatchesRegex("queue.dat.3 +20 +1 +1 +20 +0 +behind a gap in the numbers, "
+                                     "not found by a start"));
+  EXPECT_EQ(outcome.err, "3 files, 4 records; the next start of the plug-in finds 1\n");
+  EXPECT_EQ(files(), before);
+}
+
+TEST_F(SpoolCommandsTest, ListOfAHealthySpoolSucceeds) {
+  store("abc");
+  stop();
+  const Outcome outcome = run("list " + folder());
+  EXPECT_EQ(outcome.exit_code, 0);
+  EXPECT_EQ(outcome.err, "1 file, 1 record; the next start of the plug-in finds 1\n");
+}
+
+TEST_F(SpoolCommandsTest, ListAndDumpMayRunBesideAnAgent) {
+  store(event("C1"));
+  const auto before = files();
+  EXPECT_THAT(run("list " + folder()).out, HasSubstr("1 record that the header does not count"));
+  EXPECT_EQ(run("dump " + folder()).exit_code, 0);
+  EXPECT_EQ(files(), before);
+}
+
+TEST_F(SpoolCommandsTest, DumpPrintsEventsInTheOrderInWhichTheyWouldBeSent) {
+  put("queue.dat", header(0, 2) + record(0, event("C3")) +
+                       record(static_cast<unsigned>(event("C3").size()), event("C4")));
+  put("queue.dat.1", header(0, 2) + record(0, event("C1")) +
+                         record(static_cast<unsigned>(event("C1").size()), event("C2")));
+  put("queue.dat.3", header(0, 1) + record(0, event("C0")));
+  const Outcome outcome = run("dump " + folder());
+  EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
+  EXPECT_THAT(uids(outcome.out), ElementsAre("C4", "C3", "C2", "C1"));
+
+  std::vector<std::string> sent;
+  start();
+  while (!spool().IsEmpty()) {
+    const auto payload = take();
+    ASSERT_TRUE(payload);
+    sent.push_back(*payload);
+  }
+  EXPECT_THAT(sent, ElementsAre(event("C4"), event("C3"), event("C2"), event("C1")));
+}
+
+TEST_F(SpoolCommandsTest, DumpReportsWhatIsNoEventAndGoesOn) {
+  put("queue.dat", header(0, 3) + record(0, event("C1")) +
+                       record(static_cast<unsigned>(event("C1").size()), "junk") +
+                       record(4, event("C2")));
+  const Outcome outcome = run("dump " + folder());
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(uids(outcome.out), ElementsAre("C2", "C1"));
+  EXPECT_THAT(outcome.err, HasSubstr("queue.dat: record of 4 bytes at offset " +
+                                     std::to_string(12 + 4 + event("C1").size())));
+}
+
+TEST_F(SpoolCommandsTest, DumpSaysWhenAFileEndsEarly) {
+  put("queue.dat", header(0, 3) + record(0, event("C1")));
+  const Outcome outcome = run("dump " + folder());
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_THAT(uids(outcome.out), ElementsAre("C1"));
+  EXPECT_THAT(outcome.err, HasSubstr("ends after 1 of the 3 records"));
+}
+
+TEST_F(SpoolCommandsTest, RawDumpIsFramedWithLengths) {
+  put("queue.dat", header(0, 3) + record(0, "first") + record(5, "") + record(0, "third"));
+  const Outcome outcome = run("dump --raw " + folder());
+  EXPECT_EQ(outcome.exit_code, 0);
+  EXPECT_EQ(outcome.out, test::u32(5) + "third" + test::u32(0) + test::u32(5) + "first");
+}
+
+TEST_F(SpoolCommandsTest, RawDumpIsWhatTheReaderOfRawEventsReads) {
+  store(event("C1"));
+  store(event("C2"));
+  stop();
+  test::write_file("dump.raw", run("dump --raw " + folder()).out);
+  std::unique_ptr<FILE, int (*)(FILE*)> file(fopen("dump.raw", "rb"), fclose);
+  RawEventReader reader(file.get());
+  std::string message;
+  ASSERT_TRUE(reader.Next(&message));
+  EXPECT_EQ(message, event("C2"));
+  ASSERT_TRUE(reader.Next(&message));
+  EXPECT_EQ(message, event("C1"));
+  EXPECT_FALSE(reader.Next(&message));
+  EXPECT_EQ(reader.problem(), "");
+}
+
+TEST_F(SpoolCommandsTest, DryRunSaysWhatItWouldDoAndDoesNothing) {
+  store(event("C1"));
+  store(event("C2"));
+  crash();
+  const auto before = files();
+  const Outcome outcome = run("repair --dry-run " + folder());
+  EXPECT_EQ(outcome.exit_code, 0);
+  EXPECT_EQ(outcome.out, path() + ": header would be set to 2 records, " +
+                             std::to_string(content().size()) +
+                             " bytes (a start found 0 records)\n");
+  EXPECT_EQ(files(), before);
+}
+
+TEST_F(SpoolCommandsTest, RepairMakesTheDumpWhole) {
+  store(event("C1"));
+  store(event("C2"));
+  crash();
+  EXPECT_EQ(run("dump " + folder()).out, "");
+  const Outcome outcome = run("repair " + folder());
+  EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
+  EXPECT_THAT(outcome.out, HasSubstr("kept as it was in " + path("queue.dat.before-repair")));
+  EXPECT_THAT(uids(run("dump " + folder()).out), ElementsAre("C2", "C1"));
+  EXPECT_EQ(run("list " + folder()).exit_code, 0);
+  EXPECT_THAT(run("repair " + folder()).out, HasSubstr("nothing to repair in 1 file"));
+}
+
+TEST_F(SpoolCommandsTest, RepairRefusesWhileAProcessHasTheSpoolOpen) {
+  store(event("C1"));
+  const auto before = files();
+  const Outcome outcome = run("repair " + folder());
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err, HasSubstr("in use by process " + std::to_string(getpid())));
+  EXPECT_EQ(files(), before);
+}
+
+TEST_F(SpoolCommandsTest, RepairSaysWhatItLeavesAsItIs) {
+  put("queue.dat", "ZMQF");
+  const Outcome outcome = run("repair " + folder());
+  EXPECT_EQ(outcome.exit_code, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err, HasSubstr("left as it is: queue.dat: shorter than its header"));
+}
+
+TEST_F(SpoolCommandsTest, MissingFolderFailsWithItsName) {
+  for (const char* command : {"list", "dump", "repair"}) {
+    const Outcome outcome = run(std::string(command) + " no-such-folder");
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_THAT(outcome.err, HasSubstr("no-such-folder: cannot be read: No such file"));
+  }
+}
+
+TEST_F(SpoolCommandsTest, EmptyFolderIsAnEmptySpool) {
+  std::filesystem::create_directory(folder());
+  EXPECT_EQ(run("list " + folder()).exit_code, 0);
+  EXPECT_EQ(run("dump " + folder()).exit_code, 0);
+  EXPECT_EQ(run("dump " + folder()).out, "");
+  EXPECT_EQ(run("repair " + folder()).exit_code, 0);
+}
+
+TEST_F(SpoolCommandsTest, WrongUsageIsTheParsersBusiness) {
+  for (const char* arguments : {"", "list", "mend .", "dump --dry-run .", "list a b"})
+    EXPECT_LT(run(arguments).exit_code, 0) << arguments;
+}
+
+}  // namespace

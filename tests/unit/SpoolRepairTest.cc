@@ -1,0 +1,237 @@
+#include "SpoolRepair.h"
+
+#include <random>
+#include <stdexcept>
+
+#include "SpoolFixture.h"
+#include "SpoolInUse.h"
+
+namespace {
+
+using test::header;
+using test::record;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Optional;
+
+bool nothing_is_an_event(const std::string&) {
+  return false;
+}
+
+class SpoolRepairTest : public testing::Test, protected test::SpoolFixture {
+ protected:
+  static spool::RepairPlan plan() {
+    std::vector<std::uint32_t> numbers;
+    std::string problem;
+    EXPECT_TRUE(spool::find_chunks(folder(), &numbers, &problem)) << problem;
+    return spool::plan_repair(folder(), numbers, nothing_is_an_event);
+  }
+  static void repair() {
+    const spool::RepairPlan todo = plan();
+    for (const auto& one : todo.headers)
+      spool::repair_header(one);
+    for (const auto& one : todo.renamings)
+      spool::rename_chunk(one);
+  }
+  std::vector<std::string> drain() {
+    std::vector<std::string> taken;
+    while (!spool().IsEmpty())
+      if (auto payload = take())
+        taken.push_back(*payload);
+    return taken;
+  }
+};
+
+TEST_F(SpoolRepairTest, NextStartSendsWhatAnUncleanStopLeftBehind) {
+  store("first");
+  store("second");
+  store("third");
+  crash();
+  repair();
+  EXPECT_EQ(content().substr(0, 12), header(40, 3));
+  start();
+  EXPECT_THAT(test::reports_of("warning"), IsEmpty());
+  EXPECT_THAT(drain(), ElementsAre("third", "second", "first"));
+}
+
+TEST_F(SpoolRepairTest, TakenRecordsDoNotComeBack) {
+  store("first");
+  store("second");
+  store("third");
+  reopen();
+  take();
+  take();
+  crash();
+  repair();
+  EXPECT_THAT(drain(), ElementsAre("first"));
+}
+
+TEST_F(SpoolRepairTest, FileWithOnlyTakenRecordsCountsNone) {
+  store("first");
+  reopen();
+  take();
+  crash();
+  repair();
+  EXPECT_EQ(content().substr(0, 12), header(12, 0));
+}
+
+TEST_F(SpoolRepairTest, OlderFilesAreRepairedToo) {
+  put("queue.dat", header(20, 1) + record(0, "new!"));
+  put("queue.dat.1", header(0, 0) + record(0, "mid1") + record(4, "mid2"));
+  put("queue.dat.2", header(0xffffff, 0xffffff) + record(0, "old1") + record(4, "old2"));
+  repair();
+  EXPECT_EQ(content(), header(20, 1) + record(0, "new!"));
+  EXPECT_THAT(drain(), ElementsAre("new!", "mid2", "mid1", "old2", "old1"));
+}
+
+TEST_F(SpoolRepairTest, OriginalIsKeptBesideUnderANameThatNoStartLooksAt) {
+  const std::string before = header(0, 0) + record(0, "first") + "stale bytes";
+  put("queue.dat", before);
+  const auto todo = plan();
+  ASSERT_EQ(todo.headers.size(), 1u);
+  EXPECT_EQ(spool::repair_header(todo.headers[0]), path("queue.dat.before-repair"));
+  EXPECT_EQ(content("queue.dat.before-repair"), before);
+  EXPECT_EQ(content(), header(21, 1) + before.substr(12)) << "only the header has changed";
+  start();
+  EXPECT_EQ(spool().file_count, 1);
+  stop();
+
+  put("queue.dat", before + "!");
+  EXPECT_EQ(spool::repair_header(todo.headers[0]), path("queue.dat.before-repair.2"));
+  EXPECT_EQ(content("queue.dat.before-repair"), before) << "an earlier copy stays";
+  EXPECT_EQ(content("queue.dat.before-repair.2"), before + "!");
+}
+
+TEST_F(SpoolRepairTest, PlanningChangesNothing) {
+  store("first");
+  crash();
+  put("queue.dat.5", header(20, 1) + record(0, "abcd"));
+  const auto before = files();
+  const auto todo = plan();
+  EXPECT_EQ(todo.headers.size(), 1u);
+  EXPECT_EQ(todo.renamings.size(), 1u);
+  EXPECT_EQ(files(), before);
+}
+
+TEST_F(SpoolRepairTest, WhatCannotBeExplainedIsLeftAsItIs) {
+  put("queue.dat", "ZMQF123");
+  put("queue.dat.1", "A letter to somebody, in some other format altogether.");
+  put("queue.dat.2", header(40, 3) + record(0, "first") + record(9, "second") + record(6, "third"));
+  put("queue.dat.3", header(100, 1) + "\xff\xff");
+  const auto before = files();
+  EXPECT_THAT(plan().headers, IsEmpty());
+  EXPECT_EQ(plan().refused.size(), 4u);
+  repair();
+  EXPECT_EQ(files(), before);
+}
+
+TEST_F(SpoolRepairTest, ForeignSignatureBeforeRecordsIsRestored) {
+  put("queue.dat", "XMQF" + header(31, 2).substr(4) + record(0, "first") + record(5, "second"));
+  repair();
+  start();
+  EXPECT_THAT(test::reports_of("warning"), IsEmpty());
+  EXPECT_THAT(drain(), ElementsAre("second", "first"));
+}
+
+TEST_F(SpoolRepairTest, HealthySpoolNeedsNothing) {
+  limit_chunks(20);
+  for (int i = 0; i < 10; ++i)
+    store("record " + std::to_string(i));
+  stop();
+  EXPECT_THAT(plan().headers, IsEmpty());
+  EXPECT_THAT(plan().renamings, IsEmpty());
+  EXPECT_THAT(plan().refused, IsEmpty());
+}
+
+TEST_F(SpoolRepairTest, FilesBehindAGapMoveDownInTheirOrder) {
+  put("queue.dat.1", header(20, 1) + record(0, "new!"));
+  put("queue.dat.4", header(20, 1) + record(0, "mid!"));
+  put("queue.dat.5", header(20, 1) + record(0, "old!"));
+  repair();
+  EXPECT_THAT(names(), ElementsAre("queue.dat", "queue.dat.1", "queue.dat.2"));
+  EXPECT_THAT(drain(), ElementsAre("new!", "mid!", "old!"));
+}
+
+TEST_F(SpoolRepairTest, SpoolCutOffByADrainedHeadIsWholeAgain) {
+  put("queue.dat", header(20, 1) + record(0, "new!"));
+  put("queue.dat.1", header(20, 1) + record(0, "old!"));
+  EXPECT_THAT(take(), Optional(std::string("new!")));
+  reopen();
+  EXPECT_TRUE(spool().IsEmpty());
+  stop();
+  repair();
+  EXPECT_THAT(drain(), ElementsAre("old!"));
+}
+
+TEST_F(SpoolRepairTest, ForeignFileBehindAGapStaysThereWithAllBehindIt) {
+  put("queue.dat", header(20, 1) + record(0, "new!"));
+  put("queue.dat.2", header(20, 1) + record(0, "mid!"));
+  put("queue.dat.4", "GIF89a and no spool");
+  put("queue.dat.6", header(20, 1) + record(0, "old!"));
+  repair();
+  EXPECT_THAT(names(), ElementsAre("queue.dat", "queue.dat.1", "queue.dat.4", "queue.dat.6"));
+}
+
+TEST_F(SpoolRepairTest, RenamingNeverReplacesAFile) {
+  put("queue.dat.2", "from");
+  put("queue.dat.1", "in the way");
+  EXPECT_THROW(spool::rename_chunk({path("queue.dat.2"), path("queue.dat.1")}), std::runtime_error);
+  EXPECT_EQ(content("queue.dat.1"), "in the way");
+  EXPECT_EQ(content("queue.dat.2"), "from");
+}
+
+TEST_F(SpoolRepairTest, HeaderIsUntouchedWhenNoCopyCanBeMade) {
+  put("queue.dat", header(0, 0) + record(0, "first"));
+  const auto todo = plan();
+  ASSERT_EQ(todo.headers.size(), 1u);
+  std::string long_name(250, 'q');
+  put(long_name, content());
+  auto repair = todo.headers[0];
+  repair.path = path(long_name);  // the copy's longer name is too long for a file
+  EXPECT_THROW(spool::repair_header(repair), std::runtime_error);
+  EXPECT_EQ(content(long_name), header(0, 0) + record(0, "first"));
+}
+
+TEST_F(SpoolRepairTest, OpenHeadShowsItsProcess) {
+  store("first");
+  EXPECT_THAT(spool::find_users({path()}).processes, ElementsAre(getpid()));
+  EXPECT_THAT(spool::find_users({path("queue.dat.1")}).processes, IsEmpty());
+  stop();
+  EXPECT_THAT(spool::find_users({path()}).processes, IsEmpty());
+}
+
+// After any run of stores and takes that ends without a word, what the repaired spool gives is
+// what was stored and not taken. Payloads are of bytes that make no plausible link, so that no
+// remains of old records pass for records.
+TEST_F(SpoolRepairTest, RepairedSpoolGivesExactlyWhatWasNotTakenYet) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  for (int round = 0; round < 100; ++round) {
+    std::filesystem::remove_all(folder());
+    start();
+    limit_chunks(round % 2 ? 1000 : 10485760);
+    std::vector<std::string> stack;
+    for (unsigned lives = 1 + random() % 3; lives > 0; --lives) {
+      for (unsigned operations = random() % 60; operations > 0; --operations) {
+        if (random() % 5 < 3 || stack.empty()) {
+          stack.push_back(std::string(1 + random() % 200, static_cast<char>(128 + random() % 128)));
+          store(stack.back());
+        } else {
+          ASSERT_THAT(take(), Optional(stack.back()));
+          stack.pop_back();
+        }
+      }
+      crash();
+      repair();
+      start();
+    }
+    std::reverse(stack.begin(), stack.end());
+    const std::vector<std::string> drained = drain();
+    ASSERT_EQ(drained.size(), stack.size()) << "round " << round;
+    ASSERT_TRUE(drained == stack) << "round " << round;
+    stop();
+  }
+}
+
+}  // namespace
