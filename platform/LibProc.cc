@@ -6,9 +6,11 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <functional>
 
 #include "ProcFile.h"
@@ -24,84 +26,159 @@ int fail(int error) {
   return 0;
 }
 
-/// The target of a descriptor's link when it is a socket: "socket:[inode]".
-bool parse_socket_link(const char* target, uint64_t* inode) {
-  static const char kPrefix[] = "socket:[";
-  if (strncmp(target, kPrefix, sizeof kPrefix - 1) != 0)
-    return false;
-  *inode = strtoull(target + sizeof kPrefix - 1, nullptr, 10);
-  return true;
+/// What a descriptor is and, of a socket, its inode.
+struct Descriptor {
+  uint32_t type;
+  uint64_t inode;
+};
+
+/// What the text of a link in /proc/PID/fd says, such as "socket:[4711]". The file itself is never
+/// touched: it may lie on a file system that does not answer.
+Descriptor describe(const char* link) {
+  static const char kSocket[] = "socket:[";
+  if (strncmp(link, kSocket, sizeof kSocket - 1) == 0)
+    return {PROX_FDTYPE_SOCKET, strtoull(link + sizeof kSocket - 1, nullptr, 10)};
+  if (strncmp(link, "pipe:", 5) == 0)
+    return {PROX_FDTYPE_PIPE, 0};
+  if (strcmp(link, "anon_inode:[eventpoll]") == 0)
+    return {PROX_FDTYPE_KQUEUE, 0};
+  return {PROX_FDTYPE_VNODE, 0};
 }
 
-/// Reads a link; the text is cut to the buffer and ended with NUL.
-bool read_link(int folder, const char* name, char* target, size_t size) {
-  const ssize_t length = readlinkat(folder, name, target, size - 1);
+/// Looks at an entry of /proc/PID/fd; false when it is not there or may not be seen.
+bool look_at(int folder, const char* name, Descriptor* descriptor) {
+  char link[32];
+  const ssize_t length = readlinkat(folder, name, link, sizeof link - 1);
   if (length < 0)
     return false;
-  target[length] = '\0';
+  link[length] = '\0';
+  *descriptor = describe(link);
   return true;
 }
 
-uint32_t descriptor_type(const char* target) {
-  uint64_t inode = 0;
-  if (parse_socket_link(target, &inode))
-    return PROX_FDTYPE_SOCKET;
-  if (strncmp(target, "pipe:", 5) == 0)
-    return PROX_FDTYPE_PIPE;
-  if (strncmp(target, "anon_inode:[eventpoll]", 22) == 0)
-    return PROX_FDTYPE_KQUEUE;
-  return PROX_FDTYPE_VNODE;
-}
+/// The sockets of the process that this thread listed last. Whoever lists descriptors asks for the
+/// socket information of each right afterwards, and looking at a descriptor is most of the cost of
+/// either. So what was seen then is good for a moment; sockets that find no room are looked at
+/// again.
+class SeenSockets {
+ public:
+  void start(int pid) {
+    pid_ = pid;
+    until_ms_ = now_ms() + kGoodForMs;
+    ++listing_;
+  }
 
-/// Newer kernels (6.2) tell the number of descriptors as the size of the folder.
-off_t told_size(int folder) {
-  struct stat status;
-  return fstat(folder, &status) == 0 ? status.st_size : 0;
+  void add(int32_t fd, uint64_t inode) { slot(fd) = {inode, listing_, fd}; }
+
+  bool find(int pid, int32_t fd, uint64_t* inode) {
+    const Slot& seen = slot(fd);
+    if (pid != pid_ || seen.listing != listing_ || seen.fd != fd || now_ms() > until_ms_)
+      return false;
+    *inode = seen.inode;
+    return true;
+  }
+
+ private:
+  static constexpr int64_t kGoodForMs = 20;
+  static constexpr uint32_t kSlots = 1024;
+
+  struct Slot {
+    uint64_t inode;
+    uint32_t listing;
+    int32_t fd;
+  };
+
+  Slot& slot(int32_t fd) { return slots_[static_cast<uint32_t>(fd) % kSlots]; }
+
+  static int64_t now_ms() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+  }
+
+  int pid_ = 0;
+  uint32_t listing_ = 0;
+  int64_t until_ms_ = 0;
+  Slot slots_[kSlots] = {};
+};
+
+thread_local SeenSockets seen_sockets;
+
+/// Newer kernels (6.2) tell the number of descriptors as the size of the folder; older ones give 0.
+int told_count(const struct stat& folder) {
+  return static_cast<int>(folder.st_size);
 }
 
 bool kernel_tells_descriptor_count() {
   static const bool tells = [] {
-    procfs::NumberedEntries own("/proc/self/fd");
-    return own.fd() >= 0 && told_size(own.fd()) > 0;
+    const int own = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    struct stat status;
+    const bool told = own >= 0 && fstat(own, &status) == 0 && told_count(status) > 0;
+    if (own >= 0)
+      close(own);
+    return told;
   }();
   return tells;
 }
 
-int count_descriptors(procfs::NumberedEntries* entries) {
-  if (kernel_tells_descriptor_count())
-    return static_cast<int>(told_size(entries->fd()));
+int count_descriptors(const char* path) {
+  if (kernel_tells_descriptor_count()) {
+    struct stat status;
+    return stat(path, &status) == 0 ? told_count(status) : 0;
+  }
+  procfs::NumberedEntries entries(path);
   int count = 0;
-  for (int32_t fd; entries->next(&fd);)
+  for (int32_t fd; entries.next(&fd);)
     ++count;
   return count;
 }
 
 int list_descriptors(int pid, void* buffer, int buffersize) {
+  const int entry_bytes = static_cast<int>(sizeof(struct proc_fdinfo));
   char path[32];
   snprintf(path, sizeof path, "/proc/%d/fd", pid);
-  procfs::NumberedEntries entries(path);
-  if (entries.fd() < 0)
-    return 0;
-  const int entry_bytes = static_cast<int>(sizeof(struct proc_fdinfo));
   if (buffer == nullptr) {
     // A process without descriptors (a kernel thread, a zombie) is left at that: room for new ones
     // would only make the caller ask again for nothing.
-    const int count = count_descriptors(&entries);
+    const int count = count_descriptors(path);
     return count == 0 ? 0 : (count + kRoomForNewDescriptors) * entry_bytes;
   }
+  procfs::NumberedEntries entries(path);
+  if (entries.fd() < 0)
+    return 0;
+  seen_sockets.start(pid);
   int written = 0;
-  struct proc_fdinfo info;
-  while (buffersize - written >= entry_bytes && entries.next(&info.proc_fd)) {
+  struct proc_fdinfo entry;
+  while (buffersize - written >= entry_bytes && entries.next(&entry.proc_fd)) {
     char name[16];
-    char target[32];
-    snprintf(name, sizeof name, "%d", info.proc_fd);
-    if (!read_link(entries.fd(), name, target, sizeof target))
+    Descriptor descriptor;
+    *std::to_chars(name, name + sizeof name - 1, entry.proc_fd).ptr = '\0';
+    if (!look_at(entries.fd(), name, &descriptor))
       continue;  // closed since the folder was read
-    info.proc_fdtype = descriptor_type(target);
-    memcpy(static_cast<char*>(buffer) + written, &info, sizeof info);
+    if (descriptor.type == PROX_FDTYPE_SOCKET)
+      seen_sockets.add(entry.proc_fd, descriptor.inode);
+    entry.proc_fdtype = descriptor.type;
+    memcpy(static_cast<char*>(buffer) + written, &entry, sizeof entry);
     written += entry_bytes;
   }
   return written;
+}
+
+/// The inode of a socket; 0 and errno when it is none or cannot be looked at.
+uint64_t socket_inode(int pid, int fd) {
+  uint64_t inode = 0;
+  if (seen_sockets.find(pid, fd, &inode))
+    return inode;
+  char path[48];
+  Descriptor descriptor;
+  snprintf(path, sizeof path, "/proc/%d/fd/%d", pid, fd);
+  if (!look_at(AT_FDCWD, path, &descriptor))
+    return 0;
+  if (descriptor.type != PROX_FDTYPE_SOCKET) {
+    errno = ENOTSUP;
+    return 0;
+  }
+  return descriptor.inode;
 }
 
 /// What /proc/PID/stat tells. The command name in it is enclosed in brackets and may itself contain
@@ -227,14 +304,9 @@ int proc_pidfdinfo(int pid, int fd, int flavor, void* buffer, int buffersize) {
     return fail(ENOMEM);
   if (pid < 1)
     return fail(ESRCH);
-  char path[48];
-  char target[32];
-  uint64_t inode = 0;
-  snprintf(path, sizeof path, "/proc/%d/fd/%d", pid, fd);
-  if (!read_link(AT_FDCWD, path, target, sizeof target))
+  const uint64_t inode = socket_inode(pid, fd);
+  if (inode == 0)
     return 0;
-  if (!parse_socket_link(target, &inode))
-    return fail(ENOTSUP);
   memset(&info, 0, sizeof info);
   info.psi.soi_stat.vst_ino = inode;
   info.psi.soi_so = inode;

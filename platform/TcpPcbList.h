@@ -1,5 +1,5 @@
 // The value of the sysctl "net.inet.tcp.pcblist": the machine's TCP sockets in the layout of
-// <netinet/tcp_var.h>, out of /proc/net/tcp and /proc/net/tcp6.
+// <netinet/tcp_var.h>.
 #pragma once
 
 #include <stddef.h>
@@ -10,9 +10,8 @@ namespace platform {
 size_t tcp_pcb_list_size();
 
 /// Writes a list to `buffer`, which has room for `size` bytes, and sets *written. A socket's inode
-/// is its handle. IPv4 connections of IPv6 sockets are listed as IPv4, as Darwin does. Sockets that
-/// no process holds any more are left out. Returns 0, ENOMEM when the list does not fit, or what
-/// reading failed with.
+/// is its handle. Sockets that no process holds are left out. Returns 0, ENOMEM when the list does
+/// not fit, or what reading failed with.
 int write_tcp_pcb_list(char* buffer, size_t size, size_t* written);
 
 }  // namespace platform

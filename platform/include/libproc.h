@@ -1,8 +1,9 @@
 // Darwin's <libproc.h>: processes and their descriptors, here out of /proc.
 //
-// All functions are thread-safe and keep nothing between calls. What the caller may not look at
-// (processes of other users, for an ordinary user) is as if it had no descriptors. Hidden, so that
-// they stay inside the object that links them.
+// All functions are thread-safe. The sockets of the process that a thread listed last are kept for
+// 20 ms, for its calls of proc_pidfdinfo. What the caller may not look at (processes of other
+// users, for an ordinary user) is as if it had no descriptors. Hidden, so that they stay inside the
+// object that links them.
 #pragma once
 
 #include <stdint.h>

@@ -1,0 +1,282 @@
+// One query of the socket probe beside what a user would run for the same answer.
+//
+//     ProbeBench [--runs N] [--processes N] [--csv FILE]
+//
+// For 1,000 and 10,000 TCP sockets, shared out to 500 processes: the whole query of detectUser for
+// the process that is listed first, in the middle and last; the bare reading of /proc/net/tcp as
+// its floor; `ss -tnp` and `lsof -nP -i` as whole processes, their output thrown away. Medians, in
+// one run. Run as root, else the tools and the probe see only processes of one's own.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "UserDetect.h"
+
+// The host's headers.
+#include "Conn.h"
+#include "IPAddr.h"
+#include "Val.h"
+
+extern char** environ;
+
+namespace {
+
+/// One of the two ends of a connection within a process.
+struct Endpoints {
+  std::uint32_t port_a;  ///< network byte order
+  std::uint32_t port_b;
+};
+
+[[noreturn]] void die(const char* what) {
+  std::perror(what);
+  std::exit(1);
+}
+
+sockaddr_in loopback() {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+std::uint16_t local_port(int fd) {
+  sockaddr_in address = {};
+  socklen_t length = sizeof address;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    die("getsockname");
+  return address.sin_port;
+}
+
+/// Opens `sockets` / 2 connections with both ends here and gives the last one. They stay open.
+Endpoints open_connections(int sockets) {
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address = loopback();
+  if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener, 16) != 0)
+    die("listen");
+  address.sin_port = local_port(listener);
+  Endpoints last = {};
+  for (int i = 0; i < sockets / 2; ++i) {
+    const int client = socket(AF_INET, SOCK_STREAM, 0);
+    if (client < 0 || connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        accept(listener, nullptr, nullptr) < 0)
+      die("connect");
+    last = {local_port(client), address.sin_port};
+  }
+  return last;
+}
+
+/// Processes that hold sockets until this object goes.
+class Crowd {
+ public:
+  Crowd(int processes, int sockets) {
+    if (pipe(release_) != 0)
+      die("pipe");
+    for (int i = 0; i < processes; ++i)
+      start(sockets / processes);
+  }
+
+  ~Crowd() {
+    close(release_[1]);
+    close(release_[0]);
+    for (const pid_t pid : pids_)
+      waitpid(pid, nullptr, 0);
+  }
+
+  Crowd(const Crowd&) = delete;
+  Crowd& operator=(const Crowd&) = delete;
+
+  /// A connection of each process, in the order in which they were started.
+  const std::vector<Endpoints>& connections() const { return connections_; }
+
+ private:
+  void start(int sockets) {
+    int report[2];
+    if (pipe(report) != 0)
+      die("pipe");
+    const pid_t pid = fork();
+    if (pid < 0)
+      die("fork");
+    if (pid == 0) {
+      close(release_[1]);
+      const Endpoints last = open_connections(sockets);
+      char byte;
+      if (write(report[1], &last, sizeof last) != static_cast<ssize_t>(sizeof last))
+        _exit(1);
+      close(report[0]);
+      close(report[1]);
+      _exit(read(release_[0], &byte, 1) == 0 ? 0 : 1);
+    }
+    Endpoints last;
+    close(report[1]);
+    if (read(report[0], &last, sizeof last) != static_cast<ssize_t>(sizeof last))
+      die("a process of the crowd");
+    close(report[0]);
+    pids_.push_back(pid);
+    connections_.push_back(last);
+  }
+
+  int release_[2];
+  std::vector<pid_t> pids_;
+  std::vector<Endpoints> connections_;
+};
+
+double median_ms(int runs, const std::function<void()>& work) {
+  std::vector<double> times;
+  work();  // warm-up
+  for (int i = 0; i < runs; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
+    times.push_back(took.count());
+  }
+  std::nth_element(times.begin(), times.begin() + runs / 2, times.end());
+  return times[static_cast<std::size_t>(runs / 2)];
+}
+
+/// The whole query, as a script makes it. Ends the program when nobody is found: then there is
+/// nothing to measure.
+void query(const Endpoints& endpoints) {
+  ConnID id;
+  id.src_addr = IPAddr("127.0.0.1");
+  id.dst_addr = IPAddr("127.0.0.1");
+  id.src_port = endpoints.port_a;
+  id.dst_port = endpoints.port_b;
+  id.is_one_way = false;
+  Connection* conn = new Connection(nullptr, nullptr, 1.0, &id, 0, 0, 0, nullptr);
+  const VectorVal* names = UserDetect::detectUser(conn);
+  const bool found = names->Lookup(0u)->AsString()->Len() > 0;
+  Unref(const_cast<VectorVal*>(names));
+  Unref(conn);
+  if (!found) {
+    std::fprintf(stderr, "ProbeBench: the owner of a socket was not found\n");
+    std::exit(1);
+  }
+}
+
+void read_socket_table() {
+  static char buffer[65536];
+  const int fd = open("/proc/net/tcp", O_RDONLY);
+  if (fd < 0)
+    die("/proc/net/tcp");
+  while (read(fd, buffer, sizeof buffer) > 0) {
+  }
+  close(fd);
+}
+
+/// Runs a command, output thrown away; false when it cannot be run.
+bool run(const std::vector<std::string>& command) {
+  std::vector<char*> arguments;
+  for (const std::string& word : command)
+    arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&files, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = 0;
+  int status = -1;
+  const bool started =
+      posix_spawnp(&pid, arguments[0], &files, nullptr, arguments.data(), environ) == 0;
+  posix_spawn_file_actions_destroy(&files);
+  return started && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+         WEXITSTATUS(status) == 0;
+}
+
+double tool_ms(int runs, const std::vector<std::string>& command) {
+  if (!run(command))
+    return 0;
+  return median_ms(runs, [&] { run(command); });
+}
+
+struct Row {
+  int sockets;
+  double first_ms, middle_ms, last_ms, floor_ms, ss_ms, lsof_ms;
+
+  /// How much longer the faster tool takes than the slowest of the three queries.
+  double ratio() const {
+    const double tool = ss_ms > 0 && lsof_ms > 0 ? std::min(ss_ms, lsof_ms) : ss_ms + lsof_ms;
+    return tool / std::max({first_ms, middle_ms, last_ms});
+  }
+};
+
+Row measure(int processes, int sockets, int runs) {
+  const Crowd crowd(processes, sockets);
+  const std::vector<Endpoints>& connections = crowd.connections();
+  Row row;
+  row.sockets = sockets;
+  // The newest process is listed first.
+  row.first_ms = median_ms(runs, [&] { query(connections.back()); });
+  row.middle_ms = median_ms(runs, [&] { query(connections[connections.size() / 2]); });
+  row.last_ms = median_ms(runs, [&] { query(connections.front()); });
+  row.floor_ms = median_ms(runs, read_socket_table);
+  row.ss_ms = tool_ms(runs, {"ss", "-tnp"});
+  row.lsof_ms = tool_ms(runs, {"lsof", "-nP", "-i"});
+  return row;
+}
+
+void write_csv(const char* path, int processes, const std::vector<Row>& rows) {
+  FILE* file = std::fopen(path, "w");
+  if (!file)
+    die(path);
+  std::fprintf(file, "sockets,processes,first_ms,middle_ms,last_ms,floor_ms,ss_ms,lsof_ms,ratio\n");
+  for (const Row& row : rows)
+    std::fprintf(file, "%d,%d,%.3f,%.3f,%.3f,%.3f,%.3f,%.3f,%.2f\n", row.sockets, processes,
+                 row.first_ms, row.middle_ms, row.last_ms, row.floor_ms, row.ss_ms, row.lsof_ms,
+                 row.ratio());
+  std::fclose(file);
+}
+
+void allow_many_descriptors() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int runs = 11;
+  int processes = 500;
+  const char* csv = nullptr;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string option = argv[i];
+    if (option == "--runs")
+      runs = std::max(1, std::atoi(argv[i + 1]));
+    else if (option == "--processes")
+      processes = std::max(1, std::atoi(argv[i + 1]));
+    else if (option == "--csv")
+      csv = argv[i + 1];
+  }
+  allow_many_descriptors();
+  std::vector<Row> rows;
+  std::printf("%8s %10s %9s %9s %9s %9s %9s %7s   (ms, %d processes, median of %d)\n", "sockets",
+              "first", "middle", "last", "read only", "ss -tnp", "lsof -i", "ratio", processes,
+              runs);
+  for (const int sockets : {1000, 10000}) {
+    rows.push_back(measure(processes, sockets, runs));
+    const Row& row = rows.back();
+    std::printf("%8d %10.3f %9.3f %9.3f %9.3f %9.3f %9.3f %7.1f\n", row.sockets, row.first_ms,
+                row.middle_ms, row.last_ms, row.floor_ms, row.ss_ms, row.lsof_ms, row.ratio());
+    std::fflush(stdout);
+  }
+  if (csv)
+    write_csv(csv, processes, rows);
+}

@@ -1,0 +1,266 @@
+#include "TcpSockets.h"
+
+#include <errno.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "ProcFile.h"
+
+namespace platform {
+
+namespace {
+
+// States of <netinet/tcp.h> and the kernel's own 12, a request in the accept queue.
+constexpr unsigned kSynReceived = 3;
+constexpr unsigned kTimeWait = 6;
+constexpr unsigned kNewSynReceived = 12;
+constexpr uint32_t kStatesWithOwner =
+    ~(1u << kSynReceived | 1u << kTimeWait | 1u << kNewSynReceived);
+
+constexpr size_t kAnswerBytes = 32768;
+
+bool is_v4_mapped(const uint32_t* address) {
+  return address[0] == 0 && address[1] == 0 && address[2] == htonl(0xffff);
+}
+
+/// An IPv4 connection of an IPv6 socket counts as IPv4, as Darwin has it.
+void settle_family(TcpSocket* socket) {
+  if (!socket->is_v6 || !is_v4_mapped(socket->foreign))
+    return;
+  socket->is_v6 = false;
+  socket->local[0] = socket->local[3];
+  socket->foreign[0] = socket->foreign[3];
+}
+
+class NetlinkSocket {
+ public:
+  NetlinkSocket() : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)) {}
+  ~NetlinkSocket() {
+    if (fd_ >= 0)
+      close(fd_);
+  }
+  NetlinkSocket(const NetlinkSocket&) = delete;
+  NetlinkSocket& operator=(const NetlinkSocket&) = delete;
+
+  /// Asks for all TCP sockets. The older of the two requests: it alone gives both address families
+  /// in one walk over the kernel's table, and that walk is most of the cost.
+  int ask() {
+    struct {
+      struct nlmsghdr header;
+      struct inet_diag_req body;
+    } request;
+    memset(&request, 0, sizeof request);
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = TCPDIAG_GETSOCK;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.body.idiag_states = kStatesWithOwner;
+    if (fd_ < 0 || send(fd_, &request, sizeof request, 0) != static_cast<ssize_t>(sizeof request))
+      return errno;
+    return 0;
+  }
+
+  /// The next piece of the answer.
+  int receive(char* buffer, size_t size, size_t* length) {
+    ssize_t count;
+    do
+      count = recv(fd_, buffer, size, MSG_TRUNC);
+    while (count < 0 && errno == EINTR);
+    if (count < 0)
+      return errno;
+    *length = static_cast<size_t>(count);
+    return *length > 0 && *length <= size ? 0 : EIO;
+  }
+
+ private:
+  int fd_;
+};
+
+int add_message(const struct nlmsghdr* header, TcpSocketSink* sink) {
+  if (header->nlmsg_len < NLMSG_LENGTH(sizeof(struct inet_diag_msg)))
+    return EIO;
+  const struct inet_diag_msg* message =
+      reinterpret_cast<const struct inet_diag_msg*>(NLMSG_DATA(header));
+  if (message->idiag_inode == 0)
+    return 0;
+  TcpSocket socket;
+  socket.is_v6 = message->idiag_family == AF_INET6;
+  memcpy(socket.local, message->id.idiag_src, sizeof socket.local);
+  memcpy(socket.foreign, message->id.idiag_dst, sizeof socket.foreign);
+  socket.local_port = message->id.idiag_sport;
+  socket.foreign_port = message->id.idiag_dport;
+  socket.inode = message->idiag_inode;
+  settle_family(&socket);
+  return sink->add(socket) ? 0 : ENOMEM;
+}
+
+int error_of(const struct nlmsghdr* header) {
+  if (header->nlmsg_len < NLMSG_LENGTH(sizeof(struct nlmsgerr)))
+    return EIO;
+  const int error = -reinterpret_cast<const struct nlmsgerr*>(NLMSG_DATA(header))->error;
+  return error > 0 ? error : EIO;
+}
+
+/// Takes one piece of the answer; *done at its end.
+int add_messages(const char* buffer, size_t length, TcpSocketSink* sink, bool* done) {
+  const struct nlmsghdr* header = reinterpret_cast<const struct nlmsghdr*>(buffer);
+  for (; NLMSG_OK(header, length); header = NLMSG_NEXT(header, length)) {
+    if (header->nlmsg_type == NLMSG_DONE) {
+      *done = true;
+      return 0;
+    }
+    const int error =
+        header->nlmsg_type == NLMSG_ERROR ? error_of(header) : add_message(header, sink);
+    if (error != 0)
+      return error;
+  }
+  return 0;
+}
+
+/// Reads the fields of a line one after the other.
+class Fields {
+ public:
+  explicit Fields(const char* line) : at_(line) {}
+
+  /// Exactly `digits` hexadecimal digits.
+  uint32_t hex(int digits) {
+    uint32_t value = 0;
+    for (; digits > 0; --digits) {
+      const int digit = hex_digit(*at_);
+      if (digit < 0) {
+        valid_ = false;
+        return 0;
+      }
+      value = value << 4 | static_cast<uint32_t>(digit);
+      ++at_;
+    }
+    return value;
+  }
+
+  void expect(char c) {
+    if (*at_ == c)
+      ++at_;
+    else
+      valid_ = false;
+  }
+
+  void skip_blanks() {
+    while (*at_ == ' ')
+      ++at_;
+  }
+
+  /// Skips `count` fields and the blanks around them.
+  void skip(int count) {
+    skip_blanks();
+    for (; count > 0; --count) {
+      while (*at_ != ' ' && *at_ != '\0')
+        ++at_;
+      skip_blanks();
+    }
+  }
+
+  uint32_t decimal() {
+    if (*at_ < '0' || *at_ > '9')
+      valid_ = false;
+    return static_cast<uint32_t>(strtoul(at_, nullptr, 10));
+  }
+
+  bool valid() const { return valid_; }
+
+ private:
+  static int hex_digit(char c) {
+    if (c >= '0' && c <= '9')
+      return c - '0';
+    if (c >= 'A' && c <= 'F')
+      return c - 'A' + 10;
+    return -1;
+  }
+
+  const char* at_;
+  bool valid_ = true;
+};
+
+void read_endpoint(Fields* fields, int words, uint32_t* address, uint16_t* port) {
+  for (int i = 0; i < words; ++i)
+    address[i] = fields->hex(8);
+  fields->expect(':');
+  *port = htons(static_cast<uint16_t>(fields->hex(4)));
+  fields->skip_blanks();
+}
+
+/// "  sl: local:port foreign:port st tx:rx tr:when retransmits uid timeout inode ..."
+bool parse_line(const char* line, bool is_v6, TcpSocket* socket) {
+  const int words = is_v6 ? 4 : 1;
+  Fields fields(line);
+  fields.skip(1);
+  read_endpoint(&fields, words, socket->local, &socket->local_port);
+  read_endpoint(&fields, words, socket->foreign, &socket->foreign_port);
+  fields.skip(6);
+  socket->inode = fields.decimal();
+  socket->is_v6 = is_v6;
+  settle_family(socket);
+  return fields.valid();
+}
+
+int read_table(const char* path, bool is_v6, TcpSocketSink* sink) {
+  procfs::Lines lines(path);
+  lines.next();  // the headings
+  while (const char* line = lines.next()) {
+    TcpSocket socket;
+    memset(&socket, 0, sizeof socket);
+    if (!parse_line(line, is_v6, &socket) || socket.inode == 0)
+      continue;
+    if (!sink->add(socket))
+      return ENOMEM;
+  }
+  return lines.failed() ? errno : 0;
+}
+
+/// The kernel's own count. 0 where it has none.
+size_t sockets_in_use(const char* path, const char* name) {
+  char text[1024];
+  uint64_t count = 0;
+  if (procfs::read_text(path, text, sizeof text) <= 0 || !procfs::find_number(text, name, &count))
+    return 0;
+  return static_cast<size_t>(count);
+}
+
+size_t v4_sockets_in_use() {
+  return sockets_in_use("/proc/net/sockstat", "TCP: inuse");
+}
+size_t v6_sockets_in_use() {
+  return sockets_in_use("/proc/net/sockstat6", "TCP6: inuse");
+}
+
+}  // namespace
+
+int read_tcp_sockets_by_netlink(TcpSocketSink* sink) {
+  NetlinkSocket netlink;
+  int error = netlink.ask();
+  alignas(struct nlmsghdr) char buffer[kAnswerBytes];
+  for (bool done = false; error == 0 && !done;) {
+    size_t length = 0;
+    error = netlink.receive(buffer, sizeof buffer, &length);
+    if (error == 0)
+      error = add_messages(buffer, length, sink, &done);
+  }
+  return error;
+}
+
+int read_tcp_sockets_from_proc(TcpSocketSink* sink) {
+  const int error = read_table("/proc/net/tcp", false, sink);
+  if (error != 0 || v6_sockets_in_use() == 0)
+    return error;
+  return read_table("/proc/net/tcp6", true, sink);
+}
+
+size_t count_tcp_sockets() {
+  return v4_sockets_in_use() + v6_sockets_in_use();
+}
+
+}  // namespace platform
