@@ -1,9 +1,9 @@
 #include "RecordConversion.h"
 
-#include <math.h>
 #include <string.h>
 #include <sys/time.h>
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -375,6 +375,14 @@ const threading::Value::addr_t* address_of(const threading::Value* value) {
   return value->type == TYPE_ADDR ? &value->val.addr_val : nullptr;
 }
 
+/// As a number: a damaged one is no value that the enumeration may hold.
+int family_of(const threading::Value::addr_t& address) {
+  static_assert(sizeof(address.family) == sizeof(int), "the enumeration is not an int");
+  int family;
+  memcpy(&family, &address.family, sizeof family);
+  return family;
+}
+
 bool equals_ignoring_case(const Text& text, const char* name, std::size_t length) {
   return text.length == length && strcasecmp_n(static_cast<int>(length), text.data, name) == 0;
 }
@@ -387,7 +395,7 @@ std::uint64_t truncated(double number) {
     return static_cast<std::uint64_t>(number);
   if (!std::isfinite(number))
     return 0;
-  const double magnitude = fmod(trunc(fabs(number)), two_to_64);
+  const double magnitude = std::fmod(std::trunc(std::fabs(number)), two_to_64);
   const std::uint64_t low_bits = static_cast<std::uint64_t>(magnitude);
   return number < 0.0 ? 0 - low_bits : low_bits;
 }
@@ -541,7 +549,7 @@ class Payload {
       return texts_.builder().CreateVector(static_cast<const std::int8_t*>(nullptr), 0);
     return texts_.builder().CreateVector(
         reinterpret_cast<const std::int8_t*>(&address->in),
-        address->family == IPv4 ? sizeof(address->in.in4) : sizeof(address->in.in6));
+        family_of(*address) == IPv4 ? sizeof(address->in.in4) : sizeof(address->in.in6));
   }
 
  private:
@@ -556,7 +564,7 @@ class Payload {
   void set_address(voffset_t field, const threading::Value* value) {
     const bool orig = field == General::VT_ORIG_H;
     const threading::Value::addr_t* address = address_of(value);
-    if (address && address->family != IPv4 && address->family != IPv6) {
+    if (address && family_of(*address) != IPv4 && family_of(*address) != IPv6) {
       reports::weird(orig ? "Unknown addr family in orig_h!" : "Unknown addr family in resp_h!");
       address = nullptr;
     }

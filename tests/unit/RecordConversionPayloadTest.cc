@@ -1,6 +1,7 @@
 // The mapping of each protocol: which column feeds which schema field, and how.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <cmath>
 #include <cstdint>
@@ -175,7 +176,7 @@ std::string recipients(RecordBuilder& record) {
 }  // namespace
 
 TEST_F(PayloadMapping, EachTextColumnFillsItsFieldAndNoOther) {
-  const std::string value("\0caf\xc3\xa9\xff, as it is\n", 20);
+  const std::string value = std::string(1, '\0') + "caf\xc3\xa9\xff, as it is\n";
   for (const TextRow& row : kTextRows) {
     SCOPED_TRACE(row.column);
     RecordBuilder record;
@@ -382,7 +383,8 @@ TEST_F(PayloadMapping, UnknownAddressFamilyIsReportedAndLeavesTheVectorEmpty) {
     const std::string side = std::string(column).substr(3, 4);
     recorder_.Clear();
     threading::Value* value = new threading::Value(TYPE_ADDR);
-    value->val.addr_val.family = static_cast<IPFamily>(2);
+    const int family = 2;
+    memcpy(&value->val.addr_val.family, &family, sizeof family);
     RecordBuilder record;
     record.text("ptype", "general").addr("id.orig_h", "10.0.0.1").addr("id.resp_h", "10.0.0.2");
     record.raw(column, value).text("service", "dns");
