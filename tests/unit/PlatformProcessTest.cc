@@ -1,0 +1,332 @@
+// Darwin's process calls on Linux, held against what this process knows of itself.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <libproc.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "TempDir.h"
+
+namespace {
+
+/// Runs `ask` in a child that has nothing but its own threads; true when it returned true.
+bool holds_in_child(const std::function<bool()>& ask) {
+  const pid_t pid = fork();
+  if (pid == 0)
+    _exit(ask() ? 0 : 1);
+  int status = -1;
+  return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/// A process that does nothing until the object goes.
+class IdleChild {
+ public:
+  IdleChild() {
+    EXPECT_EQ(pipe(pipe_), 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+      char byte;
+      close(pipe_[1]);
+      _exit(read(pipe_[0], &byte, 1) == 0 ? 0 : 1);
+    }
+  }
+
+  ~IdleChild() { end(); }
+
+  void end() {
+    if (pid_ <= 0)
+      return;
+    close(pipe_[0]);
+    close(pipe_[1]);
+    waitpid(pid_, nullptr, 0);
+    pid_ = 0;
+  }
+
+  pid_t pid() const { return pid_; }
+
+ private:
+  int pipe_[2];
+  pid_t pid_ = 0;
+};
+
+class PlatformProcessTest : public testing::Test {
+ protected:
+  ~PlatformProcessTest() override {
+    for (const int fd : open_)
+      close(fd);
+  }
+
+  int keep(int fd) {
+    EXPECT_GE(fd, 0);
+    open_.push_back(fd);
+    return fd;
+  }
+
+  static std::vector<std::int32_t> list_pids(std::size_t room) {
+    std::vector<std::int32_t> pids(room);
+    const int bytes = proc_listpids(PROC_ALL_PIDS, 0, pids.data(), static_cast<int>(room * 4));
+    EXPECT_EQ(bytes % 4, 0);
+    pids.resize(static_cast<std::size_t>(bytes) / 4);
+    return pids;
+  }
+
+  /// The descriptors of a process: number to type.
+  static std::map<int, std::uint32_t> list_descriptors(int pid) {
+    const int told = proc_pidinfo(pid, PROC_PIDLISTFDS, 0, nullptr, 0);
+    std::vector<proc_fdinfo> entries(static_cast<std::size_t>(told) / sizeof(proc_fdinfo));
+    const int bytes = proc_pidinfo(pid, PROC_PIDLISTFDS, 0, entries.data(), told);
+    EXPECT_LE(bytes, told);
+    entries.resize(static_cast<std::size_t>(bytes) / sizeof(proc_fdinfo));
+    std::map<int, std::uint32_t> types;
+    for (const proc_fdinfo& entry : entries)
+      types[entry.proc_fd] = entry.proc_fdtype;
+    return types;
+  }
+
+  /// The handle that a socket's information gives; 0 when it gives none.
+  static std::uint64_t handle(int pid, int fd) {
+    socket_fdinfo info;
+    const int bytes = proc_pidfdinfo(pid, fd, PROC_PIDFDSOCKETINFO, &info, sizeof info);
+    EXPECT_TRUE(bytes == 0 || bytes == 792);
+    return bytes == 0 ? 0 : info.psi.soi_pcb;
+  }
+
+  static std::uint64_t inode(int fd) {
+    struct stat status;
+    EXPECT_EQ(fstat(fd, &status), 0);
+    return status.st_ino;
+  }
+
+  std::vector<int> open_;
+};
+
+TEST_F(PlatformProcessTest, PidsAreListedHighestFirst) {
+  const IdleChild child;
+  const std::vector<std::int32_t> pids = list_pids(100000);
+  EXPECT_THAT(pids, testing::Contains(getpid()));
+  EXPECT_THAT(pids, testing::Contains(child.pid()));
+  EXPECT_TRUE(std::is_sorted(pids.rbegin(), pids.rend()));
+  EXPECT_EQ(std::adjacent_find(pids.begin(), pids.end()), pids.end());
+}
+
+TEST_F(PlatformProcessTest, PidSizingHasRoomForAll) {
+  const std::size_t before = list_pids(100000).size();
+  const int told = proc_listpids(PROC_ALL_PIDS, 0, nullptr, 0);
+  const std::size_t after = list_pids(100000).size();
+  EXPECT_GE(told, static_cast<int>(std::min(before, after)) * 4);
+  EXPECT_EQ(told % 4, 0);
+}
+
+TEST_F(PlatformProcessTest, ShortBufferGetsTheHighestPids) {
+  // Processes come and go meanwhile, so the list is taken before and after.
+  EXPECT_TRUE(test::wait_until([] {
+    const std::vector<std::int32_t> before = list_pids(100000);
+    const std::vector<std::int32_t> two = list_pids(2);
+    const std::vector<std::int32_t> after = list_pids(100000);
+    return before == after && two == std::vector<std::int32_t>(before.begin(), before.begin() + 2);
+  }));
+}
+
+TEST_F(PlatformProcessTest, NothingIsWrittenBehindThePidBuffer) {
+  std::int32_t pids[3] = {-1, -1, -1};
+  EXPECT_EQ(proc_listpids(PROC_ALL_PIDS, 0, pids, 7), 4);
+  EXPECT_GT(pids[0], 0);
+  EXPECT_EQ(pids[1], -1);
+  EXPECT_EQ(proc_listpids(PROC_ALL_PIDS, 0, pids, 3), 0);
+}
+
+TEST_F(PlatformProcessTest, OtherKindsOfPidListsAreRefused) {
+  EXPECT_EQ(proc_listpids(4711, 0, nullptr, 0), 0);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(PlatformProcessTest, DescriptorsHaveTheirTypes) {
+  const test::TempDir folder;
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  keep(ends[0]);
+  keep(ends[1]);
+  const int socket_fd = keep(socket(AF_INET, SOCK_STREAM, 0));
+  const int local_fd = keep(socket(AF_UNIX, SOCK_DGRAM, 0));
+  const int file_fd = keep(open(folder.file("socket:[1]").c_str(), O_CREAT | O_RDWR, 0600));
+  const int poll_fd = keep(epoll_create1(0));
+  std::map<int, std::uint32_t> types = list_descriptors(getpid());
+  EXPECT_EQ(types[socket_fd], 2u);
+  EXPECT_EQ(types[local_fd], 2u);
+  EXPECT_EQ(types[ends[0]], static_cast<std::uint32_t>(PROX_FDTYPE_PIPE));
+  EXPECT_EQ(types[ends[1]], static_cast<std::uint32_t>(PROX_FDTYPE_PIPE));
+  EXPECT_EQ(types[file_fd], static_cast<std::uint32_t>(PROX_FDTYPE_VNODE));
+  EXPECT_EQ(types[poll_fd], static_cast<std::uint32_t>(PROX_FDTYPE_KQUEUE));
+}
+
+TEST_F(PlatformProcessTest, DescriptorSizingHasRoomForAll) {
+  for (int i = 0; i < 100; ++i)
+    keep(dup(0));
+  const int told = proc_pidinfo(getpid(), PROC_PIDLISTFDS, 0, nullptr, 0);
+  EXPECT_GE(told, 103 * 8);
+  EXPECT_EQ(told % 8, 0);
+  const std::map<int, std::uint32_t> types = list_descriptors(getpid());
+  for (const int fd : open_)
+    EXPECT_EQ(types.count(fd), 1u) << fd;
+}
+
+TEST_F(PlatformProcessTest, NothingIsWrittenBehindTheDescriptorBuffer) {
+  unsigned char buffer[32];
+  std::memset(buffer, 0xa5, sizeof buffer);
+  EXPECT_EQ(proc_pidinfo(getpid(), PROC_PIDLISTFDS, 0, buffer, 15), 8);
+  for (std::size_t i = 8; i < sizeof buffer; ++i)
+    EXPECT_EQ(buffer[i], 0xa5) << i;
+  EXPECT_EQ(proc_pidinfo(getpid(), PROC_PIDLISTFDS, 0, buffer, 7), 0);
+}
+
+TEST_F(PlatformProcessTest, HandleOfASocketIsItsInode) {
+  const int fd = keep(socket(AF_INET, SOCK_STREAM, 0));
+  EXPECT_EQ(handle(getpid(), fd), inode(fd));
+  list_descriptors(getpid());
+  EXPECT_EQ(handle(getpid(), fd), inode(fd));
+}
+
+TEST_F(PlatformProcessTest, HandlesAreRightBeyondWhatAListingRemembers) {
+  // More sockets than are remembered, so some share a place.
+  std::vector<int> fds;
+  for (int i = 0; i < 1500; ++i) {
+    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    if (fd < 0)
+      break;  // the limit of descriptors
+    fds.push_back(keep(fd));
+  }
+  list_descriptors(getpid());
+  for (const int fd : fds)
+    ASSERT_EQ(handle(getpid(), fd), inode(fd)) << fd;
+}
+
+TEST_F(PlatformProcessTest, AnotherListingForgetsTheOneBefore) {
+  const int fd = keep(socket(AF_INET, SOCK_STREAM, 0));
+  list_descriptors(getpid());
+  const IdleChild child;  // has inherited the socket
+  ASSERT_EQ(dup2(0, fd), fd);
+  list_descriptors(child.pid());
+  EXPECT_EQ(handle(getpid(), fd), 0u);
+  EXPECT_NE(handle(child.pid(), fd), 0u);
+}
+
+TEST_F(PlatformProcessTest, WhatAListingSawIsForgottenAfterAMoment) {
+  const int fd = keep(socket(AF_INET, SOCK_STREAM, 0));
+  list_descriptors(getpid());
+  ASSERT_EQ(dup2(0, fd), fd);
+  EXPECT_TRUE(test::wait_until([&] { return handle(getpid(), fd) == 0; }));
+}
+
+TEST_F(PlatformProcessTest, OnlySocketsHaveSocketInformation) {
+  const int fd = keep(dup(0));
+  EXPECT_EQ(handle(getpid(), fd), 0u);
+  EXPECT_EQ(errno, ENOTSUP);
+  EXPECT_EQ(handle(getpid(), 99999), 0u);
+  EXPECT_EQ(handle(getpid(), -1), 0u);
+}
+
+TEST_F(PlatformProcessTest, TooShortABufferForSocketInformationIsRefused) {
+  const int fd = keep(socket(AF_INET, SOCK_STREAM, 0));
+  socket_fdinfo info;
+  EXPECT_EQ(proc_pidfdinfo(getpid(), fd, PROC_PIDFDSOCKETINFO, &info, 791), 0);
+  EXPECT_EQ(proc_pidfdinfo(getpid(), fd, PROC_PIDFDSOCKETINFO, nullptr, 792), 0);
+  EXPECT_EQ(proc_pidfdinfo(getpid(), fd, 4711, &info, 792), 0);
+}
+
+TEST_F(PlatformProcessTest, TaskInformationIsThatOfTheProcess) {
+  proc_taskallinfo info;
+  ASSERT_EQ(proc_pidinfo(getpid(), PROC_PIDTASKALLINFO, 1, &info, 232), 232);
+  std::string name = test::read_file("/proc/self/comm");
+  name.pop_back();
+  EXPECT_EQ(std::string(info.pbsd.pbi_comm), name);
+  EXPECT_EQ(info.pbsd.pbi_pid, static_cast<std::uint32_t>(getpid()));
+  EXPECT_EQ(info.pbsd.pbi_ppid, static_cast<std::uint32_t>(getppid()));
+  EXPECT_EQ(info.pbsd.pbi_uid, geteuid());
+  EXPECT_EQ(info.pbsd.pbi_ruid, getuid());
+  EXPECT_EQ(info.pbsd.pbi_gid, getegid());
+  EXPECT_EQ(info.pbsd.pbi_pgid, static_cast<std::uint32_t>(getpgrp()));
+  EXPECT_GE(info.ptinfo.pti_threadnum, 1);
+  EXPECT_GT(info.ptinfo.pti_resident_size, 0u);
+  EXPECT_GT(info.ptinfo.pti_virtual_size, info.ptinfo.pti_resident_size);
+}
+
+TEST_F(PlatformProcessTest, NameWithBracketsAndBlanksIsWhole) {
+  for (const char* name : {"a) R 1 (b", ") (", "(", "fifteen-letters", ""}) {
+    EXPECT_TRUE(holds_in_child([&] {
+      proc_taskallinfo info;
+      prctl(PR_SET_NAME, name);
+      return proc_pidinfo(getpid(), PROC_PIDTASKALLINFO, 1, &info, sizeof info) == 232 &&
+             std::strcmp(info.pbsd.pbi_comm, name) == 0 &&
+             info.pbsd.pbi_ppid == static_cast<std::uint32_t>(getppid());
+    })) << name;
+  }
+}
+
+TEST_F(PlatformProcessTest, UserIdIsTheEffectiveOne) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "only root can change its user id";
+  EXPECT_TRUE(holds_in_child([] {
+    proc_taskallinfo info;
+    return setresuid(11, 22, 33) == 0 &&
+           proc_pidinfo(getpid(), PROC_PIDTASKALLINFO, 1, &info, sizeof info) == 232 &&
+           info.pbsd.pbi_ruid == 11 && info.pbsd.pbi_uid == 22 && info.pbsd.pbi_svuid == 33;
+  }));
+}
+
+TEST_F(PlatformProcessTest, TooShortABufferForTaskInformationIsRefused) {
+  proc_taskallinfo info;
+  EXPECT_EQ(proc_pidinfo(getpid(), PROC_PIDTASKALLINFO, 1, &info, 231), 0);
+  EXPECT_EQ(proc_pidinfo(getpid(), PROC_PIDTASKALLINFO, 1, nullptr, 232), 0);
+  EXPECT_EQ(proc_pidinfo(getpid(), 4711, 1, &info, sizeof info), 0);
+}
+
+TEST_F(PlatformProcessTest, EndedProcessHasNothing) {
+  IdleChild child;
+  const pid_t pid = child.pid();
+  EXPECT_GT(proc_pidinfo(pid, PROC_PIDLISTFDS, 0, nullptr, 0), 0);
+  child.end();
+  char buffer[800];
+  EXPECT_EQ(proc_pidinfo(pid, PROC_PIDLISTFDS, 0, nullptr, 0), 0);
+  EXPECT_EQ(proc_pidinfo(pid, PROC_PIDLISTFDS, 0, buffer, sizeof buffer), 0);
+  EXPECT_EQ(proc_pidinfo(pid, PROC_PIDTASKALLINFO, 1, buffer, sizeof buffer), 0);
+  EXPECT_EQ(proc_pidfdinfo(pid, 0, PROC_PIDFDSOCKETINFO, buffer, 792), 0);
+}
+
+TEST_F(PlatformProcessTest, NoProcessHasAPidBelowOne) {
+  char buffer[800];
+  for (const int pid : {0, -1}) {
+    EXPECT_EQ(proc_pidinfo(pid, PROC_PIDLISTFDS, 0, nullptr, 0), 0);
+    EXPECT_EQ(proc_pidinfo(pid, PROC_PIDTASKALLINFO, 1, buffer, sizeof buffer), 0);
+    EXPECT_EQ(proc_pidfdinfo(pid, 0, PROC_PIDFDSOCKETINFO, buffer, 792), 0);
+  }
+}
+
+TEST_F(PlatformProcessTest, ProcessOfAnotherUserLooksAsIfItHadNoDescriptors) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "only root can become another user";
+  const int parent = getpid();
+  const int fd = keep(socket(AF_INET, SOCK_STREAM, 0));
+  EXPECT_TRUE(holds_in_child([&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0)
+      return false;
+    char buffer[800];
+    return proc_pidinfo(parent, PROC_PIDLISTFDS, 0, buffer, sizeof buffer) == 0 &&
+           proc_pidfdinfo(parent, fd, PROC_PIDFDSOCKETINFO, buffer, 792) == 0;
+  }));
+}
+
+}  // namespace

@@ -1,0 +1,378 @@
+// Darwin's host information on Linux.
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <libproc.h>
+#include <mach/mach.h>
+#include <netinet/tcp_var.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysctl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "TcpSockets.h"
+#include "TempDir.h"
+
+namespace {
+
+constexpr char kPcbList[] = "net.inet.tcp.pcblist";
+
+sockaddr_in loopback() {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+template <typename Address>
+Address own_address(int fd) {
+  Address address = {};
+  socklen_t length = sizeof address;
+  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  return address;
+}
+
+std::uint32_t inode(int fd) {
+  struct stat status;
+  EXPECT_EQ(fstat(fd, &status), 0);
+  return static_cast<std::uint32_t>(status.st_ino);
+}
+
+/// Sockets by inode; each a tuple of family, local and foreign address and ports.
+class Collected : public platform::TcpSocketSink {
+ public:
+  bool add(const platform::TcpSocket& socket) override {
+    if (sockets.size() == room)
+      return false;
+    const int words = socket.is_v6 ? 4 : 1;
+    sockets[socket.inode] = {socket.is_v6,
+                             {socket.local, socket.local + words},
+                             {socket.foreign, socket.foreign + words},
+                             socket.local_port,
+                             socket.foreign_port};
+    return true;
+  }
+
+  using Socket = std::tuple<bool, std::vector<std::uint32_t>, std::vector<std::uint32_t>,
+                            std::uint16_t, std::uint16_t>;
+  std::map<std::uint32_t, Socket> sockets;
+  std::size_t room = 1000000;
+};
+
+class PlatformSysctlTest : public testing::Test {
+ protected:
+  ~PlatformSysctlTest() override {
+    for (const int fd : open_)
+      close(fd);
+  }
+
+  int keep(int fd) {
+    EXPECT_GE(fd, 0);
+    open_.push_back(fd);
+    return fd;
+  }
+
+  int listen_on_loopback() {
+    const int listener = keep(socket(AF_INET, SOCK_STREAM, 0));
+    const sockaddr_in address = loopback();
+    EXPECT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener, 5), 0);
+    return listener;
+  }
+
+  /// -1 where there is no IPv6.
+  int listen_on_v6_loopback() {
+    const int listener = socket(AF_INET6, SOCK_STREAM, 0);
+    if (listener < 0)
+      return -1;
+    keep(listener);
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+      return -1;
+    EXPECT_EQ(listen(listener, 5), 0);
+    return listener;
+  }
+
+  int connect_to(int listener) {
+    const int client = keep(socket(AF_INET, SOCK_STREAM, 0));
+    const sockaddr_in address = own_address<sockaddr_in>(listener);
+    EXPECT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return client;
+  }
+
+  static std::vector<char> snapshot() {
+    std::size_t length = 0;
+    EXPECT_EQ(sysctlbyname(kPcbList, nullptr, &length, nullptr, 0), 0);
+    std::vector<char> bytes(length);
+    EXPECT_EQ(sysctlbyname(kPcbList, bytes.data(), &length, nullptr, 0), 0);
+    bytes.resize(length);
+    return bytes;
+  }
+
+  /// The records of a snapshot, its frame checked on the way.
+  static std::vector<xtcpcb> records(const std::vector<char>& bytes) {
+    std::vector<xtcpcb> records;
+    xinpgen header, trailer;
+    std::memcpy(&header, bytes.data(), sizeof header);
+    std::memcpy(&trailer, bytes.data() + bytes.size() - sizeof trailer, sizeof trailer);
+    EXPECT_EQ(std::memcmp(&header, &trailer, sizeof header), 0);
+    EXPECT_EQ(std::uint32_t{header.xig_len}, 24u);
+    std::size_t offset = sizeof header;
+    while (offset + sizeof(xtcpcb) <= bytes.size() - sizeof trailer) {
+      xtcpcb record;
+      std::memcpy(&record, bytes.data() + offset, sizeof record);
+      EXPECT_EQ(std::uint32_t{record.xt_len}, sizeof(xtcpcb));
+      EXPECT_EQ(std::int32_t{record.xt_socket.xso_protocol}, 6);
+      EXPECT_LE(std::uint64_t{record.xt_inp.inp_gencnt}, std::uint64_t{header.xig_gen});
+      records.push_back(record);
+      offset += record.xt_len;
+    }
+    EXPECT_EQ(offset, bytes.size() - sizeof trailer);
+    EXPECT_EQ(std::size_t{header.xig_count}, records.size());
+    return records;
+  }
+
+  /// The records with the handle of a socket of ours.
+  static std::vector<xtcpcb> records_of(int fd) {
+    std::vector<xtcpcb> found;
+    for (const xtcpcb& record : records(snapshot())) {
+      if (record.xt_socket.so_pcb == inode(fd))
+        found.push_back(record);
+    }
+    return found;
+  }
+
+  std::vector<int> open_;
+};
+
+TEST_F(PlatformSysctlTest, BothEndsOfAConnectionAreListed) {
+  const int listener = listen_on_loopback();
+  const int client = connect_to(listener);
+  const int server = keep(accept(listener, nullptr, nullptr));
+  for (const auto& [near, far] : {std::pair(client, server), std::pair(server, client)}) {
+    const std::vector<xtcpcb> found = records_of(near);
+    ASSERT_EQ(found.size(), 1u);
+    const inpcb& pcb = found[0].xt_inp;
+    EXPECT_EQ(int{pcb.inp_vflag}, INP_IPV4);
+    EXPECT_EQ(std::uint16_t{pcb.inp_lport}, own_address<sockaddr_in>(near).sin_port);
+    EXPECT_EQ(std::uint16_t{pcb.inp_fport}, own_address<sockaddr_in>(far).sin_port);
+    EXPECT_EQ(std::uint32_t{pcb.inp_dependladdr.inp46_local.ia46_addr4.s_addr},
+              htonl(INADDR_LOOPBACK));
+    EXPECT_EQ(std::uint32_t{pcb.inp_dependfaddr.inp46_foreign.ia46_addr4.s_addr},
+              htonl(INADDR_LOOPBACK));
+  }
+}
+
+TEST_F(PlatformSysctlTest, ListenerIsListedWithoutAForeignEnd) {
+  const int listener = listen_on_loopback();
+  const std::vector<xtcpcb> found = records_of(listener);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(std::uint16_t{found[0].xt_inp.inp_fport}, 0);
+  EXPECT_EQ(std::uint16_t{found[0].xt_inp.inp_lport}, own_address<sockaddr_in>(listener).sin_port);
+}
+
+TEST_F(PlatformSysctlTest, ConnectionThatNobodyHoldsIsLeftOut) {
+  const int listener = listen_on_loopback();
+  const int client = connect_to(listener);
+  const std::uint16_t port = own_address<sockaddr_in>(client).sin_port;
+  // Not accepted: the client's end is held, the other is not.
+  std::size_t with_port = 0;
+  for (const xtcpcb& record : records(snapshot()))
+    with_port += record.xt_inp.inp_lport == port || record.xt_inp.inp_fport == port;
+  EXPECT_EQ(with_port, 1u);
+}
+
+TEST_F(PlatformSysctlTest, IPv6IsFlaggedAsSuch) {
+  const int listener = listen_on_v6_loopback();
+  if (listener < 0)
+    GTEST_SKIP() << "no IPv6 here";
+  const std::vector<xtcpcb> found = records_of(listener);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(int{found[0].xt_inp.inp_vflag}, INP_IPV6);
+}
+
+TEST_F(PlatformSysctlTest, IPv4ConnectionOfAnIPv6SocketIsIPv4) {
+  const int client = socket(AF_INET6, SOCK_STREAM, 0);
+  if (client < 0)
+    GTEST_SKIP() << "no IPv6 here";
+  keep(client);
+  const sockaddr_in listening = own_address<sockaddr_in>(listen_on_loopback());
+  sockaddr_in6 mapped = {};
+  mapped.sin6_family = AF_INET6;
+  mapped.sin6_port = listening.sin_port;
+  ASSERT_EQ(inet_pton(AF_INET6, "::ffff:127.0.0.1", &mapped.sin6_addr), 1);
+  ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&mapped), sizeof mapped), 0);
+  const std::vector<xtcpcb> found = records_of(client);
+  ASSERT_EQ(found.size(), 1u);
+  EXPECT_EQ(int{found[0].xt_inp.inp_vflag}, INP_IPV4);
+  EXPECT_EQ(std::uint32_t{found[0].xt_inp.inp_dependladdr.inp46_local.ia46_addr4.s_addr},
+            htonl(INADDR_LOOPBACK));
+  EXPECT_EQ(std::uint16_t{found[0].xt_inp.inp_fport}, listening.sin_port);
+}
+
+TEST_F(PlatformSysctlTest, ListThatDoesNotFitIsAnErrorAndStaysWithinItsBuffer) {
+  listen_on_loopback();
+  const std::size_t whole = snapshot().size();
+  for (const std::size_t room : {std::size_t{0}, std::size_t{1}, std::size_t{24}, std::size_t{543},
+                                 std::size_t{544}, std::size_t{567}}) {
+    ASSERT_LT(room, whole);
+    std::vector<char> bytes(room + 8, '\x5a');
+    std::size_t length = room;
+    EXPECT_EQ(sysctlbyname(kPcbList, bytes.data(), &length, nullptr, 0), -1) << room;
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(std::string(bytes.data() + room, 8), std::string(8, '\x5a'));
+  }
+}
+
+TEST_F(PlatformSysctlTest, SizingHasRoomForNewSockets) {
+  std::size_t length = 0;
+  ASSERT_EQ(sysctlbyname(kPcbList, nullptr, &length, nullptr, 0), 0);
+  for (int i = 0; i < 20; ++i)
+    listen_on_loopback();
+  std::vector<char> bytes(length);
+  EXPECT_EQ(sysctlbyname(kPcbList, bytes.data(), &length, nullptr, 0), 0);
+}
+
+TEST_F(PlatformSysctlTest, ThousandSocketsAreAllListed) {
+  const int listener = listen_on_loopback();
+  std::map<std::uint32_t, bool> wanted;
+  for (int i = 0; i < 250; ++i) {
+    wanted[inode(connect_to(listener))] = false;
+    wanted[inode(keep(accept(listener, nullptr, nullptr)))] = false;
+  }
+  for (const xtcpcb& record : records(snapshot()))
+    wanted.erase(record.xt_socket.so_pcb);
+  EXPECT_TRUE(wanted.empty()) << wanted.size() << " are missing";
+}
+
+TEST_F(PlatformSysctlTest, NetlinkAndTheTextTableTellTheSame) {
+  const int listener = listen_on_loopback();
+  connect_to(listener);
+  listen_on_v6_loopback();
+  // Other processes open and close sockets meanwhile: ours must agree, and all of them soon.
+  EXPECT_TRUE(test::wait_until([&] {
+    Collected by_netlink, from_text;
+    EXPECT_EQ(platform::read_tcp_sockets_by_netlink(&by_netlink), 0);
+    EXPECT_EQ(platform::read_tcp_sockets_from_proc(&from_text), 0);
+    EXPECT_EQ(by_netlink.sockets.count(inode(listener)), 1u);
+    return by_netlink.sockets == from_text.sockets;
+  }));
+}
+
+TEST_F(PlatformSysctlTest, BothWaysStopWhenThereIsNoMoreRoom) {
+  listen_on_loopback();
+  listen_on_loopback();
+  for (const auto read :
+       {platform::read_tcp_sockets_by_netlink, platform::read_tcp_sockets_from_proc}) {
+    Collected sockets;
+    sockets.room = 1;
+    EXPECT_EQ(read(&sockets), ENOMEM);
+    EXPECT_EQ(sockets.sockets.size(), 1u);
+  }
+}
+
+TEST_F(PlatformSysctlTest, CountIsThatOfTheSockets) {
+  const std::size_t before = platform::count_tcp_sockets();
+  for (int i = 0; i < 200; ++i)
+    listen_on_loopback();
+  // Others may close some meanwhile.
+  EXPECT_GE(platform::count_tcp_sockets() + 100, before + 200);
+  EXPECT_GE(platform::count_tcp_sockets(), 200u);
+}
+
+TEST_F(PlatformSysctlTest, UnknownNamesAreRefused) {
+  std::size_t length = 0;
+  EXPECT_EQ(sysctlbyname("net.inet.udp.pcblist", nullptr, &length, nullptr, 0), -1);
+  EXPECT_EQ(errno, ENOENT);
+  int name[3] = {CTL_VM, 99, 0};
+  EXPECT_EQ(sysctl(name, 2, nullptr, &length, nullptr, 0), -1);
+  EXPECT_EQ(errno, ENOENT);
+  name[1] = VM_LOADAVG;
+  EXPECT_EQ(sysctl(name, 3, nullptr, &length, nullptr, 0), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(PlatformSysctlTest, NothingCanBeSet) {
+  std::size_t length = 0;
+  int name[2] = {CTL_HW, HW_MEMSIZE};
+  int value = 1;
+  EXPECT_EQ(sysctl(name, 2, nullptr, &length, &value, sizeof value), -1);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(sysctlbyname(kPcbList, nullptr, &length, &value, sizeof value), -1);
+  EXPECT_EQ(errno, EPERM);
+}
+
+TEST_F(PlatformSysctlTest, ValuesTellTheirSizeAndRefuseTooLittleRoom) {
+  for (const auto& [first, second, size] :
+       {std::tuple(CTL_VM, VM_LOADAVG, sizeof(struct loadavg)),
+        std::tuple(CTL_HW, HW_MEMSIZE, sizeof(std::uint64_t))}) {
+    int name[2] = {first, second};
+    std::size_t length = 0;
+    char buffer[64];
+    ASSERT_EQ(sysctl(name, 2, nullptr, &length, nullptr, 0), 0);
+    EXPECT_EQ(length, size);
+    --length;
+    EXPECT_EQ(sysctl(name, 2, buffer, &length, nullptr, 0), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    length = sizeof buffer;
+    EXPECT_EQ(sysctl(name, 2, buffer, &length, nullptr, 0), 0);
+    EXPECT_EQ(length, size);
+  }
+}
+
+TEST_F(PlatformSysctlTest, PagesAreFreeActiveInactiveOrWired) {
+  vm_statistics_data_t pages;
+  mach_msg_type_number_t count = HOST_VM_INFO_COUNT;
+  ASSERT_EQ(host_statistics(mach_host_self(), HOST_VM_INFO, reinterpret_cast<host_info_t>(&pages),
+                            &count),
+            KERN_SUCCESS);
+  EXPECT_EQ(count, 15u);
+  const std::uint64_t all = std::uint64_t{pages.free_count} + pages.active_count +
+                            pages.inactive_count + pages.wire_count;
+  const std::uint64_t physical = static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES));
+  EXPECT_LE(all, physical);
+  EXPECT_GE(all + 4, physical);  // each of the four is rounded down
+}
+
+TEST_F(PlatformSysctlTest, PageSizeIsTheSystems) {
+  vm_size_t bytes = 0;
+  EXPECT_EQ(host_page_size(mach_host_self(), &bytes), KERN_SUCCESS);
+  EXPECT_EQ(bytes, static_cast<vm_size_t>(sysconf(_SC_PAGESIZE)));
+}
+
+TEST_F(PlatformSysctlTest, WrongMachArgumentsWriteNothing) {
+  vm_size_t bytes = 5;
+  EXPECT_NE(host_page_size(0, &bytes), KERN_SUCCESS);
+  EXPECT_EQ(bytes, 5u);
+  integer_t info[15] = {7};
+  mach_msg_type_number_t count = 14;
+  EXPECT_NE(host_statistics(mach_host_self(), HOST_VM_INFO, info, &count), KERN_SUCCESS);
+  count = 15;
+  EXPECT_NE(host_statistics(mach_host_self(), 99, info, &count), KERN_SUCCESS);
+  EXPECT_NE(host_statistics(0, HOST_VM_INFO, info, &count), KERN_SUCCESS);
+  EXPECT_EQ(info[0], 7);
+}
+
+TEST_F(PlatformSysctlTest, CallsStayInsideTheObjectThatLinksThem) {
+  // This program exports whatever is not hidden (it is linked so), as a plug-in might by mistake;
+  // the C library's own sysctl, where it still has one, must not be replaced for others.
+  EXPECT_NE(dlsym(RTLD_DEFAULT, "sysctl"), reinterpret_cast<void*>(&sysctl));
+  for (const char* name : {"sysctlbyname", "proc_listpids", "proc_pidinfo", "proc_pidfdinfo",
+                           "mach_host_self", "host_page_size", "host_statistics"})
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, name), nullptr) << name;
+  EXPECT_NE(dlsym(RTLD_DEFAULT, "exported_for_comparison"), nullptr);
+}
+
+}  // namespace
+
+extern "C" void exported_for_comparison() {}
