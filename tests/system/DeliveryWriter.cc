@@ -20,14 +20,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "PersistentQueue.h"
-#include "Reports.h"
 #include "WriterStatus.h"
 #include "ZmqWorker.h"
 
@@ -38,19 +36,11 @@ namespace {
 void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 void say(const char* format, ...) {
-  static std::mutex mutex;
-  std::lock_guard<std::mutex> lock(mutex);
   std::va_list arguments;
   va_start(arguments, format);
   std::vprintf(format, arguments);
   va_end(arguments);
   std::fflush(stdout);
-}
-
-void report(const char* kind, const char* format, std::va_list arguments) {
-  char text[2048];
-  std::vsnprintf(text, sizeof text, format, arguments);
-  say("%s: %s\n", kind, text);
 }
 
 class Source {
@@ -150,42 +140,6 @@ void obey(ZmqWorker* worker) {
 }
 
 }  // namespace
-
-namespace reports {
-
-void weird(const char* text) {
-  say("weird: %s\n", text);
-}
-
-void info(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  report("info", format, arguments);
-  va_end(arguments);
-}
-
-void warning(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  report("warning", format, arguments);
-  va_end(arguments);
-}
-
-void error(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  report("error", format, arguments);
-  va_end(arguments);
-}
-
-void deliver_pending() {}
-
-}  // namespace reports
-
-extern "C" void out_of_memory(const char* where) {
-  std::fprintf(stderr, "out of memory in %s.\n", where);
-  std::abort();
-}
 
 int main(int argc, char** argv) {
   if (argc == 2 && std::string(argv[1]) == "spool")
