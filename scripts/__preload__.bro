@@ -1,8 +1,8 @@
 ##! Types that the script interface of the plug-in mentions. The host reads this file before the
 ##! generated declarations of the functions, so these types are known there.
 
-## Figures of the host at one moment, as :bro:id:`LogZMQ::__get_system_stats` samples them. The order
-## of the fields is fixed: the plug-in fills them by position.
+## Figures of the host at one moment, as :bro:id:`LogZMQ::__get_system_stats` samples them. The
+## order of the fields is fixed: the plug-in fills them by position.
 type system_stats: record {
 	## Load average over the last minute as the kernel reports it (no percentage); -1.0 if unknown.
 	cpu_usage: double &log;

@@ -26,7 +26,7 @@ function stop_rotation(stream: Log::ID, filter_name: string)
 	if ( filter$name != filter_name || filter$writer != Log::WRITER_ZMQ || filter$interv == 0secs )
 		return;
 
-	local message = fmt("the ZeroMQ writer cannot rotate: rotation interval of filter \"%s\" of %s set from %s to 0secs",
+	local message = fmt("the ZeroMQ writer cannot rotate: filter %s of %s, interval %s set to 0secs",
 	                    filter_name, stream, filter$interv);
 	filter$interv = 0secs;
 	Log::remove_filter(stream, filter_name);

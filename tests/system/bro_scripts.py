@@ -32,9 +32,9 @@ TOKEN = re.compile(
 BASE_TYPES = {"string", "count", "int", "double", "bool", "time", "interval", "port", "addr",
               "subnet", "any", "pattern"}
 KEYWORDS = BASE_TYPES | {
-    "module", "export", "const", "global", "local", "redef", "type", "enum", "record", "set", "table",
-    "vector", "of", "function", "event", "if", "else", "for", "in", "return", "next", "break", "print",
-    "delete", "add", "schedule", "T", "F"}
+    "module", "export", "const", "global", "local", "redef", "type", "enum", "record", "set",
+    "table", "vector", "of", "function", "event", "if", "else", "for", "in", "return", "next",
+    "break", "print", "delete", "add", "schedule", "T", "F"}
 
 
 class ScriptError(Exception):
@@ -43,7 +43,8 @@ class ScriptError(Exception):
 
 class Type:
     def __init__(self, kind, name="", fields=None, element=None, parameters=None, index=None):
-        self.kind = kind              # a base type, record, enum, set, table, vector, function, event
+        # A base type, record, enum, set, table, vector, function or event.
+        self.kind = kind
         self.name = name              # of a record or enum
         self.fields = fields or {}    # record: name -> Field
         self.element = element        # of a set or vector; yield of a table; result of a function
@@ -52,8 +53,10 @@ class Type:
         self.constants = {}           # record: field -> its value in literals, as written
 
     def log_name(self):
-        if self.kind in ("set", "vector"):
-            return "%s[%s]" % (self.kind, (self.index[0] if self.kind == "set" else self.element).kind)
+        if self.kind == "set":
+            return "set[%s]" % self.index[0].kind
+        if self.kind == "vector":
+            return "vector[%s]" % self.element.kind
         return self.kind
 
 
@@ -62,7 +65,8 @@ class Field:
         self.type = type_
         self.log = "&log" in attributes
         # A container need not be given either: the host makes an empty one.
-        self.needed = not ({"&optional", "&default"} & set(attributes) or type_.kind in ("set", "vector"))
+        self.needed = (not {"&optional", "&default"} & set(attributes) and
+                       type_.kind not in ("set", "vector"))
 
 
 class Name:
@@ -116,7 +120,8 @@ def flatten(record, prefix="", all_logged=False):
 def check_fields(where, record, given):
     unknown = sorted(given - set(record.fields))
     if unknown:
-        raise ScriptError("%s: %s has no field %s" % (where, record.name or "the record", unknown[0]))
+        raise ScriptError("%s: %s has no field %s" %
+                          (where, record.name or "the record", unknown[0]))
     missing = [name for name, field in record.fields.items() if field.needed and name not in given]
     if missing:
         raise ScriptError("%s: field %s of %s is not given" % (where, missing[0], record.name))
@@ -516,8 +521,10 @@ class Parser:
         self.expect("in")
         container = self.expression()
         self.expect(")")
-        types = container.index if container is not None and container.kind in ("set", "table") else None
-        if container is not None and container.kind == "vector":
+        types = None
+        if container is not None and container.kind in ("set", "table"):
+            types = container.index
+        elif container is not None and container.kind == "vector":
             types = [Type("count")]
         if types is not None and len(types) != len(names):
             self.fail("%d loop variables for %d indices" % (len(names), len(types)))
@@ -532,7 +539,7 @@ class Parser:
             self.fail("'%s' is no event" % name)
         self.arguments(name, found.type)
 
-    # --- expressions: each gives its Type, or None where it is not known ---------------------------
+    # --- expressions: each gives its Type, or None where it is not known -------------------------
 
     def fits(self, wanted, value):
         """Whether a record literal suits where it goes."""
@@ -664,7 +671,8 @@ class Parser:
             operator = self.next()
             if operator == "[":
                 self.expressions("]")
-                value = value.element if value is not None and value.kind in ("table", "vector") else None
+                has_elements = value is not None and value.kind in ("table", "vector")
+                value = value.element if has_elements else None
                 continue
             name = self.new_name()
             if value is None or value.kind != "record":

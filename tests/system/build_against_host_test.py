@@ -21,8 +21,8 @@ import unittest
 SOURCE_DIR, BIFCL, ZMQWRITER = (sys.argv[1:] + [""])[:3]
 
 NEEDED = [
-    "CHANGES", "CMakeLists.txt", "COPYING", "Makefile", "README.md", "VERSION", "cmake", "configure",
-    "host/SettingsFile.cc", "host/include/SettingsFile.h", "platform", "scripts", "src",
+    "CHANGES", "CMakeLists.txt", "COPYING", "Makefile", "README.md", "VERSION", "cmake",
+    "configure", "host/SettingsFile.cc", "host/include/SettingsFile.h", "platform", "scripts", "src",
 ]
 
 
@@ -101,7 +101,8 @@ class BuildAgainstHostTest(unittest.TestCase):
         self.assertIn("not the source tree of a host", refusal())
         shutil.copytree(os.path.join(self.dist, "cmake"), os.path.join(broken, "cmake"))
         self.assertIn("run ./configure there", refusal())
-        copy(os.path.join(self.dist, "build/CMakeCache.txt"), os.path.join(broken, "build/CMakeCache.txt"))
+        cache = "build/CMakeCache.txt"
+        copy(os.path.join(self.dist, cache), os.path.join(broken, cache))
         self.assertIn("run make there", refusal())
         # CMake called without the wrapper says the same.
         text = self.run_in_source("cmake", "-S", ".", "-B", "build-broken", "-DBRO_DIST=" + broken,
@@ -172,7 +173,8 @@ class BuildAgainstHostTest(unittest.TestCase):
         package = os.path.join(build, "dist/Dravenholt_ZMQWriter-%s.tar.gz" % version)
         with tarfile.open(package) as tar:
             names = {name.split("/", 1)[1] for name in tar.getnames() if "/" in name}
-        self.assertLessEqual({"README.md", "CHANGES", "COPYING", "VERSION", "__bro_plugin__"}, names)
+        for name in ("README.md", "CHANGES", "COPYING", "VERSION", "__bro_plugin__"):
+            self.assertIn(name, names)
         with open(os.path.join(build, "MANIFEST")) as manifest:
             self.assertIn("lib/bif/zmq.bif.bro\n", manifest.readlines())
 
@@ -200,8 +202,8 @@ class BuildAgainstHostTest(unittest.TestCase):
             result = subprocess.run([ZMQWRITER, "replay", "--plugin", plugin, "-N"], cwd=self.top,
                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
             self.assertEqual(result.returncode, 0, result.stderr)
-            self.assertIn("Dravenholt::ZMQWriter - ZeroMQ log writer (dynamic, no version information)",
-                          result.stdout)
+            self.assertEqual(result.stdout, "Dravenholt::ZMQWriter - ZeroMQ log writer "
+                                            "(dynamic, no version information)\n")
 
 
 if __name__ == "__main__":

@@ -1,6 +1,6 @@
-"""The plug-in's sources compile as C++11, C++14 and C++17, with g++ and clang++, with assertions and
-without, without a warning; and they keep the order of includes that makes this work with the host's
-headers, which define macros and open namespace std.
+"""The plug-in's sources compile as C++11, C++14 and C++17, with g++ and clang++, with assertions
+and without, without a warning; and they keep the order of includes that makes this work with the
+host's headers, which define macros and open namespace std.
 
     compile_matrix_test.py SOURCE_DIR GENERATED_DIR [INCLUDE_DIR]...
 """

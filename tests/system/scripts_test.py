@@ -68,12 +68,15 @@ class ScriptsTest(unittest.TestCase):
         pairs = self.program.names["LogZMQ::Pairs"].type.fields
         without = self.program.names["LogZMQ::PairsWithoutUID"].type.fields
         self.assertEqual(list(pairs), ["ts", "uid", "extra_fields", "extra_vals"])
-        self.assertTrue(all(field.needed or field.type.kind == "vector" for field in pairs.values()))
+        for name, field in pairs.items():
+            self.assertTrue(field.needed or field.type.kind == "vector", name)
         self.assertEqual(list(without), ["ts", "extra_fields", "extra_vals"])
 
     def test_every_log_with_a_table_of_its_own_is_left_out_of_the_pairs(self):
-        for script, log in (("connections", "Conn"), ("ftp", "FTP"), ("http", "HTTP"), ("smtp", "SMTP")):
-            self.assertIn("redef not_as_pairs += { %s::LOG };" % log, read(FOLDER + script + ".bro"))
+        scripts = {"connections": "Conn", "ftp": "FTP", "http": "HTTP", "smtp": "SMTP"}
+        for script, log in scripts.items():
+            self.assertIn("redef not_as_pairs += { %s::LOG };" % log,
+                          read(FOLDER + script + ".bro"))
 
 
 class CheckerTest(unittest.TestCase):
@@ -99,7 +102,8 @@ class CheckerTest(unittest.TestCase):
         self.refused(FOLDER + "http.bro", "\t{\n\tLog::create", "\tLog::create", "expected '{'")
 
     def test_brace_too_many(self):
-        self.refused(FOLDER + "ftp.bro", "\n\t}\n\nevent bro", "\n\t}\n\t}\n\nevent bro", "declaration")
+        self.refused(FOLDER + "ftp.bro", "\n\t}\n\nevent bro", "\n\t}\n\t}\n\nevent bro",
+                     "declaration")
 
     def test_unfinished_string(self):
         self.refused(FOLDER + "ftp.bro", '"ftp");', '"ftp);', "unexpected")

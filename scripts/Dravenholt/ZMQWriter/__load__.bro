@@ -1,5 +1,5 @@
-##! Sends everything: connections, http, ftp and smtp as records of their own kind, all other logs as
-##! key/value pairs, and the figures of the host. Load single scripts of this folder for less.
+##! Sends everything: connections, http, ftp and smtp as records of their own kind, all other logs
+##! as key/value pairs, and the figures of the host. Load single scripts of this folder for less.
 
 @load ./connections.bro
 @load ./ftp.bro

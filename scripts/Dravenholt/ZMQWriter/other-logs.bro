@@ -1,12 +1,12 @@
 ##! Sends the records of every active log that no other script of this folder sends, as key/value
 ##! pairs: extra_fields holds the names of the columns, extra_vals their values as the host writes
-##! them into its logs, the elements of sets and vectors joined with a comma. The first pair is _path
-##! with the path of the log. The time and the uid have columns of their own; they and columns without
-##! a value are left out of the pairs.
+##! them into its logs, the elements of sets and vectors joined with a comma. The first pair is
+##! _path with the path of the log. The time and the uid have columns of their own; they and columns
+##! without a value are left out of the pairs.
 ##!
-##! A record carries no ptype: a name that the writer has no table for costs a warning per record. The
-##! reporter's log is left out: a report about one of its records would be its next record, without
-##! end.
+##! A record carries no ptype: a name that the writer has no table for costs a warning per record.
+##! The reporter's log is left out: a report about one of its records would be its next record,
+##! without end.
 
 @load ./streams.bro
 
@@ -166,7 +166,8 @@ event bro_init() &priority=5
 	{
 	Log::create_stream(LogZMQ::PAIRS_LOG, [$columns=Pairs, $path="pairs"]);
 	send_by_zmq(LogZMQ::PAIRS_LOG, "pairs");
-	Log::create_stream(LogZMQ::PAIRS_WITHOUT_UID_LOG, [$columns=PairsWithoutUID, $path="pairs_without_uid"]);
+	Log::create_stream(LogZMQ::PAIRS_WITHOUT_UID_LOG,
+	                   [$columns=PairsWithoutUID, $path="pairs_without_uid"]);
 	send_by_zmq(LogZMQ::PAIRS_WITHOUT_UID_LOG, "pairs_without_uid");
 	}
 

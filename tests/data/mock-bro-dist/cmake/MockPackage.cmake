@@ -1,4 +1,5 @@
-# Makes MANIFEST, dist/NAME-<version>.tar.gz and the link NAME.tgz in the build folder, where it runs.
+# Makes MANIFEST, dist/NAME-<version>.tar.gz and the link NAME.tgz in the build folder, where it
+# runs.
 
 set(build ${CMAKE_CURRENT_BINARY_DIR})
 file(STRINGS ../VERSION version LIMIT_COUNT 1)
