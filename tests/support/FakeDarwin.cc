@@ -47,7 +47,8 @@ int copy_value(const void* value, std::size_t length, void* out, std::size_t* ou
     errno = ENOMEM;
     return -1;
   }
-  std::memcpy(out, value, length);
+  if (length > 0)
+    std::memcpy(out, value, length);
   *out_length = length;
   return 0;
 }
