@@ -4,7 +4,7 @@
 #include "HostReporter.h"
 #include "standin/MainThread.h"
 
-// Zero-initialised before any static object can ask for them; no file name means no location.
+// Without a file name: no location.
 Location no_location;
 Location start_location;
 Location end_location;

@@ -22,7 +22,9 @@ class Location {
         last_line(line_l),
         first_column(col_f),
         last_column(col_l) {}
-  Location() : filename(0), first_line(0), last_line(0), first_column(0), last_column(0) {}
+  // constexpr: static objects of any file may ask for the locations below.
+  constexpr Location()
+      : filename(0), first_line(0), last_line(0), first_column(0), last_column(0) {}
   virtual ~Location() {}
 
   virtual void Describe(ODesc* d) const;

@@ -81,12 +81,13 @@ class ProbeWriter : public WriterBackend {
   bool DoInit(const WriterInfo& info, int num_fields, const Field* const*) override {
     EXPECT_EQ(&info, &Info());
     story->add("init " + std::string(info.path) + " " + std::to_string(num_fields));
+    child_ = std::this_thread::get_id();
     std::lock_guard<std::mutex> lock(story->mutex);
-    story->child = std::this_thread::get_id();
+    story->child = child_;
     return story->init_result;
   }
   bool DoWrite(int, const Field* const*, Value** vals) override {
-    EXPECT_EQ(std::this_thread::get_id(), story->child);
+    EXPECT_EQ(std::this_thread::get_id(), child_);
     {
       std::lock_guard<std::mutex> lock(story->mutex);
       story->written.push_back(vals[0]->val.uint_val);
@@ -115,6 +116,9 @@ class ProbeWriter : public WriterBackend {
     story->add("heartbeat");
     return story->heartbeat_result;
   }
+
+ private:
+  std::thread::id child_;
 };
 
 const std::vector<Field>& columns() {
@@ -176,10 +180,6 @@ class WriterTest : public testing::Test {
       host_->Pump();
       return condition();
     });
-  }
-
-  bool until_taken() {
-    return until([&] { return host_->PendingInput() == 0 && story_.has("settled"); });
   }
 
   // Waits until everything that was posted so far has been handled by the writer.
@@ -406,7 +406,6 @@ TEST_F(WriterTest, StoppedWriterIsJoinedAndDeletedWhileTheHostGoesOn) {
 
 TEST_F(WriterTest, KeptPointersReadPoison) {
   std::vector<Value*> kept;
-  std::vector<Value> snapshots(2);
   bool poisoned = false;
   story_.on_write = [&](WriterBackend*, Value** vals) {
     if (!kept.empty()) {
@@ -523,9 +522,12 @@ TEST_F(WriterTest, ManyWritersAtOnceLoseNothing) {
   std::vector<WriterFrontend*> frontends;
   for (int i = 0; i < 3; ++i)
     frontends.push_back(create(("log" + std::to_string(i)).c_str()));
-  // Each has its own thread, so the probe's check for one child thread does not apply.
-  story_.child = std::thread::id();
+  for (uint64_t n = 0; n < 1500; ++n) {
+    for (WriterFrontend* frontend : frontends)
+      write(frontend, n);
+  }
   host_->Finish();
+  EXPECT_EQ(story_.numbers().size(), 4500u);
   const auto events = story_.all();
   EXPECT_EQ(std::count(events.begin(), events.end(), "finish"), 3);
   EXPECT_EQ(std::count(events.begin(), events.end(), "destroy"), 3);
@@ -540,7 +542,8 @@ TEST_F(WriterTest, FinishTwiceDoesNothingMore) {
 }
 
 TEST_F(WriterTest, SecondHostIsRefused) {
-  EXPECT_THROW(standin::Host(standin::Host::Options()), standin::HostError);
+  const standin::Host::Options options;
+  EXPECT_THROW(standin::Host{options}, standin::HostError);
 }
 
 TEST_F(WriterTest, WriterNeverStartedMayBeUsedOnTheMainThread) {
