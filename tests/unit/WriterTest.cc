@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 // Alone in front: it must bring libzmq's header along, or a file system without upper and lower
@@ -372,6 +373,14 @@ TEST_F(Writer, EachRecordIsOneMessageOfTheConversion) {
   const test::Bytes bare = test::convert(none);
   EXPECT_THAT(FakeWorker::messages(), ElementsAre(std::string(full.begin(), full.end()),
                                                   std::string(bare.begin(), bare.end())));
+}
+
+TEST_F(Writer, DestructionDeliversTheReportsThatStillWait) {
+  WriterUnderTest living, destroyed;
+  std::thread([] { reports::warning("from a thread of its own"); }).join();
+  EXPECT_THAT(warnings(), IsEmpty());
+  destroyed.destroy();
+  EXPECT_THAT(warnings(), ElementsAre("from a thread of its own"));
 }
 
 // -- Status ---------------------------------------------------------------------------------------
