@@ -26,9 +26,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kPollMs = 100;
+// Messages taken between two looks at signals and time limits.
+constexpr int kMostAtOnce = 1000;
 // Bad messages beyond these are counted only.
 constexpr std::uint64_t kReportedBadMessages = 10;
-// After a stop signal: how long what is still under way may take to arrive.
+// After a stop signal: when nothing is under way any more, and how long that may take.
+constexpr int kQuietMs = 300;
 constexpr auto kLongestDrain = std::chrono::seconds(2);
 
 struct Options {
@@ -74,7 +77,7 @@ class PullSocket {
     return bound;
   }
 
-  /// Admits no further connections under this endpoint; those that exist stay.
+  /// Ends the endpoint and its connections. What has been received can still be taken.
   void Unbind(const std::string& endpoint) { zmq_unbind(socket_, endpoint.c_str()); }
 
   /// Waits for a message, at most `timeout_ms`, and no longer than until a signal.
@@ -163,33 +166,29 @@ class Collector {
            Clock::now() - last_message_ >= std::chrono::duration<double>(options_.timeout_s);
   }
 
-  /// Takes what has arrived; false if there was nothing. What was printed is handed on before we
-  /// wait again, so that a reader behind a pipe sees each event at once.
+  /// Takes what has arrived, within limits; false if there was nothing. What was printed is handed
+  /// on before we wait again, so that a reader behind a pipe sees each event at once.
   bool TakeWaiting() {
-    bool any = false;
-    while (!Done() && socket_.Receive(&part_)) {
+    int taken = 0;
+    while (taken < kMostAtOnce && !Done() && socket_.Receive(&part_)) {
       TakeMessage();
-      any = true;
-      if (stop_requested())
-        break;
+      ++taken;
     }
     out_.Flush();
-    if (any)
+    if (taken > 0)
       last_message_ = Clock::now();
-    return any;
+    return taken > 0;
   }
 
-  /// The agents count as delivered what has come as far as our socket: it is not left behind.
+  /// The agents count as delivered what has left them: it is not left behind, as far as it can be.
+  /// Unbinding ends the connections too, so it comes only when they have gone quiet.
   void Drain() {
+    const auto end = Clock::now() + kLongestDrain;
+    while (!Done() && Clock::now() < end && socket_.Wait(kQuietMs))
+      TakeWaiting();
     for (const std::string& endpoint : bound_)
       socket_.Unbind(endpoint);
-    const auto end = Clock::now() + kLongestDrain;
-    while (!Done() && Clock::now() < end) {
-      if (socket_.Receive(&part_))
-        TakeMessage();
-      else if (!socket_.Wait(kPollMs))
-        break;
-    }
+    TakeWaiting();
   }
 
   void TakeMessage() {

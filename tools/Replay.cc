@@ -116,6 +116,7 @@ class Replay {
     progress_.Clear();
     const DravenholtZmqWriterStatus before_end = status_->Now();
     AnnounceEnd(before_end);
+    release_stop_signals();
     for (const auto& feed : feeds_)
       feed->NoteFailure();
     host_.Finish();
@@ -286,13 +287,20 @@ class Replay {
     why_stopped_ = "stopped by a signal";
   }
 
-  /// What the plug-in still holds, it tries once more when it is stopped. That may take long.
+  /// What the plug-in holds in memory, it tries once more when it is stopped. That may take long,
+  /// so what is known already is said before.
   static void AnnounceEnd(const DravenholtZmqWriterStatus& status) {
+    if (status.spooled)
+      std::fprintf(stderr,
+                   "left on disk: events in %s, which the next run sends ('zmqwriter spool list' "
+                   "shows them)\n",
+                   status.spool_folder);
     const std::uint64_t held = status.queued + (status.in_work ? 1 : 0);
     if (status.running && held > 0)
       std::fprintf(stderr,
                    "stopping with %llu entries in memory (retries count as well): they are tried "
-                   "once more, which takes up to 3 seconds each while no server answers\n",
+                   "once more, which takes up to 3 seconds each while no server answers; a signal "
+                   "ends that at once\n",
                    static_cast<unsigned long long>(held));
   }
 
@@ -321,11 +329,6 @@ class Replay {
   }
 
   void ReportRest(const DravenholtZmqWriterStatus& before_end, std::uint64_t sent) const {
-    if (before_end.spooled)
-      std::fprintf(stderr,
-                   "left on disk: events in %s, which the next run sends ('zmqwriter spool list' "
-                   "shows them)\n",
-                   before_end.spool_folder);
     if (sent < fed_)
       std::fprintf(stderr, "%s: %s\n",
                    before_end.spooled ? "not sent, on disk or lost" : "not sent and not on disk",

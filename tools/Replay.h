@@ -13,7 +13,7 @@
 // sent for the drain time. The same limit holds for a pause.
 //
 // SIGINT and SIGTERM end the reading; what is on its way gets a few seconds, then the plug-in is
-// stopped in the host's order.
+// stopped in the host's order. A signal during that last step ends the process at once.
 #pragma once
 
 #include <string>

@@ -7,5 +7,8 @@
 /// Installs the handlers. Main thread, before others exist.
 void catch_stop_signals();
 
+/// Back to the default: the next one ends the process. Main thread.
+void release_stop_signals();
+
 /// Whether one has arrived. Any thread.
 bool stop_requested();

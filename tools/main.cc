@@ -13,6 +13,7 @@
 #include "DecodeCommand.h"
 #include "KeygenCommand.h"
 #include "ReplayCommand.h"
+#include "SpoolCommands.h"
 
 namespace {
 
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
   add_collect_command(app, &exit_code);
   add_replay_command(app, &exit_code);
   add_decode_command(app, &exit_code);
+  add_spool_command(app, &exit_code);
 
   try {
     app.parse(argc, argv);

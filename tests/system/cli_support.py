@@ -1,0 +1,210 @@
+"""What the tests of the command line share: the program, a collector, an agent, logs as lists.
+
+Where the programs are comes from the environment: ZMQWRITER_BUILD_DIR, ZMQWRITER_SOURCE_DIR and
+ZMQWRITER_FLATC. Every test works in a temporary folder of its own and lets the system choose ports.
+"""
+
+import os
+import re
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+BUILD_DIR = os.environ["ZMQWRITER_BUILD_DIR"]
+SOURCE_DIR = os.environ["ZMQWRITER_SOURCE_DIR"]
+ZMQWRITER = os.path.join(BUILD_DIR, "bin", "zmqwriter")
+PLUGIN = os.path.join(BUILD_DIR, "plugin-sandbox")
+DEADLINE = 60  # seconds; only ever reached by a failure
+
+try:
+    import flatbuffers
+    import zmq
+except ImportError:
+    flatbuffers = zmq = None
+
+needs_zmq = unittest.skipUnless(zmq, "needs the Python packages zmq and flatbuffers")
+
+
+def wait_for(condition, what):
+    """Polls until the condition gives something true, and returns that."""
+    end = time.monotonic() + DEADLINE
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() > end:
+            raise AssertionError("waited in vain for " + what)
+        time.sleep(0.01)
+
+
+def read_file(name, mode="r"):
+    with open(name, mode) as file:
+        return file.read()
+
+
+def write_file(name, content):
+    with open(name, "wb" if isinstance(content, bytes) else "w") as file:
+        file.write(content)
+
+
+class Process:
+    """A running zmqwriter; its output is collected on the side, so that it never blocks."""
+
+    def __init__(self, arguments, **options):
+        self.popen = subprocess.Popen([ZMQWRITER] + arguments, stdout=subprocess.PIPE,
+                                      stderr=subprocess.PIPE, **options)
+        self.out, self.err = bytearray(), bytearray()
+        self.readers = [threading.Thread(target=self._read, args=pair, daemon=True)
+                        for pair in ((self.popen.stdout, self.out), (self.popen.stderr, self.err))]
+        for reader in self.readers:
+            reader.start()
+
+    @staticmethod
+    def _read(stream, target):
+        while True:
+            try:
+                data = os.read(stream.fileno(), 65536)
+            except (OSError, ValueError):  # closed by a test
+                return
+            if not data:
+                return
+            target += data
+
+    @property
+    def stderr(self):
+        return self.err.decode("utf-8", "replace")
+
+    @property
+    def stdout(self):
+        return self.out.decode("utf-8", "replace")
+
+    def lines(self):
+        """The whole lines of standard output so far."""
+        return bytes(self.out).split(b"\n")[:-1]
+
+    def wait(self):
+        """The exit status, once everything is read."""
+        status = self.popen.wait(DEADLINE)
+        for reader in self.readers:
+            reader.join(DEADLINE)
+        return status
+
+    def stop(self):
+        if self.popen.poll() is None:
+            self.popen.kill()
+            self.popen.wait()
+        for stream in (self.popen.stdout, self.popen.stderr):
+            if not stream.closed:
+                stream.close()
+
+
+class CliTest(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="zmqwriter-test-")
+        self.addCleanup(folder.cleanup)
+        previous = os.getcwd()
+        os.chdir(folder.name)
+        self.addCleanup(os.chdir, previous)
+
+    def run_tool(self, *arguments, stdin=b"", **options):
+        """Runs to the end; the result has bytes as stdout and text as stderr."""
+        result = subprocess.run([ZMQWRITER] + list(arguments), input=stdin, capture_output=True,
+                                timeout=DEADLINE, **options)
+        result.stderr = result.stderr.decode("utf-8", "replace")
+        return result
+
+    def start(self, *arguments, **options):
+        process = Process(list(arguments), **options)
+        self.addCleanup(process.stop)
+        return process
+
+    def keygen(self):
+        if not os.path.exists("server.secret"):
+            self.assertEqual(self.run_tool("keygen").returncode, 0)
+
+    def collect(self, *arguments):
+        """A running collector with a fresh key pair; its endpoint is in .endpoint."""
+        self.keygen()
+        collector = self.start("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                               "server.secret", *arguments)
+        collector.endpoint = wait_for(
+            lambda: re.search(r"listening on (tcp://127\.0\.0\.1:[1-9]\d*)\n", collector.stderr),
+            "the collector's endpoint").group(1)
+        return collector
+
+    def agent(self, endpoint, server_key=None):
+        """A PUSH socket that is a CURVE client of the collector."""
+        socket = self.plain_agent()
+        public, secret = zmq.curve_keypair()
+        socket.curve_publickey, socket.curve_secretkey = public, secret
+        socket.curve_serverkey = server_key or bytes.fromhex(read_file("server.public"))
+        socket.connect(endpoint)
+        return socket
+
+    def plain_agent(self):
+        """A PUSH socket that is not connected yet and does not encrypt."""
+        context = zmq.Context()
+        self.addCleanup(context.term)
+        socket = context.socket(zmq.PUSH)
+        socket.linger = 0
+        socket.sndtimeo = DEADLINE * 1000
+        self.addCleanup(socket.close)
+        return socket
+
+
+def totals(process):
+    """The collector's closing lines as a dictionary."""
+    return {name: int(number)
+            for name, number in re.findall(r"^ *([A-Za-z0-9 -]+): (\d+)", process.stderr, re.M)}
+
+
+# ---- events by means of the schema's Python code ----
+
+_schema = None
+
+
+def schema():
+    """The modules that flatc makes out of our schema, by name."""
+    global _schema
+    if _schema is None:
+        folder = tempfile.mkdtemp(prefix="zmqwriter-schema-")
+        try:
+            subprocess.run([os.environ["ZMQWRITER_FLATC"], "--python", "-o", folder,
+                            os.path.join(SOURCE_DIR, "src", "aggregator.fbs")], check=True)
+            sys.path.insert(0, folder)
+            package = os.path.join(folder, "Dravenholt")
+            names = [name[:-3] for name in os.listdir(package) if not name.startswith("__")]
+            _schema = {name: __import__("Dravenholt." + name, fromlist=[name]) for name in names}
+            sys.path.remove(folder)
+        finally:
+            shutil.rmtree(folder)
+    return _schema
+
+
+def make_event(uid=b"C1", details=b"details", ts=1.5):
+    """A Tn5250 event; texts are bytes, valid UTF-8 or not."""
+    event, data = schema()["NetworkEvent"], schema()["Tn5250Data"]
+    builder = flatbuffers.Builder(256)
+    uid_at, details_at = builder.CreateString(uid), builder.CreateString(details)
+    data.Tn5250DataStart(builder)
+    data.Tn5250DataAddDetails(builder, details_at)
+    payload = data.Tn5250DataEnd(builder)
+    event.NetworkEventStart(builder)
+    event.NetworkEventAddUid(builder, uid_at)
+    event.NetworkEventAddTs(builder, ts)
+    event.NetworkEventAddDataType(builder, schema()["Data"].Data.Tn5250Data)
+    event.NetworkEventAddData(builder, payload)
+    builder.Finish(event.NetworkEventEnd(builder))
+    return bytes(builder.Output())
+
+
+def framed(*messages):
+    """Messages as `collect --format raw` writes them."""
+    return b"".join(struct.pack("<I", len(message)) + message for message in messages)

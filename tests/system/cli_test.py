@@ -1,0 +1,412 @@
+"""The command line of zmqwriter: manners, keygen, collect, decode."""
+
+import json
+import os
+import re
+import signal
+import stat
+import subprocess
+import unittest
+
+from cli_support import (CliTest, SOURCE_DIR, ZMQWRITER, framed, make_event, needs_zmq, read_file, totals,
+                         wait_for, write_file, zmq)
+
+SUBCOMMANDS = ["keygen", "collect", "replay", "decode"]
+
+
+class UsageTest(CliTest):
+    def test_help_goes_to_standard_output(self):
+        for arguments in [["--help"]] + [[name, "--help"] for name in SUBCOMMANDS]:
+            result = self.run_tool(*arguments)
+            self.assertEqual((result.returncode, result.stderr), (0, ""), arguments)
+            self.assertIn(b"Usage: zmqwriter", result.stdout)
+
+    def test_help_names_every_subcommand(self):
+        text = self.run_tool("--help").stdout.decode()
+        for name in SUBCOMMANDS:
+            self.assertRegex(text, r"\n  %s +\S" % name)
+
+    def test_version_is_the_projects(self):
+        version = read_file(os.path.join(SOURCE_DIR, "VERSION")).split("\n")[0]
+        result = self.run_tool("--version")
+        self.assertEqual((result.returncode, result.stdout.decode()),
+                         (0, "zmqwriter %s\n" % version))
+
+    def test_wrong_usage_is_status_two_with_a_hint_and_no_output(self):
+        collect = ["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "x"]
+        for arguments, hint in [
+                ([], "subcommand"),
+                (["nonsense"], "subcommand"),
+                (["keygen", "--nonsense"], "--nonsense"),
+                (["keygen", "extra"], "extra"),
+                (["collect"], "--bind"),
+                (["collect", "--bind", "tcp://127.0.0.1:*"], "--secret-key"),
+                (collect + ["--format", "xml"], "xml"),
+                (collect + ["--count", "0"], "positive number"),
+                (collect + ["--count", "-3"], "positive number"),
+                (collect + ["--timeout", "soon"], "positive number"),
+                (["replay"], "--settings"),
+                (["replay", "--settings", "x"], "LOG"),
+                (["replay", "x.log"], "--settings"),
+                (["replay", "--settings", "x", "--set", "nonsense", "x.log"], "LogZMQ::NAME=VALUE"),
+                (["replay", "--settings", "x", "--rate", "0", "x.log"], "positive number"),
+                (["replay", "--settings", "x", "--drain", "-1", "x.log"], "not negative")]:
+            result = self.run_tool(*arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+            self.assertIn(hint, result.stderr)
+            self.assertIn("--help", result.stderr)
+
+
+class KeygenTest(CliTest):
+    def test_makes_a_pair_in_the_plugins_form(self):
+        result = self.run_tool("keygen")
+        self.assertEqual(result.returncode, 0)
+        for name in ["server.public", "server.secret"]:
+            self.assertRegex(read_file(name), r"\A[0-9A-F]{64}\n\Z")
+        self.assertEqual(result.stdout.decode(), "zmq.public_key = " + read_file("server.public"))
+
+    @needs_zmq
+    def test_the_two_keys_belong_together(self):
+        self.run_tool("keygen")
+        from zmq.utils import z85
+        secret = z85.encode(bytes.fromhex(read_file("server.secret")))
+        public = z85.encode(bytes.fromhex(read_file("server.public")))
+        self.assertEqual(zmq.curve_public(secret), public)
+
+    def test_two_runs_make_different_pairs(self):
+        self.run_tool("keygen", "--dir", "a")
+        self.run_tool("keygen", "--dir", "b")
+        self.assertNotEqual(read_file("a/server.secret"), read_file("b/server.secret"))
+
+    def test_never_prints_the_secret(self):
+        result = self.run_tool("keygen")
+        secret = read_file("server.secret").strip()
+        for text in (result.stdout.decode(), result.stderr):
+            self.assertNotIn(secret.lower(), text.lower())
+
+    def test_secret_is_for_its_owner_only_whatever_the_umask(self):
+        for umask in (0o000, 0o022, 0o077):
+            folder = "keys-%o" % umask
+            self.run_tool("keygen", "--dir", folder,
+                          preexec_fn=lambda umask=umask: os.umask(umask) and None)
+            mode = stat.S_IMODE(os.stat(folder + "/server.secret").st_mode)
+            self.assertEqual(mode, 0o600)
+
+    def test_refuses_to_overwrite_and_leaves_everything_as_it_was(self):
+        for existing, other in [("server.public", "server.secret"),
+                                ("server.secret", "server.public")]:
+            write_file(existing, "precious\n")
+            result = self.run_tool("keygen")
+            self.assertEqual((result.returncode, result.stdout), (1, b""))
+            self.assertIn(existing + ": exists already", result.stderr)
+            self.assertEqual(read_file(existing), "precious\n")
+            self.assertFalse(os.path.exists(other), "half a pair was left")
+            os.remove(existing)
+
+    def test_does_not_follow_a_link_in_the_secrets_place(self):
+        os.symlink("elsewhere", "server.secret")
+        self.assertEqual(self.run_tool("keygen").returncode, 1)
+        self.assertFalse(os.path.exists("elsewhere"))
+
+    def test_folder_that_cannot_be_made_is_a_failure_by_name(self):
+        result = self.run_tool("keygen", "--dir", "no/such/folder")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("no/such/folder: cannot create the folder", result.stderr)
+
+    def test_full_output_is_a_failure(self):
+        if not os.path.exists("/dev/full"):
+            self.skipTest("needs /dev/full")
+        with open("/dev/full", "w") as full:
+            result = subprocess.run([ZMQWRITER, "keygen"], stdout=full, stderr=subprocess.PIPE)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(b"cannot write the output", result.stderr)
+
+
+@needs_zmq
+class CollectTest(CliTest):
+    def test_each_event_is_printed_as_soon_as_it_has_come(self):
+        collector = self.collect()
+        agent = self.agent(collector.endpoint)
+        for number in range(3):
+            agent.send(make_event(uid=b"C%d" % number))
+            wait_for(lambda: len(collector.lines()) == number + 1, "the event's line")
+        self.assertEqual([json.loads(line)["uid"] for line in collector.lines()], ["C0", "C1", "C2"])
+
+    def test_count_ends_it_after_so_many_events(self):
+        collector = self.collect("--count", "2")
+        agent = self.agent(collector.endpoint)
+        for number in range(5):
+            agent.send(make_event(uid=b"C%d" % number))
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(len(collector.lines()), 2)
+        self.assertEqual(totals(collector)["events"], 2)
+
+    def test_bad_messages_are_counted_and_do_not_stop_it(self):
+        collector = self.collect("--count", "2")
+        agent = self.agent(collector.endpoint)
+        event = make_event()
+        agent.send(event)
+        agent.send(b"")
+        agent.send(b"this is no event")
+        agent.send(event[:-4])
+        agent.send_multipart([event, b"more", b""])
+        agent.send(event)
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(len(collector.lines()), 2)
+        self.assertEqual(totals(collector),
+                         {"events": 2, "Tn5250Data": 2, "empty messages": 1,
+                          "malformed messages": 2, "multi-part messages": 1})
+        self.assertIn("events: 2 (%d bytes)" % (2 * len(event)), collector.stderr)
+        self.assertIn("these 16 bytes are no event message", collector.stderr)
+
+    def test_flood_of_bad_messages_is_reported_ten_times_and_counted(self):
+        collector = self.collect("--count", "1")
+        agent = self.agent(collector.endpoint)
+        for _ in range(100):
+            agent.send(b"this is no event")
+        agent.send(make_event())
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["malformed messages"], 100)
+        self.assertEqual(collector.stderr.count("these 16 bytes are no event"), 10)
+
+    def test_time_out_without_the_wanted_count_is_a_failure(self):
+        collector = self.collect("--count", "2", "--timeout", "0.5")
+        self.agent(collector.endpoint).send(make_event())
+        self.assertEqual(collector.wait(), 1)
+        self.assertRegex(collector.stderr, "only [01] of 2 events came")
+
+    def test_time_out_alone_is_a_proper_end(self):
+        self.assertEqual(self.collect("--timeout", "0.2").wait(), 0)
+
+    def test_signals_end_it_cleanly_with_totals(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            collector = self.collect()
+            self.agent(collector.endpoint).send(make_event())
+            wait_for(collector.lines, "the event")
+            collector.popen.send_signal(number)
+            self.assertEqual(collector.wait(), 0)
+            self.assertEqual(totals(collector)["events"], 1)
+
+    def test_what_has_arrived_before_a_signal_is_printed(self):
+        collector = self.collect()
+        agent = self.agent(collector.endpoint)
+        agent.send(make_event())
+        wait_for(collector.lines, "the first event")
+        collector.popen.send_signal(signal.SIGSTOP)
+        for _ in range(50):
+            agent.send(make_event())
+        collector.popen.send_signal(signal.SIGTERM)
+        collector.popen.send_signal(signal.SIGCONT)
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(len(collector.lines()), 51)
+
+    def test_reader_that_goes_away_ends_it_with_a_message(self):
+        self.keygen()
+        read_end, write_end = os.pipe()
+        process = self.start_into(write_end)
+        os.close(read_end)
+        agent = self.agent(process.endpoint)
+        agent.send(make_event())
+        self.assertEqual(process.popen.wait(30), 1)
+        self.assertIn("cannot write the output: Broken pipe", process.stderr_text())
+
+    def start_into(self, stdout):
+        """A collector whose standard output is the given descriptor."""
+        class Running:
+            pass
+
+        running = Running()
+        with open("stderr", "wb") as stderr:
+            running.popen = subprocess.Popen(
+                [ZMQWRITER, "collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                 "server.secret"], stdout=stdout, stderr=stderr)
+        os.close(stdout)
+        running.stderr_text = lambda: read_file("stderr")
+        self.addCleanup(lambda: running.popen.poll() is None and running.popen.kill())
+        running.endpoint = wait_for(
+            lambda: re.search(r"listening on (\S+)\n", read_file("stderr")), "the endpoint").group(1)
+        return running
+
+    def test_raw_output_decodes_to_the_same_events(self):
+        collector = self.collect("--format", "raw", "--count", "3")
+        agent = self.agent(collector.endpoint)
+        events = [make_event(uid=b"C%d" % number, details=b"x" * number) for number in range(3)]
+        for event in events:
+            agent.send(event)
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(bytes(collector.out), framed(*events))
+        decoded = self.run_tool("decode", stdin=bytes(collector.out))
+        self.assertEqual([json.loads(line)["uid"] for line in decoded.stdout.splitlines()],
+                         ["C0", "C1", "C2"])
+
+    def test_text_output_is_one_line_for_the_eye(self):
+        collector = self.collect("--format", "text", "--count", "1")
+        self.agent(collector.endpoint).send(make_event(details=b"a b"))
+        collector.wait()
+        self.assertEqual(collector.stdout, '1970-01-01T00:00:01.500000Z - C1 Tn5250Data '
+                                           'protocol=- details="a b"\n')
+
+    def test_quiet_leaves_only_the_endpoint_on_standard_error(self):
+        collector = self.collect("--quiet", "--count", "1")
+        agent = self.agent(collector.endpoint)
+        agent.send(b"this is no event")
+        agent.send(make_event())
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(collector.stderr, "listening on %s\n" % collector.endpoint)
+
+    def test_several_endpoints_are_served(self):
+        collector = self.collect("--bind", "tcp://127.0.0.1:*", "--count", "2")
+        endpoints = wait_for(lambda: len(re.findall(r"listening on (\S+)\n", collector.stderr)) == 2
+                             and re.findall(r"listening on (\S+)\n", collector.stderr),
+                             "two endpoints")
+        for endpoint in endpoints:
+            self.agent(endpoint).send(make_event())
+        self.assertEqual(collector.wait(), 0)
+
+    def test_agent_with_another_server_key_gets_nothing_through(self):
+        collector = self.collect("--timeout", "1")
+        other_key, _ = zmq.curve_keypair()
+        agent = self.agent(collector.endpoint, server_key=other_key)
+        agent.send(make_event())
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["events"], 0)
+
+    def test_agent_without_encryption_gets_nothing_through(self):
+        collector = self.collect("--timeout", "1")
+        agent = self.plain_agent()
+        agent.connect(collector.endpoint)
+        agent.send(make_event())
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["events"], 0)
+
+
+class CollectKeyTest(CliTest):
+    def collect_with(self, content, mode=0o600):
+        write_file("key", content)
+        os.chmod("key", mode)
+        return self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "key",
+                             "--timeout", "0.1")
+
+    def test_key_may_be_of_either_case_and_have_white_space_around_it(self):
+        for content in ["0123456789ABCDEF" * 4, "0123456789abcdef" * 4 + "\r\n", " " + "0" * 64]:
+            self.assertEqual(self.collect_with(content).returncode, 0, content)
+
+    def test_anything_else_is_a_failure_that_does_not_quote_the_key(self):
+        for content, reason in [("", "holds 0 characters"),
+                                ("AB" * 31 + "C", "holds 63 characters"),
+                                ("AB" * 32 + "C", "holds 65 characters"),
+                                ("G" * 64, "character 1 of the key is no hexadecimal digit"),
+                                ("0" * 63 + "x", "character 64 of the key"),
+                                ("a" * 40, "which looks like Z85")]:
+            result = self.collect_with(content)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn("key: ", result.stderr)
+            self.assertIn(reason, result.stderr)
+            if content:
+                self.assertNotIn(content, result.stderr)
+
+    def test_missing_key_file_is_a_failure_by_name(self):
+        result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "nowhere")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("nowhere: cannot read the key: No such file or directory", result.stderr)
+
+    def test_key_that_others_may_read_is_warned_about(self):
+        self.assertIn("chmod 600 key", self.collect_with("0" * 64, mode=0o644).stderr)
+        self.assertNotIn("chmod", self.collect_with("0" * 64, mode=0o600).stderr)
+
+    def test_endpoint_that_cannot_be_bound_is_a_failure_by_name(self):
+        write_file("key", "0" * 64)
+        for endpoint in ["nonsense", "tcp://192.0.2.1:5555", "udp://127.0.0.1:5"]:
+            result = self.run_tool("collect", "--bind", endpoint, "--secret-key", "key")
+            self.assertEqual(result.returncode, 1, endpoint)
+            self.assertIn("cannot listen on '%s'" % endpoint, result.stderr)
+
+
+@needs_zmq
+class DecodeTest(CliTest):
+    def decode(self, content, *arguments):
+        write_file("events", content)
+        return self.run_tool("decode", *(arguments or ["events"]))
+
+    @staticmethod
+    def uids(result):
+        return [json.loads(line)["uid"] for line in result.stdout.splitlines()]
+
+    def test_file_of_framed_messages(self):
+        result = self.decode(framed(*[make_event(uid=b"C%d" % i) for i in range(100)]))
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(self.uids(result), ["C%d" % i for i in range(100)])
+
+    def test_file_of_one_bare_message(self):
+        result = self.decode(make_event(uid=b"alone"))
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(self.uids(result), ["alone"])
+
+    def test_standard_input_without_arguments_or_as_dash(self):
+        for arguments in ([], ["-"]):
+            result = self.run_tool("decode", *arguments, stdin=framed(make_event()))
+            self.assertEqual((result.returncode, self.uids(result)), (0, ["C1"]))
+
+    def test_several_files_in_order(self):
+        write_file("a", framed(make_event(uid=b"A")))
+        write_file("b", make_event(uid=b"B"))
+        result = self.run_tool("decode", "a", "b", "a")
+        self.assertEqual((result.returncode, self.uids(result)), (0, ["A", "B", "A"]))
+
+    def test_empty_file_holds_no_events(self):
+        result = self.decode(b"")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", ""))
+
+    def test_bad_message_is_named_by_offset_and_the_rest_decoded(self):
+        first, bad, last = make_event(uid=b"A"), b"this is no event", make_event(uid=b"B")
+        result = self.decode(framed(first, bad, b"", last))
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(self.uids(result), ["A", "B"])
+        offset = 4 + len(first) + 4
+        self.assertEqual(result.stderr,
+                         "events: offset %d: these 16 bytes are no event message\n"
+                         "events: offset %d: empty message\n" % (offset, offset + 16 + 4))
+
+    def test_every_truncation_is_a_failure_that_says_what_is_missing(self):
+        first, last = make_event(uid=b"A"), make_event(uid=b"B")
+        whole = framed(first, last)
+        start = 4 + len(first)
+        for size in list(range(start + 1, start + 8)) + [len(whole) - 1]:
+            result = self.decode(whole[:size])
+            self.assertEqual((result.returncode, self.uids(result)), (1, ["A"]))
+            self.assertIn("events: offset %d: truncated" % start, result.stderr)
+
+    def test_length_of_four_gigabytes_is_no_reason_to_claim_them(self):
+        result = self.decode(b"\xff\xff\xff\xff" + b"x" * 100)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("a message of 4294967295 bytes is announced, 100 are left", result.stderr)
+
+    def test_missing_file_is_a_failure_and_the_others_are_decoded(self):
+        write_file("a", framed(make_event(uid=b"A")))
+        result = self.run_tool("decode", "nowhere", "a")
+        self.assertEqual((result.returncode, self.uids(result)), (1, ["A"]))
+        self.assertIn("nowhere: cannot be opened: No such file or directory", result.stderr)
+
+    def test_folder_is_a_failure(self):
+        result = self.run_tool("decode", ".")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(".: offset 0: cannot be read: Is a directory", result.stderr)
+
+    def test_every_byte_survives_as_surrogate_escape(self):
+        texts = [bytes(range(1, 256)), bytes(range(255, 0, -1)), b"\xed\xa0\x80\xf4\x90\x80\x80",
+                 "caf\u00e9 \u20ac \U0001f680".encode(), b"\xc3", b"a\0b", b"\xe2\x82"]
+        result = self.decode(framed(*[make_event(details=text) for text in texts]))
+        self.assertEqual(result.returncode, 0)
+        decoded = [json.loads(line)["data"]["details"].encode("utf-8", "surrogateescape")
+                   for line in result.stdout.split(b"\n")[:-1]]
+        self.assertEqual(decoded, texts)
+
+    def test_output_is_valid_utf8_and_one_line_each(self):
+        result = self.decode(framed(*[make_event(details=bytes([byte]) + b"\xff\n\r\x0b\x85")
+                                      for byte in range(256)]))
+        self.assertEqual(result.stdout.count(b"\n"), 256)
+        result.stdout.decode("utf-8")
+
+
+if __name__ == "__main__":
+    unittest.main()

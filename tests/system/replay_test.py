@@ -1,0 +1,361 @@
+"""zmqwriter replay and collect, end to end: every record of a log arrives once, every value right."""
+
+import collections
+import ctypes
+import glob
+import json
+import os
+import re
+import signal
+import time
+import unittest
+
+from bro_log import BroLog, expected_event
+from cli_support import (CliTest, PLUGIN, SOURCE_DIR, read_file, totals, wait_for, write_file)
+
+SAMPLES = os.path.join(SOURCE_DIR, "samples")
+EXTRA_LOGS = os.environ.get("ZMQWRITER_EXTRA_LOGS", "")
+AGENT = "agent-7"
+HEADER = "#separator \\x09\n#path\t%s\n#fields\tts\tuid\tn\n#types\ttime\tstring\tcount\n"
+
+
+def log_of(count, path="things"):
+    """A log whose records can be told apart."""
+    return HEADER % path + "".join("%d.5\tC%d\t%d\n" % (n, n, n) for n in range(count))
+
+
+def canonical(event):
+    return json.dumps(event, sort_keys=True)
+
+
+def minutes_west():
+    """The zone that the kernel tells, which is not the one of TZ."""
+    zone = (ctypes.c_int * 2)()
+    time_of_day = (ctypes.c_long * 2)()
+    ctypes.CDLL(None).gettimeofday(time_of_day, zone)
+    return zone[0]
+
+
+class ReplayTestCase(CliTest):
+    def setUp(self):
+        super().setUp()
+        os.mkdir("orvik-spool")
+
+    def settings_for(self, endpoint):
+        self.keygen()
+        write_file("settings", "zmq.server = %s\nzmq.public_key = %s" %
+                   (endpoint, read_file("server.public")))
+
+    def start_replay(self, *arguments):
+        return self.start("replay", "--settings", "settings", "--plugin", PLUGIN, "--set",
+                          "LogZMQ::zmq_agent_id=" + AGENT, *arguments)
+
+    def replay(self, *arguments):
+        process = self.start_replay(*arguments)
+        process.status = process.wait()
+        return process
+
+    def events(self, collector, count):
+        """The first `count` events, parsed."""
+        wait_for(lambda: len(collector.lines()) >= count, "%d events" % count)
+        return [json.loads(line) for line in collector.lines()]
+
+    def uids(self, collector, count):
+        return collections.Counter(event["uid"] for event in self.events(collector, count))
+
+    def assert_each_once(self, collector, count):
+        self.assertEqual(self.uids(collector, count),
+                         collections.Counter("C%d" % n for n in range(count)))
+
+
+class EndToEndTest(ReplayTestCase):
+    def assert_logs_arrive(self, files):
+        """Replays the logs in one call and compares every event with the test's own reading."""
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        begin = time.time()
+        replay = self.replay(*files)
+        self.assertEqual(replay.status, 0, replay.stderr)
+
+        expected = collections.Counter()
+        for file in files:
+            log = BroLog(read_file(file, "rb"))
+            for record in log.records:
+                event = expected_event(log, record, AGENT, minutes_west())
+                expected[canonical(event)] += 1
+        events = self.events(collector, sum(expected.values()))
+        for event in events:
+            if event["data_type"] == "SystemStatsData":
+                self.assertTrue(begin - 1 <= event["ts"] <= time.time() + 1, "a fresh time stamp")
+                event["ts"] = None
+        received = collections.Counter(canonical(event) for event in events)
+        self.assertEqual(sorted((expected - received).elements()), [], "records that are missing")
+        self.assertEqual(sorted((received - expected).elements()), [], "events too many")
+
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+        end = totals(collector)
+        self.assertEqual((end["empty messages"], end["malformed messages"]), (0, 0))
+        self.assertIn("read: %d records from %d log" % (len(events), len(files)), replay.stderr)
+        self.assertIn("left: nothing", replay.stderr)
+
+    def test_every_sample_record_arrives_once_with_every_value(self):
+        files = sorted(glob.glob(SAMPLES + "/*.log"))
+        self.assertGreaterEqual(len(files), 6)
+        self.assert_logs_arrive(files)
+
+    def test_samples_hold_what_is_worth_testing(self):
+        everything = b"".join(read_file(file, "rb") for file in glob.glob(SAMPLES + "/*.log"))
+        for needed in [b"\t-\t", b"(empty)", b"2001:db8:", b"\\x", b"\\\\", b"\tset[string]",
+                       b"\tvector[", b"#path\tsystem_stats"]:
+            self.assertIn(needed, everything)
+
+    @unittest.skipUnless(os.path.isdir(EXTRA_LOGS), "ZMQWRITER_EXTRA_LOGS names no folder of logs")
+    def test_every_record_of_further_logs_arrives_once_with_every_value(self):
+        self.assert_logs_arrive(sorted(glob.glob(EXTRA_LOGS + "/**/*.log", recursive=True)))
+
+    def test_same_log_twice_arrives_twice(self):
+        write_file("a.log", log_of(20))
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        self.assertEqual(self.replay("a.log", "a.log").status, 0)
+        self.assertEqual(set(self.uids(collector, 40).values()), {2})
+
+    def test_log_without_records_is_fine(self):
+        write_file("a.log", log_of(0))
+        self.settings_for("tcp://127.0.0.1:9")
+        replay = self.replay("a.log")
+        self.assertEqual(replay.status, 0)
+        self.assertIn("read: 0 records from 1 log", replay.stderr)
+
+    def test_header_that_changes_in_the_middle_changes_the_events(self):
+        write_file("a.log", log_of(2) + "#separator ;\n#path;http\n#fields;uid;method\n"
+                   "#types;string;string\nC2;GET\n" + log_of(1, "more").replace("C0", "C3"))
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        self.assertEqual(self.replay("a.log").status, 0)
+        events = {event["uid"]: event for event in self.events(collector, 4)}
+        self.assertEqual(events["C2"]["data"]["method"], "GET")
+        self.assertEqual(events["C0"]["data"]["fields"][0], {"key": "_path", "value": "things"})
+        self.assertEqual(events["C3"]["data"]["fields"][0], {"key": "_path", "value": "more"})
+
+    def test_rate_spreads_the_records(self):
+        write_file("a.log", log_of(10))
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        begin = time.monotonic()
+        self.assertEqual(self.replay("--rate", "20", "a.log").status, 0)
+        self.assertGreaterEqual(time.monotonic() - begin, 0.45)
+        self.assert_each_once(collector, 10)
+
+
+class WritersTest(ReplayTestCase):
+    def test_every_log_has_a_writer_thread_and_equal_paths_get_numbers(self):
+        if not os.path.isdir("/proc/self/task"):
+            self.skipTest("needs /proc")
+        for name in "abc":
+            write_file(name + ".log", log_of(1000))
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        replay = self.start_replay("--rate", "5", "a.log", "b.log", "c.log")
+
+        def thread_names():
+            names = set()
+            for task in os.listdir("/proc/%d/task" % replay.popen.pid):
+                names.add(read_file("/proc/%d/task/%s/comm" % (replay.popen.pid, task)).strip())
+            # What of a name is kept: 15 characters.
+            return {"bro: things/Log", "bro: things-2/L", "bro: things-3/L"} <= names
+
+        wait_for(thread_names, "three writer threads")
+        replay.popen.send_signal(signal.SIGINT)
+        replay.wait()
+
+
+class DamagedLogsTest(ReplayTestCase):
+    def test_broken_lines_are_named_counted_and_skipped(self):
+        lines = log_of(6).split("\n")
+        lines[5] = "1.5\tC1"  # line 6: a column is missing
+        lines[7] = "3.5\tC3\tmany"
+        write_file("a.log", "\n".join(lines)[:-3])  # the last line is cut
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        replay = self.replay("a.log")
+        self.assertEqual(replay.status, 1)
+        self.assertEqual(set(self.uids(collector, 3)), {"C0", "C2", "C4"})
+        self.assertIn("a.log:6: 2 columns instead of 3\n", replay.stderr)
+        self.assertIn("a.log:8: column 'n': 'many' is no count\n", replay.stderr)
+        self.assertIn("a.log:10: the last line has no line end", replay.stderr)
+        self.assertIn("read: 3 records from 1 log, 3 broken lines skipped\n", replay.stderr)
+        self.assertIn("  a.log: 3 records, 3 broken lines\n", replay.stderr)
+        self.assertIn("left: nothing\n", replay.stderr)
+
+    def test_many_broken_lines_are_reported_twenty_times_and_counted(self):
+        write_file("a.log", log_of(1) + "broken\n" * 5000)
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        replay = self.replay("a.log")
+        self.assertEqual(replay.status, 1)
+        self.assertEqual(replay.stderr.count("1 columns instead of 3"), 20)
+        self.assertIn("5000 broken lines skipped", replay.stderr)
+
+    def test_refused_logs_do_not_keep_the_others_from_arriving(self):
+        write_file("bare.log", "1\t2\n")
+        write_file("a.log", log_of(3))
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        replay = self.replay("bare.log", "missing.log", "a.log")
+        self.assertEqual(replay.status, 1)
+        self.assert_each_once(collector, 3)
+        self.assertIn("bare.log:1: file without header", replay.stderr)
+        self.assertIn("missing.log: cannot read the log: No such file", replay.stderr)
+        self.assertIn("refused: 2 logs\n", replay.stderr)
+
+
+class BackPressureTest(ReplayTestCase):
+    COUNT = 5000  # ten times what the plug-in keeps in memory
+
+    def test_replay_that_outruns_the_server_leaves_the_disk_alone(self):
+        write_file("a.log", log_of(self.COUNT))
+        collector = self.collect("--quiet")
+        self.settings_for(collector.endpoint)
+        collector.popen.send_signal(signal.SIGSTOP)
+        replay = self.start_replay("a.log")
+        # The plug-in is connected to nobody yet; let it wait for the frozen server.
+        wait_for(lambda: "Using zmq server" in replay.stdout or os.path.isdir("orvik-spool/work"),
+                 "the plug-in's start")
+        collector.popen.send_signal(signal.SIGCONT)
+        self.assertEqual(replay.wait(), 0, replay.stderr)
+        self.assert_each_once(collector, self.COUNT)
+        self.assertEqual(os.listdir("orvik-spool/work"), [])
+
+    def test_without_pace_what_went_to_disk_is_delivered_too(self):
+        write_file("a.log", log_of(self.COUNT))
+        collector = self.collect("--quiet")
+        self.settings_for(collector.endpoint)
+        replay = self.replay("--no-pace", "a.log")
+        self.assertEqual(replay.status, 0, replay.stderr)
+        self.assert_each_once(collector, self.COUNT)
+
+    def test_server_that_is_late_gets_everything(self):
+        write_file("a.log", log_of(20))
+        first = self.collect()
+        endpoint = first.endpoint
+        first.popen.kill()
+        first.wait()
+        self.settings_for(endpoint)
+        replay = self.start_replay("a.log")
+        wait_for(lambda: "is not responding" in replay.stderr, "the warning about the server")
+        late = self.start("collect", "--bind", endpoint, "--secret-key", "server.secret")
+        self.assertEqual(replay.wait(), 0, replay.stderr)
+        self.assert_each_once(late, 20)
+
+    def test_server_that_never_comes_is_said_so(self):
+        write_file("a.log", log_of(2))
+        self.settings_for("tcp://127.0.0.1:9")
+        replay = self.replay("--drain", "1", "a.log")
+        self.assertEqual(replay.status, 1)
+        self.assertIn("gave up: no record was sent for 1 seconds\n", replay.stderr)
+        self.assertIn("not sent and not on disk: 2 records\n", replay.stderr)
+
+    def test_what_is_left_on_disk_is_said_before_the_long_end(self):
+        write_file("a.log", log_of(700))
+        self.settings_for("tcp://127.0.0.1:9")
+        replay = self.start_replay("--no-pace", "--drain", "1", "a.log")
+        wait_for(lambda: "left on disk: events in orvik-spool/work" in replay.stderr,
+                 "the account of the disk")
+        self.assertGreater(os.path.getsize("orvik-spool/work/queue.dat"), 200 * 20)
+        # The plug-in tries 500 records once more, at 3 seconds each; a signal ends that.
+        wait_for(lambda: "a signal ends that at once" in replay.stderr, "the long end")
+        replay.popen.send_signal(signal.SIGTERM)
+        self.assertNotEqual(replay.wait(), 0)
+
+    def test_plug_in_that_cannot_send_at_all_is_noticed(self):
+        write_file("a.log", log_of(2))
+        self.settings_for("nonsense://x")
+        replay = self.replay("a.log")
+        self.assertEqual(replay.status, 1)
+        self.assertIn("gave up: the plug-in sends nothing at all", replay.stderr)
+
+    def test_signal_ends_the_reading_and_what_was_read_is_delivered(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            write_file("a.log", log_of(100000))
+            collector = self.collect()
+            self.settings_for(collector.endpoint)
+            replay = self.start_replay("--rate", "200", "a.log")
+            self.events(collector, 5)
+            replay.popen.send_signal(number)
+            self.assertEqual(replay.wait(), 1)
+            self.assertIn("gave up: stopped by a signal\n", replay.stderr)
+            read = int(re.search(r"read: (\d+) records", replay.stderr).group(1))
+            self.assertLess(read, 100000)
+            self.assert_each_once(collector, read)
+
+
+class SettingsTest(ReplayTestCase):
+    def test_agent_identifier_is_made_when_none_is_given(self):
+        collector = self.collect("--count", "1")
+        self.settings_for(collector.endpoint)
+        write_file("a.log", log_of(1))
+        result = self.run_tool("replay", "--settings", "settings", "--plugin", PLUGIN, "a.log")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        agent_id = read_file("orvik/agent.id")
+        self.assertRegex(agent_id, r"\A[0-9a-zA-Z]{2,22}\Z")
+        self.assertEqual(self.events(collector, 1)[0]["agent_id"], agent_id)
+
+    def test_settings_file_wins_over_script_constants(self):
+        collector = self.collect("--count", "1")
+        self.settings_for(collector.endpoint)
+        write_file("a.log", log_of(1))
+        replay = self.replay("--set", "LogZMQ::zmq_primary_server=tcp://127.0.0.1:9", "a.log")
+        self.assertEqual(replay.status, 0, replay.stderr)
+
+    def test_script_constants_will_do(self):
+        collector = self.collect("--count", "1")
+        write_file("settings", "")
+        write_file("a.log", log_of(1))
+        replay = self.replay("--set", "LogZMQ::zmq_primary_server=" + collector.endpoint, "--set",
+                             "LogZMQ::zmq_public_key=" + read_file("server.public").strip(),
+                             "a.log")
+        self.assertEqual(replay.status, 0, replay.stderr)
+        self.assertNotIn("warning: ", replay.stderr)
+
+    def test_missing_server_and_key_are_warned_about(self):
+        write_file("settings", "")
+        write_file("a.log", log_of(0))
+        replay = self.replay("a.log")
+        self.assertIn("warning: settings sets no zmq.server", replay.stderr)
+        self.assertIn("tcp://:5555", replay.stderr)
+        self.assertIn("warning: settings sets no zmq.public_key", replay.stderr)
+
+    def test_settings_that_cannot_be_read_are_a_failure_by_line(self):
+        write_file("a.log", log_of(1))
+        self.assertEqual(self.replay("a.log").status, 1)
+        write_file("settings", "zmq.server = x\nnonsense\n")
+        replay = self.replay("a.log")
+        self.assertEqual(replay.status, 1)
+        self.assertIn("settings:2: expected 'key = value'", replay.stderr)
+
+    def test_unknown_script_constant_is_a_failure(self):
+        self.settings_for("tcp://127.0.0.1:9")
+        write_file("a.log", log_of(1))
+        replay = self.replay("--set", "LogZMQ::no_such_option=1", "a.log")
+        self.assertEqual(replay.status, 1)
+        self.assertIn("LogZMQ::no_such_option", replay.stderr)
+
+    def test_folder_that_is_no_plug_in_is_a_failure_by_name(self):
+        result = self.run_tool("replay", "-N", "--plugin", "orvik-spool")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("orvik-spool", result.stderr)
+
+    def test_description_of_the_plug_in(self):
+        brief = self.run_tool("replay", "-N", "--plugin", PLUGIN)
+        details = self.run_tool("replay", "-NN", "--plugin", PLUGIN)
+        self.assertEqual((brief.returncode, details.returncode), (0, 0))
+        self.assertIn(b"Dravenholt::ZMQWriter - ZeroMQ log writer", brief.stdout)
+        self.assertNotIn(b"[Writer]", brief.stdout)
+        self.assertIn(b"[Writer] ZMQ (Log::WRITER_ZMQ)", details.stdout)
+        self.assertEqual(os.listdir("orvik-spool"), [], "nothing is written for a description")
+
+
+if __name__ == "__main__":
+    unittest.main()
