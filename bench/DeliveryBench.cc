@@ -199,11 +199,12 @@ DravenholtZmqWriterStatus status_of(ZmqWorker* worker) {
   return status;
 }
 
-void feed(ZmqWorker* worker, std::uint64_t messages, std::size_t size) {
+/// One of so many feeders: all of them together look as often as one would.
+void feed(ZmqWorker* worker, std::uint64_t messages, std::size_t size, int feeders) {
   const std::string body(size, 'x');
   for (std::uint64_t i = 0; i < messages; ++i) {
     while (i % 16 == 0 && status_of(worker).queued > 400)
-      std::this_thread::sleep_for(std::chrono::microseconds(250));
+      std::this_thread::sleep_for(std::chrono::microseconds(250 * feeders));
     worker->Write(body.size(), body.data());
   }
 }
@@ -231,7 +232,8 @@ Result measure_worker(const Options& options, int threads) {
         const std::uint64_t share = options.messages / static_cast<std::uint64_t>(threads);
         for (int i = 0; i < threads; ++i)
           feeders.emplace_back([&, i] {
-            feed(worker, i ? share : options.messages - share * (threads - 1), options.size);
+            feed(worker, i ? share : options.messages - share * (threads - 1), options.size,
+                 threads);
           });
         for (std::thread& feeder : feeders)
           feeder.join();
@@ -271,9 +273,9 @@ void show_flat(const Options& options) {
   ZmqWorker* const worker = new ZmqWorker();
   worker->Init(collector.endpoint, collector.key, "");
   worker->Start();
-  feed(worker, run.messages / 10, run.size);
+  feed(worker, run.messages / 10, run.size, 1);
   const long early = peak_kb();
-  feed(worker, run.messages - run.messages / 10, run.size);
+  feed(worker, run.messages - run.messages / 10, run.size, 1);
   collector.wait();
   const long late = peak_kb();
   worker->Stop();
