@@ -19,7 +19,9 @@ void print(const char* kind, const char* format, std::va_list arguments) {
 
 namespace reports {
 
-void weird(const char* text) { std::printf("weird: %s\n", text); }
+void weird(const char* text) {
+  std::printf("weird: %s\n", text);
+}
 
 void info(const char* format, ...) {
   std::va_list arguments;
