@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -65,6 +67,8 @@ class Holder {
     EXPECT_EQ(std::fscanf(output_, "%15s", answer), 1);
     EXPECT_STREQ(answer, "closed");
   }
+
+  pid_t pid() const { return pid_; }
 
   int client_port = 0;
   int server_port = 0;
@@ -209,6 +213,26 @@ TEST(ProbeTest, OrdinaryUserDoesNotSeeOwnersOfOtherUsersSockets) {
   int status = -1;
   ASSERT_EQ(waitpid(pid, &status, 0), pid);
   EXPECT_EQ(status, 0);
+}
+
+TEST(ProbeTest, QueriesMayRunAtTheSameTime) {
+  const Holder first("4"), second("4");
+  const std::uint32_t address = htonl(INADDR_LOOPBACK);
+  const auto owner = [&](const Holder& holder) {
+    return get_socket_pid(address, htons(static_cast<std::uint16_t>(holder.client_port)), address,
+                          htons(static_cast<std::uint16_t>(holder.server_port)));
+  };
+  std::vector<std::thread> threads;
+  std::atomic<int> right{0};
+  for (const Holder* holder : {&first, &second, &first, &second}) {
+    threads.emplace_back([&, holder] {
+      for (int i = 0; i < 10; ++i)
+        right += owner(*holder) == static_cast<std::uint32_t>(holder->pid());
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(right, 40);
 }
 
 /// The script type, as scripts declare it.
