@@ -11,7 +11,7 @@ import unittest
 from cli_support import (CliTest, SOURCE_DIR, ZMQWRITER, framed, make_event, needs_zmq, read_file, totals,
                          wait_for, write_file, zmq)
 
-SUBCOMMANDS = ["keygen", "collect", "replay", "decode"]
+SUBCOMMANDS = ["keygen", "collect", "replay", "decode", "spool"]
 
 
 class UsageTest(CliTest):
