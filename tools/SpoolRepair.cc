@@ -70,6 +70,14 @@ int create_copy(const std::string& path, mode_t mode, std::string* copy) {
   return -1;
 }
 
+/// The name of a new file is on disk only once its folder is.
+bool sync_folder_of(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_CLOEXEC));
+  return descriptor.get() >= 0 && fsync(descriptor.get()) == 0;
+}
+
 std::string keep_copy(const std::string& path, int from) {
   struct stat status;
   if (fstat(from, &status) != 0)
@@ -78,7 +86,7 @@ std::string keep_copy(const std::string& path, int from) {
   const Descriptor to(create_copy(path, status.st_mode & 0777, &copy));
   if (to.get() < 0)
     fail(copy, "cannot be created");
-  if (!copy_bytes(from, to.get()) || fsync(to.get()) != 0) {
+  if (!copy_bytes(from, to.get()) || fsync(to.get()) != 0 || !sync_folder_of(copy)) {
     const int error = errno;
     unlink(copy.c_str());
     errno = error;
