@@ -225,7 +225,9 @@ int sysctlbyname(const char* name, void* out, std::size_t* length, void*, std::s
   }
   if (!fake->pcb_fetch_works)
     return fail(ENOMEM);
-  return copy_value(fake->pcb_list.data(), fake->pcb_list.size(), out, length);
+  const int result = copy_value(fake->pcb_list.data(), fake->pcb_list.size(), out, length);
+  *length = fake->pcb_fetched.value_or(*length);
+  return result;
 }
 
 int sysctl(int* name, unsigned int levels, void* out, std::size_t* length, void*, std::size_t) {

@@ -95,6 +95,7 @@ class FakeDarwin {
   std::optional<std::size_t> pcb_sizing;  ///< what sizing tells, if not the list's length
   bool pcb_sizing_works = true;
   bool pcb_fetch_works = true;
+  std::optional<std::size_t> pcb_fetched;  ///< what fetching tells, if not the list's length
 
   // Figures of the host.
   bool load_works = true;

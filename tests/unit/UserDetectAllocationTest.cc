@@ -6,6 +6,7 @@
 #include <stdlib.h>
 
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -20,11 +21,16 @@ namespace {
 
 int allocations_left = -1;
 
+/// Memory that is full of entries for descriptor 3, a socket: what a descriptor list looks like.
 void* test_malloc(std::size_t size) {
   if (allocations_left == 0)
     return nullptr;
   --allocations_left;
-  return malloc(size);
+  char* block = static_cast<char*>(malloc(size));
+  const proc_fdinfo entry = {3, PROX_FDTYPE_SOCKET};
+  for (std::size_t i = 0; i + sizeof entry <= size; i += sizeof entry)
+    std::memcpy(block + i, &entry, sizeof entry);
+  return block;
 }
 
 }  // namespace
@@ -64,6 +70,11 @@ TEST_F(UserDetectAllocationTest, NoMemoryForADescriptorListIsFatal) {
         get_socket_pid(0, 1, 0, 0);
       },
       "out of memory in malloc\\.");
+}
+
+TEST_F(UserDetectAllocationTest, WhatMemoryHeldBeforeIsNeverTakenForADescriptor) {
+  darwin_.processes[0].list_fetch_works = false;
+  EXPECT_EQ(get_socket_pid(0, 1, 0, 0), 0u);
 }
 
 TEST_F(UserDetectAllocationTest, AnOwnerTakesTwoAllocations) {

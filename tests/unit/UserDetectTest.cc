@@ -363,6 +363,16 @@ TEST_F(UserDetectTest, ListThatShrankBetweenTheCallsIsReadToItsEndOnly) {
   EXPECT_EQ(curl_pid(), 0u);
 }
 
+TEST_F(UserDetectTest, FetchThatTellsMoreThanItHadRoomForIsNotBelieved) {
+  darwin_.pcb_fetched = 1000000;
+  list_ = PcbList().cut(24);
+  EXPECT_EQ(curl_pid(), 0u);
+  PcbList::Pcb other = curl_pcb();
+  other.local_port = 1;
+  list_ = PcbList().add(other);
+  EXPECT_EQ(curl_pid(), 0u);
+}
+
 TEST_F(UserDetectTest, NothingBehindTheTrailerIsLookedAt) {
   list_ = PcbList().end().add(curl_pcb());
   EXPECT_EQ(curl_pid(), 0u);
