@@ -30,7 +30,7 @@ constexpr std::uint64_t kBurst = kMostUnderWay - kUnderWayToGoOn;
 // Batches that writer threads may be behind: without pace, memory is bounded by this.
 constexpr std::size_t kMostPendingBatches = 8;
 constexpr auto kPoll = std::chrono::milliseconds(2);
-constexpr auto kPollForRoom = std::chrono::microseconds(500);
+constexpr auto kPollForRoom = std::chrono::microseconds(5000);
 // A writer thread may still be converting a batch that it took: nothing tells when it is done. So
 // "nothing is on its way" counts only when it stays so for a while.
 constexpr auto kQuietWhenAllSent = std::chrono::milliseconds(100);
