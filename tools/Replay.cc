@@ -21,16 +21,15 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Duration = std::chrono::duration<double>;
 
-// Below the plug-in's bound of 500. Reading goes on when half of them are gone: not later, or the
-// plug-in's queue runs empty, which its send thread takes for a reason to nap for 100 ms.
+// Below the plug-in's bound of 500. The queue must not run empty either: the plug-in's send thread
+// then naps for 100 ms. So it is topped up in small portions, as soon as one of them is gone.
 constexpr std::uint64_t kMostUnderWay = 400;
-constexpr std::uint64_t kUnderWayToGoOn = 200;
 // Records, or other lines, read between two looks at the plug-in.
-constexpr std::uint64_t kBurst = kMostUnderWay - kUnderWayToGoOn;
+constexpr std::uint64_t kBurst = 25;
 // Batches that writer threads may be behind: without pace, memory is bounded by this.
 constexpr std::size_t kMostPendingBatches = 8;
 constexpr auto kPoll = std::chrono::milliseconds(2);
-constexpr auto kPollForRoom = std::chrono::microseconds(5000);
+constexpr auto kPollForRoom = std::chrono::microseconds(200);
 // A writer thread may still be converting a batch that it took: nothing tells when it is done. So
 // "nothing is on its way" counts only when it stays so for a while.
 constexpr auto kQuietWhenAllSent = std::chrono::milliseconds(100);
@@ -198,7 +197,7 @@ class Replay {
     if (!options_.pace)
       return true;
     const std::uint64_t sent = std::min(status_->Sent(status), fed_);
-    return fed_ - sent <= kUnderWayToGoOn && status.queued <= kUnderWayToGoOn;
+    return fed_ - sent + kBurst <= kMostUnderWay && status.queued + kBurst <= kMostUnderWay;
   }
 
   void Idle(Clock::duration pause) {
