@@ -19,6 +19,19 @@ set_target_properties(ZMQWriter::zmq PROPERTIES
   IMPORTED_LOCATION "${ZMQWRITER_ZMQ_LIBRARY}"
   INTERFACE_INCLUDE_DIRECTORIES "${ZMQWRITER_ZMQ_INCLUDE}")
 
+# Without CURVE there is nothing to build: events must never leave in clear text.
+if(NOT CMAKE_CROSSCOMPILING)
+  include(CheckCXXSourceRuns)
+  set(CMAKE_REQUIRED_LIBRARIES ZMQWriter::zmq)
+  check_cxx_source_runs("#include <zmq.h>
+    int main() { return zmq_has(\"curve\") ? 0 : 1; }" ZMQWRITER_ZMQ_HAS_CURVE)
+  unset(CMAKE_REQUIRED_LIBRARIES)
+  if(NOT ZMQWRITER_ZMQ_HAS_CURVE)
+    message(FATAL_ERROR "${ZMQWRITER_ZMQ_LIBRARY} was built without CURVE security. Install a libzmq "
+                        "that has it (Debian's and Homebrew's packages do) and configure anew.")
+  endif()
+endif()
+
 find_path(ZMQWRITER_FLATBUFFERS_INCLUDE flatbuffers/flatbuffers.h)
 find_program(ZMQWRITER_FLATC flatc)
 zmqwriter_need(ZMQWRITER_FLATBUFFERS_INCLUDE "The FlatBuffers headers" libflatbuffers-dev flatbuffers)
