@@ -8,15 +8,18 @@
 extern "C" {
 
 struct DravenholtZmqWriterStatus {
-  uint64_t queued;   ///< entries waiting in the in-memory queue
-  uint64_t sent;     ///< successful send attempts of this process, all workers together
-  uint64_t failed;   ///< failed send attempts of this process, all workers together
-  int32_t worker;    ///< 1 while a worker exists
-  int32_t running;   ///< 1 while its send thread runs
-  int32_t in_work;   ///< 1 while the send thread holds a record that is not delivered yet
-  int32_t spooled;   ///< 1 while the spool reports that it holds records
+  uint64_t queued;             ///< entries waiting in the in-memory queue
+  uint64_t sent;               ///< successful send attempts of this process, all workers together
+  uint64_t failed;             ///< failed send attempts of this process, all workers together
+  int32_t worker;              ///< 1 while a worker exists
+  int32_t running;             ///< 1 while its send thread runs
+  int32_t in_work;             ///< 1 while the send thread holds a record that is not delivered yet
+  int32_t spooled;             ///< 1 while the spool reports that it holds records
   const char* spool_folder;    ///< static text: the compiled-in spool folder
   const char* install_prefix;  ///< static text: the compiled-in install prefix
+  /// Events longer than 65535 bytes that had to go to the spool and were cut there, of this
+  /// process, all workers together.
+  uint64_t cut;
 };
 
 /// Fills `status`. Any thread; never blocks for longer than the queue's lock is held.

@@ -50,6 +50,7 @@ struct StatusSource {
   ZmqWorker* worker;     // null while there is none; still set while it is being stopped
   std::uint64_t sent;    // by workers that are gone
   std::uint64_t failed;  // likewise
+  std::uint64_t cut;     // likewise
 } status_source;
 
 /// Serialises writers that look for the agent-id file, so that one of them creates it and the
@@ -130,6 +131,7 @@ void retire_from_status(ZmqWorker* stopped) {
   stopped->FillStatus(&last);
   status_source.sent += last.sent;
   status_source.failed += last.failed;
+  status_source.cut += last.cut;
   status_source.worker = nullptr;
 }
 
@@ -317,4 +319,5 @@ extern "C" void dravenholt_zmqwriter_status(DravenholtZmqWriterStatus* status) {
   }
   status->sent += status_source.sent;
   status->failed += status_source.failed;
+  status->cut += status_source.cut;
 }

@@ -583,10 +583,13 @@ void* ZmqWorker::Connect(std::string uri) {
 
 void ZmqWorker::Write(unsigned long size, const void* data) {
   MutexLock lock(&mutex);
-  if (queue.size() < kQueueBound)
+  if (queue.size() < kQueueBound) {
     queue.push(new_record(copy_of(data, size), size));
-  else if (zmq_pqueue)  // gone once stopped
+  } else if (zmq_pqueue) {  // gone once stopped
+    // Cutting it is on purpose: the spool's lengths have 16 bits.
+    cut_count += size > USHRT_MAX;
     zmq_pqueue->Store(static_cast<unsigned short>(size), data);
+  }
 }
 
 void ZmqWorker::DoWork() {
@@ -670,6 +673,7 @@ void ZmqWorker::FillStatus(DravenholtZmqWriterStatus* status) {
   status->running = running;
   status->sent = sent_count.load(std::memory_order_relaxed);
   status->failed = failed_count.load(std::memory_order_relaxed);
+  status->cut = cut_count;
 }
 
 }  // namespace writer

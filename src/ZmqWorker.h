@@ -96,9 +96,9 @@ class ZmqWorker {
   /// state. The text is otherwise taken as it is.
   std::string correct_zmq_uri(std::string uri);
 
-  /// Sets queued, in_work, spooled, running, and sent and failed as this worker's counters stand;
-  /// leaves the other fields alone. With queued, in_work and spooled all zero, everything that
-  /// was written has been handed over. Any thread.
+  /// Sets queued, in_work, spooled, running, and sent, failed and cut as this worker's counters
+  /// stand; leaves the other fields alone. With queued, in_work and spooled all zero, everything
+  /// that was written has been handed over. Any thread.
   void FillStatus(DravenholtZmqWriterStatus* status);
 
   /// Records that Stop's single attempt could not send, and dropped.
@@ -135,6 +135,8 @@ class ZmqWorker {
   Counter dropped_by_flush;
   /// The send thread holds something that is not settled yet. Guarded by `mutex`.
   bool in_work;
+  /// Messages of more than 65535 bytes that went to the spool. Guarded by `mutex`.
+  uint64_t cut_count;
   /// Secondary sockets that the send loop let go of without closing them. Send thread only, and
   /// Stop once it has joined that.
   std::deque<void*> dropped_sockets;

@@ -124,6 +124,10 @@ void ZmqWorker::Write(unsigned long size, const void* data) {
   if (!running)
     state().misuse(kNotRunning);
   ++sent_count;
+  if (size > 65535) {
+    std::lock_guard<std::mutex> lock(state().mutex);
+    ++cut_count;
+  }
 }
 
 void ZmqWorker::Stop() {
@@ -141,6 +145,8 @@ void ZmqWorker::FillStatus(DravenholtZmqWriterStatus* status) {
   status->running = running;
   status->sent = sent_count;
   status->failed = failed_count;
+  std::lock_guard<std::mutex> lock(state().mutex);
+  status->cut = cut_count;
 }
 
 }  // namespace writer

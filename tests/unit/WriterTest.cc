@@ -395,7 +395,7 @@ TEST_F(Writer, StatusTellsTheTotalsOfAllWorkersAlsoWhenTheyAreGone) {
   RecordBuilder record;
   record.text("uid", "CAbc");
 
-  WriterUnderTest first, second;
+  WriterUnderTest first, second, third;
   first.init();
   EXPECT_EQ(1, status().worker);
   EXPECT_EQ(1, status().running);
@@ -409,9 +409,18 @@ TEST_F(Writer, StatusTellsTheTotalsOfAllWorkersAlsoWhenTheyAreGone) {
   second.init();
   second.write(record);
   EXPECT_EQ(before.sent + 3, status().sent);
+  EXPECT_EQ(before.cut, status().cut);
+  record.text("uid", std::string(65536, 'C'));
+  second.write(record);
+  EXPECT_EQ(before.cut + 1, status().cut);
   second.destroy();
-  EXPECT_EQ(before.sent + 3, status().sent);
+  EXPECT_EQ(before.sent + 4, status().sent);
+  EXPECT_EQ(before.cut + 1, status().cut);
   EXPECT_EQ(before.failed, status().failed);
+  third.init();
+  third.write(record);
+  EXPECT_EQ(before.cut + 2, status().cut);
+  third.destroy();
 }
 
 TEST_F(Writer, StatusCanBeAskedForWhileTheWorkerStops) {

@@ -63,21 +63,25 @@ TEST_F(Queue, SeventyThousandBytesAreSpooledAsTheirFirst4464) {
     body[i] = static_cast<char>('a' + i % 26);
   write(body);
   EXPECT_THAT(FakeSpool::contents(), ElementsAre(body.substr(0, 4464)));
+  EXPECT_EQ(status().cut, 1u);
 }
 
 TEST_F(Queue, SpooledLengthsAreTakenModulo65536) {
   connect();
   write_many(500);
   write(std::string(65535, 'x'));
+  EXPECT_EQ(status().cut, 0u);
   write(std::string(65536, 'y'));
   write(std::string(65537, 'z'));
   EXPECT_THAT(FakeSpool::contents(), ElementsAre(std::string(65535, 'x'), "", "z"));
+  EXPECT_EQ(status().cut, 2u);
 }
 
 TEST_F(Queue, InMemoryTheSameMessageKeepsItsLength) {
   connect();
   write(std::string(70000, 'x'));
   EXPECT_THAT(run(), ElementsAre("send s1 '" + std::string(70000, 'x') + "' ok", kIdle));
+  EXPECT_EQ(status().cut, 0u);
 }
 
 TEST_F(Queue, EntriesOfFailedPassesCountTowardsTheFiveHundred) {
@@ -275,7 +279,9 @@ TEST_F(Status, LeavesTheFieldsOfOthersAlone) {
   s.worker = 7;
   s.spool_folder = "folder";
   s.install_prefix = "prefix";
+  s.cut = 7;
   worker->FillStatus(&s);
+  EXPECT_EQ(s.cut, 0u) << "set, not added to";
   EXPECT_EQ(s.worker, 7);
   EXPECT_STREQ(s.spool_folder, "folder");
   EXPECT_STREQ(s.install_prefix, "prefix");
