@@ -22,7 +22,11 @@ HOST = os.path.join(SOURCE_DIR, "host/include")
 PLATFORM = os.path.join(SOURCE_DIR, "platform/include")
 OWN = [os.path.basename(path) for path in glob.glob(os.path.join(SRC, "*.h"))]
 STANDARDS = ("c++11", "c++14", "c++17")
-COMPILERS = [name for name in ("g++", "clang++") if shutil.which(name)]
+
+
+def find_clang(path=None):
+    """The compiler's path, also where a system installs it under its versioned name only."""
+    return shutil.which("clang++", path=path) or shutil.which("clang++-14", path=path)
 
 
 def includes(path):
@@ -61,9 +65,26 @@ def compile_all(configuration):
 
 
 class CompileMatrixTest(unittest.TestCase):
-    def test_sources_compile_in_every_combination(self):
-        self.assertIn("g++", COMPILERS)
-        configurations = list(itertools.product(COMPILERS, STANDARDS, (True, False)))
+    def test_clang_is_found_under_either_name(self):
+        with tempfile.TemporaryDirectory(prefix="zmqwriter-test-") as folder:
+            self.assertIsNone(find_clang(folder))
+            for name in ("clang++-14", "clang++"):
+                path = os.path.join(folder, name)
+                os.close(os.open(path, os.O_CREAT, 0o755))
+                self.assertEqual(find_clang(folder), path)
+
+    def test_sources_compile_in_every_combination_with_gcc(self):
+        self.check_every_combination("g++")
+
+    def test_sources_compile_in_every_combination_with_clang(self):
+        compiler = find_clang()
+        if not compiler and sys.platform != "linux":
+            self.skipTest("neither clang++ nor clang++-14 is installed")
+        self.assertTrue(compiler, "neither clang++ nor clang++-14 is installed")
+        self.check_every_combination(compiler)
+
+    def check_every_combination(self, compiler):
+        configurations = list(itertools.product([compiler], STANDARDS, (True, False)))
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
             for configuration, (count, status, text) in zip(configurations,
                                                             pool.map(compile_all, configurations)):
