@@ -7,9 +7,10 @@
 // Says "key PUBLIC SECRET" (64 hexadecimal digits each) unless without security, then "bound
 // ENDPOINT" on standard output. FILE gets one line for each message, at once: the text up to the
 // first blank, "(empty)" for a message without bytes, "(multipart)" for anything but a
-// single-part message. SIGTERM ends it once nothing has come for 300 ms.
+// single-part message. SIGTERM ends it once nothing has come for a second.
 #include <zmq.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -92,7 +93,7 @@ int main(int argc, char** argv) {
     give_up("no socket");
   if (secret != "null")
     secure(socket, secret);
-  const int patience_ms = 300;
+  const int patience_ms = 1000;
   zmq_setsockopt(socket, ZMQ_RCVTIMEO, &patience_ms, sizeof patience_ms);
   if (zmq_bind(socket, argv[1]) != 0)
     give_up(argv[1]);
@@ -110,7 +111,7 @@ int main(int argc, char** argv) {
       single_part = single_part && !zmq_msg_more(&msg);
       note(file, &msg, single_part);
       single_part = !zmq_msg_more(&msg);
-    } else if (asked_to_end) {
+    } else if (zmq_errno() == EAGAIN && asked_to_end) {  // the signal itself interrupts a receive
       break;
     }
     zmq_msg_close(&msg);

@@ -282,12 +282,14 @@ TEST_F(PlatformSysctlTest, BothWaysStopWhenThereIsNoMoreRoom) {
 }
 
 TEST_F(PlatformSysctlTest, CountIsThatOfTheSockets) {
-  const std::size_t before = platform::count_tcp_sockets();
-  for (int i = 0; i < 200; ++i)
-    listen_on_loopback();
-  // Others may close some meanwhile.
-  EXPECT_GE(platform::count_tcp_sockets() + 100, before + 200);
-  EXPECT_GE(platform::count_tcp_sockets(), 200u);
+  // Others on this machine open and close sockets meanwhile: a quiet moment will come.
+  EXPECT_TRUE(test::wait_until([this] {
+    const std::size_t before = platform::count_tcp_sockets();
+    for (int i = 0; i < 20; ++i)
+      listen_on_loopback();
+    const std::size_t after = platform::count_tcp_sockets();
+    return after >= before + 15 && after <= before + 25;
+  }));
 }
 
 TEST_F(PlatformSysctlTest, UnknownNamesAreRefused) {
