@@ -150,8 +150,8 @@ unsigned char decode_digits(signed char first, signed char second) {
 }
 
 /// The server's key, from hexadecimal text of any length: what libzmq makes of the length that
-/// comes out is left to libzmq. A wrong key never opens the connection to plain text, since the
-/// client keys have switched the socket to CURVE by then.
+/// comes out is left to libzmq. A wrong key never opens the connection to plain text: a libzmq that
+/// has CURVE, and Start goes on with no other, was switched to it by the client keys before this.
 void set_server_key(void* socket, const std::string& hex) {
   unsigned char key[kCurveKeyLength] = {0};
   const char* digits = hex.c_str();
@@ -545,6 +545,13 @@ void ZmqWorker::Start() {
   sent_count = 0;
   context = zmq_ctx_new();
   print_line("Connecting to %s\n", server.c_str());
+  // Without it the key options fail, which Connect overlooks, and messages would go in the clear.
+  if (!zmq_has("curve")) {
+    reports::error(
+        "This libzmq has no CURVE security: nothing will be sent. Install a libzmq that was built "
+        "with it.");
+    return;
+  }
   socket = Connect(server);
   if (!socket) {
     reports::error("Failed to open ZMQ socket");
@@ -651,8 +658,9 @@ void ZmqWorker::flush_queue() {
       continue;
     zmq_msg_t msg;
     void* const body = record->data;
-    // From here on the body is the message's. When there is no message, it is nobody's: that it is
-    // not freed then is on purpose.
+    // From here on the body is the message's. When zmq_msg_init_size fails there is none to take
+    // it, and that it is not freed then is on purpose. When zmq_msg_init_data fails, adopt_body
+    // frees it.
     record->data = nullptr;
     bool sent = false;
     if (zmq_msg_init_size(&msg, record->size) == 0 && adopt_body(&msg, body, record->size)) {

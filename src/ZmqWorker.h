@@ -23,8 +23,10 @@
 // error of Connect: libzmq connects in the background, and sending to it fails.
 //
 // What survives: a message counts as sent as soon as libzmq has accepted it, which is no proof that
-// the server has it. Stop attempts each waiting record once and drops what fails; a crash
-// loses what waits in memory. What was spooled stays on disk for the next run.
+// the server has it. Stop attempts each waiting record once and drops what fails. The record that
+// the send thread has in work when Stop comes waits no longer: when its send fails, it is lost
+// without another attempt, unless an earlier failed pass has left an entry for it in the queue. A
+// crash loses what waits in memory. What was spooled stays on disk for the next run.
 #pragma once
 
 #include <pthread.h>
@@ -61,8 +63,9 @@ class ZmqWorker {
   void Init(std::string server, std::string public_key, std::string secondary_servers);
 
   /// Opens the socket to the primary and starts the send thread. Does nothing while running. When
-  /// the socket cannot be opened that is reported and the worker stays idle: Write still collects
-  /// messages, in memory and then in the spool, and Stop does nothing.
+  /// the socket cannot be opened, or libzmq lacks CURVE and would send in the clear, that is
+  /// reported and the worker stays idle: Write still collects messages, in memory and then in the
+  /// spool, and Stop does nothing.
   void Start();
 
   /// A new connected socket with options and keys set; null after a failure, which is reported.
@@ -101,7 +104,8 @@ class ZmqWorker {
   /// that was written has been handed over. Any thread.
   void FillStatus(DravenholtZmqWriterStatus* status);
 
-  /// Records that Stop's single attempt could not send, and dropped.
+  /// Records that Stop's single attempt could not send, and dropped. A record that the send thread
+  /// itself gave up, as Stop had come, is not among them; only its failed send is counted.
   uint64_t DroppedByFlush() const { return dropped_by_flush.load(std::memory_order_relaxed); }
 
  private:

@@ -50,6 +50,7 @@ struct World {
   std::map<std::uint64_t, Content> contents;
   std::uint64_t last_content = 0;
   std::vector<test::FakeZmq::Option> options;
+  std::vector<const void*> adopted;
   std::vector<std::string> misuse;
   int key_pairs = 0;
 };
@@ -165,6 +166,7 @@ FakeZmq::FakeZmq() {
   w.contexts.clear();
   w.contents.clear();
   w.options.clear();
+  w.adopted.clear();
   w.misuse.clear();
   w.key_pairs = 0;
 }
@@ -187,6 +189,11 @@ std::vector<std::string> FakeZmq::misuse() const {
 std::size_t FakeZmq::live_contents() const {
   Lock lock(world().mutex);
   return world().contents.size();
+}
+
+std::vector<const void*> FakeZmq::adopted() const {
+  Lock lock(world().mutex);
+  return world().adopted;
 }
 
 std::vector<std::string> FakeZmq::open_sockets() const {
@@ -219,7 +226,7 @@ void zmq_version(int* major, int* minor, int* patch) {
 }
 
 int zmq_has(const char* capability) {
-  return std::strcmp(capability, "curve") == 0;
+  return hooks().has_curve && std::strcmp(capability, "curve") == 0;
 }
 
 void* zmq_ctx_new(void) {
@@ -271,6 +278,8 @@ int zmq_curve_keypair(char* z85_public_key, char* z85_secret_key) {
     number = ++world().key_pairs;
   }
   log(".curve_keypair");
+  if (hooks().on_curve_keypair && !hooks().on_curve_keypair())
+    return fail(ENOTSUP);
   const auto fill = [number](char* key, char letter) {
     const std::string digits = std::to_string(number);
     std::memset(key, letter, 40);
@@ -330,6 +339,8 @@ int zmq_setsockopt(void* socket, int option, const void* value, std::size_t leng
       std::to_string(length));
   if (!usable(socket, "setsockopt"))
     return -1;
+  if (hooks().on_setsockopt && !hooks().on_setsockopt(option))
+    return fail(EINVAL);
   Lock lock(world().mutex);
   world().options.push_back(
       {name_of(socket), option, std::string(static_cast<const char*>(value), length)});
@@ -408,6 +419,10 @@ int zmq_msg_init_data(zmq_msg_t* msg, void* data, std::size_t size, zmq_free_fn*
   if (hooks().on_init_data && !hooks().on_init_data(size)) {
     set(msg, {kClosed, 0});
     return fail(ENOMEM);
+  }
+  {
+    Lock lock(world().mutex);
+    world().adopted.push_back(data);
   }
   set_content(msg, {data, size, release, hint});
   return 0;

@@ -47,14 +47,22 @@ class FakeZmq {
   std::function<bool(const std::string& endpoint)> on_connect;
   /// Not asked for a send on a null socket, which fails.
   std::function<bool(const std::string& endpoint, const std::string& body)> on_send;
+  /// A failed call leaves no trace in options(), but the same line in the log.
+  std::function<bool(int option)> on_setsockopt;
+  /// A failed call writes no keys.
+  std::function<bool()> on_curve_keypair;
   std::function<bool(std::size_t size)> on_init_size;
   std::function<bool(std::size_t size)> on_init_data;
   /// What ZMQ_EVENTS gives; -1 to fail. ZMQ_POLLOUT unless set.
   std::function<int()> on_events;
+  /// What zmq_has says of CURVE. Being asked is not logged.
+  bool has_curve = true;
 
   std::vector<Option> options() const;
   std::vector<std::string> misuse() const;
   std::size_t live_contents() const;
+  /// The data that each successful zmq_msg_init_data was given; to be compared, not to be read.
+  std::vector<const void*> adopted() const;
   /// Names of the sockets that were not closed.
   std::vector<std::string> open_sockets() const;
 };

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <memory>
+#include <regex>
 
 #include "FakeDisk.h"
 #include "SettingsFile.h"
@@ -292,6 +293,13 @@ class Connecting : public Configuration {
                                                                            : options.back().bytes;
   }
 
+  /// The same lines for whichever socket: "s1" and "s2" become "s".
+  static std::vector<std::string> without_names(std::vector<std::string> lines) {
+    for (std::string& line : lines)
+      line = std::regex_replace(line, std::regex(" s[0-9]+"), " s");
+    return lines;
+  }
+
   void TearDown() override {
     for (void* opened : sockets)
       zmq_close(opened);
@@ -345,6 +353,34 @@ TEST_F(Connecting, EveryOptionIsSetInOrderWithItsValueAndLength) {
   EXPECT_EQ(options[5].bytes, "1" + std::string(39, 'P') + std::string(1, '\0'));
   EXPECT_EQ(options[6].bytes, "1" + std::string(39, 'S') + std::string(1, '\0'));
   EXPECT_EQ(options[7].bytes, raw_key());
+}
+
+TEST_F(Connecting, AnOptionThatFailsIsOverlooked) {
+  keep(connect_with_key("AB"));
+  const auto all_work = log.all();
+  ASSERT_THAT(log.starting_with(".setsockopt"), ::testing::SizeIs(8));
+  for (int failing = 0; failing < 8; ++failing) {
+    log.clear();
+    int calls = 0;
+    zmq.on_setsockopt = [&](int) { return calls++ != failing; };
+    void* const opened = keep(worker->Connect("tcp://host:1"));
+    EXPECT_NE(opened, nullptr) << failing;
+    EXPECT_EQ(calls, 8) << failing;
+    EXPECT_EQ(without_names(log.all()), without_names(all_work)) << failing;
+  }
+}
+
+TEST_F(Connecting, AKeyPairThatCannotBeMadeIsSetAsZeros) {
+  keep(connect_with_key("AB"));
+  const auto all_work = log.all();
+  log.clear();
+  zmq.on_curve_keypair = [] { return test::kFail; };
+  EXPECT_NE(keep(worker->Connect("tcp://host:1")), nullptr);
+  EXPECT_EQ(without_names(log.all()), without_names(all_work));
+  const auto options = zmq.options();
+  ASSERT_EQ(options.size(), 16u);
+  EXPECT_EQ(options[13].bytes, std::string(41, '\0'));
+  EXPECT_EQ(options[14].bytes, std::string(41, '\0'));
 }
 
 TEST_F(Connecting, EveryConnectionHasAKeyPairOfItsOwn) {
@@ -522,6 +558,50 @@ TEST_F(Starting, ARefusedPrimaryIsReportedTwice) {
                                        "error: Failed to connect to ZMQ server tcp://bad:5555",
                                        "close s1", "error: Failed to open ZMQ socket"));
   EXPECT_FALSE(worker->running);
+}
+
+TEST_F(Starting, WithALibzmqThatLacksCurveNothingIsEverConnected) {
+  zmq.has_curve = false;
+  init("host");
+  log.clear();
+  ::testing::internal::CaptureStdout();
+  worker->Start();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "Connecting to tcp://host:5555\n");
+  EXPECT_THAT(log.all(),
+              ElementsAre("ctx_new",
+                          "error: This libzmq has no CURVE security: nothing will be sent. Install "
+                          "a libzmq that was built with it."));
+  EXPECT_FALSE(worker->running);
+  EXPECT_NE(worker->context, nullptr);
+  EXPECT_EQ(worker->socket, nullptr);
+}
+
+#ifdef __GLIBC__  // elsewhere the default size of stacks cannot be set
+TEST_F(Starting, WithoutASendThreadTheWorkerStaysIdle) {
+  pthread_attr_t before, too_large;
+  ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+  ASSERT_EQ(pthread_getattr_default_np(&too_large), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&too_large, size_t{1} << 50), 0);
+  init("p");
+  log.clear();
+  ASSERT_EQ(pthread_setattr_default_np(&too_large), 0);
+  worker->Start();
+  ASSERT_EQ(pthread_setattr_default_np(&before), 0);
+  EXPECT_FALSE(worker->running);
+  EXPECT_THAT(log.story(), ElementsAre("ctx_new", "socket s1", "connect s1 tcp://p:5555 ok",
+                                       "error: Failed to start the send thread"));
+  pthread_attr_destroy(&before);
+  pthread_attr_destroy(&too_large);
+}
+#endif
+
+TEST_F(Starting, TheSendThreadEndsWithTheWorkerAsItsResult) {
+  init();
+  worker->Start();
+  worker->running = false;
+  void* result = nullptr;
+  ASSERT_EQ(pthread_join(worker->thread, &result), 0);
+  EXPECT_EQ(result, worker);
 }
 
 TEST_F(Starting, WithoutAContextTheWorkerStaysIdle) {
