@@ -74,6 +74,18 @@ bool LoopScript::init_works(int event) const {
   return !flaky_ || chance("init", event) < 0.95;
 }
 
+bool LoopScript::init_data_works(int event) const {
+  return !flaky_ || chance("init data", event) < 0.95;
+}
+
+bool LoopScript::flush_init_works(int nth) const {
+  return !flaky_ || chance("flush init", nth) < 0.9;
+}
+
+bool LoopScript::flush_init_data_works(int nth) const {
+  return !flaky_ || chance("flush init data", nth) < 0.9;
+}
+
 int LoopScript::arrivals(int event) const {
   if (chance("arrival", event) >= arrival_)
     return 0;
@@ -93,6 +105,8 @@ SendLoopModel::SendLoopModel(const LoopScript& script)
 void SendLoopModel::event(const std::string& line) {
   lines.push_back(line);
   events_ += 1;
+  if (flushing_)
+    return;
   for (int i = script_.arrivals(events_); i > 0; --i)
     write("n" + std::to_string(arrived_++));
   if (events_ == script_.stop_at)
@@ -226,7 +240,7 @@ void SendLoopModel::pass() {
         step = 3;
         break;
       case 3:
-        if (!script_.init_works(events_)) {
+        if (!script_.init_works(events_) || !script_.init_data_works(events_)) {
           event("warning: Failed to initialize zmq_message");
           return;
         }
@@ -336,16 +350,20 @@ void SendLoopModel::run() {
     disconnect_and_close(secondary_socket_);
 }
 
-std::vector<std::string> SendLoopModel::flush() const {
-  std::vector<std::string> bodies;
-  std::vector<Record> records = records_;
-  for (const int entry : queue_) {
-    Record& record = records[static_cast<std::size_t>(entry)];
-    if (!record.delivered)
-      bodies.push_back(record.body);
+void SendLoopModel::flush() {
+  flushing_ = true;
+  int attempts = 0;
+  for (; !queue_.empty(); queue_.pop_front()) {
+    Record& record = records_[static_cast<std::size_t>(queue_.front())];
+    if (record.delivered)
+      continue;
     record.delivered = true;
+    const int nth = attempts++;
+    message_ = record.body;
+    const bool works = script_.flush_init_works(nth) && script_.flush_init_data_works(nth) &&
+                       send(1, kPrimaryEndpoint);
+    dropped += works ? 0 : 1;
   }
-  return bodies;
 }
 
 }  // namespace test

@@ -34,6 +34,10 @@ class LoopScript {
   bool connect_works(const std::string& endpoint, int event) const;
   bool socket_works(int event) const;
   bool init_works(int event) const;
+  bool init_data_works(int event) const;
+  // What happens to the nth record, from 0 on, that the flush takes up.
+  bool flush_init_works(int nth) const;
+  bool flush_init_data_works(int nth) const;
   /// How many messages arrive right after this event.
   int arrivals(int event) const;
   /// The event right after which `running` is cleared.
@@ -57,14 +61,15 @@ class SendLoopModel {
 
   /// The loop from start to end.
   void run();
-  /// What Stop's flush does with what is left: the bodies that it attempts, in order.
-  std::vector<std::string> flush() const;
+  /// After that, Stop's flush of what is left. Nothing arrives any more.
+  void flush();
 
   // What came out.
   std::vector<std::string> lines;
   std::vector<std::string> spool;
   int sent = 0;
   int failed = 0;
+  int dropped = 0;  // by the flush
   std::int64_t main_fail_time = 0;
   int secondary_index = 0;
   std::string secondary_server;
@@ -100,6 +105,7 @@ class SendLoopModel {
   int events_ = 0;
   int arrived_ = 0;
   bool running_ = true;
+  bool flushing_ = false;
   std::int64_t now_us_;
   State state_ = kPrimary;
   Socket secondary_socket_ = 0;

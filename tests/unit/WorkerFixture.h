@@ -134,6 +134,13 @@ class WorkerFixture : public ::testing::Test {
     return result;
   }
 
+  bool queue_is_locked() {
+    if (pthread_mutex_trylock(&worker->mutex) != 0)
+      return true;
+    pthread_mutex_unlock(&worker->mutex);
+    return false;
+  }
+
   uint64_t sent() const { return worker->sent_count; }
   uint64_t failed() const { return worker->failed_count; }
 

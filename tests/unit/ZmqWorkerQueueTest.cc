@@ -55,6 +55,35 @@ TEST_F(Queue, FiveHundredAndFirstMessageGoesToTheSpool) {
   EXPECT_EQ(worker->queue.size(), 500u);
 }
 
+TEST_F(Queue, TheSpoolStoresUnderTheQueuesLock) {
+  connect();
+  write_many(500);
+  int looks = 0;
+  log.listen([&](const std::string& line) {
+    looks += 1;
+    EXPECT_EQ(line, "spool store 'r500'");
+    EXPECT_TRUE(queue_is_locked());
+  });
+  write("r500");
+  EXPECT_EQ(looks, 1);
+}
+
+TEST_F(Queue, TheSendLoopSendsACopyWithTheQueueUnlocked) {
+  connect();
+  write("a");
+  const void* const body = worker->queue.front()->data;
+  int looks = 0;
+  zmq.on_send = [&](const std::string&, const std::string&) {
+    looks += 1;
+    EXPECT_FALSE(queue_is_locked());
+    return kOk;
+  };
+  run();
+  EXPECT_EQ(looks, 1);
+  ASSERT_EQ(zmq.adopted().size(), 1u);
+  EXPECT_NE(zmq.adopted()[0], body);
+}
+
 TEST_F(Queue, SeventyThousandBytesAreSpooledAsTheirFirst4464) {
   connect();
   write_many(500);
@@ -177,6 +206,44 @@ TEST_F(Stopping, BeforeStartDoesNothing) {
   log.clear();
   worker->Stop();
   EXPECT_THAT(log.all(), IsEmpty());
+}
+
+TEST_F(Stopping, TheFlushSendsTheRecordsOwnBodiesWithTheQueueLocked) {
+  connect();
+  write("a");
+  write("b");
+  const void* const first = worker->queue.front()->data;
+  const void* const second = worker->queue.back()->data;
+  int looks = 0;
+  zmq.on_send = [&](const std::string&, const std::string&) {
+    looks += 1;
+    EXPECT_TRUE(queue_is_locked());
+    return kOk;
+  };
+  stop();
+  EXPECT_EQ(looks, 2);
+  EXPECT_THAT(zmq.adopted(), ElementsAre(first, second));
+}
+
+// The record in work was popped, and has no entry that the flush could find.
+TEST_F(Stopping, TheRecordInWorkWhoseSendThenFailsIsLostWithoutASecondAttempt) {
+  connect("a");
+  zmq.on_send = [](const std::string& endpoint, const std::string&) {
+    return endpoint != "tcp://p:5555";
+  };
+  write("first");
+  run();
+  const auto failed_before = failed();
+  write("second");
+  write("third");
+  run("send s1 'second' failed");  // Stop comes during this send
+  EXPECT_EQ(failed(), failed_before + 1);
+  EXPECT_EQ(status().in_work, 0);
+  zmq.on_send = nullptr;
+  EXPECT_THAT(stop(), ElementsAre("send s1 'third' ok", "disconnect s1 tcp://p:5555", "close s1",
+                                  "ctx_destroy"));
+  EXPECT_EQ(worker->DroppedByFlush(), 0u);
+  EXPECT_EQ(failed(), failed_before + 1);
 }
 
 TEST_F(Stopping, SecondariesAreNotUsedByTheFlush) {
