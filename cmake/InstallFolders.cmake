@@ -1,6 +1,7 @@
 # Installing also prepares the folders that the plug-in works in: the one with the agent-id file,
 # and the parent of the spool, without which the plug-in keeps no spool (it makes the last folder
-# only). Only the agent's user is let in (mode 0700). A folder that is there is left as it is.
+# only). Only the agent's user is let in (mode 0700). A folder that is there is left as it is, with a
+# warning where its owner or mode is another.
 #
 #   ZMQWRITER_PREPARE_FOLDERS  OFF leaves this to the packager
 #   ZMQWRITER_AGENT_USER       the user that the host runs as, who gets the folders (empty: the user
@@ -18,7 +19,6 @@ if(ZMQWRITER_PREPARE_FOLDERS)
   get_filename_component(spool_parent "${spool_folder}" DIRECTORY)
   install(CODE "
     set(AGENT_USER \"${ZMQWRITER_AGENT_USER}\")
-    foreach(FOLDER \"${install_prefix}\" \"${spool_parent}\")
-      include(\"${CMAKE_CURRENT_LIST_DIR}/PrepareFolder.cmake\")
-    endforeach()")
+    set(FOLDERS \"${install_prefix}\" \"${spool_parent}\")
+    include(\"${CMAKE_CURRENT_LIST_DIR}/PrepareFolder.cmake\")")
 endif()
