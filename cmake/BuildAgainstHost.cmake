@@ -28,6 +28,17 @@ if(NOT build_parent STREQUAL source_folder)
                       "${CMAKE_SOURCE_DIR}, because the host's package script expects it there.")
 endif()
 
+# A folder of the sources is a direct child, too. By now CMake has put its own files there; a folder
+# that was built in before has the schema's header.
+if(NOT EXISTS ${CMAKE_BINARY_DIR}/generated/aggregator_generated.h)
+  file(GLOB foreign RELATIVE ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/*)
+  list(REMOVE_ITEM foreign CMakeCache.txt CMakeFiles generated .cmake)
+  if(foreign)
+    message(FATAL_ERROR "${CMAKE_BINARY_DIR} is no build folder: it holds files of others. Name "
+                        "another with -B, and remove CMakeCache.txt and CMakeFiles from this one.")
+  endif()
+endif()
+
 include(${CMAKE_CURRENT_LIST_DIR}/Dependencies.cmake)
 include(${CMAKE_CURRENT_LIST_DIR}/PluginExports.cmake)
 include(${CMAKE_CURRENT_LIST_DIR}/FixedPaths.cmake)

@@ -8,7 +8,9 @@ inside the source tree, and nothing else of this project may be needed.
 With ZMQWRITER, the program of that name loads the installed folder, too.
 """
 
+import configparser
 import os
+import pwd
 import re
 import shutil
 import stat
@@ -39,6 +41,22 @@ def one_line(text):
 def files_below(folder):
     return sorted(os.path.relpath(os.path.join(path, name), folder)
                   for path, _, names in os.walk(folder) for name in names)
+
+
+def contents(folder):
+    """Relative path -> bytes, of every file."""
+    found = {}
+    for name in files_below(folder):
+        with open(os.path.join(folder, name), "rb") as file:
+            found[name] = file.read()
+    return found
+
+
+def package_file():
+    """What the package manager is told about this package."""
+    parser = configparser.RawConfigParser()
+    parser.read(os.path.join(SOURCE_DIR, "bro-pkg.meta"))
+    return parser["package"]
 
 
 def make_dist(folder, with_settings_file=False):
@@ -130,6 +148,31 @@ class BuildAgainstHostTest(unittest.TestCase):
                                   "-DBRO_DIST=" + self.dist, status=1)
         self.assertIn("must be a direct child", one_line(text))
 
+    def test_folder_of_the_sources_is_refused_as_build_folder_and_left_as_it_is(self):
+        for folder in ("src", "scripts", "cmake", "host", "platform", "VERSION"):
+            with self.subTest(folder):
+                before = contents(self.source)
+                text = self.configure("--bro-dist=" + self.dist, "--build-dir=" + folder, status=1)
+                self.assertIn("choose another name with --build-dir=NAME", text)
+                self.assertEqual(contents(self.source), before)
+
+    def test_cmake_without_the_wrapper_refuses_a_folder_of_the_sources_each_time(self):
+        before = contents(self.source)
+        for _ in range(2):
+            text = self.run_in_source("cmake", "-S", ".", "-B", "src", "-DBRO_DIST=" + self.dist,
+                                      status=1)
+            self.assertIn("is no build folder", one_line(text))
+        # CMake itself leaves these two behind whatever happens.
+        shutil.rmtree(os.path.join(self.source, "src/CMakeFiles"))
+        os.remove(os.path.join(self.source, "src/CMakeCache.txt"))
+        self.assertEqual(contents(self.source), before)
+
+    def test_empty_folder_may_become_the_build_folder(self):
+        os.mkdir(os.path.join(self.source, "build-empty"))
+        for _ in range(2):
+            self.configure("--bro-dist=" + self.dist, "--build-dir=build-empty")
+        shutil.rmtree(os.path.join(self.source, "build-empty"))
+
     def test_host_with_a_settings_file_keeps_its_own(self):
         dist = os.path.join(self.top, "bro-with-settings")
         make_dist(dist, with_settings_file=True)
@@ -140,19 +183,76 @@ class BuildAgainstHostTest(unittest.TestCase):
 
     # --- the whole way ---------------------------------------------------------------------------
 
+    def test_package_manager_is_told_the_folder_and_the_command_of_this_build(self):
+        package = package_file()
+        self.assertIn("(default: %s;" % package["plugin_dir"], self.configure("--help"))
+        command = package["build_command"]
+        self.assertIn("--bro-dist=%(bro_dist)s", command)
+        self.assertTrue((command % {"bro_dist": "/bro"}).startswith("./configure --bro-dist=/bro "))
+
+    def test_configured_places_users_and_preparations_arrive(self):
+        places = ["--agent-id-dir=/var/lib/zw/agent", "--spool-dir=/var/lib/zw/parent/spool"]
+        prepared = ["var/lib/zw/agent", "var/lib/zw/parent"]
+        common = ["--bro-dist=" + self.dist, "--install-root=/opt/plugins"] + places
+
+        self.configure(*common, "--build-dir=build-bare", "--no-prepare")
+        self.run_in_source("make", "BUILD_DIR=build-bare")
+        self.addCleanup(shutil.rmtree, os.path.join(self.source, "build-bare"))
+        with open(self.plugin_object(os.path.join(self.source, "build-bare")), "rb") as file:
+            code = file.read()
+        for place in places:
+            self.assertIn(place.split("=")[1].encode() + b"\0", code)
+
+        root = os.path.join(self.top, "root-bare")
+        self.run_in_source("make", "install", "BUILD_DIR=build-bare", DESTDIR=root)
+        self.assertTrue(os.path.exists(os.path.join(root, "opt/plugins/Dravenholt_ZMQWriter")))
+        self.assertFalse(os.path.exists(os.path.join(root, "var")))
+
+        # The package is the same: only the installing differs from here on.
+        user = pwd.getpwnam("nobody") if os.geteuid() == 0 else pwd.getpwuid(os.getuid())
+        for name, status in ((user.pw_name, 0), ("zmqwriter-no-such-user", 1)):
+            build = "build-" + name
+            self.configure(*common, "--build-dir=" + build, "--agent-user=" + name)
+            self.addCleanup(shutil.rmtree, os.path.join(self.source, build))
+            copy(os.path.join(self.source, "build-bare/Dravenholt_ZMQWriter.tgz"),
+                 os.path.join(self.source, build, "Dravenholt_ZMQWriter.tgz"))
+            root = os.path.join(self.top, "root-" + name)
+            text = self.run_in_source("cmake", "--install", build, status=status, DESTDIR=root)
+            if status == 0:
+                for folder in prepared:
+                    state = os.stat(os.path.join(root, folder))
+                    self.assertEqual(state.st_uid, user.pw_uid, folder)
+                    self.assertEqual(stat.S_IMODE(state.st_mode), 0o700, folder)
+            else:
+                self.assertIn("there is no user " + name, one_line(text))
+                self.assertFalse(os.path.exists(os.path.join(root, "var")))
+
     def test_configure_make_make_install(self):
         before = files_below(self.source)
         text = self.configure("--bro-dist=" + self.dist, "--install-root=/opt/plugins")
         self.assertIn("The host has no SettingsFile: ours is compiled in", text)
         self.run_in_source("make")
-        build = os.path.join(self.source, "build-host")
-        outside = [name for name in files_below(self.source) if not name.startswith("build-host/")]
+        folder = package_file()["plugin_dir"]
+        build = os.path.join(self.source, folder)
+        outside = [name for name in files_below(self.source) if not name.startswith(folder + "/")]
         self.assertEqual(outside, before, "something was written outside of the build folder")
 
         self.check_plugin_folder(build)
         self.assertTrue(os.path.islink(os.path.join(build, "scripts")))
         self.check_package(build)
         self.check_installation()
+        if sys.platform == "linux":
+            result = subprocess.run(
+                [sys.executable, "-B", os.path.join(SOURCE_DIR, "tests/system/plugin_object_test.py"),
+                 SOURCE_DIR, self.plugin_object(build)],
+                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+            self.assertEqual(result.returncode, 0, result.stdout)
+            self.assertRegex(result.stdout, r"\nRan [1-9]")
+
+    def plugin_object(self, folder):
+        system = os.uname()
+        return os.path.join(folder, "lib/Dravenholt-ZMQWriter.%s-%s.so" % (system.sysname.lower(),
+                                                                           system.machine))
 
     def check_plugin_folder(self, folder):
         with open(os.path.join(folder, "__bro_plugin__")) as magic:
@@ -163,9 +263,7 @@ class BuildAgainstHostTest(unittest.TestCase):
                      "scripts/Dravenholt/ZMQWriter/connections.bro"):
             self.assertTrue(os.path.exists(os.path.join(folder, name)), name)
         objects = [name for name in os.listdir(os.path.join(folder, "lib")) if name.endswith(".so")]
-        system = os.uname()
-        self.assertEqual(objects, ["Dravenholt-ZMQWriter.%s-%s.so" % (system.sysname.lower(),
-                                                                      system.machine)])
+        self.assertEqual(objects, [os.path.basename(self.plugin_object(folder))])
 
     def check_package(self, build):
         with open(os.path.join(SOURCE_DIR, "VERSION")) as file:
