@@ -292,6 +292,10 @@ void AsciiLog::ReadFirstHeader() {
   constexpr std::string_view kFirst = "separator ";
   if (!ReadLine())
     throw AsciiLogError(file_ + ": file without header: it is empty");
+  // Some editors put a byte order mark in front of a UTF-8 file.
+  constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+  if (line_.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0)
+    line_.remove_prefix(kByteOrderMark.size());
   // The meta prefix is what stands before the first line's first word.
   const auto word = line_.find(kFirst);
   if (word != std::string_view::npos && word > 0 && word <= 16)

@@ -263,7 +263,7 @@ class Collector {
 
 void warn_if_readable_by_others(const std::string& file) {
   struct stat status;
-  if (stat(file.c_str(), &status) == 0 && (status.st_mode & 077) != 0)
+  if (stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & 077) != 0)
     std::fprintf(stderr, "warning: others may read the secret key: chmod 600 %s\n", file.c_str());
 }
 
@@ -305,7 +305,7 @@ void add_collect_command(CLI::App& app, int* exit_code) {
       ->capture_default_str();
   command->add_option("--count", options->count, "Stop after so many events")
       ->type_name("N")
-      ->check(positive_number());
+      ->check(positive_count());
   command
       ->add_option("--timeout", options->timeout_s,
                    "Stop when nothing has come for so many seconds; a failure (exit status 1) "

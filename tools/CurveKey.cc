@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <system_error>
 
 #include <zmq.h>
 
@@ -27,6 +29,9 @@ int digit_value(char c) {
 }
 
 std::string read_text(const std::string& path) {
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored))
+    throw std::runtime_error(path + ": this is a folder, not a key file");
   errno = 0;
   std::ifstream in(path, std::ios::binary);
   std::string text(kLongestFile, '\0');

@@ -79,6 +79,11 @@ void add_keygen_command(CLI::App& app, int* exit_code) {
   const auto folder = std::make_shared<std::string>(".");
   command->add_option("--dir", *folder, "Folder of the two files, created if need be")
       ->type_name("DIR")
+      ->check(CLI::Validator(
+          [](const std::string& text) -> std::string {
+            return text.empty() ? "the folder's name is empty; '.' is the current folder" : "";
+          },
+          ""))
       ->capture_default_str();
   command->callback([folder, exit_code] { *exit_code = make_keys(*folder); });
 }

@@ -1,5 +1,6 @@
 #include "LogFeed.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
@@ -45,6 +46,7 @@ void LogFeed::MakeWriter() {
   mapped_columns_ = log_.columns();
   mapping_ = std::make_unique<RecordMapping>(mapped_path_, mapped_columns_);
   writer_ = host_->CreateWriter("ZMQ", paths_->Unique(mapped_path_), mapping_->fields());
+  writers_.push_back(writer_);
 }
 
 LogFeed::Step LogFeed::Feed() {
@@ -91,7 +93,8 @@ void LogFeed::Flush() {
 }
 
 void LogFeed::NoteFailure() {
-  writer_failed_ = writer_ && writer_->Disabled();
+  writer_failed_ = std::any_of(writers_.begin(), writers_.end(),
+                               [](logging::WriterFrontend* writer) { return writer->Disabled(); });
 }
 
 std::string LogFeed::Account() const {

@@ -41,16 +41,16 @@ class LogFeed {
   /// Hands on what the host has buffered for this writer.
   void Flush();
 
-  /// Looks whether the host has disabled the writer since its backend failed, so that records were
-  /// discarded. To be called before the host ends and takes the writer along.
+  /// Looks whether the host has disabled one of the log's writers since its backend failed, so that
+  /// records were discarded. To be called before the host ends and takes the writers along.
   void NoteFailure();
 
   /// For the final report, e.g. "conn.log: 12 records, 1 broken line".
   std::string Account() const;
 
   bool ended() const { return ended_; }
-  /// Whether the log was read to its end without any broken line.
-  bool whole() const { return ended_ && !unreadable_ && broken_ == 0; }
+  /// Whether the log was read to its end without any broken line, and no writer failed.
+  bool whole() const { return ended_ && !unreadable_ && broken_ == 0 && !writer_failed_; }
   std::uint64_t broken() const { return broken_; }
   std::uint64_t bytes_read() const { return log_.bytes_read(); }
   /// Size of the file; 0 if it has none.
@@ -67,7 +67,8 @@ class LogFeed {
   std::unique_ptr<RecordMapping> mapping_;
   std::string mapped_path_;
   std::vector<standin::AsciiLog::Column> mapped_columns_;
-  logging::WriterFrontend* writer_ = nullptr;  // the host's
+  logging::WriterFrontend* writer_ = nullptr;      // the host's
+  std::vector<logging::WriterFrontend*> writers_;  // all of this log so far, the current one last
   std::uint64_t bytes_total_;
   std::uint64_t records_ = 0;
   std::uint64_t broken_ = 0;

@@ -1,12 +1,17 @@
 #include "Replay.h"
 
+#include <limits.h>
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "LogFeed.h"
 #include "Output.h"
@@ -33,9 +38,11 @@ constexpr auto kPollForRoom = std::chrono::microseconds(200);
 // A writer thread may still be converting a batch that it took: nothing tells when it is done. So
 // "nothing is on its way" counts only when it stays so for a while.
 constexpr auto kQuietWhenAllSent = std::chrono::milliseconds(100);
+// When more was sent than read, the number does not tell that all of it was.
+constexpr auto kQuietWhenMoreSent = std::chrono::seconds(1);
 constexpr auto kQuietWhenSomeMissing = std::chrono::seconds(5);
 constexpr auto kLongestStart = std::chrono::seconds(5);
-constexpr auto kDrainAfterSignal = std::chrono::seconds(5);
+constexpr double kDrainAfterSignal_s = 5;
 
 /// The plug-in's own account.
 class PluginStatus {
@@ -66,28 +73,73 @@ class PluginStatus {
   std::uint64_t sent_before_;
 };
 
-bool has_redef(const std::vector<std::string>& redefs, const std::string& name) {
-  const std::string start = "LogZMQ::" + name + "=";
-  return std::any_of(redefs.begin(), redefs.end(), [&](const std::string& redef) {
-    return redef.compare(0, start.size(), start) == 0;
-  });
+/// A setting of the plug-in: what the settings file says, else what the command line gives the
+/// script constant.
+struct Setting {
+  Setting(const ReplayOptions& options, const char* key, const std::string& constant) {
+    const std::string start = "LogZMQ::" + constant + "=";
+    for (const std::string& redef : options.redefs) {
+      if (redef.compare(0, start.size(), start) != 0)
+        continue;
+      found = true;
+      value = redef.substr(start.size());
+      name = "LogZMQ::" + constant;
+    }
+    if (settings->has(key)) {
+      found = true;
+      value = settings->getStringVal(key, "");
+      name = options.settings_file + ": " + key;
+    }
+  }
+
+  bool found = false;
+  std::string name;
+  std::string value;
+};
+
+/// What is wrong with a server key and what to do about it; "" when it has the plug-in's form.
+std::string key_problem(const std::string& key) {
+  constexpr std::size_t kDigits = 64;
+  constexpr std::size_t kZ85Digits = 40;
+  const auto only = [&](const char* characters) {
+    return key.find_first_not_of(characters) == std::string::npos;
+  };
+  if (key.empty())
+    return "is empty; put the content of the collector's server.public there";
+  if (key.size() == kDigits && only("0123456789ABCDEF"))
+    return "";
+  if (key.size() == kDigits && only("0123456789ABCDEFabcdef"))
+    return "has lower-case digits, which the plug-in does not read; write it in upper case";
+  const std::string length = std::to_string(key.size()) + " characters";
+  if (key.size() == kZ85Digits)
+    return "has " + length +
+           ", which looks like Z85; write the key's 32 bytes as 64 upper-case hexadecimal digits";
+  return "is no key of 64 upper-case hexadecimal digits (it has " + length +
+         "); put the content of the collector's server.public there";
 }
 
 /// What the plug-in cannot do without. It would start all the same and only fail later.
 void warn_about_settings(const ReplayOptions& options) {
-  const auto missing = [&](const char* key, const char* constant) {
-    return !settings->has(key) && !has_redef(options.redefs, constant);
-  };
-  if (missing("zmq.server", "zmq_primary_server"))
+  const Setting server(options, "zmq.server", "zmq_primary_server");
+  const Setting key(options, "zmq.public_key", "zmq_public_key");
+  if (!server.found)
     std::fprintf(stderr,
                  "warning: %s sets no zmq.server, nor is LogZMQ::zmq_primary_server set: unless "
                  "the plug-in's scripts name a server, it will try tcp://:5555\n",
                  options.settings_file.c_str());
-  if (missing("zmq.public_key", "zmq_public_key"))
+  else if (server.value.empty())
+    std::fprintf(stderr,
+                 "warning: %s is empty: the plug-in will try tcp://:5555; name the server, e.g. "
+                 "collector.example.net:5555\n",
+                 server.name.c_str());
+  if (!key.found)
     std::fprintf(stderr,
                  "warning: %s sets no zmq.public_key, nor is LogZMQ::zmq_public_key set: without "
                  "the server's key no event leaves the plug-in\n",
                  options.settings_file.c_str());
+  else if (!key_problem(key.value).empty())
+    std::fprintf(stderr, "warning: %s %s; no event leaves the plug-in this way\n", key.name.c_str(),
+                 key_problem(key.value).c_str());
 }
 
 standin::Host::Options host_options(const ReplayOptions& options) {
@@ -113,11 +165,15 @@ class Replay {
     FeedAll();
     Drain();
     progress_.Clear();
-    const DravenholtZmqWriterStatus before_end = status_->Now();
-    AnnounceEnd(before_end);
-    release_stop_signals();
     for (const auto& feed : feeds_)
       feed->NoteFailure();
+    const DravenholtZmqWriterStatus before_end = status_->Now();
+    // The end may take minutes, and a signal cuts it short: what is known already is said before.
+    ReportReading();
+    if (!why_stopped_.empty() && !(drained_ && Whole()))
+      ReportGivingUp(before_end);
+    AnnounceEnd(before_end);
+    release_stop_signals();
     host_.Finish();
     return Report(before_end);
   }
@@ -169,15 +225,17 @@ class Replay {
   void WaitForRate() {
     if (options_.rate <= 0)
       return;
-    const auto due = start_ + std::chrono::duration_cast<Clock::duration>(
-                                  Duration(static_cast<double>(fed_) / options_.rate));
-    if (Clock::now() < due)
+    // As doubles: a tiny rate asks for more than the clock's own type can hold.
+    const Duration due(static_cast<double>(fed_) / options_.rate);
+    if (Elapsed() < due)
       FlushAll();
-    while (Clock::now() < due && !Stopping()) {
+    while (Elapsed() < due && !Stopping()) {
       host_.Pump();
-      Idle(std::min<Clock::duration>(kPoll, due - Clock::now()));
+      Idle(std::min<Duration>(kPoll, due - Elapsed()));
     }
   }
+
+  Duration Elapsed() const { return Clock::now() - start_; }
 
   void WaitForRoom() {
     if (options_.pace)
@@ -200,7 +258,7 @@ class Replay {
     return fed_ - sent + kBurst <= kMostUnderWay && status.queued + kBurst <= kMostUnderWay;
   }
 
-  void Idle(Clock::duration pause) {
+  void Idle(Duration pause) {
     ShowProgress();
     std::this_thread::sleep_for(pause);
   }
@@ -253,7 +311,7 @@ class Replay {
       return;
     last_progress_ = Clock::now();
     auto busy = Clock::now();
-    while (!AllSent(&busy) && why_stopped_.empty()) {
+    while (!(drained_ = AllSent(&busy)) && why_stopped_.empty()) {
       if (stop_requested())
         break;
       if (Clock::now() - busy >= kQuietWhenSomeMissing)
@@ -272,22 +330,45 @@ class Replay {
     const DravenholtZmqWriterStatus status = Look();
     if (status.queued > 0 || status.in_work || status.spooled || host_.PendingInput() > 0)
       *busy = Clock::now();
-    return status_->Sent(status) >= fed_ && Clock::now() - *busy >= kQuietWhenAllSent;
+    const std::uint64_t sent = status_->Sent(status);
+    const Duration quiet = Clock::now() - *busy;
+    return sent == fed_ ? quiet >= kQuietWhenAllSent : sent > fed_ && quiet >= kQuietWhenMoreSent;
   }
 
   void DrainAfterSignal() {
-    const auto end =
-        Clock::now() + std::min<Clock::duration>(
-                           kDrainAfterSignal,
-                           std::chrono::duration_cast<Clock::duration>(Duration(options_.drain_s)));
-    auto busy = Clock::now();
-    while (!AllSent(&busy) && Clock::now() < end)
+    const auto begin = Clock::now();
+    const Duration longest(std::min(kDrainAfterSignal_s, options_.drain_s));
+    auto busy = begin;
+    while (!(drained_ = AllSent(&busy)) && Clock::now() - begin < longest)
       Idle(kPoll);
     why_stopped_ = "stopped by a signal";
   }
 
-  /// What the plug-in holds in memory, it tries once more when it is stopped. That may take long,
-  /// so what is known already is said before.
+  bool Whole() const {
+    return refused_ == 0 && std::all_of(feeds_.begin(), feeds_.end(),
+                                        [](const auto& feed) { return feed->whole(); });
+  }
+
+  void ReportReading() const {
+    std::uint64_t broken = 0;
+    for (const auto& feed : feeds_)
+      broken += feed->broken();
+    std::fprintf(stderr, "read: %s from %s, %s skipped\n", counted(fed_, "record").c_str(),
+                 counted(feeds_.size(), "log").c_str(), counted(broken, "broken line").c_str());
+    for (const auto& feed : feeds_)
+      std::fprintf(stderr, "  %s\n", feed->Account().c_str());
+    if (refused_ > 0)
+      std::fprintf(stderr, "refused: %s\n", counted(refused_, "log").c_str());
+  }
+
+  void ReportGivingUp(const DravenholtZmqWriterStatus& status) const {
+    std::fprintf(stderr, "gave up: %s\n", why_stopped_.c_str());
+    std::fprintf(stderr, "sent so far: %s, failed: %s\n",
+                 counted(status_->Sent(status), "message").c_str(),
+                 counted(status.failed, "attempt").c_str());
+  }
+
+  /// What the plug-in holds in memory, it tries once more when it is stopped.
   static void AnnounceEnd(const DravenholtZmqWriterStatus& status) {
     if (status.spooled)
       std::fprintf(stderr,
@@ -306,25 +387,17 @@ class Replay {
   int Report(const DravenholtZmqWriterStatus& before_end) {
     const DravenholtZmqWriterStatus status = status_->Now();
     const std::uint64_t sent = status_->Sent(status);
-    std::uint64_t broken = 0;
-    bool whole = refused_ == 0;
-    for (const auto& feed : feeds_) {
-      broken += feed->broken();
-      whole = whole && feed->whole();
-    }
-    std::fprintf(stderr, "read: %s from %s, %s skipped\n", counted(fed_, "record").c_str(),
-                 counted(feeds_.size(), "log").c_str(), counted(broken, "broken line").c_str());
-    for (const auto& feed : feeds_)
-      std::fprintf(stderr, "  %s\n", feed->Account().c_str());
-    if (refused_ > 0)
-      std::fprintf(stderr, "refused: %s\n", counted(refused_, "log").c_str());
     std::fprintf(stderr, "sent: %s, failed: %s\n", counted(sent, "message").c_str(),
                  counted(status.failed, "attempt").c_str());
-    const bool handed_over = sent >= fed_ && !before_end.spooled;
-    if (!why_stopped_.empty() && !(whole && handed_over))
-      std::fprintf(stderr, "gave up: %s\n", why_stopped_.c_str());
+    // The number alone proves little: events of an earlier run may be among those sent.
+    const bool held = before_end.queued > 0 || before_end.in_work;
+    const bool handed_over = drained_ || (sent >= fed_ && !before_end.spooled && !held);
     ReportRest(before_end, sent);
-    return whole && handed_over ? 0 : 1;
+    if (status.cut > 0)
+      std::fprintf(stderr, "%s longer than 65535 bytes and %s cut on disk\n",
+                   (counted(status.cut, "event") + (status.cut == 1 ? " was" : " were")).c_str(),
+                   status.cut == 1 ? "was" : "were");
+    return Whole() && handed_over && status.cut == 0 ? 0 : 1;
   }
 
   void ReportRest(const DravenholtZmqWriterStatus& before_end, std::uint64_t sent) const {
@@ -349,15 +422,39 @@ class Replay {
   std::uint64_t refused_ = 0;
   std::uint64_t fed_ = 0;
   std::string why_stopped_;  // empty while there is no reason to stop
+  bool drained_ = false;     // everything was sent, and the plug-in held nothing any more
   std::uint64_t last_sent_ = 0;
   Clock::time_point start_;
   Clock::time_point last_progress_;  // something was sent, or a wait began
   Clock::time_point last_running_;   // the send thread was seen running
 };
 
+/// Allows as many open files as the system lets us, and throws if those logs are too many.
+void allow_open_files(std::size_t logs) {
+  constexpr rlim_t kBesideLogs = 64;  // the spool's, the sockets' and the process's own
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+    return;
+  rlimit raised = limit;
+  raised.rlim_cur = limit.rlim_max;
+#ifdef __APPLE__
+  // There the hard limit may be more than the system accepts.
+  raised.rlim_cur = std::min<rlim_t>(raised.rlim_cur, OPEN_MAX);
+#endif
+  if (raised.rlim_cur > limit.rlim_cur && setrlimit(RLIMIT_NOFILE, &raised) == 0)
+    limit = raised;
+  const rlim_t needed = logs + kBesideLogs;
+  if (limit.rlim_cur < needed)
+    throw std::runtime_error(counted(logs, "log") + " need " + std::to_string(needed) +
+                             " open files, but the system allows only " +
+                             std::to_string(limit.rlim_cur) +
+                             ": replay fewer at a time or raise the limit (ulimit -n)");
+}
+
 }  // namespace
 
 int replay(const ReplayOptions& options) {
+  allow_open_files(options.logs.size());
   catch_stop_signals();
   return Replay(options).Run();
 }

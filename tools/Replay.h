@@ -12,8 +12,12 @@
 // replay waits until the plug-in holds none in memory and on disk, and gives up when none was
 // sent for the drain time. The same limit holds for a pause.
 //
+// What went to disk came back cut if it was longer than 65535 bytes. The plug-in counts that, and
+// it is a failure of the replay.
+//
 // SIGINT and SIGTERM end the reading; what is on its way gets a few seconds, then the plug-in is
-// stopped in the host's order. A signal during that last step ends the process at once.
+// stopped in the host's order. A signal during that last step ends the process at once; the account
+// of what was read and sent so far stands by then.
 #pragma once
 
 #include <string>
@@ -30,7 +34,7 @@ struct ReplayOptions {
 };
 
 /// Replays the logs and tells on standard error what became of the records. Returns the exit
-/// status: 0 if every line of every log was read and every record was handed over. Throws
+/// status: 0 if every line of every log was read and every record was handed over whole. Throws
 /// standin::HostError and std::runtime_error when it cannot begin.
 int replay(const ReplayOptions& options);
 

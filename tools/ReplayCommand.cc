@@ -52,7 +52,8 @@ void add_replay_command(CLI::App& app, int* exit_code) {
       "dce_rpc and tn5250 become events of their own kind, others key/value pairs; a log with a\n"
       "column ptype, extra_fields or cpu_usage is passed on as it is.\n"
       "Reading pauses while 400 records are on their way. Exit status 0 means that every line was\n"
-      "read and every record handed over; standard error tells what was read, sent, failed and\n"
+      "read and every record handed over whole; standard error tells what was read, sent, failed "
+      "and\n"
       "left on disk. Standard output belongs to the plug-in.");
   const auto options = std::make_shared<ReplayOptions>();
   const auto no_pace = std::make_shared<bool>(false);
@@ -78,7 +79,8 @@ void add_replay_command(CLI::App& app, int* exit_code) {
       ->check(positive_number(true))
       ->capture_default_str();
   command->add_flag("--no-pace", *no_pace,
-                    "Read on as fast as possible; what finds no room in memory goes to disk");
+                    "Read on as fast as possible; what finds no room in memory goes to disk, where "
+                    "events of 64 KiB and more are cut");
   command
       ->add_option("--plugin", options->plugin_folder,
                    "Folder of the plug-in (default: plugin beside the program's folder)")

@@ -20,6 +20,19 @@ namespace {
 constexpr int kFailure = 1;
 constexpr int kWrongUsage = 2;
 
+/// The first word that stands where a subcommand must and is none; null if there is no such word.
+const char* unknown_subcommand(const CLI::App& app, int argc, char** argv) {
+  const CLI::App* command = &app;
+  for (int i = 1; i < argc && argv[i][0] != '-'; ++i) {
+    const auto named = command->get_subcommands(
+        [word = argv[i]](const CLI::App* candidate) { return candidate->check_name(word); });
+    if (named.empty())
+      return command->get_require_subcommand_min() > 0 ? argv[i] : nullptr;
+    command = named.front();
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -36,6 +49,10 @@ int main(int argc, char** argv) {
   add_decode_command(app, &exit_code);
   add_spool_command(app, &exit_code);
 
+  if (const char* const word = unknown_subcommand(app, argc, argv)) {
+    std::fprintf(stderr, "unknown subcommand '%s'\nRun with --help for more information.\n", word);
+    return kWrongUsage;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
