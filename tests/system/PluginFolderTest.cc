@@ -1,16 +1,24 @@
 // The plug-in as the build leaves it, loaded from its folder by the stand-in host: with its own
 // scripts, its own shared object and the real probes.
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "TempDir.h"
 #include "WriterStatus.h"
 
+#include "Conn.h"
 #include "Func.h"
+#include "IPAddr.h"
 #include "Val.h"
 #include "standin/Host.h"
 #include "standin/ReportRecorder.h"
@@ -19,6 +27,70 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+
+/// Both ends of a TCP connection over loopback, held by this process.
+class LoopbackPair {
+ public:
+  LoopbackPair() {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener_, 1), 0);
+    address.sin_port = port_of(listener_);
+    EXPECT_EQ(connect(client_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    server_ = accept(listener_, nullptr, nullptr);
+    EXPECT_GE(server_, 0);
+  }
+
+  ~LoopbackPair() {
+    for (const int fd : {listener_, client_, server_})
+      close(fd);
+  }
+
+  LoopbackPair(const LoopbackPair&) = delete;
+  LoopbackPair& operator=(const LoopbackPair&) = delete;
+
+  /// The host's view of it.
+  Connection* connection() const {
+    ConnID id;
+    id.src_addr = IPAddr("127.0.0.1");
+    id.dst_addr = IPAddr("127.0.0.1");
+    id.src_port = port_of(client_);
+    id.dst_port = port_of(server_);
+    id.is_one_way = false;
+    return new Connection(nullptr, nullptr, 1.0, &id, 0, 0, 0, nullptr);
+  }
+
+ private:
+  /// In network byte order.
+  static in_port_t port_of(int fd) {
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    return address.sin_port;
+  }
+
+  int listener_ = socket(AF_INET, SOCK_STREAM, 0);
+  int client_ = socket(AF_INET, SOCK_STREAM, 0);
+  int server_ = -1;
+};
+
+/// The name of this process as the system keeps it, cut off there.
+std::string own_command_name() {
+#ifdef __APPLE__
+  return std::string(getprogname()).substr(0, 16);
+#else
+  std::string name;
+  std::getline(std::ifstream("/proc/self/comm"), name);
+  return name;
+#endif
+}
+
+/// Root is no one to the probe.
+std::string own_user_name() {
+  return getuid() == 0 ? "" : getpwuid(getuid())->pw_name;
+}
 
 class PluginFolderTest : public testing::Test {
  protected:
@@ -39,6 +111,12 @@ class PluginFolderTest : public testing::Test {
     for (Val* argument : arguments)
       list.append(argument);
     return internal_func(function)->Call(&list);
+  }
+
+  static std::string text(const Val* value) {
+    const BroString* const string = value->AsString();
+    return std::string(reinterpret_cast<const char*>(string->Bytes()),
+                       static_cast<std::size_t>(string->Len()));
   }
 
   static Val* connection_record_without_origin() {
@@ -116,6 +194,22 @@ TEST_F(PluginFolderTest, ConnectionRecordWithoutOriginGivesTwoEmptyStrings) {
   ASSERT_EQ(result->AsVectorVal()->Size(), 2u);
   for (unsigned i = 0; i < 2; ++i)
     EXPECT_EQ(result->AsVectorVal()->Lookup(i)->AsStringVal()->Len(), 0);
+  EXPECT_THAT(errors(), ElementsAre());
+  Unref(result);
+}
+
+TEST_F(PluginFolderTest, ScriptThatAsksForAConnectionOfThisProcessGetsItsNameAndUser) {
+  load();
+  const LoopbackPair pair;
+  Connection* const conn = pair.connection();
+  Val* const result = call("LogZMQ::__detect_user", {conn->BuildConnVal()});
+  Unref(conn);
+  ASSERT_NE(result, nullptr);
+  const VectorVal& names = *result->AsVectorVal();
+  ASSERT_EQ(names.Size(), 2u);
+  ASSERT_FALSE(own_command_name().empty());
+  EXPECT_EQ(text(names.Lookup(0u)), own_command_name());
+  EXPECT_EQ(text(names.Lookup(1u)), own_user_name());
   EXPECT_THAT(errors(), ElementsAre());
   Unref(result);
 }
