@@ -179,6 +179,9 @@ void read_socket_table() {
   close(fd);
 }
 
+/// Stands for the time of a tool that could not be run.
+constexpr double kNotRun = -1;
+
 /// Runs a command, output thrown away; false when it cannot be run.
 bool run(const std::vector<std::string>& command) {
   std::vector<char*> arguments;
@@ -200,7 +203,7 @@ bool run(const std::vector<std::string>& command) {
 
 double tool_ms(int runs, const std::vector<std::string>& command) {
   if (!run(command))
-    return 0;
+    return kNotRun;
   return median_ms(runs, [&] { run(command); });
 }
 
@@ -208,12 +211,24 @@ struct Row {
   int sockets;
   double first_ms, middle_ms, last_ms, floor_ms, ss_ms, lsof_ms;
 
-  /// How many times the query fits into the run of the faster tool.
+  /// How many times the query fits into the run of the faster tool, of those that could be run.
   double ratio(double query_ms) const {
-    const double tool_ms = ss_ms > 0 && lsof_ms > 0 ? std::min(ss_ms, lsof_ms) : ss_ms + lsof_ms;
-    return tool_ms / query_ms;
+    double tool_ms = kNotRun;
+    for (const double ms : {ss_ms, lsof_ms})
+      if (ms != kNotRun && (tool_ms == kNotRun || ms < tool_ms))
+        tool_ms = ms;
+    return tool_ms == kNotRun ? kNotRun : tool_ms / query_ms;
   }
 };
+
+/// A figure, or "-" where there is none.
+std::string figure(double value, int decimals) {
+  if (value == kNotRun)
+    return "-";
+  char text[32];
+  std::snprintf(text, sizeof text, "%.*f", decimals, value);
+  return text;
+}
 
 Row measure(int processes, int sockets, int runs) {
   const Crowd crowd(processes, sockets);
@@ -238,10 +253,11 @@ void write_csv(const char* path, int processes, const std::vector<Row>& rows) {
                "sockets,processes,first_ms,middle_ms,last_ms,floor_ms,ss_ms,lsof_ms,"
                "first_ratio,middle_ratio,last_ratio\n");
   for (const Row& row : rows)
-    std::fprintf(file, "%d,%d,%.3f,%.3f,%.3f,%.3f,%.3f,%.3f,%.2f,%.2f,%.2f\n", row.sockets,
-                 processes, row.first_ms, row.middle_ms, row.last_ms, row.floor_ms, row.ss_ms,
-                 row.lsof_ms, row.ratio(row.first_ms), row.ratio(row.middle_ms),
-                 row.ratio(row.last_ms));
+    std::fprintf(
+        file, "%d,%d,%.3f,%.3f,%.3f,%.3f,%s,%s,%s,%s,%s\n", row.sockets, processes, row.first_ms,
+        row.middle_ms, row.last_ms, row.floor_ms, figure(row.ss_ms, 3).c_str(),
+        figure(row.lsof_ms, 3).c_str(), figure(row.ratio(row.first_ms), 2).c_str(),
+        figure(row.ratio(row.middle_ms), 2).c_str(), figure(row.ratio(row.last_ms), 2).c_str());
   std::fclose(file);
 }
 
@@ -253,21 +269,44 @@ void allow_many_descriptors() {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+struct Options {
   int runs = 11;
   int processes = 500;
   const char* csv = nullptr;
-  for (int i = 1; i + 1 < argc; i += 2) {
+};
+
+/// False for anything but "0 < number <= 100000".
+bool parse_count(const char* word, int* count) {
+  char* end = nullptr;
+  const long number = std::strtol(word, &end, 10);
+  *count = static_cast<int>(number);
+  return end != word && *end == '\0' && number > 0 && number <= 100000;
+}
+
+bool parse(int argc, char** argv, Options* options) {
+  for (int i = 1; i < argc; i += 2) {
     const std::string option = argv[i];
-    if (option == "--runs")
-      runs = std::max(1, std::atoi(argv[i + 1]));
-    else if (option == "--processes")
-      processes = std::max(1, std::atoi(argv[i + 1]));
-    else if (option == "--csv")
-      csv = argv[i + 1];
+    if (i + 1 == argc)
+      return false;
+    if (option == "--csv")
+      options->csv = argv[i + 1];
+    else if (!(option == "--runs" && parse_count(argv[i + 1], &options->runs)) &&
+             !(option == "--processes" && parse_count(argv[i + 1], &options->processes)))
+      return false;
   }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parse(argc, argv, &options)) {
+    std::fprintf(stderr, "usage: ProbeBench [--runs N] [--processes N] [--csv FILE]\n");
+    return 2;
+  }
+  const int runs = options.runs;
+  const int processes = options.processes;
   allow_many_descriptors();
   std::vector<Row> rows;
   std::printf("milliseconds, %d processes, median of %d; ratio: the faster tool to the query\n",
@@ -277,11 +316,13 @@ int main(int argc, char** argv) {
   for (const int sockets : {1000, 10000}) {
     rows.push_back(measure(processes, sockets, runs));
     const Row& row = rows.back();
-    std::printf("%8d %9.3f %9.3f %9.3f %10.3f %9.3f %9.3f  %.1f / %.1f / %.1f\n", row.sockets,
-                row.first_ms, row.middle_ms, row.last_ms, row.floor_ms, row.ss_ms, row.lsof_ms,
-                row.ratio(row.first_ms), row.ratio(row.middle_ms), row.ratio(row.last_ms));
+    std::printf("%8d %9.3f %9.3f %9.3f %10.3f %9s %9s  %s / %s / %s\n", row.sockets, row.first_ms,
+                row.middle_ms, row.last_ms, row.floor_ms, figure(row.ss_ms, 3).c_str(),
+                figure(row.lsof_ms, 3).c_str(), figure(row.ratio(row.first_ms), 1).c_str(),
+                figure(row.ratio(row.middle_ms), 1).c_str(),
+                figure(row.ratio(row.last_ms), 1).c_str());
     std::fflush(stdout);
   }
-  if (csv)
-    write_csv(csv, processes, rows);
+  if (options.csv)
+    write_csv(options.csv, processes, rows);
 }
