@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -58,6 +59,12 @@ bool has_mode(const char* path, mode_t kind) {
 bool exists(const char* path) {
   struct stat status;
   return stat(path, &status) == 0;
+}
+
+// Unlike exists, also for a link that leads nowhere. In doubt yes.
+bool is_taken(const char* path) {
+  struct stat status;
+  return lstat(path, &status) == 0 || errno != ENOENT;
 }
 
 // Reads `size` bytes; what the file does not have is zero. Returns the number that it had.
@@ -158,7 +165,12 @@ PersistentQueue::PersistentQueue()
       chunk_limit(kDefaultChunkLimitBytes),
       total_limit(kDefaultTotalLimitBytes),
       cursor_state(kTopUnknown),
-      disabled(false) {
+      disabled(false),
+      top(kHeaderSize),
+      unwritten_records(0),
+      scan_known(false),
+      scan_count(0),
+      scan_start(0) {
   pthread_mutex_init(&mutex, nullptr);
 
   char path[kPathSize];
@@ -192,23 +204,33 @@ void PersistentQueue::Store(uint16_t length, const void* data) {
   if (!head_file)
     openFile();
 
-  if (head_file) {
-    unsigned char number[2];
-    put_u16(length, number);
-    fwrite(number, 1, sizeof number, head_file);
-    put_u16(top_length, number);
-    fwrite(number, 1, sizeof number, head_file);
-    if (length > 0)
-      fwrite(data, 1, length, head_file);
-    fflush(head_file);
+  scan_known = false;
+  if (!head_file || write_record(length, data)) {
+    top += record_size(length);
+    top_length = length;
+  } else {
+    // The disk is full. What it took of the record lies behind the top, where the next one goes.
+    ++unwritten_records;
+    clearerr(head_file);
+    fseeko(head_file, top, SEEK_SET);
   }
   account(1, record_size(length));
-  top_length = length;
   cursor_state = kAtTop;
 
   // The record that crosses the limit stays in the file that it crossed.
   if (head_bytes > chunk_limit)
     rollFile();
+}
+
+bool PersistentQueue::write_record(uint16_t length, const void* data) {
+  unsigned char number[2];
+  put_u16(length, number);
+  size_t written = fwrite(number, 1, sizeof number, head_file);
+  put_u16(top_length, number);
+  written += fwrite(number, 1, sizeof number, head_file);
+  if (length > 0)
+    written += fwrite(data, 1, length, head_file);
+  return fflush(head_file) == 0 && written == static_cast<size_t>(record_size(length));
 }
 
 void* PersistentQueue::Get(uint16_t* length) {
@@ -230,7 +252,9 @@ void* PersistentQueue::Get(uint16_t* length) {
   }
 
   void* payload = nullptr;
-  if (cursor_state == kAtTop && top_length != 0)
+  if (unwritten_records > 0 && unwritten_records >= value_of(head_records))
+    --unwritten_records;  // nothing else is left: it is counted, but there is nothing to give
+  else if (cursor_state == kAtTop && top_length != 0)
     take_newest(length, &payload);
   else
     take_by_scanning(length, &payload);
@@ -238,16 +262,16 @@ void* PersistentQueue::Get(uint16_t* length) {
   return payload;
 }
 
-// The way back from the stream's position to the start of the newest record. A damaged file may
+// The way back from the top to the start of the newest record. A damaged file may
 // claim a length that leads to before the first record: the step is not made then, and the header
 // of the file stays out of reach.
 int64_t PersistentQueue::step_back() const {
-  const int64_t top = ftello(head_file);
   const int64_t start = top - record_size(top_length);
   return start >= static_cast<int64_t>(kHeaderSize) ? start : top;
 }
 
 void PersistentQueue::take_newest(uint16_t* length, void** payload) {
+  scan_known = false;
   const int64_t start = step_back();
   const RecordHeader record = read_record_header(head_file, start);
   top_length = record.prev_length;
@@ -260,15 +284,22 @@ void PersistentQueue::take_newest(uint16_t* length, void** payload) {
 // count in memory: so a file created since the start has none, whatever was stored into it, and
 // the record that the caller takes is lost. That is on purpose and what readers of the spool rely
 // on; a newest record of length 0 leads here.
+//
+// Every scan in a row ends at the same record, so it is walked to once: a file with many records
+// of length 0 would otherwise be walked at every Get.
 void PersistentQueue::take_by_scanning(uint16_t* length, void** payload) {
-  const uint32_t record_count = read_header(head_file).record_count;
-  const LastRecord last = find_last_record(head_file, record_count);
-  if (record_count > 0) {
-    top_length = last.header.prev_length;
-    *length = last.header.length;
-    *payload = read_payload(last.start, last.header.length);
+  if (!scan_known) {
+    scan_count = read_header(head_file).record_count;
+    scan_start = find_last_record(head_file, scan_count).start;
+    scan_known = true;
   }
-  mark_taken(last.start);
+  if (scan_count > 0) {
+    const RecordHeader record = read_record_header(head_file, scan_start);
+    top_length = record.prev_length;
+    *length = record.length;
+    *payload = read_payload(scan_start, record.length);
+  }
+  mark_taken(scan_start);
 }
 
 void* PersistentQueue::read_payload(int64_t record_start, uint16_t length) {
@@ -288,6 +319,7 @@ void PersistentQueue::mark_taken(int64_t record_start) {
   fwrite(zeros, 1, sizeof zeros, head_file);
   fflush(head_file);
   fseeko(head_file, record_start, SEEK_SET);
+  top = record_start;
 }
 
 void PersistentQueue::account(int64_t records, int64_t bytes) {
@@ -299,18 +331,23 @@ void PersistentQueue::account(int64_t records, int64_t bytes) {
 void PersistentQueue::openFile() {
   if (head_file)
     return;
+  scan_known = false;
+  unwritten_records = 0;
+  top = kHeaderSize;
   char name[kPathSize];
   chunk_path(folder.c_str(), 0, name);
 
   const bool is_file = has_mode(name, S_IFREG);
   if (is_file && !disabled) {
     head_file = fopen(name, "rb+");
+    // What may only be read still gives its records; nothing written to it arrives.
+    if (!head_file)
+      head_file = fopen(name, "rb");
     // A file that cannot be opened is one that has no header.
     Header header = {false, 0, 0};
     if (head_file) {
       header = read_header(head_file);
       const LastRecord last = find_last_record(head_file, header.record_count);
-      int64_t top = kHeaderSize;
       if (header.record_count > 0) {
         top_length = last.header.length;
         top = last.start + record_size(top_length);
@@ -362,16 +399,38 @@ void PersistentQueue::rollFile() {
 }
 
 void PersistentQueue::rollBack() {
+  const bool was_open = head_file != nullptr;
   closeFile();
   char from[kPathSize];
   char to[kPathSize];
-  unlink(chunk_path(folder.c_str(), 0, to));
+  bool is_free = true;
+  // Only what was opened is known to hold nothing. Anything else may be full of records that a
+  // shortage of descriptors or a permission hides for now.
+  if (was_open)
+    unlink(chunk_path(folder.c_str(), 0, to));
+  else
+    is_free = setAside();
   const int64_t count = value_of(file_count);
-  for (int64_t k = 1; k < count; ++k)
+  // Shifting down to a name that is taken would replace the file of that name, or the next one.
+  for (int64_t k = 1; is_free && k < count; ++k)
     rename(chunk_path(folder.c_str(), static_cast<uint32_t>(k), from),
            chunk_path(folder.c_str(), static_cast<uint32_t>(k) - 1, to));
   // Below zero when the spool was empty already: on purpose.
   set(file_count, count - 1);
+}
+
+// Renames what has the head's name out of the sequence; whether the name is free then.
+bool PersistentQueue::setAside() {
+  char head[kPathSize];
+  chunk_path(folder.c_str(), 0, head);
+  if (!is_taken(head))
+    return true;
+  char aside[kPathSize];
+  for (uint32_t attempt = 1; attempt <= kMostSetAside; ++attempt) {
+    if (!is_taken(unopened_path(folder.c_str(), attempt, aside)))
+      return rename(head, aside) == 0;
+  }
+  return false;
 }
 
 void PersistentQueue::listFolder() {

@@ -21,8 +21,11 @@
 ///
 /// Errors: a folder that cannot be created is reported once and disables the spool for good: Store
 /// then drops and Get gives null. Damaged chunk files are warned of at start-up and otherwise
-/// used as they stand. No file operation that fails later is noticed: the counts go on as if it
-/// had succeeded, what cannot be read reads as zero bytes, and nothing loops or crashes over it.
+/// used as they stand. A file operation that fails later is not reported, and the counts go on as
+/// if it had succeeded: a record that could not be written comes back as null, behind the others of
+/// its file, and what cannot be read reads as zero bytes. A head file that cannot be opened gives
+/// nothing; when older files wait behind it, it is renamed to queue.dat.unopened (.unopened.2, ...)
+/// to let them through. Nothing loops or crashes over any of it.
 ///
 /// Crash: every record reaches the operating system before Store or Get returns, but the header
 /// that counts the records is written only when a file is created and when it is closed. So what
@@ -71,12 +74,14 @@ class PersistentQueue {
   void closeFile();
   void rollFile();
   void rollBack();
+  bool setAside();
   void listFolder();
   static bool CreatePath(char* path);
 
   void take_newest(uint16_t* length, void** payload);
   void take_by_scanning(uint16_t* length, void** payload);
   int64_t step_back() const;
+  bool write_record(uint16_t length, const void* data);
   void* read_payload(int64_t record_start, uint16_t length);
   void mark_taken(int64_t record_start);
   void account(int64_t records, int64_t bytes);
@@ -103,6 +108,16 @@ class PersistentQueue {
 
   // Constant after construction.
   bool disabled;
+
+  // Guarded by `mutex`.
+  int64_t top;                // where the head file's stream stands: just past the newest record
+  int32_t unwritten_records;  // of the head's live records, those that the disk did not take
+
+  // The last record that the head's header counts, as the latest scan found it. Only marking that
+  // very record taken leaves it where it is; everything else that changes the file forgets it.
+  bool scan_known;
+  uint32_t scan_count;
+  int64_t scan_start;
 };
 
 /// mkdir with mode 0777; true on success. The second argument is ignored.

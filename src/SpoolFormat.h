@@ -18,6 +18,8 @@ constexpr size_t kHeaderSize = 12;
 constexpr size_t kRecordHeaderSize = 4;
 /// A taken record is marked by zeros over its length field.
 constexpr size_t kLengthSize = 2;
+/// How many files that could not be opened are kept in one folder.
+constexpr uint32_t kMostSetAside = 9999;
 /// Room for a path name, the terminating zero included; longer names are cut.
 constexpr size_t kPathSize = 4096;
 
@@ -81,6 +83,16 @@ inline const char* chunk_path(const char* folder, uint32_t number, char (&path)[
   const int needed = number == 0
                          ? std::snprintf(path, kPathSize, "%s%squeue.dat", folder, "/")
                          : std::snprintf(path, kPathSize, "%s%squeue.dat.%u", folder, "/", number);
+  (void)needed;
+  return path;
+}
+
+/// Writes the name of a head file set aside because it could not be opened: "queue.dat.unopened"
+/// for attempt 1, "queue.dat.unopened.k" for the others. Returns `path`.
+inline const char* unopened_path(const char* folder, uint32_t attempt, char (&path)[kPathSize]) {
+  const int needed =
+      attempt == 1 ? std::snprintf(path, kPathSize, "%s/queue.dat.unopened", folder)
+                   : std::snprintf(path, kPathSize, "%s/queue.dat.unopened.%u", folder, attempt);
   (void)needed;
   return path;
 }

@@ -1,6 +1,7 @@
 // Files that something else has damaged, and disks that refuse. What the spool does with damaged
 // bytes is compared with the model, in which a file reads as if endless zero bytes followed it.
 
+#include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -8,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "SpoolFixture.h"
@@ -174,13 +176,20 @@ TEST_F(SpoolDamageTest, BackLinkThatLeadsBeforeTheFirstRecordLeavesTheHeaderAlon
   EXPECT_EQ(content().substr(0, 12), header(12 + 9 + 10, 2));
 }
 
-TEST_F(SpoolDamageTest, LargeFileOfGarbageIsWalkedWithinItsSize) {
-  std::string garbage = header(0xffffffff, 250000) + std::string(1000000, '\xff');
+TEST_F(SpoolDamageTest, LargeFileOfGarbageIsDrainedWithinItsSize) {
+  constexpr std::uint32_t kCount = 250000;  // as many as there is room for
+  std::string garbage = header(0xffffffff, kCount) + std::string(4 * kCount, '\xff');
   put("queue.dat", garbage);
-  std::uint16_t length = 0;
-  void* payload = spool().Get(&length);
-  free(payload);
-  EXPECT_LE(content().size(), garbage.size() + 65535 + 4 * 250000 + 6);
+  for (std::uint32_t takes = 1; takes <= kCount; ++takes) {
+    ASSERT_FALSE(spool().IsEmpty()) << takes;
+    take();
+    if (takes == 1) {
+      EXPECT_LE(content().size(), garbage.size() + 65535 + 4 * kCount + 6);
+    }
+  }
+  EXPECT_TRUE(spool().IsEmpty());
+  stop();
+  EXPECT_THAT(names(), IsEmpty());
 }
 
 TEST_F(SpoolDamageTest, FolderInPlaceOfTheHeadMakesStoreHarmless) {
@@ -217,10 +226,11 @@ TEST_F(SpoolDamageTest, PipeInPlaceOfTheHeadDoesNotBlock) {
   EXPECT_TRUE(spool().IsEmpty());
 }
 
+constexpr id_t kNobody = 65534;
+
 // Runs `steps` in a child that is not the superuser, whom no permission stops. The child's failed
 // expectations are printed by it and make the parent's fail.
 void as_an_ordinary_user(const std::function<void()>& steps) {
-  constexpr id_t kNobody = 65534;
   const pid_t child = fork();
   if (child == 0) {
     if (geteuid() == 0 &&
@@ -262,7 +272,7 @@ TEST_F(SpoolDamageTest, UnreadableHeadIsWarnedOfAndNeverDeleted) {
 }
 
 TEST_F(SpoolDamageTest, UnreadableHeadDoesNotBarTheWayToOlderFiles) {
-  put("queue.dat", header(12, 0));
+  put("queue.dat", header(20, 1) + record(0, "new!"));
   put("queue.dat.1", kHealthy);
   set_mode(".", 0755);
   set_mode(folder(), 0777);
@@ -273,6 +283,101 @@ TEST_F(SpoolDamageTest, UnreadableHeadDoesNotBarTheWayToOlderFiles) {
     EXPECT_THAT(take(), Optional(std::string("third")));
     stop();
   });
+  EXPECT_EQ(content("queue.dat.unopened"), header(20, 1) + record(0, "new!"));
+}
+
+TEST_F(SpoolDamageTest, ReadableButNotWritableHeadIsDelivered) {
+  put("queue.dat", kHealthy);
+  put("queue.dat.1", header(20, 1) + record(0, "old!"));
+  set_mode(".", 0755);
+  set_mode(folder(), 0777);
+  set_mode(path(), 0444);
+  set_mode(path("queue.dat.1"), 0444);
+  as_an_ordinary_user([this] {
+    EXPECT_THAT(take(), Optional(std::string("third")));
+    store("has no place to go");
+    EXPECT_THAT(take(), Optional(std::string("second")));
+    EXPECT_THAT(take(), Optional(std::string("first")));
+    EXPECT_EQ(take(), std::nullopt) << "in place of the one that was not written";
+    EXPECT_THAT(take(), Optional(std::string("old!")));
+    EXPECT_EQ(take(), std::nullopt);
+    EXPECT_TRUE(spool().IsEmpty());
+    stop();
+  });
+  EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(SpoolDamageTest, HeadThatCannotBeSetAsideKeepsTheOlderFilesInTheirPlaces) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "only the superuser may give files away";
+  const std::map<std::string, std::string> before = {
+      {"queue.dat", kHealthy},
+      {"queue.dat.1", header(20, 1) + record(0, "mid!")},
+      {"queue.dat.2", header(20, 1) + record(0, "old!")}};
+  for (const auto& file : before) {
+    put(file.first, file.second);
+    ASSERT_EQ(chown(path(file.first).c_str(), kNobody, kNobody), 0);
+  }
+  ASSERT_EQ(chown(path().c_str(), 0, 0), 0);
+  set_mode(".", 0755);
+  set_mode(folder(), 01777);  // whoever does not own a file in it cannot rename it
+  set_mode(path(), 0);
+  as_an_ordinary_user([this] {
+    for (int i = 0; i < 3; ++i)
+      EXPECT_EQ(take(), std::nullopt);
+    EXPECT_TRUE(spool().IsEmpty());
+    stop();
+  });
+  EXPECT_EQ(files(), before);
+}
+
+// Leaves this process no descriptor for another file.
+class NoDescriptorLeft {
+ public:
+  NoDescriptorLeft() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit limit = before_;
+    limit.rlim_cur = std::min<rlim_t>(before_.rlim_cur, 256);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0;)
+      taken_.push_back(fd);
+  }
+  ~NoDescriptorLeft() {
+    for (int fd : taken_)
+      close(fd);
+    setrlimit(RLIMIT_NOFILE, &before_);
+  }
+
+ private:
+  rlimit before_;
+  std::vector<int> taken_;
+};
+
+std::string all_bytes(const std::map<std::string, std::string>& files) {
+  std::string bytes;
+  for (const auto& file : files)
+    bytes += file.second;
+  return bytes;
+}
+
+TEST_F(SpoolDamageTest, TransientlyUnopenableHeadIsNotDeleted) {
+  put("queue.dat", header(20, 1) + record(0, "new!"));
+  put("queue.dat.1", header(20, 1) + record(0, "mid!"));
+  put("queue.dat.2", header(20, 1) + record(0, "old!"));
+  put("queue.dat.unopened", "of an earlier run");
+  start();
+  {
+    NoDescriptorLeft full;
+    for (int i = 0; i < 3; ++i)
+      EXPECT_EQ(take(), std::nullopt);
+    EXPECT_TRUE(spool().IsEmpty());
+  }
+  stop();
+  for (const char* payload : {"new!", "mid!", "old!", "of an earlier run"})
+    EXPECT_THAT(all_bytes(files()), testing::HasSubstr(payload));
+  EXPECT_THAT(names(), ElementsAre("queue.dat", "queue.dat.unopened", "queue.dat.unopened.2",
+                                   "queue.dat.unopened.3"));
+  EXPECT_THAT(take(), Optional(std::string("old!"))) << "the last one waits for the next start";
 }
 
 TEST_F(SpoolDamageTest, UnreadableOlderFileIsWarnedOfAndCounted) {
@@ -351,16 +456,40 @@ TEST_F(SpoolDamageTest, FullDiskGoesUnnoticedAndTheCountsGoOn) {
     EXPECT_EQ(spool().head_records, 20);
     EXPECT_EQ(spool().head_bytes, 20 * 304);
     EXPECT_EQ(content().size(), 1000u);
-    for (int i = 0; i < 10; ++i)
-      take();
+    for (char c : {'c', 'b', 'a'})
+      EXPECT_THAT(take(), Optional(std::string(300, c)));
+    for (int i = 0; i < 7; ++i)
+      EXPECT_EQ(take(), std::nullopt);
   }
   EXPECT_EQ(spool().head_records, 10);
   for (int i = 0; i < 10; ++i)
-    take();
+    EXPECT_EQ(take(), std::nullopt);
   EXPECT_TRUE(spool().IsEmpty());
 
   store("room again");
   EXPECT_THAT(take(), Optional(std::string("room again")));
+}
+
+TEST_F(SpoolDamageTest, RecordsOfAReopenedFileSurviveAFullDisk) {
+  put("queue.dat", kHealthy);
+  start();
+  {
+    FileSizeLimit full(kHealthy.size() + 20);
+    store(std::string(5000, 'x'));
+    store("small");
+    store(std::string(60000, 'y'));
+  }
+  store("room again");
+  EXPECT_EQ(spool().head_records, 7);
+  EXPECT_THAT(take(), Optional(std::string("room again")));
+  EXPECT_THAT(take(), Optional(std::string("small")));
+  EXPECT_THAT(take(), Optional(std::string("third")));
+  EXPECT_THAT(take(), Optional(std::string("second")));
+  EXPECT_THAT(take(), Optional(std::string("first")));
+  EXPECT_EQ(take(), std::nullopt);
+  EXPECT_FALSE(spool().IsEmpty());
+  EXPECT_EQ(take(), std::nullopt);
+  EXPECT_TRUE(spool().IsEmpty());
 }
 
 TEST_F(SpoolDamageTest, CountsThatAFullDiskMadeTooHighAreSetRightByTheNextStart) {
