@@ -257,6 +257,19 @@ TEST_F(RecordConversion, TimeOfZeroIsLeftOutOfTheBuffer) {
   }
 }
 
+TEST_F(RecordConversion, UnsetTsBehindASetOneMakesTheTimeZero) {
+  RecordBuilder record;
+  record.time("ts", 5.0).unset("ts", TYPE_TIME);
+  EXPECT_EQ(0.0, event_of(convert(record))->ts());
+}
+
+TEST_F(RecordConversion, UnsetTsBehindCpuUsageMakesTheTimeOfAStatisticsRecordZero) {
+  RecordBuilder record;
+  record.real("cpu_usage", 0.5).unset("ts", TYPE_TIME);
+  EXPECT_EQ(Dravenholt::Data_SystemStatsData, type_of(record));
+  EXPECT_EQ(0.0, event_of(convert(record))->ts());
+}
+
 TEST_F(RecordConversion, TimeZoneIsAskedForWithEachRecord) {
   RecordBuilder record;
   record.text("uid", "CAbc");
@@ -277,6 +290,15 @@ TEST_F(RecordConversion, StatisticsRecordHasTheFixedUidAndTheCurrentTime) {
   EXPECT_GE(event_of(message)->ts(), before);
   EXPECT_LE(event_of(message)->ts(), after);
   EXPECT_EQ(0.5, event_of(message)->data_as_SystemStatsData()->cpu_usage());
+}
+
+TEST_F(RecordConversion, FixedUidOfAStatisticsRecordIsCreatedBeforeItsPayload) {
+  RecordBuilder record;
+  record.real("cpu_usage", 0.5);
+  const Bytes message = convert(record);
+  // What is created earlier stands further behind.
+  EXPECT_GT(reinterpret_cast<const std::uint8_t*>(event_of(message)->uid()),
+            reinterpret_cast<const std::uint8_t*>(payload_of(message)));
 }
 
 TEST_F(RecordConversion, StatisticsRecordWithoutUidHasTheFixedOneToo) {

@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -139,6 +140,15 @@ TEST_F(Writer, FormatterUsesTheScriptsMarkers) {
   EXPECT_THAT(texts, ElementsAre("a|b", "EMPTY", "UNSET"));
 }
 
+TEST_F(Writer, FormatterPutsNothingBetweenTheColumnsOfARecord) {
+  WriterUnderTest writer;
+  RecordBuilder record;
+  record.text("a", "one").text("b", "two");
+  ODesc text;
+  EXPECT_TRUE(writer->formatter->Describe(&text, record.size(), record.fields(), record.vals()));
+  EXPECT_STREQ("onetwo", text.Description());
+}
+
 TEST_F(Writer, FactoryMakesAWriterForTheFrontend) {
   const test::Frontend frontend("conn");
   logging::WriterBackend* backend = logging::writer::ZMQ::Instantiate(frontend.get());
@@ -253,6 +263,19 @@ TEST_F(Writer, EachGeneratedIdentifierIsAnother) {
   std::filesystem::remove(kAgentIdFile);
   WriterUnderTest second;
   EXPECT_NE(first->agent_id, second->agent_id);
+}
+
+TEST_F(Writer, GeneratedIdentifierHoldsBothWordsOfItsHundredAndTwentyEightBits) {
+  use_agent_id("");
+  // 64 bits have 11 characters at most. All of these would be that short once in 10^50 runs.
+  constexpr std::size_t kMostOfOneWord = 11;
+  std::size_t longest = 0;
+  for (int i = 0; i < 20; i++) {
+    std::filesystem::remove(kAgentIdFile);
+    WriterUnderTest writer;
+    longest = std::max(longest, writer->agent_id.size());
+  }
+  EXPECT_GT(longest, kMostOfOneWord);
 }
 
 TEST_F(Writer, FolderThatCannotBeMadeIsReportedByTheFileThatCannotBeWritten) {
