@@ -1,6 +1,9 @@
 #include "FakeWorker.h"
 
+#include <atomic>
+#include <cstdlib>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,10 +37,33 @@ State& state() {
   return *instance;
 }
 
+/// The worker there is. The class has no destructor that a fake could define, so its deletion shows
+/// only where the memory is given back: in operator delete, below.
+std::atomic<void*> living_worker(nullptr);
+std::atomic<int> worker_deletions(0);
+
 /// `running` in the fake: true from Start until Stop begins.
 const char* const kNotRunning = "Write while the worker does not run";
 
 }  // namespace
+
+void* operator new(std::size_t size) {
+  void* const memory = std::malloc(size ? size : 1);
+  if (!memory)
+    throw std::bad_alloc();
+  return memory;
+}
+
+void operator delete(void* memory) noexcept {
+  void* expected = memory;
+  if (memory && living_worker.compare_exchange_strong(expected, nullptr))
+    ++worker_deletions;
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  operator delete(memory);
+}
 
 namespace test {
 
@@ -46,6 +72,7 @@ void FakeWorker::reset() {
   state().inits.clear();
   state().starts = 0;
   state().stops = 0;
+  worker_deletions = 0;
   state().messages.clear();
   state().misuses.clear();
   state().listener = nullptr;
@@ -64,6 +91,10 @@ int FakeWorker::starts() {
 int FakeWorker::stops() {
   std::lock_guard<std::mutex> lock(state().mutex);
   return state().stops;
+}
+
+int FakeWorker::deletions() {
+  return worker_deletions;
 }
 
 std::vector<std::string> FakeWorker::messages() {
@@ -94,6 +125,7 @@ void ZmqWorker::Init(std::string arg_server, std::string arg_public_key,
                      std::string arg_secondary_servers) {
   if (!server.empty())
     state().misuse("Init twice");
+  living_worker = this;
   server = arg_server;
   public_key = arg_public_key;
   pthread_mutex_init(&mutex, nullptr);

@@ -24,6 +24,8 @@ class FakeWorker {
   static std::vector<Connection> inits();
   static int starts();
   static int stops();
+  /// Workers that were deleted.
+  static int deletions();
   /// The bodies given to Write, in order.
   static std::vector<std::string> messages();
   static std::size_t message_count();

@@ -26,6 +26,10 @@ class UsageTest(CliTest):
         for name in SUBCOMMANDS:
             self.assertRegex(text, r"\n  %s +\S" % name)
 
+    def test_help_of_replay_tells_what_the_disk_cuts(self):
+        text = " ".join(self.run_tool("replay", "--help").stdout.decode().split())
+        self.assertIn("events of 64 KiB and more are cut", text)
+
     def test_version_is_the_projects(self):
         version = read_file(os.path.join(SOURCE_DIR, "VERSION")).split("\n")[0]
         result = self.run_tool("--version")
@@ -36,7 +40,9 @@ class UsageTest(CliTest):
         collect = ["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "x"]
         for arguments, hint in [
                 ([], "subcommand"),
-                (["nonsense"], "subcommand"),
+                (["nonsense"], "unknown subcommand 'nonsense'"),
+                (["spool", "nonsense"], "unknown subcommand 'nonsense'"),
+                (["keygen", "--dir", ""], "the folder's name is empty"),
                 (["keygen", "--nonsense"], "--nonsense"),
                 (["keygen", "extra"], "extra"),
                 (["collect"], "--bind"),
@@ -44,12 +50,25 @@ class UsageTest(CliTest):
                 (collect + ["--format", "xml"], "xml"),
                 (collect + ["--count", "0"], "positive number"),
                 (collect + ["--count", "-3"], "positive number"),
+                (collect + ["--count", "0x2"], "plain decimal digits"),
+                (collect + ["--count", "010"], "plain decimal digits"),
+                (collect + ["--count", "2.0"], "plain decimal digits"),
+                (collect + ["--count", "+2"], "plain decimal digits"),
+                (collect + ["--count", "18446744073709551616"], "below 2^64"),
+                (collect + ["--count", "99999999999999999999"], "below 2^64"),
+                (collect + ["--timeout", "inf"], "finite positive number"),
                 (collect + ["--timeout", "soon"], "positive number"),
                 (["replay"], "--settings"),
                 (["replay", "--settings", "x"], "LOG"),
                 (["replay", "x.log"], "--settings"),
                 (["replay", "--settings", "x", "--set", "nonsense", "x.log"], "LogZMQ::NAME=VALUE"),
                 (["replay", "--settings", "x", "--rate", "0", "x.log"], "positive number"),
+                (["replay", "--settings", "x", "--rate", "-1", "x.log"], "positive number"),
+                (["replay", "--settings", "x", "--rate", "inf", "x.log"], "finite"),
+                (["replay", "--settings", "x", "--rate", "nan", "x.log"], "finite"),
+                (["replay", "--settings", "x", "--rate", "1e400", "x.log"], "finite"),
+                (["replay", "--settings", "x", "--drain", "inf", "x.log"], "finite"),
+                (["replay", "--settings", "x", "--drain", "nan", "x.log"], "finite"),
                 (["replay", "--settings", "x", "--drain", "-1", "x.log"], "not negative")]:
             result = self.run_tool(*arguments)
             self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
@@ -304,6 +323,12 @@ class CollectKeyTest(CliTest):
             self.assertIn(reason, result.stderr)
             if content:
                 self.assertNotIn(content, result.stderr)
+
+    def test_folder_in_place_of_the_key_is_called_a_folder(self):
+        os.mkdir("keys", mode=0o755)
+        result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "keys")
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(result.stderr, "zmqwriter: keys: this is a folder, not a key file\n")
 
     def test_missing_key_file_is_a_failure_by_name(self):
         result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "nowhere")

@@ -7,6 +7,7 @@ of every event is checked by its value, absent texts (None) apart from empty one
     witness.py GENERATED_FOLDER SENDER_PROGRAM
 """
 
+import ctypes
 import os
 import subprocess
 import sys
@@ -84,8 +85,17 @@ def general(**changes):
     return values
 
 
+def minutes_west():
+    """The zone that the kernel tells, which is not the one of TZ."""
+    zone = (ctypes.c_int * 2)()
+    time_of_day = (ctypes.c_long * 2)()
+    ctypes.CDLL(None).gettimeofday(time_of_day, zone)
+    return zone[0]
+
+
 def event(tag, uid, data, ts=0.0):
-    return {"uid": uid, "ts": ts, "tz": 0, "agent": b"witness agent", "type": tag, "data": data}
+    return {"uid": uid, "ts": ts, "tz": minutes_west(), "agent": b"witness agent", "type": tag,
+            "data": data}
 
 
 def expected_events():

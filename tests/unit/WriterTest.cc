@@ -52,6 +52,7 @@ class Writer : public test::ReportingTest {
   ~Writer() override {
     EXPECT_THAT(FakeWorker::misuses(), IsEmpty());
     EXPECT_EQ(FakeWorker::starts(), FakeWorker::stops());
+    EXPECT_EQ(FakeWorker::starts(), FakeWorker::deletions());
   }
 
   void use_agent_id(const std::string& value) {
