@@ -3,11 +3,12 @@
 The worker runs in the process delivery_writer, each server in a delivery_collector. Every case ends
 with an account that must come out to the record:
 
-    written  = received + dropped by the flush + left on disk + lost
+    written  = received + dropped by the flush + left on disk + given up + lost
     accepted = received (empty messages and all) + lost
 
-where "accepted" are the successful sends that the worker counted, and "lost" is what libzmq had
-accepted and a server took down with it.
+where "accepted" are the successful sends that the worker counted, "given up" is what was in work
+when Stop came and could not be sent, and "lost" is what libzmq had accepted and a server took down
+with it.
 
     DELIVERY_PROGRAMS=<folder with the two programs> python3 delivery_test.py [Outages.test_name]
 
@@ -214,7 +215,7 @@ class Case(unittest.TestCase):
                                       cwd=self.folder, text=True)
         return out.split()
 
-    def account(self, writer, collectors, ids=None, may_lose=0, lost_empty=0):
+    def account(self, writer, collectors, ids=None, may_lose=0, lost_empty=0, given_up=0):
         """Ends the servers and checks that every record is accounted for. Gives the lost ones."""
         for collector in collectors:
             collector.end()
@@ -228,17 +229,21 @@ class Case(unittest.TestCase):
         self.assertEqual(len(ids), writer.total)
         twice = sum(n > 1 for n in bodies.values())
         missing = [i for i in ids if i not in bodies and i not in set(left)]
-        lost = len(missing) - writer.dropped
+        lost = len(missing) - writer.dropped - given_up
         print("%s: written %d, received %d, received twice %d, left on disk %d, dropped by the "
-              "flush %d, lost with a server %d; empty messages %d, accepted %d, failed %d" %
+              "flush %d, given up %d, lost with a server %d; empty messages %d, accepted %d, "
+              "failed %d" %
               (self.id().split(".")[-1], writer.total, len(bodies), twice, len(left),
-               writer.dropped, lost, empty, writer.accepted, writer.failed), file=sys.stderr)
+               writer.dropped, given_up, lost, empty, writer.accepted, writer.failed), file=sys.stderr)
         self.assertEqual(set(bodies) - set(ids), set(), "something that was never written")
         self.assertEqual(twice, 0)
         self.assertEqual(len(left), len(set(left)))
+        self.assertEqual(set(left) - set(ids), set(), "left on disk but never written")
         self.assertEqual(set(left) & set(bodies), set(), "both received and still on disk")
-        self.assertEqual(writer.total, len(bodies) + len(left) + writer.dropped + lost)
+        self.assertEqual(writer.total,
+                         len(bodies) + len(left) + writer.dropped + given_up + lost)
         self.assertEqual(writer.accepted, len(received) + lost + lost_empty)
+        self.assertGreaterEqual(lost, 0, "received although it was dropped or given up")
         self.assertLessEqual(lost, may_lose)
         return missing
 
@@ -265,7 +270,12 @@ class Outages(Case):
         writer.write(3000, 3000)
         primary.signal(signal.SIGCONT)
         self.assertEqual(writer.stop(), 0)
-        self.account(writer, [primary])
+        # Closing a socket, libzmq waits for its queue, but not for the system to take the batch of
+        # 8192 bytes that it has made of the last messages: when the buffers are full just then,
+        # up to three of these are lost.
+        missing = self.account(writer, [primary], may_lose=3)
+        # They are the last: the first 497 were sent before any three others.
+        self.assertEqual([i for i in missing if i < "0.00000497"], [])
 
     def test_primary_killed_and_restarted_while_records_flow(self):
         primary = self.collector("primary")
@@ -401,18 +411,53 @@ class Outages(Case):
         primary = self.dead_collector("primary")
         secondary = self.collector("secondary", secret=primary.secret)
         writer = self.writer(primary, secondary)
+        may_lose = 0
         for outage in (1, 2):
-            writer.write(1)
+            may_lose += self.write_until_not_responding(writer, outage)
             writer.wait_for(SWITCHED, times=outage, deadline=40)
             primary = self.again(primary)
             writer.write(20)
             writer.drain()
-            self.wait(lambda: len(primary.received()) + len(secondary.received()) ==
-                      writer.total + outage)
+            self.wait(lambda: len(primary.received()) + len(secondary.received()) >=
+                      writer.total + outage - may_lose)
             primary.kill()
         self.assertEqual(writer.stop(), 0)
-        self.account(writer, [primary, secondary])
+        self.account(writer, [primary, secondary], may_lose=may_lose)
         self.assertEqual(secondary.received().count("(empty)"), 2)
+
+    def test_record_in_work_at_stop_is_given_up_and_not_counted_as_dropped(self):
+        primary = self.dead_collector("primary")
+        secondary = self.collector("secondary", secret=primary.secret)
+        writer = self.writer(primary, secondary)
+        writer.write(1)
+        writer.wait_for(SWITCHED, deadline=40)
+        writer.drain()
+        failed = writer.status().failed
+        writer.write(1)
+        self.wait(lambda: writer.status().in_work)
+        # Comes within the 7 seconds that the primary is tried.
+        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.dropped, 0)
+        self.assertEqual(writer.failed, failed + 1)
+        missing = self.account(writer, [primary, secondary], given_up=1)
+        self.assertEqual(missing, ["0.00000001"])
+        self.assertEqual(secondary.received(), ["0.00000000", "(empty)"])
+
+    def write_until_not_responding(self, writer, outages):
+        """Writes to a primary that is gone. Until libzmq has seen that it may still accept records:
+        gives their number, for they may be lost."""
+        def over():
+            status = writer.status()
+            return not (status.queued or status.in_work)
+
+        accepted = 0
+        while True:
+            writer.write(1)
+            self.wait(lambda: writer.count(NOT_RESPONDING) == outages or over())
+            if writer.count(NOT_RESPONDING) == outages:
+                return accepted
+            accepted += 1
+            self.assertLess(accepted, 100, "a server that is gone takes everything")
 
     def test_stop_while_nobody_answers_drops_what_waits_in_memory(self):
         primary = self.dead_collector("primary")
