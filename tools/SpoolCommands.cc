@@ -53,7 +53,7 @@ std::string plural(std::size_t count, const std::string& noun) {
 
 int list_spool(const std::string& folder) {
   const std::vector<std::uint32_t> numbers = chunks_of(folder);
-  const std::size_t in_sequence = spool::count_in_sequence(numbers);
+  const std::size_t in_sequence = spool::count_in_sequence(folder, numbers);
   Output out;
   const auto line = [&out](const char* name, const std::string& size, const std::string& counted,
                            const std::string& found, const std::string& live,
@@ -82,8 +82,18 @@ int list_spool(const std::string& folder) {
          std::to_string(file.size() - live), diagnosis.damage.empty() ? "-" : diagnosis.damage);
     damaged = damaged || !diagnosis.damage.empty();
     found += diagnosis.found.size();
-    if (i < in_sequence)
+    // A lone head without a sound header is not looked into before something is stored.
+    if (i < in_sequence && (in_sequence > 1 || file.has_signature()))
       counted += diagnosis.counted.size();
+  }
+  for (const std::string& path : spool::find_set_aside(folder)) {
+    const spool::ChunkFile file(path);
+    const spool::Diagnosis diagnosis = spool::diagnose(file, is_event);
+    const std::string aside = "set aside because it could not be opened, not found by a start";
+    line(file.name().c_str(), std::to_string(file.size()), std::to_string(file.record_count()),
+         std::to_string(diagnosis.found.size()), "-", "-",
+         diagnosis.damage.empty() ? aside : diagnosis.damage + "; " + aside);
+    damaged = true;
   }
   note(&out, plural(numbers.size(), "file") + ", " + plural(found, "record") +
                  "; the next start of the plug-in finds " + std::to_string(counted));
@@ -140,7 +150,7 @@ int dump_spool(const std::string& folder, bool raw) {
   const std::vector<std::uint32_t> numbers = chunks_of(folder);
   Output out;
   Dumper dumper(&out, raw);
-  for (std::size_t i = 0; i < spool::count_in_sequence(numbers); ++i)
+  for (std::size_t i = 0; i < spool::count_in_sequence(folder, numbers); ++i)
     dumper.Dump(spool::ChunkFile(folder, numbers[i]));
   finish(&out);
   return dumper.good() ? kSuccess : kFailure;

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <map>
 
 #include "SpoolFormat.h"
 
@@ -18,12 +20,21 @@ std::uint64_t Record::end() const {
   return offset + kRecordHeaderSize + length;
 }
 
-ChunkFile::ChunkFile(const std::string& folder, std::uint32_t number) : number_(number) {
-  char path[spool_format::kPathSize];
-  path_ = spool_format::chunk_path(folder.c_str(), number, path);
+namespace {
 
+std::string path_of(const std::string& folder, std::uint32_t number) {
+  char path[spool_format::kPathSize];
+  return spool_format::chunk_path(folder.c_str(), number, path);
+}
+
+}  // namespace
+
+ChunkFile::ChunkFile(const std::string& folder, std::uint32_t number)
+    : ChunkFile(path_of(folder, number)) {}
+
+ChunkFile::ChunkFile(const std::string& path) : path_(path) {
   struct stat status;
-  if (stat(path, &status) != 0) {
+  if (stat(path.c_str(), &status) != 0) {
     problem_ = std::strerror(errno);
     return;
   }
@@ -31,7 +42,7 @@ ChunkFile::ChunkFile(const std::string& folder, std::uint32_t number) : number_(
     problem_ = "not a regular file";
     return;
   }
-  file_.reset(std::fopen(path, "rb"));
+  file_.reset(std::fopen(path.c_str(), "rb"));
   if (!file_) {
     problem_ = std::strerror(errno);
     return;
@@ -273,9 +284,35 @@ bool find_chunks(const std::string& folder, std::vector<std::uint32_t>* numbers,
   return true;
 }
 
-std::size_t count_in_sequence(const std::vector<std::uint32_t>& numbers) {
+std::vector<std::string> find_set_aside(const std::string& folder) {
+  std::map<std::uint32_t, std::string> found;
+  if (DIR* listing = opendir(folder.c_str())) {
+    while (const dirent* entry = readdir(listing)) {
+      const std::string name = entry->d_name;
+      const std::string digits = name.substr(name.rfind('.') + 1);
+      const bool is_first = digits == "unopened";
+      if (!is_first &&
+          (digits.size() > 4 || digits.find_first_not_of("0123456789") != std::string::npos))
+        continue;
+      const std::uint32_t attempt = is_first ? 1 : std::strtoul(digits.c_str(), nullptr, 10);
+      char path[spool_format::kPathSize];
+      if (spool_format::unopened_path("", attempt, path) == "/" + name)
+        found[attempt] = folder + "/" + name;
+    }
+    closedir(listing);
+  }
+  std::vector<std::string> paths;
+  for (const auto& file : found)
+    paths.push_back(file.second);
+  return paths;
+}
+
+std::size_t count_in_sequence(const std::string& folder,
+                              const std::vector<std::uint32_t>& numbers) {
   std::size_t count = 0;
-  while (count < numbers.size() && numbers[count] == count)
+  struct stat status;
+  while (count < numbers.size() && numbers[count] == count &&
+         stat(path_of(folder, numbers[count]).c_str(), &status) == 0 && S_ISREG(status.st_mode))
     ++count;
   return count;
 }

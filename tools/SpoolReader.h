@@ -46,8 +46,9 @@ class ChunkFile {
  public:
   /// `number` is 0 for the head file "queue.dat", k for "queue.dat.k".
   ChunkFile(const std::string& folder, std::uint32_t number);
+  /// A file of any name.
+  explicit ChunkFile(const std::string& path);
 
-  std::uint32_t number() const { return number_; }
   const std::string& path() const { return path_; }
   /// The path without its folder.
   std::string name() const;
@@ -76,7 +77,6 @@ class ChunkFile {
   bool ReadRecord(std::uint64_t offset, Record* record) const;
   std::string Read(std::uint64_t offset, std::size_t size) const;
 
-  std::uint32_t number_;
   std::string path_;
   std::string problem_;
   std::unique_ptr<std::FILE, Closer> file_;
@@ -108,8 +108,12 @@ Diagnosis diagnose(const ChunkFile& file,
 bool find_chunks(const std::string& folder, std::vector<std::uint32_t>* numbers,
                  std::string* problem);
 
-/// How many of `numbers`, as find_chunks gives them, a start of the plug-in finds: 0, 1, 2, ... up
-/// to the first gap.
-std::size_t count_in_sequence(const std::vector<std::uint32_t>& numbers);
+/// Paths of the head files that the plug-in has set aside because it could not open them, in the
+/// order in which it did. None when the folder cannot be read.
+std::vector<std::string> find_set_aside(const std::string& folder);
+
+/// How many of `numbers`, as find_chunks gives them for `folder`, a start of the plug-in finds:
+/// 0, 1, 2, ... up to the first gap, or to what is no regular file.
+std::size_t count_in_sequence(const std::string& folder, const std::vector<std::uint32_t>& numbers);
 
 }  // namespace spool

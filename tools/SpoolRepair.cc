@@ -95,43 +95,82 @@ std::string keep_copy(const std::string& path, int from) {
   return copy;
 }
 
-// Files behind a gap move down to close it. Lowest first: each takes a number that is free.
-void plan_renamings(const std::string& folder, const std::vector<std::uint32_t>& numbers,
-                    const std::function<bool(const std::string&)>& is_event, RepairPlan* plan) {
-  std::uint32_t next = static_cast<std::uint32_t>(count_in_sequence(numbers));
-  for (std::size_t i = next; i < numbers.size(); ++i, ++next) {
-    const ChunkFile file(folder, numbers[i]);
-    const Diagnosis diagnosis = diagnose(file, is_event);
-    if (!diagnosis.damage.empty() && !diagnosis.repairable) {
-      plan->refused.push_back(file.name() + ": stays behind the gap in the numbers, and so do " +
-                              "those after it");
-      return;
-    }
-    char to[spool_format::kPathSize];
-    plan->renamings.push_back({file.path(), spool_format::chunk_path(folder.c_str(), next, to)});
-  }
+// Whether a file may be part of the sequence. Oddities that no header can mend are no reason
+// against: the plug-in reads such a file all the same.
+bool is_chunk(const ChunkFile& file, const Diagnosis& diagnosis) {
+  return file.problem().empty() && (file.has_signature() || diagnosis.repairable);
 }
+
+class Planner {
+ public:
+  Planner(const std::string& folder, const std::vector<std::uint32_t>& numbers,
+          const std::function<bool(const std::string&)>& is_event)
+      : folder_(folder), numbers_(numbers), is_event_(is_event) {}
+
+  RepairPlan Plan() {
+    next_ = static_cast<std::uint32_t>(count_in_sequence(folder_, numbers_));
+    const std::size_t in_sequence = next_;
+    for (std::size_t i = 0; i < numbers_.size(); ++i) {
+      const ChunkFile file(folder_, numbers_[i]);
+      const bool good = PlanHeader(file);
+      if (i >= in_sequence)
+        MoveDown(file, good);
+    }
+    // What was set aside goes behind all others, the newest first as it was.
+    for (const std::string& path : find_set_aside(folder_)) {
+      const ChunkFile file(path);
+      const bool good = PlanHeader(file);
+      if (good && !is_blocked_)
+        Rename(file);
+      else if (good)
+        plan_.refused.push_back(file.name() + ": stays set aside");
+    }
+    return plan_;
+  }
+
+ private:
+  // Whether the file may be part of the sequence.
+  bool PlanHeader(const ChunkFile& file) {
+    const Diagnosis diagnosis = diagnose(file, is_event_);
+    if (!diagnosis.damage.empty() && !diagnosis.repairable)
+      plan_.refused.push_back(file.name() + ": " + diagnosis.damage);
+    else if (!diagnosis.damage.empty())
+      plan_.headers.push_back({file.path(), static_cast<std::uint32_t>(bytes_used(diagnosis.found)),
+                               static_cast<std::uint32_t>(diagnosis.found.size()),
+                               diagnosis.counted.size()});
+    return is_chunk(file, diagnosis);
+  }
+
+  // Files behind a gap close it, lowest first: each takes a number that is free.
+  void MoveDown(const ChunkFile& file, bool good) {
+    if (is_blocked_)
+      return;
+    if (good)
+      return Rename(file);
+    is_blocked_ = true;
+    plan_.refused.push_back(file.name() +
+                            ": stays behind the gap in the numbers, and so do those after it");
+  }
+
+  void Rename(const ChunkFile& file) {
+    char to[spool_format::kPathSize];
+    plan_.renamings.push_back(
+        {file.path(), spool_format::chunk_path(folder_.c_str(), next_++, to)});
+  }
+
+  const std::string& folder_;
+  const std::vector<std::uint32_t>& numbers_;
+  const std::function<bool(const std::string&)>& is_event_;
+  RepairPlan plan_;
+  std::uint32_t next_ = 0;   // lowest number without a file
+  bool is_blocked_ = false;  // by a file in the way that stays where it is
+};
 
 }  // namespace
 
 RepairPlan plan_repair(const std::string& folder, const std::vector<std::uint32_t>& numbers,
                        const std::function<bool(const std::string& payload)>& is_event) {
-  RepairPlan plan;
-  for (const std::uint32_t number : numbers) {
-    const ChunkFile file(folder, number);
-    const Diagnosis diagnosis = diagnose(file, is_event);
-    if (diagnosis.damage.empty())
-      continue;
-    if (!diagnosis.repairable) {
-      plan.refused.push_back(file.name() + ": " + diagnosis.damage);
-      continue;
-    }
-    plan.headers.push_back({file.path(), static_cast<std::uint32_t>(bytes_used(diagnosis.found)),
-                            static_cast<std::uint32_t>(diagnosis.found.size()),
-                            diagnosis.counted.size()});
-  }
-  plan_renamings(folder, numbers, is_event, &plan);
-  return plan;
+  return Planner(folder, numbers, is_event).Plan();
 }
 
 std::string repair_header(const HeaderRepair& repair) {

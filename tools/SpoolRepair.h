@@ -18,7 +18,8 @@ struct HeaderRepair {
   std::size_t records_before;  // that the plug-in found without the repair
 };
 
-/// A file whose number follows a gap, where no start finds it, and the name that it should have.
+/// A file that no start finds, because its number follows a gap or because the plug-in set it
+/// aside, and the name that it should have.
 struct Renaming {
   std::string from;
   std::string to;

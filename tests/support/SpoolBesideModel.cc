@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 #include "CallLog.h"
 #include "Paths.h"
@@ -24,6 +25,11 @@ std::string content_of(const std::filesystem::path& path) {
 }
 
 }  // namespace
+
+unsigned long from_environment(const char* name, unsigned long fallback) {
+  const char* text = std::getenv(name);
+  return text && *text ? std::strtoul(text, nullptr, 0) : fallback;
+}
 
 std::map<std::string, std::string> files_of(const std::string& folder) {
   std::map<std::string, std::string> files;
@@ -118,10 +124,19 @@ std::string SpoolBesideModel::Difference() {
   number("file_count", spool_->file_count, model_.file_count);
   number("top_length", spool_->top_length, model_.top_length);
 
-  const auto warnings = CallLog::instance().starting_with("warning: Corrupted queue file");
-  const std::size_t expected_warnings = model_.short_files.size() + model_.foreign_files.size();
-  number("number of warnings", static_cast<std::int64_t>(warnings.size()),
-         static_cast<std::int64_t>(expected_warnings));
+  std::vector<std::string> warnings;
+  for (const SpoolModel::Warning& warning : model_.warnings)
+    warnings.push_back("warning: Corrupted queue file " + std::string(paths::kSpoolFolder) + "/" +
+                       warning.file + warning.reason);
+  const std::vector<std::string> given = CallLog::instance().starting_with("warning: ");
+  if (given != warnings) {
+    out << "the warnings are\n";
+    for (const std::string& line : given)
+      out << "  " << line << "\n";
+    out << "and should be\n";
+    for (const std::string& line : warnings)
+      out << "  " << line << "\n";
+  }
 
   const auto files = files_of(paths::kSpoolFolder);
   for (const auto& expected : model_.files) {

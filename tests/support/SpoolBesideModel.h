@@ -14,6 +14,9 @@ class PersistentQueue;
 
 namespace test {
 
+/// The number that an environment variable holds; `fallback` where it is not set.
+unsigned long from_environment(const char* name, unsigned long fallback);
+
 /// Content of every regular file in `folder`, by name.
 std::map<std::string, std::string> files_of(const std::string& folder);
 
@@ -35,6 +38,7 @@ class SpoolBesideModel {
 
   bool IsEmpty() const { return model_.IsEmpty(); }
   std::size_t BytesOnDisk() const;
+  std::int32_t HeadBytes() const { return model_.head_bytes; }
 
   /// What is different in the latest answer, the counts, the warnings of the latest start, or the
   /// bytes on disk; empty when nothing is.

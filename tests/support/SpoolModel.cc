@@ -49,8 +49,7 @@ void rename(SpoolModel::Files* files, const std::string& from, const std::string
 }  // namespace
 
 void SpoolModel::Start() {
-  short_files.clear();
-  foreign_files.clear();
+  warnings.clear();
   head_records = head_bytes = total_bytes = 0;
   top_length = 0;
   open_ = false;
@@ -61,9 +60,9 @@ void SpoolModel::Start() {
     const std::string name = older(file_count);
     const std::string& file = files[name];
     if (file.size() < 12) {
-      short_files.push_back(name);
+      warnings.push_back({name, ""});
     } else if (file.compare(0, 4, "ZMQF") != 0) {
-      foreign_files.push_back(name);
+      warnings.push_back({name, ", invalid signature"});
     } else {
       if (file_count == 0) {
         head_records = to_int32(number_at(file, 8, 4));

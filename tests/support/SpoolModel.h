@@ -27,9 +27,12 @@ class SpoolModel {
   std::int32_t file_count = 0;
   std::uint16_t top_length = 0;
 
-  /// Names of the files that the latest Start warned of.
-  std::vector<std::string> short_files;
-  std::vector<std::string> foreign_files;
+  struct Warning {
+    std::string file;    // name without its folder
+    std::string reason;  // what the text says behind it
+  };
+  /// What the latest Start warned of, in the order of the files.
+  std::vector<Warning> warnings;
 
   /// A new process: scans `files`.
   void Start();

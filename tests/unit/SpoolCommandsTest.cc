@@ -94,6 +94,46 @@ TEST_F(SpoolCommandsTest, ListOfAHealthySpoolSucceeds) {
   EXPECT_EQ(outcome.err, "1 file, 1 record; the next start of the plug-in finds 1\n");
 }
 
+TEST_F(SpoolCommandsTest, LoneHeadWithAForeignSignatureIsNotFoundByTheNextStart) {
+  const std::string foreign = "XMQF" + header(20, 1).substr(4) + record(0, "new!");
+  put("queue.dat", foreign);
+  EXPECT_THAT(run("list " + folder()).err, HasSubstr("1 record; the next start of the plug-in "
+                                                     "finds 0\n"));
+  start();
+  EXPECT_TRUE(spool().IsEmpty());
+  stop();
+
+  put("queue.dat.1", header(20, 1) + record(0, "old!"));
+  EXPECT_THAT(run("list " + folder()).err, HasSubstr("finds 2\n"));
+  EXPECT_EQ(take(), std::optional<std::string>("new!"));
+  EXPECT_EQ(take(), std::optional<std::string>("old!"));
+}
+
+TEST_F(SpoolCommandsTest, ListAndDumpStopAtAFolderInTheSequence) {
+  put("queue.dat", header(0, 1) + record(0, event("C2")));
+  std::filesystem::create_directory(path("queue.dat.1"));
+  put("queue.dat.2", header(0, 1) + record(0, event("C1")));
+  EXPECT_THAT(run("list " + folder()).err, HasSubstr("finds 1\n"));
+  EXPECT_THAT(uids(run("dump " + folder()).out), ElementsAre("C2"));
+}
+
+TEST_F(SpoolCommandsTest, FileSetAsideIsListedAndPutBackByRepair) {
+  put("queue.dat", header(20, 1) + record(0, "new!"));
+  put("queue.dat.unopened", header(20, 1) + record(0, "old!"));
+  const Outcome listed = run("list " + folder());
+  EXPECT_EQ(listed.exit_code, 1);
+  EXPECT_THAT(listed.out, HasSubstr("queue.dat.unopened "));
+  EXPECT_THAT(listed.out, HasSubstr("set aside because it could not be opened"));
+  EXPECT_THAT(listed.err, HasSubstr("finds 1\n"));
+
+  const Outcome repaired = run("repair " + folder());
+  EXPECT_EQ(repaired.exit_code, 0);
+  EXPECT_EQ(repaired.out,
+            path("queue.dat.unopened") + ": renamed to " + path("queue.dat.1") + "\n");
+  EXPECT_EQ(take(), std::optional<std::string>("new!"));
+  EXPECT_EQ(take(), std::optional<std::string>("old!"));
+}
+
 TEST_F(SpoolCommandsTest, ListAndDumpMayRunBesideAnAgent) {
   store(event("C1"));
   const auto before = files();

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <random>
@@ -17,11 +16,6 @@ namespace {
 
 constexpr int kOperationsPerFolder = 250;
 constexpr std::size_t kLargestFolder = 400000;  // bytes; keeps the comparing of bytes cheap
-
-unsigned long from_environment(const char* name, unsigned long fallback) {
-  const char* text = std::getenv(name);
-  return text && *text ? std::strtoul(text, nullptr, 0) : fallback;
-}
 
 class RandomOperations {
  public:
@@ -46,6 +40,8 @@ class RandomOperations {
       both->SetLimits(limit, Limit());
       return "SetLimits to " + std::to_string(limit);
     }
+    if (choice < 968)
+      return StoreUpToTheLimit(both);
     if (choice < 985) {
       both->Restart();
       return "restart";
@@ -55,6 +51,17 @@ class RandomOperations {
   }
 
  private:
+  // A limit that the next record just reaches, or exceeds by one.
+  std::string StoreUpToTheLimit(test::SpoolBesideModel* both) {
+    const std::string payload(Below(200), 'x');
+    const std::int64_t bytes =
+        std::int64_t{both->HeadBytes()} + 4 + static_cast<std::int64_t>(payload.size());
+    const std::int64_t limit = bytes - static_cast<std::int64_t>(Below(2));
+    both->SetLimits(static_cast<std::int32_t>(limit), 0);
+    both->Store(payload);
+    return "Store up to byte " + std::to_string(bytes) + " of " + std::to_string(limit);
+  }
+
   std::string Payload() {
     static const std::size_t edges[] = {0, 1, 255, 256, 4084, 4096, 65534, 65535};
     std::size_t size = Below(200);
@@ -82,8 +89,8 @@ class RandomOperations {
 };
 
 TEST(SpoolModelTest, EveryAnswerAndEveryByteOnDiskIsTheModels) {
-  const unsigned long seed = from_environment("ZMQWRITER_TEST_SEED", std::random_device()());
-  const unsigned long operations = from_environment("ZMQWRITER_TEST_OPERATIONS", 20000);
+  const unsigned long seed = test::from_environment("ZMQWRITER_TEST_SEED", std::random_device()());
+  const unsigned long operations = test::from_environment("ZMQWRITER_TEST_OPERATIONS", 20000);
   std::cout << "ZMQWRITER_TEST_SEED=" << seed << std::endl;
 
   RandomOperations random(seed);

@@ -266,7 +266,31 @@ TEST_F(SpoolReaderTest, ChunksAreFoundByTheirExactNamesOnly) {
   std::string problem;
   ASSERT_TRUE(spool::find_chunks(folder(), &numbers, &problem));
   EXPECT_THAT(numbers, ElementsAre(0u, 1u, 3u, 10u, 4294967295u));
-  EXPECT_EQ(spool::count_in_sequence(numbers), 2u);
+  EXPECT_EQ(spool::count_in_sequence(folder(), numbers), 2u);
+}
+
+TEST_F(SpoolReaderTest, SequenceEndsAtWhatIsNoRegularFile) {
+  put("queue.dat", "");
+  std::filesystem::create_directory(path("queue.dat.1"));
+  put("queue.dat.2", "");
+  std::vector<std::uint32_t> numbers;
+  std::string problem;
+  ASSERT_TRUE(spool::find_chunks(folder(), &numbers, &problem));
+  EXPECT_EQ(spool::count_in_sequence(folder(), numbers), 1u);
+  start();
+  EXPECT_EQ(spool().file_count, 1) << "as the plug-in counts";
+}
+
+TEST_F(SpoolReaderTest, FilesSetAsideAreFoundByTheirExactNamesOnly) {
+  for (const char* name :
+       {"queue.dat.unopened", "queue.dat.unopened.10", "queue.dat.unopened.2",
+        "queue.dat.unopened.1", "queue.dat.unopened.02", "queue.dat.unopened.", "queue.dat.2",
+        "queue.dat.unopened.before-repair", "queue.dat.unopened.2x", "unopened"})
+    put(name, "");
+  EXPECT_THAT(spool::find_set_aside(folder()),
+              ElementsAre(path("queue.dat.unopened"), path("queue.dat.unopened.2"),
+                          path("queue.dat.unopened.10")));
+  EXPECT_TRUE(spool::find_set_aside("nowhere").empty());
 }
 
 TEST_F(SpoolReaderTest, MissingFolderIsAProblem) {

@@ -9,6 +9,7 @@
 namespace {
 
 constexpr std::uint32_t kRecords = 1000000;
+constexpr std::uint32_t kStoredBefore = 100000;  // the rest while the other thread takes
 
 // A record says its number, in a length that depends on it, so a wrong length shows as well.
 std::size_t payload_of(std::uint32_t number, char (&payload)[64]) {
@@ -36,11 +37,16 @@ TEST_F(SpoolThreadsTest, AMillionRecordsComeBackExactlyOnceWhileBothThreadsWork)
   limit_chunks(262144);  // so that roll-overs and roll-backs happen between
   PersistentQueue& queue = spool();
   std::atomic<bool> all_stored{false};
-
-  std::thread storing([&queue, &all_stored] {
+  const auto store_some = [&queue](std::uint32_t first, std::uint32_t end) {
     char payload[64];
-    for (std::uint32_t i = 0; i < kRecords; ++i)
+    for (std::uint32_t i = first; i < end; ++i)
       queue.Store(static_cast<std::uint16_t>(payload_of(i, payload)), payload);
+  };
+  store_some(0, kStoredBefore);
+  const std::int32_t files_before = queue.file_count;
+
+  std::thread storing([&store_some, &all_stored] {
+    store_some(kStoredBefore, kRecords);
     all_stored = true;
   });
 
@@ -74,6 +80,8 @@ TEST_F(SpoolThreadsTest, AMillionRecordsComeBackExactlyOnceWhileBothThreadsWork)
   EXPECT_EQ(twice, 0u);
   EXPECT_EQ(taken, kRecords);
   EXPECT_TRUE(queue.IsEmpty());
+  EXPECT_GT(files_before, 2) << "nothing rolled over";
+  EXPECT_LT(queue.file_count, 2) << "nothing rolled back";
 }
 
 }  // namespace
