@@ -131,13 +131,16 @@ void set_int_option(void* socket, int option, int value) {
   zmq_setsockopt(socket, option, &value, sizeof value);
 }
 
-/// A key pair of its own for every connection, never kept.
-void set_client_keys(void* socket) {
+/// A key pair of its own for every connection, never kept. False when libzmq has no CURVE: then the
+/// options fail too, which is overlooked, and messages would go in the clear.
+bool set_client_keys(void* socket) {
   char public_key[kCurveKeyLength] = {0};
   char secret_key[kCurveKeyLength] = {0};
-  zmq_curve_keypair(public_key, secret_key);
+  if (zmq_curve_keypair(public_key, secret_key) != 0)
+    return false;
   zmq_setsockopt(socket, ZMQ_CURVE_PUBLICKEY, public_key, sizeof public_key);
   zmq_setsockopt(socket, ZMQ_CURVE_SECRETKEY, secret_key, sizeof secret_key);
+  return true;
 }
 
 /// The byte that two hexadecimal digits stand for. Upper-case on purpose: a lower-case letter comes
@@ -545,13 +548,6 @@ void ZmqWorker::Start() {
   sent_count = 0;
   context = zmq_ctx_new();
   print_line("Connecting to %s\n", server.c_str());
-  // Without it the key options fail, which Connect overlooks, and messages would go in the clear.
-  if (!zmq_has("curve")) {
-    reports::error(
-        "This libzmq has no CURVE security: nothing will be sent. Install a libzmq that was built "
-        "with it.");
-    return;
-  }
   socket = Connect(server);
   if (!socket) {
     reports::error("Failed to open ZMQ socket");
@@ -576,7 +572,13 @@ void* ZmqWorker::Connect(std::string uri) {
   set_int_option(s, ZMQ_LINGER, timeout_ms);
   set_int_option(s, ZMQ_IMMEDIATE, 1);
   set_int_option(s, ZMQ_SNDHWM, 1);
-  set_client_keys(s);
+  if (!set_client_keys(s)) {
+    reports::error(
+        "This libzmq has no CURVE security: nothing will be sent. Install a libzmq that was built "
+        "with it.");
+    zmq_close(s);
+    return nullptr;
+  }
   print_line("Using zmq server %s\n", uri.c_str());
   print_line("Using zmq public key %s\n", public_key.c_str());
   set_server_key(s, public_key);

@@ -55,8 +55,6 @@ class FakeZmq {
   std::function<bool(std::size_t size)> on_init_data;
   /// What ZMQ_EVENTS gives; -1 to fail. ZMQ_POLLOUT unless set.
   std::function<int()> on_events;
-  /// What zmq_has says of CURVE. Being asked is not logged.
-  bool has_curve = true;
 
   std::vector<Option> options() const;
   std::vector<std::string> misuse() const;
