@@ -328,7 +328,9 @@ class Replay {
   /// something was on its way last.
   bool AllSent(Clock::time_point* busy) {
     const DravenholtZmqWriterStatus status = Look();
-    if (status.queued > 0 || status.in_work || status.spooled || host_.PendingInput() > 0)
+    // Once the writers had taken everything, all that still comes their way is heartbeats.
+    all_taken_ = all_taken_ || host_.PendingInput() == 0;
+    if (status.queued > 0 || status.in_work || status.spooled || !all_taken_)
       *busy = Clock::now();
     const std::uint64_t sent = status_->Sent(status);
     const Duration quiet = Clock::now() - *busy;
@@ -423,6 +425,7 @@ class Replay {
   std::uint64_t fed_ = 0;
   std::string why_stopped_;  // empty while there is no reason to stop
   bool drained_ = false;     // everything was sent, and the plug-in held nothing any more
+  bool all_taken_ = false;
   std::uint64_t last_sent_ = 0;
   Clock::time_point start_;
   Clock::time_point last_progress_;  // something was sent, or a wait began
