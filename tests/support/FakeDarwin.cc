@@ -5,7 +5,6 @@
 #include <mach/mach.h>
 #include <pwd.h>
 #include <sys/resource.h>
-#include <sys/statvfs.h>
 #include <sys/sysctl.h>
 #include <unistd.h>
 
@@ -293,29 +292,5 @@ int getpriority(int which, id_t who) {
     return real<int(int, id_t)>("getpriority")(static_cast<int>(which), who);
   const bool own = which == PRIO_PROCESS && who == static_cast<id_t>(getpid());
   return own ? fake->priority : fail(ESRCH);
-}
-
-char* getcwd(char* buffer, std::size_t size) LIBC_NOEXCEPT {
-  if (!fake)
-    return real<char*(char*, std::size_t)>("getcwd")(buffer, size);
-  if (fake->working_folder.empty() || fake->working_folder.size() >= size) {
-    errno = fake->working_folder.empty() ? ENOENT : ERANGE;
-    return nullptr;
-  }
-  return std::strcpy(buffer, fake->working_folder.c_str());
-}
-
-int statvfs(const char* path, struct statvfs* disk) LIBC_NOEXCEPT {
-  if (!fake)
-    return real<int(const char*, struct statvfs*)>("statvfs")(path, disk);
-  fake->calls.push_back(std::string("statvfs ") + path);
-  std::memset(disk, 0, sizeof *disk);
-  disk->f_bsize = fake->block_bytes;
-  disk->f_frsize = fake->fragment_bytes;
-  disk->f_blocks = static_cast<decltype(disk->f_blocks)>(fake->blocks);
-  disk->f_bfree = static_cast<decltype(disk->f_bfree)>(fake->free_blocks);
-  disk->f_bavail = static_cast<decltype(disk->f_bavail)>(fake->available_blocks);
-  // Even a failed call has written something: it must not be taken for figures.
-  return fake->statvfs_works ? 0 : fail(EIO);
 }
 }

@@ -2,7 +2,7 @@
 //
 // Linking FakeDarwin.cc puts these calls of the whole program under its control while a FakeDarwin
 // exists: proc_listpids, proc_pidinfo, proc_pidfdinfo, sysctlbyname, sysctl, mach_host_self,
-// host_page_size, host_statistics, and of POSIX getpwuid, getpriority, getcwd, statvfs. Without one
+// host_page_size, host_statistics, and of POSIX getpwuid and getpriority. Without one
 // Darwin's calls fail and those of POSIX do what they always do. One at a time; not thread-safe.
 #pragma once
 
@@ -111,17 +111,8 @@ class FakeDarwin {
   std::uint32_t inactive_pages = 0;
   std::uint32_t wired_pages = 0;
 
-  // The file system of the working folder.
-  std::string working_folder = "/the/working/folder";  ///< empty: getcwd fails
-  bool statvfs_works = true;
-  std::uint64_t block_bytes = 4096;
-  std::uint64_t fragment_bytes = 1024;
-  std::uint64_t blocks = 0;
-  std::uint64_t free_blocks = 0;
-  std::uint64_t available_blocks = 0;
-
   // What was asked, one line per call: "pidinfo 7 fds size", "pidinfo 7 fds", "pidinfo 7 task",
-  // "fdinfo 7 3", "getpwuid 501", "statvfs /folder".
+  // "fdinfo 7 3", "getpwuid 501".
   std::vector<std::string> calls;
 };
 

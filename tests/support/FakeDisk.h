@@ -18,10 +18,12 @@ class FakeDisk {
   std::string working_folder = "/the/working/folder";
   // What statvfs gives.
   bool statvfs_works = true;
-  std::uint64_t block_size = 4096;
-  std::uint64_t fragment_size = 1024;
+  std::uint64_t block_bytes = 4096;
+  std::uint64_t fragment_bytes = 1024;
   std::uint64_t blocks = 0;
-  // What statvfs was asked for last.
+  std::uint64_t free_blocks = 0;
+  std::uint64_t available_blocks = 0;
+  // What statvfs was asked for last; empty: never.
   std::string asked;
 };
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "FakeDarwin.h"
+#include "FakeDisk.h"
 
 // The host's headers.
 #include "Type.h"
@@ -47,11 +48,11 @@ class SystemStatsTest : public testing::Test {
     darwin_.active_pages = 1000000;
     darwin_.inactive_pages = 500000;
     darwin_.wired_pages = 250000;
-    darwin_.block_bytes = 4096;
-    darwin_.fragment_bytes = 512;
-    darwin_.blocks = 1000000;
-    darwin_.free_blocks = 250000;
-    darwin_.available_blocks = 100000;
+    disk_.block_bytes = 4096;
+    disk_.fragment_bytes = 512;
+    disk_.blocks = 1000000;
+    disk_.free_blocks = 250000;
+    disk_.available_blocks = 100000;
   }
 
   ~SystemStatsTest() override { Unref(stats_); }
@@ -66,6 +67,7 @@ class SystemStatsTest : public testing::Test {
   std::int64_t priority() const { return stats_->Lookup("priority")->AsInt(); }
 
   test::FakeDarwin darwin_;
+  test::FakeDisk disk_;
   RecordVal* stats_ = nullptr;
 };
 
@@ -194,20 +196,20 @@ TEST_F(SystemStatsTest, DiskFiguresAreInGiB) {
   EXPECT_EQ(real("hdd_volume"), 3.814697265625);
   EXPECT_EQ(real("hdd_avail"), 0.95367431640625);
   EXPECT_EQ(real("hdd_used"), 2.86102294921875);
-  EXPECT_THAT(darwin_.calls, testing::ElementsAre("statvfs /the/working/folder"));
+  EXPECT_EQ(disk_.asked, "/the/working/folder");
 }
 
 TEST_F(SystemStatsTest, LargestFiguresOfDarwinAreExact) {
-  darwin_.blocks = 0xffffffff;
-  darwin_.free_blocks = 0xffffffff;
-  darwin_.block_bytes = std::uint64_t{1} << 40;
+  disk_.blocks = 0xffffffff;
+  disk_.free_blocks = 0xffffffff;
+  disk_.block_bytes = std::uint64_t{1} << 40;
   sample();
   EXPECT_EQ(real("hdd_volume"), 4294967295.0 * 1024);
   EXPECT_EQ(real("hdd_used"), 0.0);
 }
 
 TEST_F(SystemStatsTest, FailedStatvfsGivesZeros) {
-  darwin_.statvfs_works = false;
+  disk_.statvfs_works = false;
   sample();
   EXPECT_EQ(real("hdd_volume"), 0.0);
   EXPECT_EQ(real("hdd_used"), 0.0);
@@ -216,7 +218,7 @@ TEST_F(SystemStatsTest, FailedStatvfsGivesZeros) {
 }
 
 TEST_F(SystemStatsTest, FailedGetcwdGivesZeros) {
-  darwin_.working_folder.clear();
+  disk_.working_folder.clear();
   sample();
   EXPECT_EQ(real("hdd_volume"), 0.0);
   EXPECT_EQ(real("hdd_used"), 0.0);
@@ -224,10 +226,10 @@ TEST_F(SystemStatsTest, FailedGetcwdGivesZeros) {
 }
 
 TEST_F(SystemStatsTest, WorkingFolderMayTakeAll1024Bytes) {
-  darwin_.working_folder = std::string(1023, 'd');
+  disk_.working_folder = std::string(1023, 'd');
   sample();
   EXPECT_EQ(real("hdd_volume"), 3.814697265625);
-  darwin_.working_folder = std::string(1024, 'd');
+  disk_.working_folder = std::string(1024, 'd');
   sample();
   EXPECT_EQ(real("hdd_volume"), 0.0);
 }
@@ -236,7 +238,7 @@ TEST_F(SystemStatsTest, EveryCallSamplesAfresh) {
   sample();
   darwin_.load_average = 3000;
   darwin_.memory_bytes = 16 * kGiB;
-  darwin_.free_blocks = 0;
+  disk_.free_blocks = 0;
   RecordVal* first = stats_;
   Ref(first);
   sample();

@@ -223,8 +223,8 @@ TEST_F(Configuration, ARelativeLimitThatNoIntHoldsIsNoUndefinedBehaviour) {
 }
 
 TEST_F(Configuration, TheWorkingFoldersDiskIsMeasuredByBlockSizeNotFragmentSize) {
-  disk.block_size = 8192;
-  disk.fragment_size = 512;
+  disk.block_bytes = 8192;
+  disk.fragment_bytes = 512;
   disk.blocks = 128 * 10;
   init();
   EXPECT_EQ(disk.asked, "/the/working/folder");
