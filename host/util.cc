@@ -11,6 +11,7 @@
 
 #include "HostReporter.h"
 #include "standin/MainThread.h"
+#include "standin/PseudoTime.h"
 
 namespace {
 
@@ -31,7 +32,13 @@ uint64 random_start() {
   return (high << 32 | device()) ^ static_cast<uint64>(getpid());
 }
 
+std::atomic<double> pseudo_time{0};
+
 }  // namespace
+
+void standin::set_pseudo_time(double seconds) {
+  pseudo_time = seconds;
+}
 
 void out_of_memory(const char* where) {
   fprintf(stderr, "out of memory in %s.\n", where);
@@ -39,7 +46,10 @@ void out_of_memory(const char* where) {
   abort();
 }
 
-double current_time(bool) {
+double current_time(bool real) {
+  const double pretended = pseudo_time.load();
+  if (!real && pretended != 0)
+    return pretended;
   struct timeval now;
   gettimeofday(&now, nullptr);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6;

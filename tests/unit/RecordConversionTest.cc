@@ -11,6 +11,7 @@
 
 #include "Conversion.h"
 
+#include "standin/PseudoTime.h"
 #include "util.h"
 
 using Dravenholt::Data;
@@ -290,6 +291,15 @@ TEST_F(RecordConversion, StatisticsRecordHasTheFixedUidAndTheCurrentTime) {
   EXPECT_GE(event_of(message)->ts(), before);
   EXPECT_LE(event_of(message)->ts(), after);
   EXPECT_EQ(0.5, event_of(message)->data_as_SystemStatsData()->cpu_usage());
+}
+
+TEST_F(RecordConversion, StatisticsRecordFollowsTheHostsPretendedTime) {
+  RecordBuilder record;
+  record.real("cpu_usage", 0.5);
+  standin::set_pseudo_time(1234.5);
+  const Bytes message = convert(record);
+  standin::set_pseudo_time(0);
+  EXPECT_EQ(1234.5, event_of(message)->ts());
 }
 
 TEST_F(RecordConversion, FixedUidOfAStatisticsRecordIsCreatedBeforeItsPayload) {

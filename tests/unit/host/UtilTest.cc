@@ -12,6 +12,7 @@
 #include "Net.h"
 #include "UID.h"
 #include "standin/MainThread.h"
+#include "standin/PseudoTime.h"
 
 namespace {
 
@@ -152,6 +153,14 @@ TEST(CurrentTime, IsTheWallClock) {
   const double now = current_time();
   EXPECT_GE(now, before);
   EXPECT_LE(now, before + 60);
+}
+
+TEST(CurrentTime, CanBePretendedButNotTheRealOne) {
+  standin::set_pseudo_time(1234.5);
+  EXPECT_EQ(1234.5, current_time());
+  EXPECT_GT(current_time(true), 1e9);
+  standin::set_pseudo_time(0);
+  EXPECT_GT(current_time(), 1e9);
 }
 
 TEST(OutOfMemoryDeathTest, NamesThePlaceAndNeverReturns) {
