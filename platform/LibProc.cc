@@ -181,13 +181,19 @@ uint64_t socket_inode(int pid, int fd) {
   return descriptor.inode;
 }
 
+/// Reads /proc/PID/NAME whole.
+template <size_t kSize>
+bool read_file_of(int pid, const char* name, char (&text)[kSize]) {
+  char path[32];
+  snprintf(path, sizeof path, "/proc/%d/%s", pid, name);
+  return procfs::read_text(path, text, kSize) > 0;
+}
+
 /// What /proc/PID/stat tells. The command name in it is enclosed in brackets and may itself contain
 /// brackets and blanks, so its end is the last bracket of the file.
 bool fill_from_stat(int pid, struct proc_taskallinfo* info) {
-  char path[32];
   char text[1024];
-  snprintf(path, sizeof path, "/proc/%d/stat", pid);
-  if (procfs::read_text(path, text, sizeof text) <= 0)
+  if (!read_file_of(pid, "stat", text))
     return false;
   const char* name = strchr(text, '(');
   const char* name_end = strrchr(text, ')');
@@ -223,10 +229,8 @@ bool fill_from_stat(int pid, struct proc_taskallinfo* info) {
 }
 
 bool fill_ids_from_status(int pid, struct proc_taskallinfo* info) {
-  char path[32];
   char text[4096];
-  snprintf(path, sizeof path, "/proc/%d/status", pid);
-  if (procfs::read_text(path, text, sizeof text) <= 0)
+  if (!read_file_of(pid, "status", text))
     return false;
   const char* uids = strstr(text, "\nUid:");
   const char* gids = strstr(text, "\nGid:");
