@@ -8,9 +8,12 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <memory>
 
 #include "CollectCommand.h"
+#include "CompletionCommand.h"
 #include "DecodeCommand.h"
+#include "HelpFormatter.h"
 #include "KeygenCommand.h"
 #include "ReplayCommand.h"
 #include "SpoolCommands.h"
@@ -42,12 +45,14 @@ int main(int argc, char** argv) {
   int exit_code = 0;
   CLI::App app("Tools around the log-writer plug-in Dravenholt::ZMQWriter", "zmqwriter");
   app.set_version_flag("--version", "zmqwriter " ZMQWRITER_VERSION);
+  app.formatter(std::make_shared<HelpFormatter>());
   app.require_subcommand(1);
   add_keygen_command(app, &exit_code);
   add_collect_command(app, &exit_code);
   add_replay_command(app, &exit_code);
   add_decode_command(app, &exit_code);
   add_spool_command(app, &exit_code);
+  add_completion_command(app, &exit_code);
 
   if (const char* const word = unknown_subcommand(app, argc, argv)) {
     std::fprintf(stderr, "unknown subcommand '%s'\nRun with --help for more information.\n", word);
