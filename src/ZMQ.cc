@@ -17,6 +17,7 @@
 
 #include <flatbuffers/flatbuffers.h>
 
+#include "AgentIdFile.h"
 #include "Paths.h"
 #include "RecordConversion.h"
 #include "WriterStatus.h"
@@ -31,7 +32,6 @@ namespace writer {
 namespace {
 
 const std::size_t kMaxPathLength = 1024;
-const std::size_t kMaxAgentIdLength = 1024;
 
 /// The one delivery worker of the process; null until a writer's DoInit has brought it up.
 std::atomic<ZmqWorker*> worker(nullptr);
@@ -79,17 +79,6 @@ std::string generate_agent_id() {
   Bro::UID uid;
   uid.Set(128, nullptr, 0);
   return uid.Base62("");
-}
-
-/// The first bytes of the file exactly as they stand; empty when it cannot be read.
-std::string read_agent_id(const char* path) {
-  FILE* file = fopen(path, "rb");
-  if (!file)
-    return "";
-  char bytes[kMaxAgentIdLength];
-  const std::size_t length = fread(bytes, 1, sizeof bytes, file);
-  fclose(file);
-  return std::string(bytes, length);
 }
 
 bool write_agent_id(const char* path, const std::string& agent_id) {
@@ -239,9 +228,9 @@ void ZMQ::DetectAgentId() {
   if (!directoryExists(path))
     mkdir(path, 0770);  // when it fails, so does writing the file, and that is reported
   const std::size_t length = strlen(path);
-  snprintf(path + length, sizeof path - length, "/agent.id");
+  snprintf(path + length, sizeof path - length, "%s", agent_id_file::kName);
 
-  agent_id = read_agent_id(path);
+  agent_id = agent_id_file::read(path);
   if (!agent_id.empty())
     return;
   agent_id = unstored_agent_id.empty() ? generate_agent_id() : unstored_agent_id;

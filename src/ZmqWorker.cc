@@ -1,21 +1,21 @@
 #include "ZmqWorker.h"
 
-#include <ctype.h>
 #include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/statvfs.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include <zmq.h>
 
 #include "PersistentQueue.h"
 #include "Reports.h"
+#include "WorkerSettings.h"
 #include "WriterStatus.h"
 
 #include "SettingsFile.h"
@@ -23,6 +23,8 @@
 
 namespace logging {
 namespace writer {
+
+using namespace worker_settings;
 
 /// The one spool of the process: made by the first Init, deleted by Stop. From Start on it is
 /// replaced only under the worker's mutex.
@@ -37,11 +39,6 @@ const useconds_t kIdlePollUs = 100000;
 const useconds_t kRetryPauseUs = 1000000;
 const useconds_t kHoldOffPauseUs = 1000000;
 const int64_t kHoldOffSeconds = 9;
-
-const char kDefaultPort[] = ":5555";
-
-/// libzmq's form of a CURVE key: 40 characters of Z85 and a terminating zero.
-const size_t kCurveKeyLength = 41;
 
 /// Bounds of the look for writability before a send, in looks. A look costs about a
 /// microsecond, so the longest wait is far below the sleep that it saves.
@@ -88,40 +85,13 @@ int int_setting(const char* key, int default_value) {
   return settings ? settings->getIntVal(key, default_value) : default_value;
 }
 
-void trim(std::string& text) {
-  const auto is_space = [](unsigned char c) { return isspace(c) != 0; };
-  text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), is_space));
-  text.erase(std::find_if_not(text.rbegin(), text.rend(), is_space).base(), text.end());
-}
-
-/// Megabytes as bytes, by a 32-bit shift on purpose: 2048 MB and more wrap around.
-int megabytes_to_bytes(int megabytes) {
-  return static_cast<int>(static_cast<unsigned int>(megabytes) << 20);
-}
-
-/// Toward zero. What no int can hold gives what x86-64's conversion gives.
-int truncate_to_int(double value) {
-  return value > INT_MIN - 1.0 && value < INT_MAX + 1.0 ? static_cast<int>(value) : INT_MIN;
-}
-
-/// Size of the file system that holds the working directory (not the spool); 0 when that cannot be
-/// found out. By the block size field and not the fragment size, on purpose.
-double working_disk_mb() {
-  char folder[1024];
-  struct statvfs disk;
-  if (!getcwd(folder, sizeof folder) || statvfs(folder, &disk) != 0)
-    return 0.0;
-  return static_cast<double>(disk.f_bsize) * static_cast<double>(disk.f_blocks) / 1048576.0;
-}
-
 void set_spool_limits(PersistentQueue* spool) {
-  const int relative = int_setting("disk.usage.relative", 10);
-  const int absolute = int_setting("disk.usage.absolute", 500);
+  const int relative = int_setting(kDiskRelative, kDefaultDiskRelative);
+  const int absolute = int_setting(kDiskAbsolute, kDefaultDiskAbsolute);
   const double disk_mb = working_disk_mb();
-  const double relative_mb = relative * disk_mb / 100.0;
-  const int limit_mb = absolute <= relative_mb ? absolute : truncate_to_int(relative_mb);
+  const int limit_mb = spool_limit_mb(relative, absolute, disk_mb);
   reports::info("Disk size is %0.2fMb, setting maximum usage to %dMb", disk_mb, limit_mb);
-  const int chunk_mb = int_setting("pqueue.chunk.size", 10);
+  const int chunk_mb = int_setting(kChunkSize, kDefaultChunkSize);
   spool->SetLimits(megabytes_to_bytes(chunk_mb), megabytes_to_bytes(limit_mb));
 }
 
@@ -143,27 +113,12 @@ bool set_client_keys(void* socket) {
   return true;
 }
 
-/// The byte that two hexadecimal digits stand for. Upper-case on purpose: a lower-case letter comes
-/// out right as the first digit only, as the second it also sets bit 0x20.
-unsigned char decode_digits(signed char first, signed char second) {
-  const int high = first > 0x40 ? first - 7 : first;
-  const int low = second > 0x40 ? second - 0x37 : second - 0x30;
-  return static_cast<unsigned char>(static_cast<unsigned int>(high) << 4 |
-                                    static_cast<unsigned int>(low));
-}
-
-/// The server's key, from hexadecimal text of any length: what libzmq makes of the length that
-/// comes out is left to libzmq. A wrong key never opens the connection to plain text: a libzmq that
-/// has CURVE, and Start goes on with no other, was switched to it by the client keys before this.
+/// The server's key, from hexadecimal text of any length. A wrong key never opens the connection to
+/// plain text: a libzmq that has CURVE, and Start goes on with no other, was switched to it by the
+/// client keys before this.
 void set_server_key(void* socket, const std::string& hex) {
-  unsigned char key[kCurveKeyLength] = {0};
-  const char* digits = hex.c_str();
-  const size_t bytes = strlen(digits) / 2;
-  const size_t length = std::min(bytes, kCurveKeyLength);
-  for (size_t i = 0; i < length; ++i)
-    key[i] = decode_digits(static_cast<signed char>(digits[2 * i]),
-                           static_cast<signed char>(digits[2 * i + 1]));
-  zmq_setsockopt(socket, ZMQ_CURVE_SERVERKEY, key, length);
+  const ServerKey key = decode_server_key(hex);
+  zmq_setsockopt(socket, ZMQ_CURVE_SERVERKEY, key.bytes, key.length);
 }
 
 // -- Records and messages -------------------------------------------------------------------------
@@ -516,29 +471,16 @@ void ZmqWorker::Init(std::string default_server, std::string default_public_key,
     zmq_pqueue = new PersistentQueue();
     set_spool_limits(zmq_pqueue);
   }
-  server = correct_zmq_uri(string_setting("zmq.server", default_server));
-  public_key = string_setting("zmq.public_key", default_public_key);
-
-  const std::string list = string_setting("zmq.secondary_servers", default_secondary_servers);
-  for (size_t start = 0; start <= list.size();) {
-    const size_t end = std::min(list.find(',', start), list.size());
-    std::string piece = list.substr(start, end - start);
-    trim(piece);
-    if (!piece.empty())
-      secondary_servers.push_back(correct_zmq_uri(piece));
-    start = end + 1;
-  }
+  server = correct_zmq_uri(string_setting(kServer, default_server));
+  public_key = string_setting(kPublicKey, default_public_key);
+  for (const std::string& secondary :
+       split_servers(string_setting(kSecondaryServers, default_secondary_servers)))
+    secondary_servers.push_back(correct_zmq_uri(secondary));
   running = false;
 }
 
 std::string ZmqWorker::correct_zmq_uri(std::string uri) {
-  if (uri.find("://") == std::string::npos)
-    uri = "tcp://" + uri;
-  // One past the first character of the host, on purpose: a colon right behind the scheme is not
-  // looked at, one inside the brackets of an IPv6 address counts.
-  if (uri.find(':', uri.find("://") + 4) == std::string::npos)
-    uri += kDefaultPort;
-  return uri;
+  return correct_uri(std::move(uri));
 }
 
 void ZmqWorker::Start() {
@@ -566,10 +508,9 @@ void* ZmqWorker::Connect(std::string uri) {
     reports::error("Failed to open ZMQ socket");
     return nullptr;
   }
-  const int timeout_ms = 3000;
-  set_int_option(s, ZMQ_RCVTIMEO, timeout_ms);
-  set_int_option(s, ZMQ_SNDTIMEO, timeout_ms);
-  set_int_option(s, ZMQ_LINGER, timeout_ms);
+  set_int_option(s, ZMQ_RCVTIMEO, kTimeoutMs);
+  set_int_option(s, ZMQ_SNDTIMEO, kTimeoutMs);
+  set_int_option(s, ZMQ_LINGER, kTimeoutMs);
   set_int_option(s, ZMQ_IMMEDIATE, 1);
   set_int_option(s, ZMQ_SNDHWM, 1);
   if (!set_client_keys(s)) {
