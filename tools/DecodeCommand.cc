@@ -68,13 +68,15 @@ int decode_files(std::vector<std::string> files) {
 }  // namespace
 
 void add_decode_command(CLI::App& app, int* exit_code) {
-  CLI::App* const command = app.add_subcommand("decode", "Print raw event messages as JSON");
+  CLI::App* const command =
+      app.add_subcommand("decode", "Print raw event messages as JSON, one object per line");
   command->footer(
-      "A file holds messages as 'collect --format raw' writes them, each after its length as\n"
-      "32-bit little-endian number, or one single message and nothing else. What is no event is\n"
-      "reported with file and offset; the rest is decoded all the same.");
+      "A file holds messages as 'collect --format raw' writes them, each after its length\n"
+      "as a 32-bit little-endian number, or one single message and nothing else. What is no\n"
+      "event is reported with file and offset; the rest is decoded all the same.");
   const auto files = std::make_shared<std::vector<std::string>>();
-  command->add_option("FILE", *files, "Files of raw messages; standard input without any, or for -")
+  command
+      ->add_option("FILE", *files, "Files of raw messages; without any, and for -, standard input")
       ->type_name("");
   command->callback([files, exit_code] { *exit_code = decode_files(*files); });
 }

@@ -77,7 +77,7 @@ void add_keygen_command(CLI::App& app, int* exit_code) {
                          "Make a collector's CURVE key pair: server.public for the "
                          "agents, server.secret (mode 0600) for the collector");
   const auto folder = std::make_shared<std::string>(".");
-  command->add_option("--dir", *folder, "Folder of the two files, created if need be")
+  command->add_option("--dir", *folder, "Folder for the two files, made if it is missing")
       ->type_name("DIR")
       ->check(CLI::Validator(
           [](const std::string& text) -> std::string {

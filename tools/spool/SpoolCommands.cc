@@ -219,25 +219,29 @@ void add_spool_command(CLI::App& app, int* exit_code) {
     return subcommand;
   };
 
-  add("list",
-      "One line for each file: its size, the records by its header and by walking, live and "
-      "stale bytes, damage. Exit status 1 when there is damage. Changes nothing")
-      ->callback([options, exit_code] { *exit_code = list_spool(options->folder); });
+  CLI::App* const list = add("list", "Show what lies on disk, one line for each file");
+  list->footer(
+      "The columns: size of the file; 'records' that its header counts; 'walked', those\n"
+      "that are there; bytes of records that wait to be sent (live) and of others (stale);\n"
+      "damage, or '-'. Exit status 1 when there is damage. Changes nothing.");
+  list->callback([options, exit_code] { *exit_code = list_spool(options->folder); });
 
   CLI::App* const dump =
       add("dump",
-          "Print the events that the next start finds as lines of JSON, newest first, as they "
-          "would be sent. Exit status 1 when a record is no event. Changes nothing");
+          "Print the events that the agent's next start finds, newest first, as they would be "
+          "sent, one JSON object per line");
+  dump->footer("Exit status 1 when a record is no event. Changes nothing.");
   dump->add_flag("--raw", options->raw,
                  "Write the bytes instead: each record preceded by its length as a 32-bit "
                  "little-endian number (zmqwriter decode reads this)");
   dump->callback([options, exit_code] { *exit_code = dump_spool(options->folder, options->raw); });
 
   CLI::App* const repair =
-      add("repair",
-          "Make records countable that an unclean stop left behind: sets headers to the records "
-          "that are there (a copy of the file is kept beside it) and closes gaps in the files' "
-          "numbers. The agent must be stopped. Exit status 1 when something could not be mended");
+      add("repair", "Make records countable again that an unclean stop left behind");
+  repair->footer(
+      "Sets the files' headers to the records that are there, keeping a copy of each file\n"
+      "beside it, and closes gaps in the files' numbers. Stop the agent first. Exit status 1\n"
+      "when something could not be mended.");
   repair->add_flag("--dry-run", options->dry_run, "Only say what would be done");
   repair->callback(
       [options, exit_code] { *exit_code = repair_spool(options->folder, options->dry_run); });
