@@ -5,13 +5,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <functional>
+#include <vector>
 
 #include "ProcFile.h"
 
@@ -56,39 +56,65 @@ bool look_at(int folder, const char* name, Descriptor* descriptor) {
   return true;
 }
 
-/// The sockets of the process that this thread listed last. Whoever lists descriptors asks for the
-/// socket information of each right afterwards, and looking at a descriptor is most of the cost of
-/// either. So what was seen then is good for a moment; sockets that find no room are looked at
-/// again.
-class SeenSockets {
+/// The descriptors of the process that this thread looked at last. To look at a descriptor is most
+/// of the cost of a query, and whoever sizes the list of a process fetches it right afterwards, and
+/// then asks for the information of each socket. So all three are answered from one look, which is
+/// good for a moment.
+class Listing {
  public:
-  void start(int pid) {
+  /// Looks at every descriptor of a process; an empty listing where that is not possible.
+  void look(int pid) {
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%d/fd", pid);
+    entries_.clear();
+    next_ = 0;
     pid_ = pid;
     until_ms_ = now_ms() + kGoodForMs;
-    ++listing_;
+    procfs::NumberedEntries folder(path);
+    int32_t fd;
+    while (folder.next(&fd)) {
+      char name[16];
+      Descriptor descriptor;
+      *std::to_chars(name, name + sizeof name - 1, fd).ptr = '\0';
+      if (look_at(folder.fd(), name, &descriptor))  // else closed since the folder was read
+        entries_.push_back({fd, descriptor});
+    }
   }
 
-  void add(int32_t fd, uint64_t inode) { slot(fd) = {inode, listing_, fd}; }
+  bool is_of(int pid) const { return pid == pid_ && now_ms() <= until_ms_; }
 
-  bool find(int pid, int32_t fd, uint64_t* inode) {
-    const Slot& seen = slot(fd);
-    if (pid != pid_ || seen.listing != listing_ || seen.fd != fd || now_ms() > until_ms_)
-      return false;
-    *inode = seen.inode;
-    return true;
+  int count() const { return static_cast<int>(entries_.size()); }
+
+  /// Lays as many descriptors into the buffer as fit, and returns their number.
+  int copy(char* buffer, int most) const {
+    const int copied = std::min(most, count());
+    for (int i = 0; i < copied; ++i) {
+      const Entry& entry = entries_[static_cast<size_t>(i)];
+      const struct proc_fdinfo info = {entry.fd, entry.descriptor.type};
+      memcpy(buffer + static_cast<size_t>(i) * sizeof info, &info, sizeof info);
+    }
+    return copied;
+  }
+
+  /// Null when the process had no such descriptor. They are asked for in the list's order, so the
+  /// search goes on where the one before has ended.
+  const Descriptor* find(int32_t fd) {
+    for (size_t tried = 0; tried < entries_.size(); ++tried) {
+      const Entry& entry = entries_[next_];
+      next_ = (next_ + 1) % entries_.size();
+      if (entry.fd == fd)
+        return &entry.descriptor;
+    }
+    return nullptr;
   }
 
  private:
   static constexpr int64_t kGoodForMs = 20;
-  static constexpr uint32_t kSlots = 1024;
 
-  struct Slot {
-    uint64_t inode;
-    uint32_t listing;
+  struct Entry {
     int32_t fd;
+    Descriptor descriptor;
   };
-
-  Slot& slot(int32_t fd) { return slots_[static_cast<uint32_t>(fd) % kSlots]; }
 
   static int64_t now_ms() {
     struct timespec now;
@@ -97,83 +123,40 @@ class SeenSockets {
   }
 
   int pid_ = 0;
-  uint32_t listing_ = 0;
   int64_t until_ms_ = 0;
-  Slot slots_[kSlots] = {};
+  std::vector<Entry> entries_;
+  size_t next_ = 0;
 };
 
-thread_local SeenSockets seen_sockets;
-
-/// Newer kernels (6.2) tell the number of descriptors as the size of the folder; older ones give 0.
-int told_count(const struct stat& folder) {
-  return static_cast<int>(folder.st_size);
-}
-
-bool kernel_tells_descriptor_count() {
-  static const bool tells = [] {
-    const int own = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    struct stat status;
-    const bool told = own >= 0 && fstat(own, &status) == 0 && told_count(status) > 0;
-    if (own >= 0)
-      close(own);
-    return told;
-  }();
-  return tells;
-}
-
-int count_descriptors(const char* path) {
-  if (kernel_tells_descriptor_count()) {
-    struct stat status;
-    return stat(path, &status) == 0 ? told_count(status) : 0;
-  }
-  procfs::NumberedEntries entries(path);
-  int count = 0;
-  for (int32_t fd; entries.next(&fd);)
-    ++count;
-  return count;
-}
+thread_local Listing listing;
+/// Whether the listing was made to size the list, which is not fetched yet.
+thread_local bool listing_is_for_fetch = false;
 
 int list_descriptors(int pid, void* buffer, int buffersize) {
   const int entry_bytes = static_cast<int>(sizeof(struct proc_fdinfo));
-  char path[32];
-  snprintf(path, sizeof path, "/proc/%d/fd", pid);
-  if (buffer == nullptr) {
-    // A process without descriptors (a kernel thread, a zombie) is left at that: room for new ones
-    // would only make the caller ask again for nothing.
-    const int count = count_descriptors(path);
-    return count == 0 ? 0 : (count + kRoomForNewDescriptors) * entry_bytes;
-  }
-  procfs::NumberedEntries entries(path);
-  if (entries.fd() < 0)
-    return 0;
-  seen_sockets.start(pid);
-  int written = 0;
-  struct proc_fdinfo entry;
-  while (buffersize - written >= entry_bytes && entries.next(&entry.proc_fd)) {
-    char name[16];
-    Descriptor descriptor;
-    *std::to_chars(name, name + sizeof name - 1, entry.proc_fd).ptr = '\0';
-    if (!look_at(entries.fd(), name, &descriptor))
-      continue;  // closed since the folder was read
-    if (descriptor.type == PROX_FDTYPE_SOCKET)
-      seen_sockets.add(entry.proc_fd, descriptor.inode);
-    entry.proc_fdtype = descriptor.type;
-    memcpy(static_cast<char*>(buffer) + written, &entry, sizeof entry);
-    written += entry_bytes;
-  }
-  return written;
+  const bool sizing = buffer == nullptr;
+  if (sizing || !listing_is_for_fetch || !listing.is_of(pid))
+    listing.look(pid);
+  listing_is_for_fetch = sizing;
+  if (!sizing)
+    return listing.copy(static_cast<char*>(buffer), buffersize / entry_bytes) * entry_bytes;
+  // A process without descriptors (a kernel thread, a zombie) is left at that: room for new ones
+  // would only make the caller ask again for nothing.
+  return listing.count() == 0 ? 0 : (listing.count() + kRoomForNewDescriptors) * entry_bytes;
 }
 
 /// The inode of a socket; 0 and errno when it is none or cannot be looked at.
 uint64_t socket_inode(int pid, int fd) {
-  uint64_t inode = 0;
-  if (seen_sockets.find(pid, fd, &inode))
-    return inode;
-  char path[48];
   Descriptor descriptor;
-  snprintf(path, sizeof path, "/proc/%d/fd/%d", pid, fd);
-  if (!look_at(AT_FDCWD, path, &descriptor))
-    return 0;
+  const Descriptor* seen = listing.is_of(pid) ? listing.find(fd) : nullptr;
+  if (seen != nullptr) {
+    descriptor = *seen;
+  } else {
+    char path[48];
+    snprintf(path, sizeof path, "/proc/%d/fd/%d", pid, fd);
+    if (!look_at(AT_FDCWD, path, &descriptor))
+      return 0;
+  }
   if (descriptor.type != PROX_FDTYPE_SOCKET) {
     errno = ENOTSUP;
     return 0;
