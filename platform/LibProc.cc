@@ -149,7 +149,8 @@ int list_descriptors(int pid, void* buffer, int buffersize) {
 uint64_t socket_inode(int pid, int fd) {
   Descriptor descriptor;
   const Descriptor* seen = listing.is_of(pid) ? listing.find(fd) : nullptr;
-  if (seen != nullptr) {
+  // What was no socket may be one by now; nobody asks in a hurry for those.
+  if (seen != nullptr && seen->type == PROX_FDTYPE_SOCKET) {
     descriptor = *seen;
   } else {
     char path[48];
