@@ -2,6 +2,7 @@
 #   ZMQWriter::zmq          libzmq with CURVE
 #   ZMQWriter::flatbuffers  the FlatBuffers runtime headers
 #   ZMQWRITER_FLATC         the FlatBuffers compiler
+#   prometheus-cpp::pull    the server of metrics, for the tools (tools/CMakeLists.txt looks for it)
 
 function(zmqwriter_need variable what debian homebrew)
   if(NOT ${variable})

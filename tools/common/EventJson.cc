@@ -11,6 +11,8 @@
 #include <flatbuffers/flatbuffers.h>
 #include <flatbuffers/minireflect.h>
 
+#include "Utf8.h"
+
 // The schema's header again, this time with the tables that describe it. It defines the same names
 // as the plain one, which other units of a program may include, hence the namespace around it.
 namespace reflected {
@@ -24,26 +26,14 @@ using reflected::Dravenholt::NetworkEvent;
 
 constexpr std::size_t kLargestMessage = 0x7fffffff;
 
-/// Length of the valid UTF-8 sequence at the start of `text`, 0 if there is none.
-std::size_t utf8_length(const unsigned char* text, std::size_t size) {
-  const unsigned char lead = text[0];
-  if (lead < 0x80)
-    return 1;
-  if (lead < 0xc2 || lead > 0xf4)
-    return 0;
-  const std::size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
-  if (size < length)
-    return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((text[i] & 0xc0) != 0x80)
-      return 0;
-  }
-  // Overlong forms, surrogates, and what is above U+10FFFF show in the second byte.
-  if ((lead == 0xe0 && text[1] < 0xa0) || (lead == 0xed && text[1] > 0x9f) ||
-      (lead == 0xf0 && text[1] < 0x90) || (lead == 0xf4 && text[1] > 0x8f))
-    return 0;
-  return length;
-}
+// A table holds tables at most twice over (event, payload, pair); the rest is room for a schema
+// that grows.
+constexpr flatbuffers::uoffset_t kDeepest = 8;
+constexpr flatbuffers::uoffset_t kMostTables = 1000000;
+
+// Many pairs may refer to the same string, and a small message would then print as gigabytes. Ours
+// share nothing, so their texts are never longer than the message; others get some room.
+constexpr std::uint64_t kSharedText = std::uint64_t{1} << 20;
 
 void append_escape(std::string* out, unsigned code) {
   char text[7];
@@ -74,6 +64,34 @@ void append_ascii(std::string* out, unsigned char c) {
       else
         *out += static_cast<char>(c);
   }
+}
+
+/// The code point of a valid UTF-8 sequence of two or three bytes.
+unsigned code_point(const unsigned char* sequence, std::size_t length) {
+  unsigned code = sequence[0] & (length == 2 ? 0x1fu : 0x0fu);
+  for (std::size_t i = 1; i < length; ++i)
+    code = code << 6 | (sequence[i] & 0x3fu);
+  return code;
+}
+
+/// Appends a JSON string. `for_terminal` also escapes the control characters beyond ASCII and the
+/// separators of lines, which JSON allows as they are.
+void append_quoted(std::string* out, const char* text, std::size_t size, bool for_terminal) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+  *out += '"';
+  for (std::size_t i = 0; i < size;) {
+    const std::size_t length = utf8_length(bytes + i, size - i);
+    if (length == 1)
+      append_ascii(out, bytes[i]);
+    else if (length == 0)
+      append_escape(out, 0xdc00u + bytes[i]);
+    else if (for_terminal && !is_printable(bytes + i, length))
+      append_escape(out, code_point(bytes + i, length));
+    else
+      out->append(text + i, length);
+    i += length == 0 ? 1 : length;
+  }
+  *out += '"';
 }
 
 /// Whether a text needs no quotes in the text form.
@@ -121,12 +139,6 @@ std::string time_text(double ts) {
   return text;
 }
 
-std::string payload_type(const NetworkEvent* event) {
-  const auto type = event->data_type();
-  const char* const name = flatbuffers::EnumName(type, reflected::Dravenholt::DataTypeTable());
-  return name ? name : std::to_string(type);
-}
-
 enum class Style { kJson, kText };
 
 /// Writes tables by means of the schema's description. Only verified ones: nothing is checked here
@@ -155,10 +167,12 @@ class Printer {
   }
 
   void String(const char* text, std::size_t size) {
-    if (!json_ && is_plain(text, size))
+    if (json_)
+      append_json_string(&out_, text, size);
+    else if (is_plain(text, size))
       out_.append(text, size);
     else
-      append_json_string(&out_, text, size);
+      append_quoted(&out_, text, size, true);
   }
 
   void String(const flatbuffers::String* text) {
@@ -305,22 +319,21 @@ const NetworkEvent* root(const std::uint8_t* data) {
   return flatbuffers::GetRoot<NetworkEvent>(data);
 }
 
+/// Bytes of all keys and values, counted as often as they are referred to.
+std::uint64_t text_of_pairs(const NetworkEvent* event) {
+  const auto* const generic = event->data_as_GenericProtocolData();
+  if (!generic || !generic->fields())
+    return 0;
+  std::uint64_t bytes = 0;
+  for (const auto* const pair : *generic->fields())
+    bytes += (pair->key() ? pair->key()->size() : 0) + (pair->value() ? pair->value()->size() : 0);
+  return bytes;
+}
+
 }  // namespace
 
 void append_json_string(std::string* out, const char* text, std::size_t size) {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(text);
-  *out += '"';
-  for (std::size_t i = 0; i < size;) {
-    const std::size_t length = utf8_length(bytes + i, size - i);
-    if (length == 1)
-      append_ascii(out, bytes[i]);
-    else if (length == 0)
-      append_escape(out, 0xdc00u + bytes[i]);
-    else
-      out->append(text + i, length);
-    i += length == 0 ? 1 : length;
-  }
-  *out += '"';
+  append_quoted(out, text, size, false);
 }
 
 EventMessage::EventMessage(const void* data, std::size_t size)
@@ -337,8 +350,9 @@ EventMessage::EventMessage(const void* data, std::size_t size)
     aligned_.assign(data_, data_ + size);
     data_ = aligned_.data();
   }
-  flatbuffers::Verifier verifier(data_, size);
-  if (!reflected::Dravenholt::VerifyNetworkEventBuffer(verifier))
+  flatbuffers::Verifier verifier(data_, size, kDeepest, kMostTables);
+  if (!reflected::Dravenholt::VerifyNetworkEventBuffer(verifier) ||
+      text_of_pairs(root(data_)) > 2 * std::uint64_t{size} + kSharedText)
     problem_ = "these " + std::to_string(size) + " bytes are no event message";
 }
 
@@ -369,7 +383,21 @@ std::string EventMessage::Text() const {
 }
 
 std::string EventMessage::PayloadType() const {
-  return payload_type(root(data_));
+  return payload_type_name(PayloadNumber());
+}
+
+std::uint8_t EventMessage::PayloadNumber() const {
+  return root(data_)->data_type();
+}
+
+std::string_view EventMessage::AgentId() const {
+  const flatbuffers::String* const agent = root(data_)->agent_id();
+  return agent ? agent->string_view() : std::string_view();
+}
+
+std::string payload_type_name(std::uint8_t number) {
+  const char* const name = flatbuffers::EnumName(number, reflected::Dravenholt::DataTypeTable());
+  return name ? name : std::to_string(number);
 }
 
 std::string event_to_json(const void* data, std::size_t size, std::string* error) {

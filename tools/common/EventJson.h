@@ -23,7 +23,8 @@
 //     uses, so json.loads(line)[...].encode("utf-8", "surrogateescape") gives the exact bytes.
 //
 // The text form is for the eye: time, agent, uid, type, then name=value for each field of the
-// payload. Texts with blanks and the like are quoted as in JSON, "-" stands for absent ones.
+// payload. Texts with blanks and the like are quoted as in JSON, "-" stands for absent ones. It is
+// one line on any terminal: control characters beyond ASCII and line separators are escaped too.
 //
 // Which fields there are is taken from the schema at build time; nothing here repeats it.
 #pragma once
@@ -31,10 +32,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
-/// One received message, verified. It refers to the bytes it was made from, which must outlive it
-/// (it keeps a copy of its own where they are not aligned as the format needs).
+/// One received message, verified: every reference in it leads to bytes of it, nothing is nested
+/// deeper than the schema allows for, and printing it takes memory in proportion to its size. It
+/// refers to the bytes it was made from, which must outlive it (it keeps a copy of its own where
+/// they are not aligned as the format needs).
 class EventMessage {
  public:
   EventMessage(const void* data, std::size_t size);
@@ -49,12 +53,19 @@ class EventMessage {
   std::string Text() const;
   /// As `data_type` in the JSON form, without quotes.
   std::string PayloadType() const;
+  /// The payload's number in the schema's union; any byte may stand there.
+  std::uint8_t PayloadNumber() const;
+  /// The sender's `agent_id`: any bytes, empty also when the message lacks it.
+  std::string_view AgentId() const;
 
  private:
   const std::uint8_t* data_;
   std::vector<std::uint8_t> aligned_;
   std::string problem_;
 };
+
+/// As EventMessage::PayloadType.
+std::string payload_type_name(std::uint8_t number);
 
 /// The JSON form of one message. If it is no event the result is empty and `error` says why.
 std::string event_to_json(const void* data, std::size_t size, std::string* error);

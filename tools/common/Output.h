@@ -1,9 +1,12 @@
 // The stream that a subcommand writes its data to: standard output, or a file stream given.
 //
-// Writing is buffered; Flush hands everything on. After a failure (a full disk, a reader that has
-// gone) nothing more is written and problem() says what happened. One thread.
+// Writing is buffered; Flush hands everything on, and so does the destructor. After a failure (a
+// full disk, a reader that has gone) nothing more is written and problem() says what happened. A
+// signal that interrupts a write is no failure: the write goes on, so that nothing is lost when a
+// reader is slow. One thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -11,6 +14,9 @@
 class Output {
  public:
   explicit Output(std::FILE* stream = stdout) : stream_(stream) {}
+  ~Output() { Flush(); }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
 
   void Write(std::string_view text);
   void WriteLine(std::string_view text);
@@ -24,5 +30,13 @@ class Output {
   void Fail();
 
   std::FILE* stream_;
+  std::string buffer_;
   std::string problem_;
 };
+
+/// Writes all bytes to a descriptor, blocking or not, in as many attempts as it takes. Returns how
+/// many it took; fewer than all mean a failure, and errno says which.
+std::size_t write_fully(int descriptor, std::string_view bytes);
+
+/// What problem() says for an errno.
+std::string output_problem(int error);

@@ -11,8 +11,6 @@ namespace {
 
 constexpr std::size_t kLengthBytes = 4;
 constexpr std::size_t kReadBytes = 65536;
-// A file that holds one bare event has to be read as a whole; no event is nearly as long.
-constexpr std::size_t kLongestSingle = std::size_t{64} << 20;
 
 std::size_t read_length(const std::string& bytes) {
   std::size_t length = 0;
@@ -27,12 +25,16 @@ bool is_event(const char* data, std::size_t size) {
 
 }  // namespace
 
-void write_raw_event(Output* out, std::string_view message) {
-  char length[kLengthBytes];
+void append_raw_event(std::string* out, std::string_view message) {
   for (std::size_t i = 0; i < kLengthBytes; ++i)
-    length[i] = static_cast<char>(message.size() >> (8 * i) & 0xff);
-  out->Write(std::string_view(length, kLengthBytes));
-  out->Write(message);
+    *out += static_cast<char>(message.size() >> (8 * i) & 0xff);
+  out->append(message);
+}
+
+void write_raw_event(Output* out, std::string_view message) {
+  std::string framed;
+  append_raw_event(&framed, message);
+  out->Write(framed);
 }
 
 /// Reads until the buffer holds `size` bytes or the stream ends. In pieces, so that a length that
@@ -54,7 +56,7 @@ bool RawEventReader::IsSingleEvent() {
   Fill(kLengthBytes + length);
   if (buffer_.size() == kLengthBytes + length && is_event(&buffer_[kLengthBytes], length))
     return false;
-  Fill(kLongestSingle);
+  Fill(kLargestEvent);  // a file of one bare event is read as a whole
   return is_event(buffer_.data(), buffer_.size());
 }
 

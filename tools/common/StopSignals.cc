@@ -1,16 +1,20 @@
 #include "StopSignals.h"
 
-#include <signal.h>
-
 #include <atomic>
+#include <initializer_list>
 
 namespace {
 
 std::atomic<bool> requested{false};
+std::atomic<bool> reload{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler stores to it");
 
 void request_stop(int) {
   requested.store(true);
+}
+
+void request_reload(int) {
+  reload.store(true);
 }
 
 void handle_stop_signals(void (*handler)(int)) {
@@ -34,4 +38,27 @@ void release_stop_signals() {
 
 bool stop_requested() {
   return requested.load();
+}
+
+void catch_reload_signal() {
+  struct sigaction action = {};
+  action.sa_handler = request_reload;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGHUP, &action, nullptr);
+}
+
+bool take_reload_request() {
+  return reload.exchange(false);
+}
+
+SignalsHeldBack::SignalsHeldBack() {
+  sigset_t ours;
+  sigemptyset(&ours);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP})
+    sigaddset(&ours, number);
+  pthread_sigmask(SIG_BLOCK, &ours, &previous_);
+}
+
+SignalsHeldBack::~SignalsHeldBack() {
+  pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
 }

@@ -1,0 +1,113 @@
+#include "ClientGate.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+#include <zmq.h>
+
+#include "StopSignals.h"
+
+namespace {
+
+constexpr const char* kEndpoint = "inproc://zeromq.zap.01";
+constexpr const char* kVersion = "1.0";
+constexpr std::uint64_t kReportedDenials = 10;
+
+// The frames of a request: version, request id, domain, address, routing id, mechanism, and for
+// CURVE the client's public key.
+enum Frame { kVersionFrame, kRequestId, kDomain, kAddress, kRoutingId, kMechanism, kPublicKey };
+constexpr std::size_t kCurveFrames = kPublicKey + 1;
+
+}  // namespace
+
+ClientGate::ClientGate(ZmqContext* context, AllowList allowed, bool quiet)
+    : context_(context),
+      quiet_(quiet),
+      socket_(zmq_socket(context->get(), ZMQ_REP)),
+      allowed_(std::move(allowed)) {
+  const int no_linger = 0;
+  if (!socket_ || zmq_setsockopt(socket_, ZMQ_LINGER, &no_linger, sizeof no_linger) != 0 ||
+      zmq_bind(socket_, kEndpoint) != 0) {
+    const int error = zmq_errno();
+    if (socket_)
+      zmq_close(socket_);
+    throw std::runtime_error(std::string("cannot check clients: ") + zmq_strerror(error));
+  }
+  const SignalsHeldBack held_back;
+  thread_ = std::thread(&ClientGate::Serve, this);
+}
+
+ClientGate::~ClientGate() {
+  context_->Shutdown();
+  thread_.join();
+}
+
+void ClientGate::Replace(AllowList allowed) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  allowed_ = std::move(allowed);
+}
+
+void ClientGate::Serve() {
+  std::vector<std::string> request;
+  while (ReceiveRequest(&request))
+    Answer(request);
+  zmq_close(socket_);
+}
+
+/// False once the context is shut down.
+bool ClientGate::ReceiveRequest(std::vector<std::string>* frames) {
+  frames->clear();
+  zmq_msg_t part;
+  zmq_msg_init(&part);
+  bool whole = false;
+  while (!whole) {
+    if (zmq_msg_recv(&part, socket_, 0) >= 0) {
+      frames->emplace_back(static_cast<const char*>(zmq_msg_data(&part)), zmq_msg_size(&part));
+      whole = !zmq_msg_more(&part);
+    } else if (zmq_errno() != EINTR) {
+      break;
+    }
+  }
+  zmq_msg_close(&part);
+  return whole;
+}
+
+void ClientGate::Answer(const std::vector<std::string>& request) {
+  const bool understood = request.size() == kCurveFrames && request[kVersionFrame] == kVersion &&
+                          request[kMechanism] == "CURVE";
+  const bool allowed = understood && IsAllowed(request[kPublicKey]);
+  if (allowed) {
+    ++accepted_;
+  } else {
+    ++denied_;
+    if (understood)
+      ReportDenied(request[kPublicKey], request[kAddress]);
+  }
+  const std::string id = request.size() > kRequestId ? request[kRequestId] : "";
+  const std::array<std::string, 6> reply = {
+      kVersion, id, allowed ? "200" : "400", allowed ? "OK" : "key not allowed", "", ""};
+  for (std::size_t i = 0; i < reply.size(); ++i)
+    zmq_send(socket_, reply[i].data(), reply[i].size(), i + 1 < reply.size() ? ZMQ_SNDMORE : 0);
+}
+
+bool ClientGate::IsAllowed(const std::string& public_key) {
+  CurveKey key;
+  if (public_key.size() != key.size())
+    return false;
+  std::copy(public_key.begin(), public_key.end(), key.begin());
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return allowed_.count(key) > 0;
+}
+
+void ClientGate::ReportDenied(const std::string& public_key, const std::string& address) {
+  if (quiet_ || denied_ > kReportedDenials)
+    return;
+  CurveKey key{};
+  std::copy_n(public_key.begin(), std::min(public_key.size(), key.size()), key.begin());
+  std::fprintf(stderr, "client at %s turned away, its key is not allowed: %s%s\n", address.c_str(),
+               to_hex(key).c_str(),
+               denied_ == kReportedDenials ? " (further ones are only counted)" : "");
+}

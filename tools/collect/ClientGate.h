@@ -1,0 +1,51 @@
+// Decides which clients may connect: only those whose public key is on a list.
+//
+// libzmq asks over an inproc endpoint of the context (ZAP, protocol 1.0) about each client that
+// has proved that it owns its key; a thread of this class answers. It must exist before the
+// first socket of the context is bound, and a client is asked about once, when it connects: a new
+// list leaves existing connections alone. Were the thread to die, nobody would be let in.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AllowList.h"
+#include "ZmqContext.h"
+
+class ClientGate {
+ public:
+  /// Throws std::runtime_error when the endpoint cannot be opened. With `quiet`, clients that are
+  /// turned away are only counted; else the first few are named on standard error.
+  ClientGate(ZmqContext* context, AllowList allowed, bool quiet);
+  /// Ends the whole context: its other sockets must be closed already.
+  ~ClientGate();
+  ClientGate(const ClientGate&) = delete;
+  ClientGate& operator=(const ClientGate&) = delete;
+
+  /// From now on this list counts. Any thread.
+  void Replace(AllowList allowed);
+
+  /// Any thread.
+  std::uint64_t accepted() const { return accepted_.load(); }
+  std::uint64_t denied() const { return denied_.load(); }
+
+ private:
+  void Serve();
+  bool ReceiveRequest(std::vector<std::string>* frames);
+  void Answer(const std::vector<std::string>& request);
+  bool IsAllowed(const std::string& public_key);
+  void ReportDenied(const std::string& public_key, const std::string& address);
+
+  ZmqContext* const context_;
+  const bool quiet_;
+  void* socket_;  // the constructor's until the thread starts, then the thread's
+  std::mutex mutex_;
+  AllowList allowed_;  // guarded by mutex_
+  std::atomic<std::uint64_t> accepted_{0};
+  std::atomic<std::uint64_t> denied_{0};
+  std::thread thread_;
+};

@@ -1,0 +1,73 @@
+// What a collector has received so far, by payload type and by agent.
+//
+// Agents name themselves, so their names are whatever a client cares to send: at most kMostAgents
+// of them are told apart, in the order of their coming, and names are cut at kLongestAgent bytes.
+// Everyone else counts under kOtherAgents. As labels, names are valid UTF-8 without control
+// characters: other bytes, backslashes and a '(' at the start are written \xNN, so that no two
+// names share a label and none can pass for "(others)".
+//
+// All methods may be called from any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+class EventMessage;
+
+struct Tally {
+  std::uint64_t events = 0;
+  std::uint64_t bytes = 0;
+};
+
+/// A consistent view of the counts.
+struct CollectCounts {
+  Tally all;
+  std::map<std::string, Tally> by_type;   // by PayloadType
+  std::map<std::string, Tally> by_agent;  // by agent_label, or kNoAgent, kOtherAgents
+  std::uint64_t empty = 0;
+  std::uint64_t malformed = 0;
+  std::uint64_t multi_part = 0;
+  std::uint64_t written_bytes = 0;
+  std::uint64_t finished_files = 0;
+
+  std::uint64_t messages() const { return all.events + empty + malformed + multi_part; }
+};
+
+constexpr const char* kNoAgent = "(none)";
+constexpr const char* kOtherAgents = "(others)";
+
+class CollectStats {
+ public:
+  static constexpr std::size_t kMostAgents = 100;
+  static constexpr std::size_t kLongestAgent = 64;
+
+  CollectStats() = default;
+  CollectStats(const CollectStats&) = delete;
+  CollectStats& operator=(const CollectStats&) = delete;
+
+  void CountEvent(const EventMessage& event, std::size_t size);
+  void CountEmpty();
+  void CountMalformed();
+  void CountMultiPart();
+  /// How much went to the output, and how many files of it are finished.
+  void NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files);
+
+  CollectCounts Counts() const;
+
+ private:
+  Tally* AgentTally(std::string_view agent);
+
+  mutable std::mutex mutex_;
+  // All below guarded by mutex_. The parts of counts_ by type and agent stay empty here.
+  CollectCounts counts_;
+  Tally by_type_[256];
+  std::map<std::string, Tally, std::less<>> by_agent_;  // by name, cut
+  Tally other_agents_;
+};
+
+/// A name as a label: see above.
+std::string agent_label(std::string_view name);

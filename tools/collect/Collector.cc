@@ -1,0 +1,208 @@
+#include "Collector.h"
+
+#include <cstdio>
+#include <exception>
+#include <string_view>
+
+#include "AllowList.h"
+#include "CurveKey.h"
+#include "EventJson.h"
+#include "StopSignals.h"
+
+namespace {
+
+constexpr int kPollMs = 100;
+// Messages taken between two looks at signals and time limits.
+constexpr int kMostAtOnce = 1000;
+// Bad messages beyond these are counted only.
+constexpr std::uint64_t kReportedBadMessages = 10;
+// After a stop signal: when nothing is under way any more, and how long that may take. After the
+// connections were ended: when libzmq's thread has handed over the last of what it had read.
+constexpr int kQuietMs = 300;
+constexpr auto kLongestDrain = std::chrono::seconds(2);
+constexpr int kSettledMs = 100;
+constexpr auto kLongestSettling = std::chrono::seconds(5);
+
+unsigned long long number(std::uint64_t n) {
+  return n;
+}
+
+std::unique_ptr<ClientGate> make_gate(const CollectOptions& options, ZmqContext* context) {
+  if (options.allow_file.empty())
+    return nullptr;
+  AllowList allowed = read_allow_list(options.allow_file);
+  std::fprintf(stderr,
+               "warning: only clients with one of %zu fixed keys may connect; agents make a fresh "
+               "key for each connection, so all of them are shut out\n",
+               allowed.size());
+  return std::make_unique<ClientGate>(context, std::move(allowed), options.quiet);
+}
+
+}  // namespace
+
+Collector::Collector(const CollectOptions& options)
+    : options_(options),
+      sink_(options.sink),
+      gate_(make_gate(options, &context_)),
+      socket_(&context_, read_key_file(options.secret_key_file), gate_ != nullptr) {
+  // The metrics come first: they may fail, and an agent must not have connected by then.
+  if (!options.metrics_address.empty()) {
+    metrics_ = std::make_unique<Metrics>(options.metrics_address, stats_, gate_.get());
+    std::fprintf(stderr, "metrics on %s\n", metrics_->url().c_str());
+  }
+  for (const std::string& endpoint : options.endpoints) {
+    bound_.push_back(socket_.Bind(endpoint));
+    std::fprintf(stderr, "listening on %s\n", bound_.back().c_str());
+  }
+  if (options.stats_s > 0)
+    printer_ = std::make_unique<StatsPrinter>(stats_, options.stats_s);
+  zmq_msg_init(&part_);
+}
+
+Collector::~Collector() {
+  zmq_msg_close(&part_);
+}
+
+int Collector::Run() {
+  last_message_ = Clock::now();
+  while (!Done() && !TimedOut() && !stop_requested()) {
+    if (gate_ && take_reload_request())
+      ReloadAllowList();
+    if (!TakeWaiting())
+      socket_.Wait(kPollMs);
+  }
+  if (stop_requested())
+    Drain();
+  Finish();
+  return ExitCode();
+}
+
+bool Collector::Done() const {
+  return sink_.failed() || (options_.count > 0 && events_ >= options_.count);
+}
+
+bool Collector::TimedOut() const {
+  return options_.timeout_s > 0 &&
+         Clock::now() - last_message_ >= std::chrono::duration<double>(options_.timeout_s);
+}
+
+/// Takes what has arrived, within limits; false if there was nothing. What was printed is handed
+/// on before we wait again, so that a reader behind a pipe sees each event at once.
+bool Collector::TakeWaiting() {
+  int taken = 0;
+  while (taken < kMostAtOnce && !Done() && socket_.Receive(&part_)) {
+    TakeMessage();
+    ++taken;
+  }
+  sink_.Flush();
+  if (taken > 0) {
+    stats_.NoteOutput(sink_.written_bytes(), sink_.finished_files());
+    last_message_ = Clock::now();
+  }
+  return taken > 0;
+}
+
+/// The agents count as delivered what has left them: it is not left behind, as far as it can be.
+/// Unbinding ends the connections too, so it comes only when they have gone quiet, or do not.
+void Collector::Drain() {
+  auto end = Clock::now() + kLongestDrain;
+  while (!Done() && Clock::now() < end && socket_.Wait(kQuietMs))
+    TakeWaiting();
+  for (const std::string& endpoint : bound_)
+    socket_.Unbind(endpoint);
+  TakeWaiting();
+  end = Clock::now() + kLongestSettling;
+  while (!Done() && Clock::now() < end && socket_.Wait(kSettledMs))
+    TakeWaiting();
+}
+
+void Collector::TakeMessage() {
+  ++messages_;
+  if (zmq_msg_more(&part_)) {
+    SkipParts();
+    stats_.CountMultiPart();
+    ReportBad("message of several parts");
+  } else if (zmq_msg_size(&part_) == 0) {
+    stats_.CountEmpty();
+  } else {
+    TakeEvent();
+  }
+}
+
+/// A message arrives as a whole, so its further parts are there.
+void Collector::SkipParts() {
+  while (zmq_msg_more(&part_)) {
+    if (!socket_.Receive(&part_))
+      return;
+  }
+}
+
+void Collector::TakeEvent() {
+  const std::string_view raw(static_cast<const char*>(zmq_msg_data(&part_)), zmq_msg_size(&part_));
+  const EventMessage event(raw.data(), raw.size());
+  if (!event.valid()) {
+    stats_.CountMalformed();
+    ReportBad(event.problem());
+    return;
+  }
+  ++events_;
+  stats_.CountEvent(event, raw.size());
+  sink_.Write(event, raw);
+}
+
+void Collector::ReportBad(const std::string& problem) {
+  ++bad_;
+  if (options_.quiet || bad_ > kReportedBadMessages)
+    return;
+  std::fprintf(stderr, "message %llu skipped: %s%s\n", number(messages_), problem.c_str(),
+               bad_ == kReportedBadMessages ? " (further ones are only counted)" : "");
+}
+
+/// A list that cannot be read changes nothing.
+void Collector::ReloadAllowList() {
+  try {
+    AllowList allowed = read_allow_list(options_.allow_file);
+    std::fprintf(stderr, "allowed keys read again: %zu\n", allowed.size());
+    gate_->Replace(std::move(allowed));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "warning: the allowed keys stay as they were: %s\n", error.what());
+  }
+}
+
+void Collector::Finish() {
+  sink_.Flush();
+  stats_.NoteOutput(sink_.written_bytes(), sink_.finished_files());
+  if (printer_)
+    printer_->Finish();
+  if (!options_.quiet)
+    PrintTotals();
+}
+
+void Collector::PrintTotals() const {
+  const CollectCounts counts = stats_.Counts();
+  std::fprintf(stderr, "events: %llu (%llu bytes)\n", number(counts.all.events),
+               number(counts.all.bytes));
+  for (const auto& [type, tally] : counts.by_type)
+    std::fprintf(stderr, "  %s: %llu\n", type.c_str(), number(tally.events));
+  std::fprintf(stderr,
+               "empty messages: %llu\nmalformed messages: %llu\nmulti-part messages: %llu\n",
+               number(counts.empty), number(counts.malformed), number(counts.multi_part));
+  if (gate_)
+    std::fprintf(stderr, "clients let in: %llu\nclients turned away: %llu\n",
+                 number(gate_->accepted()), number(gate_->denied()));
+}
+
+int Collector::ExitCode() const {
+  if (sink_.failed()) {
+    std::fprintf(stderr, "zmqwriter: %s\n", sink_.problem().c_str());
+    std::fprintf(stderr, "zmqwriter: %llu of the events received did not get out\n",
+                 number(sink_.lost_events()));
+    return 1;
+  }
+  if (options_.count > 0 && events_ < options_.count && !stop_requested()) {
+    std::fprintf(stderr, "zmqwriter: only %llu of %llu events came within the time-out\n",
+                 number(events_), number(options_.count));
+    return 1;
+  }
+  return 0;
+}

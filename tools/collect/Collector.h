@@ -1,0 +1,78 @@
+// The reference collector: receives events as a CURVE server, verifies, counts and writes them.
+//
+// One thread receives and writes in turn, so a slow output slows the receiving down and, over
+// libzmq's bounded queues, the agents: memory does not grow. Nothing of what libzmq has received is
+// given up at a clean end, other than behind --count.
+#pragma once
+
+#include <zmq.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ClientGate.h"
+#include "CollectStats.h"
+#include "EventSink.h"
+#include "Metrics.h"
+#include "PullSocket.h"
+#include "StatsPrinter.h"
+#include "ZmqContext.h"
+
+struct CollectOptions {
+  std::vector<std::string> endpoints;
+  std::string secret_key_file;
+  std::string allow_file;  // empty: every client may connect
+  SinkOptions sink;
+  std::string metrics_address;  // empty: none
+  double stats_s = 0;           // 0: none
+  std::uint64_t count = 0;      // 0: no limit
+  double timeout_s = 0;         // 0: none
+  bool quiet = false;
+};
+
+class Collector {
+ public:
+  /// Opens everything and says on standard error where it listens. Throws std::runtime_error.
+  explicit Collector(const CollectOptions& options);
+  ~Collector();
+  Collector(const Collector&) = delete;
+  Collector& operator=(const Collector&) = delete;
+
+  /// Receives until the wanted count has come, nothing has come for the time given, the output
+  /// fails, or a stop signal has arrived. Returns the exit status.
+  int Run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  bool Done() const;
+  bool TimedOut() const;
+  bool TakeWaiting();
+  void Drain();
+  void TakeMessage();
+  void SkipParts();
+  void TakeEvent();
+  void ReportBad(const std::string& problem);
+  void ReloadAllowList();
+  void Finish();
+  void PrintTotals() const;
+  int ExitCode() const;
+
+  const CollectOptions options_;
+  CollectStats stats_;
+  EventSink sink_;
+  ZmqContext context_;
+  std::unique_ptr<ClientGate> gate_;  // before the sockets that it guards
+  PullSocket socket_;
+  std::vector<std::string> bound_;
+  std::unique_ptr<Metrics> metrics_;
+  std::unique_ptr<StatsPrinter> printer_;
+  zmq_msg_t part_;
+  std::uint64_t events_ = 0;
+  std::uint64_t messages_ = 0;
+  std::uint64_t bad_ = 0;
+  Clock::time_point last_message_;
+};

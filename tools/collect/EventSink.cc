@@ -1,0 +1,86 @@
+#include "EventSink.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "EventJson.h"
+#include "Output.h"
+#include "RawEvents.h"
+
+namespace {
+
+constexpr std::size_t kBufferBytes = 65536;
+
+}  // namespace
+
+EventSink::EventSink(const SinkOptions& options)
+    : options_(options), rotate_at_(options.rotate_size) {
+  if (!options.path.empty())
+    file_ =
+        std::make_unique<RotatingFile>(options.path, options.rotate_keep, options.rotate_size > 0);
+}
+
+std::string_view EventSink::Formatted(const EventMessage& event, std::string_view raw) {
+  formatted_.clear();
+  if (options_.format == "raw") {
+    append_raw_event(&formatted_, raw);
+  } else {
+    formatted_ = options_.format == "text" ? event.Text() : event.Json();
+    formatted_ += '\n';
+  }
+  return formatted_;
+}
+
+void EventSink::Write(const EventMessage& event, std::string_view raw) {
+  const std::string_view text = Formatted(event, raw);
+  RotateIfFull(text.size());
+  if (failed()) {
+    ++lost_events_;
+    return;
+  }
+  buffer_.append(text);
+  ends_.push_back(buffer_.size());
+  if (buffer_.size() >= kBufferBytes)
+    Flush();
+}
+
+void EventSink::RotateIfFull(std::size_t next) {
+  if (rotate_at_ == 0 || file_->size() + buffer_.size() == 0 ||
+      file_->size() + buffer_.size() + next <= rotate_at_)
+    return;
+  Flush();
+  if (failed())
+    return;
+  const std::string problem = file_->Rotate();
+  rotate_at_ = options_.rotate_size;
+  if (problem.empty())
+    return;
+  // Better a file that is too long than events lost. The next attempt comes after as much again.
+  std::fprintf(stderr, "warning: %s; the file goes on growing\n", problem.c_str());
+  rotate_at_ += file_->size();
+}
+
+void EventSink::Flush() {
+  if (failed() || buffer_.empty())
+    return;
+  const std::size_t written = file_ ? file_->Append(buffer_) : write_fully(STDOUT_FILENO, buffer_);
+  written_bytes_ += written;
+  if (written < buffer_.size())
+    Fail(written);
+  buffer_.clear();
+  ends_.clear();
+}
+
+void EventSink::Fail(std::size_t written) {
+  problem_ = output_problem(errno);
+  const auto first_lost = std::upper_bound(ends_.begin(), ends_.end(), written);
+  lost_events_ += static_cast<std::uint64_t>(ends_.end() - first_lost);
+  const std::size_t whole = first_lost == ends_.begin() ? 0 : *(first_lost - 1);
+  if (file_) {
+    file_->CutLastAppend(whole);
+    written_bytes_ -= written - whole;
+  }
+}

@@ -1,0 +1,58 @@
+// Where received events go: formatted, to standard output or to a file that rotates.
+//
+// Events are buffered, and handed on whole: a file never ends inside one, and never begins inside
+// one. Flush blocks while the output does not take anything; signals do not end that. After a
+// failure (a full disk, a reader that has gone) nothing more is written: what a file got of an
+// event in part is cut off again, and lost_events() counts what did not get out. One thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "RotatingFile.h"
+
+class EventMessage;
+
+struct SinkOptions {
+  std::string format = "json";    // or "text", "raw"
+  std::string path;               // empty: standard output
+  std::uint64_t rotate_size = 0;  // bytes that a file may have; 0: no rotation
+  std::uint64_t rotate_keep = 0;  // finished files to keep; 0: all
+};
+
+class EventSink {
+ public:
+  /// Throws std::runtime_error when the file cannot be opened.
+  explicit EventSink(const SinkOptions& options);
+
+  /// `raw` is the message that `event` was made from. A file is rotated before an event that would
+  /// make it longer than allowed; an event that is longer by itself gets a file of its own.
+  void Write(const EventMessage& event, std::string_view raw);
+  void Flush();
+
+  bool failed() const { return !problem_.empty(); }
+  /// Why writing failed, for standard error.
+  const std::string& problem() const { return problem_; }
+  std::uint64_t lost_events() const { return lost_events_; }
+
+  std::uint64_t written_bytes() const { return written_bytes_; }
+  std::uint64_t finished_files() const { return file_ ? file_->finished() : 0; }
+
+ private:
+  std::string_view Formatted(const EventMessage& event, std::string_view raw);
+  void RotateIfFull(std::size_t next);
+  void Fail(std::size_t written);
+
+  const SinkOptions options_;
+  std::unique_ptr<RotatingFile> file_;  // none: standard output
+  std::string formatted_;
+  std::string buffer_;
+  std::vector<std::size_t> ends_;  // of the events in the buffer
+  std::uint64_t rotate_at_;        // file size; grows when a rotation was not possible
+  std::uint64_t written_bytes_ = 0;
+  std::uint64_t lost_events_ = 0;
+  std::string problem_;
+};

@@ -1,0 +1,149 @@
+#include "Metrics.h"
+
+#include <prometheus/collectable.h>
+#include <prometheus/exposer.h>
+#include <prometheus/metric_family.h>
+
+#include <charconv>
+#include <cstdint>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "ClientGate.h"
+#include "StopSignals.h"
+
+namespace {
+
+using prometheus::ClientMetric;
+using prometheus::MetricFamily;
+
+// A few, so that a client that keeps its connection open does not shut out the others.
+constexpr const char* kServerThreads = "4";
+
+class Counts : public prometheus::Collectable {
+ public:
+  Counts(const CollectStats& stats, const ClientGate* gate) : stats_(stats), gate_(gate) {}
+
+  std::vector<MetricFamily> Collect() const override {
+    const CollectCounts counts = stats_.Counts();
+    std::vector<MetricFamily> families = {
+        Tallies("events_total", "Events received, by payload type.", "type", counts.by_type,
+                &Tally::events),
+        Tallies("event_bytes_total", "Bytes of these events.", "type", counts.by_type,
+                &Tally::bytes),
+        Tallies("agent_events_total", "Events received, by agent.", "agent", counts.by_agent,
+                &Tally::events),
+        Tallies("agent_event_bytes_total", "Bytes of these events.", "agent", counts.by_agent,
+                &Tally::bytes),
+        BadMessages(counts),
+        Single("output_bytes_total", "Bytes written to the output.", counts.written_bytes),
+        Single("output_files_finished_total", "Output files moved aside by rotation.",
+               counts.finished_files)};
+    if (gate_)
+      families.push_back(Clients());
+    return families;
+  }
+
+ private:
+  static MetricFamily Family(const std::string& name, const std::string& help) {
+    MetricFamily family;
+    family.name = "zmqwriter_collect_" + name;
+    family.help = help;
+    family.type = prometheus::MetricType::Counter;
+    return family;
+  }
+
+  static ClientMetric Counter(std::uint64_t value) {
+    ClientMetric metric;
+    metric.counter.value = static_cast<double>(value);
+    return metric;
+  }
+
+  static ClientMetric Counter(const char* label, const std::string& name, std::uint64_t value) {
+    ClientMetric metric = Counter(value);
+    ClientMetric::Label named;
+    named.name = label;
+    named.value = name;
+    metric.label.push_back(named);
+    return metric;
+  }
+
+  static MetricFamily Single(const char* name, const char* help, std::uint64_t value) {
+    MetricFamily family = Family(name, help);
+    family.metric.push_back(Counter(value));
+    return family;
+  }
+
+  static MetricFamily Tallies(const char* name, const char* help, const char* label,
+                              const std::map<std::string, Tally>& tallies,
+                              std::uint64_t Tally::*figure) {
+    MetricFamily family = Family(name, help);
+    for (const auto& [key, tally] : tallies)
+      family.metric.push_back(Counter(label, key, tally.*figure));
+    return family;
+  }
+
+  static MetricFamily BadMessages(const CollectCounts& counts) {
+    MetricFamily family = Family("bad_messages_total", "Messages that are no event, by reason.");
+    family.metric = {Counter("reason", "empty", counts.empty),
+                     Counter("reason", "malformed", counts.malformed),
+                     Counter("reason", "multi_part", counts.multi_part)};
+    return family;
+  }
+
+  MetricFamily Clients() const {
+    MetricFamily family = Family("clients_total", "Clients that asked to connect, by answer.");
+    family.metric = {Counter("answer", "accepted", gate_->accepted()),
+                     Counter("answer", "denied", gate_->denied())};
+    return family;
+  }
+
+  const CollectStats& stats_;
+  const ClientGate* const gate_;
+};
+
+bool is_host(const std::string& host) {
+  const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+  const char* const allowed = bracketed ? "[]0123456789abcdefABCDEF:."
+                                        : "0123456789abcdefghijklmnopqrstuvwxyz"
+                                          "ABCDEFGHIJKLMNOPQRSTUVWXYZ.-";
+  return !host.empty() && host.find_first_not_of(allowed) == std::string::npos;
+}
+
+bool is_port(const std::string& port) {
+  std::uint16_t number = 0;
+  const char* const end = port.data() + port.size();
+  const auto parsed = std::from_chars(port.data(), end, number);
+  return parsed.ec == std::errc() && parsed.ptr == end;
+}
+
+}  // namespace
+
+// The server would take lists of ports and letters behind them for TLS and redirection.
+std::string metrics_address_problem(const std::string& address) {
+  const std::size_t colon = address.rfind(':');
+  if (colon != std::string::npos && is_host(address.substr(0, colon)) &&
+      is_port(address.substr(colon + 1)))
+    return "";
+  return "'" + address + "' must be HOST:PORT, like 127.0.0.1:9100, or port 0 for one that the " +
+         "system chooses";
+}
+
+Metrics::Metrics(const std::string& address, const CollectStats& stats, const ClientGate* gate)
+    : counts_(std::make_shared<Counts>(stats, gate)) {
+  const SignalsHeldBack held_back;
+  try {
+    server_ = std::make_unique<prometheus::Exposer>(
+        std::vector<std::string>{"listening_ports", address, "num_threads", kServerThreads});
+  } catch (const std::exception&) {
+    throw std::runtime_error("cannot serve metrics on '" + address +
+                             "': not an address of this machine, or in use by another program");
+  }
+  server_->RegisterCollectable(counts_);
+  url_ = "http://" + address.substr(0, address.rfind(':') + 1) +
+         std::to_string(server_->GetListeningPorts().at(0)) + "/metrics";
+}
+
+Metrics::~Metrics() = default;

@@ -1,0 +1,41 @@
+// The counts of a collector for Prometheus, over HTTP.
+//
+// The server, its threads and the text format are prometheus-cpp's. Counts are taken at the moment
+// of a scrape, so nothing has to be kept up to date, and the labels are as bounded as CollectStats
+// says. The server answers also while the output does not take anything.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "CollectStats.h"
+
+namespace prometheus {
+class Collectable;
+class Exposer;
+}  // namespace prometheus
+
+class ClientGate;
+
+class Metrics {
+ public:
+  /// Listens on `address`, HOST:PORT; port 0 lets the system choose. `gate` may be null. Both must
+  /// outlive this. Throws std::runtime_error that names the address.
+  Metrics(const std::string& address, const CollectStats& stats, const ClientGate* gate);
+  /// Waits for scrapes under way, and for connections on which nothing comes some 2 s.
+  ~Metrics();
+  Metrics(const Metrics&) = delete;
+  Metrics& operator=(const Metrics&) = delete;
+
+  /// "http://127.0.0.1:9100/metrics", with the port that is really listened on.
+  const std::string& url() const { return url_; }
+
+ private:
+  std::shared_ptr<prometheus::Collectable> counts_;
+  std::unique_ptr<prometheus::Exposer> server_;
+  std::string url_;
+};
+
+/// Empty if the text is HOST:PORT, with a host that is a name, an IPv4 address or an IPv6 address
+/// in brackets; else what is wrong.
+std::string metrics_address_problem(const std::string& address);

@@ -1,0 +1,67 @@
+#include "PullSocket.h"
+
+#include <cstdint>
+#include <stdexcept>
+
+#include "RawEvents.h"
+
+namespace {
+
+// Any name does: without one, some versions of libzmq do not ask about CURVE clients.
+constexpr const char kDomain[] = "zmqwriter";
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::runtime_error(what + ": " + zmq_strerror(zmq_errno()));
+}
+
+bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
+  const int yes = 1;
+  const int no_linger = 0;
+  const int high_water = PullSocket::kReceiveHighWater;
+  const auto largest = static_cast<std::int64_t>(kLargestEvent);
+  return zmq_setsockopt(socket, ZMQ_LINGER, &no_linger, sizeof no_linger) == 0 &&
+         zmq_setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water) == 0 &&
+         zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &largest, sizeof largest) == 0 &&
+         zmq_setsockopt(socket, ZMQ_CURVE_SERVER, &yes, sizeof yes) == 0 &&
+         zmq_setsockopt(socket, ZMQ_CURVE_SECRETKEY, secret_key.data(), secret_key.size()) == 0 &&
+         (!ask_gate || zmq_setsockopt(socket, ZMQ_ZAP_DOMAIN, kDomain, sizeof kDomain - 1) == 0);
+}
+
+}  // namespace
+
+PullSocket::PullSocket(ZmqContext* context, const CurveKey& secret_key, bool ask_gate)
+    : socket_(zmq_socket(context->get(), ZMQ_PULL)) {
+  if (socket_ && configure(socket_, secret_key, ask_gate))
+    return;
+  const int error = zmq_errno();
+  if (socket_)
+    zmq_close(socket_);
+  throw std::runtime_error(std::string("cannot open a CURVE socket: ") + zmq_strerror(error));
+}
+
+PullSocket::~PullSocket() {
+  zmq_close(socket_);
+}
+
+std::string PullSocket::Bind(const std::string& endpoint) {
+  if (zmq_bind(socket_, endpoint.c_str()) != 0)
+    fail("cannot listen on '" + endpoint + "' (an endpoint is like tcp://127.0.0.1:5555)");
+  char bound[1024];
+  std::size_t size = sizeof bound;
+  if (zmq_getsockopt(socket_, ZMQ_LAST_ENDPOINT, bound, &size) != 0)
+    fail("cannot tell the endpoint");
+  return bound;
+}
+
+bool PullSocket::Wait(int timeout_ms) {
+  zmq_pollitem_t item = {socket_, 0, ZMQ_POLLIN, 0};
+  return zmq_poll(&item, 1, timeout_ms) > 0;
+}
+
+bool PullSocket::Receive(zmq_msg_t* part) {
+  if (zmq_msg_recv(part, socket_, ZMQ_DONTWAIT) >= 0)
+    return true;
+  if (zmq_errno() != EAGAIN && zmq_errno() != EINTR)
+    fail("cannot receive");
+  return false;
+}

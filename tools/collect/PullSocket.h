@@ -1,0 +1,40 @@
+// A PULL socket that agents connect to as CURVE clients.
+//
+// Memory is bounded on purpose: per connection at most kReceiveHighWater messages wait inside
+// libzmq, and none of more than kLargestEvent bytes is taken (its sender is disconnected). When
+// nobody receives, the rest stays with the agents, whose sends then block. One thread.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include <zmq.h>
+
+#include "CurveKey.h"
+#include "ZmqContext.h"
+
+class PullSocket {
+ public:
+  static constexpr int kReceiveHighWater = 1000;
+
+  /// `ask_gate`: a ClientGate of this context decides about each client.
+  PullSocket(ZmqContext* context, const CurveKey& secret_key, bool ask_gate);
+  ~PullSocket();
+  PullSocket(const PullSocket&) = delete;
+  PullSocket& operator=(const PullSocket&) = delete;
+
+  /// Returns the endpoint with the port that the system chose for "*".
+  std::string Bind(const std::string& endpoint);
+
+  /// Ends the endpoint and its connections. What has been received can still be taken.
+  void Unbind(const std::string& endpoint) { zmq_unbind(socket_, endpoint.c_str()); }
+
+  /// Waits for a message, at most `timeout_ms`, and no longer than until a signal.
+  bool Wait(int timeout_ms);
+
+  /// Takes the next part if there is one.
+  bool Receive(zmq_msg_t* part);
+
+ private:
+  void* socket_;
+};

@@ -1,0 +1,55 @@
+// The file that events are collected into, moved aside when it is full.
+//
+// The current file has the name given. Finished ones are named after it with a number of at least
+// six digits, which only ever grows: events.json.000001 is the oldest, the highest number the
+// newest. A program that ships finished files can so take each of them once. A run always starts
+// with a fresh file: what a former run left (possibly with a torn end) is moved aside first.
+//
+// Nothing is ever overwritten. A lock on the current file (flock) keeps a second collector out.
+// What is no regular file, a pipe or a device, is written as it is and cannot be rotated. One
+// thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+class RotatingFile {
+ public:
+  /// Opens `path`; makes it if it does not exist, with the rights that the umask leaves. `keep` is
+  /// the number of finished files to keep, 0 for all. `rotating`: whether Rotate will be called.
+  /// Throws std::runtime_error that names the file.
+  RotatingFile(const std::string& path, std::uint64_t keep, bool rotating);
+  ~RotatingFile();
+  RotatingFile(const RotatingFile&) = delete;
+  RotatingFile& operator=(const RotatingFile&) = delete;
+
+  /// Appends, up to a failure, which errno tells; returns how much was written.
+  std::size_t Append(std::string_view bytes);
+
+  /// Cuts what the last Append wrote beyond its first `bytes`, as far as a file can be cut.
+  void CutLastAppend(std::size_t bytes);
+
+  /// Moves the file aside and opens a new one. If that is not possible the file goes on growing,
+  /// and the result says why; it is empty on success.
+  std::string Rotate();
+
+  std::uint64_t size() const { return size_; }
+  /// How many were moved aside by Rotate.
+  std::uint64_t finished() const { return finished_; }
+
+ private:
+  void OpenFirst(bool rotating);
+  void MoveLeftOverAside();
+  std::string Finished(std::uint64_t number) const;
+  void RemoveOldest() const;
+
+  const std::string path_;
+  const std::uint64_t keep_;
+  int descriptor_ = -1;
+  bool regular_ = true;
+  std::uint64_t size_ = 0;
+  std::uint64_t before_last_append_ = 0;
+  std::uint64_t next_number_ = 1;
+  std::uint64_t finished_ = 0;
+};

@@ -1,0 +1,52 @@
+// Rates on standard error, every so many seconds and once more at the end:
+//
+//     [stats] 5.0 s: 600 events (120.0/s), 172800 bytes (34560/s), 1 empty (0.2/s), ...
+//     [stats]   HttpData: 500 events (100.0/s), 144000 bytes (28800/s)
+//     [stats]   agent agent-7: 600 events (120.0/s), 172800 bytes (34560/s)
+//
+// Figures are of the time since the report before, so those of all reports add up to the totals.
+// Types and agents of which nothing came are left out, and so are agents beyond the busiest
+// kMostAgents of a report (their number is given). A thread of its own reports also while the
+// output does not take anything.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "CollectStats.h"
+
+class StatsPrinter {
+ public:
+  static constexpr std::size_t kMostAgents = 10;
+
+  /// `stats` must outlive this.
+  StatsPrinter(const CollectStats& stats, double interval_s);
+  /// As Finish, if that was not called.
+  ~StatsPrinter();
+  StatsPrinter(const StatsPrinter&) = delete;
+  StatsPrinter& operator=(const StatsPrinter&) = delete;
+
+  /// Ends the thread and reports what came since its last report.
+  void Finish();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void Run();
+  void Report();
+
+  const CollectStats& stats_;
+  const std::chrono::duration<double> interval_;
+  CollectCounts reported_;         // the thread's; the caller's once it has ended
+  Clock::time_point reported_at_;  // as reported_
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  bool end_ = false;  // guarded by mutex_
+  std::thread thread_;
+};
+
+/// The text of a report: what was counted between the two, in so many seconds.
+std::string stats_report(const CollectCounts& before, const CollectCounts& after, double seconds);
