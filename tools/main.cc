@@ -10,6 +10,7 @@
 #include <exception>
 #include <memory>
 
+#include "CheckCommand.h"
 #include "CollectCommand.h"
 #include "CompletionCommand.h"
 #include "DecodeCommand.h"
@@ -49,6 +50,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   add_keygen_command(app, &exit_code);
   add_collect_command(app, &exit_code);
+  add_check_command(app, &exit_code);
   add_replay_command(app, &exit_code);
   add_decode_command(app, &exit_code);
   add_spool_command(app, &exit_code);

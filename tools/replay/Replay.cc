@@ -16,8 +16,10 @@
 #include "LogFeed.h"
 #include "Output.h"
 #include "ProgressLine.h"
+#include "ServerKeyForm.h"
 #include "SettingsFile.h"
 #include "StopSignals.h"
+#include "WorkerSettings.h"
 #include "WriterStatus.h"
 #include "standin/Host.h"
 
@@ -47,13 +49,7 @@ constexpr double kDrainAfterSignal_s = 5;
 /// The plug-in's own account.
 class PluginStatus {
  public:
-  explicit PluginStatus(const standin::Host& host)
-      : fill_(reinterpret_cast<void (*)(DravenholtZmqWriterStatus*)>(
-            host.PluginSymbol("dravenholt_zmqwriter_status"))) {
-    if (!fill_)
-      throw standin::HostError(
-          "the plug-in does not export dravenholt_zmqwriter_status: it is not the one that belongs "
-          "to this program");
+  explicit PluginStatus(const standin::Host& host) : fill_(plugin_status_function(host)) {
     sent_before_ = Now().sent;
   }
 
@@ -69,60 +65,15 @@ class PluginStatus {
   }
 
  private:
-  void (*fill_)(DravenholtZmqWriterStatus*);
+  StatusFunction fill_;
   std::uint64_t sent_before_;
 };
 
-/// A setting of the plug-in: what the settings file says, else what the command line gives the
-/// script constant.
-struct Setting {
-  Setting(const ReplayOptions& options, const char* key, const std::string& constant) {
-    const std::string start = "LogZMQ::" + constant + "=";
-    for (const std::string& redef : options.redefs) {
-      if (redef.compare(0, start.size(), start) != 0)
-        continue;
-      found = true;
-      value = redef.substr(start.size());
-      name = "LogZMQ::" + constant;
-    }
-    if (settings->has(key)) {
-      found = true;
-      value = settings->getStringVal(key, "");
-      name = options.settings_file + ": " + key;
-    }
-  }
-
-  bool found = false;
-  std::string name;
-  std::string value;
-};
-
-/// What is wrong with a server key and what to do about it; "" when it has the plug-in's form.
-std::string key_problem(const std::string& key) {
-  constexpr std::size_t kDigits = 64;
-  constexpr std::size_t kZ85Digits = 40;
-  const auto only = [&](const char* characters) {
-    return key.find_first_not_of(characters) == std::string::npos;
-  };
-  if (key.empty())
-    return "is empty; put the content of the collector's server.public there";
-  if (key.size() == kDigits && only("0123456789ABCDEF"))
-    return "";
-  if (key.size() == kDigits && only("0123456789ABCDEFabcdef"))
-    return "has lower-case digits, which the plug-in does not read; write it in upper case";
-  const std::string length = std::to_string(key.size()) + " characters";
-  if (key.size() == kZ85Digits)
-    return "has " + length +
-           ", which looks like Z85; write the key's 32 bytes as 64 upper-case hexadecimal digits";
-  return "is no key of 64 upper-case hexadecimal digits (it has " + length +
-         "); put the content of the collector's server.public there";
-}
-
 /// What the plug-in cannot do without. It would start all the same and only fail later.
 void warn_about_settings(const ReplayOptions& options) {
-  const Setting server(options, "zmq.server", "zmq_primary_server");
-  const Setting key(options, "zmq.public_key", "zmq_public_key");
-  if (!server.found)
+  const SettingOrigin server(options, worker_settings::kServer, "zmq_primary_server");
+  const SettingOrigin key(options, worker_settings::kPublicKey, "zmq_public_key");
+  if (server.place == SettingOrigin::kNowhere)
     std::fprintf(stderr,
                  "warning: %s sets no zmq.server, nor is LogZMQ::zmq_primary_server set: unless "
                  "the plug-in's scripts name a server, it will try tcp://:5555\n",
@@ -132,14 +83,14 @@ void warn_about_settings(const ReplayOptions& options) {
                  "warning: %s is empty: the plug-in will try tcp://:5555; name the server, e.g. "
                  "collector.example.net:5555\n",
                  server.name.c_str());
-  if (!key.found)
+  if (key.place == SettingOrigin::kNowhere)
     std::fprintf(stderr,
                  "warning: %s sets no zmq.public_key, nor is LogZMQ::zmq_public_key set: without "
                  "the server's key no event leaves the plug-in\n",
                  options.settings_file.c_str());
-  else if (!key_problem(key.value).empty())
-    std::fprintf(stderr, "warning: %s %s; no event leaves the plug-in this way\n", key.name.c_str(),
-                 key_problem(key.value).c_str());
+  else if (const KeyProblem problem = key_problem(key.value))
+    std::fprintf(stderr, "warning: %s %s; %s; no event leaves the plug-in this way\n",
+                 key.name.c_str(), problem.what.c_str(), problem.remedy.c_str());
 }
 
 standin::Host::Options host_options(const ReplayOptions& options) {

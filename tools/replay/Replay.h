@@ -23,10 +23,9 @@
 #include <string>
 #include <vector>
 
-struct ReplayOptions {
-  std::string settings_file;
-  std::vector<std::string> redefs;  ///< LogZMQ::NAME=VALUE
-  std::string plugin_folder;
+#include "PluginUse.h"
+
+struct ReplayOptions : PluginOptions {
   std::vector<std::string> logs;
   double rate = 0;  ///< records per second, all logs together; 0: no limit
   double drain_s = 60;

@@ -1,0 +1,133 @@
+#include "Check.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <zmq.h>
+
+#include "CheckReport.h"
+#include "Output.h"
+#include "PluginUse.h"
+#include "WriterStatus.h"
+#include "standin/Host.h"
+
+#include "BroString.h"
+#include "Val.h"
+#include "Var.h"
+
+namespace {
+
+// More than anybody waits, less than the clock can add.
+constexpr double kLongestTimeout_s = 86400;
+
+LibzmqReport look_at_libzmq() {
+  int major = 0, minor = 0, patch = 0;
+  zmq_version(&major, &minor, &patch);
+  return {std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch),
+          zmq_has("curve") == 1};
+}
+
+/// As the plug-in's scripts and the command line set them. The plug-in is not loaded without them.
+ConstantValues script_constants() {
+  ConstantValues values;
+  for (const char* name : {"zmq_primary_server", "zmq_secondary_server", "zmq_public_key",
+                           "zmq_agent_id", "set_separator", "empty_field", "unset_field"}) {
+    const BroString* const text =
+        internal_const_val(("LogZMQ::" + std::string(name)).c_str())->AsString();
+    values[name].assign(reinterpret_cast<const char*>(text->Bytes()),
+                        static_cast<std::size_t>(text->Len()));
+  }
+  return values;
+}
+
+/// The host that a configuration needs; null and a finding when it would not start.
+std::unique_ptr<standin::Host> start_host(const CheckOptions& options, Findings* findings) {
+  standin::Host::Options host_options;
+  host_options.settings_file = options.settings_file;
+  host_options.redefs = options.redefs;
+  std::unique_ptr<standin::Host> host;
+  try {
+    host = std::make_unique<standin::Host>(host_options);
+  } catch (const standin::HostError& error) {
+    findings->push_back({"settings-unreadable", Severity::kError, error.what(),
+                         "mend the settings file: lines 'key = value', each key once"});
+    return nullptr;
+  }
+  try {
+    host->LoadPlugin(options.plugin_folder);
+    plugin_status_function(*host);
+  } catch (const standin::HostError& error) {
+    findings->push_back({"plugin-not-loaded", Severity::kError,
+                         std::string("the plug-in cannot be loaded: ") + error.what(),
+                         "give its folder with --plugin, and known names of script constants with "
+                         "--set"});
+    return nullptr;
+  }
+  return host;
+}
+
+PluginReport look_at_plugin(const CheckOptions& options, const standin::Host& host) {
+  DravenholtZmqWriterStatus status = {};
+  plugin_status_function(host)(&status);
+  return {options.plugin_folder, status.install_prefix, status.spool_folder};
+}
+
+ConnectResult try_endpoint(const Endpoint& endpoint, const worker_settings::ServerKey& key,
+                           std::chrono::milliseconds timeout) {
+  Findings findings;
+  judge_endpoint(endpoint, &findings);
+  if (!findings.empty() && findings[0].severity == Severity::kError)
+    return {false, kNotTried, "not tried: its text is wrong already", "", 0};
+  return try_connection(endpoint.uri, key, timeout);
+}
+
+std::vector<TriedEndpoint> try_endpoints(const Configuration& configuration, double timeout_s) {
+  const auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::duration<double>(std::min(timeout_s, kLongestTimeout_s)));
+  std::vector<TriedEndpoint> tried;
+  for (const Endpoint& endpoint : configuration.endpoints())
+    tried.push_back({endpoint, try_endpoint(endpoint, configuration.DecodedKey(), timeout)});
+  return tried;
+}
+
+void look_over(const CheckOptions& options, const standin::Host& host, CheckReport* report) {
+  Findings* const findings = &report->findings;
+  report->plugin = look_at_plugin(options, host);
+  report->configuration.emplace(options, script_constants());
+  const Configuration& configuration = *report->configuration;
+  configuration.JudgeNumbers(findings);
+  configuration.JudgeEndpoints(findings);
+  report->key = configuration.JudgeKey(libzmq_takes_key(configuration.DecodedKey()), findings);
+  report->spool = judge_spool(report->plugin->spool_folder, findings);
+  report->disk = configuration.JudgeDisk(findings);
+  report->agent_id = judge_agent_id(configuration.setting("zmq_agent_id"),
+                                    report->plugin->install_prefix, findings);
+  if (options.connect && report->libzmq.curve) {
+    report->tried = try_endpoints(configuration, options.timeout_s);
+    judge_connections(*report->tried, findings);
+  }
+}
+
+}  // namespace
+
+int check(const CheckOptions& options) {
+  CheckReport report;
+  report.settings_file = options.settings_file;
+  report.libzmq = look_at_libzmq();
+  if (const auto host = start_host(options, &report.findings))
+    look_over(options, *host, &report);
+  judge_surroundings(report.libzmq, geteuid() == 0, &report.findings);
+
+  Output out;
+  out.Write(options.json ? report_as_json(report) : report_as_text(report));
+  out.Flush();
+  if (out.failed())
+    throw std::runtime_error(out.problem());
+  return all_well(report) ? 0 : 1;
+}

@@ -1,0 +1,377 @@
+#include "CheckReport.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+const char* name_of(Severity severity) {
+  switch (severity) {
+    case Severity::kError:
+      return "error";
+    case Severity::kWarning:
+      return "warning";
+    case Severity::kNote:
+      break;
+  }
+  return "note";
+}
+
+const char* name_of(SettingOrigin::Place place) {
+  switch (place) {
+    case SettingOrigin::kSettingsFile:
+      return "settings file";
+    case SettingOrigin::kScriptConstant:
+      return "script constant";
+    case SettingOrigin::kNowhere:
+      break;
+  }
+  return "default";
+}
+
+/// The name by which people know a setting.
+const std::string& name_of(const Setting& setting) {
+  return setting.key.empty() ? setting.constant : setting.key;
+}
+
+bool is_number(const Setting& setting) {
+  return setting.constant.empty();
+}
+
+long count_of(const CheckReport& report, Severity severity) {
+  return std::count_if(report.findings.begin(), report.findings.end(),
+                       [&](const Finding& finding) { return finding.severity == severity; });
+}
+
+// -- Text -----------------------------------------------------------------------------------------
+
+constexpr std::size_t kTextWidth = 96;
+
+/// In quotation marks, so that blanks and emptiness show; control characters as escapes.
+std::string shown(const std::string& text) {
+  std::string result = "\"";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\n') {
+      result += "\\n";
+    } else if (c == '\r') {
+      result += "\\r";
+    } else if (c == '\t') {
+      result += "\\t";
+    } else if (byte < ' ' || byte == 0x7f) {
+      result += "\\x" + hex_digits(&c, 1);
+    } else {
+      if (c == '"' || c == '\\')
+        result += '\\';
+      result += c;
+    }
+  }
+  return result + "\"";
+}
+
+/// Control characters of a finding's text: they come from the settings.
+std::string printable(std::string text) {
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < ' ' || c == 0x7f)
+      c = '?';
+  }
+  return text;
+}
+
+/// A title, and below it rows whose columns are aligned.
+class Table {
+ public:
+  explicit Table(const std::string& title) : text_(title + "\n") {}
+
+  void Row(const std::vector<std::string>& cells) { rows_.push_back(cells); }
+
+  std::string Text() const {
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows_) {
+      widths.resize(std::max(widths.size(), row.size()));
+      for (std::size_t i = 0; i + 1 < row.size(); ++i)
+        widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text = text_;
+    for (const auto& row : rows_) {
+      std::string line = " ";
+      for (std::size_t i = 0; i < row.size(); ++i) {
+        line += " " + row[i];
+        if (i + 1 < row.size())
+          line.append(widths[i] - row[i].size() + 1, ' ');
+      }
+      text += line + "\n";
+    }
+    return text + "\n";
+  }
+
+ private:
+  std::string text_;
+  std::vector<std::vector<std::string>> rows_;
+};
+
+/// Words in lines of kTextWidth, each behind `indent` blanks; `first` stands in front of the first.
+std::string wrapped(const std::string& first, std::size_t indent, const std::string& words) {
+  std::string text;
+  std::string line = first;
+  line.resize(std::max(line.size(), indent), ' ');
+  bool fresh = true;
+  for (std::size_t start = 0; start <= words.size();) {
+    const std::size_t end = std::min(words.find(' ', start), words.size());
+    const std::string word = words.substr(start, end - start);
+    if (!fresh && line.size() + 1 + word.size() > kTextWidth) {
+      text += line + "\n";
+      line.assign(indent, ' ');
+      fresh = true;
+    }
+    line += (fresh ? "" : " ") + word;
+    fresh = false;
+    start = end + 1;
+  }
+  return text + line + "\n";
+}
+
+std::string counted(long number, const std::string& noun) {
+  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+std::string settings_table(const Configuration& configuration, const std::string& file) {
+  Table table("Settings (" + file + ")");
+  for (const Setting& setting : configuration.settings_in_order()) {
+    const std::string source =
+        setting.place == SettingOrigin::kScriptConstant && !setting.key.empty()
+            ? name_of(setting.place) + (" " + setting.constant)
+            : name_of(setting.place);
+    table.Row(
+        {name_of(setting), is_number(setting) ? setting.value : shown(setting.value), source});
+  }
+  return table.Text();
+}
+
+std::string endpoints_table(const Configuration& configuration) {
+  Table table("Endpoints, as the plug-in uses them");
+  for (const Endpoint& endpoint : configuration.endpoints())
+    table.Row({endpoint.role, printable(endpoint.uri), "from " + shown(endpoint.configured)});
+  if (configuration.endpoints().size() == 1)
+    table.Row({"secondary servers", "none"});
+  return table.Text();
+}
+
+std::string key_table(const KeyReport& key) {
+  Table table("Server key, as the plug-in decodes it");
+  table.Row({"text", shown(key.text)});
+  table.Row({"decoded", hex_digits(key.decoded.bytes, key.decoded.length) + " (" +
+                            counted(static_cast<long>(key.decoded.length), "byte") + ")"});
+  table.Row({"libzmq", key.accepted ? "takes that length" : "does not take that length"});
+  return table.Text();
+}
+
+std::string places_table(const CheckReport& report) {
+  Table table("Places");
+  table.Row({"plug-in", printable(report.plugin->folder)});
+  table.Row({"spool folder", report.spool->folder, "spool " + report.spool->state});
+  table.Row({"its parent", report.spool->parent});
+  table.Row({"agent-id file", report.agent_id->path, report.agent_id->state});
+  return table.Text();
+}
+
+std::string agent_table(const AgentIdReport& agent) {
+  Table table("Agent identifier");
+  if (agent.value.empty())
+    table.Row({"identifier", "a new one, generated"});
+  else
+    table.Row({"identifier", shown(agent.value)});
+  table.Row({"from", agent.source});
+  return table.Text();
+}
+
+std::string disk_table(const DiskReport& disk) {
+  char size[64];
+  std::snprintf(size, sizeof size, "%.2f MB", disk.disk_mb);
+  Table table("Disk limits, as the plug-in computes them (it enforces none but the chunk size)");
+  table.Row({"working directory's disk", size});
+  table.Row({"spool limit", std::to_string(disk.limit_mb) + " MB",
+             std::to_string(disk.limit_bytes) + " bytes, the smaller of " +
+                 std::to_string(disk.relative) + " % and " + std::to_string(disk.absolute_mb) +
+                 " MB"});
+  table.Row({"chunk size", std::to_string(disk.chunk_mb) + " MB",
+             std::to_string(disk.chunk_bytes) + " bytes"});
+  return table.Text();
+}
+
+std::string connect_table(const std::vector<TriedEndpoint>& tried) {
+  Table table("Connections");
+  for (const TriedEndpoint& one : tried) {
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.2f s", one.result.seconds);
+    table.Row({one.endpoint.role, printable(one.endpoint.uri), one.result.ok ? "ok" : "failed",
+               seconds, one.result.ok ? one.result.text : one.result.id});
+  }
+  return table.Text();
+}
+
+std::string findings_text(const CheckReport& report) {
+  constexpr std::size_t kIndent = 11;
+  std::string text = "Findings\n";
+  // The gravest first.
+  for (const Severity severity : {Severity::kError, Severity::kWarning, Severity::kNote}) {
+    for (const Finding& finding : report.findings) {
+      if (finding.severity != severity)
+        continue;
+      text += wrapped(std::string("  ") + name_of(severity), kIndent,
+                      printable(finding.text) + " [" + finding.id + "]");
+      if (!finding.what_to_do.empty())
+        text += wrapped("", kIndent, "To do: " + finding.what_to_do);
+    }
+  }
+  const long errors = count_of(report, Severity::kError);
+  const long warnings = count_of(report, Severity::kWarning);
+  return text + "\n" + (errors + warnings == 0 ? "All well: " : "") + counted(errors, "error") +
+         ", " + counted(warnings, "warning") + ", " +
+         counted(count_of(report, Severity::kNote), "note") + "\n";
+}
+
+// -- JSON -----------------------------------------------------------------------------------------
+
+Json settings_json(const Configuration& configuration) {
+  Json list = Json::array();
+  for (const Setting& setting : configuration.settings_in_order()) {
+    Json one;
+    one["name"] = name_of(setting);
+    one["constant"] = setting.constant.empty() ? Json() : Json(setting.constant);
+    one["value"] = is_number(setting) ? Json(std::stoi(setting.value)) : Json(setting.value);
+    one["source"] = name_of(setting.place);
+    list.push_back(one);
+  }
+  return list;
+}
+
+Json endpoints_json(const Configuration& configuration) {
+  Json list = Json::array();
+  for (const Endpoint& endpoint : configuration.endpoints())
+    list.push_back(
+        {{"role", endpoint.role}, {"configured", endpoint.configured}, {"uri", endpoint.uri}});
+  return list;
+}
+
+Json connect_json(const std::vector<TriedEndpoint>& tried) {
+  Json list = Json::array();
+  for (const TriedEndpoint& one : tried)
+    list.push_back({{"role", one.endpoint.role},
+                    {"uri", one.endpoint.uri},
+                    {"ok", one.result.ok},
+                    {"outcome", one.result.id},
+                    {"text", one.result.text},
+                    {"what_to_do", one.result.what_to_do},
+                    {"seconds", one.result.seconds}});
+  return list;
+}
+
+Json findings_json(const Findings& findings) {
+  Json list = Json::array();
+  for (const Finding& finding : findings)
+    list.push_back({{"id", finding.id},
+                    {"severity", name_of(finding.severity)},
+                    {"text", finding.text},
+                    {"what_to_do", finding.what_to_do}});
+  return list;
+}
+
+}  // namespace
+
+bool all_well(const CheckReport& report) {
+  return count_of(report, Severity::kError) + count_of(report, Severity::kWarning) == 0;
+}
+
+void judge_connections(const std::vector<TriedEndpoint>& tried, Findings* findings) {
+  for (const TriedEndpoint& one : tried) {
+    if (!one.result.ok && one.result.id != kNotTried)
+      findings->push_back({one.result.id, Severity::kError,
+                           one.endpoint.role + " '" + one.endpoint.uri + "': " + one.result.text,
+                           one.result.what_to_do});
+  }
+}
+
+void judge_surroundings(const LibzmqReport& libzmq, bool is_root, Findings* findings) {
+  if (!libzmq.curve)
+    findings->push_back(
+        {"libzmq-without-curve", Severity::kError,
+         "libzmq " + libzmq.version + " has no CURVE security, so the plug-in will send nothing",
+         "install a libzmq that was built with it"});
+  if (is_root)
+    findings->push_back({"checked-as-root", Severity::kNote,
+                         "write access was looked at as root, who may write everywhere",
+                         "check as the user that the host runs as"});
+  findings->push_back(
+      {"rotation", Severity::kNote,
+       "log rotation must stay off for this writer: it has nothing to rotate, and the host ends a "
+       "process whose writer does not report a finished rotation",
+       "give filters of this writer $interv=0secs; the plug-in's scripts set other intervals to 0 "
+       "when the host starts and print \"the ZeroMQ writer cannot rotate: ...\" for each"});
+}
+
+std::string report_as_text(const CheckReport& report) {
+  std::string text;
+  if (report.configuration)
+    text += settings_table(*report.configuration, report.settings_file) +
+            endpoints_table(*report.configuration);
+  if (report.key)
+    text += key_table(*report.key);
+  Table library("libzmq");
+  library.Row({"version", report.libzmq.version});
+  library.Row({"CURVE", report.libzmq.curve ? "yes" : "no"});
+  text += library.Text();
+  if (report.plugin && report.spool && report.agent_id)
+    text += places_table(report) + agent_table(*report.agent_id);
+  if (report.disk)
+    text += disk_table(*report.disk);
+  if (report.tried)
+    text += connect_table(*report.tried);
+  return text + findings_text(report);
+}
+
+std::string report_as_json(const CheckReport& report) {
+  Json json;
+  json["ok"] = all_well(report);
+  json["settings_file"] = report.settings_file;
+  json["libzmq"] = {{"version", report.libzmq.version}, {"curve", report.libzmq.curve}};
+  json["plugin"] = nullptr;
+  json["settings"] = nullptr;
+  json["endpoints"] = nullptr;
+  json["key"] = nullptr;
+  json["spool"] = nullptr;
+  json["disk"] = nullptr;
+  json["agent_id"] = nullptr;
+  json["connect"] = report.tried ? connect_json(*report.tried) : Json();
+  if (const auto& plugin = report.plugin)
+    json["plugin"] = {{"folder", plugin->folder},
+                      {"install_prefix", plugin->install_prefix},
+                      {"spool_folder", plugin->spool_folder}};
+  if (report.configuration) {
+    json["settings"] = settings_json(*report.configuration);
+    json["endpoints"] = endpoints_json(*report.configuration);
+  }
+  if (const auto& key = report.key)
+    json["key"] = {{"text", key->text},
+                   {"decoded", hex_digits(key->decoded.bytes, key->decoded.length)},
+                   {"bytes", key->decoded.length},
+                   {"accepted", key->accepted}};
+  if (const auto& spool = report.spool)
+    json["spool"] = {{"folder", spool->folder}, {"parent", spool->parent}, {"state", spool->state}};
+  if (const auto& disk = report.disk)
+    json["disk"] = {{"disk_mb", disk->disk_mb},         {"relative_percent", disk->relative},
+                    {"absolute_mb", disk->absolute_mb}, {"limit_mb", disk->limit_mb},
+                    {"limit_bytes", disk->limit_bytes}, {"chunk_mb", disk->chunk_mb},
+                    {"chunk_bytes", disk->chunk_bytes}};
+  if (const auto& agent = report.agent_id)
+    json["agent_id"] = {{"source", agent->source},
+                        {"path", agent->path},
+                        {"value", agent->value},
+                        {"hex", hex_digits(agent->value.data(), agent->value.size())},
+                        {"state", agent->state}};
+  json["findings"] = findings_json(report.findings);
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}

@@ -1,0 +1,82 @@
+// A configuration as the plug-in will use it, and what is odd about it.
+//
+// The rules are the plug-in's own code (WorkerSettings.h). Nothing here touches the network or
+// changes anything; the disk's size is that of the file system of the working directory, which the
+// plug-in measures too.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Finding.h"
+#include "SettingOrigin.h"
+#include "WorkerSettings.h"
+
+/// Values of the script constants, by their names in the module LogZMQ.
+using ConstantValues = std::map<std::string, std::string>;
+
+struct Setting {
+  std::string key;       ///< in the settings file; empty: it cannot stand there
+  std::string constant;  ///< with the module's name; empty: there is none
+  SettingOrigin::Place place;
+  std::string name;   ///< where it stands, for findings
+  std::string value;  ///< as the plug-in will use it
+};
+
+struct Endpoint {
+  std::string role;        ///< "primary server", "secondary server 1", ...
+  std::string configured;  ///< as written
+  std::string uri;         ///< as libzmq will be given it
+};
+
+struct KeyReport {
+  std::string text;
+  worker_settings::ServerKey decoded;
+  bool accepted;  ///< libzmq takes a key of that length
+};
+
+struct DiskReport {
+  double disk_mb;
+  int relative;     ///< per cent
+  int absolute_mb;  ///< as configured
+  int limit_mb;
+  int limit_bytes;
+  int chunk_mb;
+  int chunk_bytes;
+};
+
+class Configuration {
+ public:
+  /// The global `settings` must have been loaded; `constants` must hold all seven.
+  Configuration(const PluginOptions& options, const ConstantValues& constants);
+
+  /// Of the settings-file key or the constant (without module) of that name.
+  const Setting& setting(const std::string& name) const;
+
+  const std::vector<Setting>& settings_in_order() const { return settings_; }
+  const std::vector<Endpoint>& endpoints() const { return endpoints_; }
+
+  /// Each adds what it finds.
+  void JudgeNumbers(Findings* findings) const;
+  void JudgeEndpoints(Findings* findings) const;
+  /// `accepted`: whether libzmq takes a key of the decoded length.
+  KeyReport JudgeKey(bool accepted, Findings* findings) const;
+  DiskReport JudgeDisk(Findings* findings) const;
+
+  worker_settings::ServerKey DecodedKey() const;
+
+ private:
+  std::string settings_file_;
+  std::vector<Setting> settings_;
+  std::vector<Endpoint> endpoints_;
+  int relative_;
+  int absolute_;
+  int chunk_;
+};
+
+/// What speaks against one endpoint before anybody connects; adds one finding at most.
+void judge_endpoint(const Endpoint& endpoint, Findings* findings);
+
+/// Upper-case hexadecimal digits.
+std::string hex_digits(const void* bytes, std::size_t size);

@@ -1,0 +1,346 @@
+#include "Connection.h"
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include <zmq.h>
+
+#include "PeerGreeting.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// What finding out more about a failure may take on top.
+constexpr milliseconds kDiagnosis(1000);
+
+struct EndContext {
+  void operator()(void* context) const { zmq_ctx_term(context); }
+};
+struct CloseSocket {
+  void operator()(void* socket) const { zmq_close(socket); }
+};
+using Context = std::unique_ptr<void, EndContext>;
+using Socket = std::unique_ptr<void, CloseSocket>;
+
+Context new_context() {
+  Context context(zmq_ctx_new());
+  if (!context)
+    throw std::runtime_error(std::string("libzmq gives no context: ") + zmq_strerror(zmq_errno()));
+  return context;
+}
+
+Socket new_socket(void* context, int type) {
+  Socket socket(zmq_socket(context, type));
+  if (!socket)
+    throw std::runtime_error(std::string("libzmq gives no socket: ") + zmq_strerror(zmq_errno()));
+  const int no_linger = 0;
+  zmq_setsockopt(socket.get(), ZMQ_LINGER, &no_linger, sizeof no_linger);
+  return socket;
+}
+
+/// The plug-in's kind of socket, with a key pair of its own. Its other options concern messages.
+Socket agent_socket(void* context, const worker_settings::ServerKey& key) {
+  Socket socket = new_socket(context, ZMQ_PUSH);
+  char public_key[worker_settings::kCurveKeyLength] = {0};
+  char secret_key[worker_settings::kCurveKeyLength] = {0};
+  if (zmq_curve_keypair(public_key, secret_key) != 0)
+    throw std::runtime_error("this libzmq has no CURVE security");
+  zmq_setsockopt(socket.get(), ZMQ_CURVE_PUBLICKEY, public_key, sizeof public_key);
+  zmq_setsockopt(socket.get(), ZMQ_CURVE_SECRETKEY, secret_key, sizeof secret_key);
+  zmq_setsockopt(socket.get(), ZMQ_CURVE_SERVERKEY, key.bytes, key.length);
+  return socket;
+}
+
+/// The events of one socket.
+class Monitor {
+ public:
+  Monitor(void* context, void* watched)
+      : watched_(watched), events_(new_socket(context, ZMQ_PAIR)) {
+    const char* const address = "inproc://events";
+    if (zmq_socket_monitor(watched, address, ZMQ_EVENT_ALL) != 0 ||
+        zmq_connect(events_.get(), address) != 0)
+      throw std::runtime_error(std::string("libzmq gives no monitor: ") +
+                               zmq_strerror(zmq_errno()));
+  }
+  ~Monitor() { zmq_socket_monitor(watched_, nullptr, 0); }
+  Monitor(const Monitor&) = delete;
+  Monitor& operator=(const Monitor&) = delete;
+
+  /// False when there was none until the deadline.
+  bool Next(Clock::time_point deadline, std::uint16_t* event, std::uint32_t* value) {
+    for (;;) {
+      const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
+      zmq_pollitem_t item = {events_.get(), 0, ZMQ_POLLIN, 0};
+      const int ready = zmq_poll(&item, 1, left > 0 ? static_cast<long>(left) : 0);
+      if (ready > 0 && Receive(event, value))
+        return true;
+      if (ready == 0 || (ready < 0 && zmq_errno() != EINTR))
+        return false;
+    }
+  }
+
+ private:
+  /// An event is two parts: its number and value, and the address.
+  bool Receive(std::uint16_t* event, std::uint32_t* value) {
+    unsigned char bytes[sizeof *event + sizeof *value];
+    char address[256];
+    const int size = zmq_recv(events_.get(), bytes, sizeof bytes, ZMQ_DONTWAIT);
+    if (size != static_cast<int>(sizeof bytes))
+      return false;
+    std::memcpy(event, bytes, sizeof *event);
+    std::memcpy(value, bytes + sizeof *event, sizeof *value);
+    zmq_recv(events_.get(), address, sizeof address, 0);
+    return true;
+  }
+
+  void* const watched_;
+  const Socket events_;
+};
+
+/// How a connection went, as far as libzmq tells.
+enum class End {
+  kHandshakeDone,
+  kMechanismMismatch,
+  kWrongSocketType,
+  kBadCryptography,
+  kOtherProtocolError,
+  kDenied,
+  kHungUp,        // once connected
+  kNoConnection,  // the attempt failed
+  kSilent,        // connected, and nothing more
+  kNoAnswerAtAll,
+};
+
+End end_of_protocol_error(std::uint32_t value) {
+  switch (value) {
+    case ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH:
+      return End::kMechanismMismatch;
+    case ZMQ_PROTOCOL_ERROR_ZMTP_INVALID_METADATA:
+      return End::kWrongSocketType;
+    case ZMQ_PROTOCOL_ERROR_ZMTP_CRYPTOGRAPHIC:
+      return End::kBadCryptography;
+    default:
+      return End::kOtherProtocolError;
+  }
+}
+
+/// Follows the first attempt to its end. `value` is the last event's.
+End follow(Monitor* monitor, Clock::time_point deadline, std::uint32_t* value) {
+  std::uint16_t event = 0;
+  bool connected = false;
+  while (monitor->Next(deadline, &event, value)) {
+    switch (event) {
+      case ZMQ_EVENT_CONNECTED:
+        connected = true;
+        break;
+      case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
+        return End::kHandshakeDone;
+      case ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL:
+        return end_of_protocol_error(*value);
+      case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:
+        return End::kDenied;
+      case ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL:
+      case ZMQ_EVENT_DISCONNECTED:
+        return End::kHungUp;
+      case ZMQ_EVENT_CONNECT_RETRIED:
+        return connected ? End::kHungUp : End::kNoConnection;
+      default:
+        break;  // CONNECT_DELAYED: under way; CLOSED: a retry follows
+    }
+  }
+  return connected ? End::kSilent : End::kNoAnswerAtAll;
+}
+
+/// Resolves on a thread of its own. False when there was no answer until the deadline.
+bool resolve_until(Clock::time_point deadline, const Resolve& resolve, const std::string& host,
+                   std::string* problem) {
+  struct Answer {
+    std::mutex mutex;
+    std::condition_variable arrived;
+    bool done = false;
+    std::string problem;
+  };
+  const auto answer = std::make_shared<Answer>();
+  std::thread([answer, resolve, host] {
+    std::string result = resolve(host);
+    const std::lock_guard<std::mutex> lock(answer->mutex);
+    answer->problem = std::move(result);
+    answer->done = true;
+    answer->arrived.notify_all();
+  }).detach();
+  std::unique_lock<std::mutex> lock(answer->mutex);
+  if (!answer->arrived.wait_until(lock, deadline, [&] { return answer->done; }))
+    return false;
+  *problem = answer->problem;
+  return true;
+}
+
+const char kCompareKeys[] =
+    "compare zmq.public_key with the collector's server.public: all servers of an agent share one "
+    "pair";
+const char kStartServer[] =
+    "start the collector, compare address and port with what it listens on, look for a firewall";
+const char kCheckPort[] = "compare the port with the one that the collector listens on";
+
+std::string seconds_text(milliseconds time) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g s", static_cast<double>(time.count()) / 1000);
+  return text;
+}
+
+ConnectResult failure(const char* id, const std::string& text, const std::string& what_to_do) {
+  return {false, id, text, what_to_do, 0};
+}
+
+ConnectResult other_mechanism(const std::string& mechanism) {
+  const std::string name = mechanism.empty() ? "another mechanism than CURVE" : mechanism;
+  return failure("connect-mechanism",
+                 "connected, but the server speaks " + name +
+                     ", the plug-in CURVE: they do not understand each other",
+                 "make the server a CURVE server, with its secret key");
+}
+
+/// The other side closed the connection during the handshake and gave no reason. What it says to a
+/// connection that has not named a mechanism tells the cases apart.
+ConnectResult explain_hang_up(const PeerGreeting& peer) {
+  if (peer.mechanism == "CURVE")
+    return failure("connect-wrong-key",
+                   "connected, and the server speaks CURVE, but it hung up on the handshake: the "
+                   "server key is not the one of this server (a server that denies agents without "
+                   "a word, or that was ending just then, looks the same)",
+                   kCompareKeys);
+  if (!peer.mechanism.empty())
+    return other_mechanism(peer.mechanism);
+  if (peer.any_byte)
+    return failure("connect-not-zmq",
+                   "connected, but what answers there is no ZeroMQ 4 server: its first words are "
+                   "no greeting with security",
+                   kCheckPort);
+  return failure("connect-not-zmq",
+                 "connected, but the other side hung up before it said anything: it is no ZeroMQ "
+                 "server, or something between turns this agent away",
+                 kCheckPort);
+}
+
+ConnectResult explain_silence(const PeerGreeting& peer, milliseconds timeout) {
+  if (!peer.mechanism.empty())
+    return failure("connect-unfinished",
+                   "connected, and the other side greets as " + peer.mechanism +
+                       ", but it did not finish the handshake within " + seconds_text(timeout) +
+                       ": its check of agents (ZAP) does not answer or puts this one off, or it is "
+                       "overloaded",
+                   "look at the server's list of allowed agents and at its load");
+  return failure("connect-silent",
+                 "connected by TCP, but there was no answer to the greeting within " +
+                     seconds_text(timeout) + ": the server is frozen or overloaded, or it is none",
+                 "look whether the collector runs and is not stopped; compare the port with the "
+                 "one that it listens on");
+}
+
+ConnectResult explain_no_connection(const PeerGreeting& peer) {
+  if (peer.connect_problem.empty())
+    return failure("connect-refused",
+                   "refused at first; a moment later something took the connection",
+                   "try again: the server may just be starting");
+  if (peer.refused)
+    return failure("connect-refused",
+                   "refused: nobody listens there (" + peer.connect_problem + ")", kStartServer);
+  return failure("connect-unreachable", "cannot be reached: " + peer.connect_problem, kStartServer);
+}
+
+ConnectResult explain(End end, std::uint32_t value, const std::string& uri, milliseconds timeout) {
+  char number[16];
+  switch (end) {
+    case End::kHandshakeDone:
+      return {true, "connected", "connected, handshake done", "", 0};
+    case End::kMechanismMismatch:
+      return other_mechanism(fetch_greeting(uri, kDiagnosis).mechanism);
+    case End::kWrongSocketType:
+      return failure("connect-socket-type",
+                     "connected and encrypted, but the server's socket is no PULL socket",
+                     "make the server's socket a PULL socket");
+    case End::kBadCryptography:
+      return failure("connect-wrong-key",
+                     "connected, but the server's answer cannot be decrypted: the server key is "
+                     "not the one of this server",
+                     kCompareKeys);
+    case End::kDenied:
+      return failure(
+          "connect-denied",
+          "connected, but the server denies this agent (ZAP status " + std::to_string(value) + ")",
+          "the agent makes a new key pair for every connection, so a server must let in "
+          "any client key: take its list of allowed keys away, or allow by address");
+    case End::kHungUp:
+      return explain_hang_up(fetch_greeting(uri, kDiagnosis));
+    case End::kSilent:
+      return explain_silence(fetch_greeting(uri, kDiagnosis), timeout);
+    case End::kNoConnection:
+      return explain_no_connection(fetch_greeting(uri, kDiagnosis));
+    case End::kNoAnswerAtAll:
+      return failure("connect-timed-out",
+                     "timed out: no TCP connection within " + seconds_text(timeout), kStartServer);
+    case End::kOtherProtocolError:
+      break;
+  }
+  std::snprintf(number, sizeof number, "0x%08x", static_cast<unsigned int>(value));
+  return failure(
+      "connect-protocol",
+      std::string("connected, but the handshake failed with libzmq's protocol error ") + number,
+      "look whether the collector is one of this plug-in, and its libzmq 4.0 or newer");
+}
+
+ConnectResult attempt(const std::string& uri, const worker_settings::ServerKey& key,
+                      milliseconds timeout, const Resolve& resolve) {
+  const auto deadline = Clock::now() + timeout;
+  // libzmq resolves in the background, tries again for ever, and cannot be stopped meanwhile.
+  std::string problem;
+  if (uri.compare(0, 6, "tcp://") == 0) {
+    const bool answered = resolve_until(deadline, resolve, host_of(uri), &problem);
+    if (!answered)
+      problem = "no answer from the name service within " + seconds_text(timeout);
+    if (!problem.empty())
+      return failure("connect-unresolved",
+                     "the name '" + host_of(uri) + "' has no IPv4 address: " + problem,
+                     "compare the name with the server's; look whether 'getent ahostsv4' knows it");
+  }
+  const Context context = new_context();
+  const Socket socket = agent_socket(context.get(), key);
+  Monitor monitor(context.get(), socket.get());
+  if (zmq_connect(socket.get(), uri.c_str()) != 0)
+    return failure("connect-endpoint",
+                   std::string("libzmq refuses the endpoint: ") + zmq_strerror(zmq_errno()),
+                   "write it as host, host:port or tcp://host:port");
+  std::uint32_t value = 0;
+  const End end = follow(&monitor, deadline, &value);
+  return explain(end, value, uri, timeout);
+}
+
+}  // namespace
+
+ConnectResult try_connection(const std::string& uri, const worker_settings::ServerKey& key,
+                             milliseconds timeout, const Resolve& resolve) {
+  const auto start = Clock::now();
+  ConnectResult result = attempt(uri, key, timeout, resolve);
+  result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  return result;
+}
+
+ConnectResult try_connection(const std::string& uri, const worker_settings::ServerKey& key,
+                             milliseconds timeout) {
+  return try_connection(uri, key, timeout, resolve_ipv4);
+}
+
+bool libzmq_takes_key(const worker_settings::ServerKey& key) {
+  const Context context = new_context();
+  const Socket socket = new_socket(context.get(), ZMQ_PUSH);
+  return zmq_setsockopt(socket.get(), ZMQ_CURVE_SERVERKEY, key.bytes, key.length) == 0;
+}

@@ -1,0 +1,28 @@
+// The two fixed places of the plug-in, the spool folder and the agent-id file: what it will make of
+// them as they are now. Only looks: nothing is created, opened for writing or changed. Write access
+// is that of the user who asks.
+#pragma once
+
+#include <string>
+
+#include "Configuration.h"
+#include "Finding.h"
+
+struct SpoolReport {
+  std::string folder;
+  std::string parent;
+  std::string state;  ///< "ready", "will be made", "disabled" or "not writable"
+};
+
+SpoolReport judge_spool(const std::string& folder, Findings* findings);
+
+struct AgentIdReport {
+  std::string source;  ///< "script constant", "file" or "generated"
+  std::string path;    ///< of the agent-id file
+  std::string value;   ///< the exact bytes; empty when it will be generated
+  std::string state;   ///< in a few words, e.g. "will be made"
+};
+
+/// `constant` is LogZMQ::zmq_agent_id, `prefix` the install prefix.
+AgentIdReport judge_agent_id(const Setting& constant, const std::string& prefix,
+                             Findings* findings);

@@ -1,0 +1,26 @@
+// What the subcommands share that load the plug-in: their options, its own account.
+#pragma once
+
+#include <string>
+
+#include "SettingOrigin.h"
+
+struct DravenholtZmqWriterStatus;
+
+namespace CLI {
+class App;
+}
+namespace standin {
+class Host;
+}
+
+/// Adds --settings, --set and --plugin. `options` must live as long as the command.
+void add_plugin_options(CLI::App* command, PluginOptions* options);
+
+/// The build leaves the plug-in's folder beside the folder of the program.
+std::string default_plugin_folder();
+
+/// The function of the loaded plug-in that gives its account. Throws standin::HostError when it
+/// has none.
+using StatusFunction = void (*)(DravenholtZmqWriterStatus*);
+StatusFunction plugin_status_function(const standin::Host& host);

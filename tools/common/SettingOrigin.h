@@ -1,0 +1,23 @@
+// Where the settings of the plug-in come from.
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// Which plug-in, and how it is configured.
+struct PluginOptions {
+  std::string settings_file;
+  std::vector<std::string> redefs;  ///< LogZMQ::NAME=VALUE
+  std::string plugin_folder;        ///< empty: default_plugin_folder()
+};
+
+/// Where a setting of the plug-in comes from: the settings file, else the command line's script
+/// constant, else neither. The global `settings` must have been loaded from the file.
+struct SettingOrigin {
+  SettingOrigin(const PluginOptions& options, const std::string& key, const std::string& constant);
+
+  enum Place { kNowhere, kScriptConstant, kSettingsFile };
+  Place place = kNowhere;
+  std::string name;   ///< "FILE: key" or "LogZMQ::constant"; empty for kNowhere
+  std::string value;  ///< as written there
+};
