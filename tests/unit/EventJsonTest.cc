@@ -314,6 +314,63 @@ TEST(EventJsonTest, TextFormOfTimesThatAreNoDateIsTheNumber) {
   }
 }
 
+TEST(EventJsonTest, TextFormEscapesWhatATerminalWouldActOn) {
+  const std::string message = event(schema::Data_Tn5250Data, [](FlatBufferBuilder& b) {
+    return schema::CreateTn5250DataDirect(b, "\xc2\x9b\x33m", "\xe2\x80\xa8\xc3\xa9\xc2\x85")
+        .Union();
+  });
+  EXPECT_THAT(EventMessage(message.data(), message.size()).Text(),
+              testing::EndsWith("protocol=\"\\u009b3m\" details=\"\\u2028\xc3\xa9\\u0085\""));
+}
+
+TEST(EventJsonTest, AgentAndNumberOfThePayloadAreGiven) {
+  const std::string message = event(schema::Data_FtpData, nullptr);
+  const EventMessage parsed(message.data(), message.size());
+  EXPECT_EQ(parsed.AgentId(), "agent-7");
+  EXPECT_EQ(parsed.PayloadNumber(), 2);
+  FlatBufferBuilder builder;
+  builder.Finish(schema::CreateNetworkEvent(builder));
+  EXPECT_EQ(EventMessage(builder.GetBufferPointer(), builder.GetSize()).AgentId(), "");
+}
+
+/// A generic event with so many references to one pair.
+std::string shared_pairs(std::size_t pairs, std::size_t value) {
+  return event(schema::Data_GenericProtocolData, [=](FlatBufferBuilder& b) {
+    const auto pair = schema::CreateMapEntry(b, 0, b.CreateString(std::string(value, 'x')));
+    const std::vector<Offset<schema::MapEntry>> all(pairs, pair);
+    return schema::CreateGenericProtocolData(b, 0, b.CreateVector(all)).Union();
+  });
+}
+
+TEST(EventJsonTest, SmallMessageThatWouldPrintAsGigabytesIsRefused) {
+  const std::string message = shared_pairs(20000, 100000);
+  std::string error;
+  EXPECT_EQ(event_to_json(message.data(), message.size(), &error), "");
+  EXPECT_EQ(error, "these " + std::to_string(message.size()) + " bytes are no event message");
+}
+
+TEST(EventJsonTest, TextsMayBeSharedWithinReason) {
+  constexpr std::size_t kValue = 1000;
+  const std::size_t overhead = shared_pairs(0, kValue).size();
+  // Each further pair takes 4 bytes of the message, and 8 may be printed for them.
+  const std::size_t most = ((std::size_t{1} << 20) + 2 * overhead) / (kValue - 8);
+  std::string error;
+  const std::string good = shared_pairs(most - 1, kValue);
+  EXPECT_NE(event_to_json(good.data(), good.size(), &error), "") << error;
+  const std::string bad = shared_pairs(most + 2, kValue);
+  EXPECT_EQ(event_to_json(bad.data(), bad.size(), &error), "");
+}
+
+TEST(EventJsonTest, LargeEventThatSharesNothingIsRead) {
+  const std::string message = event(schema::Data_GenericProtocolData, [](FlatBufferBuilder& b) {
+    std::vector<Offset<schema::MapEntry>> pairs;
+    for (int i = 0; i < 3000; ++i)
+      pairs.push_back(schema::CreateMapEntryDirect(b, "key", std::string(1000, 'x').c_str()));
+    return schema::CreateGenericProtocolDataDirect(b, "p", &pairs).Union();
+  });
+  EXPECT_GT(json(message).size(), 3000000u);
+}
+
 TEST(EventJsonTest, MisalignedMessagesAreRead) {
   const std::string message = event(schema::Data_SystemStatsData, [](FlatBufferBuilder& b) {
     return schema::CreateSystemStatsData(b, 1.5).Union();

@@ -96,9 +96,6 @@ void RotatingFile::OpenFirst(bool rotating) {
     throw std::runtime_error(path_ + ": " +
                              (errno == EWOULDBLOCK ? "in use by another collector"
                                                    : "cannot lock the output: " + reason(errno)));
-  const std::vector<std::uint64_t> numbers = finished_numbers(path_);
-  if (!numbers.empty())
-    next_number_ = numbers.back() + 1;
   if (status.st_size > 0) {
     const std::string problem = Rotate();
     if (!problem.empty())
@@ -121,6 +118,10 @@ void RotatingFile::CutLastAppend(std::size_t bytes) {
 }
 
 std::string RotatingFile::Rotate() {
+  // Looked up anew each time: somebody may have put files of such names there meanwhile.
+  const std::vector<std::uint64_t> numbers = finished_numbers(path_);
+  if (!numbers.empty())
+    next_number_ = std::max(next_number_, numbers.back() + 1);
   const std::string finished = Finished(next_number_);
   if (!move_aside(path_, finished))
     return path_ + ": cannot be moved aside to " + finished + ": " + reason(errno);

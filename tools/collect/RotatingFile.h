@@ -40,7 +40,6 @@ class RotatingFile {
 
  private:
   void OpenFirst(bool rotating);
-  void MoveLeftOverAside();
   std::string Finished(std::uint64_t number) const;
   void RemoveOldest() const;
 

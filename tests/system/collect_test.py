@@ -1,0 +1,738 @@
+"""zmqwriter collect as the reference receiver: files that rotate, rates, metrics, allowed clients, bad
+input, slow outputs."""
+
+import fcntl
+import glob
+import json
+import os
+import random
+import re
+import signal
+import socket
+import struct
+import subprocess
+import threading
+import time
+import unittest
+import urllib.request
+
+from cli_support import (CliTest, DEADLINE, ZMQWRITER, framed, make_event, needs_zmq, read_file,
+                         schema, totals, wait_for, write_file, zmq)
+
+try:
+    import flatbuffers
+except ImportError:
+    flatbuffers = None
+
+
+def agent_event(agent, uid=b"C1", details=b"details"):
+    """A Tn5250 event of an agent; all texts are bytes."""
+    event, data = schema()["NetworkEvent"], schema()["Tn5250Data"]
+    builder = flatbuffers.Builder(256)
+    agent_at, uid_at = builder.CreateString(agent), builder.CreateString(uid)
+    details_at = builder.CreateString(details)
+    data.Tn5250DataStart(builder)
+    data.Tn5250DataAddDetails(builder, details_at)
+    payload = data.Tn5250DataEnd(builder)
+    event.NetworkEventStart(builder)
+    event.NetworkEventAddUid(builder, uid_at)
+    event.NetworkEventAddAgentId(builder, agent_at)
+    event.NetworkEventAddDataType(builder, schema()["Data"].Data.Tn5250Data)
+    event.NetworkEventAddData(builder, payload)
+    builder.Finish(event.NetworkEventEnd(builder))
+    return bytes(builder.Output())
+
+
+def pairs_event(pairs, value):
+    """A generic event whose pairs all refer to one and the same pair."""
+    event, data, entry = (schema()[name] for name in
+                          ("NetworkEvent", "GenericProtocolData", "MapEntry"))
+    builder = flatbuffers.Builder(1024)
+    value_at = builder.CreateString(value)
+    entry.MapEntryStart(builder)
+    entry.MapEntryAddValue(builder, value_at)
+    pair = entry.MapEntryEnd(builder)
+    data.GenericProtocolDataStartFieldsVector(builder, pairs)
+    for _ in range(pairs):
+        builder.PrependUOffsetTRelative(pair)
+    fields = builder.EndVector()
+    data.GenericProtocolDataStart(builder)
+    data.GenericProtocolDataAddFields(builder, fields)
+    payload = data.GenericProtocolDataEnd(builder)
+    event.NetworkEventStart(builder)
+    event.NetworkEventAddDataType(builder, schema()["Data"].Data.GenericProtocolData)
+    event.NetworkEventAddData(builder, payload)
+    builder.Finish(event.NetworkEventEnd(builder))
+    return bytes(builder.Output())
+
+
+def unframed(content):
+    """The messages of a file that `collect --format raw` has written; it must end with a whole one."""
+    messages, at = [], 0
+    while at < len(content):
+        size, = struct.unpack_from("<I", content, at)
+        messages.append(content[at + 4:at + 4 + size])
+        assert len(messages[-1]) == size, "the file ends inside a message"
+        at += 4 + size
+    return messages
+
+
+def memory_kb(process, figure="VmRSS"):
+    status = read_file("/proc/%d/status" % process.pid)
+    return int(re.search(figure + r":\s+(\d+) kB", status).group(1))
+
+
+@needs_zmq
+class CollectOutputTest(CliTest):
+    def collect_events(self, events, *arguments):
+        """Runs a collector until it has written the events; returns it."""
+        collector = self.collect("--output", "events", "--count", str(len(events)), *arguments)
+        agent = self.agent(collector.endpoint)
+        for event in events:
+            agent.send(event)
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(collector.stdout, "")
+        return collector
+
+    @staticmethod
+    def files():
+        """All files of the output, the oldest first."""
+        return sorted(glob.glob("events.*")) + ["events"]
+
+    def test_events_go_to_the_file_and_nothing_to_standard_output(self):
+        self.collect_events([make_event(uid=b"A"), make_event(uid=b"B")])
+        self.assertEqual([json.loads(line)["uid"] for line in read_file("events").splitlines()],
+                         ["A", "B"])
+
+    def test_each_event_reaches_the_file_as_soon_as_it_has_come(self):
+        collector = self.collect("--output", "events")
+        agent = self.agent(collector.endpoint)
+        for number in range(3):
+            agent.send(make_event())
+            wait_for(lambda: read_file("events").count("\n") == number + 1, "the event")
+
+    def test_rotation_neither_loses_nor_splits_an_event_in_any_format(self):
+        events = [make_event(uid=b"C%d" % number, details=b"x" * (number % 700))
+                  for number in range(300)]
+        for form in ("json", "text", "raw"):
+            self.collect_events(events, "--format", form, "--rotate-size", "5000")
+            names = self.files()
+            self.assertGreater(len(names), 10)
+            for name in names:
+                self.assertLessEqual(os.path.getsize(name), 5000)
+            contents = [read_file(name, "rb") for name in names]
+            if form == "raw":
+                self.assertEqual([m for content in contents for m in unframed(content)], events)
+            else:
+                for content in contents:
+                    self.assertTrue(content.endswith(b"\n"))
+                uids = re.findall(r"\bC\d+\b", b"".join(contents).decode())
+                self.assertEqual(uids, ["C%d" % number for number in range(300)])
+            for name in names:
+                os.remove(name)
+
+    def test_every_rotated_file_decodes_by_itself(self):
+        self.collect_events([make_event(uid=b"C%d" % number) for number in range(100)],
+                            "--format", "raw", "--rotate-size", "1000")
+        result = self.run_tool("decode", *self.files())
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual([json.loads(line)["uid"] for line in result.stdout.splitlines()],
+                         ["C%d" % number for number in range(100)])
+
+    def test_event_longer_than_a_file_may_be_gets_a_file_of_its_own(self):
+        events = [make_event(details=b"a"), make_event(details=b"b" * 3000),
+                  make_event(details=b"c")]
+        self.collect_events(events, "--format", "raw", "--rotate-size", "1000")
+        self.assertEqual([unframed(read_file(name, "rb")) for name in self.files()],
+                         [[event] for event in events])
+
+    def test_only_the_newest_finished_files_are_kept(self):
+        write_file("events.000007", "old")
+        write_file("events.note", "not ours")
+        self.collect_events([make_event(uid=b"C%d" % number, details=b"x" * 900)
+                             for number in range(10)],
+                            "--rotate-size", "1000", "--rotate-keep", "3")
+        self.assertEqual(sorted(glob.glob("events*")),
+                         ["events", "events.000014", "events.000015", "events.000016",
+                          "events.note"])
+        uids = [json.loads(read_file("events.0000%d" % number))["uid"] for number in (14, 15, 16)]
+        self.assertEqual(uids, ["C6", "C7", "C8"])
+
+    def test_file_of_a_former_run_is_moved_aside_and_never_appended_to(self):
+        write_file("events", b"\x50\x00\x00\x00torn")
+        self.collect_events([make_event()], "--format", "raw")
+        self.assertEqual(read_file("events.000001", "rb"), b"\x50\x00\x00\x00torn")
+        self.assertEqual(unframed(read_file("events", "rb")), [make_event()])
+        self.collect_events([make_event()], "--format", "raw")
+        self.assertEqual(unframed(read_file("events.000002", "rb")), [make_event()])
+
+    def test_second_collector_on_the_same_file_is_refused(self):
+        self.collect("--output", "events")
+        result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                               "server.secret", "--output", "events")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("events: in use by another collector", result.stderr)
+
+    def test_output_that_cannot_be_opened_is_a_failure_by_name(self):
+        self.keygen()
+        for name in ("no/such/folder/events", "."):
+            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                                   "server.secret", "--output", name)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(name + ": cannot open the output: ", result.stderr)
+
+    def test_device_is_written_but_not_rotated(self):
+        self.keygen()
+        collector = self.collect("--output", "/dev/null", "--count", "1")
+        self.agent(collector.endpoint).send(make_event())
+        self.assertEqual(collector.wait(), 0)
+        result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                               "server.secret", "--output", "/dev/null", "--rotate-size", "10")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("only a regular file can be rotated", result.stderr)
+
+    def test_full_disk_is_a_failure_that_counts_what_did_not_get_out(self):
+        if not os.path.exists("/dev/full"):
+            self.skipTest("needs /dev/full")
+        collector = self.collect("--output", "/dev/full")
+        self.agent(collector.endpoint).send(make_event())
+        self.assertEqual(collector.wait(), 1)
+        self.assertIn("cannot write the output: No space left on device", collector.stderr)
+        self.assertIn("1 of the events received did not get out", collector.stderr)
+
+    def test_file_ends_with_a_whole_event_when_no_more_can_be_written(self):
+        self.keygen()
+        limit = 10000
+        import resource
+        collector = self.collect_limited(
+            lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
+                     resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))))
+        event = make_event(details=b"x" * 333)
+        agent = self.agent(collector.endpoint)
+        try:
+            while collector.popen.poll() is None:
+                agent.send(event, zmq.NOBLOCK)
+        except zmq.Again:
+            pass
+        self.assertEqual(collector.wait(), 1)
+        written = unframed(read_file("events", "rb"))
+        self.assertEqual(len(written), limit // (4 + len(event)))
+        lost = int(re.search(r"(\d+) of the events received did not get out",
+                             collector.stderr).group(1))
+        self.assertEqual(totals(collector)["events"], len(written) + lost)
+
+    def collect_limited(self, prepare):
+        process = self.start("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                             "server.secret", "--output", "events", "--format", "raw",
+                             preexec_fn=prepare)
+        process.endpoint = wait_for(lambda: re.search(r"listening on (\S+)\n", process.stderr),
+                                    "the endpoint").group(1)
+        return process
+
+    def test_file_that_cannot_be_moved_aside_goes_on_growing(self):
+        os.mkdir("folder")
+        collector = self.collect("--output", "folder/events", "--rotate-size", "1000")
+        agent = self.agent(collector.endpoint)
+        agent.send(make_event(uid=b"C0"))
+        wait_for(lambda: "C0" in read_file("folder/events"), "the first event")
+        os.rename("folder", "elsewhere")
+        for number in range(1, 20):
+            agent.send(make_event(uid=b"C%d" % number))
+        wait_for(lambda: read_file("elsewhere/events").count("\n") == 20, "all events")
+        self.assertIn("folder/events: cannot be moved aside", collector.stderr)
+        os.rename("elsewhere", "folder")
+        for number in range(20, 60):
+            agent.send(make_event(uid=b"C%d" % number))
+        names = lambda: sorted(glob.glob("folder/events.*")) + ["folder/events"]
+        wait_for(lambda: sum(read_file(name).count("\n") for name in names()) == 60, "all events")
+        self.assertEqual(re.findall(r"C\d+", "".join(read_file(name) for name in names())),
+                         ["C%d" % number for number in range(60)])
+        self.assertGreater(len(names()), 2)
+
+    def test_name_taken_meanwhile_is_not_overwritten(self):
+        collector = self.collect("--output", "events", "--rotate-size", "1", "--count", "3")
+        write_file("events.000001", "of somebody else")
+        agent = self.agent(collector.endpoint)
+        for number in range(3):
+            agent.send(make_event(uid=b"C%d" % number))
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(read_file("events.000001"), "of somebody else")
+        self.assertEqual([json.loads(read_file(name))["uid"] for name in self.files()[1:]],
+                         ["C0", "C1", "C2"])
+
+
+class CollectUsageTest(CliTest):
+    def test_wrong_values_are_status_two_with_a_hint(self):
+        collect = ["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "x"]
+        for arguments, hint in [
+                (["--output", ""], "the name is empty"),
+                (["--allow", ""], "the name is empty"),
+                (["--rotate-size", "10"], "--output"),
+                (["--output", "o", "--rotate-keep", "2"], "--rotate-size"),
+                (["--output", "o", "--rotate-size", "0"], "positive number"),
+                (["--output", "o", "--rotate-size", "-1"], "positive number"),
+                (["--output", "o", "--rotate-size", "1", "--rotate-keep", "0"], "positive number"),
+                (["--stats", "0"], "positive number"),
+                (["--stats", "inf"], "finite positive number"),
+                (["--metrics", "9100"], "must be HOST:PORT"),
+                (["--metrics", ":9100"], "must be HOST:PORT"),
+                (["--metrics", "127.0.0.1:"], "must be HOST:PORT"),
+                (["--metrics", "127.0.0.1:65536"], "must be HOST:PORT"),
+                (["--metrics", "127.0.0.1:0,127.0.0.1:0"], "must be HOST:PORT"),
+                (["--metrics", "127.0.0.1:0s"], "must be HOST:PORT")]:
+            result = self.run_tool(*(collect + arguments))
+            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
+            self.assertIn(hint, result.stderr)
+
+    def test_help_warns_that_a_list_of_keys_shuts_agents_out(self):
+        text = " ".join(self.run_tool("collect", "--help").stdout.decode().split())
+        self.assertIn("Agents of this plug-in make a fresh key pair for every connection, so "
+                      "--allow shuts all of them out.", text)
+
+
+@needs_zmq
+class CollectStatsTest(CliTest):
+    def reports(self, collector):
+        """Sums over all [stats] lines: name -> count."""
+        sums = {}
+        for line in re.findall(r"^\[stats\] (.*)$", collector.stderr, re.M):
+            subject = re.match(r" +(.*): \d+ events \(", line)
+            for count, name in re.findall(r"(\d+) ([a-z-]+) \(\d+(?:\.\d+)?/s\)", line):
+                key = (subject.group(1), name) if subject else name
+                sums[key] = sums.get(key, 0) + int(count)
+        return sums
+
+    def test_figures_of_all_reports_add_up_to_the_totals(self):
+        collector = self.collect("--stats", "0.05")
+        agent = self.agent(collector.endpoint)
+        one, two = agent_event(b"agent-1"), agent_event(b"agent-2", details=b"xy" * 50)
+        for number in range(40):
+            agent.send(one)
+            agent.send(two)
+            agent.send(b"")
+            agent.send(b"no event")
+            agent.send_multipart([one, two])
+            wait_for(lambda: len(collector.lines()) == 2 * (number + 1), "the events")
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+        self.assertGreater(collector.stderr.count("[stats] "), 2)
+        size = 40 * (len(one) + len(two))
+        self.assertEqual(self.reports(collector), {
+            "events": 80, "bytes": size, "empty": 40, "malformed": 40, "multi-part": 40,
+            ("Tn5250Data", "events"): 80, ("Tn5250Data", "bytes"): size,
+            ("agent agent-1", "events"): 40, ("agent agent-1", "bytes"): 40 * len(one),
+            ("agent agent-2", "events"): 40, ("agent agent-2", "bytes"): 40 * len(two)})
+
+    def test_reports_go_on_while_the_output_is_stalled(self):
+        self.keygen()
+        read_end, write_end = os.pipe()
+        self.addCleanup(os.close, read_end)
+        with open("stderr", "wb") as stderr:
+            popen = subprocess.Popen(
+                [ZMQWRITER, "collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                 "server.secret", "--stats", "0.05"], stdout=write_end, stderr=stderr)
+        os.close(write_end)
+        self.addCleanup(lambda: (popen.kill(), popen.wait()))
+        endpoint = wait_for(lambda: re.search(r"listening on (\S+)\n", read_file("stderr")),
+                            "the endpoint").group(1)
+        agent = self.agent(endpoint)
+        agent.send(make_event(details=b"x" * 1000000))
+        wait_for(lambda: " 1 events" in read_file("stderr"), "the event's report")
+        reports = read_file("stderr").count("[stats]")
+        wait_for(lambda: read_file("stderr").count("[stats]") > reports + 3, "further reports")
+
+
+@needs_zmq
+class CollectMetricsTest(CliTest):
+    def collect_with_metrics(self, *arguments):
+        collector = self.collect("--metrics", "127.0.0.1:0", *arguments)
+        collector.url = re.search(r"metrics on (http://127\.0\.0\.1:[1-9]\d*/metrics)\n",
+                                  collector.stderr).group(1)
+        return collector
+
+    @staticmethod
+    def scrape(collector):
+        """Name with labels -> value; every line must be well formed."""
+        with urllib.request.urlopen(collector.url, timeout=DEADLINE) as answer:
+            text = answer.read().decode("utf-8")
+        values = {}
+        for line in text.split("\n")[:-1]:
+            if line.startswith("#"):
+                continue
+            name, labels, value = re.fullmatch(
+                r'([a-z_]+)((?:\{[a-z]+="(?:[^"\\]|\\[\\"n])*"\})?) (\S+)', line).groups()
+            if not name.startswith("zmqwriter_collect_"):
+                continue
+            assert name + labels not in values, "twice: " + line
+            values[name[len("zmqwriter_collect_"):] + labels] = float(value)
+        return values
+
+    def test_scrape_has_the_counts_of_the_moment(self):
+        collector = self.collect_with_metrics()
+        agent = self.agent(collector.endpoint)
+        event = agent_event(b"agent-1")
+        for message in (event, b"", b"no event", event):
+            agent.send(message)
+        agent.send_multipart([event, event])
+        agent.send(event)
+        wait_for(lambda: len(collector.lines()) == 3, "the events")
+        printed = lambda: sum(len(line) + 1 for line in collector.lines())
+        wait_for(lambda: self.scrape(collector)["output_bytes_total"] == printed(), "the output")
+        self.assertEqual(self.scrape(collector), {
+            'events_total{type="Tn5250Data"}': 3,
+            'event_bytes_total{type="Tn5250Data"}': 3 * len(event),
+            'agent_events_total{agent="agent-1"}': 3,
+            'agent_event_bytes_total{agent="agent-1"}': 3 * len(event),
+            'bad_messages_total{reason="empty"}': 1,
+            'bad_messages_total{reason="malformed"}': 1,
+            'bad_messages_total{reason="multi_part"}': 1,
+            'output_bytes_total': printed(),
+            'output_files_finished_total': 0})
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+
+    def test_agents_beyond_a_hundred_are_lumped_and_hostile_names_escaped(self):
+        collector = self.collect_with_metrics("--quiet")
+        agent = self.agent(collector.endpoint)
+        hostile = [b"", b"(others)", b"(none)", b'a"b\\c\nd', b"\xff\xfe", "caf\u00e9".encode(),
+                   b"x" * 100000, b"\xc2\x9b31m"]
+        for name in hostile:
+            agent.send(agent_event(name))
+        for number in range(500):
+            agent.send(agent_event(b"agent-%d" % number))
+        wait_for(lambda: len(collector.lines()) == 508, "the events")
+        values = {name: value for name, value in self.scrape(collector).items()
+                  if name.startswith("agent_events_total")}
+        self.assertEqual(len(values), 101)
+        self.assertEqual(sum(values.values()), 508)
+        for label, count in [("(none)", 1), ("(others)", 408), (r"\\x28others)", 1),
+                             (r"\\x28none)", 1), (r"a\"b\\x5cc\\x0ad", 1), (r"\\xff\\xfe", 1),
+                             ("caf\u00e9", 1), ("x" * 64, 1), (r"\\xc2\\x9b31m", 1),
+                             ("agent-91", 1)]:
+            self.assertEqual(values.get('agent_events_total{agent="%s"}' % label), count, label)
+
+    def test_connection_that_says_nothing_holds_up_neither_scrapes_nor_the_end(self):
+        collector = self.collect_with_metrics()
+        port = int(re.search(r":(\d+)/", collector.url).group(1))
+        with socket.create_connection(("127.0.0.1", port)), \
+                socket.create_connection(("127.0.0.1", port)) as half:
+            half.sendall(b"GET /metr")
+            self.assertIn("output_bytes_total", self.scrape(collector))
+            collector.popen.send_signal(signal.SIGINT)
+            self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["events"], 0)
+
+    def test_address_in_use_is_a_failure_by_name(self):
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            address = "127.0.0.1:%d" % taken.getsockname()[1]
+            self.keygen()
+            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                                   "server.secret", "--metrics", address)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("cannot serve metrics on '%s'" % address, result.stderr)
+        self.assertNotIn("listening on", result.stderr)
+
+
+@needs_zmq
+class CollectAllowTest(CliTest):
+    def client(self, endpoint, keys):
+        client = self.plain_agent()
+        client.curve_publickey, client.curve_secretkey = keys
+        client.curve_serverkey = bytes.fromhex(read_file("server.public"))
+        client.connect(endpoint)
+        return client
+
+    @staticmethod
+    def hex_of(keys):
+        from zmq.utils import z85
+        return z85.decode(keys[0]).hex()
+
+    def test_listed_clients_get_through_and_others_do_not(self):
+        known, listed_upper, stranger = (zmq.curve_keypair() for _ in range(3))
+        write_file("allowed", "# who may\n\n%s  # the first\r\n%s\n"
+                   % (self.hex_of(known), self.hex_of(listed_upper).upper()))
+        collector = self.collect("--allow", "allowed")
+        self.client(collector.endpoint, stranger).send(make_event(uid=b"stranger"))
+        wait_for(lambda: self.hex_of(stranger).upper() in collector.stderr, "the denial")
+        for keys in (known, listed_upper):
+            self.client(collector.endpoint, keys).send(make_event(uid=b"known"))
+        wait_for(lambda: len(collector.lines()) == 2, "the listed clients' events")
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual([json.loads(line)["uid"] for line in collector.lines()], ["known"] * 2)
+        self.assertEqual(totals(collector)["clients let in"], 2)
+        self.assertGreaterEqual(totals(collector)["clients turned away"], 1)
+        self.assertIn("client at 127.0.0.1 turned away", collector.stderr)
+
+    def test_warns_that_agents_are_shut_out(self):
+        self.keygen()
+        write_file("allowed", "0" * 64)
+        collector = self.collect("--allow", "allowed", "--timeout", "0.1", "--quiet")
+        self.assertEqual(collector.wait(), 0)
+        self.assertIn("agents make a fresh key for each connection, so all of them are shut out",
+                      collector.stderr)
+
+    def test_hangup_signal_reads_the_list_again(self):
+        early, late = zmq.curve_keypair(), zmq.curve_keypair()
+        write_file("allowed", self.hex_of(early))
+        collector = self.collect("--allow", "allowed")
+        client = self.client(collector.endpoint, early)
+        client.send(make_event(uid=b"early"))
+        wait_for(collector.lines, "the first event")
+        write_file("allowed", "nonsense")
+        collector.popen.send_signal(signal.SIGHUP)
+        wait_for(lambda: "stay as they were: allowed:1: " in collector.stderr, "the refusal")
+        write_file("allowed", self.hex_of(late))
+        collector.popen.send_signal(signal.SIGHUP)
+        wait_for(lambda: "allowed keys read again: 1" in collector.stderr, "the new list")
+        self.client(collector.endpoint, late).send(make_event(uid=b"late"))
+        wait_for(lambda: len(collector.lines()) == 2, "the late client's event")
+        client.send(make_event(uid=b"still"))
+        wait_for(lambda: len(collector.lines()) == 3, "the event of the old connection")
+
+    def test_without_a_list_the_hangup_signal_ends_it_as_ever(self):
+        collector = self.collect()
+        collector.popen.send_signal(signal.SIGHUP)
+        self.assertEqual(collector.wait(), -signal.SIGHUP)
+
+    def test_errors_in_the_list_are_told_by_line_before_anything_is_bound(self):
+        self.keygen()
+        for content, message in [
+                ("0" * 64 + "\n" + "0" * 63, "allowed:2: a key has 64 hexadecimal digits, this "
+                                             "line holds 63 characters"),
+                ("\n#\n" + "0" * 63 + "g", "allowed:3: character 64 of the key is no hexadecimal"),
+                ("0" * 64 + " " + "0" * 64, "allowed:1: a key has 64"),
+                ("# nobody\n", "allowed: holds no key, so nobody could connect"),
+                ("", "allowed: holds no key")]:
+            write_file("allowed", content)
+            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                                   "server.secret", "--allow", "allowed")
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(message, result.stderr)
+            self.assertNotIn("listening on", result.stderr)
+        for name, message in [("nowhere", "No such file"), (".", "this is a folder")]:
+            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                                   "server.secret", "--allow", name)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(name + ": ", result.stderr)
+            self.assertIn(message, result.stderr)
+
+
+@needs_zmq
+class CollectHostileTest(CliTest):
+    def setUp(self):
+        super().setUp()
+        self.seed = random.randrange(2 ** 32)
+        print("seed", self.seed)
+        self.random = random.Random(self.seed)
+
+    def damaged(self, event):
+        kind = self.random.randrange(2)
+        if kind == 0:
+            return event[:self.random.randrange(1, len(event))]
+        damaged = bytearray(event)
+        for bit in self.random.sample(range(8 * len(event)), self.random.randrange(1, 5)):
+            damaged[bit // 8] ^= 1 << bit % 8
+        return bytes(damaged)
+
+    def test_hundred_thousand_random_and_damaged_messages_are_counted_to_the_last(self):
+        collector = self.collect("--quiet", "--stats", "3600", "--format", "raw", "--output",
+                                 "events", "--metrics", "127.0.0.1:0")
+        agent = self.agent(collector.endpoint)
+        event = agent_event(b"agent", details=b"details " * 8)
+        sent = {"event": 0, "random": 0, "damaged": 0, "empty": 0, "multi": 0}
+        for number in range(100000):
+            agent.send(self.random.randbytes(self.random.randrange(1, 200)))
+            sent["random"] += 1
+            if number % 10 == 0:
+                agent.send(self.damaged(event))
+                sent["damaged"] += 1
+            if number % 100 == 0:
+                agent.send(b"")
+                agent.send_multipart(self.random.choice([[event, b""], [b"", event], [b""] * 3,
+                                                         [event] * 200]))
+                agent.send(event)
+                for kind in ("empty", "multi", "event"):
+                    sent[kind] += 1
+        last = make_event(uid=b"last")
+        agent.send(last)
+        sent["event"] += 1
+        wait_for(lambda: read_file("events", "rb").endswith(last), "the last event")
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+
+        report = re.search(r"s: (\d+) events .*, (\d+) empty .*, (\d+) malformed .*, "
+                           r"(\d+) multi-part", collector.stderr)
+        events, empty, malformed, multi_part = (int(group) for group in report.groups())
+        self.assertEqual((empty, multi_part), (sent["empty"], sent["multi"]))
+        self.assertEqual(events + malformed, sent["event"] + sent["random"] + sent["damaged"])
+        # A damaged event may be an event still, a random text of these lengths is none.
+        self.assertGreaterEqual(malformed, sent["random"])
+        self.assertGreaterEqual(events, sent["event"])
+        written = unframed(read_file("events", "rb"))
+        self.assertEqual(len(written), events)
+        self.assertEqual(sum(message == event for message in written), sent["event"] - 1)
+        decoded = self.run_tool("decode", "events")
+        self.assertEqual((decoded.returncode, decoded.stderr), (0, ""))
+        self.assertEqual(decoded.stdout.count(b"\n"), events)
+
+    def test_small_event_that_would_print_as_gigabytes_is_malformed(self):
+        collector = self.collect("--count", "1")
+        agent = self.agent(collector.endpoint)
+        agent.send(pairs_event(100000, b"x" * 100000))
+        agent.send(pairs_event(1000, b"shared but bearable"))
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["malformed messages"], 1)
+        self.assertEqual(len(json.loads(collector.stdout)["data"]["fields"]), 1000)
+
+    def test_message_above_the_limit_is_refused_and_others_are_served(self):
+        collector = self.collect("--count", "1")
+        hostile = self.agent(collector.endpoint)
+        hostile.send(bytes((64 << 20) + 1))
+        self.agent(collector.endpoint).send(make_event())
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["malformed messages"], 0)
+
+
+@needs_zmq
+class CollectPressureTest(CliTest):
+    EVENTS = 20000
+
+    def start_into_pipe(self, *arguments):
+        """A collector whose standard output nobody reads yet."""
+        self.keygen()
+        read_end, write_end = os.pipe()
+        with open("stderr", "wb") as stderr:
+            popen = subprocess.Popen([ZMQWRITER, "collect", "--bind", "tcp://127.0.0.1:*",
+                                      "--secret-key", "server.secret"] + list(arguments),
+                                     stdout=write_end, stderr=stderr)
+        os.close(write_end)
+        self.addCleanup(lambda: (popen.kill(), popen.wait()))
+        popen.endpoint = wait_for(
+            lambda: re.search(r"listening on (\S+)\n", read_file("stderr")), "the endpoint").group(1)
+        reader = os.fdopen(read_end, "rb")
+        self.addCleanup(reader.close)
+        return popen, reader
+
+    @staticmethod
+    def send_until_it_blocks(agent, messages):
+        """How many could be sent before nothing was taken for a whole second."""
+        agent.sndtimeo = 1000
+        sent = 0
+        try:
+            for message in messages:
+                agent.send(message)
+                sent += 1
+        except zmq.Again:
+            pass
+        return sent
+
+    def test_stalled_reader_costs_neither_memory_nor_events(self):
+        collector, reader = self.start_into_pipe("--format", "raw")
+        agent = self.plain_agent()
+        agent.sndhwm = 1
+        agent.curve_publickey, agent.curve_secretkey = zmq.curve_keypair()
+        agent.curve_serverkey = bytes.fromhex(read_file("server.public"))
+        agent.connect(collector.endpoint)
+        details = b"x" * 8000
+        events = [make_event(uid=b"C%05d" % number, details=details)
+                  for number in range(self.EVENTS)]
+        size = len(events[0])
+        before = memory_kb(collector) if os.path.exists("/proc/self/status") else None
+        sent = self.send_until_it_blocks(agent, events)
+        self.assertLess(sent, self.EVENTS, "the collector took everything while nobody read")
+        if before is not None:
+            # 160 MB were on offer; libzmq's queue of 1000 of them is 8 MB.
+            self.assertLess(memory_kb(collector, "VmHWM") - before, 40 * 1024)
+
+        received = []
+        thread = threading.Thread(target=lambda: received.append(
+            reader.read(self.EVENTS * (4 + size))))
+        thread.start()
+        agent.sndtimeo = DEADLINE * 1000
+        for event in events[sent:]:
+            agent.send(event)
+        thread.join(DEADLINE)
+        self.assertEqual(unframed(received[0]), events)
+        if before is not None:
+            self.assertLess(memory_kb(collector, "VmHWM") - before, 40 * 1024)
+
+    def test_stop_signal_during_a_stall_loses_nothing_that_was_received(self):
+        collector, reader = self.start_into_pipe()
+        agent = self.agent(collector.endpoint)
+        for number in range(200):
+            agent.send(make_event(uid=b"C%d" % number, details=b"x" * 3000))
+        # A full pipe: more than it holds is on its way, so the collector is in the middle of a write.
+        wait_for(lambda: readable_bytes(reader) > 32768, "the full pipe")
+        self.wait_until_handed_over(agent, collector)
+        collector.send_signal(signal.SIGTERM)
+        lines = reader.read().splitlines()
+        self.assertEqual(collector.wait(DEADLINE), 0)
+        self.assertEqual([json.loads(line)["uid"] for line in lines],
+                         ["C%d" % number for number in range(200)])
+        self.assertIn("events: 200 ", read_file("stderr"))
+
+    @staticmethod
+    def wait_until_handed_over(agent, collector):
+        """Closing lingers until everything has left the agent."""
+        agent.linger = DEADLINE * 1000
+        context = agent.context
+        agent.close()
+        context.term()
+
+    def test_second_signal_ends_a_stalled_collector_at_once(self):
+        collector, reader = self.start_into_pipe()
+        agent = self.agent(collector.endpoint)
+        for _ in range(200):
+            agent.send(make_event(details=b"x" * 3000))
+        wait_for(lambda: readable_bytes(reader) > 32768, "the full pipe")
+        collector.send_signal(signal.SIGTERM)
+        wait_for(lambda: self.caught_no_more(collector.pid, signal.SIGTERM), "the first signal")
+        collector.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(DEADLINE), -signal.SIGTERM)
+
+    def caught_no_more(self, pid, number):
+        """Whether the handler, which works once, has been used up."""
+        if not os.path.exists("/proc/self/status"):
+            self.skipTest("needs /proc")
+        caught = int(re.search(r"SigCgt:\s+(\w+)", read_file("/proc/%d/status" % pid)).group(1), 16)
+        return not caught & 1 << number - 1
+
+    def test_agents_of_several_endpoints_get_everything_through_at_a_stop(self):
+        collector = self.collect("--bind", "tcp://127.0.0.1:*", "--output", "events", "--format",
+                                 "raw")
+        endpoints = wait_for(lambda: len(re.findall(r"listening on (\S+)\n", collector.stderr)) == 2
+                             and re.findall(r"listening on (\S+)\n", collector.stderr),
+                             "two endpoints")
+        collector.popen.send_signal(signal.SIGSTOP)
+        agents = [self.agent(endpoint) for endpoint in endpoints for _ in range(2)]
+        collector.popen.send_signal(signal.SIGCONT)
+        for agent in agents:
+            agent.send(make_event(uid=b"first"))
+        wait_for(lambda: len(unframed(read_file("events", "rb"))) == 4, "all connections")
+        collector.popen.send_signal(signal.SIGSTOP)
+        for index, agent in enumerate(agents):
+            for number in range(500):
+                agent.send(make_event(uid=b"%d-%d" % (index, number)))
+        for agent in agents:
+            agent.linger = DEADLINE * 1000
+            threading.Thread(target=agent.close).start()
+        collector.popen.send_signal(signal.SIGINT)
+        collector.popen.send_signal(signal.SIGCONT)
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["events"], 2004)
+        self.assertEqual(len(unframed(read_file("events", "rb"))), 2004)
+
+
+def readable_bytes(file):
+    import array
+    import termios
+    waiting = array.array("i", [0])
+    fcntl.ioctl(file.fileno(), termios.FIONREAD, waiting)
+    return waiting[0]
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,220 @@
+// The outputs: streams that are interrupted, files that rotate.
+#include "EventSink.h"
+#include "Output.h"
+#include "RotatingFile.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <flatbuffers/flatbuffers.h>
+
+#include "EventJson.h"
+#include "RawEvents.h"
+#include "TempDir.h"
+#include "aggregator_generated.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+std::string event(const std::string& uid) {
+  flatbuffers::FlatBufferBuilder builder;
+  builder.Finish(Dravenholt::CreateNetworkEvent(builder, builder.CreateString(uid)));
+  return std::string(reinterpret_cast<const char*>(builder.GetBufferPointer()), builder.GetSize());
+}
+
+class CollectOutputTest : public testing::Test {
+ protected:
+  static void write(EventSink* sink, const std::string& message) {
+    sink->Write(EventMessage(message.data(), message.size()), message);
+  }
+
+  static std::string framed(const std::string& message) {
+    std::string text;
+    append_raw_event(&text, message);
+    return text;
+  }
+
+  /// A sink of raw events into "out".
+  static SinkOptions raw(std::uint64_t rotate_size, std::uint64_t keep = 0) {
+    return {"raw", "out", rotate_size, keep};
+  }
+
+  static bool exists(const std::string& file) { return access(file.c_str(), F_OK) == 0; }
+
+  test::TempDir temp_;
+};
+
+TEST_F(CollectOutputTest, WriteGoesOnAfterSignalsAndWhereAPipeIsFull) {
+  for (const bool blocking : {true, false}) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    if (!blocking) {
+      ASSERT_EQ(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+    }
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    struct sigaction before;
+    sigaction(SIGUSR1, &action, &before);
+
+    const std::string text(1 << 20, 'x');
+    std::atomic<bool> done{false};
+    std::size_t written = 0;
+    std::thread writer([&] {
+      written = write_fully(ends[1], text);
+      done = true;
+      close(ends[1]);
+    });
+    std::string got;
+    char buffer[4096];
+    for (;;) {
+      if (!done)
+        pthread_kill(writer.native_handle(), SIGUSR1);
+      const ssize_t size = read(ends[0], buffer, sizeof buffer);
+      if (size == 0)
+        break;
+      if (size > 0)
+        got.append(buffer, static_cast<std::size_t>(size));
+    }
+    writer.join();
+    close(ends[0]);
+    sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_EQ(written, text.size());
+    EXPECT_TRUE(got == text);
+  }
+}
+
+TEST_F(CollectOutputTest, StreamKeepsTheOrderOfWhatOthersHaveWrittenToIt) {
+  std::FILE* const file = std::fopen("stream", "w");
+  {
+    Output out(file);
+    std::fputs("before ", file);
+    out.WriteLine("ours");
+  }
+  std::fclose(file);
+  EXPECT_EQ(test::read_file("stream"), "before ours\n");
+}
+
+TEST_F(CollectOutputTest, FileIsExactlyAsLongAsAllowedAndNotAByteMore) {
+  const std::string message = event("C1");
+  const std::size_t size = framed(message).size();
+  {
+    EventSink exact(raw(2 * size));
+    for (int i = 0; i < 4; ++i)
+      write(&exact, message);
+    exact.Flush();
+    EXPECT_EQ(exact.finished_files(), 1u);
+    EXPECT_EQ(exact.written_bytes(), 4 * size);
+  }
+  EXPECT_EQ(test::read_file("out.000001"), framed(message) + framed(message));
+  EXPECT_EQ(test::read_file("out"), framed(message) + framed(message));
+
+  EventSink less(raw(2 * size - 1));  // moves the former run's file aside
+  for (int i = 0; i < 2; ++i)
+    write(&less, message);
+  less.Flush();
+  EXPECT_EQ(less.finished_files(), 1u);
+  EXPECT_EQ(test::read_file("out.000003"), framed(message));
+  EXPECT_EQ(test::read_file("out"), framed(message));
+}
+
+TEST_F(CollectOutputTest, WhatIsFlushedBetweenCountsTowardsTheSize) {
+  const std::string message = event("C1");
+  EventSink sink(raw(framed(message).size()));
+  for (int i = 0; i < 3; ++i) {
+    write(&sink, message);
+    sink.Flush();
+  }
+  EXPECT_EQ(sink.finished_files(), 2u);
+}
+
+TEST_F(CollectOutputTest, EmptyFileIsNotMovedAside) {
+  test::write_file("out", "");
+  EventSink sink(raw(0));
+  EXPECT_FALSE(exists("out.000001"));
+}
+
+TEST_F(CollectOutputTest, NumbersGoOnBeyondSixDigits) {
+  test::write_file("out.999999", "old");
+  test::write_file("out.99999", "five digits are not ours");
+  test::write_file("out.1000000x", "nor this");
+  test::write_file("out", "left over");
+  EventSink sink(raw(0));
+  EXPECT_EQ(test::read_file("out.1000000"), "left over");
+}
+
+TEST_F(CollectOutputTest, OldestFilesAreRemovedAndNothingElse) {
+  for (const char* const name : {"out.000001", "out.000002", "out.000003", "out.txt", "out.1"})
+    test::write_file(name, "x");
+  const std::string message = event("C1");
+  EventSink sink(raw(1, 2));
+  write(&sink, message);
+  write(&sink, message);
+  sink.Flush();
+  EXPECT_FALSE(exists("out.000001"));
+  EXPECT_FALSE(exists("out.000002"));
+  EXPECT_TRUE(exists("out.000003"));
+  EXPECT_EQ(test::read_file("out.000004"), framed(message));
+  EXPECT_TRUE(exists("out.txt"));
+  EXPECT_TRUE(exists("out.1"));
+}
+
+TEST_F(CollectOutputTest, FileInUseIsRefusedAlsoAfterARotation) {
+  RotatingFile file("out", 0, true);
+  EXPECT_THROW(RotatingFile("out", 0, true), std::runtime_error);
+  ASSERT_EQ(file.Append("first"), 5u);
+  ASSERT_EQ(file.Rotate(), "");
+  EXPECT_THROW(RotatingFile("out", 0, true), std::runtime_error);
+  ASSERT_EQ(file.Append("second"), 6u);
+  EXPECT_EQ(test::read_file("out.000001"), "first");
+  EXPECT_EQ(test::read_file("out"), "second");
+}
+
+TEST_F(CollectOutputTest, FileThatCannotBeMovedIsWrittenOn) {
+  RotatingFile file("out", 0, true);
+  ASSERT_EQ(file.Append("first "), 6u);
+  ASSERT_EQ(std::rename("out", "elsewhere"), 0);
+  EXPECT_THAT(file.Rotate(), HasSubstr("out: cannot be moved aside to out.000001"));
+  ASSERT_EQ(file.Append("second"), 6u);
+  EXPECT_EQ(test::read_file("elsewhere"), "first second");
+  EXPECT_EQ(file.size(), 12u);
+}
+
+TEST_F(CollectOutputTest, TornEventIsCutOff) {
+  RotatingFile file("out", 0, false);
+  ASSERT_EQ(file.Append("whole "), 6u);
+  ASSERT_EQ(file.Append("whole torn"), 10u);
+  file.CutLastAppend(6);
+  EXPECT_EQ(test::read_file("out"), "whole whole ");
+  EXPECT_EQ(file.size(), 12u);
+}
+
+TEST_F(CollectOutputTest, FailureCountsEveryEventThatDidNotGetOut) {
+  if (!exists("/dev/full"))
+    GTEST_SKIP() << "needs /dev/full";
+  EventSink sink({"json", "/dev/full", 0, 0});
+  for (int i = 0; i < 3; ++i)
+    write(&sink, event("C1"));
+  EXPECT_FALSE(sink.failed());
+  sink.Flush();
+  EXPECT_TRUE(sink.failed());
+  EXPECT_EQ(sink.lost_events(), 3u);
+  write(&sink, event("C2"));
+  EXPECT_EQ(sink.lost_events(), 4u);
+  EXPECT_EQ(sink.written_bytes(), 0u);
+}
+
+}  // namespace

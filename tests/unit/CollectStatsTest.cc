@@ -1,0 +1,163 @@
+// The counts of a collector, their labels, and the reports made of them.
+#include "CollectStats.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <flatbuffers/flatbuffers.h>
+
+#include "EventJson.h"
+#include "StatsPrinter.h"
+#include "aggregator_generated.h"
+
+namespace {
+
+namespace schema = Dravenholt;
+
+/// Counts an event of `size` bytes.
+void count(CollectStats* stats, const char* agent, std::size_t size = 10,
+           schema::Data type = schema::Data_NONE) {
+  flatbuffers::FlatBufferBuilder builder;
+  const auto agent_id =
+      agent ? builder.CreateString(agent) : flatbuffers::Offset<flatbuffers::String>();
+  builder.Finish(schema::CreateNetworkEvent(builder, 0, 1.0, 0, agent_id, type));
+  stats->CountEvent(EventMessage(builder.GetBufferPointer(), builder.GetSize()), size);
+}
+
+TEST(CollectStatsTest, EventsAreCountedByTypeAndAgent) {
+  CollectStats stats;
+  count(&stats, "a", 10, schema::Data_HttpData);
+  count(&stats, "a", 20, schema::Data_FtpData);
+  count(&stats, "b", 30, schema::Data_HttpData);
+  count(&stats, "b", 40, static_cast<schema::Data>(200));
+  const CollectCounts counts = stats.Counts();
+  EXPECT_EQ(counts.all.events, 4u);
+  EXPECT_EQ(counts.all.bytes, 100u);
+  EXPECT_EQ(counts.by_type.size(), 3u);
+  EXPECT_EQ(counts.by_type.at("HttpData").events, 2u);
+  EXPECT_EQ(counts.by_type.at("HttpData").bytes, 40u);
+  EXPECT_EQ(counts.by_type.at("FtpData").bytes, 20u);
+  EXPECT_EQ(counts.by_type.at("200").bytes, 40u);
+  EXPECT_EQ(counts.by_agent.size(), 2u);
+  EXPECT_EQ(counts.by_agent.at("a").bytes, 30u);
+  EXPECT_EQ(counts.by_agent.at("b").events, 2u);
+}
+
+TEST(CollectStatsTest, AbsentAndEmptyAgentsAreOne) {
+  CollectStats stats;
+  count(&stats, nullptr);
+  count(&stats, "");
+  EXPECT_EQ(stats.Counts().by_agent.at(kNoAgent).events, 2u);
+}
+
+TEST(CollectStatsTest, HundredAgentsAreToldApartAndTheRestIsLumped) {
+  CollectStats stats;
+  for (int number = 0; number < 150; ++number)
+    count(&stats, ("agent-" + std::to_string(number)).c_str());
+  count(&stats, "agent-99");
+  count(&stats, "agent-100");
+  const CollectCounts counts = stats.Counts();
+  EXPECT_EQ(counts.by_agent.size(), 101u);
+  EXPECT_EQ(counts.by_agent.at("agent-99").events, 2u);
+  EXPECT_EQ(counts.by_agent.count("agent-100"), 0u);
+  EXPECT_EQ(counts.by_agent.at(kOtherAgents).events, 51u);
+}
+
+TEST(CollectStatsTest, AgentThatCallsItselfOthersIsNotTakenForThem) {
+  CollectStats stats;
+  count(&stats, kOtherAgents);
+  count(&stats, kNoAgent);
+  const CollectCounts counts = stats.Counts();
+  EXPECT_EQ(counts.by_agent.count(kOtherAgents) + counts.by_agent.count(kNoAgent), 0u);
+  EXPECT_EQ(counts.by_agent.at("\\x28others)").events, 1u);
+}
+
+TEST(CollectStatsTest, LongNamesAreCutAndCountTogether) {
+  CollectStats stats;
+  const std::string start(CollectStats::kLongestAgent, 'x');
+  count(&stats, start.c_str());
+  count(&stats, (start + "1").c_str());
+  count(&stats, (start.substr(1) + "\xe2\x82\xac").c_str());  // cut inside the sign
+  const CollectCounts counts = stats.Counts();
+  EXPECT_EQ(counts.by_agent.size(), 2u);
+  EXPECT_EQ(counts.by_agent.at(start).events, 2u);
+  EXPECT_EQ(counts.by_agent.at(start.substr(1) + "\\xe2").events, 1u);
+}
+
+TEST(CollectStatsTest, LabelsAreUtf8WithoutControlCharacters) {
+  EXPECT_EQ(agent_label("agent-7 \xc3\xa9\xe2\x82\xac\xf0\x9f\x9a\x80"),
+            "agent-7 \xc3\xa9\xe2\x82\xac\xf0\x9f\x9a\x80");
+  EXPECT_EQ(agent_label("a\nb\x1b\x7f"), "a\\x0ab\\x1b\\x7f");
+  EXPECT_EQ(agent_label(std::string_view("\0", 1)), "\\x00");
+  EXPECT_EQ(agent_label("\xff\xc3"), "\\xff\\xc3");
+  EXPECT_EQ(agent_label("\xc2\x9b\xc2\xa0"), "\\xc2\\x9b\xc2\xa0") << "controls end at U+009F";
+  EXPECT_EQ(agent_label("\xe2\x80\xa8\xe2\x80\xa9\xe2\x80\xaa"),
+            "\\xe2\\x80\\xa8\\xe2\\x80\\xa9\xe2\x80\xaa")
+      << "separators of lines";
+  EXPECT_EQ(agent_label("\\x41"), "\\x5cx41") << "never the same as another name's label";
+  EXPECT_EQ(agent_label("a(b"), "a(b");
+}
+
+TEST(CollectStatsTest, CountingAndReadingAtTheSameTimeAddsUp) {
+  CollectStats stats;
+  constexpr int kEach = 2000;
+  std::vector<std::thread> threads;
+  for (const char* const agent : {"a", "b"}) {
+    threads.emplace_back([&stats, agent] {
+      for (int i = 0; i < kEach; ++i) {
+        count(&stats, agent);
+        stats.CountEmpty();
+        stats.CountMalformed();
+        stats.CountMultiPart();
+      }
+    });
+  }
+  std::uint64_t seen = 0;
+  while (seen < 2 * kEach) {
+    const CollectCounts counts = stats.Counts();
+    ASSERT_GE(counts.all.events, seen);
+    seen = counts.all.events;
+    std::uint64_t by_agent = 0;
+    for (const auto& agent : counts.by_agent)
+      by_agent += agent.second.events;
+    ASSERT_EQ(by_agent, seen);
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(stats.Counts().messages(), 4u * 2 * kEach);
+}
+
+TEST(StatsReportTest, TellsCountsAndRatesSinceTheReportBefore) {
+  CollectStats stats;
+  count(&stats, "a", 100, schema::Data_HttpData);
+  const CollectCounts before = stats.Counts();
+  for (int i = 0; i < 4; ++i)
+    count(&stats, "b", 50, schema::Data_FtpData);
+  stats.CountEmpty();
+  stats.CountMalformed();
+  stats.CountMalformed();
+  stats.CountMultiPart();
+  EXPECT_EQ(stats_report(before, stats.Counts(), 2.0),
+            "[stats] 2.0 s: 4 events (2.0/s), 200 bytes (100/s), 1 empty (0.5/s), "
+            "2 malformed (1.0/s), 1 multi-part (0.5/s)\n"
+            "[stats]   FtpData: 4 events (2.0/s), 200 bytes (100/s)\n"
+            "[stats]   agent b: 4 events (2.0/s), 200 bytes (100/s)\n");
+}
+
+TEST(StatsReportTest, NamesTheTenBusiestAgents) {
+  CollectStats stats;
+  for (int number = 0; number < 15; ++number) {
+    for (int i = 0; i <= number; ++i)
+      count(&stats, ("agent-" + std::to_string(number)).c_str());
+  }
+  const std::string report = stats_report(CollectCounts(), stats.Counts(), 1.0);
+  EXPECT_NE(report.find("agent agent-14: 15 events"), std::string::npos);
+  EXPECT_NE(report.find("agent agent-5: 6 events"), std::string::npos);
+  EXPECT_EQ(report.find("agent agent-4:"), std::string::npos);
+  EXPECT_NE(report.find("[stats]   and 5 agents more\n"), std::string::npos);
+}
+
+}  // namespace
