@@ -227,10 +227,10 @@ void add_spool_command(CLI::App& app, int* exit_code) {
   list->callback([options, exit_code] { *exit_code = list_spool(options->folder); });
 
   CLI::App* const dump =
-      add("dump",
-          "Print the events that the agent's next start finds, newest first, as they would be "
-          "sent, one JSON object per line");
-  dump->footer("Exit status 1 when a record is no event. Changes nothing.");
+      add("dump", "Print the events that the agent's next start finds, newest first");
+  dump->footer(
+      "One JSON object per line, in the order in which they would be sent. Exit status 1 when\n"
+      "a record is no event. Changes nothing.");
   dump->add_flag("--raw", options->raw,
                  "Write the bytes instead: each record preceded by its length as a 32-bit "
                  "little-endian number (zmqwriter decode reads this)");
