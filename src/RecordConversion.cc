@@ -21,272 +21,38 @@ namespace {
 
 using flatbuffers::FlatBufferBuilder;
 using flatbuffers::Offset;
-using flatbuffers::uoffset_t;
-using flatbuffers::voffset_t;
 
-// ---- the mapping: record columns to schema fields ----
+// ---- column names ----
 
-/// How a record value becomes a schema field.
-enum Conversion : std::uint8_t {
-  kText,          // the bytes as they are
-  kJoined,        // a list's texts in element order, "," between them
-  kCount16,       // low 16 bits
-  kCount32,       // low 32 bits
-  kCount64,       // all 64 bits
-  kPort,          // low 16 bits
-  kFlag,          // 1 if not zero, else 0
-  kReal,          // the double as it is
-  kMilliseconds,  // seconds x 1000, truncated
-  kTransport,     // tcp, udp, icmp in any case; anything else is unknown
-  kAddress,       // the bytes of an address in network order
+/// The characters `at` up to `end` of a name beside those of a literal of `size` bytes.
+template <std::size_t size, std::size_t at, std::size_t end>
+struct Characters {
+  __attribute__((always_inline)) static bool equal(const char* name, const char (&literal)[size]) {
+    return name[at] == literal[at] && Characters<size, at + 1, end>::equal(name, literal);
+  }
+};
+template <std::size_t size, std::size_t end>
+struct Characters<size, end, end> {
+  __attribute__((always_inline)) static bool equal(const char*, const char (&)[size]) {
+    return true;
+  }
 };
 
-struct Column {
-  const char* name;
-  voffset_t field;  // the schema field, by its vtable slot
-  Conversion conversion;
-};
-
-using General = Dravenholt::GeneralData;
-const Column kGeneralColumns[] = {
-    {"id.orig_h", General::VT_ORIG_H, kAddress},
-    {"id.orig_p", General::VT_ORIG_P, kPort},
-    {"id.resp_h", General::VT_RESP_H, kAddress},
-    {"id.resp_p", General::VT_RESP_P, kPort},
-    {"proto", General::VT_PROTO, kTransport},
-    {"duration", General::VT_DURATION, kMilliseconds},
-    {"orig_bytes", General::VT_ORIG_BYTES, kCount32},
-    {"resp_bytes", General::VT_RESP_BYTES, kCount32},
-    {"conn_state", General::VT_CONN_STATE, kText},
-    {"local_orig", General::VT_LOCAL_ORIG, kFlag},
-    {"local_resp", General::VT_LOCAL_RESP, kFlag},
-    {"missed_bytes", General::VT_MISSED_BYTES, kCount32},
-    {"orig_pkts", General::VT_ORIG_PKTS, kCount32},
-    {"orig_ip_bytes", General::VT_ORIG_IP_BYTES, kCount32},
-    {"resp_pkts", General::VT_RESP_PKTS, kCount32},
-    {"resp_ip_bytes", General::VT_RESP_IP_BYTES, kCount32},
-    {"username", General::VT_USERNAME, kText},
-    {"process", General::VT_PROCESS, kText},
-    {"service", General::VT_SERVICE, kText},
-};
-
-using Ftp = Dravenholt::FtpData;
-const Column kFtpColumns[] = {
-    {"ftp.user", Ftp::VT_USER, kText},
-    {"ftp.command", Ftp::VT_COMMAND, kText},
-    {"ftp.arg", Ftp::VT_ARG, kText},
-    {"ftp.reply_code", Ftp::VT_REPLY_CODE, kCount16},
-    {"ftp.file_size", Ftp::VT_FILE_SIZE, kCount64},
-};
-
-using Http = Dravenholt::HttpData;
-const Column kHttpColumns[] = {
-    {"http.user", Http::VT_USER, kText},
-    {"http.method", Http::VT_METHOD, kText},
-    {"http.host", Http::VT_HOST, kText},
-    {"http.uri", Http::VT_URI, kText},
-    {"http.status_code", Http::VT_STATUS_CODE, kCount16},
-    {"http.request_body_len", Http::VT_REQUEST_BODY_LEN, kCount64},
-    {"http.response_body_len", Http::VT_RESPONSE_BODY_LEN, kCount64},
-};
-
-using Ldap = Dravenholt::LdapData;
-const Column kLdapColumns[] = {
-    {"ldap.user", Ldap::VT_USER, kText},
-    {"ldap.message", Ldap::VT_MESSAGE, kText},
-    {"ldap.base", Ldap::VT_BASE, kText},
-    {"ldap.resultCode", Ldap::VT_RESULT_CODE, kCount16},
-};
-
-using Smb = Dravenholt::SmbData;
-const Column kSmbColumns[] = {
-    {"smb.user", Smb::VT_USER, kText},
-    {"smb.share", Smb::VT_SHARE, kText},
-    {"smb.filename", Smb::VT_FILENAME, kText},
-    {"smb.action", Smb::VT_ACTION, kText},
-    {"smb.filesize", Smb::VT_FILESIZE, kCount64},
-};
-
-using Smtp = Dravenholt::SmtpData;
-const Column kSmtpColumns[] = {
-    {"smtp.from", Smtp::VT_FROM, kText},
-    {"smtp.to", Smtp::VT_TO, kJoined},
-    {"smtp.subject", Smtp::VT_SUBJECT, kText},
-    {"smtp.reqSize", Smtp::VT_REQ_SIZE, kCount64},
-};
-
-using Tds = Dravenholt::TdsData;
-const Column kTdsColumns[] = {
-    {"tds.user", Tds::VT_USER, kText},
-    {"tds.database", Tds::VT_DATABASE, kText},
-    {"tds.app", Tds::VT_APP, kText},
-    {"tds.sql", Tds::VT_SQL, kText},
-};
-
-using DceRpc = Dravenholt::DceRpcData;
-const Column kDceRpcColumns[] = {
-    {"dce.request_type", DceRpc::VT_REQUEST_TYPE, kText},
-    {"dce.interface_uuid", DceRpc::VT_INTERFACE_UUID, kText},
-    {"dce.interface_name", DceRpc::VT_INTERFACE_NAME, kText},
-    {"dce.opnum", DceRpc::VT_OPNUM, kCount32},
-    {"dce.method", DceRpc::VT_METHOD, kText},
-    {"dce.arguments", DceRpc::VT_ARGUMENTS, kText},
-    {"dce.raw_args", DceRpc::VT_RAW_ARGS, kText},
-};
-
-using Tn5250 = Dravenholt::Tn5250Data;
-const Column kTn5250Columns[] = {
-    {"tn5250.protocol", Tn5250::VT_PROTOCOL, kText},
-    {"tn5250.details", Tn5250::VT_DETAILS, kText},
-};
-
-using Stats = Dravenholt::SystemStatsData;
-const Column kStatsColumns[] = {
-    {"cpu_usage", Stats::VT_CPU_USAGE, kReal},
-    {"priority", Stats::VT_PRIORITY, kCount32},
-    {"ph_mem_total", Stats::VT_PH_MEM_TOTAL, kCount32},
-    {"ph_mem_used", Stats::VT_PH_MEM_USED, kCount32},
-    {"virt_mem_total", Stats::VT_VIRT_MEM_TOTAL, kCount32},
-    {"virt_mem_used", Stats::VT_VIRT_MEM_USED, kCount32},
-    {"hdd_volume", Stats::VT_HDD_VOLUME, kReal},
-    {"hdd_used", Stats::VT_HDD_USED, kReal},
-    {"hdd_avail", Stats::VT_HDD_AVAIL, kReal},
-};
-
-/// The extra keys (in any case) that an inbound HTTP record is made of; all are texts.
-const Column kInboundHttpKeys[] = {
-    {"verb", Http::VT_METHOD, kText},
-    {"url", Http::VT_URI, kText},
-    {"user", Http::VT_USER, kText},
-};
-
-/// The values of "ptype", in the order in which they are tried.
-struct Protocol {
-  const char* name;
-  std::size_t length;
-  Dravenholt::Data type;
-  bool inbound;
-};
-const Protocol kProtocols[] = {
-    {"ftp", 3, Dravenholt::Data_FtpData, false},
-    {"http", 4, Dravenholt::Data_HttpData, false},
-    {"http-in", 7, Dravenholt::Data_HttpData, true},
-    {"ldap", 4, Dravenholt::Data_LdapData, false},
-    {"smb", 3, Dravenholt::Data_SmbData, false},
-    {"smtp", 4, Dravenholt::Data_SmtpData, false},
-    {"tds", 3, Dravenholt::Data_TdsData, false},
-    {"tn5250", 6, Dravenholt::Data_Tn5250Data, false},
-    {"dce-rpc", 7, Dravenholt::Data_DceRpcData, false},
-    {"general", 7, Dravenholt::Data_GeneralData, false},
-};
-const Protocol kGenericProtocol = {"", 0, Dravenholt::Data_GenericProtocolData, false};
-
-/// The columns that the envelope is made of, whatever the protocol; `field` is an EnvelopeField.
-enum EnvelopeField : voffset_t { kPtype, kCpuUsage, kTs, kUid, kExtraFields, kExtraVals };
-const Column kEnvelopeColumns[] = {
-    {"ptype", kPtype, kText},
-    {"cpu_usage", kCpuUsage, kReal},
-    {"ts", kTs, kReal},
-    {"uid", kUid, kText},
-    {"extra_fields", kExtraFields, kJoined},
-    {"extra_vals", kExtraVals, kJoined},
-};
-
-template <typename Word>
-std::uint64_t word_at(const char* text) {
-  Word word;
-  memcpy(&word, text, sizeof word);
-  return word;
+/// Whether a column has that name. It is asked of every column of every record, so it is spelled
+/// out for the compiler, which makes one comparison with a constant of each character: that costs
+/// less than any call, or than finding out how long the name is. It ends at the first difference,
+/// so nothing behind the name's terminator is read.
+template <std::size_t size>
+__attribute__((always_inline)) inline bool is(const char* name, const char (&literal)[size]) {
+  return Characters<size, 0, size>::equal(name, literal);
 }
 
-/// A column name in a form that compares fast: names are short, and calls of memcmp would cost
-/// more than all the rest of a look-up.
-struct NameKey {
-  NameKey() : length(0), head(0), tail(0) {}
-
-  explicit NameKey(const char* name) : length(strlen(name)), head(0), tail(0) {
-    // Head and tail overlap in a name that is no multiple of its words.
-    if (length >= 8) {
-      head = word_at<std::uint64_t>(name);
-      tail = word_at<std::uint64_t>(name + length - 8);
-    } else if (length >= 4) {
-      head = word_at<std::uint32_t>(name);
-      tail = word_at<std::uint32_t>(name + length - 4);
-    } else if (length > 0) {
-      head = word_at<std::uint8_t>(name) << 8 | word_at<std::uint8_t>(name + length / 2);
-      tail = word_at<std::uint8_t>(name + length - 1);
-    }
-  }
-
-  std::size_t length;
-  std::uint64_t head;  // the first characters: eight, or four, or two
-  std::uint64_t tail;  // the last ones
-};
-
-/// The columns of one payload, to be found by name: a small hash table, built once, when the
-/// plug-in is loaded. Names are told apart by their length and by words, and only what is then left
-/// between the first and the last eight characters is compared by itself.
-class ColumnTable {
- public:
-  template <std::size_t n>
-  explicit ColumnTable(const Column (&columns)[n]) : initials_(), first_(), count_(0) {
-    static_assert(n <= kMaxColumns, "more columns than a ColumnTable holds");
-    for (std::size_t slot = 0; slot < kSlots; slot++) {
-      first_[slot] = count_;
-      for (const Column& column : columns)
-        if (slot_of(NameKey(column.name)) == slot)
-          entries_[count_++] = {column, NameKey(column.name)};
-    }
-    first_[kSlots] = count_;
-    for (const Column& column : columns)
-      initials_[static_cast<unsigned char>(column.name[0])] = true;
-  }
-
-  /// Null when no column has that name.
-  const Column* find(const char* name) const {
-    if (!initials_[static_cast<unsigned char>(name[0])])
-      return nullptr;
-    const NameKey key(name);
-    const std::size_t slot = slot_of(key);
-    const Entry* end = entries_ + first_[slot + 1];
-    for (const Entry* entry = entries_ + first_[slot]; entry != end; entry++)
-      if (entry->key.head == key.head && entry->key.tail == key.tail &&
-          entry->key.length == key.length &&
-          (key.length <= 16 || memcmp(entry->column.name + 8, name + 8, key.length - 16) == 0))
-        return &entry->column;
-    return nullptr;
-  }
-
- private:
-  struct Entry {
-    Column column;
-    NameKey key;
-  };
-
-  static const std::size_t kMaxColumns = 24;
-  static const std::size_t kSlots = 64;
-
-  static std::size_t slot_of(const NameKey& key) {
-    return (key.head + key.tail * 3 + key.length) * 0x9e3779b97f4a7c15ULL >> 58;
-  }
-
-  bool initials_[256];              // by first character: whether any column begins with it
-  std::uint8_t first_[kSlots + 1];  // by slot: its entries are there up to those of the next slot
-  std::uint8_t count_;
-  Entry entries_[kMaxColumns];
-};
-
-const ColumnTable kEnvelope(kEnvelopeColumns);
-const ColumnTable kGeneral(kGeneralColumns);
-const ColumnTable kFtp(kFtpColumns);
-const ColumnTable kHttp(kHttpColumns);
-const ColumnTable kLdap(kLdapColumns);
-const ColumnTable kSmb(kSmbColumns);
-const ColumnTable kSmtp(kSmtpColumns);
-const ColumnTable kTds(kTdsColumns);
-const ColumnTable kDceRpc(kDceRpcColumns);
-const ColumnTable kTn5250(kTn5250Columns);
-const ColumnTable kStats(kStatsColumns);
+/// What of the name follows the prefix; null when it begins otherwise.
+template <std::size_t size>
+__attribute__((always_inline)) inline const char* behind(const char (&prefix)[size],
+                                                         const char* name) {
+  return Characters<size, 0, size - 1>::equal(name, prefix) ? name + (size - 1) : nullptr;
+}
 
 // ---- reading host values: the type decides which member may be read ----
 
@@ -299,52 +65,59 @@ bool is_set(const threading::Value* value) {
   return value && value->present;
 }
 
+constexpr std::uint32_t bit(TypeTag type) {
+  return std::uint32_t(1) << type;
+}
+static_assert(NUM_TYPES <= 32, "a set of types is a word");
+
+/// Whether the value is set and of one of the types.
+template <std::uint32_t types>
+__attribute__((always_inline)) inline bool is_one_of(const threading::Value* value) {
+  const std::uint32_t type = is_set(value) ? static_cast<std::uint32_t>(value->type) : 32;
+  return type < 32 && (types >> type & 1) != 0;
+}
+
 Text text_of(const threading::Value* value) {
+  const std::uint32_t texts = bit(TYPE_STRING) | bit(TYPE_ENUM) | bit(TYPE_FILE) | bit(TYPE_FUNC);
   const Text none = {"", 0};
-  if (!is_set(value))
-    return none;
-  switch (value->type) {
-    case TYPE_STRING:
-    case TYPE_ENUM:
-    case TYPE_FILE:
-    case TYPE_FUNC:
-      break;
-    default:
-      return none;
-  }
-  if (!value->val.string_val.data || value->val.string_val.length <= 0)
+  if (!is_one_of<texts>(value) || !value->val.string_val.data || value->val.string_val.length <= 0)
     return none;
   return {value->val.string_val.data, static_cast<std::size_t>(value->val.string_val.length)};
 }
 
 std::uint64_t integer_of(const threading::Value* value) {
-  if (!is_set(value))
+  const std::uint32_t integers =
+      bit(TYPE_COUNT) | bit(TYPE_COUNTER) | bit(TYPE_BOOL) | bit(TYPE_INT) | bit(TYPE_PORT);
+  if (!is_one_of<integers>(value))
     return 0;
-  switch (value->type) {
-    case TYPE_COUNT:
-    case TYPE_COUNTER:
-      return value->val.uint_val;
-    case TYPE_BOOL:
-    case TYPE_INT:
-      return static_cast<std::uint64_t>(value->val.int_val);
-    case TYPE_PORT:
-      return value->val.port_val.port;
-    default:
-      return 0;
-  }
+  // The one of the three that the type goes with: they share their place.
+  static_assert(sizeof(value->val.uint_val) == 8 && sizeof(value->val.int_val) == 8 &&
+                    sizeof(value->val.port_val.port) == 8,
+                "integers of several widths");
+  std::uint64_t number;
+  memcpy(&number, &value->val, sizeof number);
+  return number;
+}
+
+std::uint16_t low16(const threading::Value* value) {
+  return static_cast<std::uint16_t>(integer_of(value));
+}
+
+std::uint32_t low32(const threading::Value* value) {
+  return static_cast<std::uint32_t>(integer_of(value));
+}
+
+std::int32_t signed_low32(const threading::Value* value) {
+  return static_cast<std::int32_t>(low32(value));
+}
+
+std::int8_t flag_of(const threading::Value* value) {
+  return integer_of(value) != 0 ? 1 : 0;
 }
 
 double real_of(const threading::Value* value) {
-  if (!is_set(value))
-    return 0.0;
-  switch (value->type) {
-    case TYPE_TIME:
-    case TYPE_INTERVAL:
-    case TYPE_DOUBLE:
-      return value->val.double_val;
-    default:
-      return 0.0;
-  }
+  const std::uint32_t reals = bit(TYPE_TIME) | bit(TYPE_INTERVAL) | bit(TYPE_DOUBLE);
+  return is_one_of<reals>(value) ? value->val.double_val : 0.0;
 }
 
 struct Elements {
@@ -383,8 +156,14 @@ int family_of(const threading::Value::addr_t& address) {
   return family;
 }
 
-bool equals_ignoring_case(const Text& text, const char* name, std::size_t length) {
-  return text.length == length && strcasecmp_n(static_cast<int>(length), text.data, name) == 0;
+/// Whether the whole text is that, which must be in lower case and begin with a letter. Most texts
+/// are told from it by their length or first character, and most others are exactly that.
+template <std::size_t size>
+bool equals_ignoring_case(const Text& text, const char (&literal)[size]) {
+  const std::size_t length = size - 1;
+  return text.length == length && (text.data[0] | 0x20) == literal[0] &&
+         (memcmp(text.data, literal, length) == 0 ||
+          strcasecmp_n(static_cast<int>(length), text.data, literal) == 0);
 }
 
 /// The low 64 bits of the truncated number, in two's complement; 0 for what is no finite number.
@@ -402,11 +181,11 @@ std::uint64_t truncated(double number) {
 
 Dravenholt::Transport transport_of(const threading::Value* value) {
   const Text text = text_of(value);
-  if (equals_ignoring_case(text, "tcp", 3))
+  if (equals_ignoring_case(text, "tcp"))
     return Dravenholt::Transport_tcp;
-  if (equals_ignoring_case(text, "udp", 3))
+  if (equals_ignoring_case(text, "udp"))
     return Dravenholt::Transport_udp;
-  if (equals_ignoring_case(text, "icmp", 4))
+  if (equals_ignoring_case(text, "icmp"))
     return Dravenholt::Transport_icmp;
   return Dravenholt::Transport_unknown;
 }
@@ -426,12 +205,12 @@ class TextBuilder {
     return used < max_bytes_ ? max_bytes_ - used : 0;
   }
 
-  uoffset_t create(const Text& text) const {
+  Offset<flatbuffers::String> create(const Text& text) const {
     const std::size_t most = room();
-    return builder_->CreateString(text.data, text.length < most ? text.length : most).o;
+    return builder_->CreateString(text.data, text.length < most ? text.length : most);
   }
 
-  uoffset_t create_joined(const Elements& elements) const {
+  Offset<flatbuffers::String> create_joined(const Elements& elements) const {
     const std::size_t most = room();
     const std::size_t length = joined_length(elements, most);
     char small[1024];
@@ -473,223 +252,459 @@ struct Record {
   threading::Value** vals;
 };
 
-/// The schema fields of one payload, each at its default until a column of the record sets it.
-/// A column that occurs twice is converted twice, and its last occurrence counts.
-class Payload {
- public:
-  explicit Payload(const TextBuilder& texts) : texts_(texts) {}
+using String = Offset<flatbuffers::String>;
+using Value = threading::Value;
 
-  Payload(const TextBuilder& texts, const ColumnTable& columns, const Record& record)
-      : texts_(texts) {
-    for (int i = 0; i < record.num_fields; i++)
-      if (const Column* column = columns.find(record.fields[i]->name))
-        set(*column, record.vals[i]);
-  }
+// Each payload's columns: a struct with one member per schema field, at its default until a column
+// of the record sets it. A column that occurs twice is read twice, and its last occurrence counts.
 
-  void set(const Column& column, const threading::Value* value) {
-    std::uint64_t& number = numbers_[index(column.field)];
-    switch (column.conversion) {
-      case kText:
-        number = texts_.create(text_of(value));
+struct GeneralColumns {
+  explicit GeneralColumns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    switch (name[0]) {
+      case 'i':
+        if (const char* rest = behind("id.orig_", name))
+          orig.read_id(rest, value, "Unknown addr family in orig_h!");
+        else if (const char* rest = behind("id.resp_", name))
+          resp.read_id(rest, value, "Unknown addr family in resp_h!");
         break;
-      case kJoined:
-        number = texts_.create_joined(elements_of(value));
+      case 'o':
+        if (const char* rest = behind("orig_", name))
+          orig.read(rest, value);
         break;
-      case kCount16:
-      case kPort:
-        number = static_cast<std::uint16_t>(integer_of(value));
+      case 'r':
+        if (const char* rest = behind("resp_", name))
+          resp.read(rest, value);
         break;
-      case kCount32:
-        number = static_cast<std::uint32_t>(integer_of(value));
+      case 'l':
+        if (is(name, "local_orig"))
+          local_orig = flag_of(value);
+        else if (is(name, "local_resp"))
+          local_resp = flag_of(value);
         break;
-      case kCount64:
-        number = integer_of(value);
+      case 'p':
+        if (is(name, "proto"))
+          proto = transport_of(value);
+        else if (is(name, "process"))
+          process = texts.create(text_of(value));
         break;
-      case kFlag:
-        number = integer_of(value) != 0 ? 1 : 0;
+      case 'd':
+        if (is(name, "duration"))
+          duration_ms = truncated(real_of(value) * 1000.0);
         break;
-      case kReal:
-        set_real(&number, real_of(value));
+      case 'c':
+        if (is(name, "conn_state"))
+          conn_state = texts.create(text_of(value));
         break;
-      case kMilliseconds:
-        number = truncated(real_of(value) * 1000.0);
+      case 'm':
+        if (is(name, "missed_bytes"))
+          missed_bytes = low32(value);
         break;
-      case kTransport:
-        number = static_cast<std::uint64_t>(transport_of(value));
+      case 'u':
+        if (is(name, "username"))
+          username = texts.create(text_of(value));
         break;
-      case kAddress:
-        set_address(column.field, value);
+      case 's':
+        if (is(name, "service"))
+          service = texts.create(text_of(value));
         break;
     }
   }
 
-  Offset<flatbuffers::String> text(voffset_t field) const {
-    return static_cast<uoffset_t>(numbers_[index(field)]);
-  }
-  std::uint16_t u16(voffset_t field) const {
-    return static_cast<std::uint16_t>(numbers_[index(field)]);
-  }
-  std::uint32_t u32(voffset_t field) const {
-    return static_cast<std::uint32_t>(numbers_[index(field)]);
-  }
-  std::int32_t i32(voffset_t field) const { return static_cast<std::int32_t>(u32(field)); }
-  std::uint64_t u64(voffset_t field) const { return numbers_[index(field)]; }
-  std::int8_t i8(voffset_t field) const { return static_cast<std::int8_t>(numbers_[index(field)]); }
-  double real(voffset_t field) const {
-    double result;
-    memcpy(&result, &numbers_[index(field)], sizeof(result));
-    return result;
-  }
-
-  /// Creates the vector of an address column; empty when there is no address.
-  Offset<flatbuffers::Vector<std::int8_t>> address(voffset_t field) const {
-    const threading::Value::addr_t* address =
-        field == General::VT_ORIG_H ? orig_address_ : resp_address_;
-    if (!address)
-      return texts_.builder().CreateVector(static_cast<const std::int8_t*>(nullptr), 0);
-    return texts_.builder().CreateVector(
-        reinterpret_cast<const std::int8_t*>(&address->in),
-        family_of(*address) == IPv4 ? sizeof(address->in.in4) : sizeof(address->in.in6));
+  Offset<void> create() const {
+    FlatBufferBuilder& builder = texts.builder();
+    const auto orig_h = orig.create_address(builder);
+    const auto orig_name = builder.CreateString("", 0);
+    const auto resp_h = resp.create_address(builder);
+    const auto resp_name = builder.CreateString("", 0);
+    const auto history = builder.CreateString("", 0);
+    return Dravenholt::CreateGeneralData(builder, orig_h, orig_name, orig.port, resp_h, resp_name,
+                                         resp.port, proto, duration_ms, orig.bytes, resp.bytes,
+                                         conn_state, local_orig, local_resp, missed_bytes, history,
+                                         orig.packets, orig.ip_bytes, resp.packets, resp.ip_bytes,
+                                         username, process, service)
+        .Union();
   }
 
  private:
-  static const std::size_t kMaxFields = 22;
-
-  static std::size_t index(voffset_t field) { return (field - 4u) / 2u; }
-
-  static void set_real(std::uint64_t* number, double value) {
-    memcpy(number, &value, sizeof(value));
-  }
-
-  void set_address(voffset_t field, const threading::Value* value) {
-    const bool orig = field == General::VT_ORIG_H;
-    const threading::Value::addr_t* address = address_of(value);
-    if (address && family_of(*address) != IPv4 && family_of(*address) != IPv6) {
-      reports::weird(orig ? "Unknown addr family in orig_h!" : "Unknown addr family in resp_h!");
-      address = nullptr;
+  /// One end of the connection: the columns "orig_bytes" and so on, without that prefix.
+  struct End {
+    void read(const char* name, const Value* value) {
+      if (is(name, "bytes"))
+        bytes = low32(value);
+      else if (is(name, "pkts"))
+        packets = low32(value);
+      else if (is(name, "ip_bytes"))
+        ip_bytes = low32(value);
     }
-    (orig ? orig_address_ : resp_address_) = address;
-  }
 
-  const TextBuilder& texts_;
-  std::uint64_t numbers_[kMaxFields] = {};
-  const threading::Value::addr_t* orig_address_ = nullptr;
-  const threading::Value::addr_t* resp_address_ = nullptr;
+    /// The columns "id.orig_h" and so on, without "id.orig_".
+    void read_id(const char* name, const Value* value, const char* unknown_family) {
+      if (is(name, "h"))
+        read_address(value, unknown_family);
+      else if (is(name, "p"))
+        port = low16(value);
+    }
+
+    void read_address(const Value* value, const char* unknown_family) {
+      address = address_of(value);
+      if (address && family_of(*address) != IPv4 && family_of(*address) != IPv6) {
+        reports::weird(unknown_family);
+        address = nullptr;
+      }
+    }
+
+    /// Empty when there is no address.
+    Offset<flatbuffers::Vector<std::int8_t>> create_address(FlatBufferBuilder& builder) const {
+      if (!address)
+        return builder.CreateVector(static_cast<const std::int8_t*>(nullptr), 0);
+      return builder.CreateVector(
+          reinterpret_cast<const std::int8_t*>(&address->in),
+          family_of(*address) == IPv4 ? sizeof(address->in.in4) : sizeof(address->in.in6));
+    }
+
+    const Value::addr_t* address = nullptr;
+    std::uint16_t port = 0;
+    std::uint32_t bytes = 0;
+    std::uint32_t packets = 0;
+    std::uint32_t ip_bytes = 0;
+  };
+
+  const TextBuilder& texts;
+  End orig;
+  End resp;
+  Dravenholt::Transport proto = Dravenholt::Transport_unknown;
+  std::uint64_t duration_ms = 0;
+  std::int8_t local_orig = 0;
+  std::int8_t local_resp = 0;
+  std::uint32_t missed_bytes = 0;
+  String conn_state;
+  String username;
+  String process;
+  String service;
 };
 
-Offset<void> create_general(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kGeneral, record);
-  FlatBufferBuilder& builder = texts.builder();
-  const auto orig_h = p.address(General::VT_ORIG_H);
-  const auto orig_name = builder.CreateString("", 0);
-  const auto resp_h = p.address(General::VT_RESP_H);
-  const auto resp_name = builder.CreateString("", 0);
-  const auto history = builder.CreateString("", 0);
-  return Dravenholt::CreateGeneralData(
-             builder, orig_h, orig_name, p.u16(General::VT_ORIG_P), resp_h, resp_name,
-             p.u16(General::VT_RESP_P), static_cast<Dravenholt::Transport>(p.i8(General::VT_PROTO)),
-             p.u64(General::VT_DURATION), p.u32(General::VT_ORIG_BYTES),
-             p.u32(General::VT_RESP_BYTES), p.text(General::VT_CONN_STATE),
-             p.i8(General::VT_LOCAL_ORIG), p.i8(General::VT_LOCAL_RESP),
-             p.u32(General::VT_MISSED_BYTES), history, p.u32(General::VT_ORIG_PKTS),
-             p.u32(General::VT_ORIG_IP_BYTES), p.u32(General::VT_RESP_PKTS),
-             p.u32(General::VT_RESP_IP_BYTES), p.text(General::VT_USERNAME),
-             p.text(General::VT_PROCESS), p.text(General::VT_SERVICE))
-      .Union();
-}
+struct FtpColumns {
+  explicit FtpColumns(const TextBuilder& builder) : texts(builder) {}
 
-Offset<void> create_ftp(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kFtp, record);
-  return Dravenholt::CreateFtpData(texts.builder(), p.text(Ftp::VT_USER), p.text(Ftp::VT_COMMAND),
-                                   p.u16(Ftp::VT_REPLY_CODE), p.text(Ftp::VT_ARG),
-                                   p.u64(Ftp::VT_FILE_SIZE))
-      .Union();
-}
+  void read(const char* name, const Value* value) {
+    const char* rest = behind("ftp.", name);
+    if (!rest)
+      return;
+    if (is(rest, "user"))
+      user = texts.create(text_of(value));
+    else if (is(rest, "command"))
+      command = texts.create(text_of(value));
+    else if (is(rest, "arg"))
+      arg = texts.create(text_of(value));
+    else if (is(rest, "reply_code"))
+      reply_code = low16(value);
+    else if (is(rest, "file_size"))
+      file_size = integer_of(value);
+  }
 
-Offset<void> create_http(const TextBuilder& texts, const Payload& p) {
-  return Dravenholt::CreateHttpData(texts.builder(), p.text(Http::VT_USER), p.text(Http::VT_METHOD),
-                                    p.text(Http::VT_HOST), p.text(Http::VT_URI),
-                                    p.u16(Http::VT_STATUS_CODE), p.u64(Http::VT_REQUEST_BODY_LEN),
-                                    p.u64(Http::VT_RESPONSE_BODY_LEN))
-      .Union();
+  Offset<void> create() const {
+    return Dravenholt::CreateFtpData(texts.builder(), user, command, reply_code, arg, file_size)
+        .Union();
+  }
+
+  const TextBuilder& texts;
+  String user;
+  String command;
+  String arg;
+  std::uint16_t reply_code = 0;
+  std::uint64_t file_size = 0;
+};
+
+struct HttpColumns {
+  explicit HttpColumns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    const char* rest = behind("http.", name);
+    if (!rest)
+      return;
+    if (is(rest, "user"))
+      user = texts.create(text_of(value));
+    else if (is(rest, "method"))
+      method = texts.create(text_of(value));
+    else if (is(rest, "host"))
+      host = texts.create(text_of(value));
+    else if (is(rest, "uri"))
+      uri = texts.create(text_of(value));
+    else if (is(rest, "status_code"))
+      status_code = low16(value);
+    else if (is(rest, "request_body_len"))
+      request_body_len = integer_of(value);
+    else if (is(rest, "response_body_len"))
+      response_body_len = integer_of(value);
+  }
+
+  Offset<void> create() const {
+    return Dravenholt::CreateHttpData(texts.builder(), user, method, host, uri, status_code,
+                                      request_body_len, response_body_len)
+        .Union();
+  }
+
+  const TextBuilder& texts;
+  String user;
+  String method;
+  String host;
+  String uri;
+  std::uint16_t status_code = 0;
+  std::uint64_t request_body_len = 0;
+  std::uint64_t response_body_len = 0;
+};
+
+struct LdapColumns {
+  explicit LdapColumns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    const char* rest = behind("ldap.", name);
+    if (!rest)
+      return;
+    if (is(rest, "user"))
+      user = texts.create(text_of(value));
+    else if (is(rest, "message"))
+      message = texts.create(text_of(value));
+    else if (is(rest, "base"))
+      base = texts.create(text_of(value));
+    else if (is(rest, "resultCode"))
+      result_code = low16(value);
+  }
+
+  Offset<void> create() const {
+    return Dravenholt::CreateLdapData(texts.builder(), user, message, result_code, base).Union();
+  }
+
+  const TextBuilder& texts;
+  String user;
+  String message;
+  String base;
+  std::uint16_t result_code = 0;
+};
+
+struct SmbColumns {
+  explicit SmbColumns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    const char* rest = behind("smb.", name);
+    if (!rest)
+      return;
+    if (is(rest, "user"))
+      user = texts.create(text_of(value));
+    else if (is(rest, "share"))
+      share = texts.create(text_of(value));
+    else if (is(rest, "filename"))
+      filename = texts.create(text_of(value));
+    else if (is(rest, "action"))
+      action = texts.create(text_of(value));
+    else if (is(rest, "filesize"))
+      filesize = integer_of(value);
+  }
+
+  Offset<void> create() const {
+    return Dravenholt::CreateSmbData(texts.builder(), user, share, filename, action, filesize)
+        .Union();
+  }
+
+  const TextBuilder& texts;
+  String user;
+  String share;
+  String filename;
+  String action;
+  std::uint64_t filesize = 0;
+};
+
+struct SmtpColumns {
+  explicit SmtpColumns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    const char* rest = behind("smtp.", name);
+    if (!rest)
+      return;
+    if (is(rest, "from"))
+      from = texts.create(text_of(value));
+    else if (is(rest, "to"))
+      to = texts.create_joined(elements_of(value));
+    else if (is(rest, "subject"))
+      subject = texts.create(text_of(value));
+    else if (is(rest, "reqSize"))
+      req_size = integer_of(value);
+  }
+
+  Offset<void> create() const {
+    return Dravenholt::CreateSmtpData(texts.builder(), from, to, subject, req_size).Union();
+  }
+
+  const TextBuilder& texts;
+  String from;
+  String to;
+  String subject;
+  std::uint64_t req_size = 0;
+};
+
+struct TdsColumns {
+  explicit TdsColumns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    const char* rest = behind("tds.", name);
+    if (!rest)
+      return;
+    if (is(rest, "user"))
+      user = texts.create(text_of(value));
+    else if (is(rest, "database"))
+      database = texts.create(text_of(value));
+    else if (is(rest, "app"))
+      app = texts.create(text_of(value));
+    else if (is(rest, "sql"))
+      sql = texts.create(text_of(value));
+  }
+
+  Offset<void> create() const {
+    return Dravenholt::CreateTdsData(texts.builder(), user, database, app, sql).Union();
+  }
+
+  const TextBuilder& texts;
+  String user;
+  String database;
+  String app;
+  String sql;
+};
+
+struct DceRpcColumns {
+  explicit DceRpcColumns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    const char* rest = behind("dce.", name);
+    if (!rest)
+      return;
+    if (is(rest, "request_type"))
+      request_type = texts.create(text_of(value));
+    else if (is(rest, "interface_uuid"))
+      interface_uuid = texts.create(text_of(value));
+    else if (is(rest, "interface_name"))
+      interface_name = texts.create(text_of(value));
+    else if (is(rest, "opnum"))
+      opnum = signed_low32(value);
+    else if (is(rest, "method"))
+      method = texts.create(text_of(value));
+    else if (is(rest, "arguments"))
+      arguments = texts.create(text_of(value));
+    else if (is(rest, "raw_args"))
+      raw_args = texts.create(text_of(value));
+  }
+
+  Offset<void> create() const {
+    return Dravenholt::CreateDceRpcData(texts.builder(), request_type, interface_uuid,
+                                        interface_name, opnum, method, arguments, raw_args)
+        .Union();
+  }
+
+  const TextBuilder& texts;
+  String request_type;
+  String interface_uuid;
+  String interface_name;
+  std::int32_t opnum = 0;
+  String method;
+  String arguments;
+  String raw_args;
+};
+
+struct Tn5250Columns {
+  explicit Tn5250Columns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    const char* rest = behind("tn5250.", name);
+    if (!rest)
+      return;
+    if (is(rest, "protocol"))
+      protocol = texts.create(text_of(value));
+    else if (is(rest, "details"))
+      details = texts.create(text_of(value));
+  }
+
+  Offset<void> create() const {
+    return Dravenholt::CreateTn5250Data(texts.builder(), protocol, details).Union();
+  }
+
+  const TextBuilder& texts;
+  String protocol;
+  String details;
+};
+
+struct StatsColumns {
+  explicit StatsColumns(const TextBuilder& builder) : texts(builder) {}
+
+  void read(const char* name, const Value* value) {
+    if (is(name, "cpu_usage"))
+      cpu_usage = real_of(value);
+    else if (is(name, "priority"))
+      priority = signed_low32(value);
+    else if (is(name, "ph_mem_total"))
+      ph_mem_total = signed_low32(value);
+    else if (is(name, "ph_mem_used"))
+      ph_mem_used = signed_low32(value);
+    else if (is(name, "virt_mem_total"))
+      virt_mem_total = signed_low32(value);
+    else if (is(name, "virt_mem_used"))
+      virt_mem_used = signed_low32(value);
+    else if (is(name, "hdd_volume"))
+      hdd_volume = real_of(value);
+    else if (is(name, "hdd_used"))
+      hdd_used = real_of(value);
+    else if (is(name, "hdd_avail"))
+      hdd_avail = real_of(value);
+  }
+
+  Offset<void> create() const {
+    return Dravenholt::CreateSystemStatsData(texts.builder(), cpu_usage, priority, ph_mem_total,
+                                             ph_mem_used, virt_mem_total, virt_mem_used, hdd_volume,
+                                             hdd_used, hdd_avail)
+        .Union();
+  }
+
+  const TextBuilder& texts;
+  double cpu_usage = 0.0;
+  std::int32_t priority = 0;
+  std::int32_t ph_mem_total = 0;
+  std::int32_t ph_mem_used = 0;
+  std::int32_t virt_mem_total = 0;
+  std::int32_t virt_mem_used = 0;
+  double hdd_volume = 0.0;
+  double hdd_used = 0.0;
+  double hdd_avail = 0.0;
+};
+
+template <typename Columns>
+Offset<void> create(const TextBuilder& texts, const Record& record) {
+  Columns columns(texts);
+  for (int i = 0; i < record.num_fields; i++)
+    columns.read(record.fields[i]->name, record.vals[i]);
+  return columns.create();
 }
 
 /// Inbound HTTP records carry their fields as key/value pairs; their columns are not read at all.
 Offset<void> create_inbound_http(const TextBuilder& texts, const Elements& keys,
                                  const Elements& vals) {
-  Payload payload(texts);
+  HttpColumns columns(texts);
   for (std::uint64_t i = 0; i < keys.size && i < vals.size; i++) {
     const Text key = text_of(keys.vals[i]);
-    for (const Column& column : kInboundHttpKeys) {
-      if (equals_ignoring_case(key, column.name, strlen(column.name))) {
-        payload.set(column, vals.vals[i]);
-        break;
-      }
-    }
+    if (equals_ignoring_case(key, "verb"))
+      columns.method = texts.create(text_of(vals.vals[i]));
+    else if (equals_ignoring_case(key, "url"))
+      columns.uri = texts.create(text_of(vals.vals[i]));
+    else if (equals_ignoring_case(key, "user"))
+      columns.user = texts.create(text_of(vals.vals[i]));
   }
-  return create_http(texts, payload);
-}
-
-Offset<void> create_ldap(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kLdap, record);
-  return Dravenholt::CreateLdapData(texts.builder(), p.text(Ldap::VT_USER),
-                                    p.text(Ldap::VT_MESSAGE), p.u16(Ldap::VT_RESULT_CODE),
-                                    p.text(Ldap::VT_BASE))
-      .Union();
-}
-
-Offset<void> create_smb(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kSmb, record);
-  return Dravenholt::CreateSmbData(texts.builder(), p.text(Smb::VT_USER), p.text(Smb::VT_SHARE),
-                                   p.text(Smb::VT_FILENAME), p.text(Smb::VT_ACTION),
-                                   p.u64(Smb::VT_FILESIZE))
-      .Union();
-}
-
-Offset<void> create_smtp(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kSmtp, record);
-  return Dravenholt::CreateSmtpData(texts.builder(), p.text(Smtp::VT_FROM), p.text(Smtp::VT_TO),
-                                    p.text(Smtp::VT_SUBJECT), p.u64(Smtp::VT_REQ_SIZE))
-      .Union();
-}
-
-Offset<void> create_tds(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kTds, record);
-  return Dravenholt::CreateTdsData(texts.builder(), p.text(Tds::VT_USER), p.text(Tds::VT_DATABASE),
-                                   p.text(Tds::VT_APP), p.text(Tds::VT_SQL))
-      .Union();
-}
-
-Offset<void> create_dce_rpc(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kDceRpc, record);
-  return Dravenholt::CreateDceRpcData(
-             texts.builder(), p.text(DceRpc::VT_REQUEST_TYPE), p.text(DceRpc::VT_INTERFACE_UUID),
-             p.text(DceRpc::VT_INTERFACE_NAME), p.i32(DceRpc::VT_OPNUM), p.text(DceRpc::VT_METHOD),
-             p.text(DceRpc::VT_ARGUMENTS), p.text(DceRpc::VT_RAW_ARGS))
-      .Union();
-}
-
-Offset<void> create_tn5250(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kTn5250, record);
-  return Dravenholt::CreateTn5250Data(texts.builder(), p.text(Tn5250::VT_PROTOCOL),
-                                      p.text(Tn5250::VT_DETAILS))
-      .Union();
-}
-
-Offset<void> create_stats(const TextBuilder& texts, const Record& record) {
-  const Payload p(texts, kStats, record);
-  return Dravenholt::CreateSystemStatsData(
-             texts.builder(), p.real(Stats::VT_CPU_USAGE), p.i32(Stats::VT_PRIORITY),
-             p.i32(Stats::VT_PH_MEM_TOTAL), p.i32(Stats::VT_PH_MEM_USED),
-             p.i32(Stats::VT_VIRT_MEM_TOTAL), p.i32(Stats::VT_VIRT_MEM_USED),
-             p.real(Stats::VT_HDD_VOLUME), p.real(Stats::VT_HDD_USED), p.real(Stats::VT_HDD_AVAIL))
-      .Union();
+  return columns.create();
 }
 
 Offset<void> create_generic(const TextBuilder& texts, Offset<flatbuffers::String> ptype,
                             const Elements& keys, const Elements& vals) {
   FlatBufferBuilder& builder = texts.builder();
   std::vector<Offset<Dravenholt::MapEntry>> pairs;
+  pairs.reserve(static_cast<std::size_t>(keys.size < vals.size ? keys.size : vals.size));
   for (std::uint64_t i = 0; i < keys.size && i < vals.size && texts.room() > 0; i++) {
     const Offset<flatbuffers::String> key = texts.create(text_of(keys.vals[i]));
     const Offset<flatbuffers::String> value = texts.create(text_of(vals.vals[i]));
@@ -699,43 +714,60 @@ Offset<void> create_generic(const TextBuilder& texts, Offset<flatbuffers::String
   return Dravenholt::CreateGenericProtocolData(builder, ptype, fields).Union();
 }
 
+/// The first characters of the columns that the envelope is made of, by which nearly all others are
+/// passed over.
+class EnvelopeInitials {
+ public:
+  EnvelopeInitials() : among_() {
+    for (const char* initial = "pctue"; *initial; initial++)
+      among_[static_cast<unsigned char>(*initial)] = true;
+  }
+  bool has(char initial) const { return among_[static_cast<unsigned char>(initial)]; }
+
+ private:
+  bool among_[256];
+};
+const EnvelopeInitials kEnvelopeInitials;
+
 /// What the first scan of a record finds; later columns overwrite what earlier ones set.
 class Envelope {
  public:
   explicit Envelope(const TextBuilder& texts) : texts_(texts) {}
 
   void scan(const Record& record) {
-    for (int i = 0; i < record.num_fields; i++)
-      if (const Column* column = kEnvelope.find(record.fields[i]->name))
-        set(static_cast<EnvelopeField>(column->field), record.vals[i]);
+    for (int i = 0; i < record.num_fields; i++) {
+      const char* const name = record.fields[i]->name;
+      if (kEnvelopeInitials.has(name[0]))
+        read(name, record.vals[i]);
+    }
   }
 
   Offset<void> create_payload(const Record& record) {
     switch (type) {
       case Dravenholt::Data_GeneralData:
-        return create_general(texts_, record);
+        return create<GeneralColumns>(texts_, record);
       case Dravenholt::Data_FtpData:
-        return create_ftp(texts_, record);
+        return create<FtpColumns>(texts_, record);
       case Dravenholt::Data_HttpData:
         if (inbound_)
           return create_inbound_http(texts_, elements_of(extra_fields_), elements_of(extra_vals_));
-        return create_http(texts_, Payload(texts_, kHttp, record));
+        return create<HttpColumns>(texts_, record);
       case Dravenholt::Data_LdapData:
-        return create_ldap(texts_, record);
+        return create<LdapColumns>(texts_, record);
       case Dravenholt::Data_SmbData:
-        return create_smb(texts_, record);
+        return create<SmbColumns>(texts_, record);
       case Dravenholt::Data_SmtpData:
-        return create_smtp(texts_, record);
+        return create<SmtpColumns>(texts_, record);
       case Dravenholt::Data_TdsData:
-        return create_tds(texts_, record);
+        return create<TdsColumns>(texts_, record);
       case Dravenholt::Data_DceRpcData:
-        return create_dce_rpc(texts_, record);
+        return create<DceRpcColumns>(texts_, record);
       case Dravenholt::Data_Tn5250Data:
-        return create_tn5250(texts_, record);
+        return create<Tn5250Columns>(texts_, record);
       case Dravenholt::Data_SystemStatsData:
         // A statistics event belongs to no connection, whatever uid its record may have.
         uid = texts_.builder().CreateString("000000000000000000", 18);
-        return create_stats(texts_, record);
+        return create<StatsColumns>(texts_, record);
       default:
         if (!extra_fields_ || !extra_vals_)
           return 0;
@@ -743,33 +775,26 @@ class Envelope {
     }
   }
 
-  Dravenholt::Data type = kGenericProtocol.type;
+  Dravenholt::Data type = Dravenholt::Data_GenericProtocolData;
   double ts = 0.0;
   Offset<flatbuffers::String> uid = 0;
 
  private:
-  void set(EnvelopeField field, const threading::Value* value) {
-    switch (field) {
-      case kPtype:
-        ptype_ = text_or(value, "Empty type!", "Unknown");
-        set_protocol(text_of(value));
-        break;
-      case kCpuUsage:
-        type = Dravenholt::Data_SystemStatsData;
-        ts = current_time(false);
-        break;
-      case kTs:
-        ts = real_of(value);
-        break;
-      case kUid:
-        uid = text_or(value, "Empty uid!", "unknown");  // lower case, unlike "Unknown": on purpose
-        break;
-      case kExtraFields:
-        extra_fields_ = value;
-        break;
-      case kExtraVals:
-        extra_vals_ = value;
-        break;
+  void read(const char* name, const threading::Value* value) {
+    if (is(name, "ptype")) {
+      ptype_ = text_or(value, "Empty type!", "Unknown");
+      set_protocol(text_of(value));
+    } else if (is(name, "cpu_usage")) {
+      type = Dravenholt::Data_SystemStatsData;
+      ts = current_time(false);
+    } else if (is(name, "ts")) {
+      ts = real_of(value);
+    } else if (is(name, "uid")) {
+      uid = text_or(value, "Empty uid!", "unknown");  // lower case, unlike "Unknown": on purpose
+    } else if (is(name, "extra_fields")) {
+      extra_fields_ = value;
+    } else if (is(name, "extra_vals")) {
+      extra_vals_ = value;
     }
   }
 
@@ -782,18 +807,33 @@ class Envelope {
   }
 
   void set_protocol(const Text& name) {
-    const Protocol& protocol = find_protocol(name);
-    type = protocol.type;
-    inbound_ = protocol.inbound;
-  }
-
-  static const Protocol& find_protocol(const Text& name) {
-    for (const Protocol& protocol : kProtocols)
-      if (equals_ignoring_case(name, protocol.name, protocol.length))
-        return protocol;
-    reports::warning("Unsupported protocol type %s, using generic format",
-                     std::string(name.data, name.length).c_str());
-    return kGenericProtocol;
+    inbound_ = false;
+    if (equals_ignoring_case(name, "ftp")) {
+      type = Dravenholt::Data_FtpData;
+    } else if (equals_ignoring_case(name, "http")) {
+      type = Dravenholt::Data_HttpData;
+    } else if (equals_ignoring_case(name, "http-in")) {
+      type = Dravenholt::Data_HttpData;
+      inbound_ = true;
+    } else if (equals_ignoring_case(name, "ldap")) {
+      type = Dravenholt::Data_LdapData;
+    } else if (equals_ignoring_case(name, "smb")) {
+      type = Dravenholt::Data_SmbData;
+    } else if (equals_ignoring_case(name, "smtp")) {
+      type = Dravenholt::Data_SmtpData;
+    } else if (equals_ignoring_case(name, "tds")) {
+      type = Dravenholt::Data_TdsData;
+    } else if (equals_ignoring_case(name, "tn5250")) {
+      type = Dravenholt::Data_Tn5250Data;
+    } else if (equals_ignoring_case(name, "dce-rpc")) {
+      type = Dravenholt::Data_DceRpcData;
+    } else if (equals_ignoring_case(name, "general")) {
+      type = Dravenholt::Data_GeneralData;
+    } else {
+      reports::warning("Unsupported protocol type %s, using generic format",
+                       std::string(name.data, name.length).c_str());
+      type = Dravenholt::Data_GenericProtocolData;
+    }
   }
 
   const TextBuilder& texts_;

@@ -1,0 +1,55 @@
+// Log records of every kind for the benchmarks, each with its floor: the same message built by the
+// generated functions from values at hand, with no column name looked at and no host value read.
+//
+//     for (const auto& sample : bench::samples("connection", 64))
+//       ... sample->record, sample->build(builder) ...
+//
+// The columns are in the order in which the plug-in's scripts give them. The values vary by sample
+// and are the same in each run. Nothing is changed after construction, so any threads may use them.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <flatbuffers/flatbuffers.h>
+
+#include "RecordBuilder.h"
+
+namespace bench {
+
+/// What every sample is converted with.
+extern const std::string kAgentId;
+
+class Sample {
+ public:
+  virtual ~Sample() = default;
+
+  /// Builds and finishes the message of `record` in a fresh builder: byte for byte what the
+  /// conversion makes of it.
+  virtual void build(flatbuffers::FlatBufferBuilder& builder) const = 0;
+
+  /// By reference to non-const only because the host's interface wants it so.
+  test::RecordBuilder& record() { return record_; }
+
+ protected:
+  test::RecordBuilder record_;
+};
+
+using Samples = std::vector<std::unique_ptr<Sample>>;
+
+/// The kinds of samples: "connection" (22 columns), "http", ...
+std::vector<std::string> kinds();
+
+/// `count` records of a kind.
+Samples samples(const std::string& kind, std::size_t count);
+
+/// Connection records of `columns` columns, 5 or more: at first those of a connection, and behind
+/// them such as no message carries.
+Samples wide_samples(int columns, std::size_t count);
+
+/// Key/value records of `pairs` pairs.
+Samples pair_samples(int pairs, std::size_t count);
+
+}  // namespace bench
