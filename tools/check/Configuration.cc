@@ -111,6 +111,9 @@ void judge_tcp(const std::string& rest, const std::function<void(Finding)>& add)
                 "gets no port: the plug-in takes a colon inside the brackets for one; nor could it "
                 "be reached, as the plug-in connects by IPv4 only",
                 "give a port and the server's IPv4 address or a name that has one"});
+  if (host.find_first_of("/*@?#,") != std::string::npos)
+    return add({"endpoint-characters", Severity::kError, "has characters that no host name has",
+                kNameServer});
   if (host.find('[') != std::string::npos ||
       (std::count(host.begin(), host.end(), ':') > 0 && host[0] != ':'))
     return add({"endpoint-ipv6", Severity::kError,
@@ -118,9 +121,6 @@ void judge_tcp(const std::string& rest, const std::function<void(Finding)>& add)
                 "give the server's IPv4 address or a name that has one"});
   if (host.empty() || host[0] == ':')
     return add({"endpoint-no-host", Severity::kError, "names no host", kNameServer});
-  if (host.find_first_of("/*@?#") != std::string::npos)
-    return add({"endpoint-characters", Severity::kError,
-                "has characters that no host name has, and libzmq refuses it", kNameServer});
   if (!is_port(port))
     return add({"endpoint-port", Severity::kError,
                 "has " + quoted(port) + " where its port must be", "give a port from 1 to 65535"});

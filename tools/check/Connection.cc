@@ -110,7 +110,6 @@ class Monitor {
 enum class End {
   kHandshakeDone,
   kMechanismMismatch,
-  kWrongSocketType,
   kBadCryptography,
   kOtherProtocolError,
   kDenied,
@@ -124,8 +123,6 @@ End end_of_protocol_error(std::uint32_t value) {
   switch (value) {
     case ZMQ_PROTOCOL_ERROR_ZMTP_MECHANISM_MISMATCH:
       return End::kMechanismMismatch;
-    case ZMQ_PROTOCOL_ERROR_ZMTP_INVALID_METADATA:
-      return End::kWrongSocketType;
     case ZMQ_PROTOCOL_ERROR_ZMTP_CRYPTOGRAPHIC:
       return End::kBadCryptography;
     default:
@@ -214,9 +211,10 @@ ConnectResult other_mechanism(const std::string& mechanism) {
 ConnectResult explain_hang_up(const PeerGreeting& peer) {
   if (peer.mechanism == "CURVE")
     return failure("connect-wrong-key",
-                   "connected, and the server speaks CURVE, but it hung up on the handshake: the "
-                   "server key is not the one of this server (a server that denies agents without "
-                   "a word, or that was ending just then, looks the same)",
+                   "connected, and the server speaks CURVE, but it hung up on the handshake: most "
+                   "likely the server key is not the one of this server (one whose socket is no "
+                   "PULL socket, one that denies agents without a word, and one that was ending "
+                   "just then look the same)",
                    kCompareKeys);
   if (!peer.mechanism.empty())
     return other_mechanism(peer.mechanism);
@@ -264,10 +262,6 @@ ConnectResult explain(End end, std::uint32_t value, const std::string& uri, mill
       return {true, "connected", "connected, handshake done", "", 0};
     case End::kMechanismMismatch:
       return other_mechanism(fetch_greeting(uri, kDiagnosis).mechanism);
-    case End::kWrongSocketType:
-      return failure("connect-socket-type",
-                     "connected and encrypted, but the server's socket is no PULL socket",
-                     "make the server's socket a PULL socket");
     case End::kBadCryptography:
       return failure("connect-wrong-key",
                      "connected, but the server's answer cannot be decrypted: the server key is "

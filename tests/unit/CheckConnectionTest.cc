@@ -1,0 +1,259 @@
+// Connections over the real libzmq: what needs no server of another program. The others are in
+// tests/system/check_test.py.
+#include "Connection.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <cstring>
+#include <future>
+#include <string>
+
+#include "CurveKey.h"
+#include "PeerGreeting.h"
+#include "TempDir.h"
+
+using std::chrono::milliseconds;
+using ::testing::HasSubstr;
+
+namespace {
+
+constexpr milliseconds kShort(200);
+constexpr milliseconds kLong(20000);  // only ever reached by a failure
+
+worker_settings::ServerKey key_of(const CurveKey& raw) {
+  worker_settings::ServerKey key = {};
+  std::memcpy(key.bytes, raw.data(), raw.size());
+  key.length = raw.size();
+  return key;
+}
+
+worker_settings::ServerKey some_key() {
+  return key_of(make_curve_key_pair().public_key);
+}
+
+/// A port of the system's choice on the loopback, which nobody accepts connections from; listening
+/// if wanted.
+class Port {
+ public:
+  explicit Port(bool listening) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    EXPECT_EQ(bind(fd_, generic, size), 0);
+    EXPECT_EQ(getsockname(fd_, generic, &size), 0);
+    number_ = ntohs(address.sin_port);
+    if (listening) {
+      EXPECT_EQ(listen(fd_, 5), 0);
+    }
+  }
+  ~Port() { close(fd_); }
+  Port(const Port&) = delete;
+  Port& operator=(const Port&) = delete;
+
+  std::string Uri(const std::string& host = "127.0.0.1") const {
+    return "tcp://" + host + ":" + std::to_string(number_);
+  }
+
+ private:
+  const int fd_;
+  int number_ = 0;
+};
+
+/// A PULL server with CURVE.
+class Server {
+ public:
+  explicit Server(const std::string& endpoint = "tcp://127.0.0.1:*")
+      : keys(make_curve_key_pair()),
+        context_(zmq_ctx_new()),
+        socket_(zmq_socket(context_, ZMQ_PULL)) {
+    const int yes = 1;
+    zmq_setsockopt(socket_, ZMQ_CURVE_SERVER, &yes, sizeof yes);
+    zmq_setsockopt(socket_, ZMQ_CURVE_SECRETKEY, keys.secret_key.data(), keys.secret_key.size());
+    EXPECT_EQ(zmq_bind(socket_, endpoint.c_str()), 0);
+    char bound[256];
+    std::size_t size = sizeof bound;
+    EXPECT_EQ(zmq_getsockopt(socket_, ZMQ_LAST_ENDPOINT, bound, &size), 0);
+    uri = bound;
+  }
+  ~Server() {
+    zmq_close(socket_);
+    zmq_ctx_term(context_);
+  }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  bool HasMessage() { return zmq_recv(socket_, nullptr, 0, ZMQ_DONTWAIT) >= 0; }
+
+  CurveKeyPair keys;
+  std::string uri;
+
+ private:
+  void* const context_;
+  void* const socket_;
+};
+
+bool libzmq_refuses(const std::string& uri) {
+  void* const context = zmq_ctx_new();
+  void* const socket = zmq_socket(context, ZMQ_PUSH);
+  const int no_linger = 0;
+  zmq_setsockopt(socket, ZMQ_LINGER, &no_linger, sizeof no_linger);
+  const bool refuses = zmq_connect(socket, uri.c_str()) != 0;
+  zmq_close(socket);
+  zmq_ctx_term(context);
+  return refuses;
+}
+
+bool has_error(const std::string& uri) {
+  Findings findings;
+  judge_endpoint({"primary server", uri, uri}, &findings);
+  return !findings.empty() && findings[0].severity == Severity::kError;
+}
+
+}  // namespace
+
+TEST(CheckConnection, IsMadeAndSendsNothing) {
+  Server server;
+  const ConnectResult result = try_connection(server.uri, key_of(server.keys.public_key), kLong);
+  EXPECT_TRUE(result.ok) << result.text;
+  EXPECT_EQ(result.id, "connected");
+  EXPECT_FALSE(server.HasMessage());
+}
+
+TEST(CheckConnection, IsMadeToASocketFileToo) {
+  test::TempDir dir;
+  Server server("ipc://sock:5555");
+  EXPECT_EQ(try_connection("ipc://sock:5555", key_of(server.keys.public_key), kLong).id,
+            "connected");
+}
+
+TEST(CheckConnection, WrongKeyIsTold) {
+  Server server;
+  EXPECT_EQ(try_connection(server.uri, some_key(), kLong).id, "connect-wrong-key");
+  EXPECT_FALSE(server.HasMessage());
+}
+
+TEST(CheckConnection, KeyThatLibzmqDoesNotTakeIsAWrongOne) {
+  Server server;
+  const auto nothing = worker_settings::decode_server_key("");
+  EXPECT_EQ(try_connection(server.uri, nothing, kLong).id, "connect-wrong-key");
+}
+
+TEST(CheckConnection, RefusalIsTold) {
+  const Port nobody(false);
+  const ConnectResult result = try_connection(nobody.Uri(), some_key(), kLong);
+  EXPECT_EQ(result.id, "connect-refused");
+  EXPECT_THAT(result.text, HasSubstr("nobody listens there"));
+}
+
+TEST(CheckConnection, MissingSocketFileIsARefusal) {
+  test::TempDir dir;
+  EXPECT_EQ(try_connection("ipc://nobody:5555", some_key(), kLong).id, "connect-refused");
+}
+
+TEST(CheckConnection, SilenceIsToldWhenTheTimeIsOver) {
+  const Port frozen(true);
+  const ConnectResult result = try_connection(frozen.Uri(), some_key(), kShort);
+  EXPECT_EQ(result.id, "connect-silent");
+  EXPECT_THAT(result.text, HasSubstr("within 0.2 s"));
+  EXPECT_GE(result.seconds, 0.2);
+}
+
+TEST(CheckConnection, NameServiceThatDoesNotAnswerCannotHoldItUp) {
+  std::promise<void> never;
+  const std::shared_future<void> answer = never.get_future().share();
+  const auto left_behind = std::make_shared<std::promise<void>>();
+  std::future<void> ended = left_behind->get_future();
+  const ConnectResult result = try_connection("tcp://slow:5555", some_key(), kShort,
+                                              [answer, left_behind](const std::string&) {
+                                                answer.wait();
+                                                left_behind->set_value();
+                                                return "";
+                                              });
+  EXPECT_EQ(result.id, "connect-unresolved");
+  EXPECT_THAT(result.text, HasSubstr("no answer from the name service within 0.2 s"));
+  never.set_value();
+  ended.wait();
+}
+
+TEST(CheckConnection, UnknownNameIsToldInTheWordsOfTheNameService) {
+  const auto resolve = [](const std::string& host) { return "no such " + host; };
+  const ConnectResult result = try_connection("tcp://typo:5555", some_key(), kLong, resolve);
+  EXPECT_EQ(result.id, "connect-unresolved");
+  EXPECT_THAT(result.text, HasSubstr("'typo'"));
+  EXPECT_THAT(result.text, HasSubstr("no such typo"));
+}
+
+TEST(CheckConnection, AddressesNeedNoNameService) {
+  EXPECT_EQ(resolve_ipv4("127.0.0.1"), "");
+  EXPECT_NE(resolve_ipv4("::1"), "");  // the plug-in connects by IPv4 only
+}
+
+TEST(CheckConnection, EndpointThatLibzmqRefusesIsTold) {
+  const ConnectResult result = try_connection("nonsense://a:1", some_key(), kLong);
+  EXPECT_EQ(result.id, "connect-endpoint");
+  EXPECT_THAT(result.text, HasSubstr("libzmq refuses"));
+}
+
+TEST(CheckConnection, WhatLibzmqRefusesIsAnErrorBeforeAnybodyConnects) {
+  for (const char* uri :
+       {"tcp://127.0.0.1:", "tcp://127.0.0.1:abc", "tcp://127.0.0.1:*", "tcp://127.0.0.1:+5",
+        "tcp:// 127.0.0.1:1", "tcp://\"127.0.0.1\":1", "tcp://127.0.0.1/x:1", "tcp://*:5555",
+        "tcp://a b:5555", "tcp://tcp://h:5", "foo://127.0.0.1:1", "http://127.0.0.1:80",
+        "udp://127.0.0.1:1", "pgm://127.0.0.1:1", "tcp://127.0.0.1@x:1", "tcp://127.0.0.1?:1"}) {
+    EXPECT_TRUE(libzmq_refuses(uri)) << uri;
+    EXPECT_TRUE(has_error(uri)) << uri;
+  }
+  for (const char* uri : {"tcp://127.0.0.1:1", "tcp://127.0.0.1:65535", "ipc:///tmp/none:5555",
+                          "tcp://127.0.0.1:0;127.0.0.1:1"}) {
+    EXPECT_FALSE(libzmq_refuses(uri)) << uri;
+    EXPECT_FALSE(has_error(uri)) << uri;
+  }
+}
+
+TEST(CheckConnection, HostIsFoundInTheEndpoint) {
+  EXPECT_EQ(host_of("tcp://a.example.net:5555"), "a.example.net");
+  EXPECT_EQ(host_of("tcp://127.0.0.1:0;b:5555"), "b");
+  EXPECT_EQ(host_of("tcp://[::1]:5555"), "::1");
+}
+
+TEST(CheckConnection, KeysAreTakenByTheirLength) {
+  EXPECT_TRUE(libzmq_takes_key(some_key()));
+  EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key("")));
+  EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key(std::string(40, '1'))));
+  EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key(std::string(62, '1'))));
+}
+
+TEST(PeerGreeting, NamesTheMechanismOfAServer) {
+  Server server;
+  const PeerGreeting greeting = fetch_greeting(server.uri, kLong);
+  EXPECT_EQ(greeting.connect_problem, "");
+  EXPECT_EQ(greeting.mechanism, "CURVE");
+  EXPECT_FALSE(server.HasMessage());
+}
+
+TEST(PeerGreeting, TellsWhyThereIsNoConnection) {
+  const Port nobody(false);
+  const PeerGreeting greeting = fetch_greeting(nobody.Uri(), kLong);
+  EXPECT_TRUE(greeting.refused);
+  EXPECT_EQ(greeting.connect_problem, std::strerror(ECONNREFUSED));
+}
+
+TEST(PeerGreeting, EndsWithTheTime) {
+  const Port frozen(true);
+  const PeerGreeting greeting = fetch_greeting(frozen.Uri(), kShort);
+  EXPECT_EQ(greeting.connect_problem, "");
+  EXPECT_FALSE(greeting.any_byte);
+  EXPECT_FALSE(greeting.hung_up);
+}
+
+TEST(PeerGreeting, PathThatIsTooLongIsAProblem) {
+  EXPECT_EQ(fetch_greeting("ipc://" + std::string(500, 'x'), kShort).connect_problem,
+            "the path is too long");
+}

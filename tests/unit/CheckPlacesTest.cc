@@ -1,0 +1,300 @@
+// What check says of the spool folder and the agent-id file, beside what the plug-in makes of them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "CallLog.h"
+#include "PersistentQueue.h"
+#include "Places.h"
+#include "TempDir.h"
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+namespace {
+
+const char kSpool[] = "orvik-spool/work";
+const char kPrefix[] = "orvik";
+const char kIdFile[] = "orvik/agent.id";
+
+std::string listing() {
+  std::string names;
+  for (const auto& entry : fs::recursive_directory_iterator("."))
+    names += entry.path().string() + "\n";
+  return names;
+}
+
+class CheckPlaces : public ::testing::Test {
+ protected:
+  CheckPlaces() { chmod(dir.path().c_str(), 0755); }
+
+  ~CheckPlaces() override {
+    // Whatever a test has closed, so that it can be removed.
+    for (const char* name : {"orvik", "orvik-spool", "orvik-spool/work"})
+      chmod(name, 0755);
+  }
+
+  static void make(const std::string& folder) { fs::create_directories(folder); }
+  static void close_to_writers(const std::string& folder) { chmod(folder.c_str(), 0555); }
+
+  /// "state: severity id, ..." and the first text, as somebody who is not root sees it.
+  std::string as_ordinary_user(const std::function<std::string()>& look) {
+    if (geteuid() != 0)
+      return look();
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      std::string said = setgid(65534) == 0 && setuid(65534) == 0 ? look() : "still root";
+      const ssize_t written = write(ends[1], said.data(), said.size());
+      _exit(written == static_cast<ssize_t>(said.size()) ? 0 : 1);
+    }
+    close(ends[1]);
+    std::string said;
+    char bytes[512];
+    for (ssize_t got; (got = read(ends[0], bytes, sizeof bytes)) > 0;)
+      said.append(bytes, static_cast<std::size_t>(got));
+    close(ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    return said;
+  }
+
+  static std::string told(const std::string& state, const Findings& findings) {
+    std::string said = state + ":";
+    for (const Finding& finding : findings)
+      said += std::string(finding.severity == Severity::kError     ? " error "
+                          : finding.severity == Severity::kWarning ? " warning "
+                                                                   : " note ") +
+              finding.id;
+    for (const Finding& finding : findings)
+      said += "\n" + finding.text;
+    return said;
+  }
+
+  static std::string spool() {
+    Findings findings;
+    const std::string before = listing();
+    const SpoolReport report = judge_spool(kSpool, &findings);
+    EXPECT_EQ(listing(), before);
+    return told(report.state, findings);
+  }
+
+  static std::string agent(const std::string& constant = "") {
+    Findings findings;
+    const std::string before = listing();
+    last = judge_agent_id({"", "LogZMQ::zmq_agent_id", SettingOrigin::kScriptConstant,
+                           "LogZMQ::zmq_agent_id", constant},
+                          kPrefix, &findings);
+    EXPECT_EQ(listing(), before);
+    return told(last.state, findings);
+  }
+
+  /// Whether the plug-in's own spool is of use, as things are now.
+  static std::string spool_itself() { return PersistentQueue().disabled ? "disabled" : "works"; }
+
+  test::TempDir dir;
+  static AgentIdReport last;
+};
+
+AgentIdReport CheckPlaces::last;
+
+}  // namespace
+
+// -- The spool ------------------------------------------------------------------------------------
+
+TEST_F(CheckPlaces, SpoolThatIsThereIsFine) {
+  make(kSpool);
+  EXPECT_EQ(spool(), "ready:");
+  EXPECT_EQ(spool_itself(), "works");
+}
+
+TEST_F(CheckPlaces, SpoolWhoseParentIsThereWillBeMade) {
+  make("orvik-spool");
+  EXPECT_EQ(spool(), "will be made:");
+  EXPECT_EQ(spool_itself(), "works");
+}
+
+TEST_F(CheckPlaces, MissingParentDisablesTheSpool) {
+  EXPECT_THAT(spool(), StartsWith("disabled: error spool-parent-missing\nspool disabled: the "
+                                  "parent orvik-spool of the spool folder"));
+  EXPECT_EQ(spool_itself(), "disabled");
+}
+
+TEST_F(CheckPlaces, ParentThatIsNoFolderDisablesTheSpool) {
+  test::write_file("orvik-spool", "");
+  EXPECT_THAT(spool(), StartsWith("disabled: error spool-parent-not-folder\nspool disabled: "));
+  EXPECT_EQ(spool_itself(), "disabled");
+}
+
+TEST_F(CheckPlaces, SpoolThatIsNoFolderIsDisabled) {
+  make("orvik-spool");
+  test::write_file(kSpool, "");
+  EXPECT_THAT(spool(), StartsWith("disabled: error spool-not-folder\nspool disabled: "));
+  EXPECT_EQ(spool_itself(), "disabled");
+}
+
+TEST_F(CheckPlaces, SpoolThatIsALinkToNowhereIsDisabled) {
+  make("orvik-spool");
+  fs::create_symlink("nowhere", kSpool);
+  EXPECT_THAT(spool(), StartsWith("disabled: error spool-not-folder\n"));
+  EXPECT_EQ(spool_itself(), "disabled");
+}
+
+TEST_F(CheckPlaces, SpoolThatIsALinkToAFolderIsFine) {
+  make("orvik-spool");
+  make("elsewhere");
+  fs::create_symlink("../elsewhere", kSpool);
+  EXPECT_EQ(spool(), "ready:");
+  EXPECT_EQ(spool_itself(), "works");
+}
+
+TEST_F(CheckPlaces, ParentThatCannotBeWrittenDisablesTheSpool) {
+  make("orvik-spool");
+  close_to_writers("orvik-spool");
+  EXPECT_THAT(as_ordinary_user(spool),
+              StartsWith("disabled: error spool-parent-not-writable\nspool disabled: "));
+  EXPECT_EQ(as_ordinary_user(spool_itself), "disabled");
+}
+
+TEST_F(CheckPlaces, SpoolThatCannotBeWrittenIsFound) {
+  make(kSpool);
+  close_to_writers(kSpool);
+  const std::string said = as_ordinary_user(spool);
+  EXPECT_THAT(said, StartsWith("not writable: error spool-not-writable\n"));
+  EXPECT_THAT(said, HasSubstr("events beyond the 500 in memory are lost"));
+}
+
+TEST_F(CheckPlaces, SpoolFileThatCannotBeWrittenIsFound) {
+  make(kSpool);
+  chmod(kSpool, 0777);
+  test::write_file(std::string(kSpool) + "/queue.dat", "");
+  chmod("orvik-spool/work/queue.dat", 0444);
+  EXPECT_THAT(as_ordinary_user(spool), StartsWith("ready: warning spool-file\n"));
+}
+
+TEST_F(CheckPlaces, SpoolFileThatIsNoneIsFound) {
+  make(std::string(kSpool) + "/queue.dat");
+  EXPECT_THAT(spool(), StartsWith("ready: warning spool-file\n"));
+}
+
+TEST_F(CheckPlaces, SpoolFilesThatAreInOrderAreNot) {
+  make(kSpool);
+  test::write_file(std::string(kSpool) + "/queue.dat", "ZMQF");
+  EXPECT_EQ(spool(), "ready:");
+}
+
+// -- The agent's identifier -----------------------------------------------------------------------
+
+TEST_F(CheckPlaces, IdentifierIsReadFromItsFile) {
+  make(kPrefix);
+  test::write_file(kIdFile, "Izy8GbaHOR9BwO9iK5Tqo8");
+  EXPECT_EQ(agent(), "read:");
+  EXPECT_EQ(last.source, "file");
+  EXPECT_EQ(last.value, "Izy8GbaHOR9BwO9iK5Tqo8");
+  EXPECT_EQ(last.path, kIdFile);
+}
+
+TEST_F(CheckPlaces, IdentifierOfTheConstantWinsAndNoFileIsLookedAt) {
+  EXPECT_EQ(agent("agent-7"), "the agent-id file is not looked at:");
+  EXPECT_EQ(last.source, "script constant");
+  EXPECT_EQ(last.value, "agent-7");
+}
+
+TEST_F(CheckPlaces, DashAsIdentifierIsNoted) {
+  EXPECT_THAT(agent("-"), HasSubstr(": note agent-id-dash\n"));
+}
+
+TEST_F(CheckPlaces, LineEndInTheFileIsFound) {
+  make(kPrefix);
+  for (const char* id : {"abc\n", "abc\r\n", "abc\r"}) {
+    test::write_file(kIdFile, id);
+    EXPECT_THAT(agent(), StartsWith("read: warning agent-id-line-end\n"));
+    EXPECT_EQ(last.value, id);
+  }
+}
+
+TEST_F(CheckPlaces, BlanksInTheIdentifierAreFound) {
+  make(kPrefix);
+  test::write_file(kIdFile, "abc def");
+  EXPECT_THAT(agent(), StartsWith("read: warning agent-id-characters\n"));
+  EXPECT_THAT(agent(" abc"), HasSubstr("warning agent-id-characters\nLogZMQ::zmq_agent_id "));
+}
+
+TEST_F(CheckPlaces, FileThatIsTooLongIsFoundAndCut) {
+  make(kPrefix);
+  test::write_file(kIdFile, std::string(1024, 'x'));
+  EXPECT_EQ(agent(), "read:");
+  test::write_file(kIdFile, std::string(1025, 'x'));
+  EXPECT_THAT(agent(), StartsWith("read: warning agent-id-too-long\n"));
+  EXPECT_EQ(last.value.size(), 1024u);
+}
+
+TEST_F(CheckPlaces, MissingFileWillBeMade) {
+  make(kPrefix);
+  EXPECT_THAT(agent(), StartsWith("will be made: note agent-id-will-be-made\n"));
+  EXPECT_EQ(last.source, "generated");
+  EXPECT_EQ(last.value, "");
+}
+
+TEST_F(CheckPlaces, MissingFolderOfTheFileWillBeMadeToo) {
+  EXPECT_THAT(agent(), StartsWith("will be made: note agent-id-will-be-made\n"));
+}
+
+TEST_F(CheckPlaces, FileCannotBeKeptWithoutTheParentOfItsFolder) {
+  Findings findings;
+  const AgentIdReport report = judge_agent_id(
+      {"", "LogZMQ::zmq_agent_id", SettingOrigin::kNowhere, "LogZMQ::zmq_agent_id", ""},
+      "missing/orvik", &findings);
+  EXPECT_THAT(told(report.state, findings),
+              StartsWith("cannot be kept: warning agent-id-not-kept\n"));
+  EXPECT_THAT(findings[0].text, HasSubstr("missing, the parent"));
+}
+
+TEST_F(CheckPlaces, FileCannotBeKeptInAFolderThatIsNone) {
+  test::write_file(kPrefix, "");
+  EXPECT_THAT(agent(), StartsWith("cannot be kept: warning agent-id-not-kept\n"));
+}
+
+TEST_F(CheckPlaces, FileCannotBeKeptInAFolderThatIsNotWritable) {
+  make(kPrefix);
+  close_to_writers(kPrefix);
+  EXPECT_THAT(as_ordinary_user([] { return agent(); }),
+              StartsWith("cannot be kept: warning agent-id-not-kept\n"));
+}
+
+TEST_F(CheckPlaces, EmptyFileWillBeWritten) {
+  make(kPrefix);
+  test::write_file(kIdFile, "");
+  EXPECT_THAT(agent(), StartsWith("empty, will be written: note agent-id-empty\n"));
+}
+
+TEST_F(CheckPlaces, EmptyFileThatCannotBeWrittenIsFound) {
+  make(kPrefix);
+  test::write_file(kIdFile, "");
+  chmod(kIdFile, 0444);
+  EXPECT_THAT(as_ordinary_user([] { return agent(); }),
+              StartsWith("cannot be kept: warning agent-id-not-kept\n"));
+}
+
+TEST_F(CheckPlaces, FileThatCannotBeReadIsFound) {
+  make(kPrefix);
+  test::write_file(kIdFile, "secret");
+  chmod(kIdFile, 0);
+  EXPECT_THAT(as_ordinary_user([] { return agent(); }),
+              StartsWith("unreadable: error agent-id-unreadable\n"));
+}
+
+TEST_F(CheckPlaces, FolderInThePlaceOfTheFileIsFound) {
+  make(kIdFile);
+  EXPECT_THAT(agent(), StartsWith("no file: warning agent-id-not-kept\n"));
+}

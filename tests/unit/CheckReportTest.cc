@@ -1,0 +1,199 @@
+// The two forms of check's report, and the exit status behind it.
+#include "CheckReport.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "SettingsFile.h"
+#include "TempDir.h"
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+std::vector<std::string> ids(const Findings& findings) {
+  std::vector<std::string> result;
+  for (const Finding& finding : findings)
+    result.push_back(finding.id);
+  return result;
+}
+
+CheckReport report_with(Severity severity) {
+  CheckReport report;
+  report.libzmq = {"4.3.4", true};
+  report.findings = {{"some-id", severity, "something is so", "do this"}};
+  return report;
+}
+
+/// Everything there is to say.
+CheckReport full_report() {
+  const ConstantValues constants = {{"zmq_primary_server", "tcp://a:1"},
+                                    {"zmq_public_key", "AB"},
+                                    {"zmq_secondary_server", ""},
+                                    {"zmq_agent_id", "x\ny"},
+                                    {"set_separator", ","},
+                                    {"empty_field", "\""},
+                                    {"unset_field", "-"}};
+  CheckReport report = report_with(Severity::kWarning);
+  report.settings_file = "settings";
+  report.plugin = PluginReport{"plugin", "orvik", "orvik-spool/work"};
+  report.configuration.emplace(PluginOptions{"settings", {}, "plugin"}, constants);
+  report.key = KeyReport{"AB", worker_settings::decode_server_key("AB"), false};
+  report.spool = SpoolReport{"orvik-spool/work", "orvik-spool", "disabled"};
+  report.disk = DiskReport{2048.0, 10, 500, 204, 213909504, 10, 10485760};
+  report.agent_id = AgentIdReport{"file", "orvik/agent.id", "x\xff\n", "read"};
+  report.tried = std::vector<TriedEndpoint>{
+      {report.configuration->endpoints()[0],
+       {false, "connect-refused", "refused", "start the collector", 0.25}}};
+  return report;
+}
+
+}  // namespace
+
+TEST(CheckReport, NotesAloneAreAllWell) {
+  EXPECT_TRUE(all_well(CheckReport()));
+  EXPECT_TRUE(all_well(report_with(Severity::kNote)));
+  EXPECT_FALSE(all_well(report_with(Severity::kWarning)));
+  EXPECT_FALSE(all_well(report_with(Severity::kError)));
+}
+
+TEST(CheckReport, RotationIsAlwaysNoted) {
+  Findings findings;
+  judge_surroundings({"4.3.4", true}, false, &findings);
+  EXPECT_THAT(ids(findings), ElementsAre("rotation"));
+  EXPECT_EQ(findings[0].severity, Severity::kNote);
+  EXPECT_THAT(findings[0].what_to_do, HasSubstr("$interv=0secs"));
+  EXPECT_THAT(findings[0].what_to_do, HasSubstr("the ZeroMQ writer cannot rotate"));
+}
+
+TEST(CheckReport, LibzmqWithoutCurveIsAnError) {
+  Findings findings;
+  judge_surroundings({"4.3.4", false}, false, &findings);
+  EXPECT_THAT(ids(findings), ElementsAre("libzmq-without-curve", "rotation"));
+  EXPECT_EQ(findings[0].severity, Severity::kError);
+}
+
+TEST(CheckReport, CheckingAsRootIsNoted) {
+  Findings findings;
+  judge_surroundings({"4.3.4", true}, true, &findings);
+  EXPECT_THAT(ids(findings), ElementsAre("checked-as-root", "rotation"));
+  EXPECT_EQ(findings[0].severity, Severity::kNote);
+}
+
+TEST(CheckReport, FailedConnectionsAreErrorsButThoseNotTriedAreNot) {
+  const Endpoint endpoint = {"secondary server 2", "a", "tcp://a:5555"};
+  Findings findings;
+  judge_connections({{endpoint, {true, "connected", "", "", 0}},
+                     {endpoint, {false, kNotTried, "not tried", "", 0}},
+                     {endpoint, {false, "connect-refused", "refused", "start it", 0}}},
+                    &findings);
+  ASSERT_THAT(ids(findings), ElementsAre("connect-refused"));
+  EXPECT_EQ(findings[0].severity, Severity::kError);
+  EXPECT_EQ(findings[0].text, "secondary server 2 'tcp://a:5555': refused");
+  EXPECT_EQ(findings[0].what_to_do, "start it");
+}
+
+TEST(CheckReport, TextHasEverySectionAndTheFindingsAtTheEnd) {
+  const std::string text = report_as_text(full_report());
+  std::size_t at = 0;
+  for (const char* part : {"Settings (settings)",
+                           "zmq.server",
+                           "LogZMQ::zmq_agent_id",
+                           "Endpoints",
+                           "tcp://a:1",
+                           "Server key",
+                           "AB (1 byte)",
+                           "does not take that length",
+                           "libzmq",
+                           "CURVE",
+                           "Places",
+                           "spool disabled",
+                           "Agent identifier",
+                           "Disk limits",
+                           "204 MB",
+                           "213909504 bytes",
+                           "Connections",
+                           "failed",
+                           "connect-refused",
+                           "Findings",
+                           "warning  something is so [some-id]",
+                           "To do: do this",
+                           "0 errors, 1 warning, 0 notes"}) {
+    const std::size_t found = text.find(part, at);
+    ASSERT_NE(found, std::string::npos) << part << " is missing, or too early, in\n" << text;
+    at = found;
+  }
+}
+
+TEST(CheckReport, TextIsAlignedWithoutColourOrTrailingBlanks) {
+  const std::string text = report_as_text(full_report());
+  EXPECT_THAT(text, Not(HasSubstr("\x1b")));
+  EXPECT_THAT(text, Not(HasSubstr(" \n")));
+  // The column of sources starts at the same place in each line.
+  const auto column = [&](const std::string& name, const std::string& source) {
+    const std::size_t line = text.find("  " + name + " ");
+    return text.find(source, line) - line;
+  };
+  EXPECT_EQ(column("zmq.server", "script constant"), column("disk.usage.relative", "default"));
+}
+
+TEST(CheckReport, ControlCharactersOfValuesNeverReachTheTerminal) {
+  CheckReport report = full_report();
+  report.findings[0].text = "odd \x1b[31m";
+  const std::string text = report_as_text(report);
+  EXPECT_THAT(text, HasSubstr("\"x\\ny\""));
+  EXPECT_THAT(text, HasSubstr("\"\\\"\""));
+  EXPECT_THAT(text, HasSubstr("\"x\xff\\n\""));
+  EXPECT_THAT(text, HasSubstr("odd ?[31m"));
+}
+
+TEST(CheckReport, GravestFindingsComeFirst) {
+  CheckReport report = report_with(Severity::kNote);
+  report.findings.push_back({"w", Severity::kWarning, "second", ""});
+  report.findings.push_back({"e", Severity::kError, "first", ""});
+  const std::string text = report_as_text(report);
+  EXPECT_LT(text.find("first"), text.find("second"));
+  EXPECT_LT(text.find("second"), text.find("something is so"));
+}
+
+TEST(CheckReport, AllWellIsSaidSo) {
+  EXPECT_THAT(report_as_text(report_with(Severity::kNote)),
+              HasSubstr("All well: 0 errors, 0 warnings, 1 note\n"));
+}
+
+TEST(CheckReport, JsonHasEverySection) {
+  const auto json = nlohmann::json::parse(report_as_json(full_report()));
+  EXPECT_EQ(json["ok"], false);
+  EXPECT_EQ(json["settings"].size(), 10u);
+  EXPECT_EQ(json["settings"][0]["name"], "zmq.server");
+  EXPECT_EQ(json["settings"][0]["constant"], "LogZMQ::zmq_primary_server");
+  EXPECT_EQ(json["settings"][0]["value"], "tcp://a:1");
+  EXPECT_EQ(json["settings"][0]["source"], "script constant");
+  EXPECT_EQ(json["settings"][3]["value"], 10);
+  EXPECT_EQ(json["settings"][3]["source"], "default");
+  EXPECT_EQ(json["endpoints"][0]["uri"], "tcp://a:1");
+  EXPECT_EQ(json["key"]["decoded"], "AB");
+  EXPECT_EQ(json["key"]["bytes"], 1);
+  EXPECT_EQ(json["key"]["accepted"], false);
+  EXPECT_EQ(json["spool"]["state"], "disabled");
+  EXPECT_EQ(json["disk"]["limit_bytes"], 213909504);
+  EXPECT_EQ(json["disk"]["chunk_bytes"], 10485760);
+  EXPECT_EQ(json["agent_id"]["hex"], "78FF0A");
+  EXPECT_EQ(json["connect"][0]["outcome"], "connect-refused");
+  EXPECT_EQ(json["connect"][0]["ok"], false);
+  EXPECT_EQ(json["findings"][0]["id"], "some-id");
+  EXPECT_EQ(json["findings"][0]["severity"], "warning");
+  EXPECT_EQ(json["findings"][0]["text"], "something is so");
+  EXPECT_EQ(json["findings"][0]["what_to_do"], "do this");
+}
+
+TEST(CheckReport, JsonOfWhatCouldNotBeLookedAtIsNull) {
+  const auto json = nlohmann::json::parse(report_as_json(report_with(Severity::kError)));
+  for (const char* part :
+       {"plugin", "settings", "endpoints", "key", "spool", "disk", "agent_id", "connect"})
+    EXPECT_TRUE(json.at(part).is_null()) << part;
+}
