@@ -39,8 +39,8 @@ class Command:
         """What the shell would look up, as far as the text tells."""
         names = []
         text = self.without_data().replace("\\\n", " ")
-        for part in re.split(r"\n|\|\|?|&&?(?!\d)|;|\$\(|[()`]|\b(?:do|then|else|until|while|if|!)\s",
-                             re.sub(r"\d?>&\d", "", text)):
+        between = r"\n|\|\|?|&&?|;|\$\(|[()`]|\b(?:do|then|else|until|while|if|!)\s"
+        for part in re.split(between, re.sub(r"\d?>&\d", "", text)):
             words = re.sub(r"^(\s|\{|\w+=(\"[^\"]*\"|\S*))*", "", part).split()
             if words and re.match(r"[\w./\[]", words[0]) and words[0] not in ("done", "fi", "for"):
                 names.append(words[0].strip('"'))
@@ -257,12 +257,12 @@ class Sandbox:
 
 
 def missing_output(expected, printed):
-    """The first line of `expected` that does not come in `printed`, in this order; None if all do."""
+    """The first line of `expected` that `printed` does not have, in this order; None if it has all."""
     lines = iter(printed.split("\n"))
     for line in expected:
         pattern = ".*".join(r"\s+".join(re.escape(word) for word in re.split(r"\s+", piece))
-                            for piece in line.rstrip().split("..."))
-        if line.strip() and not any(re.fullmatch(pattern, candidate.rstrip())
+                            for piece in line.strip().split("..."))
+        if line.strip() and not any(re.fullmatch(pattern, candidate.strip())
                                     for candidate in lines):
             return line
     return None
