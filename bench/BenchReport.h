@@ -24,6 +24,7 @@
 #pragma once
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -35,6 +36,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -125,19 +127,38 @@ inline double median(std::vector<double> values) {
   return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
+/// What one run of a candidate gives: one figure or several.
+using Figures = std::vector<double>;
+
 /// Measures the candidates in turn, so many times, each second time in the opposite order, so that
-/// a machine that slows down or speeds up meets all of them alike. One median for each.
-inline std::vector<double> medians(int runs,
-                                   const std::vector<std::function<double()>>& candidates) {
-  std::vector<std::vector<double>> values(candidates.size());
+/// a machine that slows down or speeds up meets all of them alike. The medians of each candidate.
+inline std::vector<Figures> medians_of_figures(
+    int runs, const std::vector<std::function<Figures()>>& candidates) {
+  std::vector<std::vector<Figures>> values(candidates.size());  // by candidate and figure
   for (int run = 0; run < runs; ++run)
     for (std::size_t i = 0; i < candidates.size(); ++i) {
       const std::size_t next = run % 2 ? candidates.size() - 1 - i : i;
-      values[next].push_back(candidates[next]());
+      const Figures figures = candidates[next]();
+      values[next].resize(figures.size());
+      for (std::size_t figure = 0; figure < figures.size(); ++figure)
+        values[next][figure].push_back(figures[figure]);
     }
+  std::vector<Figures> result(candidates.size());
+  for (std::size_t i = 0; i < candidates.size(); ++i)
+    for (const Figures& of_one : values[i])
+      result[i].push_back(median(of_one));
+  return result;
+}
+
+/// The same of candidates with one figure each.
+inline std::vector<double> medians(int runs,
+                                   const std::vector<std::function<double()>>& candidates) {
+  std::vector<std::function<Figures()>> wrapped;
+  for (const auto& candidate : candidates)
+    wrapped.push_back([candidate] { return Figures{candidate()}; });
   std::vector<double> result;
-  for (const std::vector<double>& of_one : values)
-    result.push_back(median(of_one));
+  for (const Figures& figures : medians_of_figures(runs, wrapped))
+    result.push_back(figures[0]);
   return result;
 }
 
@@ -171,9 +192,17 @@ struct Row {
 };
 
 /// Collects the rows, prints each on standard output as it comes, and writes the files at the end.
+/// Whatever else the program prints on standard output from then on, as the worker does, is thrown
+/// away.
 class Report {
  public:
-  explicit Report(const Options& options) : options_(options) {}
+  explicit Report(const Options& options)
+      : options_(options), out_(fdopen(dup(STDOUT_FILENO), "w"), std::fclose) {
+    if (!out_ || !std::freopen("/dev/null", "w", stdout)) {
+      std::perror("standard output");
+      std::exit(1);
+    }
+  }
 
   /// A row without a figure of ours is left out, as is a peer without one.
   void add(const Row& row) {
@@ -182,12 +211,13 @@ class Report {
     const bool beside = std::isfinite(row.peer);
     const std::string ratio = beside ? internal::figure(row.ours / row.peer) : "";
     const std::string peer = internal::figure(row.peer);
-    std::printf("%-34s %-32s %12s %-10s", row.measure.c_str(), row.of.c_str(),
-                internal::figure(row.ours).c_str(), row.unit.c_str());
+    std::fprintf(out_.get(), "%-34s %-32s %12s %-10s", row.measure.c_str(), row.of.c_str(),
+                 internal::figure(row.ours).c_str(), row.unit.c_str());
     if (beside)
-      std::printf(" %12s %-24s %9s", peer.c_str(), row.peer_name.c_str(), ratio.c_str());
-    std::printf("  %s\n", row.goal.c_str());
-    std::fflush(stdout);
+      std::fprintf(out_.get(), " %12s %-24s %9s", peer.c_str(), row.peer_name.c_str(),
+                   ratio.c_str());
+    std::fprintf(out_.get(), "  %s\n", row.goal.c_str());
+    std::fflush(out_.get());
     line(&rows_, {row.measure, row.of, row.unit, internal::figure(row.ours),
                   beside ? row.peer_name : "", peer, ratio, row.goal});
   }
@@ -224,6 +254,7 @@ class Report {
   }
 
   Options options_;
+  std::unique_ptr<FILE, int (*)(FILE*)> out_;
   std::string rows_;
   std::string points_;
 };

@@ -1,164 +1,112 @@
-// How fast the worker delivers, beside what libzmq itself gives with the same socket options.
+// How fast events are delivered, beside what libzmq itself gives with the same socket options.
 //
-//     DeliveryBench [--messages N] [--runs N] [--size BYTES] [--csv FILE] [--flat N]
+//     DeliveryBench [--csv FILE] [--growth FILE] [--quick] [--runs N] [--events N]
 //
-// Four ways, one after the other in each run, each to a collecting process of its own over CURVE on
-// the loopback:
-//     bare loop     zmq_msg_init_data of a copy and a blocking zmq_sendmsg, nothing else
-//     looking loop  the same, with the worker's bounded look for writability before each send
-//     worker, 1     the worker, fed by one thread
-//     worker, 4     the worker, fed by four
-// The feeders wait while many messages are queued, so that the spool stays out of it.
+// Connection and http records, each to a receiving process of its own over CURVE on the loopback,
+// each run in turn by way of
+//     the bare loop      a copy of the finished message, zmq_msg_init_data, a blocking zmq_sendmsg
+//     the looking loop   the same, with the worker's bounded look for room before each send
+//     the plug-in        DoWrite on 1 and 4 writer threads, which wait while many messages are
+//                        queued, so that everything stays in memory
+//     ... by the spool   the same without waiting: what finds no room in memory goes to disk
 //
-// Figures are medians over the runs: messages a second until the last has arrived, CPU time of the
-// sending process for each message (feeders and libzmq's thread included), and both as
-// ratios to the looking loop of the same run. --flat N then sends N messages through one worker
-// and says how its memory grew.
-
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// Delivered means received: the clock is the receiving process's, from the end of the warm-up to
+// the last event, in a stream without a break. By the spool it is the sender's, from the first
+// record to the moment at which the last has been received, so that what was written early counts
+// too. Processor time is that of the sending process: writers, send thread and libzmq's thread.
+//
+// The growth curves are the seconds that it takes to deliver what 1 to 16 writers write, each as
+// much as the other, and the microseconds for a message of 100 B to 60 kB.
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <iostream>
-#include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <zmq.h>
-
-#include "TempDir.h"
-#include "WriterStatus.h"
+#include "Agent.h"
+#include "BenchReport.h"
+#include "RecordConversion.h"
+#include "SampleRecords.h"
+#include "SinkProcess.h"
 #include "ZmqWorker.h"
-
-using logging::writer::ZmqWorker;
 
 namespace {
 
-struct Options {
-  std::uint64_t messages = 200000;
-  int runs = 5;
-  std::size_t size = 200;
-  std::uint64_t flat = 0;
-  std::string csv;
+using bench::Figures;
+using bench::SinkProcess;
+using logging::writer::ZmqWorker;
+
+constexpr std::uint64_t kWarmUp = 1000;
+
+/// What is sent: records for the plug-in, and their finished messages for the loops.
+struct Load {
+  std::string name;
+  std::uint64_t events;
+  std::vector<test::RecordBuilder*> records;
+  std::vector<std::string> messages;
+  std::vector<std::shared_ptr<void>> owners;  // of the records
+
+  void add(test::RecordBuilder& record) {
+    flatbuffers::FlatBufferBuilder builder(logging::writer::kInitialBufferBytes);
+    logging::writer::convert_record(builder, "agent-7", record.size(), record.fields(),
+                                    record.vals());
+    records.push_back(&record);
+    messages.emplace_back(reinterpret_cast<const char*>(builder.GetBufferPointer()),
+                          builder.GetSize());
+  }
+
+  /// Of so many messages, in turn over and over.
+  std::uint64_t bytes(std::uint64_t count) const {
+    std::uint64_t sum = 0;
+    for (std::uint64_t i = 0; i < count; ++i)
+      sum += messages[i % messages.size()].size();
+    return sum;
+  }
 };
 
-struct Result {
-  double per_second;
-  double cpu_us;
-};
-
-double cpu_seconds() {
-  struct rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& t) {
-    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+Load sample_load(const std::string& kind, std::uint64_t events) {
+  Load load;
+  load.name = kind;
+  load.events = events;
+  for (auto& sample : bench::samples(kind, 64)) {
+    load.add(sample->record());
+    load.owners.push_back(std::move(sample));
+  }
+  return load;
 }
 
-/// Largest memory of this process so far, in kB.
-long peak_kb() {
-  struct rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-#ifdef __APPLE__
-  return usage.ru_maxrss / 1024;
-#else
-  return usage.ru_maxrss;
-#endif
+/// Events of one long text.
+Load sized_load(std::size_t bytes, std::uint64_t events) {
+  Load load;
+  load.name = std::to_string(bytes) + " B";
+  load.events = events;
+  const auto record = std::make_shared<test::RecordBuilder>();
+  // What an event weighs beside its text.
+  constexpr std::size_t kAround = 90;
+  record->text("ptype", "tds").text("uid", "C1").text("tds.sql", std::string(bytes - kAround, 'q'));
+  load.add(*record);
+  load.owners.push_back(record);
+  return load;
 }
 
-[[noreturn]] void give_up(const char* what) {
-  std::fprintf(stderr, "DeliveryBench: %s: %s\n", what, zmq_strerror(zmq_errno()));
+[[noreturn]] void give_up(const std::string& what) {
+  std::fprintf(stderr, "DeliveryBench: %s\n", what.c_str());
   std::_Exit(1);
 }
 
-/// The collecting process: says where it listens and with which key, then counts.
-class Collector {
- public:
-  explicit Collector(std::uint64_t messages) {
-    int pipe_ends[2];
-    if (pipe(pipe_ends) != 0)
-      give_up("pipe");
-    child_ = fork();
-    if (child_ < 0)
-      give_up("fork");
-    if (child_ == 0) {
-      close(pipe_ends[0]);
-      collect(pipe_ends[1], messages);
-    }
-    close(pipe_ends[1]);
-    from_child_ = pipe_ends[0];
-    char greeting[128] = {0};
-    if (read(from_child_, greeting, sizeof greeting) != sizeof greeting)
-      give_up("the collecting process did not start");
-    key = std::string(greeting, 64);
-    endpoint = greeting + 64;
-  }
-
-  ~Collector() {
-    close(from_child_);
-    waitpid(child_, nullptr, 0);
-  }
-
-  /// Until all messages have arrived.
-  void wait() {
-    char done;
-    if (read(from_child_, &done, 1) != 1)
-      give_up("the collecting process ended early");
-  }
-
-  std::string key;  // public, as 64 upper-case hexadecimal digits
-  std::string endpoint;
-
- private:
-  [[noreturn]] static void collect(int to_parent, std::uint64_t messages) {
-    void* const context = zmq_ctx_new();
-    void* const socket = zmq_socket(context, ZMQ_PULL);
-    char z85_public[41];
-    char z85_secret[41];
-    std::uint8_t public_key[32];
-    zmq_curve_keypair(z85_public, z85_secret);
-    zmq_z85_decode(public_key, z85_public);
-    const int yes = 1;
-    zmq_setsockopt(socket, ZMQ_CURVE_SERVER, &yes, sizeof yes);
-    zmq_setsockopt(socket, ZMQ_CURVE_SECRETKEY, z85_secret, sizeof z85_secret);
-    if (zmq_bind(socket, "tcp://127.0.0.1:*") != 0)
-      give_up("bind");
-    char greeting[128] = {0};
-    for (int i = 0; i < 32; ++i)
-      std::snprintf(greeting + 2 * i, 3, "%02X", public_key[i]);
-    std::size_t length = 64;
-    zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, greeting + 64, &length);
-    if (write(to_parent, greeting, sizeof greeting) != sizeof greeting)
-      give_up("greeting");
-    zmq_msg_t msg;
-    zmq_msg_init(&msg);
-    for (std::uint64_t i = 0; i < messages; ++i)
-      if (zmq_msg_recv(&msg, socket, 0) < 0)
-        give_up("receive");
-    const char done = 1;
-    std::_Exit(write(to_parent, &done, 1) == 1 ? 0 : 1);
-  }
-
-  pid_t child_;
-  int from_child_;
-};
-
-void* copy_of(const std::string& body) {
-  void* copy = std::malloc(body.size());
-  std::memcpy(copy, body.data(), body.size());
-  return copy;
+/// Whether everything came whole that the writers wrote, so many messages each.
+void check(const bench::Received& received, const Load& load, std::uint64_t each, int writers) {
+  if (received.bytes != load.bytes(each) * static_cast<std::uint64_t>(writers))
+    give_up("what arrived is not what was sent");
 }
+
+// -- The floors -----------------------------------------------------------------------------------
 
 void release(void* data, void*) {
   std::free(data);
@@ -179,187 +127,175 @@ void look(void* socket, int* looks) {
   *looks = std::max(*looks / 2, 1);
 }
 
-/// A floor: libzmq by itself on a socket that the worker's Connect has made.
-void loop(void* socket, const Options& options, bool looking) {
-  const std::string body(options.size, 'x');
+void loop(void* socket, const Load& load, std::uint64_t events, bool looking) {
   int looks = 64;
-  for (std::uint64_t i = 0; i < options.messages; ++i) {
+  for (std::uint64_t i = 0; i < events; ++i) {
+    const std::string& message = load.messages[i % load.messages.size()];
+    void* const copy = std::malloc(message.size());
+    std::memcpy(copy, message.data(), message.size());
     zmq_msg_t msg;
-    zmq_msg_init_data(&msg, copy_of(body), body.size(), release, nullptr);
+    zmq_msg_init_data(&msg, copy, message.size(), release, nullptr);
     if (looking)
       look(socket, &looks);
     if (zmq_sendmsg(socket, &msg, 0) < 0)
-      give_up("send");
+      give_up("a send failed");
   }
 }
 
-DravenholtZmqWriterStatus status_of(ZmqWorker* worker) {
-  DravenholtZmqWriterStatus status = {};
-  worker->FillStatus(&status);
-  return status;
-}
-
-/// One of so many feeders: all of them together look as often as one would.
-void feed(ZmqWorker* worker, std::uint64_t messages, std::size_t size, int feeders) {
-  const std::string body(size, 'x');
-  for (std::uint64_t i = 0; i < messages; ++i) {
-    while (i % 16 == 0 && status_of(worker).queued > 400)
-      std::this_thread::sleep_for(std::chrono::microseconds(250 * feeders));
-    worker->Write(body.size(), body.data());
-  }
-}
-
-Result measure(const Options& options, const std::function<void()>& send,
-               const std::function<void()>& wait) {
-  const double cpu = cpu_seconds();
-  const auto start = std::chrono::steady_clock::now();
-  send();
-  wait();
-  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-  const double messages = static_cast<double>(options.messages);
-  return {messages / elapsed.count(), (cpu_seconds() - cpu) * 1e6 / messages};
-}
-
-Result measure_worker(const Options& options, int threads) {
-  Collector collector(options.messages);
-  ZmqWorker* const worker = new ZmqWorker();
-  worker->Init(collector.endpoint, collector.key, "");
+Figures measure_loop(const Load& load, bool looking) {
+  const bench::AgentSurroundings surroundings;
+  SinkProcess sink;
+  // Only here for its socket, which gets the options that the plug-in's has.
+  const std::unique_ptr<ZmqWorker> worker(new ZmqWorker());
+  worker->Init(sink.endpoint(), sink.public_key(), "");
   worker->Start();
-  const Result result = measure(
-      options,
-      [&] {
-        std::vector<std::thread> feeders;
-        const std::uint64_t share = options.messages / static_cast<std::uint64_t>(threads);
-        for (int i = 0; i < threads; ++i)
-          feeders.emplace_back([&, i] {
-            feed(worker, i ? share : options.messages - share * (threads - 1), options.size,
-                 threads);
-          });
-        for (std::thread& feeder : feeders)
-          feeder.join();
-      },
-      [&] { collector.wait(); });
-  worker->Stop();
-  delete worker;
-  return result;
-}
-
-Result measure_loop(const Options& options, bool looking) {
-  Collector collector(options.messages);
-  // The worker is only here for its socket: it is never given a message.
-  ZmqWorker* const worker = new ZmqWorker();
-  worker->Init(collector.endpoint, collector.key, "");
-  worker->Start();
-  void* socket = nullptr;
-  std::thread([&] { socket = worker->Connect(collector.endpoint); }).join();
-  const Result result = measure(
-      options, [&] { loop(socket, options, looking); }, [&] { collector.wait(); });
+  void* const socket = worker->Connect(sink.endpoint());
+  sink.expect(kWarmUp, load.events);
+  const double cpu_before = bench::cpu_seconds();
+  loop(socket, load, kWarmUp + load.events, looking);
+  const bench::Received received = sink.wait();
+  const double cpu = bench::cpu_seconds() - cpu_before;
+  check(received, load, kWarmUp + load.events, 1);
   zmq_close(socket);
   worker->Stop();
-  delete worker;
-  return result;
+  return {static_cast<double>(load.events) / received.seconds,
+          cpu * 1e6 / static_cast<double>(kWarmUp + load.events)};
 }
 
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
+// -- The plug-in ----------------------------------------------------------------------------------
 
-void show_flat(const Options& options) {
-  Options run = options;
-  run.messages = options.flat;
-  Collector collector(run.messages);
-  ZmqWorker* const worker = new ZmqWorker();
-  worker->Init(collector.endpoint, collector.key, "");
-  worker->Start();
-  feed(worker, run.messages / 10, run.size, 1);
-  const long early = peak_kb();
-  feed(worker, run.messages - run.messages / 10, run.size, 1);
-  collector.wait();
-  const long late = peak_kb();
-  worker->Stop();
-  delete worker;
-  std::printf("peak memory after %llu messages %ld kB, after %llu messages %ld kB\n",
-              static_cast<unsigned long long>(run.messages / 10), early,
-              static_cast<unsigned long long>(run.messages), late);
-}
+enum class Way { kMemory, kSpool };
 
-Options parse(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string name = argv[i];
-    const char* const value = argv[i + 1];
-    if (name == "--messages")
-      options.messages = std::strtoull(value, nullptr, 10);
-    else if (name == "--runs")
-      options.runs = std::atoi(value);
-    else if (name == "--size")
-      options.size = std::strtoul(value, nullptr, 10);
-    else if (name == "--flat")
-      options.flat = std::strtoull(value, nullptr, 10);
-    else if (name == "--csv")
-      options.csv = value;
-    else
-      argc = 0;
+void write(bench::Agent* agent, int writer, const Load& load, std::uint64_t events, Way way) {
+  for (std::uint64_t i = 0; i < events; ++i) {
+    if (way == Way::kMemory)
+      agent->wait_for_room(i);
+    agent->write(writer, *load.records[i % load.records.size()]);
   }
-  if (argc % 2 == 0 || options.messages < 4 || options.runs < 1 || options.size < 1) {
-    std::fprintf(stderr,
-                 "usage: DeliveryBench [--messages N] [--runs N] [--size BYTES] "
-                 "[--csv FILE] [--flat N]\n");
-    std::exit(2);
+}
+
+/// So many events of each writer.
+void write_all(bench::Agent* agent, const Load& load, std::uint64_t each, Way way) {
+  std::vector<std::thread> threads;
+  for (int writer = 0; writer < agent->writers(); ++writer)
+    threads.emplace_back([&, writer] { write(agent, writer, load, each, way); });
+  for (std::thread& thread : threads)
+    thread.join();
+}
+
+Figures measure_in_memory(const Load& load, int writers) {
+  SinkProcess sink;
+  bench::Agent agent(sink.endpoint(), sink.public_key(), writers);
+  const std::uint64_t each = (kWarmUp + load.events) / static_cast<std::uint64_t>(writers);
+  const std::uint64_t events = each * static_cast<std::uint64_t>(writers) - kWarmUp;
+  sink.expect(kWarmUp, events);
+  const double cpu_before = bench::cpu_seconds();
+  write_all(&agent, load, each, Way::kMemory);
+  const bench::Received received = sink.wait();
+  const double cpu = bench::cpu_seconds() - cpu_before;
+  check(received, load, each, writers);
+  if (agent.spool_was_used())
+    give_up("the spool was used");
+  return {static_cast<double>(events) / received.seconds,
+          cpu * 1e6 / static_cast<double>(kWarmUp + events)};
+}
+
+Figures measure_by_the_spool(const Load& load, int writers) {
+  SinkProcess sink;
+  bench::Agent agent(sink.endpoint(), sink.public_key(), writers);
+  sink.expect(0, kWarmUp);
+  write(&agent, 0, load, kWarmUp, Way::kMemory);
+  sink.wait();
+  const std::uint64_t each = load.events / static_cast<std::uint64_t>(writers);
+  const std::uint64_t events = each * static_cast<std::uint64_t>(writers);
+  sink.expect(0, events);
+  bench::Received received = {};
+  const double cpu_before = bench::cpu_seconds();
+  const double seconds = bench::seconds([&] {
+    write_all(&agent, load, each, Way::kSpool);
+    received = sink.wait();
+  });
+  const double cpu = bench::cpu_seconds() - cpu_before;
+  if (!agent.spool_was_used())
+    give_up("the spool was not used");
+  check(received, load, each, writers);
+  return {static_cast<double>(events) / seconds, cpu * 1e6 / static_cast<double>(events)};
+}
+
+Figures measure_plugin(const Load& load, int writers, Way way) {
+  return way == Way::kMemory ? measure_in_memory(load, writers)
+                             : measure_by_the_spool(load, writers);
+}
+
+// -- The figures ----------------------------------------------------------------------------------
+
+struct Variant {
+  std::string name;
+  int writers;
+  Way way;
+};
+
+const std::vector<Variant> kVariants = {{"1 writer, in memory", 1, Way::kMemory},
+                                        {"4 writers, in memory", 4, Way::kMemory},
+                                        {"1 writer, by the spool", 1, Way::kSpool},
+                                        {"4 writers, by the spool", 4, Way::kSpool}};
+
+void report_deliveries(bench::Report* report, const bench::Options& options, const Load& load) {
+  std::vector<std::function<Figures()>> candidates = {[&] { return measure_loop(load, false); },
+                                                      [&] { return measure_loop(load, true); }};
+  for (const Variant& variant : kVariants)
+    candidates.push_back([&] { return measure_plugin(load, variant.writers, variant.way); });
+  const std::vector<Figures> figures = bench::medians_of_figures(options.runs, candidates);
+  const Figures& bare = figures[0];
+  const Figures& looking = figures[1];
+  for (std::size_t i = 0; i < kVariants.size(); ++i) {
+    const std::string name = load.name + ", " + kVariants[i].name;
+    const Figures& ours = figures[i + 2];
+    report->add({"delivered", name, "events/s", ours[0], "libzmq loop, looking for room",
+                 looking[0], ">= 0.9"});
+    report->add({"delivered", name, "events/s", ours[0], "bare libzmq loop", bare[0], ""});
+    report->add({"processor time of delivery", name, "us/event", ours[1],
+                 "libzmq loop, looking for room", looking[1], ""});
   }
-  return options;
+}
+
+void report_writers(bench::Report* report, const bench::Options& options, std::uint64_t each) {
+  const std::vector<int> all = {1, 2, 4, 8, 16};
+  for (const int writers : options.quick ? std::vector<int>{1, 4, 16} : all) {
+    const Load load = sample_load("connection", each * static_cast<std::uint64_t>(writers));
+    const std::vector<Figures> figures = bench::medians_of_figures(
+        options.runs, {[&] { return measure_plugin(load, writers, Way::kMemory); },
+                       [&] { return measure_loop(load, true); }});
+    const double events = static_cast<double>(load.events);
+    report->add_growth("writers: delivery, s", writers, events / figures[0][0],
+                       events / figures[1][0]);
+  }
+}
+
+void report_sizes(bench::Report* report, const bench::Options& options, std::uint64_t most) {
+  const std::vector<std::size_t> all = {100, 400, 1000, 4000, 16000, 60000};
+  for (const std::size_t bytes : options.quick ? std::vector<std::size_t>{100, 4000, 60000} : all) {
+    const Load load = sized_load(bytes, std::max<std::uint64_t>(500, most * 1000 / (1000 + bytes)));
+    const std::vector<Figures> figures = bench::medians_of_figures(
+        options.runs, {[&] { return measure_plugin(load, 1, Way::kMemory); },
+                       [&] { return measure_loop(load, true); }});
+    report->add_growth("message size (B): delivery, us",
+                       static_cast<double>(load.messages[0].size()), 1e6 / figures[0][0],
+                       1e6 / figures[1][0]);
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Options options = parse(argc, argv);
-  std::ofstream csv;
-  if (!options.csv.empty()) {
-    csv.open(options.csv);
-    if (!csv) {
-      std::fprintf(stderr, "DeliveryBench: cannot write %s\n", options.csv.c_str());
-      return 1;
-    }
-    csv << "run,variant,messages,size,per_second,cpu_us\n";
-  }
-  const test::TempDir folder;  // for the spool
-
-  const std::vector<std::pair<std::string, std::function<Result()>>> variants = {
-      {"bare loop", [&] { return measure_loop(options, false); }},
-      {"looking loop", [&] { return measure_loop(options, true); }},
-      {"worker, 1", [&] { return measure_worker(options, 1); }},
-      {"worker, 4", [&] { return measure_worker(options, 4); }},
-  };
-  std::map<std::string, std::vector<double>> per_second, cpu_us, ratio;
-  for (int run = 0; run < options.runs; ++run) {
-    std::map<std::string, Result> results;
-    for (const auto& variant : variants) {
-      const Result result = variant.second();
-      results[variant.first] = result;
-      if (csv.is_open())
-        csv << run << ",\"" << variant.first << "\"," << options.messages << "," << options.size
-            << "," << result.per_second << "," << result.cpu_us << "\n";
-    }
-    for (const auto& variant : variants) {
-      const Result& result = results[variant.first];
-      per_second[variant.first].push_back(result.per_second);
-      cpu_us[variant.first].push_back(result.cpu_us);
-      ratio[variant.first].push_back(result.per_second / results["looking loop"].per_second);
-    }
-  }
-
-  std::printf("\n%llu messages of %zu bytes, median of %d runs\n",
-              static_cast<unsigned long long>(options.messages), options.size, options.runs);
-  std::printf("%-14s %12s %14s %24s\n", "", "messages/s", "CPU us/message", "to the looking loop");
-  for (const auto& variant : variants) {
-    const std::string& name = variant.first;
-    std::printf("%-14s %12.0f %14.2f %24.2f\n", name.c_str(), median(per_second[name]),
-                median(cpu_us[name]), median(ratio[name]));
-  }
-  if (options.flat > 0)
-    show_flat(options);
-  return 0;
+  std::uint64_t events = 0;
+  const bench::Options options = bench::parse(argc, argv, {{"--events", &events}});
+  if (events == 0)
+    events = options.quick ? 5000 : 100000;
+  bench::Report report(options);
+  for (const char* kind : {"connection", "http"})
+    report_deliveries(&report, options, sample_load(kind, events));
+  report_writers(&report, options, events / 5);
+  report_sizes(&report, options, events / 2);
+  return report.finish();
 }

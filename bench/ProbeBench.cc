@@ -1,15 +1,15 @@
 // One query of the socket probe beside what a user would run for the same answer.
 //
-//     ProbeBench [--runs N] [--processes N] [--csv FILE]
+//     ProbeBench [--runs N] [--processes N] [--csv FILE] [--quick]
 //
 // For 1,000 and 10,000 TCP sockets, shared out to 500 processes: the whole query of detectUser for
 // the process that is listed first, in the middle and last; the bare reading of /proc/net/tcp as
 // its floor; `ss -tnp` and `lsof -nP -i` as whole processes, their output thrown away. Medians, in
-// one run. Run as root, else the tools and the probe see only processes of one's own.
+// one run. Run as root, else the tools and the probe see only processes of one's own. --quick:
+// fewer runs, and 1,000 sockets only. The file of --csv is as BenchReport.h says.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -23,16 +23,16 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "Command.h"
 #include "UserDetect.h"
 
 // The host's headers.
 #include "Conn.h"
 #include "IPAddr.h"
 #include "Val.h"
-
-extern char** environ;
 
 namespace {
 
@@ -182,42 +182,28 @@ void read_socket_table() {
 /// Stands for the time of a tool that could not be run.
 constexpr double kNotRun = -1;
 
-/// Runs a command, output thrown away; false when it cannot be run.
-bool run(const std::vector<std::string>& command) {
-  std::vector<char*> arguments;
-  for (const std::string& word : command)
-    arguments.push_back(const_cast<char*>(word.c_str()));
-  arguments.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&files, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  int status = -1;
-  const bool started =
-      posix_spawnp(&pid, arguments[0], &files, nullptr, arguments.data(), environ) == 0;
-  posix_spawn_file_actions_destroy(&files);
-  return started && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-         WEXITSTATUS(status) == 0;
-}
-
 double tool_ms(int runs, const std::vector<std::string>& command) {
-  if (!run(command))
+  if (!bench::run(command))
     return kNotRun;
-  return median_ms(runs, [&] { run(command); });
+  return median_ms(runs, [&] { bench::run(command); });
 }
 
 struct Row {
   int sockets;
   double first_ms, middle_ms, last_ms, floor_ms, ss_ms, lsof_ms;
 
-  /// How many times the query fits into the run of the faster tool, of those that could be run.
-  double ratio(double query_ms) const {
-    double tool_ms = kNotRun;
+  /// The faster tool of those that could be run.
+  double tool_ms() const {
+    double fastest_ms = kNotRun;
     for (const double ms : {ss_ms, lsof_ms})
-      if (ms != kNotRun && (tool_ms == kNotRun || ms < tool_ms))
-        tool_ms = ms;
-    return tool_ms == kNotRun ? kNotRun : tool_ms / query_ms;
+      if (ms != kNotRun && (fastest_ms == kNotRun || ms < fastest_ms))
+        fastest_ms = ms;
+    return fastest_ms;
+  }
+
+  /// How many times the query fits into the run of the faster tool.
+  double ratio(double query_ms) const {
+    return tool_ms() == kNotRun ? kNotRun : tool_ms() / query_ms;
   }
 };
 
@@ -249,15 +235,20 @@ void write_csv(const char* path, int processes, const std::vector<Row>& rows) {
   FILE* file = std::fopen(path, "w");
   if (!file)
     die(path);
-  std::fprintf(file,
-               "sockets,processes,first_ms,middle_ms,last_ms,floor_ms,ss_ms,lsof_ms,"
-               "first_ratio,middle_ratio,last_ratio\n");
+  std::fprintf(file, "measure,case,unit,ours,peer_name,peer,ratio,goal\n");
   for (const Row& row : rows)
-    std::fprintf(
-        file, "%d,%d,%.3f,%.3f,%.3f,%.3f,%s,%s,%s,%s,%s\n", row.sockets, processes, row.first_ms,
-        row.middle_ms, row.last_ms, row.floor_ms, figure(row.ss_ms, 3).c_str(),
-        figure(row.lsof_ms, 3).c_str(), figure(row.ratio(row.first_ms), 2).c_str(),
-        figure(row.ratio(row.middle_ms), 2).c_str(), figure(row.ratio(row.last_ms), 2).c_str());
+    for (const auto& query :
+         {std::make_pair("first", row.first_ms), std::make_pair("in the middle", row.middle_ms),
+          std::make_pair("last", row.last_ms)}) {
+      std::fprintf(file, "UserDetect query,\"%d sockets, %d processes, owner %s\",ms,%.4g,",
+                   row.sockets, processes, query.first, query.second);
+      if (row.tool_ms() == kNotRun)
+        std::fprintf(file, ",,,\n");
+      else
+        std::fprintf(file, "%s,%.4g,%.4g,<= 0.2\n",
+                     row.tool_ms() == row.ss_ms ? "ss -tnp" : "lsof -nP -i", row.tool_ms(),
+                     query.second / row.tool_ms());
+    }
   std::fclose(file);
 }
 
@@ -273,6 +264,7 @@ struct Options {
   int runs = 11;
   int processes = 500;
   const char* csv = nullptr;
+  bool quick = false;
 };
 
 /// False for anything but "0 < number <= 100000".
@@ -286,6 +278,12 @@ bool parse_count(const char* word, int* count) {
 bool parse(int argc, char** argv, Options* options) {
   for (int i = 1; i < argc; i += 2) {
     const std::string option = argv[i];
+    if (option == "--quick") {
+      options->quick = true;
+      options->runs = std::min(options->runs, 3);
+      --i;
+      continue;
+    }
     if (i + 1 == argc)
       return false;
     if (option == "--csv")
@@ -302,7 +300,7 @@ bool parse(int argc, char** argv, Options* options) {
 int main(int argc, char** argv) {
   Options options;
   if (!parse(argc, argv, &options)) {
-    std::fprintf(stderr, "usage: ProbeBench [--runs N] [--processes N] [--csv FILE]\n");
+    std::fprintf(stderr, "usage: ProbeBench [--runs N] [--processes N] [--csv FILE] [--quick]\n");
     return 2;
   }
   const int runs = options.runs;
@@ -314,6 +312,8 @@ int main(int argc, char** argv) {
   std::printf("%8s %9s %9s %9s %10s %9s %9s  %s\n", "sockets", "first", "middle", "last",
               "read only", "ss -tnp", "lsof -i", "ratio first/middle/last");
   for (const int sockets : {1000, 10000}) {
+    if (options.quick && sockets > 1000)
+      break;
     rows.push_back(measure(processes, sockets, runs));
     const Row& row = rows.back();
     std::printf("%8d %9.3f %9.3f %9.3f %10.3f %9s %9s  %s / %s / %s\n", row.sockets, row.first_ms,

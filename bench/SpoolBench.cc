@@ -1,189 +1,236 @@
 // What the spool adds to the bare file operations that its format asks for.
 //
-//   Store        beside three fwrites and an fflush to an open file
-//   Get          beside three freads
-//   StoreAndGet  one of each in turn, as an agent does whose backlog comes and goes
+//     SpoolBench [--csv FILE] [--growth FILE] [--quick] [--runs N] [--depth N]
 //
-// The figure to quote is the ratio of Store to StoreFloor (Get to GetFloor) in the same run:
+//     Store        beside three fwrites and an fflush to an open file
+//     Get          beside three freads, of as many records as a file of the spool holds
+//     drain        Get until nothing is left of so many records in many files, beside the bare
+//                  sequential reading of files of the same content, in blocks of a stdio buffer
 //
-//   SpoolBench --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true
-//
-// Both sides write files of the same size limit in the same folder, a fresh one below TMPDIR.
+// Both sides write files of the same size limit in the same folder, a fresh one below TMPDIR, so
+// everything stays in the system's cache unless it is small. Figures are microseconds a record, by
+// the clock. The growth curves are those figures for messages of 100 B to 60 kB, and the seconds of
+// a drain of 1 to 1,000,000 records.
 
-#include <benchmark/benchmark.h>
 #include <stdlib.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "BenchReport.h"
 #include "PersistentQueue.h"
+#include "TempDir.h"
 
 namespace {
 
 constexpr std::int64_t kFileBytes = 10485760;  // the spool's own default for a chunk
+constexpr std::uint16_t kDrainedBytes = 400;
 
-// A working directory of its own; the spool is compiled with a relative path.
+using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+[[noreturn]] void give_up(const char* what) {
+  std::fprintf(stderr, "SpoolBench: %s\n", what);
+  std::_Exit(1);
+}
+
+/// A fresh working directory with the parent of the spool's folder, which is compiled in.
 class WorkFolder {
  public:
-  WorkFolder() : previous_(std::filesystem::current_path()) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "spool-bench-XXXXXX").string();
-    if (!mkdtemp(pattern.data()))
-      throw std::runtime_error("mkdtemp failed for " + pattern);
-    path_ = pattern;
-    std::filesystem::create_directory(path_ / "orvik-spool");
-    std::filesystem::current_path(path_);
-  }
-  ~WorkFolder() {
-    std::filesystem::current_path(previous_);
-    std::filesystem::remove_all(path_);
-  }
+  WorkFolder() { std::filesystem::create_directory("orvik-spool"); }
 
  private:
-  std::filesystem::path previous_;
-  std::filesystem::path path_;
+  const test::TempDir folder_;
 };
 
-std::int64_t records_in_a_file(std::size_t length) {
-  return kFileBytes / static_cast<std::int64_t>(length + 4) - 1;
+/// As many records as a file takes, fewer where that would take long.
+int records_in_a_file(std::uint16_t length) {
+  const std::int64_t fit = kFileBytes / (length + 4) - 1;
+  return static_cast<int>(std::min<std::int64_t>(fit, 20000));
 }
 
-void Store(benchmark::State& state) {
-  WorkFolder folder;
-  const auto length = static_cast<std::uint16_t>(state.range(0));
-  const std::string payload(length, 'x');
-  std::int64_t room = 0;
-  std::unique_ptr<PersistentQueue> spool;
-  for (auto _ : state) {
-    if (room-- == 0) {
-      state.PauseTiming();
-      spool.reset();
-      std::filesystem::remove_all("orvik-spool/work");
-      spool = std::make_unique<PersistentQueue>();
-      spool->Store(length, payload.data());
-      room = records_in_a_file(length) - 2;
-      state.ResumeTiming();
-    }
-    spool->Store(length, payload.data());
-  }
-  state.SetBytesProcessed(state.iterations() * length);
+void store(PersistentQueue* spool, const std::string& payload, std::int64_t count) {
+  for (std::int64_t i = 0; i < count; ++i)
+    spool->Store(static_cast<std::uint16_t>(payload.size()), payload.data());
 }
 
-void StoreFloor(benchmark::State& state) {
-  WorkFolder folder;
-  const auto length = static_cast<std::uint16_t>(state.range(0));
-  const std::string payload(length, 'x');
-  std::int64_t room = 0;
-  std::unique_ptr<FILE, int (*)(FILE*)> file(nullptr, fclose);
-  const auto write = [&] {
-    fwrite(&length, 1, 2, file.get());
-    fwrite(&length, 1, 2, file.get());
-    fwrite(payload.data(), 1, length, file.get());
-    fflush(file.get());
-  };
-  for (auto _ : state) {
-    if (room-- == 0) {
-      state.PauseTiming();
-      file.reset();
-      file.reset(fopen("floor.dat", "wb+"));
-      write();
-      room = records_in_a_file(length) - 2;
-      state.ResumeTiming();
-    }
-    write();
-  }
-  state.SetBytesProcessed(state.iterations() * length);
-}
-
-void Get(benchmark::State& state) {
-  WorkFolder folder;
-  const auto length = static_cast<std::uint16_t>(state.range(0));
-  const std::string payload(length, 'x');
-  std::int64_t left = 0;
-  std::unique_ptr<PersistentQueue> spool;
-  for (auto _ : state) {
-    if (left-- == 0) {
-      state.PauseTiming();
-      spool.reset();
-      std::filesystem::remove_all("orvik-spool/work");
-      spool = std::make_unique<PersistentQueue>();
-      const std::int64_t count = records_in_a_file(length);
-      for (std::int64_t i = 0; i < count; ++i)
-        spool->Store(length, payload.data());
-      left = count - 1;
-      state.ResumeTiming();
-    }
+void take(PersistentQueue* spool, std::size_t length, std::int64_t count) {
+  for (std::int64_t i = 0; i < count; ++i) {
     std::uint16_t got = 0;
-    void* taken = spool->Get(&got);
-    benchmark::DoNotOptimize(taken);
-    if (got != length)
-      state.SkipWithError("a record is missing");
+    void* const taken = spool->Get(&got);
+    if (!taken || got != length)
+      give_up("a record is missing");
     free(taken);
   }
-  state.SetBytesProcessed(state.iterations() * length);
 }
 
-void GetFloor(benchmark::State& state) {
-  WorkFolder folder;
-  const auto length = static_cast<std::uint16_t>(state.range(0));
-  const std::string payload(length + 4u, 'x');
-  std::int64_t left = 0;
-  std::unique_ptr<FILE, int (*)(FILE*)> file(nullptr, fclose);
-  for (auto _ : state) {
-    if (left-- == 0) {
-      state.PauseTiming();
-      file.reset(fopen("floor.dat", "wb+"));
-      const std::int64_t count = records_in_a_file(length);
-      for (std::int64_t i = 0; i < count; ++i)
-        fwrite(payload.data(), 1, payload.size(), file.get());
-      rewind(file.get());
-      left = count - 1;
-      state.ResumeTiming();
-    }
-    char number[2];
-    void* taken = malloc(length);
-    const std::size_t got = fread(number, 1, 2, file.get()) + fread(number, 1, 2, file.get()) +
-                            fread(taken, 1, length, file.get());
-    benchmark::DoNotOptimize(taken);
-    if (got != payload.size())
-      state.SkipWithError("a record is missing");
+void write_bare(FILE* file, const std::string& payload, std::int64_t count) {
+  const auto length = static_cast<std::uint16_t>(payload.size());
+  for (std::int64_t i = 0; i < count; ++i) {
+    fwrite(&length, 1, sizeof length, file);
+    fwrite(&length, 1, sizeof length, file);
+    fwrite(payload.data(), 1, length, file);
+    fflush(file);
+  }
+}
+
+void read_bare(FILE* file, std::size_t length, std::int64_t count) {
+  for (std::int64_t i = 0; i < count; ++i) {
+    std::uint16_t numbers[2];
+    void* const taken = malloc(length);
+    if (fread(&numbers[0], 1, 2, file) + fread(&numbers[1], 1, 2, file) +
+            fread(taken, 1, length, file) !=
+        length + 4)
+      give_up("a record of the floor is missing");
     free(taken);
   }
-  state.SetBytesProcessed(state.iterations() * length);
 }
 
-void StoreAndGet(benchmark::State& state) {
-  WorkFolder folder;
-  const auto length = static_cast<std::uint16_t>(state.range(0));
+File open_bare(int number = 0) {
+  File file(fopen(("floor-" + std::to_string(number)).c_str(), "wb+"), fclose);
+  if (!file)
+    give_up("cannot create a file");
+  return file;
+}
+
+double micros(int records, const std::function<void()>& work) {
+  return bench::seconds(work) * 1e6 / records;
+}
+
+double store_cost(std::uint16_t length) {
+  const WorkFolder folder;
   const std::string payload(length, 'x');
   PersistentQueue spool;
-  for (int i = 0; i < 10; ++i)
-    spool.Store(length, payload.data());
-  for (auto _ : state) {
-    spool.Store(length, payload.data());
-    std::uint16_t got = 0;
-    void* taken = spool.Get(&got);
-    benchmark::DoNotOptimize(taken);
-    free(taken);
+  store(&spool, payload, 1);  // opens the file
+  const int count = records_in_a_file(length) - 1;
+  return micros(count, [&] { store(&spool, payload, count); });
+}
+
+double store_floor(std::uint16_t length) {
+  const WorkFolder folder;
+  const std::string payload(length, 'x');
+  const File file = open_bare();
+  write_bare(file.get(), payload, 1);
+  const int count = records_in_a_file(length) - 1;
+  return micros(count, [&] { write_bare(file.get(), payload, count); });
+}
+
+double get_cost(std::uint16_t length) {
+  const WorkFolder folder;
+  PersistentQueue spool;
+  const int count = records_in_a_file(length);
+  store(&spool, std::string(length, 'x'), count);
+  return micros(count, [&] { take(&spool, length, count); });
+}
+
+double get_floor(std::uint16_t length) {
+  const WorkFolder folder;
+  const File file = open_bare();
+  const int count = records_in_a_file(length);
+  write_bare(file.get(), std::string(length, 'x'), count);
+  rewind(file.get());
+  return micros(count, [&] { read_bare(file.get(), length, count); });
+}
+
+/// One record stored and taken at a time while ten others wait, as where a backlog comes and goes.
+double turn_cost(std::uint16_t length) {
+  const WorkFolder folder;
+  const std::string payload(length, 'x');
+  PersistentQueue spool;
+  store(&spool, payload, 10);
+  const int count = records_in_a_file(length) - 10;
+  return micros(count, [&] {
+    for (int i = 0; i < count; ++i) {
+      store(&spool, payload, 1);
+      take(&spool, length, 1);
+    }
+  });
+}
+
+/// Seconds of storing so many records and of taking them all.
+bench::Figures drain(std::int64_t depth) {
+  const WorkFolder folder;
+  const std::string payload(kDrainedBytes, 'x');
+  PersistentQueue spool;
+  const double storing = bench::seconds([&] { store(&spool, payload, depth); });
+  const double taking = bench::seconds([&] { take(&spool, kDrainedBytes, depth); });
+  if (!spool.IsEmpty())
+    give_up("the spool did not come to its end");
+  return {storing, taking};
+}
+
+/// The same of bare files.
+bench::Figures drain_floor(std::int64_t depth) {
+  const WorkFolder folder;
+  const std::string payload(kDrainedBytes, 'x');
+  const std::int64_t in_a_file = kFileBytes / (kDrainedBytes + 4);
+  std::vector<std::int64_t> counts;
+  for (std::int64_t left = depth; left > 0; left -= in_a_file)
+    counts.push_back(std::min(left, in_a_file));
+  int number = 0;
+  const double writing = bench::seconds([&] {
+    for (const std::int64_t count : counts)
+      write_bare(open_bare(number++).get(), payload, count);
+  });
+  number = 0;
+  const double reading = bench::seconds([&] {
+    for (const std::int64_t count : counts) {
+      const File file(fopen(("floor-" + std::to_string(number++)).c_str(), "rb"), fclose);
+      read_bare(file.get(), kDrainedBytes, count);
+    }
+  });
+  return {writing, reading};
+}
+
+void report_sizes(bench::Report* report, const bench::Options& options) {
+  for (const std::uint16_t length : {100, 400, 1000, 4000, 16000, 60000}) {
+    const auto of = [&](double (*cost)(std::uint16_t)) {
+      return [cost, length] { return cost(length); };
+    };
+    const std::vector<double> figures = bench::medians(
+        options.runs,
+        {of(store_cost), of(store_floor), of(get_cost), of(get_floor), of(turn_cost)});
+    const std::string name = std::to_string(length) + " B";
+    report->add(
+        {"spool Store", name, "us", figures[0], "three fwrite, one fflush", figures[1], "<= 1.15"});
+    report->add({"spool Get", name, "us", figures[2], "three fread", figures[3], ""});
+    report->add({"spool Store and Get in turn", name, "us", figures[4], "the floors of both",
+                 figures[1] + figures[3], ""});
+    report->add_growth("message size (B): Store, us", length, figures[0], figures[1]);
+    report->add_growth("message size (B): Get, us", length, figures[2], figures[3]);
   }
-  state.SetBytesProcessed(state.iterations() * length);
 }
 
-void sizes(benchmark::internal::Benchmark* benchmark) {
-  for (int length : {100, 400, 1000, 4000, 16000, 60000})
-    benchmark->Arg(length);
+void report_depths(bench::Report* report, const bench::Options& options, std::int64_t most) {
+  for (std::int64_t depth = 1; depth <= most; depth *= 10) {
+    const std::vector<bench::Figures> figures = bench::medians_of_figures(
+        options.runs, {[&] { return drain(depth); }, [&] { return drain_floor(depth); }});
+    report->add_growth("spool depth: drain, s", static_cast<double>(depth), figures[0][1],
+                       figures[1][1]);
+    if (depth < most)
+      continue;
+    const std::string name = std::to_string(depth) + " records of 400 B";
+    const double to_us = 1e6 / static_cast<double>(depth);
+    report->add({"spool Store", name, "us", figures[0][0] * to_us, "three fwrite, one fflush",
+                 figures[1][0] * to_us, "<= 1.15"});
+    report->add({"drain of the spool", name, "us", figures[0][1] * to_us, "sequential read",
+                 figures[1][1] * to_us, ""});
+  }
 }
-
-BENCHMARK(Store)->Apply(sizes);
-BENCHMARK(StoreFloor)->Apply(sizes);
-BENCHMARK(Get)->Apply(sizes);
-BENCHMARK(GetFloor)->Apply(sizes);
-BENCHMARK(StoreAndGet)->Apply(sizes);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  std::uint64_t depth = 0;
+  const bench::Options options = bench::parse(argc, argv, {{"--depth", &depth}});
+  if (depth == 0)
+    depth = options.quick ? 10000 : 1000000;
+  bench::Report report(options);
+  report_sizes(&report, options);
+  report_depths(&report, options, static_cast<std::int64_t>(depth));
+  return report.finish();
+}
