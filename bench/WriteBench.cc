@@ -1,0 +1,164 @@
+// What a record costs the host: DoWrite from the record to the worker's queue, beside the
+// conversion with one malloc and one memcpy of the message, each with one, four and eight threads.
+//
+// The queue never fills and nothing is sent: the worker gets no socket, and every thread empties
+// the queue itself after some records, as the floor frees its copies. Costs are processor time of
+// the whole process per record; rates are records of all threads per second of the clock.
+
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+// Compiled in here, since the worker that all writers share is private to it.
+#include "ZMQ.cc"
+
+#include "BenchReport.h"
+#include "SampleRecords.h"
+
+#include "standin/ReportRecorder.h"
+
+#include "ScriptConstants.h"
+#include "TempDir.h"
+#include "WriterUnderTest.h"
+
+/// In place of libzmq's: without a socket the worker collects messages and sends none.
+extern "C" void* zmq_socket(void*, int) {
+  return nullptr;
+}
+
+namespace {
+
+using bench::Figures;
+using bench::Samples;
+
+const std::size_t kSamples = 64;
+/// After how many records a thread empties the queue: with 16 threads that is at most half of what
+/// the worker keeps in memory.
+const std::size_t kBatch = 16;
+
+/// What one thread works with.
+class Writer {
+ public:
+  explicit Writer(const std::string& kind) : samples_(bench::samples(kind, kSamples)) {
+    writer_.init();
+  }
+
+  void write(std::size_t i) {
+    test::RecordBuilder& record = samples_[i % kSamples]->record();
+    if (!writer_->DoWrite(record.size(), fields(), record.vals()))
+      abort();
+    if (i % kBatch == kBatch - 1)
+      empty_queue();
+  }
+
+  void convert_and_copy(std::size_t i) {
+    test::RecordBuilder& record = samples_[i % kSamples]->record();
+    flatbuffers::FlatBufferBuilder builder(logging::writer::kInitialBufferBytes);
+    logging::writer::convert_record(builder, bench::kAgentId, record.size(), fields(),
+                                    record.vals());
+    void* const copy = malloc(builder.GetSize());
+    memcpy(copy, builder.GetBufferPointer(), builder.GetSize());
+    copies_[i % kBatch] = copy;
+    if (i % kBatch == kBatch - 1)
+      for (void* each : copies_)
+        free(each);
+  }
+
+ private:
+  /// The columns of all records: a writer's are the same for each.
+  const threading::Field* const* fields() const { return samples_.front()->record().fields(); }
+
+  static void empty_queue() {
+    logging::writer::ZmqWorker* const worker = logging::writer::worker.load();
+    std::queue<logging::writer::zmq_message*> taken;
+    pthread_mutex_lock(&worker->mutex);
+    taken.swap(worker->queue);
+    pthread_mutex_unlock(&worker->mutex);
+    for (; !taken.empty(); taken.pop()) {
+      free(taken.front()->data);
+      free(taken.front());
+    }
+  }
+
+  Samples samples_;
+  test::WriterUnderTest writer_;
+  void* copies_[kBatch] = {};
+};
+
+using Writers = std::vector<std::unique_ptr<Writer>>;
+using Work = void (Writer::*)(std::size_t);
+
+void run(const Writers& writers, std::size_t count, std::size_t each, Work work) {
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < count; ++t)
+    threads.emplace_back([&writers, t, each, work] {
+      for (std::size_t i = 0; i < each; ++i)
+        (*writers[t].*work)(i);
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+}
+
+/// Nanoseconds of processor time per record, and records per second.
+Figures measure(const Writers& writers, std::size_t count, std::size_t records, Work work) {
+  const std::size_t each = records / count / kBatch * kBatch;
+  const double all = static_cast<double>(each * count);
+  const double cpu = bench::cpu_seconds();
+  const double clock = bench::seconds([&] { run(writers, count, each, work); });
+  return {(bench::cpu_seconds() - cpu) / all * 1e9, all / clock};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::uint64_t records = 0;
+  const bench::Options options = bench::parse(argc, argv, {{"--records", &records}});
+  if (records == 0)
+    records = options.quick ? 20000 : 800000;
+  bench::Report report(options);
+
+  const test::TempDir folder;
+  std::filesystem::create_directory("orvik");
+  std::filesystem::create_directory("orvik-spool");
+  const standin::ReportRecorder reports;
+  const test::ScriptConstants constants;
+  Writers writers;
+  while (writers.size() < 16)
+    writers.push_back(std::make_unique<Writer>("connection"));
+
+  const char* const peer = "conversion + malloc + memcpy";
+  double rate_of_one = 0;
+  for (const std::size_t count : {1, 2, 4, 8, 16}) {
+    const std::vector<Figures> figures = bench::medians_of_figures(
+        options.runs,
+        {[&] { return measure(writers, count, records, &Writer::write); },
+         [&] { return measure(writers, count, records, &Writer::convert_and_copy); }});
+    report.add_growth("writers: DoWrite, ns", static_cast<double>(count), figures[0][0],
+                      figures[1][0]);
+    if (count == 1)
+      rate_of_one = figures[0][1];
+    if (count == 2 || count == 16)
+      continue;
+    const std::string of =
+        "connection, " + std::to_string(count) + (count == 1 ? " writer" : " writers");
+    report.add({"DoWrite", of, "ns/record", figures[0][0], peer, figures[1][0],
+                count == 1 ? "<= 1.5" : ""});
+    report.add({"DoWrite, all writers", of, "1/s", figures[0][1], peer, figures[1][1], ""});
+    if (count == 8)
+      report.add(
+          {"DoWrite, all writers", of, "1/s", figures[0][1], "1 writer", rate_of_one, ">= 0.9"});
+  }
+  if (!std::filesystem::is_empty(paths::kSpoolFolder)) {
+    std::fprintf(stderr, "the queue was full: the figures hold for the spool too\n");
+    return 1;
+  }
+  return report.finish();
+}
