@@ -40,6 +40,7 @@ NOT_RUN = {
     r"mkdir found$": "belongs to the fuzzer's run",
     r"build-fuzz/tests/SpoolFuzzer ": "fuzzes for a minute",
     r"sudo ": "changes the system",
+    r"bench/run$": "measures for minutes; a test of its own runs the quick form",
 }
 
 # Programs that commands may use beside zmqwriter, as they leave the system alone.
