@@ -182,7 +182,7 @@ class CommandsTest(DocumentsTest):
             for word in words[1:]:
                 if word.startswith("setup/"):
                     self.assertTrue(os.path.exists(os.path.join(SOURCE_DIR, word)), word)
-        elif program.startswith(("./", "setup/")):
+        elif program.startswith(("./", "setup/", "bench/")):
             path = os.path.join(SOURCE_DIR, program)
             self.assertTrue(os.access(path, os.X_OK), path)
             self.assertEqual(options - options_in(help_of(path)), set())
