@@ -147,6 +147,21 @@ zmq_message* new_record(void* body, uint64_t size) {
   return record;
 }
 
+/// The same with a copy of the bytes as its body; null without memory.
+zmq_message* try_new_record(const void* data, uint64_t size) {
+  void* const body = malloc(size > 0 ? size : 1);
+  zmq_message* const record =
+      body ? static_cast<zmq_message*>(malloc(sizeof(zmq_message))) : nullptr;
+  if (!record) {
+    free(body);
+    return nullptr;
+  }
+  if (size > 0)
+    memcpy(body, data, size);
+  *record = {body, size, 1, false};
+  return record;
+}
+
 /// Marks a record as settled. Its body, if it still owns one, goes at once; the record itself as
 /// soon as no queue entry refers to it.
 void settle_record(zmq_message* record) {
@@ -532,14 +547,27 @@ void* ZmqWorker::Connect(std::string uri) {
 }
 
 void ZmqWorker::Write(unsigned long size, const void* data) {
-  MutexLock lock(&mutex);
-  if (queue.size() < kQueueBound) {
-    queue.push(new_record(copy_of(data, size), size));
-  } else if (zmq_pqueue) {  // gone once stopped
-    // Cutting it is on purpose: the spool's lengths have 16 bits.
-    cut_count += size > USHRT_MAX;
-    zmq_pqueue->Store(static_cast<unsigned short>(size), data);
+  // Copied before the lock is taken, since all writers and the send thread wait for each other
+  // there. With the queue full that was in vain, and so is a failure of it then.
+  zmq_message* const record = try_new_record(data, size);
+  {
+    MutexLock lock(&mutex);
+    if (queue.size() < kQueueBound) {
+      if (record)
+        queue.push(record);
+      else
+        out_of_memory("malloc");
+      return;
+    }
+    if (zmq_pqueue) {  // gone once stopped
+      // Cutting it is on purpose: the spool's lengths have 16 bits.
+      cut_count += size > USHRT_MAX;
+      zmq_pqueue->Store(static_cast<unsigned short>(size), data);
+    }
   }
+  if (record)
+    free(record->data);
+  free(record);
 }
 
 void ZmqWorker::DoWork() {

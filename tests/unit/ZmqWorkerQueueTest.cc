@@ -140,6 +140,13 @@ TEST_F(Queue, WithoutMemoryForTheBodyTheHostIsTold) {
   EXPECT_DEATH(worker->Write(ULONG_MAX / 2, "x"), "out of memory in malloc");
 }
 
+TEST_F(Queue, WithTheQueueFullAMessageIsSpooledWithoutMemoryForTheBody) {
+  connect();
+  write_many(500);
+  worker->Write(1UL << 62, "x");  // modulo 65536 that is a message of no bytes
+  EXPECT_THAT(FakeSpool::contents(), ElementsAre(""));
+}
+
 // -- Stop -----------------------------------------------------------------------------------------
 
 TEST_F(Stopping, EndsEverythingInOrder) {
