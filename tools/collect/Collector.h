@@ -41,6 +41,9 @@ class Collector {
   Collector(const Collector&) = delete;
   Collector& operator=(const Collector&) = delete;
 
+  /// What it listens on, with the ports that the system chose.
+  const std::vector<std::string>& endpoints() const { return bound_; }
+
   /// Receives until the wanted count has come, nothing has come for the time given, the output
   /// fails, or a stop signal has arrived. Returns the exit status.
   int Run();

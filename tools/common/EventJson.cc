@@ -74,12 +74,26 @@ unsigned code_point(const unsigned char* sequence, std::size_t length) {
   return code;
 }
 
+/// How many bytes at the start stand for themselves in a JSON string: most texts are such a run.
+std::size_t plain_length(const unsigned char* text, std::size_t size) {
+  std::size_t length = 0;
+  while (length < size && text[length] >= 0x20 && text[length] < 0x7f && text[length] != '"' &&
+         text[length] != '\\')
+    ++length;
+  return length;
+}
+
 /// Appends a JSON string. `for_terminal` also escapes the control characters beyond ASCII and the
 /// separators of lines, which JSON allows as they are.
 void append_quoted(std::string* out, const char* text, std::size_t size, bool for_terminal) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(text);
   *out += '"';
   for (std::size_t i = 0; i < size;) {
+    const std::size_t plain = plain_length(bytes + i, size - i);
+    out->append(text + i, plain);
+    i += plain;
+    if (i == size)
+      break;
     const std::size_t length = utf8_length(bytes + i, size - i);
     if (length == 1)
       append_ascii(out, bytes[i]);
