@@ -292,12 +292,13 @@ def main():
     parser.add_argument("--build", required=True)
     parser.add_argument("--csv")
     parser.add_argument("--quick", action="store_true")
-    parser.add_argument("--runs", type=int, default=5)
+    parser.add_argument("--runs", type=int)
     parser.add_argument("--records", type=int)
     options = parser.parse_args()
     build = os.path.abspath(options.build)
+    runs = options.runs if options.runs is not None else 3 if options.quick else 5
     count = options.records or (10000 if options.quick else 200000)
-    if count <= WARM_UP or options.runs < 1:
+    if count <= WARM_UP or runs < 1:
         parser.error("--records must be above %d and --runs above 0" % WARM_UP)
     rows = []
     with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
@@ -306,7 +307,7 @@ def main():
             print("left out: " + problem, file=sys.stderr)
         else:
             for path, kind in (("conn", "connection"), ("http", "http")):
-                rows += compare(build, folder, path, kind, count, options.runs)
+                rows += compare(build, folder, path, kind, count, runs)
     for row in rows:
         print("%-28s %-34s %10.5g %-9s %10.5g %-20s %8.3f  %s" % (
             row.measure, row.case, row.ours, row.unit, row.peer, row.peer_name, row.ratio,
