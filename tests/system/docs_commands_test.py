@@ -32,7 +32,6 @@ NOT_RUN = {
     r"\./test\b": "runs this test",
     r"\./configure\b": "needs the host's tree; a test of its own runs it",
     r"make( install)?$": "needs the host's tree; a test of its own runs it",
-    r"setup/packages\b": "installs packages",
     r"cmake -S ": "configures a whole build",
     r"cmake --build ": "builds everything",
     r"cmake --install build --prefix /opt/": "installs into the system",
