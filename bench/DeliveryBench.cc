@@ -295,7 +295,7 @@ int main(int argc, char** argv) {
   bench::Report report(options);
   for (const char* kind : {"connection", "http"})
     report_deliveries(&report, options, sample_load(kind, events));
-  report_writers(&report, options, events / 5);
+  report_writers(&report, options, events / 10);
   report_sizes(&report, options, events / 2);
   return report.finish();
 }

@@ -297,7 +297,7 @@ def main():
     options = parser.parse_args()
     build = os.path.abspath(options.build)
     runs = options.runs if options.runs is not None else 3 if options.quick else 5
-    count = options.records or (10000 if options.quick else 200000)
+    count = options.records or (10000 if options.quick else 100000)
     if count <= WARM_UP or runs < 1:
         parser.error("--records must be above %d and --runs above 0" % WARM_UP)
     rows = []

@@ -164,12 +164,16 @@ class TableTest(InFolder):
 
     def test_growth_is_judged_by_its_exponent(self):
         linear, quadratic = report.growth_rows(self.points)
-        self.assertAlmostEqual(linear[4], 1)
-        self.assertAlmostEqual(linear[5], 1)
-        self.assertIs(linear[6], True)
-        self.assertAlmostEqual(quadratic[4], 2)
-        self.assertIsNone(quadratic[5])
-        self.assertIs(quadratic[6], False)
+        self.assertAlmostEqual(linear.ours, 1)
+        self.assertAlmostEqual(linear.peer, 1)
+        self.assertIs(linear.met, True)
+        self.assertAlmostEqual(quadratic.ours, 2)
+        self.assertIsNone(quadratic.peer)
+        self.assertIs(quadratic.met, False)
+
+    def test_floor_that_is_steeper_than_linear_is_the_measure(self):
+        self.assertEqual([report.growth_goal(peer) for peer in (None, 0.2, 1.0, 1.2)],
+                         ["<= 1.10", "<= 1.10", "<= 1.10", "<= 1.25"])
 
     def test_goals_of_rows_and_curves_are_counted(self):
         self.assertEqual(report.count_goals(self.rows, self.points), (3, 2))
