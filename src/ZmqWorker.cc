@@ -40,10 +40,11 @@ const useconds_t kRetryPauseUs = 1000000;
 const useconds_t kHoldOffPauseUs = 1000000;
 const int64_t kHoldOffSeconds = 9;
 
-/// Bounds of the look for writability before a send, in looks. A look costs about a
-/// microsecond, so the longest wait is far below the sleep that it saves.
-const int kMinLooks = 1;
-const int kMaxLooks = 64;
+/// How often the look for room before a send looks at most. A look costs half a microsecond to one,
+/// so a look in vain costs about as much as the sleep that it should have saved.
+const int kMaxLooks = 128;
+/// How many sends at most go without a look after looks in vain.
+const int kMaxSendsWithoutLook = 15;
 
 /// A forgotten socket keeps its connection. A laptop's primary may come and go a thousand times
 /// between two restarts, and libzmq has no more than 1023 sockets to give.
@@ -256,7 +257,8 @@ class ZmqWorker::SendLoop {
   // For the look for writability.
   bool primary_answers = false;  ///< the latest send to the primary succeeded
   bool backlog = false;          ///< entries were waiting when `current` was popped
-  int looks = kMaxLooks;         ///< how often to look at most, by the latest experience
+  int sends_without_look = 0;    ///< how many are still to come
+  int vain_looks = 0;            ///< in a row
 };
 
 void ZmqWorker::SendLoop::run() {
@@ -402,22 +404,30 @@ bool ZmqWorker::SendLoop::send_to_primary() {
 }
 
 /// With a high-water mark of 1 every message waits until libzmq's I/O thread has taken the one
-/// before. A blocking send sleeps through that and is woken, which costs far more than the
-/// hand-over itself. So while a backlog is there to be worked off and the primary is answering,
-/// this looks a few times first; the send that follows is the same either way. It looks less
-/// often when that was in vain.
+/// before, which it does before it encrypts that. A blocking send sleeps through this and is
+/// woken, and comes too late: by then the I/O thread has found nothing more to take and sleeps
+/// too, and so they wake each other for every single message, which costs more than all the rest.
+/// So while a backlog is there to be worked off and the primary is answering, this looks for room
+/// first; the send that follows is the same either way. Few looks are mostly enough, but when one
+/// of the two has slept, the other must wait longer to get back into step. Where the server or the
+/// network is what all wait for, looks are in vain: then more and more sends go without.
 void ZmqWorker::SendLoop::wait_for_room() {
-  for (int look = 0; look < looks; ++look) {
+  if (sends_without_look > 0) {
+    --sends_without_look;
+    return;
+  }
+  for (int look = 0; look < kMaxLooks; ++look) {
     int events = 0;
     size_t length = sizeof events;
     if (zmq_getsockopt(worker.socket, ZMQ_EVENTS, &events, &length) != 0)
       return;
     if (events & ZMQ_POLLOUT) {
-      looks = std::min(looks * 2, kMaxLooks);
+      vain_looks = 0;
       return;
     }
   }
-  looks = std::max(looks / 2, kMinLooks);
+  sends_without_look = std::min((1 << vain_looks) - 1, kMaxSendsWithoutLook);
+  vain_looks = std::min(vain_looks + 1, 4);
 }
 
 void ZmqWorker::SendLoop::close_secondary(void* secondary) {
