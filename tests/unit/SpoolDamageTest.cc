@@ -268,6 +268,7 @@ TEST_F(SpoolDamageTest, UnreadableHeadIsWarnedOfAndNeverDeleted) {
     EXPECT_TRUE(spool().IsEmpty());
     stop();
   });
+  set_mode(path(), 0600);
   EXPECT_EQ(content(), kHealthy);
 }
 
@@ -283,6 +284,7 @@ TEST_F(SpoolDamageTest, UnreadableHeadDoesNotBarTheWayToOlderFiles) {
     EXPECT_THAT(take(), Optional(std::string("third")));
     stop();
   });
+  set_mode(path("queue.dat.unopened"), 0600);
   EXPECT_EQ(content("queue.dat.unopened"), header(20, 1) + record(0, "new!"));
 }
 
