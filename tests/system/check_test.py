@@ -108,6 +108,12 @@ class ConfigurationTest(CheckTestCase):
         self.assertIn("spool disabled", text)
         self.assertIn('"agent\\n"', text)
 
+    def test_mistyped_settings_are_found(self):
+        self.settings(more="zmq.secondary_server = b\n")
+        report = self.report()
+        self.assertEqual(self.found(report), ["setting-unknown"])
+        self.assertIn("zmq.secondary_server", report["findings"][0]["text"])
+
     def test_no_server_and_no_key_are_found(self):
         write_file("settings", "")
         report = self.report()
@@ -359,6 +365,22 @@ class ConnectTest(CheckTestCase):
         key = self.hexadecimal(self.public)
         report = self.connect(key=key.lower())
         self.assertEqual(sorted(self.found(report)), ["connect-wrong-key", "key-lower-case"])
+
+    def test_key_with_a_digit_too_many_is_the_right_one(self):
+        self.server()
+        report = self.connect(key=self.hexadecimal(self.public) + "0")
+        self.assertEqual(self.found(report), ["key-too-long"])
+        self.assertEqual(report["findings"][0]["severity"], "warning")
+        self.assertNotIn("no event leaves", report["findings"][0]["text"])
+        self.assertEqual(report["connect"][0]["outcome"], "connected")
+
+    def test_digits_of_a_key_in_z85_are_taken(self):
+        self.server()
+        report = self.connect(key=self.public.hex().upper())
+        self.assertEqual(self.found(report), ["key-too-long"])
+        self.assertEqual(report["findings"][0]["severity"], "warning")
+        self.assertNotIn("no event leaves", report["findings"][0]["text"])
+        self.assertEqual(report["connect"][0]["outcome"], "connected")
 
     def test_server_that_speaks_null(self):
         self.server(mechanism="NULL")

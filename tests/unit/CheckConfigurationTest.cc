@@ -1,4 +1,6 @@
 // What check makes of a configuration: the same as the worker, and a finding for each oddity.
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <zmq.h>
 
 #include <algorithm>
@@ -77,6 +79,13 @@ class CheckConfiguration : public test::WorkerFixture {
   std::vector<std::string> findings_of(const std::string& primary) {
     set("zmq.server = " + primary + "\n");
     return endpoint_findings();
+  }
+
+  std::vector<std::string> name_findings(const std::string& lines) {
+    set(lines);
+    findings.clear();
+    look().JudgeNames(&findings);
+    return named(findings);
   }
 
   std::vector<std::string> key_findings(const std::string& key, bool accepted = true) {
@@ -278,8 +287,45 @@ TEST_F(CheckConfiguration, TextWhereANumberMustBeIsFound) {
               ElementsAre("warning setting-not-a-number", "warning setting-not-a-number"));
   EXPECT_THAT(findings[0].text, HasSubstr("disk.usage.relative = 'ten'"));
   EXPECT_THAT(findings[0].text, HasSubstr("default 10 is used"));
-  EXPECT_THAT(findings[1].text, HasSubstr("pqueue.chunk.size"));
+  EXPECT_THAT(findings[1].text, HasSubstr("settings: pqueue.chunk.size = "));
   EXPECT_EQ(look().setting("disk.usage.absolute").value, "500");
+  EXPECT_EQ(source_of("disk.usage.absolute"), "settings file");
+  EXPECT_EQ(look().setting("disk.usage.relative").value, "10");
+  EXPECT_EQ(source_of("disk.usage.relative"), "default");
+  EXPECT_EQ(source_of("pqueue.chunk.size"), "default");
+}
+
+TEST_F(CheckConfiguration, MistypedNameOfASettingIsFound) {
+  for (const char* key : {"zmq.secondary_server", "disk.usage.absolut", "zmq.Server", "ZMQ.server",
+                          "pqueue.chunk", "zmq."}) {
+    SCOPED_TRACE(key);
+    EXPECT_THAT(name_findings("# zmq.none = 1\n " + std::string(key) + "= b\n"),
+                ElementsAre("warning setting-unknown"));
+    EXPECT_THAT(text(), HasSubstr("settings: '" + std::string(key) + "' is no setting"));
+    EXPECT_THAT(findings[0].what_to_do, HasSubstr("zmq.secondary_servers, disk.usage.relative"));
+  }
+}
+
+TEST_F(CheckConfiguration, SettingsOfThePlugInAndOfOthersAreFine) {
+  EXPECT_THAT(
+      name_findings("zmq.server = a\nzmq.public_key = b\nzmq.secondary_servers = c=d\n"
+                    "disk.usage.relative = 1\ndisk.usage.absolute = 1\npqueue.chunk.size = 1\n"
+                    "sensor.zmq.name = a\ndisk.name = b\nzmqx = c\n\xef\xbb\xbfother = d\n"),
+      IsEmpty());
+}
+
+TEST_F(CheckConfiguration, ByteOrderMarkThatHidesTheFirstSettingIsFound) {
+  EXPECT_THAT(name_findings("\xef\xbb\xbfzmq.server = a\nzmq.public_key = b\n"),
+              ElementsAre("warning setting-unknown"));
+  EXPECT_THAT(text(), HasSubstr("'zmq.server' is not read: the file begins with a byte order"));
+}
+
+TEST_F(CheckConfiguration, SettingsThatCameThroughAPipeAreNotReadOnceMore) {
+  set("zmq.typo = a\n");
+  options.settings_file = "pipe";
+  ASSERT_EQ(mkfifo(dir.file("pipe").c_str(), 0600), 0);
+  look().JudgeNames(&findings);  // would wait for a writer
+  EXPECT_THAT(named(findings), IsEmpty());
 }
 
 // -- Endpoints ------------------------------------------------------------------------------------
@@ -313,13 +359,27 @@ TEST_F(CheckConfiguration, ColonInBracketsThatKeepsThePortAwayIsFound) {
 
 TEST_F(CheckConfiguration, AddressOfIpVersionSixIsFound) {
   EXPECT_THAT(findings_of("[::1]:5555"), ElementsAre("error endpoint-ipv6"));
-  EXPECT_THAT(findings_of("2001:db8::1"), ElementsAre("error endpoint-ipv6"));
+  for (const char* server : {"2001:db8::1", "::1", "1:2:3:4:5:6:7:8:5555", "fe80::1%eth0:5555",
+                             "tcp://[fe80::1%eth0]:5555", "::ffff:10.0.0.1:5555"}) {
+    SCOPED_TRACE(server);
+    EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-ipv6"));
+  }
+}
+
+TEST_F(CheckConfiguration, OtherColonsAreNotTakenForAnAddressOfIpVersionSix) {
+  for (const char* server : {"tcp:127.0.0.1:5", "user:pw:5", "tcp://a:1:2", "[h]:5555"}) {
+    SCOPED_TRACE(server);
+    EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-characters"));
+  }
+  EXPECT_THAT(findings_of("tcp:127.0.0.1:5"), ElementsAre("error endpoint-characters"));
+  EXPECT_THAT(text(), HasSubstr("has 'tcp:127.0.0.1' where its host must be"));
 }
 
 TEST_F(CheckConfiguration, MissingHostIsFound) {
   EXPECT_THAT(findings_of(":7000"), ElementsAre("error endpoint-no-host"));
   EXPECT_THAT(text(), HasSubstr("'tcp://:7000:5555'"));
   EXPECT_THAT(findings_of("tcp://"), ElementsAre("error endpoint-no-host"));
+  EXPECT_THAT(findings_of("tcp://a:1;"), ElementsAre("error endpoint-no-host"));
 }
 
 TEST_F(CheckConfiguration, OddPortsAreFound) {
@@ -333,7 +393,8 @@ TEST_F(CheckConfiguration, OddPortsAreFound) {
 
 TEST_F(CheckConfiguration, CharactersThatNoEndpointHasAreFound) {
   for (const char* server : {"a,b", "\"h:5555\"", "'h'", "a b", "a,b c", "tcp://h/path:1",
-                             "tcp://*:5555", "tcp://tcp://h:5", "\xe9"}) {
+                             "tcp://*:5555", "tcp://tcp://h:5", "\xe9", "$HOST:5555", "a=b:1", ".",
+                             "-:1", "tcp://;127.0.0.1:1", "tcp://!:0;h:1"}) {
     SCOPED_TRACE(server);
     EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-characters"));
   }
@@ -346,10 +407,22 @@ TEST_F(CheckConfiguration, PrimaryThatIsNotTrimmedIsFound) {
 }
 
 TEST_F(CheckConfiguration, SchemesThatLeadNowhereAreFound) {
-  for (const char* server : {"http://h:80", "udp://h:1", "inproc://h:1", "pgm://h:1", "://h"}) {
+  for (const char* server : {"http://h:80", "udp://h:1", "inproc://h:1", "pgm://h:1", "://h",
+                             "ws://10.0.0.1:1", "wss://h:1", "TCP://h:1"}) {
     SCOPED_TRACE(server);
     EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-scheme"));
   }
+}
+
+TEST_F(CheckConfiguration, PathThatIsTooLongForASocketFileIsFound) {
+  constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
+  EXPECT_THAT(findings_of("ipc://" + std::string(kLongest - 2, 'x') + ":1"), IsEmpty());
+  EXPECT_THAT(findings_of("ipc://" + std::string(kLongest - 1, 'x') + ":1"),
+              ElementsAre("error endpoint-path"));
+  EXPECT_THAT(text(), HasSubstr("path of " + std::to_string(kLongest + 1) + " bytes"));
+  // The port counts that gets appended.
+  EXPECT_THAT(findings_of("ipc://" + std::string(kLongest, 'x')),
+              ElementsAre("error endpoint-path"));
 }
 
 TEST_F(CheckConfiguration, ServerNamedTwiceIsFound) {
@@ -411,10 +484,35 @@ TEST_F(CheckConfiguration, KeyOneDigitShortIsFound) {
 }
 
 TEST_F(CheckConfiguration, KeyThatIsTooLongIsFound) {
-  EXPECT_THAT(key_findings(kGoodKey + std::string("0")), ElementsAre("error key-too-long"));
-  EXPECT_THAT(text(), HasSubstr("it has 65 characters"));
-  EXPECT_THAT(key_findings("\"" + std::string(kGoodKey) + "\""), ElementsAre("error key-too-long"));
-  EXPECT_THAT(text(), HasSubstr("characters that are no hexadecimal digits"));
+  EXPECT_THAT(key_findings("\"" + std::string(kGoodKey) + "\"", false),
+              ElementsAre("error key-too-long"));
+  EXPECT_THAT(text(), HasSubstr("it has 66 characters), and characters that are no hexadecimal"));
+  EXPECT_THAT(text(), HasSubstr("decoded to 33 bytes, which libzmq does not take for a key; no "
+                                "event leaves the plug-in"));
+  EXPECT_THAT(key_findings("\"" + std::string(kGoodKey)), ElementsAre("error key-too-long"));
+  EXPECT_THAT(text(), HasSubstr("decoded to another key"));
+}
+
+TEST_F(CheckConfiguration, KeyWithOneCharacterBehindItComesOutRight) {
+  for (const char* surplus : {"0", "x", "\""}) {
+    EXPECT_THAT(key_findings(kGoodKey + std::string(surplus)), ElementsAre("warning key-too-long"));
+    EXPECT_THAT(text(), HasSubstr("it has 65 characters"));
+    EXPECT_THAT(text(), HasSubstr("decoded from its first 64 digits, and the rest is ignored"));
+    EXPECT_THAT(text(), Not(HasSubstr("no event leaves")));
+  }
+  EXPECT_THAT(key_findings("0f" + std::string(63, '1')), ElementsAre("error key-too-long"));
+  EXPECT_THAT(text(), HasSubstr("decoded to another key, 2F111"));
+}
+
+TEST_F(CheckConfiguration, DigitsOfAKeyInZ85AreTakenByLibzmq) {
+  const std::string digits = hex_digits("Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hID", 40);
+  for (const char* end : {"", "00"}) {
+    EXPECT_THAT(key_findings(digits + end), ElementsAre("warning key-too-long"));
+    EXPECT_THAT(text(), HasSubstr(" bytes, which libzmq reads as a key in Z85"));
+    EXPECT_THAT(text(), Not(HasSubstr("no event leaves")));
+  }
+  EXPECT_THAT(key_findings(digits + "41", false), ElementsAre("error key-too-long"));
+  EXPECT_THAT(text(), HasSubstr("41 bytes, which libzmq does not take for a key; no event leaves"));
 }
 
 TEST_F(CheckConfiguration, KeyWithOtherCharactersIsFound) {
@@ -471,6 +569,23 @@ TEST_F(CheckConfiguration, LimitsOfNothingAreFound) {
               ElementsAre("warning disk-limit-not-positive"));
   EXPECT_THAT(disk_findings("pqueue.chunk.size = 0\n"),
               ElementsAre("warning chunk-size-not-positive"));
+  EXPECT_THAT(text(), HasSubstr("0 MB, 0 bytes; every spooled event would begin a new file"));
+}
+
+TEST_F(CheckConfiguration, LimitsBelowNothingAreNotTakenForOnesThatAreTooLarge) {
+  EXPECT_THAT(disk_findings("disk.usage.absolute = -3000\n"),
+              ElementsAre("warning disk-limit-not-positive"));
+  EXPECT_THAT(text(), HasSubstr("comes out as -3000 MB, 1149239296 bytes"));
+  EXPECT_THAT(disk_findings("disk.usage.relative = -2147483648\n"),
+              ElementsAre("warning disk-limit-not-positive"));
+  EXPECT_THAT(text(), HasSubstr("comes out as -2147483648 MB, 0 bytes"));
+  EXPECT_THAT(disk_findings("pqueue.chunk.size = -5000\n"),
+              ElementsAre("warning chunk-size-not-positive"));
+  EXPECT_THAT(text(), HasSubstr("-5000 MB, -947912704 bytes; every spooled event would begin"));
+  EXPECT_THAT(disk_findings("pqueue.chunk.size = -3000\n"),
+              ElementsAre("warning chunk-size-not-positive"));
+  EXPECT_THAT(text(), HasSubstr("-3000 MB, 1149239296 bytes"));
+  EXPECT_THAT(text(), Not(HasSubstr("new file")));
 }
 
 TEST_F(CheckConfiguration, DiskThatCannotBeMeasuredIsFound) {

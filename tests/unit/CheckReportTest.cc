@@ -107,7 +107,7 @@ TEST(CheckReport, TextHasEverySectionAndTheFindingsAtTheEnd) {
                            "tcp://a:1",
                            "Server key",
                            "AB (1 byte)",
-                           "does not take that length",
+                           "does not take it for a key",
                            "libzmq",
                            "CURVE",
                            "Places",

@@ -101,6 +101,7 @@ void look_over(const CheckOptions& options, const standin::Host& host, CheckRepo
   report->plugin = look_at_plugin(options, host);
   report->configuration.emplace(options, script_constants());
   const Configuration& configuration = *report->configuration;
+  configuration.JudgeNames(findings);
   configuration.JudgeNumbers(findings);
   configuration.JudgeEndpoints(findings);
   report->key = configuration.JudgeKey(libzmq_takes_key(configuration.DecodedKey()), findings);

@@ -165,7 +165,7 @@ std::string key_table(const KeyReport& key) {
   table.Row({"text", shown(key.text)});
   table.Row({"decoded", hex_digits(key.decoded.bytes, key.decoded.length) + " (" +
                             counted(static_cast<long>(key.decoded.length), "byte") + ")"});
-  table.Row({"libzmq", key.accepted ? "takes that length" : "does not take that length"});
+  table.Row({"libzmq", key.accepted ? "takes it for a key" : "does not take it for a key"});
   return table.Text();
 }
 

@@ -1,9 +1,14 @@
 #include "Configuration.h"
 
+#include <arpa/inet.h>
+#include <sys/un.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <stdexcept>
 
@@ -15,6 +20,7 @@ using namespace worker_settings;
 namespace {
 
 constexpr std::size_t kRawKeyLength = 32;
+constexpr std::size_t kKeyDigits = 2 * kRawKeyLength;
 
 /// A setting of text; either name may be missing.
 struct TextSetting {
@@ -63,11 +69,6 @@ Setting text_setting(const PluginOptions& options, const ConstantValues& constan
   return setting;
 }
 
-Setting number_setting(const PluginOptions& options, const NumberSetting& what, int value) {
-  const SettingOrigin origin(options, what.key, "");
-  return {what.key, "", origin.place, origin.name, std::to_string(value)};
-}
-
 bool is_whole_number(const std::string& text) {
   int number = 0;
   const char* const end = text.data() + text.size();
@@ -75,8 +76,60 @@ bool is_whole_number(const std::string& text) {
   return parsed.ec == std::errc() && parsed.ptr == end;
 }
 
+Setting number_setting(const PluginOptions& options, const NumberSetting& what, int value) {
+  const SettingOrigin origin(options, what.key, "");
+  // Of what is no number, only the name is left.
+  const auto place = is_whole_number(origin.value) ? origin.place : SettingOrigin::kNowhere;
+  return {what.key, "", place, origin.name, std::to_string(value)};
+}
+
 std::string quoted(const std::string& text) {
   return "'" + text + "'";
+}
+
+// -- Names of settings ----------------------------------------------------------------------------
+
+/// Those that the plug-in reads.
+std::vector<std::string> known_keys() {
+  std::vector<std::string> keys;
+  for (const TextSetting& setting : kConnection)
+    keys.emplace_back(setting.key);
+  for (const NumberSetting& setting : kNumbers)
+    keys.emplace_back(setting.key);
+  return keys;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words)
+    text += (text.empty() ? "" : ", ") + word;
+  return text;
+}
+
+/// By how it begins; the host and its other plug-ins have their settings in the file, too.
+bool is_meant_for_plugin(std::string key) {
+  std::transform(key.begin(), key.end(), key.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  const char* const beginnings[] = {"zmq.", "disk.usage.", "pqueue."};
+  return std::any_of(std::begin(beginnings), std::end(beginnings),
+                     [&](const char* beginning) { return key.rfind(beginning, 0) == 0; });
+}
+
+/// The keys that were loaded, in the order of the file.
+std::vector<std::string> keys_in(const std::string& settings_file) {
+  std::vector<std::string> keys;
+  std::error_code ignored;
+  // Anything else, such as a pipe, gave its content when it was loaded.
+  if (!settings || !std::filesystem::is_regular_file(settings_file, ignored))
+    return keys;
+  std::ifstream in(settings_file, std::ios::binary);
+  for (std::string line; std::getline(in, line);) {
+    std::string key = line.substr(0, line.find('='));
+    trim(key);
+    if (settings->has(key.c_str()))
+      keys.push_back(key);
+  }
+  return keys;
 }
 
 // -- Endpoints ------------------------------------------------------------------------------------
@@ -98,32 +151,69 @@ bool is_port(const std::string& text) {
          std::stoi(text) <= 65535;
 }
 
-/// Of "tcp://" endpoints, the rest behind it.
+/// With or without the brackets and the zone that it may have.
+bool is_ipv6(std::string text) {
+  if (text.size() > 2 && text.front() == '[' && text.back() == ']')
+    text = text.substr(1, text.size() - 2);
+  in6_addr address;
+  return inet_pton(AF_INET6, text.substr(0, text.find('%')).c_str(), &address) == 1;
+}
+
+/// Letters, digits and `others`; one of the first two, or of `first`, at the start.
+bool consists_of(const std::string& text, const std::string& first, const std::string& others) {
+  const auto is_plain = [](unsigned char c) { return c < 0x80 && std::isalnum(c); };
+  return !text.empty() && (is_plain(text[0]) || first.find(text[0]) != std::string::npos) &&
+         std::all_of(text.begin(), text.end(),
+                     [&](char c) { return is_plain(c) || others.find(c) != std::string::npos; });
+}
+
+/// Of "tcp://" endpoints, the rest behind it. Whatever libzmq's zmq_connect refuses is an error
+/// here, too.
 void judge_tcp(const std::string& rest, const std::function<void(Finding)>& add) {
   // libzmq allows an own address in front: tcp://192.0.2.1:0;collector:5555.
-  const std::string target = rest.substr(rest.rfind(';') + 1);
+  const std::size_t semicolon = rest.rfind(';');
+  const std::string target = rest.substr(semicolon + 1);
   const std::size_t colon = target.rfind(':');
   const std::string host = target.substr(0, colon);
   const std::string port = colon == std::string::npos ? "" : target.substr(colon + 1);
 
-  if (target.find('[') != std::string::npos && target.find("]:") == std::string::npos)
+  if (is_ipv6(target) && target.front() == '[')
     return add({"endpoint-no-port", Severity::kError,
                 "gets no port: the plug-in takes a colon inside the brackets for one; nor could it "
                 "be reached, as the plug-in connects by IPv4 only",
                 "give a port and the server's IPv4 address or a name that has one"});
-  if (host.find_first_of("/*@?#,") != std::string::npos)
-    return add({"endpoint-characters", Severity::kError, "has characters that no host name has",
-                kNameServer});
-  if (host.find('[') != std::string::npos ||
-      (std::count(host.begin(), host.end(), ':') > 0 && host[0] != ':'))
+  if (is_ipv6(target) || is_ipv6(host))
     return add({"endpoint-ipv6", Severity::kError,
                 "is an IPv6 address, but the plug-in connects by IPv4 only",
                 "give the server's IPv4 address or a name that has one"});
   if (host.empty() || host[0] == ':')
     return add({"endpoint-no-host", Severity::kError, "names no host", kNameServer});
+  if (!consists_of(host, "", ".-_"))
+    return add({"endpoint-characters", Severity::kError,
+                "has " + quoted(host) + " where its host must be, which is no name of a host",
+                kNameServer});
+  if (semicolon != std::string::npos && !consists_of(rest.substr(0, semicolon), "[:", "[:].-_%*;"))
+    return add({"endpoint-characters", Severity::kError,
+                "has " + quoted(rest.substr(0, semicolon)) +
+                    " where its own address must be, which is none",
+                kNameServer});
   if (!is_port(port))
     return add({"endpoint-port", Severity::kError,
                 "has " + quoted(port) + " where its port must be", "give a port from 1 to 65535"});
+}
+
+void judge_ipc(const std::string& path, bool port_appended,
+               const std::function<void(Finding)>& add) {
+  constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
+  if (path.size() > kLongest)
+    return add({"endpoint-path", Severity::kError,
+                "has a path of " + std::to_string(path.size()) + " bytes, and the system takes " +
+                    std::to_string(kLongest) + " at most",
+                "let the server listen on a shorter path"});
+  if (port_appended)
+    add({"endpoint-port-appended", Severity::kWarning,
+         "has got ':5555' at its end, as it has no port; the plug-in does that whatever the scheme",
+         "write it with its ':5555', which the server has to listen on, too"});
 }
 
 }  // namespace
@@ -140,14 +230,8 @@ void judge_endpoint(const Endpoint& endpoint, Findings* findings) {
   const bool appended = endpoint.uri.size() > endpoint.configured.size() &&
                         endpoint.configured.find("://") != std::string::npos;
 
-  if (scheme == "ipc" || scheme == "ws" || scheme == "wss") {
-    if (appended)
-      add({"endpoint-port-appended", Severity::kWarning,
-           "has got ':5555' at its end, as it has no port; the plug-in does that whatever the "
-           "scheme",
-           "write it with its ':5555', which the server has to listen on, too"});
-    return;
-  }
+  if (scheme == "ipc")
+    return judge_ipc(rest, appended, add);
   if (std::any_of(endpoint.uri.begin(), endpoint.uri.end(), is_odd_character)) {
     const bool secondary = endpoint.role != kPrimary;
     return add({"endpoint-characters", Severity::kError,
@@ -159,7 +243,7 @@ void judge_endpoint(const Endpoint& endpoint, Findings* findings) {
   if (scheme == "tcp")
     return judge_tcp(rest, add);
   add({"endpoint-scheme", Severity::kError,
-       "has a scheme that leads to no server: the plug-in's socket can use tcp:// and ipc://",
+       "has a scheme that is not supported: the plug-in's socket can use tcp:// and ipc://",
        kNameServer});
 }
 
@@ -211,6 +295,28 @@ void Configuration::JudgeNumbers(Findings* findings) const {
   }
 }
 
+void Configuration::JudgeNames(Findings* findings) const {
+  const std::string kByteOrderMark = "\xef\xbb\xbf";
+  const std::vector<std::string> known = known_keys();
+  for (const std::string& key : keys_in(settings_file_)) {
+    const bool marked = key.rfind(kByteOrderMark, 0) == 0;
+    const std::string name = marked ? key.substr(kByteOrderMark.size()) : key;
+    const bool is_read = std::find(known.begin(), known.end(), key) != known.end();
+    if (is_read || !is_meant_for_plugin(name))
+      continue;
+    const std::string what = settings_file_ + ": " + quoted(name);
+    if (marked)
+      findings->push_back({"setting-unknown", Severity::kWarning,
+                           what + " is not read: the file begins with a byte order mark, which "
+                                  "becomes part of that name",
+                           "save the file without a byte order mark"});
+    else
+      findings->push_back({"setting-unknown", Severity::kWarning,
+                           what + " is no setting of the plug-in, and is not read",
+                           "take the line out, or write one of " + joined(known)});
+  }
+}
+
 void Configuration::JudgeEndpoints(Findings* findings) const {
   const Setting& server = setting(kServer);
   if (server.value.empty()) {
@@ -241,6 +347,25 @@ void Configuration::JudgeEndpoints(Findings* findings) const {
   }
 }
 
+namespace {
+
+bool is_hexadecimal(const std::string& text) {
+  return text.find_first_not_of("0123456789ABCDEFabcdef") == std::string::npos;
+}
+
+/// Whether the first 64 characters are digits, and decoded as they are meant. The text has as many.
+bool comes_out_right(const std::string& text, const ServerKey& decoded) {
+  std::string digits = text.substr(0, kKeyDigits);
+  if (!is_hexadecimal(digits))
+    return false;
+  for (char& c : digits)
+    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  const ServerKey meant = decode_server_key(digits);
+  return std::equal(meant.bytes, meant.bytes + kRawKeyLength, decoded.bytes);
+}
+
+}  // namespace
+
 ServerKey Configuration::DecodedKey() const {
   return decode_server_key(setting(kPublicKey).value);
 }
@@ -264,23 +389,25 @@ KeyReport Configuration::JudgeKey(bool accepted, Findings* findings) const {
 
   std::string text = key.name + " " + problem.what;
   Severity severity = Severity::kError;
-  std::string upper = key.value;
-  for (char& c : upper)
-    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  const ServerKey meant = decode_server_key(upper);
   const std::size_t length = report.decoded.length;
-  if (key.value.find_first_not_of("0123456789ABCDEFabcdef") != std::string::npos)
+  if (!is_hexadecimal(key.value))
     text += ", and characters that are no hexadecimal digits";
-  if (problem.id == "key-lower-case" &&
-      std::equal(meant.bytes, meant.bytes + kRawKeyLength, report.decoded.bytes)) {
+  if (length == kRawKeyLength && comes_out_right(key.value, report.decoded)) {
     severity = Severity::kWarning;
-    text += "; this one comes out right by luck, as none is the second digit of a byte";
+    text += key.value.size() > kKeyDigits
+                ? "; it is decoded from its first 64 digits, and the rest is ignored"
+                : "; this one comes out right by luck, as none is the second digit of a byte";
   } else if (length == kRawKeyLength) {
     text +=
         "; it is decoded to another key, " + hex_digits(report.decoded.bytes, length) + consequence;
   } else {
-    text += "; it is decoded to " + std::to_string(length) + (length == 1 ? " byte" : " bytes") +
-            (accepted ? "" : ", which libzmq does not take for a key") + consequence;
+    text += "; it is decoded to " + std::to_string(length) + (length == 1 ? " byte" : " bytes");
+    if (accepted) {
+      severity = Severity::kWarning;
+      text += ", which libzmq reads as a key in Z85";
+    } else {
+      text += ", which libzmq does not take for a key" + consequence;
+    }
   }
   findings->push_back({problem.id, severity, text, problem.remedy});
   return report;
@@ -303,30 +430,34 @@ DiskReport Configuration::JudgeDisk(Findings* findings) const {
     return std::to_string(megabytes) + " MB becomes " + std::to_string(bytes) +
            " bytes, as the plug-in computes it with 32 bits, where 2048 MB and more wrap around";
   };
+  const auto plainly = [](int megabytes, int bytes) {
+    return std::to_string(megabytes) + " MB, " + std::to_string(bytes) + " bytes";
+  };
+  const char* const new_files =
+      disk.chunk_bytes <= 0 ? "; every spooled event would begin a new file" : "";
   if (disk.disk_mb <= 0)
     findings->push_back({"disk-not-measured", Severity::kWarning,
                          "the size of the working directory's disk cannot be found out: the "
                          "plug-in will count it as 0 MB",
                          "start the host, and this check, in a folder that it may read"});
-  if (wraps(disk.limit_mb, disk.limit_bytes))
+  if (disk.limit_mb < 0 || (disk.limit_mb == 0 && disk.disk_mb > 0))
+    findings->push_back(
+        {"disk-limit-not-positive", Severity::kWarning,
+         "the spool's limit comes out as " + plainly(disk.limit_mb, disk.limit_bytes),
+         "set disk.usage.relative and disk.usage.absolute to more than 0"});
+  else if (wraps(disk.limit_mb, disk.limit_bytes))
     findings->push_back({"disk-limit-wraps", Severity::kWarning,
                          "the spool's limit of " + arithmetic(disk.limit_mb, disk.limit_bytes),
                          "set disk.usage.absolute to 2047 at most"});
-  else if (disk.limit_mb <= 0 && disk.disk_mb > 0)
-    findings->push_back({"disk-limit-not-positive", Severity::kWarning,
-                         "the spool's limit comes out as " + std::to_string(disk.limit_mb) + " MB",
-                         "set disk.usage.relative and disk.usage.absolute to more than 0"});
-  if (wraps(chunk_, disk.chunk_bytes))
+  if (chunk_ <= 0)
     findings->push_back(
-        {"chunk-size-wraps", Severity::kWarning,
-         "pqueue.chunk.size of " + arithmetic(chunk_, disk.chunk_bytes) +
-             (disk.chunk_bytes <= 0 ? "; every spooled event would begin a new file" : ""),
-         "set it to 2047 at most; 10 is the default"});
-  else if (chunk_ <= 0)
-    findings->push_back({"chunk-size-not-positive", Severity::kWarning,
-                         "pqueue.chunk.size of " + std::to_string(chunk_) +
-                             " MB: every spooled event would begin a new file",
-                         "set it to 1 at least; 10 is the default"});
+        {"chunk-size-not-positive", Severity::kWarning,
+         "pqueue.chunk.size comes out as " + plainly(chunk_, disk.chunk_bytes) + new_files,
+         "set it to 1 at least; 10 is the default"});
+  else if (wraps(chunk_, disk.chunk_bytes))
+    findings->push_back({"chunk-size-wraps", Severity::kWarning,
+                         "pqueue.chunk.size of " + arithmetic(chunk_, disk.chunk_bytes) + new_files,
+                         "set it to 2047 at most; 10 is the default"});
   return disk;
 }
 

@@ -33,7 +33,7 @@ struct Endpoint {
 struct KeyReport {
   std::string text;
   worker_settings::ServerKey decoded;
-  bool accepted;  ///< libzmq takes a key of that length
+  bool accepted;  ///< libzmq takes the decoded bytes for a key
 };
 
 struct DiskReport {
@@ -58,9 +58,11 @@ class Configuration {
   const std::vector<Endpoint>& endpoints() const { return endpoints_; }
 
   /// Each adds what it finds.
+  /// Names in the settings file that were meant for the plug-in, and that it does not read.
+  void JudgeNames(Findings* findings) const;
   void JudgeNumbers(Findings* findings) const;
   void JudgeEndpoints(Findings* findings) const;
-  /// `accepted`: whether libzmq takes a key of the decoded length.
+  /// `accepted`: whether libzmq takes the decoded bytes for a key.
   KeyReport JudgeKey(bool accepted, Findings* findings) const;
   DiskReport JudgeDisk(Findings* findings) const;
 

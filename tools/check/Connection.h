@@ -29,5 +29,6 @@ ConnectResult try_connection(const std::string& uri, const worker_settings::Serv
 ConnectResult try_connection(const std::string& uri, const worker_settings::ServerKey& key,
                              std::chrono::milliseconds timeout);
 
-/// Whether libzmq takes the bytes for a server key; it goes by their number.
+/// Whether libzmq takes the bytes for a server key: any 32, and 40 or, with a zero behind them, 41
+/// that are a key's Z85 text.
 bool libzmq_takes_key(const worker_settings::ServerKey& key);
