@@ -422,6 +422,76 @@ class BackPressureTest(ReplayTestCase):
             self.assert_each_once(collector, read)
 
 
+class SpoolAdviceTest(ReplayTestCase):
+    """What the program and the operations page advise about a spool brings its events back."""
+
+    SPOOL = "orvik-spool/work"
+
+    def spool(self, *arguments):
+        result = self.run_tool("spool", *arguments, self.SPOOL)
+        return result.returncode, result.stdout.decode() + result.stderr
+
+    def fail_to_start(self):
+        """Leaves the records 500 to 1999 in the spool of a plug-in that could not start."""
+        write_file("a.log", log_of(2000))
+        self.settings_for("foo://bar")
+        replay = self.replay("--no-pace", "a.log")
+        self.assertEqual(replay.status, 1)
+        return replay
+
+    def run_well(self):
+        """Starts with a server and one record more."""
+        collector = self.collect("--format", "json")
+        self.settings_for(collector.endpoint)
+        write_file("b.log", log_of(1))
+        replay = self.replay("b.log")
+        self.assertEqual(replay.status, 0, replay.stderr)
+        return collector
+
+    def assert_all_arrive(self, collector):
+        self.assertEqual(self.uids(collector, 1501),
+                         collections.Counter(["C0"] + ["C%d" % n for n in range(500, 2000)]))
+        self.assertNotIn("queue.dat", os.listdir(self.SPOOL))
+
+    def test_spool_of_a_failed_start_is_sent_after_the_repair_that_replay_asks_for(self):
+        replay = self.fail_to_start()
+        self.assertIn("left on disk: events in orvik-spool/work, which the next run finds only "
+                      "after 'zmqwriter spool repair'", replay.stderr)
+        self.assertNotIn("which the next run sends", replay.stderr)
+        self.assertIn("the next start of the plug-in finds 0", self.spool("list")[1])
+        self.assertEqual(self.spool("repair")[0], 0)
+        self.assertIn("the next start of the plug-in finds 1500", self.spool("list")[1])
+        self.assert_all_arrive(self.run_well())
+
+    def put_damaged_files_before_the_good_one(self):
+        self.fail_to_start()
+        self.assertEqual(self.spool("repair")[0], 0)
+        os.rename(self.SPOOL + "/queue.dat", self.SPOOL + "/queue.dat.2")
+        write_file(self.SPOOL + "/queue.dat.1", "this is no queue at all")
+        write_file(self.SPOOL + "/queue.dat", "oh!")
+
+    def test_files_that_repair_leaves_are_moved_away_and_the_others_sent(self):
+        self.put_damaged_files_before_the_good_one()
+        status, said = self.spool("list")
+        self.assertEqual(status, 1, said)
+        status, said = self.spool("repair")
+        self.assertEqual(status, 1, said)
+        self.assertEqual(said.count("left as it is"), 2, said)
+        for name in ("queue.dat", "queue.dat.1"):
+            os.rename(os.path.join(self.SPOOL, name), name)
+        status, said = self.spool("repair")
+        self.assertEqual(status, 0, said)
+        self.assert_all_arrive(self.run_well())
+
+    def test_start_with_damaged_files_sends_what_is_no_event_and_deletes_them(self):
+        self.put_damaged_files_before_the_good_one()
+        collector = self.run_well()
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+        self.assertGreater(totals(collector)["malformed messages"], 0, collector.stderr)
+        self.assertEqual(os.listdir(self.SPOOL), ["queue.dat.before-repair"])
+
+
 class WrongKeyTest(ReplayTestCase):
     """The right key in a wrong form: nothing may reach the server, least of all unencrypted."""
 

@@ -213,6 +213,16 @@ TEST_F(SendLoop, EntriesLeftByFailedPassesAreSkippedOnceTheRecordIsDelivered) {
   EXPECT_EQ(failed(), 3u);
 }
 
+TEST_F(SendLoop, NothingIsSaidWhenThePrimaryTakesTheSecondPass) {
+  connect("a");
+  sends({kFail, kFail, kOk});
+  write("r");
+  const auto story = run();
+  EXPECT_THAT(story, Contains(kNotResponding)) << "the outage was reported";
+  EXPECT_THAT(story, Not(Contains(kBackOnline))) << "its end is not, on purpose: nobody was asked";
+  EXPECT_EQ(sent(), 1u);
+}
+
 TEST_F(SendLoop, BackOnlineAfterNobodyAnswered) {
   connect();
   sends({kFail, kFail, kFail, kFail, kFail, kOk});

@@ -323,10 +323,16 @@ class Replay {
 
   /// What the plug-in holds in memory, it tries once more when it is stopped.
   static void AnnounceEnd(const DravenholtZmqWriterStatus& status) {
-    if (status.spooled)
+    if (status.spooled && status.running)
       std::fprintf(stderr,
                    "left on disk: events in %s, which the next run sends ('zmqwriter spool list' "
                    "shows them)\n",
+                   status.spool_folder);
+    else if (status
+                 .spooled)  // A worker that does not run is not stopped, so the header stays as is.
+      std::fprintf(stderr,
+                   "left on disk: events in %s, which the next run finds only after 'zmqwriter "
+                   "spool repair' (the plug-in could not start, and so does not close its spool)\n",
                    status.spool_folder);
     const std::uint64_t held = status.queued + (status.in_work ? 1 : 0);
     if (status.running && held > 0)
