@@ -36,6 +36,7 @@
 #include "BenchReport.h"
 #include "RecordConversion.h"
 #include "SampleRecords.h"
+#include "SendLook.h"
 #include "SinkProcess.h"
 #include "ZmqWorker.h"
 
@@ -115,38 +116,8 @@ void release(void* data, void*) {
   std::free(data);
 }
 
-/// The worker's look for room, with its bounds.
-class Look {
- public:
-  explicit Look(void* socket) : socket_(socket) {}
-
-  void operator()() {
-    if (sends_without_look_ > 0) {
-      --sends_without_look_;
-      return;
-    }
-    for (int look = 0; look < 128; ++look) {
-      int events = 0;
-      std::size_t length = sizeof events;
-      if (zmq_getsockopt(socket_, ZMQ_EVENTS, &events, &length) != 0)
-        give_up("a socket does not tell its events");
-      if (events & ZMQ_POLLOUT) {
-        vain_looks_ = 0;
-        return;
-      }
-    }
-    sends_without_look_ = std::min((1 << vain_looks_) - 1, 15);
-    vain_looks_ = std::min(vain_looks_ + 1, 4);
-  }
-
- private:
-  void* const socket_;
-  int sends_without_look_ = 0;
-  int vain_looks_ = 0;
-};
-
 void loop(void* socket, const Load& load, std::uint64_t events, bool looking) {
-  Look look(socket);
+  logging::writer::SendLook look;
   for (std::uint64_t i = 0; i < events; ++i) {
     const std::string& message = load.messages[i % load.messages.size()];
     void* const copy = std::malloc(message.size());
@@ -154,7 +125,7 @@ void loop(void* socket, const Load& load, std::uint64_t events, bool looking) {
     zmq_msg_t msg;
     zmq_msg_init_data(&msg, copy, message.size(), release, nullptr);
     if (looking)
-      look();
+      look.before_send(socket);
     if (zmq_sendmsg(socket, &msg, 0) < 0)
       give_up("a send failed");
   }
@@ -192,13 +163,22 @@ void write(bench::Agent* agent, int writer, const Load& load, std::uint64_t even
   }
 }
 
-/// The writers of a host wait for packets; these wait for room in the queue, and one that is woken
-/// too late for that leaves the queue empty, after which the send thread pauses for 100 ms: that
-/// would measure the scheduler. So they go before all others, where that is allowed (as root).
-void go_before_others() {
+/// Whether it was allowed. The writers of a host wait for packets; these wait for room in the
+/// queue, and one that is woken too late for that leaves the queue empty, after which the send
+/// thread pauses for 100 ms: that would measure the scheduler. So they go before all others, where
+/// that is allowed (as root).
+bool go_before_others() {
   struct sched_param priority = {};
   priority.sched_priority = sched_get_priority_min(SCHED_FIFO);
-  static_cast<void>(pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority));
+  return pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority) == 0;
+}
+
+/// Says what the figures miss where that is not allowed.
+void try_to_go_before_others() {
+  std::thread([] {
+    if (!go_before_others())
+      std::fprintf(stderr, "left out: the writers' real-time priority, which only root can give\n");
+  }).join();
 }
 
 /// So many events of each writer.
@@ -324,6 +304,7 @@ int main(int argc, char** argv) {
   if (events == 0)
     events = options.quick ? 5000 : 100000;
   bench::Report report(options);
+  try_to_go_before_others();
   for (const char* kind : {"connection", "http"})
     report_deliveries(&report, options, sample_load(kind, events));
   report_writers(&report, options, events / 10);

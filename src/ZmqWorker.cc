@@ -8,13 +8,13 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
 #include <zmq.h>
 
 #include "PersistentQueue.h"
 #include "Reports.h"
+#include "SendLook.h"
 #include "WorkerSettings.h"
 #include "WriterStatus.h"
 
@@ -39,12 +39,6 @@ const useconds_t kIdlePollUs = 100000;
 const useconds_t kRetryPauseUs = 1000000;
 const useconds_t kHoldOffPauseUs = 1000000;
 const int64_t kHoldOffSeconds = 9;
-
-/// How often the look for room before a send looks at most. A look costs half a microsecond to one,
-/// so a look in vain costs about as much as the sleep that it should have saved.
-const int kMaxLooks = 128;
-/// How many sends at most go without a look after looks in vain.
-const int kMaxSendsWithoutLook = 15;
 
 /// A forgotten socket keeps its connection. A laptop's primary may come and go a thousand times
 /// between two restarts, and libzmq has no more than 1023 sockets to give.
@@ -238,7 +232,6 @@ class ZmqWorker::SendLoop {
   Outcome search_secondaries();
 
   bool send_to_primary();
-  void wait_for_room();
   void close_secondary(void* secondary);
   void forget_secondary();
 
@@ -254,11 +247,9 @@ class ZmqWorker::SendLoop {
   zmq_message* current = nullptr;
   zmq_msg_t msg;
 
-  // For the look for writability.
+  SendLook look_at_primary;
   bool primary_answers = false;  ///< the latest send to the primary succeeded
   bool backlog = false;          ///< entries were waiting when `current` was popped
-  int sends_without_look = 0;    ///< how many are still to come
-  int vain_looks = 0;            ///< in a row
 };
 
 void ZmqWorker::SendLoop::run() {
@@ -396,38 +387,12 @@ ZmqWorker::SendLoop::Outcome ZmqWorker::SendLoop::search_secondaries() {
   return kFailed;
 }
 
+/// Looks for room only while a backlog is there to be worked off and the primary is answering.
 bool ZmqWorker::SendLoop::send_to_primary() {
   if (backlog && primary_answers)
-    wait_for_room();
+    look_at_primary.before_send(worker.socket);
   primary_answers = worker.zmq_blocking_send(worker.socket, &msg) >= 0;
   return primary_answers;
-}
-
-/// With a high-water mark of 1 every message waits until libzmq's I/O thread has taken the one
-/// before, which it does before it encrypts that. A blocking send sleeps through this and is
-/// woken, and comes too late: by then the I/O thread has found nothing more to take and sleeps
-/// too, and so they wake each other for every single message, which costs more than all the rest.
-/// So while a backlog is there to be worked off and the primary is answering, this looks for room
-/// first; the send that follows is the same either way. Few looks are mostly enough, but when one
-/// of the two has slept, the other must wait longer to get back into step. Where the server or the
-/// network is what all wait for, looks are in vain: then more and more sends go without.
-void ZmqWorker::SendLoop::wait_for_room() {
-  if (sends_without_look > 0) {
-    --sends_without_look;
-    return;
-  }
-  for (int look = 0; look < kMaxLooks; ++look) {
-    int events = 0;
-    size_t length = sizeof events;
-    if (zmq_getsockopt(worker.socket, ZMQ_EVENTS, &events, &length) != 0)
-      return;
-    if (events & ZMQ_POLLOUT) {
-      vain_looks = 0;
-      return;
-    }
-  }
-  sends_without_look = std::min((1 << vain_looks) - 1, kMaxSendsWithoutLook);
-  vain_looks = std::min(vain_looks + 1, 4);
 }
 
 void ZmqWorker::SendLoop::close_secondary(void* secondary) {
