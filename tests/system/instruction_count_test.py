@@ -12,8 +12,8 @@ import tempfile
 import unittest
 
 SCRIPT = os.path.join(sys.argv[1], "bench", "count-instructions")
-HERE = "GCC 12 on x86_64 with FlatBuffers 2.0"
-OTHER = "GCC 99 on riscv64 with FlatBuffers 2.0"
+HERE = "GCC 12 on x86_64 with FlatBuffers 2.0 and -O2 -g -DNDEBUG"
+OTHER = "GCC 12 on x86_64 with FlatBuffers 2.0 and -O3 -DNDEBUG"
 HEADER = "environment,case,instructions\n"
 
 # A start of 100000 instructions, and so many for each record of the case.
@@ -77,13 +77,34 @@ class InstructionCountTest(unittest.TestCase):
         self.valgrind(1000, 100)
         self.assertEqual(self.count().returncode, 0)
 
-    def test_counts_of_another_compiler_are_not_compared_with(self):
+    def test_counts_of_other_flags_are_not_compared_with(self):
         self.record(HEADER + OTHER + ",conversion,1\n" + OTHER + ",store,1\n")
         self.valgrind(4000, 700)
         result = self.count()
         self.assertEqual(result.returncode, 77)
         self.assertIn("no counts are recorded for " + HERE, result.stdout)
         self.assertIn("bench/count-instructions --update", result.stdout)
+
+    def test_record_without_one_of_the_cases_is_a_failure(self):
+        for kept, missing in (("conversion,4000", "store"), ("store,700", "conversion")):
+            with self.subTest(missing):
+                self.record(HEADER + HERE + "," + kept + "\n")
+                self.valgrind(4000, 700)
+                result = self.count()
+                self.assertEqual((result.returncode, result.stdout), (1, ""))
+                self.assertIn("no count is recorded for %s of %s" % (missing, HERE), result.stderr)
+
+    def test_unoptimised_build_is_neither_compared_nor_recorded(self):
+        self.program("bench/InstructionCount", '#!/bin/sh\necho "%s, not optimised"\n' % HERE)
+        record = HEADER + HERE + ",conversion,4000\n" + HERE + ",store,700\n"
+        self.record(record)
+        self.valgrind(4000, 700)
+        for words in ([], ["--update"]):
+            with self.subTest(words):
+                result = self.count(*words)
+                self.assertEqual((result.returncode, result.stdout), (1, ""))
+                self.assertIn("is not optimised", result.stderr)
+                self.assertEqual(self.recorded(), record)
 
     def test_without_valgrind_nothing_is_compared(self):
         self.record(HEADER + HERE + ",conversion,4000\n" + HERE + ",store,700\n")
