@@ -9,7 +9,8 @@
 //     report.add({"spool Store", "400 B", "us", figures[0], "bare stdio", figures[1], "<= 1.15"});
 //     return report.finish();
 //
-// Options that every program has: --csv FILE, --growth FILE, --quick, --runs N.
+// Options that every program has: --csv FILE, --growth FILE, --quick, and --runs N where it
+// measures each figure several times.
 //
 // The file of --csv has the columns measure,case,unit,ours,peer_name,peer,ratio,goal. The ratio is
 // ours / peer. A goal is "<= NUMBER" or ">= NUMBER" and is asked of the ratio, or of our figure
@@ -32,6 +33,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -43,8 +45,9 @@
 namespace bench {
 
 struct Options {
-  std::string csv;     ///< empty: no file
-  std::string growth;  ///< empty: no file
+  // Absolute, since programs work in folders of their own; empty: no file.
+  std::string csv;
+  std::string growth;
   bool quick = false;  ///< small amounts: shows that all works, not what it costs
   int runs = 0;        ///< how often each figure is measured; 5, and 3 with --quick, unless given
 };
@@ -55,8 +58,9 @@ constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
 namespace internal {
 
 [[noreturn]] inline void usage(const char* program,
-                               const std::map<std::string, std::uint64_t*>& numbers) {
-  std::fprintf(stderr, "usage: %s [--csv FILE] [--growth FILE] [--quick] [--runs N]", program);
+                               const std::map<std::string, std::uint64_t*>& numbers, bool repeats) {
+  std::fprintf(stderr, "usage: %s [--csv FILE] [--growth FILE] [--quick]%s", program,
+               repeats ? " [--runs N]" : "");
   for (const auto& number : numbers)
     std::fprintf(stderr, " [%s N]", number.first.c_str());
   std::fputc('\n', stderr);
@@ -90,10 +94,15 @@ inline std::string figure(double value) {
 
 }  // namespace internal
 
+/// How often a program measures each of its figures.
+enum class Runs { kSeveral, kOne };
+
 /// The options of the command line. `numbers` are options of the program's own, each followed by a
 /// whole number above 0. Wrong words end the program with the usage and status 2.
 inline Options parse(int argc, char** argv,
-                     const std::map<std::string, std::uint64_t*>& numbers = {}) {
+                     const std::map<std::string, std::uint64_t*>& numbers = {},
+                     Runs runs_of_each = Runs::kSeveral) {
+  const bool repeats = runs_of_each == Runs::kSeveral;
   const std::string path = argv[0];
   const std::string program = path.substr(path.rfind('/') + 1);
   Options options;
@@ -104,21 +113,21 @@ inline Options parse(int argc, char** argv,
       continue;
     }
     if (++i == argc)
-      internal::usage(program.c_str(), numbers);
+      internal::usage(program.c_str(), numbers, repeats);
     const std::string value = argv[i];
     std::uint64_t runs = 0;
     const auto number = numbers.find(name);
     if (name == "--csv")
-      options.csv = value;
+      options.csv = std::filesystem::absolute(value).string();
     else if (name == "--growth")
-      options.growth = value;
-    else if (name == "--runs" && internal::parse_count(value, &runs) && runs <= 1000)
+      options.growth = std::filesystem::absolute(value).string();
+    else if (name == "--runs" && repeats && internal::parse_count(value, &runs) && runs <= 1000)
       options.runs = static_cast<int>(runs);
     else if (number == numbers.end() || !internal::parse_count(value, number->second))
-      internal::usage(program.c_str(), numbers);
+      internal::usage(program.c_str(), numbers, repeats);
   }
   if (options.runs == 0)
-    options.runs = options.quick ? 3 : 5;
+    options.runs = !repeats ? 1 : options.quick ? 3 : 5;
   return options;
 }
 
