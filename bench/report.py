@@ -13,8 +13,7 @@ ROW_COLUMNS = ["measure", "case", "unit", "ours", "peer_name", "peer", "ratio", 
 POINT_COLUMNS = ["curve", "x", "ours", "peer"]
 
 # Linear is an exponent of 1; the rest is what runs differ by.
-LINEAR = 1.1
-BESIDE_FLOOR = 0.05
+LINEAR = "<= 1.1"
 
 Row = collections.namedtuple("Row", ROW_COLUMNS)
 Point = collections.namedtuple("Point", POINT_COLUMNS)
@@ -178,12 +177,6 @@ GrowthRow = collections.namedtuple("GrowthRow", ["axis", "series", "least", "mos
                                                  "goal", "met"])
 
 
-def growth_goal(peer):
-    """What our exponent may be: linear, or hardly more than the floor's where that is steeper, as
-    when the processor's caches are outgrown."""
-    return "<= %.2f" % max(LINEAR, 0 if peer is None else peer + BESIDE_FLOOR)
-
-
 def growth_rows(points):
     """One for each curve of at least two points, with the exponents of ours and of the peer, if
     there is one."""
@@ -196,9 +189,8 @@ def growth_rows(points):
             beside = [(point.x, point.peer) for point in of_one if point.peer is not None]
             peer = exponent(beside) if len(beside) >= 2 else None
             xs = [point.x for point in of_one]
-            goal = growth_goal(peer)
-            result.append(GrowthRow(axis, series, min(xs), max(xs), ours, peer, goal,
-                                    goal_met(goal, ours)))
+            result.append(GrowthRow(axis, series, min(xs), max(xs), ours, peer, LINEAR,
+                                    goal_met(LINEAR, ours)))
     return result
 
 

@@ -34,7 +34,6 @@ import report
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 WARM_UP = 1000
-PATIENCE_S = 60
 
 # What an event has no place for (docs/wire-format.md).
 NOT_IN_EVENT = {
@@ -52,6 +51,10 @@ ENVELOPE = {"agent_id": AGENT, "tz_minutes_west": 0}
 
 class Failed(Exception):
     """One of the two could not be measured; says why."""
+
+
+class Broken(Exception):
+    """Nothing can be measured, as something of ours does not work; says what."""
 
 
 # -- Records --------------------------------------------------------------------------------------
@@ -79,12 +82,14 @@ class Log:
                 file.write(self.rows[i % len(self.rows)] + "\n")
 
     def write_json(self, name, count, without=(), envelope=None):
-        """The same records as JSON lines."""
+        """The same records as JSON lines. The bytes of all lines, without their ends."""
         lines = [json.dumps(dict(self.object_of(row, without), **(envelope or {})),
                             ensure_ascii=False, separators=(",", ":")) for row in self.rows]
         with open(name, "w", encoding="utf-8", errors="surrogateescape") as file:
             for i in range(count):
                 file.write(lines[i % len(lines)] + "\n")
+        lengths = [len(line.encode("utf-8", "surrogateescape")) for line in lines]
+        return sum(lengths[i % len(lines)] for i in range(count))
 
     def object_of(self, row, without=()):
         members = {"_path": self.path}
@@ -124,21 +129,28 @@ class Sink:
     """The program Sink, for one sender."""
 
     def __init__(self, build):
-        self.process = subprocess.Popen([os.path.join(build, "bench", "Sink")], text=True,
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self.endpoint, self.key_hex, self.key_z85 = self.process.stdout.readline().split()
+        try:
+            self.process = subprocess.Popen([os.path.join(build, "bench", "Sink")], text=True,
+                                            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        except OSError as error:
+            raise Broken("Sink cannot be run: %s" % error)
+        words = self.process.stdout.readline().split()
+        if len(words) != 3:
+            self.process.communicate()
+            raise Broken("Sink did not start")
+        self.endpoint, self.key_hex, self.key_z85 = words
 
     def expect(self, count):
         self.process.stdin.write("expect %d %d\n" % (WARM_UP, count - WARM_UP))
         self.process.stdin.flush()
 
     def wait(self):
-        """Events per second and bytes on the wire per event."""
+        """Events per second, bytes of all of them and those on the wire per event."""
         words = self.process.stdout.readline().split()
         if not words:
             raise Failed("not all events arrived")
-        count, wire, seconds = int(words[1]), int(words[3]), float(words[4])
-        return count / seconds, wire / (count + WARM_UP)
+        count, size, wire, seconds = int(words[1]), int(words[2]), int(words[3]), float(words[4])
+        return count / seconds, size, wire / (count + WARM_UP)
 
     def __enter__(self):
         return self
@@ -151,19 +163,23 @@ class Sink:
 # -- The senders ----------------------------------------------------------------------------------
 
 
-def run_sender(command, folder, sink, count, environment=None):
+def run_sender(command, folder, sink, count, size=None):
     """Events per second, processor time (us) and bytes on the wire per event of one process. A
-    sender that does not end by itself is ended once everything has arrived."""
+    sender that does not end by itself is ended once everything has arrived. Other events than
+    those of `size` bytes altogether, where that is known, are a failure."""
     sink.expect(count)
     with open(os.path.join(folder, "output"), "wb") as output:
         process = subprocess.Popen(command, cwd=folder, stdout=output, stderr=output,
-                                   stdin=subprocess.DEVNULL, env=environment)
+                                   stdin=subprocess.DEVNULL)
     try:
-        rate, wire = sink.wait()
+        rate, received, wire = sink.wait()
     finally:
-        process.send_signal(signal.SIGTERM)
+        # Not by send_signal, which would take the end of one that has ended, and its times with it.
+        os.kill(process.pid, signal.SIGTERM)
         _, status, usage = os.wait4(process.pid, 0)
         process.returncode = status
+    if size is not None and received != size:
+        raise Failed("%d bytes arrived instead of %d" % (received, size))
     cpu = usage.ru_utime + usage.ru_stime
     return rate, cpu * 1e6 / count, wire
 
@@ -202,8 +218,10 @@ def find_rsyslogd():
 
 def client_keys(build, folder):
     """A key pair in Z85, made by our own keygen out of what it writes."""
-    subprocess.run([os.path.join(build, "bin", "zmqwriter"), "keygen", "--dir", folder], check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    made = subprocess.run([os.path.join(build, "bin", "zmqwriter"), "keygen", "--dir", folder],
+                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    if made.returncode != 0:
+        raise Broken("zmqwriter keygen failed:\n" + made.stderr)
     keys = []
     for name in ("server.public", "server.secret"):
         with open(os.path.join(folder, name)) as file:
@@ -224,10 +242,10 @@ def z85(data):
     return text
 
 
-def run_rsyslog(build, lines, count):
-    """Ships the lines to a fresh sink."""
+def run_rsyslog(build, keys, lines, count, size):
+    """Ships the lines, of so many bytes altogether, to a fresh sink."""
+    public, secret = keys
     with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder, Sink(build) as sink:
-        public, secret = client_keys(build, folder)
         with open(os.path.join(folder, "server.cert"), "w") as file:
             file.write(CERTIFICATE % sink.key_z85)
         with open(os.path.join(folder, "client.cert"), "w") as file:
@@ -236,21 +254,19 @@ def run_rsyslog(build, lines, count):
             file.write(CONFIGURATION % {"folder": folder, "lines": lines,
                                         "endpoint": sink.endpoint})
         return run_sender([find_rsyslogd(), "-n", "-f", "rsyslog.conf", "-i",
-                           os.path.join(folder, "rsyslog.pid")], folder, sink, count)
+                           os.path.join(folder, "rsyslog.pid")], folder, sink, count, size)
 
 
 # -- The comparison -------------------------------------------------------------------------------
 
 
-def rsyslog_problem(build, folder):
-    """Why there is nothing to compare with, or None."""
-    if not find_rsyslogd():
-        return "rsyslogd is not installed (setup/packages bench installs it where it can be had)"
+def rsyslog_problem(build, keys, folder):
+    """Why it does not deliver here, or None."""
     lines = os.path.join(folder, "probe.json")
-    Log(os.path.join(SOURCE, "samples", "conn.log")).write_json(lines, 2 * WARM_UP)
+    size = Log(os.path.join(SOURCE, "samples", "conn.log")).write_json(lines, 2 * WARM_UP)
     try:
-        run_rsyslog(build, lines, 2 * WARM_UP)
-    except (Failed, OSError, subprocess.SubprocessError) as error:
+        run_rsyslog(build, keys, lines, 2 * WARM_UP, size)
+    except (Failed, OSError) as error:
         return "rsyslog with its czmq module does not deliver here: %s" % error
     return None
 
@@ -266,16 +282,17 @@ def medians(runs, candidates):
     return [[report.median(figures) for figures in zip(*of_one)] for of_one in results]
 
 
-def compare(build, folder, path, kind, count, runs):
+def compare(build, keys, folder, path, kind, count, runs):
     """The rows of one kind of record."""
     log = Log(os.path.join(SOURCE, "samples", path + ".log"))
     names = [os.path.join(folder, name) for name in (path + ".log", "event.json", "all.json")]
     log.write(names[0], count)
-    log.write_json(names[1], count, NOT_IN_EVENT[path], ENVELOPE)
-    log.write_json(names[2], count)
+    event_bytes = log.write_json(names[1], count, NOT_IN_EVENT[path], ENVELOPE)
+    all_bytes = log.write_json(names[2], count)
     ours, event, everything = medians(runs, [
-        lambda: run_ours(build, names[0], count), lambda: run_rsyslog(build, names[1], count),
-        lambda: run_rsyslog(build, names[2], count)])
+        lambda: run_ours(build, names[0], count),
+        lambda: run_rsyslog(build, keys, names[1], count, event_bytes),
+        lambda: run_rsyslog(build, keys, names[2], count, all_bytes)])
     rows = []
     for peer, case in ((event, "the event's contents"), (everything, "all columns")):
         for i, (measure, unit, goal) in enumerate((
@@ -285,6 +302,27 @@ def compare(build, folder, path, kind, count, runs):
             rows.append(report.Row(measure, "%s, %s" % (kind, case), unit, ours[i],
                                    "rsyslog, JSON lines", peer[i], ours[i] / peer[i], goal))
     return rows
+
+
+def measure(build, count, runs):
+    """All rows that could be measured, and what failed then, or None."""
+    rows = []
+    if not find_rsyslogd():
+        print("left out: rsyslogd is not installed (setup/packages bench installs it where it can "
+              "be had)", file=sys.stderr)
+        return rows, None
+    try:
+        with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
+            keys = client_keys(build, folder)
+            problem = rsyslog_problem(build, keys, folder)
+            if problem:
+                print("left out: " + problem, file=sys.stderr)
+                return rows, None
+            for path, kind in (("conn", "connection"), ("http", "http")):
+                rows += compare(build, keys, folder, path, kind, count, runs)
+    except (Broken, Failed, OSError) as error:
+        return rows, str(error)
+    return rows, None
 
 
 def main():
@@ -300,21 +338,16 @@ def main():
     count = options.records or (10000 if options.quick else 100000)
     if count <= WARM_UP or runs < 1:
         parser.error("--records must be above %d and --runs above 0" % WARM_UP)
-    rows = []
-    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
-        problem = rsyslog_problem(build, folder)
-        if problem:
-            print("left out: " + problem, file=sys.stderr)
-        else:
-            for path, kind in (("conn", "connection"), ("http", "http")):
-                rows += compare(build, folder, path, kind, count, runs)
+    rows, failure = measure(build, count, runs)
     for row in rows:
         print("%-28s %-34s %10.5g %-9s %10.5g %-20s %8.3f  %s" % (
             row.measure, row.case, row.ours, row.unit, row.peer, row.peer_name, row.ratio,
             row.goal))
     if options.csv:
         report.write_rows(options.csv, rows)
-    return 0
+    if failure:
+        print("shipper_bench.py: " + failure, file=sys.stderr)
+    return 1 if failure else 0
 
 
 if __name__ == "__main__":

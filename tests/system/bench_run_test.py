@@ -171,9 +171,10 @@ class TableTest(InFolder):
         self.assertIsNone(quadratic.peer)
         self.assertIs(quadratic.met, False)
 
-    def test_floor_that_is_steeper_than_linear_is_the_measure(self):
-        self.assertEqual([report.growth_goal(peer) for peer in (None, 0.2, 1.0, 1.2)],
-                         ["<= 1.10", "<= 1.10", "<= 1.10", "<= 1.25"])
+    def test_growth_may_be_no_steeper_for_a_floor_that_is(self):
+        points = [report.Point("n: a, s", x, x ** 1.15, x ** 1.3) for x in (1.0, 10.0, 100.0)]
+        row, = report.growth_rows(points)
+        self.assertEqual((row.goal, row.met), ("<= 1.1", False))
 
     def test_goals_of_rows_and_curves_are_counted(self):
         self.assertEqual(report.count_goals(self.rows, self.points), (3, 2))
@@ -250,6 +251,14 @@ class DriverTest(InFolder):
         self.assertIn("**Not everything could be measured: bad ended with status 3",
                       self.text("results/table.md"))
 
+    def test_what_was_measured_before_a_program_failed_is_kept(self):
+        self.program("Half", self.writes() + "exit 1\n")
+        status, _, err = self.drive([run.Benchmark("half", "Half")])
+        self.assertEqual(status, 1)
+        self.assertIn("FAILED: half ended with status 1", err)
+        self.assertIn("spool Store", self.text("results/table.md"))
+        self.assertIn("Not everything could be measured", self.text("results/table.md"))
+
     def test_figures_of_an_earlier_run_never_stand_for_a_program_that_failed(self):
         os.makedirs(os.path.join(self.folder, "results"))
         self.file("results/bad.csv", ROWS)
@@ -265,7 +274,7 @@ class DriverTest(InFolder):
         self.assertIn("odd.csv: the first line", err)
 
     def test_what_a_program_left_out_is_passed_on(self):
-        self.program("Part", self.writes() + "echo left out: no shipper here >&2\n")
+        self.program("Part", self.writes() + "echo left out: no shipper here >&2; seq 100\n")
         status, _, err = self.drive([run.Benchmark("part", "Part")])
         self.assertEqual(status, 0)
         self.assertIn("part: left out: no shipper here", err)
@@ -348,14 +357,99 @@ class ShipperTest(InFolder):
         # The example of the encoding's own description.
         self.assertEqual(shipper_bench.z85(bytes.fromhex("864FD26FB559F75B")), "HelloWorld")
 
-    def test_without_a_shipper_there_is_no_row_and_a_reason(self):
+    def test_lines_are_counted_as_they_are_received(self):
+        size = self.log().write_json(self.file("out.json"), 3)
+        with open(self.file("out.json"), "rb") as file:
+            self.assertEqual(size, sum(len(line.rstrip(b"\n")) for line in file))
+
+    def bench(self, *words, **functions):
+        """The status and standard error of a run with functions of the test's own."""
         out, err = io.StringIO(), io.StringIO()
-        with mock.patch.object(shipper_bench, "find_rsyslogd", lambda: None), \
+        functions.setdefault("find_rsyslogd", lambda: "/bin/false")
+        with mock.patch.multiple(shipper_bench, **functions), \
                 mock.patch.object(sys, "argv", ["shipper_bench.py", "--build", self.folder, "--csv",
-                                                self.file("rows.csv")]), \
+                                                self.file("rows.csv")] + list(words)), \
                 redirect_stdout(out), redirect_stderr(err):
-            self.assertEqual(shipper_bench.main(), 0)
-        self.assertTrue(err.getvalue().startswith("left out: rsyslogd is not installed"))
+            return shipper_bench.main(), err.getvalue()
+
+    def test_rows_are_our_figures_beside_those_of_both_contents_with_their_goals(self):
+        ours = mock.Mock(return_value=(50.0, 2.0, 30.0))
+        status, _ = self.bench(
+            "--records", "2000", client_keys=lambda *_: ["p", "s"], rsyslog_problem=lambda *_: None,
+            run_ours=ours, run_rsyslog=lambda build, keys, lines, count, size:
+            (100.0, 4.0, 60.0) if lines.endswith("event.json") else (80.0, 5.0, 90.0))
+        self.assertEqual((status, ours.call_count), (0, 10))
+        rows = report.read_rows(self.file("rows.csv"))
+        self.assertEqual(
+            [(row.measure, row.case, row.ours, row.peer, row.ratio, row.goal) for row in rows[:6]],
+            [("shipped", "connection, the event's contents", 50, 100, 0.5, ">= 0.5"),
+             ("processor time of shipping", "connection, the event's contents", 2, 4, 0.5, "< 1"),
+             ("bytes on the wire", "connection, the event's contents", 30, 60, 0.5, "< 1"),
+             ("shipped", "connection, all columns", 50, 80, 0.625, ">= 0.5"),
+             ("processor time of shipping", "connection, all columns", 2, 5, 0.4, "< 1"),
+             ("bytes on the wire", "connection, all columns", 30, 90, 0.333333, "< 1")])
+        self.assertEqual([(row.measure, row.case.replace("http", "connection"), row.goal)
+                          for row in rows[6:]],
+                         [(row.measure, row.case, row.goal) for row in rows[:6]])
+
+    def test_run_that_fails_fails_the_benchmark_but_keeps_the_rows_before(self):
+        def run_ours(build, log, count):
+            if log.endswith("http.log"):
+                raise shipper_bench.Failed("not all events arrived")
+            return 50.0, 2.0, 30.0
+        status, err = self.bench(
+            client_keys=lambda *_: ["p", "s"], rsyslog_problem=lambda *_: None, run_ours=run_ours,
+            run_rsyslog=lambda *_: (100.0, 4.0, 60.0))
+        self.assertEqual((status, err), (1, "shipper_bench.py: not all events arrived\n"))
+        rows = report.read_rows(self.file("rows.csv"))
+        self.assertEqual({row.case.partition(",")[0] for row in rows}, {"connection"})
+
+    def test_shipper_that_does_not_deliver_is_left_out(self):
+        status, err = self.bench(client_keys=lambda *_: ["p", "s"],
+                                 run_rsyslog=mock.Mock(side_effect=shipper_bench.Failed("nothing")))
+        self.assertEqual(status, 0)
+        self.assertIn("left out: rsyslog with its czmq module does not deliver here: nothing", err)
+
+    def test_keys_or_a_sink_of_ours_that_fail_are_not_the_shippers_fault(self):
+        os.makedirs(os.path.join(self.folder, "bin"))
+        path = self.file("bin/zmqwriter", "#!/bin/sh\necho no keys >&2; exit 1\n")
+        os.chmod(path, 0o755)
+        status, err = self.bench()
+        self.assertEqual((status, err), (1, "shipper_bench.py: zmqwriter keygen failed:\nno keys\n\n"))
+        status, err = self.bench(client_keys=lambda *_: ["p", "s"])
+        self.assertEqual(status, 1)
+        self.assertTrue(err.startswith("shipper_bench.py: Sink cannot be run: "), err)
+
+    def test_other_bytes_than_those_of_the_lines_are_a_failure(self):
+        sink = mock.Mock()
+        sink.wait.return_value = (100.0, 4000, 60.0)
+        for size, fails in ((4000, False), (4001, True), (3999, True), (None, False)):
+            with self.subTest(size):
+                sender = ["true"], self.folder, sink, 10, size
+                if fails:
+                    with self.assertRaisesRegex(shipper_bench.Failed, "4000 bytes arrived"):
+                        shipper_bench.run_sender(*sender)
+                else:
+                    self.assertEqual(shipper_bench.run_sender(*sender)[0], 100.0)
+
+    def test_candidates_take_turns_in_both_directions_and_medians_are_their_own(self):
+        calls = []
+        figures = {"a": iter([1, 9, 5, 3, 7]), "b": iter([20, 10, 50, 40, 30])}
+
+        def candidate(name):
+            def run_once():
+                calls.append(name)
+                value = next(figures[name])
+                return value, -value
+            return run_once
+        self.assertEqual(shipper_bench.medians(5, [candidate("a"), candidate("b")]),
+                         [[5, -5], [30, -30]])
+        self.assertEqual("".join(calls), "abbaabbaab")
+
+    def test_without_a_shipper_there_is_no_row_and_a_reason(self):
+        status, err = self.bench(find_rsyslogd=lambda: None)
+        self.assertEqual(status, 0)
+        self.assertTrue(err.startswith("left out: rsyslogd is not installed"))
         self.assertEqual(report.read_rows(self.file("rows.csv")), [])
 
 
