@@ -12,10 +12,13 @@
 #include <unistd.h>
 #include <zmq.h>
 
+#include <atomic>
 #include <cctype>
 #include <cstring>
 #include <future>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "CurveKey.h"
@@ -186,29 +189,78 @@ TEST(CheckConnection, NameServiceThatDoesNotAnswerCannotHoldItUp) {
   const std::shared_future<void> answer = never.get_future().share();
   const auto left_behind = std::make_shared<std::promise<void>>();
   std::future<void> ended = left_behind->get_future();
-  const ConnectResult result = try_connection("tcp://slow:5555", some_key(), kShort,
-                                              [answer, left_behind](const std::string&) {
-                                                answer.wait();
-                                                left_behind->set_value();
-                                                return "";
-                                              });
+  Network network;
+  network.resolve = [answer, left_behind](const std::string&) {
+    answer.wait();
+    left_behind->set_value();
+    return Resolved{"127.0.0.1", ""};
+  };
+  const ConnectResult result = try_connection("tcp://slow:5555", some_key(), kShort, network);
   EXPECT_EQ(result.id, "connect-unresolved");
   EXPECT_THAT(result.text, HasSubstr("no answer from the name service within 0.2 s"));
   never.set_value();
   ended.wait();
 }
 
+TEST(CheckConnection, NameIsResolvedOnceAndOnlyItsAddressUsed) {
+  Server server;
+  const auto asked = std::make_shared<std::atomic<int>>(0);
+  Network network;
+  network.resolve = [asked](const std::string& host) {
+    ++*asked;
+    return host == "known.here.only" ? Resolved{"127.0.0.1", ""} : Resolved{"", "unknown"};
+  };
+  const std::string uri = with_host(server.uri, "known.here.only");
+  EXPECT_EQ(try_connection(uri, key_of(server.keys.public_key), kLong, network).id, "connected");
+  EXPECT_EQ(*asked, 1);
+  // With a look at the server afterwards.
+  EXPECT_EQ(try_connection(uri, some_key(), kLong, network).id, "connect-wrong-key");
+  EXPECT_EQ(*asked, 2);
+}
+
+TEST(CheckConnection, TimeForTheNameIsNotTakenFromTheConnection) {
+  const Port frozen(true);
+  Network network;
+  network.resolve = [](const std::string& host) {
+    std::this_thread::sleep_for(milliseconds(300));
+    return Resolved{host, ""};
+  };
+  network.greeting = [](const std::string&, milliseconds) { return PeerGreeting(); };
+  const ConnectResult result =
+      try_connection(frozen.Uri(), some_key(), milliseconds(1000), network);
+  EXPECT_EQ(result.id, "connect-silent");
+  EXPECT_GE(result.seconds, 1.3);
+}
+
+TEST(CheckConnection, ServerThatComesUpAfterTheRefusalIsTold) {
+  const Port nobody(false);
+  std::string asked;
+  Network network;
+  network.greeting = [&asked](const std::string& uri, milliseconds) {
+    asked = uri;
+    return PeerGreeting();  // connected
+  };
+  const ConnectResult result = try_connection(nobody.Uri(), some_key(), kLong, network);
+  EXPECT_EQ(asked, nobody.Uri());
+  EXPECT_EQ(result.id, "connect-refused");
+  EXPECT_THAT(result.text, HasSubstr("a moment later something took the connection"));
+  EXPECT_THAT(result.what_to_do, HasSubstr("may just be starting"));
+}
+
 TEST(CheckConnection, UnknownNameIsToldInTheWordsOfTheNameService) {
-  const auto resolve = [](const std::string& host) { return "no such " + host; };
-  const ConnectResult result = try_connection("tcp://typo:5555", some_key(), kLong, resolve);
+  Network network;
+  network.resolve = [](const std::string& host) { return Resolved{"", "no such " + host}; };
+  const ConnectResult result = try_connection("tcp://typo:5555", some_key(), kLong, network);
   EXPECT_EQ(result.id, "connect-unresolved");
   EXPECT_THAT(result.text, HasSubstr("'typo'"));
   EXPECT_THAT(result.text, HasSubstr("no such typo"));
 }
 
 TEST(CheckConnection, AddressesNeedNoNameService) {
-  EXPECT_EQ(resolve_ipv4("127.0.0.1"), "");
-  EXPECT_NE(resolve_ipv4("::1"), "");  // the plug-in connects by IPv4 only
+  EXPECT_EQ(resolve_ipv4("127.0.0.1").address, "127.0.0.1");
+  EXPECT_EQ(resolve_ipv4("127.0.0.1").problem, "");
+  EXPECT_EQ(resolve_ipv4("::1").address, "");  // the plug-in connects by IPv4 only
+  EXPECT_NE(resolve_ipv4("::1").problem, "");
 }
 
 TEST(CheckConnection, EndpointThatLibzmqRefusesIsTold) {
@@ -270,6 +322,12 @@ TEST(CheckConnection, HostIsFoundInTheEndpoint) {
   EXPECT_EQ(host_of("tcp://[::1]:5555"), "::1");
 }
 
+TEST(CheckConnection, HostIsReplacedInTheEndpoint) {
+  EXPECT_EQ(with_host("tcp://a.example.net:5555", "10.0.0.1"), "tcp://10.0.0.1:5555");
+  EXPECT_EQ(with_host("tcp://a:0;a:5555", "10.0.0.1"), "tcp://a:0;10.0.0.1:5555");
+  EXPECT_EQ(with_host("tcp://a", "10.0.0.1"), "tcp://10.0.0.1");
+}
+
 TEST(CheckConnection, KeysAreTakenByTheirLengthAndAsZ85) {
   EXPECT_TRUE(libzmq_takes_key(some_key()));
   EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key("")));
@@ -302,7 +360,6 @@ TEST(PeerGreeting, EndsWithTheTime) {
   const PeerGreeting greeting = fetch_greeting(frozen.Uri(), kShort);
   EXPECT_EQ(greeting.connect_problem, "");
   EXPECT_FALSE(greeting.any_byte);
-  EXPECT_FALSE(greeting.hung_up);
 }
 
 TEST(PeerGreeting, PathThatIsTooLongIsAProblem) {

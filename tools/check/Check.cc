@@ -88,7 +88,7 @@ ConnectResult try_endpoint(const Endpoint& endpoint, const worker_settings::Serv
 }
 
 std::vector<TriedEndpoint> try_endpoints(const Configuration& configuration, double timeout_s) {
-  const auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(
+  const auto timeout = std::chrono::ceil<std::chrono::milliseconds>(
       std::chrono::duration<double>(std::min(timeout_s, kLongestTimeout_s)));
   std::vector<TriedEndpoint> tried;
   for (const Endpoint& endpoint : configuration.endpoints())

@@ -24,8 +24,8 @@ void add_check_command(CLI::App& app, int* exit_code) {
                     "Connect to each endpoint, and say what happens; sends no event");
   command
       ->add_option("--timeout", options->timeout_s,
-                   "Wait so long for each endpoint; finding out why it failed may take a second "
-                   "more")
+                   "Wait so long for each endpoint's name to be resolved, and as long for its "
+                   "connection; finding out why it failed may take a second more")
       ->type_name("SECONDS")
       ->check(positive_number())
       ->capture_default_str();

@@ -12,8 +12,6 @@
 
 #include <zmq.h>
 
-#include "PeerGreeting.h"
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -158,26 +156,26 @@ End follow(Monitor* monitor, Clock::time_point deadline, std::uint32_t* value) {
 }
 
 /// Resolves on a thread of its own. False when there was no answer until the deadline.
-bool resolve_until(Clock::time_point deadline, const Resolve& resolve, const std::string& host,
-                   std::string* problem) {
+bool resolve_until(Clock::time_point deadline, const Network& network, const std::string& host,
+                   Resolved* resolved) {
   struct Answer {
     std::mutex mutex;
     std::condition_variable arrived;
     bool done = false;
-    std::string problem;
+    Resolved resolved;
   };
   const auto answer = std::make_shared<Answer>();
-  std::thread([answer, resolve, host] {
-    std::string result = resolve(host);
+  std::thread([answer, resolve = network.resolve, host] {
+    Resolved result = resolve(host);
     const std::lock_guard<std::mutex> lock(answer->mutex);
-    answer->problem = std::move(result);
+    answer->resolved = std::move(result);
     answer->done = true;
     answer->arrived.notify_all();
   }).detach();
   std::unique_lock<std::mutex> lock(answer->mutex);
   if (!answer->arrived.wait_until(lock, deadline, [&] { return answer->done; }))
     return false;
-  *problem = answer->problem;
+  *resolved = answer->resolved;
   return true;
 }
 
@@ -255,13 +253,15 @@ ConnectResult explain_no_connection(const PeerGreeting& peer) {
   return failure("connect-unreachable", "cannot be reached: " + peer.connect_problem, kStartServer);
 }
 
-ConnectResult explain(End end, std::uint32_t value, const std::string& uri, milliseconds timeout) {
+/// `uri` as libzmq was given it.
+ConnectResult explain(End end, std::uint32_t value, const std::string& uri, milliseconds timeout,
+                      const Network& network) {
   char number[16];
   switch (end) {
     case End::kHandshakeDone:
       return {true, "connected", "connected, handshake done", "", 0};
     case End::kMechanismMismatch:
-      return other_mechanism(fetch_greeting(uri, kDiagnosis).mechanism);
+      return other_mechanism(network.greeting(uri, kDiagnosis).mechanism);
     case End::kBadCryptography:
       return failure("connect-wrong-key",
                      "connected, but the server's answer cannot be decrypted: the server key is "
@@ -274,11 +274,11 @@ ConnectResult explain(End end, std::uint32_t value, const std::string& uri, mill
           "the agent makes a new key pair for every connection, so a server must let in "
           "any client key: take its list of allowed keys away, or allow by address");
     case End::kHungUp:
-      return explain_hang_up(fetch_greeting(uri, kDiagnosis));
+      return explain_hang_up(network.greeting(uri, kDiagnosis));
     case End::kSilent:
-      return explain_silence(fetch_greeting(uri, kDiagnosis), timeout);
+      return explain_silence(network.greeting(uri, kDiagnosis), timeout);
     case End::kNoConnection:
-      return explain_no_connection(fetch_greeting(uri, kDiagnosis));
+      return explain_no_connection(network.greeting(uri, kDiagnosis));
     case End::kNoAnswerAtAll:
       return failure("connect-timed-out",
                      "timed out: no TCP connection within " + seconds_text(timeout), kStartServer);
@@ -292,20 +292,28 @@ ConnectResult explain(End end, std::uint32_t value, const std::string& uri, mill
       "look whether the collector is one of this plug-in, and its libzmq 4.0 or newer");
 }
 
-ConnectResult attempt(const std::string& uri, const worker_settings::ServerKey& key,
-                      milliseconds timeout, const Resolve& resolve) {
+/// Puts the address in the place of the name. Neither libzmq, which cannot be stopped while it
+/// resolves, nor a look at the server afterwards asks the name service then.
+bool resolve_host(std::string* uri, milliseconds timeout, const Network& network,
+                  ConnectResult* result) {
+  const std::string host = host_of(*uri);
+  Resolved resolved;
+  if (!resolve_until(Clock::now() + timeout, network, host, &resolved))
+    resolved.problem = "no answer from the name service within " + seconds_text(timeout);
+  *uri = with_host(*uri, resolved.address);
+  if (!resolved.problem.empty())
+    *result = failure(
+        "connect-unresolved", "the name '" + host + "' has no IPv4 address: " + resolved.problem,
+        "compare the name with the server's; look whether 'getent ahostsv4' knows it");
+  return resolved.problem.empty();
+}
+
+ConnectResult attempt(std::string uri, const worker_settings::ServerKey& key, milliseconds timeout,
+                      const Network& network) {
+  ConnectResult unresolved;
+  if (uri.compare(0, 6, "tcp://") == 0 && !resolve_host(&uri, timeout, network, &unresolved))
+    return unresolved;
   const auto deadline = Clock::now() + timeout;
-  // libzmq resolves in the background, tries again for ever, and cannot be stopped meanwhile.
-  std::string problem;
-  if (uri.compare(0, 6, "tcp://") == 0) {
-    const bool answered = resolve_until(deadline, resolve, host_of(uri), &problem);
-    if (!answered)
-      problem = "no answer from the name service within " + seconds_text(timeout);
-    if (!problem.empty())
-      return failure("connect-unresolved",
-                     "the name '" + host_of(uri) + "' has no IPv4 address: " + problem,
-                     "compare the name with the server's; look whether 'getent ahostsv4' knows it");
-  }
   const Context context = new_context();
   const Socket socket = agent_socket(context.get(), key);
   Monitor monitor(context.get(), socket.get());
@@ -315,22 +323,17 @@ ConnectResult attempt(const std::string& uri, const worker_settings::ServerKey& 
                    "write it as host, host:port or tcp://host:port");
   std::uint32_t value = 0;
   const End end = follow(&monitor, deadline, &value);
-  return explain(end, value, uri, timeout);
+  return explain(end, value, uri, timeout, network);
 }
 
 }  // namespace
 
 ConnectResult try_connection(const std::string& uri, const worker_settings::ServerKey& key,
-                             milliseconds timeout, const Resolve& resolve) {
+                             milliseconds timeout, const Network& network) {
   const auto start = Clock::now();
-  ConnectResult result = attempt(uri, key, timeout, resolve);
+  ConnectResult result = attempt(uri, key, timeout, network);
   result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   return result;
-}
-
-ConnectResult try_connection(const std::string& uri, const worker_settings::ServerKey& key,
-                             milliseconds timeout) {
-  return try_connection(uri, key, timeout, resolve_ipv4);
 }
 
 bool libzmq_takes_key(const worker_settings::ServerKey& key) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Configuration.h"
+#include "PeerGreeting.h"
 
 struct ConnectResult {
   bool ok;
@@ -19,15 +20,20 @@ struct ConnectResult {
 /// The id of an endpoint that was not tried, as there is an error in its text already.
 constexpr const char* kNotTried = "not-tried";
 
-/// Why a host has no IPv4 address, empty when it has. Called on a thread of its own, which is left
-/// behind when it takes longer than there is time.
-using Resolve = std::function<std::string(const std::string& host)>;
+/// What is asked beside libzmq; a test may answer for it.
+struct Network {
+  /// Asked once. Called on a thread of its own, which is left behind when it takes longer than
+  /// there is time.
+  std::function<Resolved(const std::string& host)> resolve = resolve_ipv4;
+  /// Asked about some failures.
+  std::function<PeerGreeting(const std::string& uri, std::chrono::milliseconds timeout)> greeting =
+      fetch_greeting;
+};
 
-/// Takes `timeout` and about a second at most. Any thread.
+/// Takes `timeout` at most to resolve the name, as long for the connection, and about a second to
+/// find out why it failed. Any thread.
 ConnectResult try_connection(const std::string& uri, const worker_settings::ServerKey& key,
-                             std::chrono::milliseconds timeout, const Resolve& resolve);
-ConnectResult try_connection(const std::string& uri, const worker_settings::ServerKey& key,
-                             std::chrono::milliseconds timeout);
+                             std::chrono::milliseconds timeout, const Network& network = Network());
 
 /// Whether libzmq takes the bytes for a server key: any 32, and 40 or, with a zero behind them, 41
 /// that are a key's Z85 text.

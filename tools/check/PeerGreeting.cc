@@ -1,5 +1,6 @@
 #include "PeerGreeting.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
@@ -7,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -52,8 +54,10 @@ struct Address {
 using AddressList = std::unique_ptr<addrinfo, void (*)(addrinfo*)>;
 
 /// Null and `problem` when there is none.
-AddressList look_up(const std::string& host, const std::string& port, std::string* problem) {
+AddressList look_up(const std::string& host, const std::string& port, int flags,
+                    std::string* problem) {
   addrinfo hints = {};
+  hints.ai_flags = flags;
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
@@ -72,7 +76,8 @@ std::string target_of(const std::string& uri) {
 
 bool tcp_address(const std::string& uri, Address* address, std::string* problem) {
   const std::string target = target_of(uri);
-  const AddressList found = look_up(host_of(uri), target.substr(target.rfind(':') + 1), problem);
+  const AddressList found = look_up(host_of(uri), target.substr(target.rfind(':') + 1),
+                                    AI_NUMERICHOST | AI_NUMERICSERV, problem);
   if (!found)
     return false;
   std::memcpy(&address->bytes, found->ai_addr, found->ai_addrlen);
@@ -134,10 +139,8 @@ void read_greeting(int fd, Clock::time_point deadline, PeerGreeting* result) {
     const ssize_t got = recv(fd, bytes + size, sizeof bytes - size, 0);
     if (got < 0 && (errno == EINTR || errno == EAGAIN))
       continue;
-    if (got <= 0) {
-      result->hung_up = true;
+    if (got <= 0)
       break;
-    }
     size += static_cast<std::size_t>(got);
   }
   result->any_byte = size > 0;
@@ -168,8 +171,8 @@ PeerGreeting fetch_greeting(const std::string& uri, std::chrono::milliseconds ti
     result.refused = error == ECONNREFUSED || error == ENOENT;
     return result;
   }
-  if (send(fd.get(), kGreetingStart, sizeof kGreetingStart, kSendFlags) < 0)
-    result.hung_up = true;
+  // Whoever has hung up may have said something before.
+  send(fd.get(), kGreetingStart, sizeof kGreetingStart, kSendFlags);
   read_greeting(fd.get(), deadline, &result);
   return result;
 }
@@ -182,8 +185,18 @@ std::string host_of(const std::string& uri) {
   return host;
 }
 
-std::string resolve_ipv4(const std::string& host) {
-  std::string problem;
-  look_up(host, "", &problem);
-  return problem;
+std::string with_host(const std::string& uri, const std::string& host) {
+  const std::string target = target_of(uri);
+  const std::size_t colon = std::min(target.rfind(':'), target.size());
+  return uri.substr(0, uri.size() - target.size()) + host + target.substr(colon);
+}
+
+Resolved resolve_ipv4(const std::string& host) {
+  Resolved result;
+  if (const AddressList found = look_up(host, "", 0, &result.problem)) {
+    char text[INET_ADDRSTRLEN];
+    const auto* const address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+    result.address = inet_ntop(AF_INET, &address->sin_addr, text, sizeof text);
+  }
+  return result;
 }

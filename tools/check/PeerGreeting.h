@@ -12,18 +12,25 @@
 struct PeerGreeting {
   std::string connect_problem;  ///< empty: the connection came about
   bool refused = false;         ///< nobody listens there
-  bool hung_up = false;         ///< the other side closed the connection
   bool any_byte = false;        ///< it said something
   /// Of the greeting, if it was one of ZeroMQ 4's: "CURVE", "NULL", "PLAIN", ...
   std::string mechanism;
 };
 
-/// Works for tcp:// (by IPv4, as the plug-in) and ipc://; takes no longer than `timeout`, once the
-/// name is resolved.
+/// Works for ipc:// and for tcp:// with an IPv4 address as its host: no name is resolved. Takes no
+/// longer than `timeout`.
 PeerGreeting fetch_greeting(const std::string& uri, std::chrono::milliseconds timeout);
 
 /// The host of a tcp:// endpoint.
 std::string host_of(const std::string& uri);
 
-/// Why a host has no IPv4 address; empty when it has. May take as long as the name service takes.
-std::string resolve_ipv4(const std::string& host);
+/// The endpoint with another host.
+std::string with_host(const std::string& uri, const std::string& host);
+
+struct Resolved {
+  std::string address;  ///< the first, which libzmq would take
+  std::string problem;  ///< why there is none; empty when there is
+};
+
+/// The IPv4 address of a host. May take as long as the name service takes.
+Resolved resolve_ipv4(const std::string& host);
