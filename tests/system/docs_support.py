@@ -60,6 +60,32 @@ def is_whole(text):
     return result.returncode == 0 and not result.stderr
 
 
+def commands_in(block, name):
+    """The commands of a block in their order; `name` is the page's."""
+    console, found, text, begin = block.kind == "console", [], "", 0
+    for number, line in enumerate(block.lines, block.line):
+        if console and not text:
+            if not line.startswith("$ "):
+                if not found:
+                    raise ValueError("%s:%d: output without a command" % (name, number))
+                found[-1].output.append(line)
+                continue
+            line = line[2:]
+        elif console:
+            line = re.sub(r"^> ?", "", line)
+        if not text:
+            if not line.strip() or line.lstrip().startswith("#"):
+                continue
+            begin = number
+        text += ("\n" if text else "") + line
+        if is_whole(text):
+            found.append(Command(text, name, begin))
+            text = ""
+    if text:
+        raise ValueError("%s:%d: no whole command: %s" % (name, begin, text))
+    return found
+
+
 class Page:
     def __init__(self, folder, name):
         self.name = name
@@ -92,29 +118,7 @@ class Page:
                 at += 1
 
     def commands(self, block):
-        """The commands of a block in their order."""
-        console, found, text, begin = block.kind == "console", [], "", 0
-        for number, line in enumerate(block.lines, block.line):
-            if console and not text:
-                if not line.startswith("$ "):
-                    if not found:
-                        raise ValueError("%s:%d: output without a command" % (self.name, number))
-                    found[-1].output.append(line)
-                    continue
-                line = line[2:]
-            elif console:
-                line = re.sub(r"^> ?", "", line)
-            if not text:
-                if not line.strip() or line.lstrip().startswith("#"):
-                    continue
-                begin = number
-            text += ("\n" if text else "") + line
-            if is_whole(text):
-                found.append(Command(text, self.name, begin))
-                text = ""
-        if text:
-            raise ValueError("%s:%d: no whole command: %s" % (self.name, begin, text))
-        return found
+        return commands_in(block, self.name)
 
     def code_spans(self):
         """(line number, text) of code in running text and tables."""
