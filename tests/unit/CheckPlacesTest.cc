@@ -1,12 +1,19 @@
 // What check says of the spool folder and the agent-id file, beside what the plug-in makes of them.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <functional>
+#include <future>
+#include <string>
+#include <vector>
 
 #include "CallLog.h"
 #include "PersistentQueue.h"
@@ -17,6 +24,7 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
@@ -24,6 +32,7 @@ namespace {
 const char kSpool[] = "orvik-spool/work";
 const char kPrefix[] = "orvik";
 const char kIdFile[] = "orvik/agent.id";
+const std::string kHeader("ZMQF\x0c\0\0\0\0\0\0\0", 12);
 
 std::string listing() {
   std::string names;
@@ -87,6 +96,27 @@ class CheckPlaces : public ::testing::Test {
     const SpoolReport report = judge_spool(kSpool, &findings);
     EXPECT_EQ(listing(), before);
     return told(report.state, findings);
+  }
+
+  /// The same where the folders cannot be listed.
+  static std::string spool_in_closed_folder() {
+    Findings findings;
+    const SpoolReport report = judge_spool(kSpool, &findings);
+    return told(report.state, findings);
+  }
+
+  static void write_chunks(const std::vector<std::string>& chunks) {
+    make(kSpool);
+    for (std::size_t i = 0; i < chunks.size(); ++i)
+      test::write_file(kSpool + ("/queue.dat" + (i > 0 ? "." + std::to_string(i) : std::string())),
+                       chunks[i]);
+  }
+
+  /// As the plug-in reports them.
+  static std::size_t corrupted_files() {
+    test::CallLog::instance().clear();
+    PersistentQueue();
+    return test::CallLog::instance().starting_with("warning: Corrupted queue file").size();
   }
 
   static std::string agent(const std::string& constant = "") {
@@ -177,7 +207,7 @@ TEST_F(CheckPlaces, SpoolThatCannotBeWrittenIsFound) {
 TEST_F(CheckPlaces, SpoolFileThatCannotBeWrittenIsFound) {
   make(kSpool);
   chmod(kSpool, 0777);
-  test::write_file(std::string(kSpool) + "/queue.dat", "");
+  test::write_file(std::string(kSpool) + "/queue.dat", kHeader);
   chmod("orvik-spool/work/queue.dat", 0444);
   EXPECT_THAT(as_ordinary_user(spool), StartsWith("ready: warning spool-file\n"));
 }
@@ -188,9 +218,61 @@ TEST_F(CheckPlaces, SpoolFileThatIsNoneIsFound) {
 }
 
 TEST_F(CheckPlaces, SpoolFilesThatAreInOrderAreNot) {
-  make(kSpool);
-  test::write_file(std::string(kSpool) + "/queue.dat", "ZMQF");
+  write_chunks({kHeader, kHeader + std::string("more")});
   EXPECT_EQ(spool(), "ready:");
+  EXPECT_EQ(corrupted_files(), 0u);
+}
+
+TEST_F(CheckPlaces, OlderSpoolFileThatCannotBeWrittenIsFound) {
+  write_chunks({kHeader, kHeader, kHeader});
+  chmod(kSpool, 0777);
+  chmod("orvik-spool/work/queue.dat", 0666);
+  chmod("orvik-spool/work/queue.dat.1", 0444);
+  chmod("orvik-spool/work/queue.dat.2", 0600);
+  const std::string said = as_ordinary_user(spool);
+  if (geteuid() == 0) {
+    EXPECT_THAT(said, StartsWith("ready: warning spool-file\nspool file orvik-spool/work/"
+                                 "queue.dat.1 (and 1 more) cannot be read and written: "));
+  } else {
+    EXPECT_THAT(said, StartsWith("ready: warning spool-file\nspool file orvik-spool/work/"
+                                 "queue.dat.1 cannot be read and written: "));
+  }
+}
+
+TEST_F(CheckPlaces, SpoolFilesThatThePlugInCallsCorruptedAreFound) {
+  for (const std::string& start : {std::string(), kHeader.substr(1), kHeader.substr(0, 11)}) {
+    write_chunks({kHeader, start});
+    EXPECT_THAT(spool(), StartsWith("ready: warning spool-file-damaged\nspool file orvik-spool/"
+                                    "work/queue.dat.1 does not begin as one"));
+    EXPECT_EQ(corrupted_files(), 1u);
+  }
+  write_chunks({"", kHeader, ""});
+  EXPECT_THAT(spool(), HasSubstr("queue.dat (and 1 more) does not begin as one"));
+  EXPECT_EQ(corrupted_files(), 2u);
+}
+
+TEST_F(CheckPlaces, FilesBehindAGapInTheSequenceAreNotThePlugIns) {
+  write_chunks({kHeader, kHeader, ""});
+  fs::remove("orvik-spool/work/queue.dat.1");
+  EXPECT_EQ(spool(), "ready:");
+  EXPECT_EQ(corrupted_files(), 0u);
+}
+
+TEST_F(CheckPlaces, SpoolThatCannotBeReachedIsNotCalledMissing) {
+  make(kSpool);
+  chmod("orvik-spool", 0);
+  const std::string said = as_ordinary_user(spool_in_closed_folder);
+  EXPECT_THAT(said, StartsWith("disabled: error spool-not-reachable\nspool disabled: "));
+  EXPECT_THAT(said, HasSubstr(std::strerror(EACCES)));
+  EXPECT_THAT(said, Not(HasSubstr("does not exist")));
+  EXPECT_EQ(as_ordinary_user(spool_itself), "disabled");
+}
+
+TEST_F(CheckPlaces, SpoolThatIsALinkToItselfCannotBeReached) {
+  make("orvik-spool");
+  fs::create_symlink("work", kSpool);
+  EXPECT_THAT(spool_in_closed_folder(), StartsWith("disabled: error spool-not-reachable\n"));
+  EXPECT_EQ(spool_itself(), "disabled");
 }
 
 // -- The agent's identifier -----------------------------------------------------------------------
@@ -297,4 +379,59 @@ TEST_F(CheckPlaces, FileThatCannotBeReadIsFound) {
 TEST_F(CheckPlaces, FolderInThePlaceOfTheFileIsFound) {
   make(kIdFile);
   EXPECT_THAT(agent(), StartsWith("no file: warning agent-id-not-kept\n"));
+}
+
+TEST_F(CheckPlaces, PipeInThePlaceOfTheFileIsFoundAndNotRead) {
+  make(kPrefix);
+  ASSERT_EQ(mkfifo(kIdFile, 0600), 0);
+  // Opening it for reading would wait for ever.
+  auto looking = std::async(std::launch::async, [] { return agent(); });
+  const bool waits = looking.wait_for(std::chrono::seconds(20)) != std::future_status::ready;
+  if (waits)
+    close(open(kIdFile, O_WRONLY));
+  EXPECT_FALSE(waits);
+  EXPECT_THAT(looking.get(), StartsWith("no file: error agent-id-not-file\n"));
+  EXPECT_EQ(last.source, "not known");
+  EXPECT_EQ(last.value, "");
+}
+
+TEST_F(CheckPlaces, DeviceInThePlaceOfTheFileIsFoundAndNotRead) {
+  make(kPrefix);
+  fs::create_symlink("/dev/zero", kIdFile);
+  EXPECT_THAT(agent(), StartsWith("no file: error agent-id-not-file\n"));
+  EXPECT_EQ(last.value, "");
+}
+
+TEST_F(CheckPlaces, FileBehindALinkThatLeadsNowhereWillBeMade) {
+  make(kPrefix);
+  make("elsewhere");
+  fs::create_symlink("../elsewhere/link", kIdFile);
+  fs::create_symlink("agent.id", "elsewhere/link");
+  EXPECT_THAT(agent(), StartsWith("will be made: note agent-id-will-be-made\n"));
+  EXPECT_EQ(last.source, "generated");
+}
+
+TEST_F(CheckPlaces, FileBehindALinkCannotBeKeptWithoutItsFolder) {
+  make(kPrefix);
+  fs::create_symlink("../elsewhere/agent.id", kIdFile);
+  const std::string said = agent();
+  EXPECT_THAT(said, StartsWith("cannot be kept: warning agent-id-not-kept\n"));
+  EXPECT_THAT(said, HasSubstr("elsewhere is no folder or does not exist"));
+}
+
+TEST_F(CheckPlaces, FileBehindALinkCannotBeKeptInAFolderThatIsNotWritable) {
+  make(kPrefix);
+  make("orvik-spool");
+  close_to_writers("orvik-spool");
+  fs::create_symlink("../orvik-spool/agent.id", kIdFile);
+  EXPECT_THAT(as_ordinary_user([] { return agent(); }),
+              StartsWith("cannot be kept: warning agent-id-not-kept\n"));
+}
+
+TEST_F(CheckPlaces, FileThatCannotBeReachedIsNotCalledMissing) {
+  make(kPrefix);
+  fs::create_symlink("agent.id", kIdFile);
+  const std::string said = agent();
+  EXPECT_THAT(said, StartsWith("cannot be kept: warning agent-id-not-kept\n"));
+  EXPECT_THAT(said, HasSubstr("it cannot be looked at: " + std::string(std::strerror(ELOOP))));
 }

@@ -180,10 +180,10 @@ std::string places_table(const CheckReport& report) {
 
 std::string agent_table(const AgentIdReport& agent) {
   Table table("Agent identifier");
-  if (agent.value.empty())
-    table.Row({"identifier", "a new one, generated"});
-  else
+  if (!agent.value.empty())
     table.Row({"identifier", shown(agent.value)});
+  else if (agent.source == "generated")
+    table.Row({"identifier", "a new one, generated"});
   table.Row({"from", agent.source});
   return table.Text();
 }

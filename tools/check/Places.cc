@@ -5,20 +5,32 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
+#include <vector>
 
 #include "AgentIdFile.h"
 #include "SpoolFormat.h"
+#include "SpoolReader.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
-enum class Kind { kMissing, kFolder, kFile, kOther };
+enum class Kind {
+  kMissing,  // or a link that leads nowhere
+  kHidden,   // it cannot be looked at, for the reason in errno
+  kFolder,
+  kFile,
+  kOther,
+};
 
 Kind kind_of(const std::string& path) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0)
-    return Kind::kMissing;
+    return errno == ENOENT || errno == ENOTDIR ? Kind::kMissing : Kind::kHidden;
   return S_ISDIR(status.st_mode)   ? Kind::kFolder
          : S_ISREG(status.st_mode) ? Kind::kFile
                                    : Kind::kOther;
@@ -30,7 +42,7 @@ bool is_taken(const std::string& path) {
 }
 
 std::string parent_of(const std::string& path) {
-  const std::string parent = std::filesystem::path(path).parent_path().string();
+  const std::string parent = fs::path(path).parent_path().string();
   return parent.empty() ? "." : parent;
 }
 
@@ -44,22 +56,45 @@ const char kSpoolDisabled[] = "spool disabled: ";
 
 // -- The spool ------------------------------------------------------------------------------------
 
-/// The newest chunk file; the others are only renamed and read once they have become that.
-void judge_head_file(const std::string& folder, Findings* findings) {
-  char name[spool_format::kPathSize];
-  spool_format::chunk_path(folder.c_str(), 0, name);
-  if (!is_taken(name))
-    return;
-  const auto add = [&](const std::string& what, const std::string& remedy) {
-    findings->push_back(
-        {"spool-file", Severity::kWarning, std::string("spool file ") + name + " " + what, remedy});
+/// The chunk files that a start of the plug-in finds; each becomes the newest one in its turn, and
+/// is written to then.
+void judge_files(const std::string& folder, Findings* findings) {
+  const auto tell = [&](const std::string& id, const std::vector<std::string>& files,
+                        const std::string& what, const std::string& remedy) {
+    if (files.empty())
+      return;
+    const std::size_t others = files.size() - 1;
+    findings->push_back({id, Severity::kWarning,
+                         "spool file " + files[0] +
+                             (others > 0 ? " (and " + std::to_string(others) + " more) " : " ") +
+                             what,
+                         remedy});
   };
-  if (kind_of(name) != Kind::kFile)
-    add(std::string("is no regular file, so nothing can be stored under that name") + kLost,
-        "move it away");
-  else if (access(name, R_OK | W_OK) != 0)
-    add(std::string("cannot be read and written: ") + std::strerror(errno),
-        "give it to the user that the host runs as; check as that user");
+  char path[spool_format::kPathSize];
+  std::vector<std::string> closed, damaged;
+  std::string reason;
+  for (std::uint32_t number = 0;; ++number) {
+    if (kind_of(spool_format::chunk_path(folder.c_str(), number, path)) != Kind::kFile)
+      break;
+    if (access(path, R_OK | W_OK) != 0) {
+      reason = std::strerror(errno);
+      closed.emplace_back(path);
+    } else if (!spool::ChunkFile(folder, number).has_signature()) {
+      damaged.emplace_back(path);
+    }
+  }
+  const std::string head = spool_format::chunk_path(folder.c_str(), 0, path);
+  if (is_taken(head) && kind_of(head) != Kind::kFile)
+    tell("spool-file", {head},
+         std::string("is no regular file, so nothing can be stored under that name") + kLost,
+         "move it away");
+  tell("spool-file", closed, "cannot be read and written: " + reason,
+       "give it to the user that the host runs as; check as that user");
+  tell("spool-file-damaged", damaged,
+       "does not begin as one: the plug-in will report \"Corrupted queue file\" and may not find "
+       "what is in it",
+       "while the host is stopped, look with 'zmqwriter spool list " + folder +
+           "', then mend with 'zmqwriter spool repair " + folder + "'");
 }
 
 /// The folder is not there: the plug-in makes it, but not its parent.
@@ -102,6 +137,14 @@ SpoolReport judge_spool(const std::string& folder, Findings* findings) {
     case Kind::kMissing:
       spool.state = judge_missing_spool(spool, findings);
       return spool;
+    case Kind::kHidden:
+      findings->push_back(
+          {"spool-not-reachable", Severity::kError,
+           kSpoolDisabled + folder + " cannot be looked at: " + std::strerror(errno) + kLost,
+           "let the user that the host runs as into the folders above it; check as "
+           "that user"});
+      spool.state = "disabled";
+      return spool;
     case Kind::kFolder:
       break;
     default:
@@ -119,7 +162,7 @@ SpoolReport judge_spool(const std::string& folder, Findings* findings) {
     spool.state = "not writable";
     return spool;
   }
-  judge_head_file(folder, findings);
+  judge_files(folder, findings);
   return spool;
 }
 
@@ -159,14 +202,29 @@ void judge_storing(const std::string& path, const std::string& why_not, Findings
                          "user, or set LogZMQ::zmq_agent_id"});
 }
 
-/// Why the file, which is not there, cannot be made.
-std::string why_not_made(const std::string& prefix) {
-  if (kind_of(prefix) == Kind::kFolder) {
-    const std::string closed = why_closed(prefix);
-    return closed.empty() ? "" : prefix + ": " + closed;
+/// Where a file would be made by that name: behind links that lead nowhere. More of them than any
+/// system follows are not followed.
+std::string end_of_links(std::string path) {
+  std::error_code no_link;
+  for (int left = 100; left > 0; --left) {
+    const fs::path target = fs::read_symlink(path, no_link);
+    if (no_link)
+      break;
+    path = (fs::path(path).parent_path() / target).string();
   }
-  if (is_taken(prefix))
-    return prefix + " is no folder";
+  return path;
+}
+
+/// Why the file, which is not there, cannot be made.
+std::string why_not_made(const std::string& prefix, const std::string& path) {
+  const std::string made = end_of_links(path);
+  const std::string folder = made == path ? prefix : parent_of(made);
+  if (kind_of(folder) == Kind::kFolder) {
+    const std::string closed = why_closed(folder);
+    return closed.empty() ? "" : folder + ": " + closed;
+  }
+  if (made != path || is_taken(folder))
+    return folder + " is no folder or does not exist";
   const std::string parent = parent_of(prefix);
   if (kind_of(parent) != Kind::kFolder)
     return parent + ", the parent of its folder, is no folder or does not exist";
@@ -175,7 +233,7 @@ std::string why_not_made(const std::string& prefix) {
 }
 
 void judge_missing_file(const std::string& prefix, AgentIdReport* report, Findings* findings) {
-  const std::string why_not = why_not_made(prefix);
+  const std::string why_not = why_not_made(prefix, report->path);
   judge_storing(report->path, why_not, findings);
   report->state = why_not.empty() ? "will be made" : "cannot be kept";
   if (why_not.empty())
@@ -185,14 +243,11 @@ void judge_missing_file(const std::string& prefix, AgentIdReport* report, Findin
                          "nothing, if this agent is new"});
 }
 
-/// The file is there, and the plug-in gets nothing from it.
+/// A regular file is there, and the plug-in gets nothing from it.
 void judge_useless_file(AgentIdReport* report, Findings* findings) {
   const std::string& path = report->path;
   struct stat status;
-  if (kind_of(path) != Kind::kFile) {
-    report->state = "no file";
-    judge_storing(path, "it is no regular file", findings);
-  } else if (stat(path.c_str(), &status) == 0 && status.st_size > 0) {
+  if (stat(path.c_str(), &status) == 0 && status.st_size > 0) {
     report->state = "unreadable";
     findings->push_back({"agent-id-unreadable", Severity::kError,
                          "the agent-id file " + path +
@@ -212,6 +267,34 @@ void judge_useless_file(AgentIdReport* report, Findings* findings) {
   }
 }
 
+/// The plug-in will get no identifier from the path; `why_hidden` is for one that is hidden.
+void judge_generating(Kind kind, const std::string& why_hidden, const std::string& prefix,
+                      AgentIdReport* report, Findings* findings) {
+  report->source = "generated";
+  switch (kind) {
+    case Kind::kMissing:
+      return judge_missing_file(prefix, report, findings);
+    case Kind::kFile:
+      return judge_useless_file(report, findings);
+    case Kind::kHidden:
+      report->state = "cannot be kept";
+      return judge_storing(report->path, "it cannot be looked at: " + why_hidden, findings);
+    case Kind::kFolder:
+      report->state = "no file";
+      return judge_storing(report->path, "it is no regular file", findings);
+    case Kind::kOther:
+      // Reading it here might never end.
+      report->source = "not known";
+      report->state = "no file";
+      findings->push_back({"agent-id-not-file", Severity::kError,
+                           "the agent-id file " + report->path +
+                               " is a pipe, a device or a socket, and was not read: the plug-in "
+                               "opens it, may wait for ever, and takes what it gives for the "
+                               "identifier",
+                           "move it away"});
+  }
+}
+
 }  // namespace
 
 AgentIdReport judge_agent_id(const Setting& constant, const std::string& prefix,
@@ -222,13 +305,12 @@ AgentIdReport judge_agent_id(const Setting& constant, const std::string& prefix,
     judge_identifier(report.value, constant.name, findings);
     return report;
   }
-  report.value = agent_id_file::read(report.path.c_str());
+  const Kind kind = kind_of(report.path);
+  const std::string why_hidden = std::strerror(errno);
+  if (kind == Kind::kFile)
+    report.value = agent_id_file::read(report.path.c_str());
   if (report.value.empty()) {
-    report.source = "generated";
-    if (is_taken(report.path))
-      judge_useless_file(&report, findings);
-    else
-      judge_missing_file(prefix, &report, findings);
+    judge_generating(kind, why_hidden, prefix, &report, findings);
     return report;
   }
   report.source = "file";

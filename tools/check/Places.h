@@ -17,9 +17,9 @@ struct SpoolReport {
 SpoolReport judge_spool(const std::string& folder, Findings* findings);
 
 struct AgentIdReport {
-  std::string source;  ///< "script constant", "file" or "generated"
+  std::string source;  ///< "script constant", "file", "generated" or "not known"
   std::string path;    ///< of the agent-id file
-  std::string value;   ///< the exact bytes; empty when it will be generated
+  std::string value;   ///< the exact bytes; empty when generated, or not known
   std::string state;   ///< in a few words, e.g. "will be made"
 };
 
