@@ -5,16 +5,19 @@
 //
 //     const bench::Options options = bench::parse(argc, argv, {{"--messages", &messages}});
 //     bench::Report report(options);
-//     const std::vector<double> figures = bench::medians(options.runs, {ours, floor});
+//     const std::vector<bench::Series> figures = bench::measure(options.runs, {ours, floor});
 //     report.add({"spool Store", "400 B", "us", figures[0], "bare stdio", figures[1], "<= 1.15"});
 //     return report.finish();
 //
 // Options that every program has: --csv FILE, --growth FILE, --quick, and --runs N where it
 // measures each figure several times.
 //
-// The file of --csv has the columns measure,case,unit,ours,peer_name,peer,ratio,goal. The ratio is
-// ours / peer. A goal is "<= NUMBER" or ">= NUMBER" and is asked of the ratio, or of our figure
-// where there is no peer; it may be empty. Peer and ratio are empty where there is no peer.
+// The file of --csv has the columns
+// measure,case,unit,ours,peer_name,peer,ratio,goal,lowest,highest. The ratio is ours / peer. A goal
+// is "<= NUMBER" or ">= NUMBER" and is asked of the ratio, or of our figure where there is no peer;
+// it may be empty. Peer and ratio are empty where there is no peer. Lowest and highest are the same
+// of single runs, each of ours beside the peer's of the same turn; they are empty where there was
+// one run, or where a figure is put together of several.
 //
 // The file of --growth has the columns curve,x,ours,peer. A curve is named "AXIS: SERIES, UNIT", as
 // in "message size: Store, us"; bench/run draws curves of the same axis into the same plot. The
@@ -40,6 +43,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench {
@@ -138,12 +142,26 @@ inline double median(std::vector<double> values) {
   return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
+/// A figure as several runs gave it, in their order. It stands for their median wherever one number
+/// is wanted.
+class Series {
+ public:
+  Series(double value) : values_{value} {}
+  explicit Series(std::vector<double> values) : values_(std::move(values)) {}
+
+  operator double() const { return median(values_); }
+  const std::vector<double>& values() const { return values_; }
+
+ private:
+  std::vector<double> values_;  // at least one
+};
+
 /// What one run of a candidate gives: one figure or several.
 using Figures = std::vector<double>;
 
 /// Measures the candidates in turn, so many times, each second time in the opposite order, so that
-/// a machine that slows down or speeds up meets all of them alike. The medians of each candidate.
-inline std::vector<Figures> medians_of_figures(
+/// a machine that slows down or speeds up meets all of them alike. The figures of each candidate.
+inline std::vector<std::vector<Series>> measure_figures(
     int runs, const std::vector<std::function<Figures()>>& candidates) {
   std::vector<std::vector<Figures>> values(candidates.size());  // by candidate and figure
   for (int run = 0; run < runs; ++run)
@@ -154,23 +172,39 @@ inline std::vector<Figures> medians_of_figures(
       for (std::size_t figure = 0; figure < figures.size(); ++figure)
         values[next][figure].push_back(figures[figure]);
     }
-  std::vector<Figures> result(candidates.size());
+  std::vector<std::vector<Series>> result(candidates.size());
   for (std::size_t i = 0; i < candidates.size(); ++i)
     for (const Figures& of_one : values[i])
-      result[i].push_back(median(of_one));
+      result[i].push_back(Series(of_one));
+  return result;
+}
+
+/// The same of candidates with one figure each.
+inline std::vector<Series> measure(int runs,
+                                   const std::vector<std::function<double()>>& candidates) {
+  std::vector<std::function<Figures()>> wrapped;
+  for (const auto& candidate : candidates)
+    wrapped.push_back([candidate] { return Figures{candidate()}; });
+  std::vector<Series> result;
+  for (const std::vector<Series>& figures : measure_figures(runs, wrapped))
+    result.push_back(figures[0]);
+  return result;
+}
+
+/// The medians alone.
+inline std::vector<Figures> medians_of_figures(
+    int runs, const std::vector<std::function<Figures()>>& candidates) {
+  std::vector<Figures> result;
+  for (const std::vector<Series>& figures : measure_figures(runs, candidates))
+    result.emplace_back(figures.begin(), figures.end());
   return result;
 }
 
 /// The same of candidates with one figure each.
 inline std::vector<double> medians(int runs,
                                    const std::vector<std::function<double()>>& candidates) {
-  std::vector<std::function<Figures()>> wrapped;
-  for (const auto& candidate : candidates)
-    wrapped.push_back([candidate] { return Figures{candidate()}; });
-  std::vector<double> result;
-  for (const Figures& figures : medians_of_figures(runs, wrapped))
-    result.push_back(figures[0]);
-  return result;
+  const std::vector<Series> series = measure(runs, candidates);
+  return std::vector<double>(series.begin(), series.end());
 }
 
 /// Seconds that the work took by the clock.
@@ -191,14 +225,34 @@ inline double cpu_seconds(int who = RUSAGE_SELF) {
   return of(usage.ru_utime) + of(usage.ru_stime);
 }
 
+namespace internal {
+
+/// The lowest and the highest of single runs, as a row has them; `peer` is kNone where there is
+/// none.
+inline std::pair<std::string, std::string> limits(const Series& ours, const Series& peer) {
+  std::vector<double> values = ours.values();
+  if (std::isfinite(peer)) {
+    if (peer.values().size() != values.size())
+      return {};
+    for (std::size_t run = 0; run < values.size(); ++run)
+      values[run] /= peer.values()[run];
+  }
+  if (values.size() < 2)
+    return {};
+  const auto found = std::minmax_element(values.begin(), values.end());
+  return {figure(*found.first), figure(*found.second)};
+}
+
+}  // namespace internal
+
 /// One line of the table.
 struct Row {
   std::string measure;  ///< "spool Store"
   std::string of;       ///< the case, as "400 B"
   std::string unit;     ///< of both figures
-  double ours;
+  Series ours;
   std::string peer_name;  ///< empty where there is none
-  double peer;            ///< kNone where there is none
+  Series peer;            ///< kNone where there is none
   std::string goal;       ///< "<= 1.15", ">= 0.9" or nothing
 };
 
@@ -222,6 +276,7 @@ class Report {
     const bool beside = std::isfinite(row.peer);
     const std::string ratio = beside ? internal::figure(row.ours / row.peer) : "";
     const std::string peer = internal::figure(row.peer);
+    const std::pair<std::string, std::string> limits = internal::limits(row.ours, row.peer);
     std::fprintf(out_.get(), "%-34s %-32s %12s %-10s", row.measure.c_str(), row.of.c_str(),
                  internal::figure(row.ours).c_str(), row.unit.c_str());
     if (beside)
@@ -230,7 +285,7 @@ class Report {
     std::fprintf(out_.get(), "  %s\n", row.goal.c_str());
     std::fflush(out_.get());
     line(&rows_, {row.measure, row.of, row.unit, internal::figure(row.ours),
-                  beside ? row.peer_name : "", peer, ratio, row.goal});
+                  beside ? row.peer_name : "", peer, ratio, row.goal, limits.first, limits.second});
   }
 
   void add_growth(const std::string& curve, double x, double ours, double peer = kNone) {
@@ -240,8 +295,8 @@ class Report {
   /// Writes the files that were asked for. The exit status of the program: 1 when one cannot be
   /// written, which is said on standard error.
   int finish() const {
-    const bool rows_written =
-        write(options_.csv, "measure,case,unit,ours,peer_name,peer,ratio,goal\n" + rows_);
+    const bool rows_written = write(
+        options_.csv, "measure,case,unit,ours,peer_name,peer,ratio,goal,lowest,highest\n" + rows_);
     const bool points_written = write(options_.growth, "curve,x,ours,peer\n" + points_);
     return rows_written && points_written ? 0 : 1;
   }

@@ -124,7 +124,7 @@ int main(int argc, char** argv) {
   };
   bench::Report report(options);
   const auto figures =
-      bench::medians(options.runs, {[&] { return bare_loop(keys, events); }, collecting("raw"),
+      bench::measure(options.runs, {[&] { return bare_loop(keys, events); }, collecting("raw"),
                                     collecting("json"), collecting("text")});
   const char* const formats[] = {"raw", "json", "text"};
   for (int i = 0; i < 3; ++i)

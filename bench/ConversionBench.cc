@@ -132,12 +132,12 @@ double allocations_per_record(const Samples& samples, Make make) {
 }
 
 /// Of the conversion and of its floor.
-std::vector<double> times_of(const Samples& samples, const bench::Options& options) {
+std::vector<bench::Series> times_of(const Samples& samples, const bench::Options& options) {
   // As long a run, whatever a record takes.
   const double once = ns_per_record(samples, 10, convert);
   const double run_ns = options.quick ? 2e6 : 4e7;
   const int times = 1 + static_cast<int>(run_ns / once / static_cast<double>(samples.size()));
-  return bench::medians(options.runs, {[&] { return ns_per_record(samples, times, convert); },
+  return bench::measure(options.runs, {[&] { return ns_per_record(samples, times, convert); },
                                        [&] { return ns_per_record(samples, times, build); }});
 }
 
@@ -145,7 +145,7 @@ void add_kind(const std::string& kind, const bench::Options& options, bench::Rep
   const char* const peer = "generated builder functions";
   const Samples samples = bench::samples(kind, kSamples);
   require_equal_messages(kind, samples);
-  const std::vector<double> times = times_of(samples, options);
+  const std::vector<bench::Series> times = times_of(samples, options);
   report->add({"conversion", kind, "ns/record", times[0], peer, times[1],
                kind == "connection" ? "<= 1.3" : ""});
   // The floor has one for the builder, and one for the list where there are pairs.
@@ -157,7 +157,7 @@ void add_kind(const std::string& kind, const bench::Options& options, bench::Rep
 void add_growth(const std::string& curve, double x, const Samples& samples,
                 const bench::Options& options, bench::Report* report) {
   require_equal_messages(curve, samples);
-  const std::vector<double> times = times_of(samples, options);
+  const std::vector<bench::Series> times = times_of(samples, options);
   report->add_growth(curve, x, times[0], times[1]);
 }
 

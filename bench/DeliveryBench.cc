@@ -43,6 +43,7 @@
 namespace {
 
 using bench::Figures;
+using bench::Series;
 using bench::SinkProcess;
 using logging::writer::ZmqWorker;
 
@@ -256,12 +257,12 @@ void report_deliveries(bench::Report* report, const bench::Options& options, con
                                                       [&] { return measure_loop(load, true); }};
   for (const Variant& variant : kVariants)
     candidates.push_back([&] { return measure_plugin(load, variant.writers, variant.way); });
-  const std::vector<Figures> figures = bench::medians_of_figures(options.runs, candidates);
-  const Figures& bare = figures[0];
-  const Figures& looking = figures[1];
+  const std::vector<std::vector<Series>> figures = bench::measure_figures(options.runs, candidates);
+  const std::vector<Series>& bare = figures[0];
+  const std::vector<Series>& looking = figures[1];
   for (std::size_t i = 0; i < kVariants.size(); ++i) {
     const std::string name = load.name + ", " + kVariants[i].name;
-    const Figures& ours = figures[i + 2];
+    const std::vector<Series>& ours = figures[i + 2];
     report->add({"delivered", name, "events/s", ours[0], "libzmq loop, looking for room",
                  looking[0], ">= 0.9"});
     report->add({"delivered", name, "events/s", ours[0], "bare libzmq loop", bare[0], ""});
@@ -274,7 +275,7 @@ void report_writers(bench::Report* report, const bench::Options& options, std::u
   const std::vector<int> all = {1, 2, 4, 8, 16};
   for (const int writers : options.quick ? std::vector<int>{1, 4, 16} : all) {
     const Load load = sample_load("connection", each * static_cast<std::uint64_t>(writers));
-    const std::vector<Figures> figures = bench::medians_of_figures(
+    const std::vector<std::vector<Series>> figures = bench::measure_figures(
         options.runs, {[&] { return measure_plugin(load, writers, Way::kMemory); },
                        [&] { return measure_loop(load, true); }});
     const double events = static_cast<double>(load.events);
@@ -287,9 +288,9 @@ void report_sizes(bench::Report* report, const bench::Options& options, std::uin
   const std::vector<std::size_t> all = {100, 400, 1000, 4000, 16000, 60000};
   for (const std::size_t bytes : options.quick ? std::vector<std::size_t>{100, 4000, 60000} : all) {
     const Load load = sized_load(bytes, std::max<std::uint64_t>(500, most * 1000 / (1000 + bytes)));
-    const std::vector<Figures> figures = bench::medians_of_figures(
-        options.runs, {[&] { return measure_plugin(load, 1, Way::kMemory); },
-                       [&] { return measure_loop(load, true); }});
+    const std::vector<std::vector<Series>> figures =
+        bench::measure_figures(options.runs, {[&] { return measure_plugin(load, 1, Way::kMemory); },
+                                              [&] { return measure_loop(load, true); }});
     report->add_growth("message size (B): delivery, us",
                        static_cast<double>(load.messages[0].size()), 1e6 / figures[0][0],
                        1e6 / figures[1][0]);

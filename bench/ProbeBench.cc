@@ -268,7 +268,7 @@ void write_csv(const char* path, int processes, const std::vector<Row>& rows) {
   FILE* file = std::fopen(path, "w");
   if (!file)
     die(path);
-  std::fprintf(file, "measure,case,unit,ours,peer_name,peer,ratio,goal\n");
+  std::fprintf(file, "measure,case,unit,ours,peer_name,peer,ratio,goal,lowest,highest\n");
   for (const Row& row : rows) {
     for (const auto& query :
          {std::make_pair("first", row.first_ms), std::make_pair("in the middle", row.middle_ms),
@@ -276,15 +276,15 @@ void write_csv(const char* path, int processes, const std::vector<Row>& rows) {
       std::fprintf(file, "UserDetect query,\"%d sockets, %d processes, owner %s\",ms,%.4g,",
                    row.sockets, processes, query.first, query.second);
       if (row.tool_ms() == kNotRun)
-        std::fprintf(file, ",,,\n");
+        std::fprintf(file, ",,,,,\n");
       else
-        std::fprintf(file, "%s,%.4g,%.4g,<= 0.2\n",
+        std::fprintf(file, "%s,%.4g,%.4g,<= 0.2,,\n",
                      row.tool_ms() == row.ss_ms ? "ss -tnp" : "lsof -nP -i", row.tool_ms(),
                      query.second / row.tool_ms());
     }
     std::fprintf(file,
                  "UserDetect query,\"%d sockets, %d processes, owner last\",ms,%.4g,"
-                 "every descriptor looked at,%.4g,%.4g,\n",
+                 "every descriptor looked at,%.4g,%.4g,,,\n",
                  row.sockets, processes, row.last_ms, row.floor_ms, row.last_ms / row.floor_ms);
   }
   std::fclose(file);

@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
   std::vector<std::function<double()>> candidates = {[&] { return micros_of_a_reading(calls); }};
   for (const std::string& tool : tools)
     candidates.push_back([&] { return micros_of_a_tool(tool); });
-  const std::vector<double> figures = bench::medians(options.runs, candidates);
+  const std::vector<bench::Series> figures = bench::measure(options.runs, candidates);
   const auto fastest = std::min_element(figures.begin() + 1, figures.end());
   for (std::size_t i = 1; i < figures.size(); ++i)
     report.add({"SystemStats reading", "beside " + tools[i - 1], "us", figures[0], tools[i - 1],

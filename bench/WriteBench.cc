@@ -140,7 +140,7 @@ int main(int argc, char** argv) {
 
   const char* const peer = "conversion + malloc + memcpy";
   for (const std::size_t count : {1, 2, 4, 8, 16}) {
-    const std::vector<Figures> figures = bench::medians_of_figures(
+    const std::vector<std::vector<bench::Series>> figures = bench::measure_figures(
         options.runs, {[&] { return measure(writers, count, each, &Writer::write); },
                        [&] { return measure(writers, count, each, &Writer::convert_and_copy); },
                        [&] { return measure(writers, 1, each, &Writer::write); }});

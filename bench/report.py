@@ -1,7 +1,7 @@
 """What the benchmark programs leave, read and made into a table and a plot.
 
-A program's --csv file has the columns measure,case,unit,ours,peer_name,peer,ratio,goal, its
---growth file curve,x,ours,peer; BenchReport.h says what they mean.
+A program's --csv file has the columns measure,case,unit,ours,peer_name,peer,ratio,goal,lowest,highest,
+its --growth file curve,x,ours,peer; BenchReport.h says what they mean.
 """
 
 import collections
@@ -9,13 +9,14 @@ import csv
 import math
 import subprocess
 
-ROW_COLUMNS = ["measure", "case", "unit", "ours", "peer_name", "peer", "ratio", "goal"]
+ROW_COLUMNS = ["measure", "case", "unit", "ours", "peer_name", "peer", "ratio", "goal", "lowest",
+               "highest"]
 POINT_COLUMNS = ["curve", "x", "ours", "peer"]
 
 # Linear is an exponent of 1; the rest is what runs differ by.
 LINEAR = "<= 1.1"
 
-Row = collections.namedtuple("Row", ROW_COLUMNS)
+Row = collections.namedtuple("Row", ROW_COLUMNS, defaults=(None, None))
 Point = collections.namedtuple("Point", POINT_COLUMNS)
 
 
@@ -99,7 +100,8 @@ def read_rows(name):
     for number, line in read_csv(name, ROW_COLUMNS):
         try:
             row = Row(line[0], line[1], line[2], float(line[3]), line[4],
-                      number_or_none(line[5]), number_or_none(line[6]), line[7])
+                      number_or_none(line[5]), number_or_none(line[6]), line[7],
+                      number_or_none(line[8]), number_or_none(line[9]))
             number_or_none(line[3])
             parse_goal(row.goal)
         except ValueError as error:
@@ -153,6 +155,13 @@ def figure(value):
     return "%.*f" % (digits, value)
 
 
+def span(row):
+    """What single runs gave of what the goal is asked of."""
+    if row.lowest is None:
+        return ""
+    return "%s–%s" % (figure(row.lowest), figure(row.highest))
+
+
 def verdict(met):
     return {True: "met", False: "**missed**", None: ""}[met]
 
@@ -162,13 +171,13 @@ def table_line(cells):
 
 
 def rows_table(rows):
-    text = table_line(["measured", "case", "ours", "beside", "its figure", "ours / its", "goal",
-                       ""])
-    text += "|---|---|--:|---|--:|--:|---|---|\n"
+    text = table_line(["measured", "case", "ours", "beside", "its figure", "ours / its", "from–to",
+                       "goal", ""])
+    text += "|---|---|--:|---|--:|--:|--:|---|---|\n"
     for row in rows:
         peer = "%s %s" % (figure(row.peer), row.unit) if row.peer is not None else ""
         text += table_line([row.measure, row.case, "%s %s" % (figure(row.ours), row.unit),
-                            row.peer_name, peer, figure(row.ratio), row.goal,
+                            row.peer_name, peer, figure(row.ratio), span(row), row.goal,
                             verdict(row_met(row))])
     return text
 

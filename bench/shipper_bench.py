@@ -271,15 +271,14 @@ def rsyslog_problem(build, keys, folder):
     return None
 
 
-def medians(runs, candidates):
-    """Of each figure of each candidate; measured in turn, every second time in the opposite
-    order."""
+def measure_in_turn(runs, candidates):
+    """The runs of each figure of each candidate; every second turn in the opposite order."""
     results = [[] for _ in candidates]
     for run in range(runs):
         order = range(len(candidates))
         for i in (reversed(order) if run % 2 else order):
             results[i].append(candidates[i]())
-    return [[report.median(figures) for figures in zip(*of_one)] for of_one in results]
+    return [list(zip(*of_one)) for of_one in results]
 
 
 def compare(build, keys, folder, path, kind, count, runs):
@@ -289,7 +288,7 @@ def compare(build, keys, folder, path, kind, count, runs):
     log.write(names[0], count)
     event_bytes = log.write_json(names[1], count, NOT_IN_EVENT[path], ENVELOPE)
     all_bytes = log.write_json(names[2], count)
-    ours, event, everything = medians(runs, [
+    ours, event, everything = measure_in_turn(runs, [
         lambda: run_ours(build, names[0], count),
         lambda: run_rsyslog(build, keys, names[1], count, event_bytes),
         lambda: run_rsyslog(build, keys, names[2], count, all_bytes)])
@@ -299,8 +298,11 @@ def compare(build, keys, folder, path, kind, count, runs):
                 ("shipped", "events/s", ">= 0.5"),
                 ("processor time of shipping", "us/event", "< 1"),
                 ("bytes on the wire", "B/event", "< 1"))):
-            rows.append(report.Row(measure, "%s, %s" % (kind, case), unit, ours[i],
-                                   "rsyslog, JSON lines", peer[i], ours[i] / peer[i], goal))
+            figure, beside = report.median(ours[i]), report.median(peer[i])
+            ratios = [one / other for one, other in zip(ours[i], peer[i])]
+            rows.append(report.Row(measure, "%s, %s" % (kind, case), unit, figure,
+                                   "rsyslog, JSON lines", beside, figure / beside, goal,
+                                   min(ratios), max(ratios)))
     return rows
 
 
