@@ -686,6 +686,49 @@ class CollectPressureTest(CliTest):
         agent.close()
         context.term()
 
+    def test_time_out_after_a_pause_takes_what_came_meanwhile(self):
+        collector = self.collect("--timeout", "1")
+        agent = self.agent(collector.endpoint)
+        agent.send(make_event())
+        wait_for(collector.lines, "the first event")
+        collector.popen.send_signal(signal.SIGSTOP)
+        stopped = time.monotonic()
+        for _ in range(50):
+            agent.send(make_event())
+        self.wait_until_handed_over(agent, collector)
+        wait_for(lambda: time.monotonic() - stopped > 1.2, "the time-out to pass")
+        collector.popen.send_signal(signal.SIGCONT)
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["events"], 51)
+
+    def test_stop_signal_under_unending_load_ends_and_counts_what_is_written(self):
+        for numbers in ((signal.SIGTERM,), (signal.SIGINT, signal.SIGTERM)):
+            collector = self.collect("--output", "events", "--format", "raw")
+            agents = [self.agent(collector.endpoint) for _ in range(3)]
+            over = threading.Event()
+
+            def send(agent):
+                while not over.is_set():
+                    try:
+                        agent.send(make_event(), zmq.NOBLOCK)
+                    except zmq.Again:
+                        agent.poll(10, zmq.POLLOUT)
+            threads = [threading.Thread(target=send, args=[agent]) for agent in agents]
+            for thread in threads:
+                thread.start()
+            try:
+                wait_for(lambda: os.path.getsize("events") > 10000, "the load")
+                for number in numbers:
+                    collector.popen.send_signal(number)
+                self.assertEqual(collector.wait(), 0)
+            finally:
+                over.set()
+                for thread in threads:
+                    thread.join()
+            written = unframed(read_file("events", "rb"))
+            self.assertEqual(totals(collector)["events"], len(written))
+            self.assertEqual(set(written), {make_event()})
+
     def test_second_signal_ends_a_stalled_collector_at_once(self):
         collector, reader = self.start_into_pipe()
         agent = self.agent(collector.endpoint)

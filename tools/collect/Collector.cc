@@ -16,8 +16,9 @@ constexpr int kPollMs = 100;
 constexpr int kMostAtOnce = 1000;
 // Bad messages beyond these are counted only.
 constexpr std::uint64_t kReportedBadMessages = 10;
-// After a stop signal: when nothing is under way any more, and how long that may take. After the
-// connections were ended: when libzmq's thread has handed over the last of what it had read.
+// After a stop signal or a time-out: when nothing is under way any more, and how long that may
+// take. After the connections were ended: when libzmq's thread has handed over the last of what it
+// had read.
 constexpr int kQuietMs = 300;
 constexpr auto kLongestDrain = std::chrono::seconds(2);
 constexpr int kSettledMs = 100;
@@ -65,13 +66,16 @@ Collector::~Collector() {
 
 int Collector::Run() {
   last_message_ = Clock::now();
-  while (!Done() && !TimedOut() && !stop_requested()) {
+  while (!Done() && !stop_requested()) {
     if (gate_ && take_reload_request())
       ReloadAllowList();
-    if (!TakeWaiting())
-      socket_.Wait(kPollMs);
+    if (TakeWaiting())
+      continue;
+    if (TimedOut())
+      break;
+    socket_.Wait(kPollMs);
   }
-  if (stop_requested())
+  if (!Done())
     Drain();
   Finish();
   return ExitCode();

@@ -1,5 +1,8 @@
 #include "PullSocket.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <stdexcept>
 
@@ -54,14 +57,23 @@ std::string PullSocket::Bind(const std::string& endpoint) {
 }
 
 bool PullSocket::Wait(int timeout_ms) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
   zmq_pollitem_t item = {socket_, 0, ZMQ_POLLIN, 0};
-  return zmq_poll(&item, 1, timeout_ms) > 0;
+  int ready;
+  while ((ready = zmq_poll(&item, 1, timeout_ms)) < 0 && zmq_errno() == EINTR) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+    timeout_ms = std::max(0, static_cast<int>(left.count()));
+  }
+  return ready > 0;
 }
 
 bool PullSocket::Receive(zmq_msg_t* part) {
-  if (zmq_msg_recv(part, socket_, ZMQ_DONTWAIT) >= 0)
-    return true;
-  if (zmq_errno() != EAGAIN && zmq_errno() != EINTR)
+  do {
+    if (zmq_msg_recv(part, socket_, ZMQ_DONTWAIT) >= 0)
+      return true;
+  } while (zmq_errno() == EINTR);
+  if (zmq_errno() != EAGAIN)
     fail("cannot receive");
   return false;
 }

@@ -29,10 +29,11 @@ class PullSocket {
   /// Ends the endpoint and its connections. What has been received can still be taken.
   void Unbind(const std::string& endpoint) { zmq_unbind(socket_, endpoint.c_str()); }
 
-  /// Waits for a message, at most `timeout_ms`, and no longer than until a signal.
+  /// Waits for a message, at most `timeout_ms`. A signal does not cut that short: what it means is
+  /// for the caller to see afterwards.
   bool Wait(int timeout_ms);
 
-  /// Takes the next part if there is one.
+  /// Takes the next part if there is one; a signal does not hide it.
   bool Receive(zmq_msg_t* part);
 
  private:
