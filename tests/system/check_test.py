@@ -148,6 +148,17 @@ class ConfigurationTest(CheckTestCase):
         report = self.report()
         self.assertEqual(self.found(report), ["settings-unreadable"])
         self.assertIn("settings:2:", report["findings"][0]["text"])
+        self.assertIn("mend the settings file", report["findings"][0]["what_to_do"])
+
+    def test_settings_that_cannot_be_read_are_not_to_be_mended(self):
+        os.mkdir("folder")
+        # Reading from the memory file of a process at its start is an error of the system.
+        for name in ["missing", "folder"] + ["/proc/self/mem"] * os.path.exists("/proc/self/mem"):
+            with self.subTest(name):
+                report = json.loads(self.run_tool("check", "--settings", name, "--plugin", PLUGIN,
+                                                  "--json").stdout)
+                self.assertEqual(self.found(report), ["settings-unreadable"])
+                self.assertIn("may read", report["findings"][0]["what_to_do"])
 
     def test_plug_in_that_cannot_be_loaded_is_found(self):
         self.settings()
@@ -159,6 +170,7 @@ class ConfigurationTest(CheckTestCase):
     def test_wrong_usage_is_told_apart_from_findings(self):
         self.settings()
         self.assertEqual(self.run_tool("check").returncode, 2)
+        self.assertEqual(self.run_tool("check", "--settings", "").returncode, 2)
         self.assertEqual(self.check("--timeout", "0").returncode, 2)
         self.assertEqual(self.check("--timeout", "soon").returncode, 2)
         self.assertEqual(self.check("--set", "nonsense").returncode, 2)

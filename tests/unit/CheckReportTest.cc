@@ -143,12 +143,22 @@ TEST(CheckReport, TextIsAlignedWithoutColourOrTrailingBlanks) {
 
 TEST(CheckReport, ControlCharactersOfValuesNeverReachTheTerminal) {
   CheckReport report = full_report();
-  report.findings[0].text = "odd \x1b[31m";
+  report.settings_file = "s\x1b[2J";
+  report.agent_id->value =
+      "csi \x9b"
+      "31m, \xc2\x9b"
+      "31m, \xe2\x80\xa8, K\xc3\xb6ln, \xc3";
+  report.findings[0].text =
+      "odd \x1b[31m \x9b"
+      "31m \xc2\x9b"
+      "31m K\xc3\xb6ln";
   const std::string text = report_as_text(report);
   EXPECT_THAT(text, HasSubstr("\"x\\ny\""));
   EXPECT_THAT(text, HasSubstr("\"\\\"\""));
-  EXPECT_THAT(text, HasSubstr("\"x\xff\\n\""));
-  EXPECT_THAT(text, HasSubstr("odd ?[31m"));
+  EXPECT_THAT(text, HasSubstr("Settings (s?[2J)"));
+  EXPECT_THAT(text,
+              HasSubstr("\"csi \\x9B31m, \\xC2\\x9B31m, \\xE2\\x80\\xA8, K\xc3\xb6ln, \\xC3\""));
+  EXPECT_THAT(text, HasSubstr("odd ?[31m ?31m ??31m K\xc3\xb6ln"));
 }
 
 TEST(CheckReport, GravestFindingsComeFirst) {

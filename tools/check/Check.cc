@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
@@ -46,6 +47,14 @@ ConstantValues script_constants() {
   return values;
 }
 
+/// What to do when the settings file cannot be taken: its lines are told with their number.
+std::string settings_remedy(const std::string& file, const std::string& problem) {
+  const std::size_t digit = file.size() + 1;
+  return problem.size() > digit && std::isdigit(static_cast<unsigned char>(problem[digit]))
+             ? "mend the settings file: lines 'key = value', each key once"
+             : "give a settings file with --settings that the user who checks may read";
+}
+
 /// The host that a configuration needs; null and a finding when it would not start.
 std::unique_ptr<standin::Host> start_host(const CheckOptions& options, Findings* findings) {
   standin::Host::Options host_options;
@@ -56,7 +65,7 @@ std::unique_ptr<standin::Host> start_host(const CheckOptions& options, Findings*
     host = std::make_unique<standin::Host>(host_options);
   } catch (const standin::HostError& error) {
     findings->push_back({"settings-unreadable", Severity::kError, error.what(),
-                         "mend the settings file: lines 'key = value', each key once"});
+                         settings_remedy(options.settings_file, error.what())});
     return nullptr;
   }
   try {

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <nlohmann/json.hpp>
+
+#include "Utf8.h"
 
 namespace {
 
@@ -50,35 +53,42 @@ long count_of(const CheckReport& report, Severity severity) {
 
 constexpr std::size_t kTextWidth = 96;
 
-/// In quotation marks, so that blanks and emptiness show; control characters as escapes.
-std::string shown(const std::string& text) {
-  std::string result = "\"";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '\n') {
-      result += "\\n";
-    } else if (c == '\r') {
-      result += "\\r";
-    } else if (c == '\t') {
-      result += "\\t";
-    } else if (byte < ' ' || byte == 0x7f) {
-      result += "\\x" + hex_digits(&c, 1);
-    } else {
-      if (c == '"' || c == '\\')
-        result += '\\';
-      result += c;
-    }
+/// What a terminal may be given as it is, and in the place of each other byte what `escape` makes
+/// of it: values come from files, findings quote them.
+std::string for_terminal(const std::string& text,
+                         const std::function<std::string(const char*)>& escape) {
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
+  std::string result;
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t length = utf8_length(bytes + i, text.size() - i);
+    if (length > 0 && is_printable(bytes + i, length))
+      result.append(text, i, length);
+    else
+      for (std::size_t k = 0; k < std::max<std::size_t>(length, 1); ++k)
+        result += escape(&text[i + k]);
+    i += std::max<std::size_t>(length, 1);
   }
-  return result + "\"";
+  return result;
 }
 
-/// Control characters of a finding's text: they come from the settings.
-std::string printable(std::string text) {
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < ' ' || c == 0x7f)
-      c = '?';
-  }
-  return text;
+/// In quotation marks, so that blanks and emptiness show; what is not printable as escapes.
+std::string shown(const std::string& text) {
+  std::string quoted;
+  for (const char c : text)
+    quoted += (c == '"' || c == '\\' ? "\\" : "") + std::string(1, c);
+  return "\"" +
+         for_terminal(quoted,
+                      [](const char* c) {
+                        return *c == '\n'   ? "\\n"
+                               : *c == '\r' ? "\\r"
+                               : *c == '\t' ? "\\t"
+                                            : "\\x" + hex_digits(c, 1);
+                      }) +
+         "\"";
+}
+
+std::string printable(const std::string& text) {
+  return for_terminal(text, [](const char*) { return "?"; });
 }
 
 /// A title, and below it rows whose columns are aligned.
@@ -139,7 +149,7 @@ std::string counted(long number, const std::string& noun) {
 }
 
 std::string settings_table(const Configuration& configuration, const std::string& file) {
-  Table table("Settings (" + file + ")");
+  Table table("Settings (" + printable(file) + ")");
   for (const Setting& setting : configuration.settings_in_order()) {
     const std::string source =
         setting.place == SettingOrigin::kScriptConstant && !setting.key.empty()
