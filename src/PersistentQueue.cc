@@ -1,8 +1,10 @@
 #include "PersistentQueue.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -22,9 +24,13 @@ constexpr int64_t kDefaultTotalLimitBytes = 524288000;
 
 // Values of cursor_state.
 constexpr int32_t kTopUnknown = -1;  // a file just created, or none opened yet
-constexpr int32_t kAtTop = -2;       // the stream stands just past the newest record
+constexpr int32_t kAtTop = -2;       // `top` is just past the newest record
 
 constexpr mode_t kFolderMode = 0777;
+constexpr mode_t kFileMode = 0666;
+
+// Of one read: room for the longest record.
+constexpr int64_t kLargestWindow = static_cast<int64_t>(kRecordHeaderSize) + UINT16_MAX;
 
 class Lock {
  public:
@@ -67,19 +73,68 @@ bool is_taken(const char* path) {
   return lstat(path, &status) == 0 || errno != ENOENT;
 }
 
-// Reads `size` bytes; what the file does not have is zero. Returns the number that it had.
-size_t read_or_zero(FILE* file, void* to, size_t size) {
-  const size_t got = fread(to, 1, size, file);
-  memset(static_cast<char*>(to) + got, 0, size - got);
+// A stream for writing to a chunk file that is read as well, but by read_at: a stream that could
+// read would fill its buffer at every change of its position, and would not learn of write_at.
+FILE* open_chunk(const char* path, int flags) {
+  const int descriptor = open(path, O_RDWR | flags, kFileMode);
+  if (descriptor < 0)
+    return nullptr;
+  FILE* const file = fdopen(descriptor, "wb");
+  if (!file)
+    close(descriptor);
+  return file;
+}
+
+// Reads `size` bytes from `position` on; what the file does not have is zero. Returns the number
+// that it had. Nothing may wait in the stream to be written.
+size_t read_at(FILE* file, int64_t position, void* to, size_t size) {
+  char* const bytes = static_cast<char*>(to);
+  size_t got = 0;
+  while (got < size) {
+    const ssize_t more =
+        pread(fileno(file), bytes + got, size - got, position + static_cast<int64_t>(got));
+    if (more <= 0)
+      break;
+    got += static_cast<size_t>(more);
+  }
+  memset(bytes + got, 0, size - got);
   return got;
 }
 
-RecordHeader read_record_header(FILE* file, int64_t position) {
-  unsigned char bytes[kRecordHeaderSize];
-  fseeko(file, position, SEEK_SET);
-  read_or_zero(file, bytes, sizeof bytes);
-  return decode_record_header(bytes);
+// Writes past the stream, whose position stays where it is. Nothing tells of failure.
+void write_at(FILE* file, int64_t position, const unsigned char* bytes, size_t size) {
+  while (size > 0) {
+    const ssize_t written = pwrite(fileno(file), bytes, size, position);
+    if (written <= 0)
+      return;
+    bytes += written;
+    size -= static_cast<size_t>(written);
+    position += written;
+  }
 }
+
+// The headers of records on a walk through an open file, which is read in blocks. To be used for
+// one walk, during which nothing is written.
+class Walk {
+ public:
+  explicit Walk(FILE* file) : file_(file), block_start_(0), block_size_(0) {}
+
+  RecordHeader header_at(int64_t position) {
+    const int64_t block_end = block_start_ + block_size_;
+    if (position < block_start_ || position + static_cast<int64_t>(kRecordHeaderSize) > block_end) {
+      read_at(file_, position, block_, sizeof block_);
+      block_start_ = position;
+      block_size_ = sizeof block_;
+    }
+    return decode_record_header(block_ + (position - block_start_));
+  }
+
+ private:
+  FILE* file_;
+  int64_t block_start_;
+  int64_t block_size_;
+  unsigned char block_[4096];
+};
 
 int64_t record_size(uint16_t length) {
   return static_cast<int64_t>(kRecordHeaderSize) + length;
@@ -92,10 +147,11 @@ int64_t size_of(FILE* file) {
 
 // How many records an open chunk file has by their lengths, whatever its header says.
 uint32_t count_by_walking(FILE* file, int64_t file_size) {
+  Walk walk(file);
   uint32_t count = 0;
   int64_t position = kHeaderSize;
   while (position + static_cast<int64_t>(kRecordHeaderSize) <= file_size) {
-    position += record_size(read_record_header(file, position).length);
+    position += record_size(walk.header_at(position).length);
     ++count;
   }
   return count;
@@ -108,8 +164,7 @@ uint32_t count_by_walking(FILE* file, int64_t file_size) {
 // be walked.
 Header read_header(FILE* file) {
   unsigned char bytes[kHeaderSize];
-  fseeko(file, 0, SEEK_SET);
-  read_or_zero(file, bytes, sizeof bytes);
+  read_at(file, 0, bytes, sizeof bytes);
   Header header = decode_header(bytes);
 
   const int64_t file_size = size_of(file);
@@ -129,6 +184,7 @@ struct LastRecord {
 };
 
 LastRecord find_last_record(FILE* file, uint32_t record_count) {
+  Walk walk(file);
   const int64_t file_size = size_of(file);
   LastRecord last = {kHeaderSize, {0, 0}};
   int64_t position = kHeaderSize;
@@ -139,7 +195,7 @@ LastRecord find_last_record(FILE* file, uint32_t record_count) {
       break;
     }
     last.start = position;
-    last.header = read_record_header(file, position);
+    last.header = walk.header_at(position);
     position += record_size(last.header.length);
   }
   return last;
@@ -167,10 +223,14 @@ PersistentQueue::PersistentQueue()
       cursor_state(kTopUnknown),
       disabled(false),
       top(kHeaderSize),
+      stream_at_top(false),
       unwritten_records(0),
       scan_known(false),
       scan_count(0),
-      scan_start(0) {
+      scan_start(0),
+      window(nullptr),
+      window_start(0),
+      window_size(0) {
   pthread_mutex_init(&mutex, nullptr);
 
   char path[kPathSize];
@@ -205,6 +265,7 @@ void PersistentQueue::Store(uint16_t length, const void* data) {
     openFile();
 
   scan_known = false;
+  drop_window();
   if (!head_file || write_record(length, data)) {
     top += record_size(length);
     top_length = length;
@@ -212,7 +273,7 @@ void PersistentQueue::Store(uint16_t length, const void* data) {
     // The disk is full. What it took of the record lies behind the top, where the next one goes.
     ++unwritten_records;
     clearerr(head_file);
-    fseeko(head_file, top, SEEK_SET);
+    stream_at_top = false;
   }
   account(1, record_size(length));
   cursor_state = kAtTop;
@@ -223,6 +284,10 @@ void PersistentQueue::Store(uint16_t length, const void* data) {
 }
 
 bool PersistentQueue::write_record(uint16_t length, const void* data) {
+  // Only a Get moves the top away from the stream.
+  if (!stream_at_top)
+    fseeko(head_file, top, SEEK_SET);
+  stream_at_top = true;
   unsigned char number[2];
   put_u16(length, number);
   size_t written = fwrite(number, 1, sizeof number, head_file);
@@ -259,6 +324,8 @@ void* PersistentQueue::Get(uint16_t* length) {
   else
     take_by_scanning(length, &payload);
   account(-1, -record_size(*length));
+  if (value_of(head_records) <= 0)
+    drop_window();  // an idle spool keeps no memory
   return payload;
 }
 
@@ -273,10 +340,9 @@ int64_t PersistentQueue::step_back() const {
 void PersistentQueue::take_newest(uint16_t* length, void** payload) {
   scan_known = false;
   const int64_t start = step_back();
-  const RecordHeader record = read_record_header(head_file, start);
-  top_length = record.prev_length;
-  *length = record.length;
-  *payload = read_payload(start, record.length);
+  if (start < top && !(window && start >= window_start))
+    fill_window(start);
+  take_record(start, length, payload);
   mark_taken(start);
 }
 
@@ -293,33 +359,69 @@ void PersistentQueue::take_by_scanning(uint16_t* length, void** payload) {
     scan_start = find_last_record(head_file, scan_count).start;
     scan_known = true;
   }
-  if (scan_count > 0) {
-    const RecordHeader record = read_record_header(head_file, scan_start);
-    top_length = record.prev_length;
-    *length = record.length;
-    *payload = read_payload(scan_start, record.length);
-  }
+  drop_window();
+  if (scan_count > 0)
+    take_record(scan_start, length, payload);
   mark_taken(scan_start);
 }
 
-void* PersistentQueue::read_payload(int64_t record_start, uint16_t length) {
+void PersistentQueue::take_record(int64_t start, uint16_t* length, void** payload) {
+  unsigned char bytes[kRecordHeaderSize];
+  read_head(start, bytes, sizeof bytes);
+  const RecordHeader record = decode_record_header(bytes);
+  top_length = record.prev_length;
+  *length = record.length;
   // Never 0 bytes, for which some systems give null.
-  void* payload = malloc(length > 0 ? length : 1);
-  if (!payload)
+  *payload = malloc(record.length > 0 ? record.length : 1);
+  if (!*payload)
     out_of_memory("malloc");
-  fseeko(head_file, record_start + record_size(0), SEEK_SET);
-  read_or_zero(head_file, payload, length);
-  return payload;
+  read_head(start + record_size(0), *payload, record.length);
 }
 
 // Zeros over the record's length field; the next record will be written over it.
 void PersistentQueue::mark_taken(int64_t record_start) {
   const unsigned char zeros[kLengthSize] = {0, 0};
-  fseeko(head_file, record_start, SEEK_SET);
-  fwrite(zeros, 1, sizeof zeros, head_file);
-  fflush(head_file);
-  fseeko(head_file, record_start, SEEK_SET);
+  write_at(head_file, record_start, zeros, sizeof zeros);
   top = record_start;
+  stream_at_top = false;
+}
+
+// Bytes of the head file as they are on disk; zeros where it has none. A damaged file may claim a
+// length that leads to the top and beyond: that is not the window's.
+void PersistentQueue::read_head(int64_t position, void* to, size_t size) const {
+  if (window && position >= window_start && position + static_cast<int64_t>(size) <= top)
+    memcpy(to, window + (position - window_start), size);
+  else
+    read_at(head_file, position, to, size);
+}
+
+// Reads the newest record, which starts at `start`, and what lies below it: the record alone at
+// first, then twice as much each time, so that a record stored and taken at a time costs no reading
+// of others. Without memory for it the spool works without a window.
+void PersistentQueue::fill_window(int64_t start) {
+  const int64_t record = top - start;
+  const int64_t room = top - static_cast<int64_t>(kHeaderSize);
+  const int64_t wanted = std::max(record, std::min(2 * window_size, kLargestWindow));
+  const int64_t size = std::min(wanted, room);
+  drop_window();
+  window = static_cast<unsigned char*>(malloc(static_cast<size_t>(size)));
+  if (!window)
+    return;
+  window_size = size;
+  window_start = top - size;
+  const auto whole = static_cast<size_t>(size);
+  if (read_at(head_file, window_start, window, whole) < whole && size > record) {
+    // What cannot be read elsewhere does not cost this record its bytes.
+    window_size = record;
+    window_start = start;
+    read_at(head_file, start, window, static_cast<size_t>(record));
+  }
+}
+
+void PersistentQueue::drop_window() {
+  free(window);
+  window = nullptr;
+  window_size = 0;
 }
 
 void PersistentQueue::account(int64_t records, int64_t bytes) {
@@ -332,14 +434,16 @@ void PersistentQueue::openFile() {
   if (head_file)
     return;
   scan_known = false;
+  drop_window();
   unwritten_records = 0;
   top = kHeaderSize;
+  stream_at_top = false;
   char name[kPathSize];
   chunk_path(folder.c_str(), 0, name);
 
   const bool is_file = has_mode(name, S_IFREG);
   if (is_file && !disabled) {
-    head_file = fopen(name, "rb+");
+    head_file = open_chunk(name, 0);
     // What may only be read still gives its records; nothing written to it arrives.
     if (!head_file)
       head_file = fopen(name, "rb");
@@ -352,7 +456,6 @@ void PersistentQueue::openFile() {
         top_length = last.header.length;
         top = last.start + record_size(top_length);
       }
-      fseeko(head_file, top, SEEK_SET);
     }
     set(head_records, header.record_count);
     // As stored, with the 12 bytes of the header in it, which closing adds once more: on purpose,
@@ -361,7 +464,7 @@ void PersistentQueue::openFile() {
     cursor_state = kAtTop;
   } else {
     // Anything but a file that has taken the name is left alone: reading a pipe would not return.
-    head_file = is_file || !exists(name) ? fopen(name, "wb+") : nullptr;
+    head_file = is_file || !exists(name) ? open_chunk(name, O_CREAT | O_TRUNC) : nullptr;
     set(head_records, 0);
     head_bytes = 0;
     top_length = 0;
@@ -372,6 +475,7 @@ void PersistentQueue::openFile() {
 }
 
 void PersistentQueue::closeFile() {
+  drop_window();
   if (!head_file)
     return;
   fseeko(head_file, 0, SEEK_SET);
@@ -446,7 +550,7 @@ void PersistentQueue::listFolder() {
     unsigned char bytes[kHeaderSize];
     size_t got = 0;
     if (FILE* file = fopen(name, "rb")) {
-      got = read_or_zero(file, bytes, sizeof bytes);
+      got = read_at(file, 0, bytes, sizeof bytes);
       fclose(file);
     }
     if (got < sizeof bytes) {

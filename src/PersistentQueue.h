@@ -17,7 +17,8 @@
 /// happen while no other thread uses the object.
 ///
 /// Ownership: Store writes the caller's bytes straight to the file and keeps nothing. What Get
-/// returns comes from malloc and is the caller's to free.
+/// returns comes from malloc and is the caller's to free. While a file is drained up to 64 KiB of
+/// it are held in memory; nothing is between a drained spool and the next Get.
 ///
 /// Errors: a folder that cannot be created is reported once and disables the spool for good: Store
 /// then drops and Get gives null. Damaged chunk files are warned of at start-up and otherwise
@@ -80,10 +81,13 @@ class PersistentQueue {
 
   void take_newest(uint16_t* length, void** payload);
   void take_by_scanning(uint16_t* length, void** payload);
+  void take_record(int64_t start, uint16_t* length, void** payload);
   int64_t step_back() const;
   bool write_record(uint16_t length, const void* data);
-  void* read_payload(int64_t record_start, uint16_t length);
   void mark_taken(int64_t record_start);
+  void read_head(int64_t position, void* to, size_t size) const;
+  void fill_window(int64_t start);
+  void drop_window();
   void account(int64_t records, int64_t bytes);
 
   // Constant after construction.
@@ -92,7 +96,7 @@ class PersistentQueue {
   pthread_mutex_t mutex;
 
   // Guarded by `mutex`. The two atomic counts are changed under it and read without it by IsEmpty.
-  FILE* head_file;                    // null while no file is open
+  FILE* head_file;                    // only written to; null while no file is open
   std::atomic<int32_t> head_records;  // live records in the head file
   int32_t head_bytes;                 // 4 + length, summed over them
   int32_t total_bytes;                // bytes over all chunk files; kept and never consulted
@@ -110,7 +114,8 @@ class PersistentQueue {
   bool disabled;
 
   // Guarded by `mutex`.
-  int64_t top;                // where the head file's stream stands: just past the newest record
+  int64_t top;                // just past the newest record of the head file
+  bool stream_at_top;         // whether the head file's stream stands there for the next Store
   int32_t unwritten_records;  // of the head's live records, those that the disk did not take
 
   // The last record that the head's header counts, as the latest scan found it. Only marking that
@@ -118,6 +123,13 @@ class PersistentQueue {
   bool scan_known;
   uint32_t scan_count;
   int64_t scan_start;
+
+  // What lies below the top, read in one go for the Gets to come: the head file's bytes from
+  // window_start up to the top, wherever Gets take that. Null when there is none; whatever else
+  // writes to the file or moves the top drops it.
+  unsigned char* window;
+  int64_t window_start;
+  int64_t window_size;  // bytes that the latest read put into it; 0 without a window
 };
 
 /// mkdir with mode 0777; true on success. The second argument is ignored.

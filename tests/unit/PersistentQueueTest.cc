@@ -265,6 +265,42 @@ TEST_F(PersistentQueueTest, TotalBytesFollowStoresAndTakes) {
   EXPECT_EQ(spool().total_bytes, 12);
 }
 
+TEST_F(PersistentQueueTest, DrainedOrClosedSpoolKeepsNothingInMemory) {
+  const auto is_held = [this] { return spool().window != nullptr; };
+  for (const char* payload : {"a", "b", "c", "d"})
+    store(payload);
+  EXPECT_FALSE(is_held()) << "before the first Get";
+  take();
+  take();
+  EXPECT_TRUE(is_held());
+  store("over");
+  EXPECT_FALSE(is_held()) << "after a Store";
+  take();
+  EXPECT_TRUE(is_held());
+  spool().closeFile();
+  EXPECT_FALSE(is_held()) << "after closing";
+  while (!spool().IsEmpty())
+    take();
+  EXPECT_FALSE(is_held()) << "after the last record";
+}
+
+TEST_F(PersistentQueueTest, EveryMarkHasReachedTheSystemWhenGetReturns) {
+  for (int i = 0; i < 3; ++i)
+    store("abc");
+  const pid_t child = fork();
+  if (child == 0) {
+    take();
+    take();
+    _exit(0);
+  }
+  ASSERT_GT(child, 0);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_EQ(status, 0);
+  const std::string taken = u16(0) + u16(3) + "abc";
+  EXPECT_EQ(content(), header(0, 0) + record(0, "abc") + taken + taken);
+}
+
 // Chunk limit, roll-over, roll-back.
 
 TEST_F(PersistentQueueTest, HeadRollsOverWhenItsBytesExceedTheLimit) {

@@ -2,6 +2,7 @@
 // after every header that must not see the replacement.
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 
 #include "Reports.h"
@@ -12,10 +13,10 @@
 
 namespace {
 
-bool allocation_fails = false;
+std::size_t smallest_that_fails = SIZE_MAX;
 
 void* test_malloc(std::size_t size) {
-  return allocation_fails ? nullptr : malloc(size);
+  return size >= smallest_that_fails ? nullptr : malloc(size);
 }
 
 }  // namespace
@@ -26,17 +27,28 @@ void* test_malloc(std::size_t size) {
 
 namespace {
 
-class SpoolAllocationTest : public testing::Test, protected test::SpoolFixture {};
+class SpoolAllocationTest : public testing::Test, protected test::SpoolFixture {
+ protected:
+  ~SpoolAllocationTest() override { smallest_that_fails = SIZE_MAX; }
+};
 
 TEST_F(SpoolAllocationTest, FailedAllocationEndsTheProcessThroughTheHost) {
   store("abc");
   EXPECT_DEATH(
       {
-        allocation_fails = true;
+        smallest_that_fails = 0;
         take();
       },
       "out of memory in malloc\\.");
   EXPECT_EQ(take(), std::optional<std::string>("abc"));
+}
+
+TEST_F(SpoolAllocationTest, RecordsAreTakenOneByOneWhereMoreThanOneFindsNoMemory) {
+  for (const char* payload : {"abc", "def", "ghi"})
+    store(payload);
+  smallest_that_fails = 4;
+  for (const char* payload : {"ghi", "def", "abc"})
+    EXPECT_EQ(take(), std::optional<std::string>(payload));
 }
 
 }  // namespace

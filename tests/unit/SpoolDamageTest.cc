@@ -176,6 +176,26 @@ TEST_F(SpoolDamageTest, BackLinkThatLeadsBeforeTheFirstRecordLeavesTheHeaderAlon
   EXPECT_EQ(content().substr(0, 12), header(12 + 9 + 10, 2));
 }
 
+// The third record links to nothing. By then it is marked as taken, so that the scan finds others
+// inside it, the last of which links back to one that ends with the marked bytes themselves.
+TEST_F(SpoolDamageTest, MarkOfATakenRecordIsReadByWhatFollowsAScan) {
+  const std::string zeros(8, '\0');
+  const std::string second = "second" + u16(8) + u16(0);
+  const std::string third = zeros.substr(4) + u16(0) + u16(8) + "third";
+  const std::string fourth(100, 'x');
+  const std::string records = record(0, "first") + record(5, second) + record(0, third) +
+                              record(static_cast<unsigned>(third.size()), fourth) +
+                              record(100, "fifth");
+  const std::string damaged = header(12 + static_cast<std::uint32_t>(records.size()), 5) + records;
+  put("queue.dat", damaged);
+  for (const std::string& payload : {std::string("fifth"), fourth, third})
+    EXPECT_THAT(take(), Optional(payload));
+  EXPECT_THAT(take(), Optional(std::string())) << "by the scan";
+  EXPECT_THAT(take(), Optional(zeros));
+  stop();
+  expect_as_the_model({{"queue.dat", damaged}});
+}
+
 TEST_F(SpoolDamageTest, LargeFileOfGarbageIsDrainedWithinItsSize) {
   constexpr std::uint32_t kCount = 250000;  // as many as there is room for
   std::string garbage = header(0xffffffff, kCount) + std::string(4 * kCount, '\xff');

@@ -8,8 +8,12 @@
 #include <filesystem>
 #include <iostream>
 #include <random>
+#include <string>
+#include <vector>
 
+#include "Paths.h"
 #include "SpoolBesideModel.h"
+#include "SpoolFixture.h"
 #include "TempDir.h"
 
 namespace {
@@ -88,12 +92,96 @@ class RandomOperations {
   std::mt19937 random_;
 };
 
-TEST(SpoolModelTest, EveryAnswerAndEveryByteOnDiskIsTheModels) {
-  const unsigned long seed = test::from_environment("ZMQWRITER_TEST_SEED", std::random_device()());
-  const unsigned long operations = test::from_environment("ZMQWRITER_TEST_OPERATIONS", 20000);
-  std::cout << "ZMQWRITER_TEST_SEED=" << seed << std::endl;
+// Runs of Stores and Gets of records whose sizes meet the edges of what the spool reads at a time:
+// single bytes, pages, and what only just fits. Files hold several times that.
+class RandomRuns {
+ public:
+  explicit RandomRuns(unsigned long seed) : random_(seed) {}
 
-  RandomOperations random(seed);
+  /// Does one operation; returns what it was.
+  std::string Do(test::SpoolBesideModel* both) {
+    if (left_ == 0)
+      Begin(both);
+    --left_;
+    if (kind_ == Kind::kTurns)
+      stores_ = !stores_;
+    if (kind_ == Kind::kTurns ? stores_ : kind_ == Kind::kStores)
+      return Store(both);
+    if (kind_ != Kind::kRestart) {
+      both->Take();
+      return "Get";
+    }
+    if (Below(2)) {
+      both->Restart();
+      return "restart";
+    }
+    both->CrashAndStart();
+    return "crash";
+  }
+
+ private:
+  enum class Kind { kStores, kTakes, kTurns, kRestart };
+
+  std::size_t Below(std::size_t bound) { return random_() % bound; }
+
+  void Begin(test::SpoolBesideModel* both) {
+    static const std::int32_t limits[] = {2147483647, 2147483647, 300000, 70000, 66000};
+    const std::size_t choice = Below(20);
+    left_ = 1;
+    if (both->BytesOnDisk() > kLargestBacklog && both->IsEmpty()) {
+      kind_ = Kind::kRestart;  // removes the drained file
+    } else if (choice < 7 && both->BytesOnDisk() < kLargestBacklog) {
+      kind_ = Kind::kStores;
+      left_ = 1 + Below(Below(4) ? 12 : 150);
+      smallest_ = left_ > 12 ? 60 : 0;
+    } else if (choice < 16) {
+      kind_ = Kind::kTakes;
+      left_ = 1 + Below(Below(2) ? 6 : 200);
+    } else if (choice < 18) {
+      kind_ = Kind::kTurns;
+      left_ = 1 + Below(30);
+      smallest_ = 0;
+    } else {
+      kind_ = Kind::kRestart;
+    }
+    if (Below(6) == 0)
+      both->SetLimits(limits[Below(sizeof limits / sizeof *limits)], 0);
+  }
+
+  // Long runs are of small records. Empty ones are rare: they hide what lies below them.
+  std::string Store(test::SpoolBesideModel* both) {
+    static const std::size_t sizes[] = {1, 1, 100, 100, 4000, 4092, 60000, 65535};
+    std::size_t size = sizes[Below(sizeof sizes / sizeof *sizes)];
+    if (smallest_ > 0)
+      size = smallest_ + Below(700);
+    else if (Below(50) == 0)
+      size = 0;
+    std::string payload(size, '\0');
+    for (char& c : payload)
+      c = static_cast<char>(random_());
+    both->Store(payload);
+    return "Store of " + std::to_string(size) + " bytes";
+  }
+
+  static constexpr std::size_t kLargestBacklog = 400000;
+
+  std::mt19937 random_;
+  Kind kind_ = Kind::kStores;
+  bool stores_ = false;
+  std::size_t left_ = 0;      // operations of this kind
+  std::size_t smallest_ = 0;  // payload of a run's records; 0 where any size may come
+};
+
+unsigned long seed_of_the_run() {
+  const unsigned long seed = test::from_environment("ZMQWRITER_TEST_SEED", std::random_device()());
+  std::cout << "ZMQWRITER_TEST_SEED=" << seed << std::endl;
+  return seed;
+}
+
+template <class Operations>
+void compare_after_each_operation(unsigned long operations) {
+  const unsigned long seed = seed_of_the_run();
+  Operations random(seed);
   for (unsigned long done = 0; done < operations;) {
     test::TempDir folder;
     std::filesystem::create_directory("orvik-spool");
@@ -102,6 +190,89 @@ TEST(SpoolModelTest, EveryAnswerAndEveryByteOnDiskIsTheModels) {
       const std::string operation = random.Do(&both);
       const std::string difference = both.Difference();
       ASSERT_EQ(difference, "") << "seed " << seed << ", operation " << done << ": " << operation;
+    }
+  }
+}
+
+unsigned long number_of_operations() {
+  return test::from_environment("ZMQWRITER_TEST_OPERATIONS", 20000);
+}
+
+TEST(SpoolModelTest, EveryAnswerAndEveryByteOnDiskIsTheModels) {
+  compare_after_each_operation<RandomOperations>(number_of_operations());
+}
+
+// Fewer: each takes longer.
+TEST(SpoolModelTest, RunsOfStoresAndGetsAreTheModelsAfterEveryOperation) {
+  compare_after_each_operation<RandomRuns>(number_of_operations() / 4);
+}
+
+// Every depth of a Get before a Store, and every number of Gets after it, around a read of 64 KiB.
+TEST(SpoolModelTest, StoreAtAnyDepthOfARunOfGetsIsTheModels) {
+  for (const std::size_t size : {1, 100, 4000, 16380, 60000, 65535}) {
+    for (const int gets : {1, 2, 3, 5, 16, 17, 40}) {
+      test::TempDir folder;
+      std::filesystem::create_directory("orvik-spool");
+      test::SpoolBesideModel both;
+      const std::string trace =
+          "size " + std::to_string(size) + ", after " + std::to_string(gets) + " gets";
+      const int stored = size < 16380 ? 70 : 8;
+      for (int i = 0; i < stored; ++i)
+        both.Store(std::string(size, static_cast<char>('0' + i)));
+      for (int i = 0; i < gets; ++i)
+        both.Take();
+      ASSERT_EQ(both.Difference(), "") << trace;
+      both.Store(std::string(size, '!'));  // lies where others lay
+      both.Store(std::string(size / 2 + 1, '?'));
+      ASSERT_EQ(both.Difference(), "") << trace;
+      for (int i = 0; !both.IsEmpty(); ++i) {
+        both.Take();
+        ASSERT_EQ(both.Difference(), "") << trace << ", take " << i;
+      }
+    }
+  }
+}
+
+// Files whose lengths and links lead anywhere, larger than what is read at a time.
+TEST(SpoolModelTest, DamagedLengthsAndLinksOfLargeFilesAreTheModels) {
+  const unsigned long seed = seed_of_the_run();
+  std::mt19937 random(seed);
+  const auto below = [&random](std::size_t bound) { return random() % bound; };
+
+  for (int round = 0; round < 60; ++round) {
+    test::TempDir folder;
+    std::filesystem::create_directories(paths::kSpoolFolder);
+    const std::string trace = "seed " + std::to_string(seed) + ", round " + std::to_string(round);
+
+    static const std::size_t sizes[] = {1, 100, 100, 400, 4000, 60000, 65535};
+    std::string records;
+    std::vector<std::size_t> starts;
+    std::size_t previous = 0;
+    while (records.size() < 150000) {
+      starts.push_back(records.size());
+      const std::size_t size = sizes[below(sizeof sizes / sizeof *sizes)];
+      records += test::record(static_cast<unsigned>(previous), std::string(size, '\x01'));
+      previous = size;
+    }
+    const auto count = static_cast<std::uint32_t>(starts.size());
+    for (std::size_t damages = 1 + below(4); damages > 0; --damages) {
+      static const unsigned values[] = {0, 1, 99, 101, 400, 4000, 59999, 65535};
+      const std::string value = test::u16(values[below(sizeof values / sizeof *values)]);
+      records.replace(starts[below(count)] + 2 * below(2), 2, value);
+    }
+    if (below(3) == 0)
+      records.resize(records.size() - below(100000));
+    test::write_file(
+        std::string(paths::kSpoolFolder) + "/queue.dat",
+        test::header(12 + static_cast<std::uint32_t>(records.size()), count) + records);
+
+    test::SpoolBesideModel both;
+    for (int i = 0; i < 120 && !both.IsEmpty(); ++i) {
+      if (below(12) == 0)
+        both.Store(std::string(1 + below(500), 's'));
+      else
+        both.Take();
+      ASSERT_EQ(both.Difference(), "") << trace << ", operation " << i;
     }
   }
 }
