@@ -274,6 +274,10 @@ class CollectUsageTest(CliTest):
                 (["--output", "o", "--rotate-size", "1", "--rotate-keep", "0"], "positive number"),
                 (["--stats", "0"], "positive number"),
                 (["--stats", "inf"], "finite positive number"),
+                (["--bind", "tcp://127.0.0.1:99999"], "must be tcp://HOST:PORT"),
+                (["--bind", "tcp://127.0.0.1:5x5"], "must be tcp://HOST:PORT"),
+                (["--bind", "tcp://127.0.0.1:-1"], "must be tcp://HOST:PORT"),
+                (["--bind", "inproc://zeromq.zap.01"], "must be tcp://HOST:PORT"),
                 (["--metrics", "9100"], "must be HOST:PORT"),
                 (["--metrics", ":9100"], "must be HOST:PORT"),
                 (["--metrics", "127.0.0.1:"], "must be HOST:PORT"),
@@ -283,6 +287,25 @@ class CollectUsageTest(CliTest):
             result = self.run_tool(*(collect + arguments))
             self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
             self.assertIn(hint, result.stderr)
+
+    def test_endpoint_in_use_or_not_of_this_machine_is_a_failure_by_name(self):
+        self.keygen()
+        write_file("file.txt", "precious")
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            in_use = "tcp://127.0.0.1:%d" % taken.getsockname()[1]
+            for endpoint, message in [(in_use, "Address already in use"),
+                                      ("tcp://[::1]:*", "must be an IPv4 address of this machine"),
+                                      ("tcp://localhost:*", "must be an IPv4 address"),
+                                      ("ipc://file.txt", "there is a file of this name")]:
+                result = self.run_tool("collect", "--bind", endpoint, "--secret-key",
+                                       "server.secret")
+                self.assertEqual((result.returncode, result.stdout), (1, b""))
+                self.assertIn("cannot listen on '%s': " % endpoint, result.stderr)
+                self.assertIn(message, result.stderr)
+                self.assertNotIn("listening on tcp", result.stderr)
+        self.assertEqual(read_file("file.txt"), "precious")
 
     def test_help_warns_that_a_list_of_keys_shuts_agents_out(self):
         text = " ".join(self.run_tool("collect", "--help").stdout.decode().split())

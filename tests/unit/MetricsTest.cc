@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "ClientGate.h"
+#include "ListenAddress.h"
 #include "ZmqContext.h"
 
 namespace {

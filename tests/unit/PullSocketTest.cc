@@ -1,20 +1,30 @@
 // The collector's socket by itself: waiting under signals, what may be bound, how much it holds.
 #include "PullSocket.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 #include <zmq.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "CurveKey.h"
+#include "ListenAddress.h"
+#include "TempDir.h"
 #include "ZmqContext.h"
 
 namespace {
+
+using testing::HasSubstr;
 
 /// A sender that may connect, and is gone before its context.
 class Sender {
@@ -105,6 +115,55 @@ TEST_F(PullSocketTest, SignalsDoNotProlongWaiting) {
   EXPECT_FALSE(socket_.Wait(50));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
   EXPECT_GT(signals.count(), 1);
+}
+
+TEST_F(PullSocketTest, SocketOfAFormerRunIsReplacedAndNothingElse) {
+  const test::TempDir temp;
+  test::write_file("file.txt", "precious");
+  ASSERT_EQ(symlink("file.txt", "link"), 0);
+  for (const char* const taken : {"ipc://file.txt", "ipc://link", "ipc://."}) {
+    try {
+      socket_.Bind(taken);
+      FAIL() << taken;
+    } catch (const std::runtime_error& error) {
+      EXPECT_EQ(error.what(), "cannot listen on '" + std::string(taken) +
+                                  "': there is a file of this name, which is no socket");
+    }
+  }
+  EXPECT_EQ(test::read_file("link"), "precious");
+
+  const int left_over = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, "old");
+  ASSERT_EQ(bind(left_over, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  close(left_over);
+  EXPECT_EQ(socket_.Bind("ipc://old"), "ipc://old");
+  EXPECT_NE(socket_.Bind("ipc://*"), "ipc://*");
+}
+
+TEST_F(PullSocketTest, HostsThatCannotBeListenedOnAreExplained) {
+  for (const char* const host : {"[::1]", "localhost", "no-such-interface"}) {
+    try {
+      socket_.Bind("tcp://" + std::string(host) + ":*");
+      FAIL() << host;
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), HasSubstr("the host must be an IPv4 address of this machine"));
+    }
+  }
+}
+
+TEST(ListenAddressTest, EndpointsAreTcpWithAPortOrIpc) {
+  for (const char* const good :
+       {"tcp://*:*", "tcp://127.0.0.1:0", "tcp://0.0.0.0:65535", "tcp://eth0:5555",
+        "tcp://[::1]:5555", "ipc://*", "ipc:///run/collector", "ipc://@name", "ipc://a:b"})
+    EXPECT_EQ(bind_endpoint_problem(good), "") << good;
+  for (const char* const bad :
+       {"", "5555", "127.0.0.1:5555", "tcp://", "tcp://:5555", "tcp://127.0.0.1",
+        "tcp://127.0.0.1:", "tcp://127.0.0.1:65536", "tcp://127.0.0.1:99999", "tcp://127.0.0.1:5x5",
+        "tcp://127.0.0.1:-1", "tcp://127.0.0.1:+1", "tcp://127.0.0.1: 1", "tcp://127.0.0.1:**",
+        "tcp://[::1]", "ipc://", "inproc://name", "inproc://zeromq.zap.01", "udp://127.0.0.1:1"})
+    EXPECT_THAT(bind_endpoint_problem(bad), HasSubstr("must be tcp://HOST:PORT")) << bad;
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "Collector.h"
-#include "Metrics.h"
+#include "ListenAddress.h"
 #include "OptionChecks.h"
 #include "StopSignals.h"
 
@@ -60,8 +60,8 @@ CLI::Validator not_empty() {
       "");
 }
 
-CLI::Validator metrics_address() {
-  return CLI::Validator([](const std::string& text) { return metrics_address_problem(text); }, "");
+CLI::Validator without(std::string (*problem)(const std::string&)) {
+  return CLI::Validator([problem](const std::string& text) { return problem(text); }, "");
 }
 
 void add_input_options(CLI::App* command, CollectOptions* options) {
@@ -71,6 +71,7 @@ void add_input_options(CLI::App* command, CollectOptions* options) {
                    "a port that the system chooses; may be given several times")
       ->type_name("ENDPOINT")
       ->required()
+      ->check(without(bind_endpoint_problem))
       ->take_all()
       ->allow_extra_args(false);
   command
@@ -125,7 +126,7 @@ void add_watching_options(CLI::App* command, CollectOptions* options) {
                    "Serve counts for Prometheus over HTTP, e.g. on 127.0.0.1:9100; port 0 lets the "
                    "system choose. The address is printed ('metrics on http://...')")
       ->type_name("HOST:PORT")
-      ->check(metrics_address());
+      ->check(without(metrics_address_problem));
   command->add_option("--count", options->count, "Stop after so many events")
       ->type_name("N")
       ->check(positive_count());

@@ -4,7 +4,6 @@
 #include <prometheus/exposer.h>
 #include <prometheus/metric_family.h>
 
-#include <charconv>
 #include <cstdint>
 #include <exception>
 #include <stdexcept>
@@ -104,32 +103,7 @@ class Counts : public prometheus::Collectable {
   const ClientGate* const gate_;
 };
 
-bool is_host(const std::string& host) {
-  const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
-  const char* const allowed = bracketed ? "[]0123456789abcdefABCDEF:."
-                                        : "0123456789abcdefghijklmnopqrstuvwxyz"
-                                          "ABCDEFGHIJKLMNOPQRSTUVWXYZ.-";
-  return !host.empty() && host.find_first_not_of(allowed) == std::string::npos;
-}
-
-bool is_port(const std::string& port) {
-  std::uint16_t number = 0;
-  const char* const end = port.data() + port.size();
-  const auto parsed = std::from_chars(port.data(), end, number);
-  return parsed.ec == std::errc() && parsed.ptr == end;
-}
-
 }  // namespace
-
-// The server would take lists of ports and letters behind them for TLS and redirection.
-std::string metrics_address_problem(const std::string& address) {
-  const std::size_t colon = address.rfind(':');
-  if (colon != std::string::npos && is_host(address.substr(0, colon)) &&
-      is_port(address.substr(colon + 1)))
-    return "";
-  return "'" + address + "' must be HOST:PORT, like 127.0.0.1:9100, or port 0 for one that the " +
-         "system chooses";
-}
 
 Metrics::Metrics(const std::string& address, const CollectStats& stats, const ClientGate* gate)
     : counts_(std::make_shared<Counts>(stats, gate)) {

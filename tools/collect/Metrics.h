@@ -35,7 +35,3 @@ class Metrics {
   std::unique_ptr<prometheus::Exposer> server_;
   std::string url_;
 };
-
-/// Empty if the text is HOST:PORT, with a host that is a name, an IPv4 address or an IPv6 address
-/// in brackets; else what is wrong.
-std::string metrics_address_problem(const std::string& address);

@@ -1,5 +1,7 @@
 #include "PullSocket.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -13,8 +15,16 @@ namespace {
 // Any name does: without one, some versions of libzmq do not ask about CURVE clients.
 constexpr const char kDomain[] = "zmqwriter";
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::runtime_error(what + ": " + zmq_strerror(zmq_errno()));
+[[noreturn]] void fail(const std::string& what, const std::string& hint = "") {
+  throw std::runtime_error(what + ": " + zmq_strerror(zmq_errno()) + hint);
+}
+
+/// libzmq removes whatever lies where its socket is to be. The socket of a former run may go.
+bool would_replace_file(const std::string& endpoint) {
+  const std::string scheme = "ipc://";
+  struct stat status;
+  return endpoint.compare(0, scheme.size(), scheme) == 0 &&
+         lstat(endpoint.c_str() + scheme.size(), &status) == 0 && !S_ISSOCK(status.st_mode);
 }
 
 bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
@@ -47,8 +57,13 @@ PullSocket::~PullSocket() {
 }
 
 std::string PullSocket::Bind(const std::string& endpoint) {
+  const std::string what = "cannot listen on '" + endpoint + "'";
+  if (would_replace_file(endpoint))
+    throw std::runtime_error(what + ": there is a file of this name, which is no socket");
   if (zmq_bind(socket_, endpoint.c_str()) != 0)
-    fail("cannot listen on '" + endpoint + "' (an endpoint is like tcp://127.0.0.1:5555)");
+    fail(what, zmq_errno() == ENODEV ? "; the host must be an IPv4 address of this machine, the "
+                                       "name of one of its interfaces, or *"
+                                     : "");
   char bound[1024];
   std::size_t size = sizeof bound;
   if (zmq_getsockopt(socket_, ZMQ_LAST_ENDPOINT, bound, &size) != 0)

@@ -23,7 +23,8 @@ class PullSocket {
   PullSocket(const PullSocket&) = delete;
   PullSocket& operator=(const PullSocket&) = delete;
 
-  /// Returns the endpoint with the port that the system chose for "*".
+  /// Returns the endpoint with the port that the system chose for "*". Throws std::runtime_error
+  /// that names the endpoint; for ipc:// also where a file lies that is no socket.
   std::string Bind(const std::string& endpoint);
 
   /// Ends the endpoint and its connections. What has been received can still be taken.
