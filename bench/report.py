@@ -1,7 +1,7 @@
 """What the benchmark programs leave, read and made into a table and a plot.
 
-A program's --csv file has the columns measure,case,unit,ours,peer_name,peer,ratio,goal,lowest,highest,
-its --growth file curve,x,ours,peer; BenchReport.h says what they mean.
+A program's --csv file has the columns measure,case,unit,ours,peer_name,peer,ratio,goal,lowest,
+highest, its --growth file curve,x,ours,peer; BenchReport.h says what they mean.
 """
 
 import collections

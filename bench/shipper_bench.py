@@ -300,9 +300,10 @@ def compare(build, keys, folder, path, kind, count, runs):
                 ("bytes on the wire", "B/event", "< 1"))):
             figure, beside = report.median(ours[i]), report.median(peer[i])
             ratios = [one / other for one, other in zip(ours[i], peer[i])]
+            limits = (min(ratios), max(ratios)) if len(ratios) > 1 else (None, None)
             rows.append(report.Row(measure, "%s, %s" % (kind, case), unit, figure,
                                    "rsyslog, JSON lines", beside, figure / beside, goal,
-                                   min(ratios), max(ratios)))
+                                   *limits))
     return rows
 
 
