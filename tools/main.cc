@@ -3,6 +3,7 @@
 // Exit status: 0 success, 1 failure, 2 wrong usage. Data goes to standard output, everything else
 // to standard error.
 
+#include <fcntl.h>
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
@@ -37,9 +38,21 @@ const char* unknown_subcommand(const CLI::App& app, int argc, char** argv) {
   return nullptr;
 }
 
+/// Else the next file or socket that is opened would take the place of one that was closed, and
+/// messages would be written into it. Reading and writing data goes on failing.
+bool hold_standard_descriptors() {
+  const int useless[] = {O_WRONLY, O_RDONLY, O_WRONLY};
+  for (int descriptor = 0; descriptor < 3; ++descriptor)
+    if (fcntl(descriptor, F_GETFD) < 0 && open("/dev/null", useless[descriptor]) < 0)
+      return false;
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!hold_standard_descriptors())
+    return kFailure;
   // A reader of our output that has gone shows as a failed write, which every command checks.
   signal(SIGPIPE, SIG_IGN);
 

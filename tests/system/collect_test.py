@@ -181,6 +181,75 @@ class CollectOutputTest(CliTest):
             self.assertEqual(result.returncode, 1)
             self.assertIn(name + ": cannot open the output: ", result.stderr)
 
+    def test_start_that_fails_leaves_the_output_of_the_former_run(self):
+        self.keygen()
+        write_file("bad.secret", "no key")
+        write_file("events", "former run")
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            in_use = "127.0.0.1:%d" % taken.getsockname()[1]
+            for secret, arguments in [("nowhere", []), ("bad.secret", []),
+                                      ("server.secret", ["--allow", "nowhere"]),
+                                      ("server.secret", ["--metrics", in_use]),
+                                      ("server.secret", ["--bind", "tcp://" + in_use])]:
+                result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                                       secret, "--output", "events", *arguments)
+                self.assertEqual(result.returncode, 1, result.stderr)
+                self.assertEqual(glob.glob("events*"), ["events"])
+                self.assertNotIn("listening on", result.stderr)
+        self.assertEqual(read_file("events"), "former run")
+
+    def test_output_into_a_file_of_keys_is_refused(self):
+        self.keygen()
+        secret = read_file("server.secret")
+        write_file("allowed", "0" * 64)
+        os.link("server.secret", "hard")
+        os.symlink("allowed", "soft")
+        for output in ("server.secret", "./hard", "allowed", "soft"):
+            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                                   "server.secret", "--allow", "allowed", "--output", output)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(output + ": holds keys that are read, so it cannot be the output",
+                          result.stderr)
+        self.assertEqual((read_file("server.secret"), read_file("allowed")), (secret, "0" * 64))
+        self.assertEqual(glob.glob("*.0*"), [])
+
+    def test_stop_signal_ends_the_wait_for_a_reader_of_a_pipe(self):
+        self.keygen()
+        os.mkfifo("pipe")
+        collector = self.start("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                               "server.secret", "--output", "pipe", "--metrics", "127.0.0.1:0")
+        # The last that is opened before the output.
+        wait_for(lambda: "metrics on" in collector.stderr, "the metrics")
+        if os.path.exists("/proc/self/stat"):
+            wait_for(lambda: ") S " in read_file("/proc/%d/stat" % collector.popen.pid), "the wait")
+        collector.popen.send_signal(signal.SIGINT)
+        self.assertEqual(collector.wait(), 1)
+        self.assertIn("pipe: cannot open the output: Interrupted", collector.stderr)
+
+    def test_messages_on_closed_standard_error_do_not_land_in_the_output(self):
+        self.keygen()
+        collector = self.start("collect", "--bind", "ipc://socket", "--secret-key", "server.secret",
+                               "--output", "events", "--format", "raw", "--count", "1",
+                               preexec_fn=lambda: os.close(2))
+        wait_for(lambda: os.path.exists("socket"), "the collector")
+        self.agent("ipc://socket").send(make_event())
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(read_file("events", "rb"), framed(make_event()))
+
+    def test_closed_standard_output_is_a_failure_and_no_other_file_takes_its_place(self):
+        self.keygen()
+        write_file("event.raw", framed(make_event()))
+        for arguments, message in [
+                (["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "server.secret"],
+                 "standard output is closed; name a file with --output"),
+                (["decode", "event.raw"], "cannot write the output: Bad file descriptor")]:
+            result = self.run_tool(*arguments, preexec_fn=lambda: os.close(1))
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(message, result.stderr)
+            self.assertNotIn("listening on", result.stderr)
+
     def test_device_is_written_but_not_rotated(self):
         self.keygen()
         collector = self.collect("--output", "/dev/null", "--count", "1")

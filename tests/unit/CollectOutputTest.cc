@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -122,7 +123,9 @@ TEST_F(CollectOutputTest, FileIsExactlyAsLongAsAllowedAndNotAByteMore) {
   EXPECT_EQ(test::read_file("out.000001"), framed(message) + framed(message));
   EXPECT_EQ(test::read_file("out"), framed(message) + framed(message));
 
-  EventSink less(raw(2 * size - 1));  // moves the former run's file aside
+  EventSink less(raw(2 * size - 1));
+  EXPECT_FALSE(exists("out.000002")) << "the former run's file has moved too soon";
+  less.Begin();
   for (int i = 0; i < 2; ++i)
     write(&less, message);
   less.Flush();
@@ -144,6 +147,7 @@ TEST_F(CollectOutputTest, WhatIsFlushedBetweenCountsTowardsTheSize) {
 TEST_F(CollectOutputTest, EmptyFileIsNotMovedAside) {
   test::write_file("out", "");
   EventSink sink(raw(0));
+  sink.Begin();
   EXPECT_FALSE(exists("out.000001"));
 }
 
@@ -153,7 +157,73 @@ TEST_F(CollectOutputTest, NumbersGoOnBeyondSixDigits) {
   test::write_file("out.1000000x", "nor this");
   test::write_file("out", "left over");
   EventSink sink(raw(0));
+  sink.Begin();
   EXPECT_EQ(test::read_file("out.1000000"), "left over");
+}
+
+TEST_F(CollectOutputTest, NamesWithADateOrAnotherNumberAreSomebodyElses) {
+  const char* const others[] = {"out.20240101",
+                                "out.20240102",
+                                "out.1700000000",
+                                "out.0000007",
+                                "out.18446744073709551615",
+                                "out.18446744073709551616"};
+  for (const char* const name : others)
+    test::write_file(name, name);
+  RotatingFile file("out", 1, true);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(file.Append("x"), 1u);
+    ASSERT_EQ(file.Rotate(), "");
+  }
+  EXPECT_TRUE(exists("out.000003"));
+  EXPECT_FALSE(exists("out.000002"));
+  for (const char* const name : others)
+    EXPECT_EQ(test::read_file(name), name);
+}
+
+TEST_F(CollectOutputTest, FileGoesOnGrowingWhenTheNumbersAreUsedUp) {
+  test::write_file("out.9999998", "old");
+  RotatingFile file("out", 0, true);
+  ASSERT_EQ(file.Append("1"), 1u);
+  ASSERT_EQ(file.Rotate(), "");
+  ASSERT_EQ(file.Append("2"), 1u);
+  EXPECT_THAT(file.Rotate(), HasSubstr("out: cannot be moved aside to out.10000000"));
+  ASSERT_EQ(file.Append("3"), 1u);
+  EXPECT_EQ(test::read_file("out"), "23");
+  EXPECT_EQ(test::read_file("out.9999999"), "1");
+}
+
+TEST_F(CollectOutputTest, FolderIsLookedAtAgainOnlyWhenANameIsTaken) {
+  RotatingFile file("out", 0, true);
+  test::write_file("out.000002", "of somebody else");
+  test::write_file("out.000007", "of somebody else");
+  for (const char* const text : {"1", "2", "3"}) {
+    ASSERT_EQ(file.Append(text), 1u);
+    ASSERT_EQ(file.Rotate(), "");
+  }
+  EXPECT_EQ(test::read_file("out.000001"), "1");
+  EXPECT_EQ(test::read_file("out.000008"), "2");
+  EXPECT_EQ(test::read_file("out.000009"), "3");
+  EXPECT_EQ(test::read_file("out.000002") + test::read_file("out.000007"),
+            "of somebody elseof somebody else");
+}
+
+TEST_F(CollectOutputTest, FilesOfALinkLieBesideItsTarget) {
+  std::filesystem::create_directory("data");
+  ASSERT_EQ(symlink("data/events", "out"), 0);
+  {
+    RotatingFile file("out", 0, true);
+    ASSERT_EQ(file.Append("1"), 1u);
+    ASSERT_EQ(file.Rotate(), "");
+    ASSERT_EQ(file.Append("2"), 1u);
+  }
+  RotatingFile file("out", 0, true);
+  file.Begin();
+  ASSERT_EQ(file.Append("3"), 1u);
+  EXPECT_TRUE(std::filesystem::is_symlink("out"));
+  EXPECT_EQ(test::read_file("data/events.000001"), "1");
+  EXPECT_EQ(test::read_file("data/events.000002"), "2");
+  EXPECT_EQ(test::read_file("out"), "3");
 }
 
 TEST_F(CollectOutputTest, OldestFilesAreRemovedAndNothingElse) {
@@ -200,6 +270,18 @@ TEST_F(CollectOutputTest, TornEventIsCutOff) {
   file.CutLastAppend(6);
   EXPECT_EQ(test::read_file("out"), "whole whole ");
   EXPECT_EQ(file.size(), 12u);
+}
+
+TEST_F(CollectOutputTest, CuttingNeverMakesAFileLonger) {
+  RotatingFile file("out", 0, false);
+  ASSERT_EQ(file.Append("first "), 6u);
+  ASSERT_EQ(truncate("out", 0), 0);
+  ASSERT_EQ(file.Append("whole torn"), 10u);
+  file.CutLastAppend(6);
+  EXPECT_EQ(test::read_file("out"), "whole ");
+  ASSERT_EQ(truncate("out", 0), 0);
+  file.CutLastAppend(6);
+  EXPECT_EQ(test::read_file("out"), "");
 }
 
 TEST_F(CollectOutputTest, FailureCountsEveryEventThatDidNotGetOut) {

@@ -2,7 +2,10 @@
 
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 #include "AllowList.h"
 #include "CurveKey.h"
@@ -39,22 +42,39 @@ std::unique_ptr<ClientGate> make_gate(const CollectOptions& options, ZmqContext*
   return std::make_unique<ClientGate>(context, std::move(allowed), options.quiet);
 }
 
+std::unique_ptr<Metrics> make_metrics(const CollectOptions& options, const CollectStats& stats,
+                                      const ClientGate* gate) {
+  if (options.metrics_address.empty())
+    return nullptr;
+  auto metrics = std::make_unique<Metrics>(options.metrics_address, stats, gate);
+  std::fprintf(stderr, "metrics on %s\n", metrics->url().c_str());
+  return metrics;
+}
+
+/// The output, unless that is a file which is read: it would be moved aside.
+const SinkOptions& no_input(const CollectOptions& options) {
+  std::error_code ignored;
+  for (const std::string& input : {options.secret_key_file, options.allow_file})
+    if (std::filesystem::equivalent(options.sink.path, input, ignored))
+      throw std::runtime_error(options.sink.path +
+                               ": holds keys that are read, so it cannot be the output");
+  return options.sink;
+}
+
 }  // namespace
 
 Collector::Collector(const CollectOptions& options)
     : options_(options),
-      sink_(options.sink),
       gate_(make_gate(options, &context_)),
-      socket_(&context_, read_key_file(options.secret_key_file), gate_ != nullptr) {
-  // The metrics come first: they may fail, and an agent must not have connected by then.
-  if (!options.metrics_address.empty()) {
-    metrics_ = std::make_unique<Metrics>(options.metrics_address, stats_, gate_.get());
-    std::fprintf(stderr, "metrics on %s\n", metrics_->url().c_str());
-  }
-  for (const std::string& endpoint : options.endpoints) {
+      socket_(&context_, read_key_file(options.secret_key_file), gate_ != nullptr),
+      metrics_(make_metrics(options, stats_, gate_.get())),
+      sink_(no_input(options)) {
+  // Last, as an agent must not have connected when something else fails.
+  for (const std::string& endpoint : options.endpoints)
     bound_.push_back(socket_.Bind(endpoint));
-    std::fprintf(stderr, "listening on %s\n", bound_.back().c_str());
-  }
+  sink_.Begin();
+  for (const std::string& endpoint : bound_)
+    std::fprintf(stderr, "listening on %s\n", endpoint.c_str());
   if (options.stats_s > 0)
     printer_ = std::make_unique<StatsPrinter>(stats_, options.stats_s);
   zmq_msg_init(&part_);

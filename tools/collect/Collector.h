@@ -35,7 +35,8 @@ struct CollectOptions {
 
 class Collector {
  public:
-  /// Opens everything and says on standard error where it listens. Throws std::runtime_error.
+  /// Opens everything and says on standard error where it listens. Throws std::runtime_error; the
+  /// output of a former run is then where it was.
   explicit Collector(const CollectOptions& options);
   ~Collector();
   Collector(const Collector&) = delete;
@@ -66,12 +67,12 @@ class Collector {
 
   const CollectOptions options_;
   CollectStats stats_;
-  EventSink sink_;
   ZmqContext context_;
   std::unique_ptr<ClientGate> gate_;  // before the sockets that it guards
   PullSocket socket_;
-  std::vector<std::string> bound_;
   std::unique_ptr<Metrics> metrics_;
+  EventSink sink_;
+  std::vector<std::string> bound_;
   std::unique_ptr<StatsPrinter> printer_;
   zmq_msg_t part_;
   std::uint64_t events_ = 0;

@@ -1,10 +1,12 @@
 #include "EventSink.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <stdexcept>
 
 #include "EventJson.h"
 #include "Output.h"
@@ -14,6 +16,11 @@ namespace {
 
 constexpr std::size_t kBufferBytes = 65536;
 
+bool is_writable(int descriptor) {
+  const int flags = fcntl(descriptor, F_GETFL);
+  return flags >= 0 && (flags & O_ACCMODE) != O_RDONLY;
+}
+
 }  // namespace
 
 EventSink::EventSink(const SinkOptions& options)
@@ -21,6 +28,13 @@ EventSink::EventSink(const SinkOptions& options)
   if (!options.path.empty())
     file_ =
         std::make_unique<RotatingFile>(options.path, options.rotate_keep, options.rotate_size > 0);
+  else if (!is_writable(STDOUT_FILENO))
+    throw std::runtime_error("standard output is closed; name a file with --output");
+}
+
+void EventSink::Begin() {
+  if (file_)
+    file_->Begin();
 }
 
 std::string_view EventSink::Formatted(const EventMessage& event, std::string_view raw) {

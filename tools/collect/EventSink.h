@@ -25,8 +25,12 @@ struct SinkOptions {
 
 class EventSink {
  public:
-  /// Throws std::runtime_error when the file cannot be opened.
+  /// Throws std::runtime_error when the file cannot be opened, or standard output is closed. What a
+  /// former run left in the file stays there until Begin.
   explicit EventSink(const SinkOptions& options);
+
+  /// Makes room for the first Write. Throws std::runtime_error when that is not possible.
+  void Begin();
 
   /// `raw` is the message that `event` was made from. A file is rotated before an event that would
   /// make it longer than allowed; an event that is longer by itself gets a file of its own.
