@@ -514,6 +514,15 @@ class CollectMetricsTest(CliTest):
             self.assertEqual(collector.wait(), 0)
         self.assertEqual(totals(collector)["events"], 0)
 
+    def test_many_half_requests_do_not_shut_out_a_scrape(self):
+        collector = self.collect_with_metrics()
+        port = int(re.search(r":(\d+)/", collector.url).group(1))
+        for _ in range(10):
+            half = socket.create_connection(("127.0.0.1", port))
+            self.addCleanup(half.close)
+            half.sendall(b"GET /metr")
+        self.assertIn("output_bytes_total", self.scrape(collector))
+
     def test_address_in_use_is_a_failure_by_name(self):
         with socket.socket() as taken:
             taken.bind(("127.0.0.1", 0))

@@ -18,8 +18,10 @@ namespace {
 using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 
-// A few, so that a client that keeps its connection open does not shut out the others.
+// A few, so that a client that keeps its connection open does not shut out the others; and more
+// such clients do so only until their time is over.
 constexpr const char* kServerThreads = "4";
+constexpr const char* kRequestTimeoutMs = "2000";
 
 class Counts : public prometheus::Collectable {
  public:
@@ -110,7 +112,8 @@ Metrics::Metrics(const std::string& address, const CollectStats& stats, const Cl
   const SignalsHeldBack held_back;
   try {
     server_ = std::make_unique<prometheus::Exposer>(
-        std::vector<std::string>{"listening_ports", address, "num_threads", kServerThreads});
+        std::vector<std::string>{"listening_ports", address, "num_threads", kServerThreads,
+                                 "request_timeout_ms", kRequestTimeoutMs});
   } catch (const std::exception&) {
     throw std::runtime_error("cannot serve metrics on '" + address +
                              "': not an address of this machine, or in use by another program");

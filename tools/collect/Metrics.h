@@ -2,7 +2,8 @@
 //
 // The server, its threads and the text format are prometheus-cpp's. Counts are taken at the moment
 // of a scrape, so nothing has to be kept up to date, and the labels are as bounded as CollectStats
-// says. The server answers also while the output does not take anything.
+// says. The server answers also while the output does not take anything. A client that does not
+// finish its request is given up after 2 s.
 #pragma once
 
 #include <memory>
