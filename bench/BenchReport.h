@@ -191,22 +191,6 @@ inline std::vector<Series> measure(int runs,
   return result;
 }
 
-/// The medians alone.
-inline std::vector<Figures> medians_of_figures(
-    int runs, const std::vector<std::function<Figures()>>& candidates) {
-  std::vector<Figures> result;
-  for (const std::vector<Series>& figures : measure_figures(runs, candidates))
-    result.emplace_back(figures.begin(), figures.end());
-  return result;
-}
-
-/// The same of candidates with one figure each.
-inline std::vector<double> medians(int runs,
-                                   const std::vector<std::function<double()>>& candidates) {
-  const std::vector<Series> series = measure(runs, candidates);
-  return std::vector<double>(series.begin(), series.end());
-}
-
 /// Seconds that the work took by the clock.
 inline double seconds(const std::function<void()>& work) {
   const auto begin = std::chrono::steady_clock::now();

@@ -495,7 +495,8 @@ class RealRunTest(InFolder):
             for kind in ("connection", "http") for writers in ("1 writer", "4 writers")
             for way in ("in memory", "by the spool")},
         "SpoolBench": {
-            ("spool Store", "%d B" % size): "<= 1.15"
+            ("spool " + measure, "%d B" % size): "<= 1.15"
+            for measure in ("Store", "Get", "Store and Get in turn")
             for size in (100, 400, 1000, 4000, 16000, 60000)},
         "ProbeBench": {
             ("UserDetect query", "1000 sockets, 10 processes, owner " + owner): "<= 0.2"
