@@ -90,11 +90,12 @@ void judge_files(const std::string& folder, Findings* findings) {
          "move it away");
   tell("spool-file", closed, "cannot be read and written: " + reason,
        "give it to the user that the host runs as; check as that user");
-  tell("spool-file-damaged", damaged,
-       "does not begin as one: the plug-in will report \"Corrupted queue file\" and may not find "
-       "what is in it",
-       "while the host is stopped, look with 'zmqwriter spool list " + folder +
-           "', then mend with 'zmqwriter spool repair " + folder + "'");
+  tell(
+      "spool-file-damaged", damaged,
+      "does not begin as one: the plug-in will report \"Corrupted queue file\", send what it takes "
+      "for events in it, and delete it",
+      "before the host starts, copy the folder, run 'zmqwriter spool repair " + folder +
+          "', and move away what that leaves as it is");
 }
 
 /// The folder is not there: the plug-in makes it, but not its parent.
