@@ -299,7 +299,7 @@ TEST_F(CheckConfiguration, MistypedNameOfASettingIsFound) {
   for (const char* key : {"zmq.secondary_server", "disk.usage.absolut", "zmq.Server", "ZMQ.server",
                           "pqueue.chunk", "zmq."}) {
     SCOPED_TRACE(key);
-    EXPECT_THAT(name_findings("# zmq.none = 1\n " + std::string(key) + "= b\n"),
+    ASSERT_THAT(name_findings("# zmq.none = 1\n " + std::string(key) + "= b\n"),
                 ElementsAre("warning setting-unknown"));
     EXPECT_THAT(text(), HasSubstr("settings: '" + std::string(key) + "' is no setting"));
     EXPECT_THAT(findings[0].what_to_do, HasSubstr("zmq.secondary_servers, disk.usage.relative"));
