@@ -228,6 +228,7 @@ class CollectTest(CliTest):
         agent.send(make_event())
         self.assertEqual(process.popen.wait(30), 1)
         self.assertIn("cannot write the output: Broken pipe", process.stderr_text())
+        self.assertIn("1 of the events received did not get out", process.stderr_text())
 
     def start_into(self, stdout):
         """A collector whose standard output is the given descriptor."""

@@ -343,6 +343,8 @@ class CollectUsageTest(CliTest):
                 (["--output", "o", "--rotate-size", "1", "--rotate-keep", "0"], "positive number"),
                 (["--stats", "0"], "positive number"),
                 (["--stats", "inf"], "finite positive number"),
+                (["--stats", "1e-300"], "must be 0.01 or more"),
+                (["--stats", "0.0099"], "must be 0.01 or more"),
                 (["--bind", "tcp://127.0.0.1:99999"], "must be tcp://HOST:PORT"),
                 (["--bind", "tcp://127.0.0.1:5x5"], "must be tcp://HOST:PORT"),
                 (["--bind", "tcp://127.0.0.1:-1"], "must be tcp://HOST:PORT"),
@@ -589,13 +591,24 @@ class CollectAllowTest(CliTest):
         write_file("allowed", "nonsense")
         collector.popen.send_signal(signal.SIGHUP)
         wait_for(lambda: "stay as they were: allowed:1: " in collector.stderr, "the refusal")
+        os.remove("allowed")
+        collector.popen.send_signal(signal.SIGHUP)
+        wait_for(lambda: "stay as they were: allowed: cannot read the allowed keys: No such file"
+                 in collector.stderr, "the second refusal")
+        os.mkdir("allowed")
+        collector.popen.send_signal(signal.SIGHUP)
+        wait_for(lambda: "stay as they were: allowed: this is a folder" in collector.stderr,
+                 "the third refusal")
+        self.client(collector.endpoint, early).send(make_event(uid=b"as before"))
+        wait_for(lambda: len(collector.lines()) == 2, "the event of a key that stayed allowed")
+        os.rmdir("allowed")
         write_file("allowed", self.hex_of(late))
         collector.popen.send_signal(signal.SIGHUP)
         wait_for(lambda: "allowed keys read again: 1" in collector.stderr, "the new list")
         self.client(collector.endpoint, late).send(make_event(uid=b"late"))
-        wait_for(lambda: len(collector.lines()) == 2, "the late client's event")
+        wait_for(lambda: len(collector.lines()) == 3, "the late client's event")
         client.send(make_event(uid=b"still"))
-        wait_for(lambda: len(collector.lines()) == 3, "the event of the old connection")
+        wait_for(lambda: len(collector.lines()) == 4, "the event of the old connection")
 
     def test_without_a_list_the_hangup_signal_ends_it_as_ever(self):
         collector = self.collect()
@@ -648,11 +661,15 @@ class CollectHostileTest(CliTest):
         agent = self.agent(collector.endpoint)
         event = agent_event(b"agent", details=b"details " * 8)
         sent = {"event": 0, "random": 0, "damaged": 0, "empty": 0, "multi": 0}
+        last = make_event(uid=b"last")
+        sent_bytes = {event, last}
         for number in range(100000):
             agent.send(self.random.randbytes(self.random.randrange(1, 200)))
             sent["random"] += 1
             if number % 10 == 0:
-                agent.send(self.damaged(event))
+                damaged = self.damaged(event)
+                sent_bytes.add(damaged)
+                agent.send(damaged)
                 sent["damaged"] += 1
             if number % 100 == 0:
                 agent.send(b"")
@@ -661,7 +678,6 @@ class CollectHostileTest(CliTest):
                 agent.send(event)
                 for kind in ("empty", "multi", "event"):
                     sent[kind] += 1
-        last = make_event(uid=b"last")
         agent.send(last)
         sent["event"] += 1
         wait_for(lambda: read_file("events", "rb").endswith(last), "the last event")
@@ -673,11 +689,13 @@ class CollectHostileTest(CliTest):
         events, empty, malformed, multi_part = (int(group) for group in report.groups())
         self.assertEqual((empty, multi_part), (sent["empty"], sent["multi"]))
         self.assertEqual(events + malformed, sent["event"] + sent["random"] + sent["damaged"])
-        # A damaged event may be an event still, a random text of these lengths is none.
+        # A damaged event may be an event still (and is written as it came), a random text of these
+        # lengths is none.
         self.assertGreaterEqual(malformed, sent["random"])
         self.assertGreaterEqual(events, sent["event"])
         written = unframed(read_file("events", "rb"))
         self.assertEqual(len(written), events)
+        self.assertLessEqual(set(written), sent_bytes)
         self.assertEqual(sum(message == event for message in written), sent["event"] - 1)
         decoded = self.run_tool("decode", "events")
         self.assertEqual((decoded.returncode, decoded.stderr), (0, ""))
@@ -695,7 +713,7 @@ class CollectHostileTest(CliTest):
     def test_message_above_the_limit_is_refused_and_others_are_served(self):
         collector = self.collect("--count", "1")
         hostile = self.agent(collector.endpoint)
-        hostile.send(bytes((64 << 20) + 1))
+        hostile.send(bytes((4 << 20) + 1))
         self.agent(collector.endpoint).send(make_event())
         self.assertEqual(collector.wait(), 0)
         self.assertEqual(totals(collector)["malformed messages"], 0)
@@ -763,6 +781,20 @@ class CollectPressureTest(CliTest):
         self.assertEqual(unframed(received[0]), events)
         if before is not None:
             self.assertLess(memory_kb(collector, "VmHWM") - before, 40 * 1024)
+
+    def test_stalled_reader_costs_bounded_memory_with_large_events_too(self):
+        collector, reader = self.start_into_pipe("--format", "raw")
+        agent = self.agent(collector.endpoint)
+        agent.sndhwm = 1
+        event = make_event(details=b"x" * 1000000)
+        before = memory_kb(collector) if os.path.exists("/proc/self/status") else None
+        sent = self.send_until_it_blocks(agent, [event] * 400)
+        self.assertLess(sent, 400, "the collector took everything while nobody read")
+        if before is not None:
+            # 64 of them wait, in the worst case beside what they were decrypted from.
+            self.assertLess(memory_kb(collector, "VmHWM") - before, 200 * 1024)
+        for _ in range(sent):
+            self.assertEqual(reader.read(4 + len(event)), framed(event))
 
     def test_stop_signal_during_a_stall_loses_nothing_that_was_received(self):
         collector, reader = self.start_into_pipe()

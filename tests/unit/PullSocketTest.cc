@@ -117,6 +117,28 @@ TEST_F(PullSocketTest, SignalsDoNotProlongWaiting) {
   EXPECT_GT(signals.count(), 1);
 }
 
+TEST_F(PullSocketTest, LargestMessageArrivesAndOneByteMoreDoesNot) {
+  const std::string endpoint = socket_.Bind("tcp://127.0.0.1:*");
+  zmq_msg_t message;
+  zmq_msg_init(&message);
+  {
+    Sender sender(context_, keys_.public_key, endpoint);
+    sender.Send(std::string(PullSocket::kLargestMessage, 'x'));
+    ASSERT_TRUE(socket_.Wait(kDeadlineMs));
+    ASSERT_TRUE(socket_.Receive(&message));
+    EXPECT_EQ(zmq_msg_size(&message), PullSocket::kLargestMessage);
+  }
+  Sender sender(context_, keys_.public_key, endpoint);
+  sender.Send(std::string(PullSocket::kLargestMessage + 1, 'x'));
+  // What is sent right behind may be lost with the connection; it is made anew.
+  do
+    sender.Send("behind");
+  while (!socket_.Wait(20));
+  ASSERT_TRUE(socket_.Receive(&message));
+  EXPECT_EQ(zmq_msg_size(&message), 6u);
+  zmq_msg_close(&message);
+}
+
 TEST_F(PullSocketTest, SocketOfAFormerRunIsReplacedAndNothingElse) {
   const test::TempDir temp;
   test::write_file("file.txt", "precious");

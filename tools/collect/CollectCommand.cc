@@ -14,13 +14,16 @@
 
 namespace {
 
+constexpr double kShortestInterval = 0.01;
+
 constexpr const char* kFooter =
     "The bound endpoint is printed on standard error ('listening on ...'), totals at the end.\n"
     "Empty, malformed and multi-part messages are counted, they do not stop the collector.\n"
     "\n"
-    "A slow output slows the agents down: per connection at most 1000 messages wait here, the "
-    "rest\n"
-    "waits with the agents. A message of more than 64 MiB is refused, its sender disconnected.\n"
+    "A slow output slows the agents down: per connection at most 64 messages wait here, the rest\n"
+    "waits with the agents. A message of more than 4 MiB is refused: its sender is disconnected,\n"
+    "which libzmq does not report. So at most 256 MiB wait for each connection, other than in\n"
+    "messages of several parts: these count as one and may be of any length. No agent sends any.\n"
     "\n"
     "SIGINT and SIGTERM end it cleanly: what has arrived is still written, for which a stalled\n"
     "reader of the output is waited; the second signal ends it at once. What an agent sends while\n"
@@ -57,6 +60,18 @@ int collect(const CollectOptions& options) {
 CLI::Validator not_empty() {
   return CLI::Validator(
       [](const std::string& text) { return std::string(text.empty() ? "the name is empty" : ""); },
+      "");
+}
+
+/// Seconds between reports: fewer would do nothing but print.
+CLI::Validator interval() {
+  return CLI::Validator(
+      [](const std::string& text) -> std::string {
+        double seconds = 0;
+        if (CLI::detail::lexical_cast(text, seconds) && seconds >= kShortestInterval)
+          return "";
+        return "'" + text + "' must be 0.01 or more";
+      },
       "");
 }
 
@@ -120,7 +135,8 @@ void add_watching_options(CLI::App* command, CollectOptions* options) {
                    "Print rates on standard error every so many seconds: events and bytes, by "
                    "payload type and agent, and bad messages")
       ->type_name("SECONDS")
-      ->check(positive_number());
+      ->check(positive_number())
+      ->check(interval());
   command
       ->add_option("--metrics", options->metrics_address,
                    "Serve counts for Prometheus over HTTP, e.g. on 127.0.0.1:9100; port 0 lets the "

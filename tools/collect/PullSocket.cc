@@ -8,12 +8,13 @@
 #include <cstdint>
 #include <stdexcept>
 
-#include "RawEvents.h"
-
 namespace {
 
 // Any name does: without one, some versions of libzmq do not ask about CURVE clients.
 constexpr const char kDomain[] = "zmqwriter";
+
+// What encryption adds to a message. libzmq holds the sum against its limit.
+constexpr std::size_t kCurveBytes = 33;
 
 [[noreturn]] void fail(const std::string& what, const std::string& hint = "") {
   throw std::runtime_error(what + ": " + zmq_strerror(zmq_errno()) + hint);
@@ -31,7 +32,7 @@ bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
   const int yes = 1;
   const int no_linger = 0;
   const int high_water = PullSocket::kReceiveHighWater;
-  const auto largest = static_cast<std::int64_t>(kLargestEvent);
+  const auto largest = static_cast<std::int64_t>(PullSocket::kLargestMessage + kCurveBytes);
   return zmq_setsockopt(socket, ZMQ_LINGER, &no_linger, sizeof no_linger) == 0 &&
          zmq_setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water) == 0 &&
          zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &largest, sizeof largest) == 0 &&

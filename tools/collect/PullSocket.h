@@ -1,8 +1,12 @@
 // A PULL socket that agents connect to as CURVE clients.
 //
 // Memory is bounded on purpose: per connection at most kReceiveHighWater messages wait inside
-// libzmq, and none of more than kLargestEvent bytes is taken (its sender is disconnected). When
-// nobody receives, the rest stays with the agents, whose sends then block. One thread.
+// libzmq, and none of more than kLargestMessage bytes is taken (its sender is disconnected, which
+// libzmq does not tell apart from other ends of a connection). So at most 256 MiB wait, and with
+// events of 1 KiB some 64 KiB. When nobody receives, the rest stays with the agents, whose sends
+// then block. The exception: libzmq counts a message of several parts as one message, and limits
+// each part by itself, so that such a message is bounded by its sender alone. No agent sends any.
+// One thread.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +19,9 @@
 
 class PullSocket {
  public:
-  static constexpr int kReceiveHighWater = 1000;
+  static constexpr int kReceiveHighWater = 64;
+  /// No event of an agent is nearly as long.
+  static constexpr std::size_t kLargestMessage = std::size_t{4} << 20;
 
   /// `ask_gate`: a ClientGate of this context decides about each client.
   PullSocket(ZmqContext* context, const CurveKey& secret_key, bool ask_gate);

@@ -13,7 +13,7 @@
 
 class Output;
 
-/// No event is nearly as long: what is longer is not read as a single one, nor received.
+/// No event is nearly as long: what is longer is not read as a single one.
 constexpr std::size_t kLargestEvent = std::size_t{64} << 20;
 
 /// Appends one message with its length before it.
