@@ -157,12 +157,24 @@ uint32_t count_by_walking(FILE* file, int64_t file_size) {
   return count;
 }
 
+// The last record that such a walk finds from the record at `position` on.
+int64_t last_start_inside(FILE* file, int64_t position) {
+  Walk walk(file);
+  const int64_t file_size = size_of(file);
+  int64_t next = position;
+  while (next + static_cast<int64_t>(kRecordHeaderSize) <= file_size) {
+    position = next;
+    next += record_size(walk.header_at(position).length);
+  }
+  return position;
+}
+
 // The header of an open chunk file as it stands on disk, taken without looking at the signature.
 //
 // The record count is trusted, with one exception. A chunk file never shrinks, so one that has no
 // room for the records it claims was damaged, or filled up its disk; it has the records that can
-// be walked.
-Header read_header(FILE* file) {
+// be walked, and `*is_walked` says so.
+Header read_header(FILE* file, bool* is_walked) {
   unsigned char bytes[kHeaderSize];
   read_at(file, 0, bytes, sizeof bytes);
   Header header = decode_header(bytes);
@@ -170,7 +182,8 @@ Header read_header(FILE* file) {
   const int64_t file_size = size_of(file);
   const int64_t room =
       (file_size - static_cast<int64_t>(kHeaderSize)) / static_cast<int64_t>(kRecordHeaderSize);
-  if (header.record_count > room)
+  *is_walked = header.record_count > room;
+  if (*is_walked)
     header.record_count = count_by_walking(file, file_size);
   return header;
 }
@@ -226,6 +239,7 @@ PersistentQueue::PersistentQueue()
       stream_at_top(false),
       unwritten_records(0),
       scan_known(false),
+      scan_is_walked(false),
       scan_count(0),
       scan_start(0),
       window(nullptr),
@@ -352,12 +366,15 @@ void PersistentQueue::take_newest(uint16_t* length, void** payload) {
 // on; a newest record of length 0 leads here.
 //
 // Every scan in a row ends at the same record, so it is walked to once: a file with many records
-// of length 0 would otherwise be walked at every Get.
+// of length 0 would otherwise be walked at every Get. Only where the count itself is that of a walk
+// does this go on behind the record, now that its length is marked 0.
 void PersistentQueue::take_by_scanning(uint16_t* length, void** payload) {
   if (!scan_known) {
-    scan_count = read_header(head_file).record_count;
+    scan_count = read_header(head_file, &scan_is_walked).record_count;
     scan_start = find_last_record(head_file, scan_count).start;
     scan_known = true;
+  } else if (scan_is_walked) {
+    scan_start = last_start_inside(head_file, scan_start);
   }
   drop_window();
   if (scan_count > 0)
@@ -450,7 +467,8 @@ void PersistentQueue::openFile() {
     // A file that cannot be opened is one that has no header.
     Header header = {false, 0, 0};
     if (head_file) {
-      header = read_header(head_file);
+      bool is_walked = false;
+      header = read_header(head_file, &is_walked);
       const LastRecord last = find_last_record(head_file, header.record_count);
       if (header.record_count > 0) {
         top_length = last.header.length;

@@ -121,6 +121,7 @@ class PersistentQueue {
   // The last record that the head's header counts, as the latest scan found it. Only marking that
   // very record taken leaves it where it is; everything else that changes the file forgets it.
   bool scan_known;
+  bool scan_is_walked;  // the count was no use, and is that of the records inside the file
   uint32_t scan_count;
   int64_t scan_start;
 

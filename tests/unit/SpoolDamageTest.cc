@@ -142,6 +142,18 @@ TEST_F(SpoolDamageTest, CountThatTheFileHasNoRoomForGivesTheRecordsThatAreThere)
   }
 }
 
+// The mark shortens the last record, so that the bytes behind it begin another inside the file.
+TEST_F(SpoolDamageTest, ScanGoesOnBehindTheRecordMarkedLastWhereTheCountHasNoRoom) {
+  const std::string inner = record(0, "innermost"), outer = record(0, inner);
+  const std::string damaged =
+      header(100, 0xffff) + record(0, "") + record(0, "") + record(0, "") + record(0, outer);
+  put("queue.dat", damaged);
+  for (const std::string& payload : {outer, inner, std::string("innermost")})
+    EXPECT_THAT(take(), Optional(payload));
+  stop();
+  expect_as_the_model({{"queue.dat", damaged}});
+}
+
 TEST_F(SpoolDamageTest, PayloadCutByTheEndOfTheFileIsFilledWithZeros) {
   put("queue.dat", header(1016, 1) + u16(1000) + u16(0) + "abc");
   EXPECT_THAT(take(), Optional("abc" + std::string(997, '\0')));
