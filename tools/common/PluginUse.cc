@@ -35,8 +35,11 @@ std::string check_redef(const std::string& text) {
 }  // namespace
 
 std::string default_plugin_folder() {
-  const std::filesystem::path program = executable_path();
-  return (program.parent_path().parent_path() / "plugin").string();
+  const std::filesystem::path prefix =
+      std::filesystem::path(executable_path()).parent_path().parent_path();
+  const std::filesystem::path installed = prefix / "lib/bro/plugins/Dravenholt_ZMQWriter";
+  std::error_code error;
+  return (std::filesystem::is_directory(installed, error) ? installed : prefix / "plugin").string();
 }
 
 void add_plugin_options(CLI::App* command, PluginOptions* options) {
@@ -47,14 +50,14 @@ void add_plugin_options(CLI::App* command, PluginOptions* options) {
       ->type_name("FILE");
   command
       ->add_option("--set", options->redefs,
-                   "Sets a script constant, e.g. LogZMQ::zmq_agent_id=agent-7; may be given "
+                   "Set a script constant, e.g. LogZMQ::zmq_agent_id=agent-7; may be given "
                    "several times")
       ->type_name("LogZMQ::NAME=VALUE")
       ->allow_extra_args(false)
       ->check(CLI::Validator(check_redef, ""));
   command
       ->add_option("--plugin", options->plugin_folder,
-                   "Folder of the plug-in (default: plugin beside the program's folder)")
+                   "Folder of the plug-in (default: the one built or installed with the program)")
       ->type_name("DIR");
 }
 
