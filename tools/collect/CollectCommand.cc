@@ -26,8 +26,8 @@ constexpr const char* kFooter =
     "messages of several parts: these count as one and may be of any length. No agent sends any.\n"
     "\n"
     "SIGINT and SIGTERM end it cleanly: what has arrived is still written, for which a stalled\n"
-    "reader of the output is waited; the second signal ends it at once. What an agent sends while\n"
-    "the collector ends may be lost with the connection.\n"
+    "reader of the output is waited; the second one of the same kind ends it at once. What an\n"
+    "agent sends while the collector ends may be lost with the connection.\n"
     "\n"
     "--output: the current file has the name given; finished files are FILE.000001 (the oldest),\n"
     "FILE.000002 and so on. A run never appends to a file of a former run, it moves it aside "
@@ -83,7 +83,8 @@ void add_input_options(CLI::App* command, CollectOptions* options) {
   command
       ->add_option("--bind", options->endpoints,
                    "Endpoint to listen on, e.g. tcp://127.0.0.1:5555, or tcp://127.0.0.1:* for "
-                   "a port that the system chooses; may be given several times")
+                   "a port that the system chooses. The host is an IPv4 address of this machine, "
+                   "an interface's name or *. May be given several times")
       ->type_name("ENDPOINT")
       ->required()
       ->check(without(bind_endpoint_problem))
@@ -132,7 +133,8 @@ void add_output_options(CLI::App* command, SinkOptions* options) {
 void add_watching_options(CLI::App* command, CollectOptions* options) {
   command
       ->add_option("--stats", options->stats_s,
-                   "Print rates on standard error every so many seconds: events and bytes, by "
+                   "Print rates on standard error every so many seconds (0.01 or more): events "
+                   "and bytes, by "
                    "payload type and agent, and bad messages")
       ->type_name("SECONDS")
       ->check(positive_number())

@@ -1,8 +1,8 @@
 // The reference collector: receives events as a CURVE server, verifies, counts and writes them.
 //
 // One thread receives and writes in turn, so a slow output slows the receiving down and, over
-// libzmq's bounded queues, the agents: memory does not grow. Nothing of what libzmq has received is
-// given up at a clean end, other than behind --count.
+// libzmq's bounded queues, the agents: memory stays within what PullSocket promises. Nothing of
+// what libzmq has received is given up at a clean end, other than behind --count.
 #pragma once
 
 #include <zmq.h>
