@@ -202,6 +202,16 @@ class ConfigurationTest(CheckTestCase):
         self.assertEqual(self.found(report, notes=True),
                          ["spool-parent-not-writable", "agent-id-not-kept", "rotation"])
 
+    def test_installed_program_finds_the_plugin_installed_with_it(self):
+        os.mkdir("bin")
+        shutil.copy(ZMQWRITER, "bin/zmqwriter")
+        shutil.copytree(PLUGIN, "lib/bro/plugins/Dravenholt_ZMQWriter")
+        self.settings()
+        result = subprocess.run(["bin/zmqwriter", "check", "--settings", "settings", "--json"],
+                                capture_output=True, timeout=60)
+        self.assertEqual(self.found(json.loads(result.stdout)), [])
+        self.assertEqual(result.returncode, 0)
+
 
 @needs_zmq
 class ConnectTest(CheckTestCase):
