@@ -342,10 +342,17 @@ class CollectKeyTest(CliTest):
 
     def test_endpoint_that_cannot_be_bound_is_a_failure_by_name(self):
         write_file("key", "0" * 64)
-        for endpoint in ["nonsense", "tcp://192.0.2.1:5555", "udp://127.0.0.1:5"]:
+        endpoint = "tcp://192.0.2.1:5555"
+        result = self.run_tool("collect", "--bind", endpoint, "--secret-key", "key")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("cannot listen on '%s'" % endpoint, result.stderr)
+
+    def test_endpoint_that_is_none_to_listen_on_is_wrong_usage_by_name(self):
+        write_file("key", "0" * 64)
+        for endpoint in ["nonsense", "udp://127.0.0.1:5"]:
             result = self.run_tool("collect", "--bind", endpoint, "--secret-key", "key")
-            self.assertEqual(result.returncode, 1, endpoint)
-            self.assertIn("cannot listen on '%s'" % endpoint, result.stderr)
+            self.assertEqual(result.returncode, 2, endpoint)
+            self.assertIn("'%s' must be" % endpoint, result.stderr)
 
 
 @needs_zmq
