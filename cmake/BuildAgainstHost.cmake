@@ -109,3 +109,15 @@ bro_plugin_dist_files(README.md CHANGES COPYING VERSION)
 # bro_plugin_end copies this folder, and nothing else makes it.
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/bif)
 bro_plugin_end()
+
+# The host's module puts the root of the sources on the include path, and there the C++ library's
+# <version> is VERSION on a volume that ignores case.
+get_property(targets DIRECTORY PROPERTY BUILDSYSTEM_TARGETS)
+foreach(target ${targets})
+  get_property(type TARGET ${target} PROPERTY TYPE)
+  if(type MATCHES "^(MODULE|STATIC)_LIBRARY$")
+    get_property(folders TARGET ${target} PROPERTY INCLUDE_DIRECTORIES)
+    list(REMOVE_ITEM folders ${CMAKE_SOURCE_DIR})
+    set_property(TARGET ${target} PROPERTY INCLUDE_DIRECTORIES ${folders})
+  endif()
+endforeach()

@@ -19,6 +19,7 @@ import sys
 import tarfile
 import tempfile
 import unittest
+import unittest.mock
 
 SOURCE_DIR, BIFCL, ZMQWRITER = (sys.argv[1:] + [""])[:3]
 
@@ -80,6 +81,14 @@ class BuildAgainstHostTest(unittest.TestCase):
         for name in NEEDED:
             copy(os.path.join(SOURCE_DIR, name), os.path.join(cls.source, name))
         make_dist(cls.dist)
+        # Every unit includes the C++ library's <version>, and the compiler must not find this file,
+        # which on a volume that ignores case is VERSION.
+        if not os.path.exists(os.path.join(cls.source, "version")):
+            with open(os.path.join(cls.source, "version"), "w") as file:
+                file.write("#error the root of the sources is on the include path\n")
+        environment = unittest.mock.patch.dict(os.environ, CXXFLAGS="-include version")
+        environment.start()
+        cls.addClassCleanup(environment.stop)
 
     @classmethod
     def tearDownClass(cls):
