@@ -76,6 +76,16 @@ endif()
 
 # --- the plug-in --------------------------------------------------------------------------------
 
+# Where the host's module installs to: named here, so that this file knows it, too.
+if(NOT BRO_PLUGIN_INSTALL_ROOT)
+  load_cache(${BRO_DIST}/build READ_WITH_PREFIX host_ CMAKE_INSTALL_PREFIX BRO_PLUGIN_INSTALL_PATH)
+  if(NOT host_BRO_PLUGIN_INSTALL_PATH)
+    set(host_BRO_PLUGIN_INSTALL_PATH ${host_CMAKE_INSTALL_PREFIX}/lib/bro/plugins)
+  endif()
+  set(BRO_PLUGIN_INSTALL_ROOT ${host_BRO_PLUGIN_INSTALL_PATH} CACHE PATH
+      "Folder to install the plug-in's folder into" FORCE)
+endif()
+
 set(CMAKE_MODULE_PATH ${BRO_DIST}/cmake)
 include(BroPlugin)
 
@@ -85,10 +95,15 @@ add_compile_options(-std=c++11 -fvisibility=hidden -fvisibility-inlines-hidden)
 add_definitions(${ZMQWRITER_PATH_DEFINITIONS})
 include_directories(${generated})
 
-# The host's install rule wants its folder to be there.
-if(BRO_PLUGIN_INSTALL_ROOT)
-  install(CODE "file(MAKE_DIRECTORY \"\$ENV{DESTDIR}${BRO_PLUGIN_INSTALL_ROOT}\")")
-endif()
+# The host's install rule does nothing where its folder is missing, and never fails.
+set(magic_file "${BRO_PLUGIN_INSTALL_ROOT}/Dravenholt_ZMQWriter/__bro_plugin__")
+install(CODE "
+  set(magic_file \"\$ENV{DESTDIR}${magic_file}\")
+  file(MAKE_DIRECTORY \"\$ENV{DESTDIR}${BRO_PLUGIN_INSTALL_ROOT}\")
+  file(REMOVE \"\${magic_file}\")
+  if(EXISTS \"\${magic_file}\")
+    message(FATAL_ERROR \"Cannot remove \${magic_file}\")
+  endif()")
 include(${CMAKE_CURRENT_LIST_DIR}/InstallFolders.cmake)
 
 bro_plugin_begin(Dravenholt ZMQWriter)
@@ -109,6 +124,11 @@ bro_plugin_dist_files(README.md CHANGES COPYING VERSION)
 # bro_plugin_end copies this folder, and nothing else makes it.
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/bif)
 bro_plugin_end()
+
+install(CODE "
+  if(NOT EXISTS \"\${magic_file}\")
+    message(FATAL_ERROR \"The plug-in was not installed: there is no \${magic_file}\")
+  endif()")
 
 # The host's module puts the root of the sources on the include path, and there the C++ library's
 # <version> is VERSION on a volume that ignores case.

@@ -60,12 +60,12 @@ def package_file():
     return parser["package"]
 
 
-def make_dist(folder, with_settings_file=False):
+def make_dist(folder, prefix="/opt/host", with_settings_file=False):
     """A host's source tree that is configured and built, as far as a plug-in's build can tell."""
     shutil.copytree(os.path.join(SOURCE_DIR, "tests/data/mock-bro-dist"), folder)
     copy(BIFCL, os.path.join(folder, "build/src/bifcl"))
     with open(os.path.join(folder, "build/CMakeCache.txt"), "w") as cache:
-        cache.write("CMAKE_INSTALL_PREFIX:PATH=/opt/host\n")
+        cache.write("CMAKE_INSTALL_PREFIX:PATH=%s\n" % prefix)
     shutil.copytree(os.path.join(SOURCE_DIR, "host/include"), os.path.join(folder, "src"))
     if not with_settings_file:
         os.remove(os.path.join(folder, "src/SettingsFile.h"))
@@ -189,6 +189,38 @@ class BuildAgainstHostTest(unittest.TestCase):
         self.assertNotIn("ours is compiled in", text)
         self.assertFalse(os.path.exists(os.path.join(self.source, "build-settings/settings")))
         shutil.rmtree(os.path.join(self.source, "build-settings"))
+
+    # --- installing ------------------------------------------------------------------------------
+
+    def configure_with_package(self, *words):
+        """A build folder as make leaves it, with a package of one file."""
+        build = os.path.join(self.source, "build-package")
+        self.addCleanup(shutil.rmtree, build)
+        self.configure("--build-dir=build-package", "--no-prepare", *words)
+        with tarfile.open(os.path.join(build, "Dravenholt_ZMQWriter.tgz"), "w:gz") as tar:
+            tar.addfile(tarfile.TarInfo("Dravenholt_ZMQWriter/__bro_plugin__"))
+
+    def test_install_makes_the_hosts_plugin_folder_where_it_is_missing(self):
+        dist, prefix = os.path.join(self.top, "bro-not-installed"), os.path.join(self.top, "prefix")
+        make_dist(dist, prefix)
+        self.configure_with_package("--bro-dist=" + dist)
+        for root in ("", os.path.join(self.top, "root-missing")):
+            with self.subTest(DESTDIR=root):
+                self.run_in_source("cmake", "--install", "build-package", DESTDIR=root)
+                self.assertTrue(os.path.exists(
+                    root + prefix + "/lib/bro/plugins/Dravenholt_ZMQWriter/__bro_plugin__"))
+
+    def test_install_after_which_the_package_is_not_in_place_fails(self):
+        plugins = os.path.join(self.top, "plugins")
+        self.configure_with_package("--bro-dist=" + self.dist, "--install-root=" + plugins)
+        os.makedirs(os.path.join(plugins, "Dravenholt_ZMQWriter"))
+        # An older one is not taken for the new one.
+        with open(os.path.join(plugins, "Dravenholt_ZMQWriter/__bro_plugin__"), "w"):
+            pass
+        os.remove(os.path.join(self.source, "build-package/Dravenholt_ZMQWriter.tgz"))
+        text = self.run_in_source("cmake", "--install", "build-package", status=1)
+        self.assertIn("The plug-in was not installed: there is no "
+                      "%s/Dravenholt_ZMQWriter/__bro_plugin__" % plugins, one_line(text))
 
     # --- the whole way ---------------------------------------------------------------------------
 
