@@ -205,7 +205,7 @@ class ConfigurationTest(CheckTestCase):
     def test_installed_program_finds_the_plugin_installed_with_it(self):
         os.mkdir("bin")
         shutil.copy(ZMQWRITER, "bin/zmqwriter")
-        shutil.copytree(PLUGIN, "lib/bro/plugins/Dravenholt_ZMQWriter")
+        shutil.copytree(PLUGIN, "lib/zmqwriter/plugin")
         self.settings()
         result = subprocess.run(["bin/zmqwriter", "check", "--settings", "settings", "--json"],
                                 capture_output=True, timeout=60)

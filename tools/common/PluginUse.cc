@@ -37,7 +37,7 @@ std::string check_redef(const std::string& text) {
 std::string default_plugin_folder() {
   const std::filesystem::path prefix =
       std::filesystem::path(executable_path()).parent_path().parent_path();
-  const std::filesystem::path installed = prefix / "lib/bro/plugins/Dravenholt_ZMQWriter";
+  const std::filesystem::path installed = prefix / "lib/zmqwriter/plugin";
   std::error_code error;
   return (std::filesystem::is_directory(installed, error) ? installed : prefix / "plugin").string();
 }

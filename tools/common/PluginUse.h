@@ -17,8 +17,8 @@ class Host;
 /// Adds --settings, --set and --plugin. `options` must live as long as the command.
 void add_plugin_options(CLI::App* command, PluginOptions* options);
 
-/// The plug-in that was built or installed with this program: beside the program's folder, or where
-/// hosts look for plug-ins below the prefix.
+/// The plug-in that was built or installed with this program: in lib/zmqwriter/plugin of the prefix
+/// if that is there, else in plugin next to the program's folder.
 std::string default_plugin_folder();
 
 /// The function of the loaded plug-in that gives its account. Throws standin::HostError when it
