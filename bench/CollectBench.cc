@@ -23,6 +23,8 @@
 
 namespace {
 
+using namespace zmqwriter;
+
 constexpr const char* kSecretFile = "collect-bench.secret";
 
 void require(bool holds, const char* what) {

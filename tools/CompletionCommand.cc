@@ -1,4 +1,4 @@
-#include "CompletionCommand.h"
+#include "Commands.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "Output.h"
+
+namespace zmqwriter {
 
 namespace {
 
@@ -443,3 +445,5 @@ void add_completion_command(CLI::App& app, int* exit_code) {
       ->check(CLI::IsMember({"bash", "zsh", "fish"}));
   command->callback([&app, shell, exit_code] { *exit_code = print_script(app, *shell); });
 }
+
+}  // namespace zmqwriter

@@ -1,4 +1,4 @@
-#include "DecodeCommand.h"
+#include "Commands.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -12,6 +12,8 @@
 #include "EventJson.h"
 #include "Output.h"
 #include "RawEvents.h"
+
+namespace zmqwriter {
 
 namespace {
 
@@ -80,3 +82,5 @@ void add_decode_command(CLI::App& app, int* exit_code) {
       ->type_name("");
   command->callback([files, exit_code] { *exit_code = decode_files(*files); });
 }
+
+}  // namespace zmqwriter

@@ -2,6 +2,8 @@
 
 #include <sstream>
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr std::size_t kTerminalColumns = 80;
@@ -92,3 +94,5 @@ std::string HelpFormatter::make_option_desc(const CLI::Option* option) const {
     description += " (default: " + option->get_default_str() + ")";
   return description;
 }
+
+}  // namespace zmqwriter

@@ -4,6 +4,8 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
+namespace zmqwriter {
+
 /// As CLI11's own, but fit for a terminal of 80 columns and to be read without knowing CLI11:
 /// "-h, --help" with a blank, sets of values as "json|text|raw", and what is required or the
 /// default said behind the description. To be given to the program before it gets subcommands.
@@ -23,3 +25,5 @@ class HelpFormatter : public CLI::Formatter {
  private:
   std::string make_row(const std::string& name, const std::string& description) const;
 };
+
+}  // namespace zmqwriter

@@ -1,4 +1,4 @@
-#include "KeygenCommand.h"
+#include "Commands.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,6 +13,8 @@
 
 #include "CurveKey.h"
 #include "Output.h"
+
+namespace zmqwriter {
 
 namespace {
 
@@ -87,3 +89,5 @@ void add_keygen_command(CLI::App& app, int* exit_code) {
       ->capture_default_str();
   command->callback([folder, exit_code] { *exit_code = make_keys(*folder); });
 }
+
+}  // namespace zmqwriter

@@ -11,16 +11,12 @@
 #include <exception>
 #include <memory>
 
-#include "CheckCommand.h"
-#include "CollectCommand.h"
-#include "CompletionCommand.h"
-#include "DecodeCommand.h"
+#include "Commands.h"
 #include "HelpFormatter.h"
-#include "KeygenCommand.h"
-#include "ReplayCommand.h"
-#include "SpoolCommands.h"
 
 namespace {
+
+using namespace zmqwriter;
 
 constexpr int kFailure = 1;
 constexpr int kWrongUsage = 2;

@@ -22,6 +22,8 @@
 
 namespace {
 
+using namespace zmqwriter;
+
 // The name of a field with its punctuation is shorter than this, and no field takes fewer than the
 // 4 bytes of a reference or a place in a vtable of 2; six characters are the longest escape.
 constexpr std::size_t kPrintedPerByte = 64;

@@ -21,6 +21,8 @@
 
 namespace {
 
+using namespace zmqwriter;
+
 constexpr std::size_t kLongestInput = 4096;
 
 void require(bool holds, const std::string& what) {
@@ -55,12 +57,12 @@ bool is_event(const std::string& payload) {
 void read_and_repair(const std::string& folder) {
   std::vector<std::uint32_t> numbers;
   std::string problem;
-  require(spool::find_chunks(folder, &numbers, &problem), problem);
-  const spool::RepairPlan plan = spool::plan_repair(folder, numbers, is_event);
-  for (const spool::HeaderRepair& repair : plan.headers) {
-    std::filesystem::remove(spool::repair_header(repair));
+  require(find_chunks(folder, &numbers, &problem), problem);
+  const RepairPlan plan = plan_repair(folder, numbers, is_event);
+  for (const HeaderRepair& repair : plan.headers) {
+    std::filesystem::remove(repair_header(repair));
     const auto number = repair.path.find_last_of('.') == repair.path.size() - 2 ? 1u : 0u;
-    const spool::Diagnosis after = spool::diagnose(spool::ChunkFile(folder, number), is_event);
+    const Diagnosis after = diagnose(ChunkFile(folder, number), is_event);
     require(after.counted.size() == repair.record_count, "a repaired header counts too few");
   }
 }

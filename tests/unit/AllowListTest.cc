@@ -11,6 +11,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 using testing::HasSubstr;
 
 class AllowListTest : public testing::Test {

@@ -19,6 +19,8 @@ using ::testing::IsEmpty;
 
 namespace {
 
+using namespace zmqwriter;
+
 const char kGoodKey[] = "0F1E2D3C4B5A69788796A5B4C3D2E1F00F1E2D3C4B5A69788796A5B4C3D2E1F0";
 
 /// A worker at hand, as its tests have it, and check beside it.
@@ -72,7 +74,7 @@ class CheckConfiguration : public test::WorkerFixture {
 
   std::vector<std::string> endpoint_findings() {
     findings.clear();
-    look().JudgeEndpoints(&findings);
+    look().CheckEndpoints(&findings);
     return named(findings);
   }
 
@@ -84,21 +86,21 @@ class CheckConfiguration : public test::WorkerFixture {
   std::vector<std::string> name_findings(const std::string& lines) {
     set(lines);
     findings.clear();
-    look().JudgeNames(&findings);
+    look().CheckNames(&findings);
     return named(findings);
   }
 
   std::vector<std::string> key_findings(const std::string& key, bool accepted = true) {
     set("zmq.public_key = " + key + "\n");
     findings.clear();
-    look().JudgeKey(accepted, &findings);
+    look().CheckKey(accepted, &findings);
     return named(findings);
   }
 
   std::vector<std::string> disk_findings(const std::string& lines) {
     set(lines);
     findings.clear();
-    report = look().JudgeDisk(&findings);
+    report = look().CheckDisk(&findings);
     return named(findings);
   }
 
@@ -156,7 +158,7 @@ class CheckConfiguration : public test::WorkerFixture {
     EXPECT_EQ(endpoints_of_worker(), uris());
     EXPECT_EQ(key_of_worker(), key_of_check());
     findings.clear();
-    report = look().JudgeDisk(&findings);
+    report = look().CheckDisk(&findings);
     EXPECT_THAT(log.starting_with(".spool_limits"),
                 ElementsAre(".spool_limits " + std::to_string(report.chunk_bytes) + " " +
                             std::to_string(report.limit_bytes)));
@@ -231,7 +233,7 @@ TEST_P(CheckAnyConfiguration, ShowsWhatTheWorkerUses) {
   expect_the_same_as_the_worker();
   // Whatever it is, judging it must be possible.
   endpoint_findings();
-  look().JudgeKey(false, &findings);
+  look().CheckKey(false, &findings);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, CheckAnyConfiguration, ::testing::Range(1, 101));
@@ -282,7 +284,7 @@ TEST_F(CheckConfiguration, EmptySettingInTheFileWinsOverTheConstant) {
 
 TEST_F(CheckConfiguration, TextWhereANumberMustBeIsFound) {
   set("disk.usage.relative = ten\ndisk.usage.absolute = 0500\npqueue.chunk.size = 99999999999\n");
-  look().JudgeNumbers(&findings);
+  look().CheckNumbers(&findings);
   EXPECT_THAT(named(findings),
               ElementsAre("warning setting-not-a-number", "warning setting-not-a-number"));
   EXPECT_THAT(findings[0].text, HasSubstr("disk.usage.relative = 'ten'"));
@@ -302,7 +304,7 @@ TEST_F(CheckConfiguration, MistypedNameOfASettingIsFound) {
     ASSERT_THAT(name_findings("# zmq.none = 1\n " + std::string(key) + "= b\n"),
                 ElementsAre("warning setting-unknown"));
     EXPECT_THAT(text(), HasSubstr("settings: '" + std::string(key) + "' is no setting"));
-    EXPECT_THAT(findings[0].what_to_do, HasSubstr("zmq.secondary_servers, disk.usage.relative"));
+    EXPECT_THAT(findings[0].remedy, HasSubstr("zmq.secondary_servers, disk.usage.relative"));
   }
 }
 
@@ -324,7 +326,7 @@ TEST_F(CheckConfiguration, SettingsThatCameThroughAPipeAreNotReadOnceMore) {
   set("zmq.typo = a\n");
   options.settings_file = "pipe";
   ASSERT_EQ(mkfifo(dir.file("pipe").c_str(), 0600), 0);
-  look().JudgeNames(&findings);  // would wait for a writer
+  look().CheckNames(&findings);  // would wait for a writer
   EXPECT_THAT(named(findings), IsEmpty());
 }
 
@@ -434,12 +436,12 @@ TEST_F(CheckConfiguration, ServerNamedTwiceIsFound) {
   EXPECT_THAT(findings[1].text, HasSubstr("is the secondary server 1 once more"));
 }
 
-TEST_F(CheckConfiguration, SecondariesAreJudgedLikeThePrimary) {
+TEST_F(CheckConfiguration, SecondariesAreCheckedLikeThePrimary) {
   set("zmq.server = a\nzmq.secondary_servers = b c, ipc:///x\n");
   EXPECT_THAT(endpoint_findings(),
               ElementsAre("error endpoint-characters", "warning endpoint-port-appended"));
   EXPECT_THAT(text(), HasSubstr("secondary server 1 'tcp://b c:5555'"));
-  EXPECT_THAT(findings[0].what_to_do, HasSubstr("separated by commas"));
+  EXPECT_THAT(findings[0].remedy, HasSubstr("separated by commas"));
 }
 
 // -- The key --------------------------------------------------------------------------------------
@@ -450,7 +452,7 @@ TEST_F(CheckConfiguration, GoodKeyIsFine) {
 
 TEST_F(CheckConfiguration, NoKeyAnywhereIsFound) {
   set("");
-  look().JudgeKey(false, &findings);
+  look().CheckKey(false, &findings);
   EXPECT_THAT(named(findings), ElementsAre("error key-missing"));
 }
 
@@ -523,7 +525,7 @@ TEST_F(CheckConfiguration, KeyWithOtherCharactersIsFound) {
 TEST_F(CheckConfiguration, KeyOfAScriptConstantIsNamedByIt) {
   set("");
   redef("zmq_public_key", "AB");
-  look().JudgeKey(false, &findings);
+  look().CheckKey(false, &findings);
   EXPECT_THAT(text(), HasSubstr("LogZMQ::zmq_public_key is no key"));
   EXPECT_THAT(text(), HasSubstr("decoded to 1 byte,"));
 }

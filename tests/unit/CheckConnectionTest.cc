@@ -41,6 +41,8 @@ extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo
 
 namespace {
 
+using namespace zmqwriter;
+
 constexpr milliseconds kShort(200);
 constexpr milliseconds kLong(20000);  // only ever reached by a failure
 
@@ -131,7 +133,7 @@ bool libzmq_refuses(const std::string& uri) {
 
 bool has_error(const std::string& uri) {
   Findings findings;
-  judge_endpoint({"primary server", uri, uri}, &findings);
+  check_endpoint({"primary server", uri, uri}, &findings);
   return !findings.empty() && findings[0].severity == Severity::kError;
 }
 
@@ -244,7 +246,7 @@ TEST(CheckConnection, ServerThatComesUpAfterTheRefusalIsTold) {
   EXPECT_EQ(asked, nobody.Uri());
   EXPECT_EQ(result.id, "connect-refused");
   EXPECT_THAT(result.text, HasSubstr("a moment later something took the connection"));
-  EXPECT_THAT(result.what_to_do, HasSubstr("may just be starting"));
+  EXPECT_THAT(result.remedy, HasSubstr("may just be starting"));
 }
 
 TEST(CheckConnection, UnknownNameIsToldInTheWordsOfTheNameService) {

@@ -15,6 +15,8 @@ using ::testing::Not;
 
 namespace {
 
+using namespace zmqwriter;
+
 std::vector<std::string> ids(const Findings& findings) {
   std::vector<std::string> result;
   for (const Finding& finding : findings)
@@ -63,23 +65,23 @@ TEST(CheckReport, NotesAloneAreAllWell) {
 
 TEST(CheckReport, RotationIsAlwaysNoted) {
   Findings findings;
-  judge_surroundings({"4.3.4", true}, false, &findings);
+  check_environment({"4.3.4", true}, false, &findings);
   EXPECT_THAT(ids(findings), ElementsAre("rotation"));
   EXPECT_EQ(findings[0].severity, Severity::kNote);
-  EXPECT_THAT(findings[0].what_to_do, HasSubstr("$interv=0secs"));
-  EXPECT_THAT(findings[0].what_to_do, HasSubstr("the ZeroMQ writer cannot rotate"));
+  EXPECT_THAT(findings[0].remedy, HasSubstr("$interv=0secs"));
+  EXPECT_THAT(findings[0].remedy, HasSubstr("the ZeroMQ writer cannot rotate"));
 }
 
 TEST(CheckReport, LibzmqWithoutCurveIsAnError) {
   Findings findings;
-  judge_surroundings({"4.3.4", false}, false, &findings);
+  check_environment({"4.3.4", false}, false, &findings);
   EXPECT_THAT(ids(findings), ElementsAre("libzmq-without-curve", "rotation"));
   EXPECT_EQ(findings[0].severity, Severity::kError);
 }
 
 TEST(CheckReport, CheckingAsRootIsNoted) {
   Findings findings;
-  judge_surroundings({"4.3.4", true}, true, &findings);
+  check_environment({"4.3.4", true}, true, &findings);
   EXPECT_THAT(ids(findings), ElementsAre("checked-as-root", "rotation"));
   EXPECT_EQ(findings[0].severity, Severity::kNote);
 }
@@ -87,14 +89,14 @@ TEST(CheckReport, CheckingAsRootIsNoted) {
 TEST(CheckReport, FailedConnectionsAreErrorsButThoseNotTriedAreNot) {
   const Endpoint endpoint = {"secondary server 2", "a", "tcp://a:5555"};
   Findings findings;
-  judge_connections({{endpoint, {true, "connected", "", "", 0}},
+  check_connections({{endpoint, {true, "connected", "", "", 0}},
                      {endpoint, {false, kNotTried, "not tried", "", 0}},
                      {endpoint, {false, "connect-refused", "refused", "start it", 0}}},
                     &findings);
   ASSERT_THAT(ids(findings), ElementsAre("connect-refused"));
   EXPECT_EQ(findings[0].severity, Severity::kError);
   EXPECT_EQ(findings[0].text, "secondary server 2 'tcp://a:5555': refused");
-  EXPECT_EQ(findings[0].what_to_do, "start it");
+  EXPECT_EQ(findings[0].remedy, "start it");
 }
 
 TEST(CheckReport, TextHasEverySectionAndTheFindingsAtTheEnd) {
@@ -110,7 +112,7 @@ TEST(CheckReport, TextHasEverySectionAndTheFindingsAtTheEnd) {
                            "does not take it for a key",
                            "libzmq",
                            "CURVE",
-                           "Places",
+                           "Paths",
                            "spool disabled",
                            "Agent identifier",
                            "Disk limits",

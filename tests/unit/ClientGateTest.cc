@@ -13,6 +13,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 using Frames = std::vector<std::string>;
 
 CurveKey key_of(char byte) {

@@ -29,6 +29,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 using testing::HasSubstr;
 
 std::string event(const std::string& uid) {

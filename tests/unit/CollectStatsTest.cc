@@ -15,6 +15,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 namespace schema = Dravenholt;
 
 /// Counts an event of `size` bytes.

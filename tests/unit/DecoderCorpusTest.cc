@@ -13,6 +13,8 @@
 
 namespace {
 
+using namespace zmqwriter;
+
 TEST(DecoderCorpusTest, HoldsAnAcceptedEventOfEachTypeAndRefusedOnes) {
   const std::string folder = ZMQWRITER_SOURCE_DIR "/tests/fuzz/corpus/decoder";
   std::set<int> accepted;

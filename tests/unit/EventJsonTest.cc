@@ -19,6 +19,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 using flatbuffers::FlatBufferBuilder;
 using flatbuffers::Offset;
 using testing::HasSubstr;

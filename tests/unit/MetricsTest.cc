@@ -20,6 +20,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 using testing::HasSubstr;
 using testing::StartsWith;
 

@@ -24,6 +24,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 using testing::HasSubstr;
 
 /// A sender that may connect, and is gone before its context.

@@ -1,4 +1,4 @@
-#include "SpoolCommands.h"
+#include "Commands.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -10,6 +10,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 using test::header;
 using test::record;
 using testing::ElementsAre;

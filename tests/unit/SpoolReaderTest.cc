@@ -4,9 +4,7 @@
 
 namespace {
 
-using spool::ChunkFile;
-using spool::Diagnosis;
-using spool::WalkEnd;
+using namespace zmqwriter;
 using test::header;
 using test::record;
 using test::u16;
@@ -22,13 +20,13 @@ bool starts_with_e(const std::string& payload) {
 class SpoolReaderTest : public testing::Test, protected test::SpoolFixture {
  protected:
   static Diagnosis diagnosis(std::uint32_t number = 0) {
-    return spool::diagnose(ChunkFile(folder(), number), starts_with_e);
+    return diagnose(ChunkFile(folder(), number), starts_with_e);
   }
-  static std::vector<std::string> payloads(const std::vector<spool::Record>& records,
+  static std::vector<std::string> payloads(const std::vector<SpoolRecord>& records,
                                            std::uint32_t number = 0) {
     const ChunkFile file(folder(), number);
     std::vector<std::string> payloads;
-    for (const spool::Record& record : records)
+    for (const SpoolRecord& record : records)
       payloads.push_back(file.Payload(record));
     return payloads;
   }
@@ -48,10 +46,10 @@ TEST_F(SpoolReaderTest, HealthyFileIsReadAsItWasWritten) {
   EXPECT_EQ(file.used_size(), 40u);
   EXPECT_EQ(file.record_count(), 3u);
 
-  const spool::Walk counted = file.CountedWalk();
+  const Walk counted = file.CountedWalk();
   EXPECT_EQ(counted.end, WalkEnd::kCounted);
   EXPECT_THAT(payloads(counted.records), ElementsAre("first", "second", "third"));
-  const spool::Walk linked = file.LinkedWalk();
+  const Walk linked = file.LinkedWalk();
   EXPECT_EQ(linked.end, WalkEnd::kEndOfFile);
   EXPECT_THAT(payloads(linked.records), ElementsAre("first", "second", "third"));
   EXPECT_EQ(linked.records[2].offset, 31u);
@@ -264,9 +262,9 @@ TEST_F(SpoolReaderTest, ChunksAreFoundByTheirExactNamesOnly) {
     put(name, "");
   std::vector<std::uint32_t> numbers;
   std::string problem;
-  ASSERT_TRUE(spool::find_chunks(folder(), &numbers, &problem));
+  ASSERT_TRUE(find_chunks(folder(), &numbers, &problem));
   EXPECT_THAT(numbers, ElementsAre(0u, 1u, 3u, 10u, 4294967295u));
-  EXPECT_EQ(spool::count_in_sequence(folder(), numbers), 2u);
+  EXPECT_EQ(count_in_sequence(folder(), numbers), 2u);
 }
 
 TEST_F(SpoolReaderTest, SequenceEndsAtWhatIsNoRegularFile) {
@@ -275,8 +273,8 @@ TEST_F(SpoolReaderTest, SequenceEndsAtWhatIsNoRegularFile) {
   put("queue.dat.2", "");
   std::vector<std::uint32_t> numbers;
   std::string problem;
-  ASSERT_TRUE(spool::find_chunks(folder(), &numbers, &problem));
-  EXPECT_EQ(spool::count_in_sequence(folder(), numbers), 1u);
+  ASSERT_TRUE(find_chunks(folder(), &numbers, &problem));
+  EXPECT_EQ(count_in_sequence(folder(), numbers), 1u);
   start();
   EXPECT_EQ(spool().file_count, 1) << "as the plug-in counts";
 }
@@ -287,16 +285,16 @@ TEST_F(SpoolReaderTest, FilesSetAsideAreFoundByTheirExactNamesOnly) {
         "queue.dat.unopened.1", "queue.dat.unopened.02", "queue.dat.unopened.", "queue.dat.2",
         "queue.dat.unopened.before-repair", "queue.dat.unopened.2x", "unopened"})
     put(name, "");
-  EXPECT_THAT(spool::find_set_aside(folder()),
+  EXPECT_THAT(find_set_aside(folder()),
               ElementsAre(path("queue.dat.unopened"), path("queue.dat.unopened.2"),
                           path("queue.dat.unopened.10")));
-  EXPECT_TRUE(spool::find_set_aside("nowhere").empty());
+  EXPECT_TRUE(find_set_aside("nowhere").empty());
 }
 
 TEST_F(SpoolReaderTest, MissingFolderIsAProblem) {
   std::vector<std::uint32_t> numbers;
   std::string problem;
-  EXPECT_FALSE(spool::find_chunks("nowhere", &numbers, &problem));
+  EXPECT_FALSE(find_chunks("nowhere", &numbers, &problem));
   EXPECT_EQ(problem, "No such file or directory");
 }
 

@@ -9,6 +9,7 @@
 
 namespace {
 
+using namespace zmqwriter;
 using test::header;
 using test::record;
 using testing::ElementsAre;
@@ -21,18 +22,18 @@ bool nothing_is_an_event(const std::string&) {
 
 class SpoolRepairTest : public testing::Test, protected test::SpoolFixture {
  protected:
-  static spool::RepairPlan plan() {
+  static RepairPlan plan() {
     std::vector<std::uint32_t> numbers;
     std::string problem;
-    EXPECT_TRUE(spool::find_chunks(folder(), &numbers, &problem)) << problem;
-    return spool::plan_repair(folder(), numbers, nothing_is_an_event);
+    EXPECT_TRUE(find_chunks(folder(), &numbers, &problem)) << problem;
+    return plan_repair(folder(), numbers, nothing_is_an_event);
   }
   static void repair() {
-    const spool::RepairPlan todo = plan();
+    const RepairPlan todo = plan();
     for (const auto& one : todo.headers)
-      spool::repair_header(one);
+      repair_header(one);
     for (const auto& one : todo.renamings)
-      spool::rename_chunk(one);
+      rename_chunk(one);
   }
   std::vector<std::string> drain() {
     std::vector<std::string> taken;
@@ -90,7 +91,7 @@ TEST_F(SpoolRepairTest, OriginalIsKeptBesideUnderANameThatNoStartLooksAt) {
   put("queue.dat", before);
   const auto todo = plan();
   ASSERT_EQ(todo.headers.size(), 1u);
-  EXPECT_EQ(spool::repair_header(todo.headers[0]), path("queue.dat.before-repair"));
+  EXPECT_EQ(repair_header(todo.headers[0]), path("queue.dat.before-repair"));
   EXPECT_EQ(content("queue.dat.before-repair"), before);
   EXPECT_EQ(content(), header(21, 1) + before.substr(12)) << "only the header has changed";
   start();
@@ -98,7 +99,7 @@ TEST_F(SpoolRepairTest, OriginalIsKeptBesideUnderANameThatNoStartLooksAt) {
   stop();
 
   put("queue.dat", before + "!");
-  EXPECT_EQ(spool::repair_header(todo.headers[0]), path("queue.dat.before-repair.2"));
+  EXPECT_EQ(repair_header(todo.headers[0]), path("queue.dat.before-repair.2"));
   EXPECT_EQ(content("queue.dat.before-repair"), before) << "an earlier copy stays";
   EXPECT_EQ(content("queue.dat.before-repair.2"), before + "!");
 }
@@ -211,7 +212,7 @@ TEST_F(SpoolRepairTest, FileSetAsideStaysWhereAnotherIsInTheWayOrItIsNoChunk) {
 TEST_F(SpoolRepairTest, RenamingNeverReplacesAFile) {
   put("queue.dat.2", "from");
   put("queue.dat.1", "in the way");
-  EXPECT_THROW(spool::rename_chunk({path("queue.dat.2"), path("queue.dat.1")}), std::runtime_error);
+  EXPECT_THROW(rename_chunk({path("queue.dat.2"), path("queue.dat.1")}), std::runtime_error);
   EXPECT_EQ(content("queue.dat.1"), "in the way");
   EXPECT_EQ(content("queue.dat.2"), "from");
 }
@@ -224,16 +225,16 @@ TEST_F(SpoolRepairTest, HeaderIsUntouchedWhenNoCopyCanBeMade) {
   put(long_name, content());
   auto repair = todo.headers[0];
   repair.path = path(long_name);  // the copy's longer name is too long for a file
-  EXPECT_THROW(spool::repair_header(repair), std::runtime_error);
+  EXPECT_THROW(repair_header(repair), std::runtime_error);
   EXPECT_EQ(content(long_name), header(0, 0) + record(0, "first"));
 }
 
 TEST_F(SpoolRepairTest, OpenHeadShowsItsProcess) {
   store("first");
-  EXPECT_THAT(spool::find_users({path()}).processes, ElementsAre(getpid()));
-  EXPECT_THAT(spool::find_users({path("queue.dat.1")}).processes, IsEmpty());
+  EXPECT_THAT(find_spool_users({path()}).processes, ElementsAre(getpid()));
+  EXPECT_THAT(find_spool_users({path("queue.dat.1")}).processes, IsEmpty());
   stop();
-  EXPECT_THAT(spool::find_users({path()}).processes, IsEmpty());
+  EXPECT_THAT(find_spool_users({path()}).processes, IsEmpty());
 }
 
 // After any run of stores and takes that ends without a word, what the repaired spool gives is

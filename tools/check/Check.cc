@@ -22,6 +22,8 @@
 #include "Val.h"
 #include "Var.h"
 
+namespace zmqwriter {
+
 namespace {
 
 // More than anybody waits, less than the clock can add.
@@ -90,7 +92,7 @@ PluginReport look_at_plugin(const CheckOptions& options, const standin::Host& ho
 ConnectResult try_endpoint(const Endpoint& endpoint, const worker_settings::ServerKey& key,
                            std::chrono::milliseconds timeout) {
   Findings findings;
-  judge_endpoint(endpoint, &findings);
+  check_endpoint(endpoint, &findings);
   if (!findings.empty() && findings[0].severity == Severity::kError)
     return {false, kNotTried, "not tried: its text is wrong already", "", 0};
   return try_connection(endpoint.uri, key, timeout);
@@ -110,17 +112,17 @@ void look_over(const CheckOptions& options, const standin::Host& host, CheckRepo
   report->plugin = look_at_plugin(options, host);
   report->configuration.emplace(options, script_constants());
   const Configuration& configuration = *report->configuration;
-  configuration.JudgeNames(findings);
-  configuration.JudgeNumbers(findings);
-  configuration.JudgeEndpoints(findings);
-  report->key = configuration.JudgeKey(libzmq_takes_key(configuration.DecodedKey()), findings);
-  report->spool = judge_spool(report->plugin->spool_folder, findings);
-  report->disk = configuration.JudgeDisk(findings);
-  report->agent_id = judge_agent_id(configuration.setting("zmq_agent_id"),
+  configuration.CheckNames(findings);
+  configuration.CheckNumbers(findings);
+  configuration.CheckEndpoints(findings);
+  report->key = configuration.CheckKey(libzmq_takes_key(configuration.DecodedKey()), findings);
+  report->spool = check_spool(report->plugin->spool_folder, findings);
+  report->disk = configuration.CheckDisk(findings);
+  report->agent_id = check_agent_id(configuration.setting("zmq_agent_id"),
                                     report->plugin->install_prefix, findings);
   if (options.connect && report->libzmq.curve) {
     report->tried = try_endpoints(configuration, options.timeout_s);
-    judge_connections(*report->tried, findings);
+    check_connections(*report->tried, findings);
   }
 }
 
@@ -132,7 +134,7 @@ int check(const CheckOptions& options) {
   report.libzmq = look_at_libzmq();
   if (const auto host = start_host(options, &report.findings))
     look_over(options, *host, &report);
-  judge_surroundings(report.libzmq, geteuid() == 0, &report.findings);
+  check_environment(report.libzmq, geteuid() == 0, &report.findings);
 
   Output out;
   out.Write(options.json ? report_as_json(report) : report_as_text(report));
@@ -141,3 +143,5 @@ int check(const CheckOptions& options) {
     throw std::runtime_error(out.problem());
   return all_well(report) ? 0 : 1;
 }
+
+}  // namespace zmqwriter

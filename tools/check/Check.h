@@ -4,6 +4,8 @@
 
 #include "SettingOrigin.h"
 
+namespace zmqwriter {
+
 struct CheckOptions : PluginOptions {
   bool connect = false;
   double timeout_s = 3;
@@ -13,3 +15,5 @@ struct CheckOptions : PluginOptions {
 /// Prints the report on standard output. Returns the exit status: 0 all well, 1 with findings.
 /// Throws std::runtime_error when the report cannot be made or written.
 int check(const CheckOptions& options);
+
+}  // namespace zmqwriter

@@ -1,4 +1,4 @@
-#include "CheckCommand.h"
+#include "Commands.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -7,6 +7,8 @@
 #include "Check.h"
 #include "OptionChecks.h"
 #include "PluginUse.h"
+
+namespace zmqwriter {
 
 void add_check_command(CLI::App& app, int* exit_code) {
   CLI::App* const command =
@@ -41,3 +43,5 @@ void add_check_command(CLI::App& app, int* exit_code) {
     *exit_code = check(*options);
   });
 }
+
+}  // namespace zmqwriter

@@ -7,6 +7,8 @@
 
 #include "Utf8.h"
 
+namespace zmqwriter {
+
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -179,8 +181,8 @@ std::string key_table(const KeyReport& key) {
   return table.Text();
 }
 
-std::string places_table(const CheckReport& report) {
-  Table table("Places");
+std::string paths_table(const CheckReport& report) {
+  Table table("Paths");
   table.Row({"plug-in", printable(report.plugin->folder)});
   table.Row({"spool folder", report.spool->folder, "spool " + report.spool->state});
   table.Row({"its parent", report.spool->parent});
@@ -233,8 +235,8 @@ std::string findings_text(const CheckReport& report) {
         continue;
       text += wrapped(std::string("  ") + name_of(severity), kIndent,
                       printable(finding.text) + " [" + finding.id + "]");
-      if (!finding.what_to_do.empty())
-        text += wrapped("", kIndent, "To do: " + finding.what_to_do);
+      if (!finding.remedy.empty())
+        text += wrapped("", kIndent, "To do: " + finding.remedy);
     }
   }
   const long errors = count_of(report, Severity::kError);
@@ -275,7 +277,7 @@ Json connect_json(const std::vector<TriedEndpoint>& tried) {
                     {"ok", one.result.ok},
                     {"outcome", one.result.id},
                     {"text", one.result.text},
-                    {"what_to_do", one.result.what_to_do},
+                    {"what_to_do", one.result.remedy},
                     {"seconds", one.result.seconds}});
   return list;
 }
@@ -286,7 +288,7 @@ Json findings_json(const Findings& findings) {
     list.push_back({{"id", finding.id},
                     {"severity", name_of(finding.severity)},
                     {"text", finding.text},
-                    {"what_to_do", finding.what_to_do}});
+                    {"what_to_do", finding.remedy}});
   return list;
 }
 
@@ -296,16 +298,16 @@ bool all_well(const CheckReport& report) {
   return count_of(report, Severity::kError) + count_of(report, Severity::kWarning) == 0;
 }
 
-void judge_connections(const std::vector<TriedEndpoint>& tried, Findings* findings) {
+void check_connections(const std::vector<TriedEndpoint>& tried, Findings* findings) {
   for (const TriedEndpoint& one : tried) {
     if (!one.result.ok && one.result.id != kNotTried)
       findings->push_back({one.result.id, Severity::kError,
                            one.endpoint.role + " '" + one.endpoint.uri + "': " + one.result.text,
-                           one.result.what_to_do});
+                           one.result.remedy});
   }
 }
 
-void judge_surroundings(const LibzmqReport& libzmq, bool is_root, Findings* findings) {
+void check_environment(const LibzmqReport& libzmq, bool is_root, Findings* findings) {
   if (!libzmq.curve)
     findings->push_back(
         {"libzmq-without-curve", Severity::kError,
@@ -335,7 +337,7 @@ std::string report_as_text(const CheckReport& report) {
   library.Row({"CURVE", report.libzmq.curve ? "yes" : "no"});
   text += library.Text();
   if (report.plugin && report.spool && report.agent_id)
-    text += places_table(report) + agent_table(*report.agent_id);
+    text += paths_table(report) + agent_table(*report.agent_id);
   if (report.disk)
     text += disk_table(*report.disk);
   if (report.tried)
@@ -385,3 +387,5 @@ std::string report_as_json(const CheckReport& report) {
   json["findings"] = findings_json(report.findings);
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
+
+}  // namespace zmqwriter

@@ -8,7 +8,9 @@
 #include "Configuration.h"
 #include "Connection.h"
 #include "Finding.h"
-#include "Places.h"
+#include "PathChecks.h"
+
+namespace zmqwriter {
 
 class Output;
 
@@ -46,10 +48,10 @@ struct CheckReport {
 bool all_well(const CheckReport& report);
 
 /// Adds a finding for each endpoint that could not be connected.
-void judge_connections(const std::vector<TriedEndpoint>& tried, Findings* findings);
+void check_connections(const std::vector<TriedEndpoint>& tried, Findings* findings);
 
 /// Adds what is to be said about libzmq, the user who checks, and rotation.
-void judge_surroundings(const LibzmqReport& libzmq, bool is_root, Findings* findings);
+void check_environment(const LibzmqReport& libzmq, bool is_root, Findings* findings);
 
 /// For the eye: tables, then the findings with what to do.
 std::string report_as_text(const CheckReport& report);
@@ -57,3 +59,5 @@ std::string report_as_text(const CheckReport& report);
 /// One JSON object and a line end. Bytes that are not valid UTF-8 are replaced; where they matter,
 /// hexadecimal digits stand beside.
 std::string report_as_json(const CheckReport& report);
+
+}  // namespace zmqwriter

@@ -15,6 +15,8 @@
 #include "ServerKeyForm.h"
 #include "SettingsFile.h"
 
+namespace zmqwriter {
+
 using namespace worker_settings;
 
 namespace {
@@ -169,7 +171,7 @@ bool consists_of(const std::string& text, const std::string& first, const std::s
 
 /// Of "tcp://" endpoints, the rest behind it. Whatever libzmq's zmq_connect refuses is an error
 /// here, too.
-void judge_tcp(const std::string& rest, const std::function<void(Finding)>& add) {
+void check_tcp(const std::string& rest, const std::function<void(Finding)>& add) {
   // libzmq allows an own address in front: tcp://192.0.2.1:0;collector:5555.
   const std::size_t semicolon = rest.rfind(';');
   const std::string target = rest.substr(semicolon + 1);
@@ -202,7 +204,7 @@ void judge_tcp(const std::string& rest, const std::function<void(Finding)>& add)
                 "has " + quoted(port) + " where its port must be", "give a port from 1 to 65535"});
 }
 
-void judge_ipc(const std::string& path, bool port_appended,
+void check_ipc(const std::string& path, bool port_appended,
                const std::function<void(Finding)>& add) {
   constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
   if (path.size() > kLongest)
@@ -218,7 +220,7 @@ void judge_ipc(const std::string& path, bool port_appended,
 
 }  // namespace
 
-void judge_endpoint(const Endpoint& endpoint, Findings* findings) {
+void check_endpoint(const Endpoint& endpoint, Findings* findings) {
   const auto add = [&](Finding finding) {
     finding.text = endpoint.role + " " + quoted(endpoint.uri) + " " + finding.text;
     findings->push_back(std::move(finding));
@@ -231,7 +233,7 @@ void judge_endpoint(const Endpoint& endpoint, Findings* findings) {
                         endpoint.configured.find("://") != std::string::npos;
 
   if (scheme == "ipc")
-    return judge_ipc(rest, appended, add);
+    return check_ipc(rest, appended, add);
   if (std::any_of(endpoint.uri.begin(), endpoint.uri.end(), is_odd_character)) {
     const bool secondary = endpoint.role != kPrimary;
     return add({"endpoint-characters", Severity::kError,
@@ -241,7 +243,7 @@ void judge_endpoint(const Endpoint& endpoint, Findings* findings) {
                           : "take them out; there can be one primary server only"});
   }
   if (scheme == "tcp")
-    return judge_tcp(rest, add);
+    return check_tcp(rest, add);
   add({"endpoint-scheme", Severity::kError,
        "has a scheme that is not supported: the plug-in's socket can use tcp:// and ipc://",
        kNameServer});
@@ -281,7 +283,7 @@ const Setting& Configuration::setting(const std::string& name) const {
   throw std::logic_error("no such setting: " + name);
 }
 
-void Configuration::JudgeNumbers(Findings* findings) const {
+void Configuration::CheckNumbers(Findings* findings) const {
   for (const NumberSetting& what : kNumbers) {
     if (!settings || !settings->has(what.key))
       continue;
@@ -295,7 +297,7 @@ void Configuration::JudgeNumbers(Findings* findings) const {
   }
 }
 
-void Configuration::JudgeNames(Findings* findings) const {
+void Configuration::CheckNames(Findings* findings) const {
   const std::string kByteOrderMark = "\xef\xbb\xbf";
   const std::vector<std::string> known = known_keys();
   for (const std::string& key : keys_in(settings_file_)) {
@@ -317,7 +319,7 @@ void Configuration::JudgeNames(Findings* findings) const {
   }
 }
 
-void Configuration::JudgeEndpoints(Findings* findings) const {
+void Configuration::CheckEndpoints(Findings* findings) const {
   const Setting& server = setting(kServer);
   if (server.value.empty()) {
     findings->push_back(
@@ -331,10 +333,10 @@ void Configuration::JudgeEndpoints(Findings* findings) const {
          std::string(kNameServer) + "; what site scripts redef is unknown here: give it with "
                                     "--set"});
   } else {
-    judge_endpoint(endpoints_[0], findings);
+    check_endpoint(endpoints_[0], findings);
   }
   for (std::size_t i = 1; i < endpoints_.size(); ++i) {
-    judge_endpoint(endpoints_[i], findings);
+    check_endpoint(endpoints_[i], findings);
     const auto here = endpoints_.begin() + static_cast<std::ptrdiff_t>(i);
     const auto first = std::find_if(endpoints_.begin(), here, [&](const Endpoint& earlier) {
       return earlier.uri == here->uri;
@@ -370,7 +372,7 @@ ServerKey Configuration::DecodedKey() const {
   return decode_server_key(setting(kPublicKey).value);
 }
 
-KeyReport Configuration::JudgeKey(bool accepted, Findings* findings) const {
+KeyReport Configuration::CheckKey(bool accepted, Findings* findings) const {
   const Setting& key = setting(kPublicKey);
   const KeyReport report = {key.value, DecodedKey(), accepted};
   const std::string consequence = "; no event leaves the plug-in this way";
@@ -413,7 +415,7 @@ KeyReport Configuration::JudgeKey(bool accepted, Findings* findings) const {
   return report;
 }
 
-DiskReport Configuration::JudgeDisk(Findings* findings) const {
+DiskReport Configuration::CheckDisk(Findings* findings) const {
   DiskReport disk;
   disk.disk_mb = working_disk_mb();
   disk.relative = relative_;
@@ -470,3 +472,5 @@ std::string hex_digits(const void* bytes, std::size_t size) {
   }
   return text;
 }
+
+}  // namespace zmqwriter

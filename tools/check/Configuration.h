@@ -13,6 +13,8 @@
 #include "SettingOrigin.h"
 #include "WorkerSettings.h"
 
+namespace zmqwriter {
+
 /// Values of the script constants, by their names in the module LogZMQ.
 using ConstantValues = std::map<std::string, std::string>;
 
@@ -59,12 +61,12 @@ class Configuration {
 
   /// Each adds what it finds.
   /// Names in the settings file that were meant for the plug-in, and that it does not read.
-  void JudgeNames(Findings* findings) const;
-  void JudgeNumbers(Findings* findings) const;
-  void JudgeEndpoints(Findings* findings) const;
+  void CheckNames(Findings* findings) const;
+  void CheckNumbers(Findings* findings) const;
+  void CheckEndpoints(Findings* findings) const;
   /// `accepted`: whether libzmq takes the decoded bytes for a key.
-  KeyReport JudgeKey(bool accepted, Findings* findings) const;
-  DiskReport JudgeDisk(Findings* findings) const;
+  KeyReport CheckKey(bool accepted, Findings* findings) const;
+  DiskReport CheckDisk(Findings* findings) const;
 
   worker_settings::ServerKey DecodedKey() const;
 
@@ -78,7 +80,9 @@ class Configuration {
 };
 
 /// What speaks against one endpoint before anybody connects; adds one finding at most.
-void judge_endpoint(const Endpoint& endpoint, Findings* findings);
+void check_endpoint(const Endpoint& endpoint, Findings* findings);
 
 /// Upper-case hexadecimal digits.
 std::string hex_digits(const void* bytes, std::size_t size);
+
+}  // namespace zmqwriter

@@ -12,6 +12,8 @@
 
 #include <zmq.h>
 
+namespace zmqwriter {
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -192,8 +194,8 @@ std::string seconds_text(milliseconds time) {
   return text;
 }
 
-ConnectResult failure(const char* id, const std::string& text, const std::string& what_to_do) {
-  return {false, id, text, what_to_do, 0};
+ConnectResult failure(const char* id, const std::string& text, const std::string& remedy) {
+  return {false, id, text, remedy, 0};
 }
 
 ConnectResult other_mechanism(const std::string& mechanism) {
@@ -341,3 +343,5 @@ bool libzmq_takes_key(const worker_settings::ServerKey& key) {
   const Socket socket = new_socket(context.get(), ZMQ_PUSH);
   return zmq_setsockopt(socket.get(), ZMQ_CURVE_SERVERKEY, key.bytes, key.length) == 0;
 }
+
+}  // namespace zmqwriter

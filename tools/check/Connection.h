@@ -9,11 +9,13 @@
 #include "Configuration.h"
 #include "PeerGreeting.h"
 
+namespace zmqwriter {
+
 struct ConnectResult {
   bool ok;
   std::string id;    ///< a fixed word: "connected", or the id of the finding
   std::string text;  ///< what happened, behind the endpoint's name
-  std::string what_to_do;
+  std::string remedy;
   double seconds;
 };
 
@@ -38,3 +40,5 @@ ConnectResult try_connection(const std::string& uri, const worker_settings::Serv
 /// Whether libzmq takes the bytes for a server key: any 32, and 40 or, with a zero behind them, 41
 /// that are a key's Z85 text.
 bool libzmq_takes_key(const worker_settings::ServerKey& key);
+
+}  // namespace zmqwriter

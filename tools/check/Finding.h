@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+namespace zmqwriter {
+
 /// A note is worth knowing; warnings and errors make the check fail. An error means that events do
 /// not get through, are lost, or carry another name than meant.
 enum class Severity { kNote, kWarning, kError };
@@ -11,8 +13,10 @@ enum class Severity { kNote, kWarning, kError };
 struct Finding {
   std::string id;  ///< a fixed word for machines
   Severity severity;
-  std::string text;        ///< a sentence without full stop
-  std::string what_to_do;  ///< likewise
+  std::string text;    ///< a sentence without full stop
+  std::string remedy;  ///< likewise
 };
 
 using Findings = std::vector<Finding>;
+
+}  // namespace zmqwriter

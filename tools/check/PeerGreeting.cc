@@ -14,6 +14,8 @@
 #include <cstring>
 #include <memory>
 
+namespace zmqwriter {
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -200,3 +202,5 @@ Resolved resolve_ipv4(const std::string& host) {
   }
   return result;
 }
+
+}  // namespace zmqwriter

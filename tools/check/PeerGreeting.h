@@ -9,6 +9,8 @@
 #include <chrono>
 #include <string>
 
+namespace zmqwriter {
+
 struct PeerGreeting {
   std::string connect_problem;  ///< empty: the connection came about
   bool refused = false;         ///< nobody listens there
@@ -34,3 +36,5 @@ struct Resolved {
 
 /// The IPv4 address of a host. May take as long as the name service takes.
 Resolved resolve_ipv4(const std::string& host);
+
+}  // namespace zmqwriter

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <system_error>
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr std::size_t kHexDigits = 64;
@@ -75,3 +77,5 @@ AllowList read_allow_list(const std::string& path) {
     throw std::runtime_error(path + ": holds no key, so nobody could connect");
   return keys;
 }
+
+}  // namespace zmqwriter

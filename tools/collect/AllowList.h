@@ -10,8 +10,12 @@
 
 #include "CurveKey.h"
 
+namespace zmqwriter {
+
 using AllowList = std::set<CurveKey>;
 
 /// Reads a file. Throws std::runtime_error that names the file and, for what is no key, the line:
 /// "FILE:LINE: ...". A file without any key is an error too, as it would let nobody in.
 AllowList read_allow_list(const std::string& path);
+
+}  // namespace zmqwriter

@@ -10,6 +10,8 @@
 
 #include "StopSignals.h"
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr const char* kEndpoint = "inproc://zeromq.zap.01";
@@ -111,3 +113,5 @@ void ClientGate::ReportDenied(const std::string& public_key, const std::string& 
                to_hex(key).c_str(),
                denied_ == kReportedDenials ? " (further ones are only counted)" : "");
 }
+
+}  // namespace zmqwriter

@@ -16,6 +16,8 @@
 #include "AllowList.h"
 #include "ZmqContext.h"
 
+namespace zmqwriter {
+
 class ClientGate {
  public:
   /// Throws std::runtime_error when the endpoint cannot be opened. With `quiet`, clients that are
@@ -49,3 +51,5 @@ class ClientGate {
   std::atomic<std::uint64_t> denied_{0};
   std::thread thread_;
 };
+
+}  // namespace zmqwriter

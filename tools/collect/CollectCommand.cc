@@ -1,4 +1,4 @@
-#include "CollectCommand.h"
+#include "Commands.h"
 
 #include <sys/stat.h>
 
@@ -11,6 +11,8 @@
 #include "ListenAddress.h"
 #include "OptionChecks.h"
 #include "StopSignals.h"
+
+namespace zmqwriter {
 
 namespace {
 
@@ -171,3 +173,5 @@ void add_collect_command(CLI::App& app, int* exit_code) {
   add_watching_options(command, options.get());
   command->callback([options, exit_code] { *exit_code = collect(*options); });
 }
+
+}  // namespace zmqwriter

@@ -5,6 +5,8 @@
 #include "EventJson.h"
 #include "Utf8.h"
 
+namespace zmqwriter {
+
 namespace {
 
 using Lock = std::lock_guard<std::mutex>;
@@ -91,3 +93,5 @@ CollectCounts CollectStats::Counts() const {
     counts.by_agent[kOtherAgents] = other_agents_;
   return counts;
 }
+
+}  // namespace zmqwriter

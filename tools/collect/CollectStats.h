@@ -16,6 +16,8 @@
 #include <string>
 #include <string_view>
 
+namespace zmqwriter {
+
 class EventMessage;
 
 struct Tally {
@@ -71,3 +73,5 @@ class CollectStats {
 
 /// A name as a label: see above.
 std::string agent_label(std::string_view name);
+
+}  // namespace zmqwriter

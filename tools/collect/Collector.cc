@@ -12,6 +12,8 @@
 #include "EventJson.h"
 #include "StopSignals.h"
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr int kPollMs = 100;
@@ -230,3 +232,5 @@ int Collector::ExitCode() const {
   }
   return 0;
 }
+
+}  // namespace zmqwriter

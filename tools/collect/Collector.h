@@ -21,6 +21,8 @@
 #include "StatsPrinter.h"
 #include "ZmqContext.h"
 
+namespace zmqwriter {
+
 struct CollectOptions {
   std::vector<std::string> endpoints;
   std::string secret_key_file;
@@ -80,3 +82,5 @@ class Collector {
   std::uint64_t bad_ = 0;
   Clock::time_point last_message_;
 };
+
+}  // namespace zmqwriter

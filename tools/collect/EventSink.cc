@@ -12,6 +12,8 @@
 #include "Output.h"
 #include "RawEvents.h"
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr std::size_t kBufferBytes = 65536;
@@ -98,3 +100,5 @@ void EventSink::Fail(std::size_t written) {
     written_bytes_ -= written - whole;
   }
 }
+
+}  // namespace zmqwriter

@@ -14,6 +14,8 @@
 
 #include "RotatingFile.h"
 
+namespace zmqwriter {
+
 class EventMessage;
 
 struct SinkOptions {
@@ -60,3 +62,5 @@ class EventSink {
   std::uint64_t lost_events_ = 0;
   std::string problem_;
 };
+
+}  // namespace zmqwriter

@@ -3,6 +3,8 @@
 #include <charconv>
 #include <cstdint>
 
+namespace zmqwriter {
+
 namespace {
 
 bool is_port(const std::string& port) {
@@ -46,3 +48,5 @@ std::string metrics_address_problem(const std::string& address) {
   return "'" + address + "' must be HOST:PORT, like 127.0.0.1:9100, or port 0 for one that the " +
          "system chooses";
 }
+
+}  // namespace zmqwriter

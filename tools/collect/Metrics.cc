@@ -13,6 +13,8 @@
 #include "ClientGate.h"
 #include "StopSignals.h"
 
+namespace zmqwriter {
+
 namespace {
 
 using prometheus::ClientMetric;
@@ -124,3 +126,5 @@ Metrics::Metrics(const std::string& address, const CollectStats& stats, const Cl
 }
 
 Metrics::~Metrics() = default;
+
+}  // namespace zmqwriter

@@ -16,6 +16,8 @@ class Collectable;
 class Exposer;
 }  // namespace prometheus
 
+namespace zmqwriter {
+
 class ClientGate;
 
 class Metrics {
@@ -36,3 +38,5 @@ class Metrics {
   std::unique_ptr<prometheus::Exposer> server_;
   std::string url_;
 };
+
+}  // namespace zmqwriter

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <stdexcept>
 
+namespace zmqwriter {
+
 namespace {
 
 // Any name does: without one, some versions of libzmq do not ask about CURVE clients.
@@ -93,3 +95,5 @@ bool PullSocket::Receive(zmq_msg_t* part) {
     fail("cannot receive");
   return false;
 }
+
+}  // namespace zmqwriter

@@ -17,6 +17,8 @@
 #include "CurveKey.h"
 #include "ZmqContext.h"
 
+namespace zmqwriter {
+
 class PullSocket {
  public:
   static constexpr int kReceiveHighWater = 64;
@@ -46,3 +48,5 @@ class PullSocket {
  private:
   void* socket_;
 };
+
+}  // namespace zmqwriter

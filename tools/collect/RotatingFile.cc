@@ -17,6 +17,8 @@
 #include "Output.h"
 #include "StopSignals.h"
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr mode_t kMode = 0666;  // less the umask
@@ -192,3 +194,5 @@ void RotatingFile::RemoveOldest() {
   for (; kept_.size() > keep_; kept_.pop_front())
     unlink(finished_name(path_, kept_.front()).c_str());
 }
+
+}  // namespace zmqwriter

@@ -18,6 +18,8 @@
 #include <string_view>
 #include <vector>
 
+namespace zmqwriter {
+
 class RotatingFile {
  public:
   /// Opens `path`; makes it if it does not exist, with the rights that the umask leaves. `keep` is
@@ -65,3 +67,5 @@ class RotatingFile {
   std::deque<std::uint64_t> kept_;  // numbers of the finished files, if they are to be removed
   std::uint64_t finished_ = 0;
 };
+
+}  // namespace zmqwriter

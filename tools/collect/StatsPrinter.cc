@@ -7,6 +7,8 @@
 
 #include "StopSignals.h"
 
+namespace zmqwriter {
+
 namespace {
 
 using Named = std::pair<std::string, Tally>;
@@ -117,3 +119,5 @@ void StatsPrinter::Report() {
   reported_ = std::move(counts);
   reported_at_ = now;
 }
+
+}  // namespace zmqwriter

@@ -18,6 +18,8 @@
 
 #include "CollectStats.h"
 
+namespace zmqwriter {
+
 class StatsPrinter {
  public:
   static constexpr std::size_t kMostAgents = 10;
@@ -50,3 +52,5 @@ class StatsPrinter {
 
 /// The text of a report: what was counted between the two, in so many seconds.
 std::string stats_report(const CollectCounts& before, const CollectCounts& after, double seconds);
+
+}  // namespace zmqwriter

@@ -5,6 +5,8 @@
 
 #include <zmq.h>
 
+namespace zmqwriter {
+
 ZmqContext::ZmqContext() : context_(zmq_ctx_new()) {
   if (!context_)
     throw std::runtime_error(std::string("cannot start libzmq: ") + zmq_strerror(zmq_errno()));
@@ -18,3 +20,5 @@ ZmqContext::~ZmqContext() {
 void ZmqContext::Shutdown() {
   zmq_ctx_shutdown(context_);
 }
+
+}  // namespace zmqwriter

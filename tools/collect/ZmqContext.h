@@ -1,6 +1,8 @@
 // A libzmq context, terminated at the end of its life: its sockets must be closed by then.
 #pragma once
 
+namespace zmqwriter {
+
 class ZmqContext {
  public:
   /// Throws std::runtime_error when there is no more room for one.
@@ -16,3 +18,5 @@ class ZmqContext {
  private:
   void* context_;
 };
+
+}  // namespace zmqwriter

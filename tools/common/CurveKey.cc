@@ -10,6 +10,8 @@
 
 #include <zmq.h>
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr std::size_t kHexDigits = 64;
@@ -83,3 +85,5 @@ CurveKey read_key_file(const std::string& path) {
   }
   return key;
 }
+
+}  // namespace zmqwriter

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+namespace zmqwriter {
+
 using CurveKey = std::array<std::uint8_t, 32>;
 
 struct CurveKeyPair {
@@ -22,3 +24,5 @@ std::string to_hex(const CurveKey& key);
 /// Reads a key file: 64 hexadecimal digits of either case, white space around them allowed.
 /// Throws std::runtime_error that names the file, says what is wrong, and never quotes its content.
 CurveKey read_key_file(const std::string& path);
+
+}  // namespace zmqwriter

@@ -19,6 +19,8 @@ namespace reflected {
 #include "aggregator_reflected.h"
 }
 
+namespace zmqwriter {
+
 namespace {
 
 using flatbuffers::TypeTable;
@@ -421,3 +423,5 @@ std::string event_to_json(const void* data, std::size_t size, std::string* error
   *error = event.problem();
   return "";
 }
+
+}  // namespace zmqwriter

@@ -35,6 +35,8 @@
 #include <string_view>
 #include <vector>
 
+namespace zmqwriter {
+
 /// One received message, verified: every reference in it leads to bytes of it, nothing is nested
 /// deeper than the schema allows for, and printing it takes memory in proportion to its size. It
 /// refers to the bytes it was made from, which must outlive it (it keeps a copy of its own where
@@ -72,3 +74,5 @@ std::string event_to_json(const void* data, std::size_t size, std::string* error
 
 /// Appends `text` as a JSON string with its quotes.
 void append_json_string(std::string* out, const char* text, std::size_t size);
+
+}  // namespace zmqwriter

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+namespace zmqwriter {
+
 /// A finite number above 0, or with `zero_too` not below it.
 inline CLI::Validator positive_number(bool zero_too = false) {
   return CLI::Validator(
@@ -36,3 +38,5 @@ inline CLI::Validator positive_count() {
       },
       "");
 }
+
+}  // namespace zmqwriter

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr std::size_t kBufferBytes = 65536;
@@ -63,3 +65,5 @@ void Output::Flush() {
 void Output::Fail() {
   problem_ = output_problem(errno);
 }
+
+}  // namespace zmqwriter

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+namespace zmqwriter {
+
 class Output {
  public:
   explicit Output(std::FILE* stream = stdout) : stream_(stream) {}
@@ -40,3 +42,5 @@ std::size_t write_fully(int descriptor, std::string_view bytes);
 
 /// What problem() says for an errno.
 std::string output_problem(int error);
+
+}  // namespace zmqwriter

@@ -11,6 +11,8 @@
 
 #include "standin/Host.h"
 
+namespace zmqwriter {
+
 namespace {
 
 std::string executable_path() {
@@ -70,3 +72,5 @@ StatusFunction plugin_status_function(const standin::Host& host) {
         "to this program");
   return function;
 }
+
+}  // namespace zmqwriter

@@ -14,6 +14,8 @@ namespace standin {
 class Host;
 }
 
+namespace zmqwriter {
+
 /// Adds --settings, --set and --plugin. `options` must live as long as the command.
 void add_plugin_options(CLI::App* command, PluginOptions* options);
 
@@ -25,3 +27,5 @@ std::string default_plugin_folder();
 /// has none.
 using StatusFunction = void (*)(DravenholtZmqWriterStatus*);
 StatusFunction plugin_status_function(const standin::Host& host);
+
+}  // namespace zmqwriter

@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+namespace zmqwriter {
+
 ProgressLine::ProgressLine()
     : on_terminal_(isatty(STDERR_FILENO) == 1),
       next_(std::chrono::steady_clock::now() + std::chrono::seconds(2)) {}
@@ -27,3 +29,5 @@ void ProgressLine::Clear() {
     std::fputs("\r\033[K", stderr);
   shown_ = false;
 }
+
+}  // namespace zmqwriter

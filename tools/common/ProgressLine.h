@@ -5,6 +5,8 @@
 #include <chrono>
 #include <string>
 
+namespace zmqwriter {
+
 class ProgressLine {
  public:
   ProgressLine();
@@ -23,3 +25,5 @@ class ProgressLine {
   bool shown_ = false;
   std::chrono::steady_clock::time_point next_;
 };
+
+}  // namespace zmqwriter

@@ -7,6 +7,8 @@
 #include "EventJson.h"
 #include "Output.h"
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr std::size_t kLengthBytes = 4;
@@ -97,3 +99,5 @@ bool RawEventReader::Fail(const std::string& problem) {
   problem_ = problem;
   return false;
 }
+
+}  // namespace zmqwriter

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+namespace zmqwriter {
+
 class Output;
 
 /// No event is nearly as long: what is longer is not read as a single one.
@@ -52,3 +54,5 @@ class RawEventReader {
   std::uint64_t offset_ = 0;
   std::string problem_;
 };
+
+}  // namespace zmqwriter

@@ -1,5 +1,7 @@
 #include "ServerKeyForm.h"
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr std::size_t kDigits = 64;
@@ -28,3 +30,5 @@ KeyProblem key_problem(const std::string& key) {
                                  : "key-not-hexadecimal",
           "is no key of 64 upper-case hexadecimal digits (it has " + length + ")", kTakeTheFile};
 }
+
+}  // namespace zmqwriter

@@ -3,6 +3,8 @@
 
 #include <string>
 
+namespace zmqwriter {
+
 /// Empty in all its parts when the text has the plug-in's form.
 struct KeyProblem {
   std::string id;      ///< a fixed word for machines, e.g. "key-lower-case"
@@ -14,3 +16,5 @@ struct KeyProblem {
 
 /// The plug-in reads 64 upper-case hexadecimal digits.
 KeyProblem key_problem(const std::string& key);
+
+}  // namespace zmqwriter

@@ -2,6 +2,8 @@
 
 #include "SettingsFile.h"
 
+namespace zmqwriter {
+
 SettingOrigin::SettingOrigin(const PluginOptions& options, const std::string& key,
                              const std::string& constant) {
   const std::string start = "LogZMQ::" + constant + "=";
@@ -18,3 +20,5 @@ SettingOrigin::SettingOrigin(const PluginOptions& options, const std::string& ke
     name = options.settings_file + ": " + key;
   }
 }
+
+}  // namespace zmqwriter

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+namespace zmqwriter {
+
 /// Which plug-in, and how it is configured.
 struct PluginOptions {
   std::string settings_file;
@@ -21,3 +23,5 @@ struct SettingOrigin {
   std::string name;   ///< "FILE: key" or "LogZMQ::constant"; empty for kNowhere
   std::string value;  ///< as written there
 };
+
+}  // namespace zmqwriter

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <initializer_list>
 
+namespace zmqwriter {
+
 namespace {
 
 std::atomic<bool> requested{false};
@@ -62,3 +64,5 @@ SignalsHeldBack::SignalsHeldBack() {
 SignalsHeldBack::~SignalsHeldBack() {
   pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
 }
+
+}  // namespace zmqwriter

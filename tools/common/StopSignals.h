@@ -6,6 +6,8 @@
 
 #include <signal.h>
 
+namespace zmqwriter {
+
 /// Installs the handlers. Main thread, before others exist.
 void catch_stop_signals();
 
@@ -33,3 +35,5 @@ class SignalsHeldBack {
  private:
   sigset_t previous_;
 };
+
+}  // namespace zmqwriter

@@ -1,5 +1,7 @@
 #include "Utf8.h"
 
+namespace zmqwriter {
+
 std::size_t utf8_length(const unsigned char* text, std::size_t size) {
   const unsigned char lead = text[0];
   if (lead < 0x80)
@@ -28,3 +30,5 @@ bool is_printable(const unsigned char* sequence, std::size_t length) {
     return s[0] != 0xc2 || s[1] >= 0xa0;
   return !(length == 3 && s[0] == 0xe2 && s[1] == 0x80 && (s[2] == 0xa8 || s[2] == 0xa9));
 }
+
+}  // namespace zmqwriter

@@ -6,6 +6,8 @@
 
 #include "logging/WriterFrontend.h"
 
+namespace zmqwriter {
+
 using standin::AsciiLog;
 
 namespace {
@@ -109,3 +111,5 @@ std::string LogFeed::Account() const {
     text += ", not read to its end";
   return text;
 }
+
+}  // namespace zmqwriter

@@ -14,6 +14,8 @@
 #include "standin/AsciiLog.h"
 #include "standin/Host.h"
 
+namespace zmqwriter {
+
 /// The paths of a run's writers. The host adds a number where one would occur twice: conn, conn-2.
 class WriterPaths {
  public:
@@ -79,3 +81,5 @@ class LogFeed {
 
 /// "1 record", "2 records".
 std::string counted(std::uint64_t number, const std::string& what);
+
+}  // namespace zmqwriter

@@ -23,6 +23,8 @@
 #include "WriterStatus.h"
 #include "standin/Host.h"
 
+namespace zmqwriter {
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -429,3 +431,5 @@ int describe_plugin(const ReplayOptions& options, bool details) {
     throw std::runtime_error(out.problem());
   return 0;
 }
+
+}  // namespace zmqwriter

@@ -25,6 +25,8 @@
 
 #include "PluginUse.h"
 
+namespace zmqwriter {
+
 struct ReplayOptions : PluginOptions {
   std::vector<std::string> logs;
   double rate = 0;  ///< records per second, all logs together; 0: no limit
@@ -39,3 +41,5 @@ int replay(const ReplayOptions& options);
 
 /// Loads the plug-in and prints what the host prints about it, without (-N) or with (-NN) details.
 int describe_plugin(const ReplayOptions& options, bool details);
+
+}  // namespace zmqwriter

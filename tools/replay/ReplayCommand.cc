@@ -1,4 +1,4 @@
-#include "ReplayCommand.h"
+#include "Commands.h"
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -7,6 +7,8 @@
 #include "OptionChecks.h"
 #include "PluginUse.h"
 #include "Replay.h"
+
+namespace zmqwriter {
 
 void add_replay_command(CLI::App& app, int* exit_code) {
   CLI::App* const command =
@@ -55,3 +57,5 @@ void add_replay_command(CLI::App& app, int* exit_code) {
     *exit_code = replay(*options);
   });
 }
+
+}  // namespace zmqwriter

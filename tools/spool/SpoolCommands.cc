@@ -1,4 +1,4 @@
-#include "SpoolCommands.h"
+#include "Commands.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -16,6 +16,8 @@
 #include "SpoolReader.h"
 #include "SpoolRepair.h"
 
+namespace zmqwriter {
+
 namespace {
 
 constexpr int kSuccess = 0;
@@ -28,7 +30,7 @@ bool is_event(const std::string& payload) {
 std::vector<std::uint32_t> chunks_of(const std::string& folder) {
   std::vector<std::uint32_t> numbers;
   std::string problem;
-  if (!spool::find_chunks(folder, &numbers, &problem))
+  if (!find_chunks(folder, &numbers, &problem))
     throw std::runtime_error(folder + ": cannot be read: " + problem);
   return numbers;
 }
@@ -53,7 +55,7 @@ std::string plural(std::size_t count, const std::string& noun) {
 
 int list_spool(const std::string& folder) {
   const std::vector<std::uint32_t> numbers = chunks_of(folder);
-  const std::size_t in_sequence = spool::count_in_sequence(folder, numbers);
+  const std::size_t in_sequence = count_in_sequence(folder, numbers);
   Output out;
   const auto line = [&out](const char* name, const std::string& size, const std::string& counted,
                            const std::string& found, const std::string& live,
@@ -68,15 +70,15 @@ int list_spool(const std::string& folder) {
   std::size_t counted = 0, found = 0;
   line("file", "size", "records", "walked", "live bytes", "stale bytes", "damage");
   for (std::size_t i = 0; i < numbers.size(); ++i) {
-    const spool::ChunkFile file(folder, numbers[i]);
-    spool::Diagnosis diagnosis = spool::diagnose(file, is_event);
+    const ChunkFile file(folder, numbers[i]);
+    Diagnosis diagnosis = diagnose(file, is_event);
     if (i >= in_sequence)
       diagnosis.damage += std::string(diagnosis.damage.empty() ? "" : "; ") +
                           "behind a gap in the numbers, not found by a start";
     const std::uint64_t live =
         std::min(file.size(), diagnosis.found.empty() && !file.has_signature()
                                   ? std::uint64_t{0}
-                                  : spool::bytes_used(diagnosis.found));
+                                  : bytes_used(diagnosis.found));
     line(file.name().c_str(), std::to_string(file.size()), std::to_string(file.record_count()),
          std::to_string(diagnosis.found.size()), std::to_string(live),
          std::to_string(file.size() - live), diagnosis.damage.empty() ? "-" : diagnosis.damage);
@@ -86,9 +88,9 @@ int list_spool(const std::string& folder) {
     if (i < in_sequence && (in_sequence > 1 || file.has_signature()))
       counted += diagnosis.counted.size();
   }
-  for (const std::string& path : spool::find_set_aside(folder)) {
-    const spool::ChunkFile file(path);
-    const spool::Diagnosis diagnosis = spool::diagnose(file, is_event);
+  for (const std::string& path : find_set_aside(folder)) {
+    const ChunkFile file(path);
+    const Diagnosis diagnosis = diagnose(file, is_event);
     const std::string aside = "set aside because it could not be opened, not found by a start";
     line(file.name().c_str(), std::to_string(file.size()), std::to_string(file.record_count()),
          std::to_string(diagnosis.found.size()), "-", "-",
@@ -110,10 +112,10 @@ class Dumper {
   /// Whether everything so far could be written as what it should be.
   bool good() const { return good_; }
 
-  void Dump(const spool::ChunkFile& file) {
+  void Dump(const ChunkFile& file) {
     if (!file.problem().empty())
       return Complain(file.path() + ": cannot be read: " + file.problem());
-    const spool::Walk walk = file.CountedWalk();
+    const Walk walk = file.CountedWalk();
     if (walk.records.size() < file.record_count())
       Complain(file.path() + ": ends after " + std::to_string(walk.records.size()) + " of the " +
                plural(file.record_count(), "record") + " that its header counts");
@@ -123,7 +125,7 @@ class Dumper {
   }
 
  private:
-  void Dump(const spool::ChunkFile& file, const spool::Record& record) {
+  void Dump(const ChunkFile& file, const SpoolRecord& record) {
     const std::string payload = file.Payload(record);
     if (raw_)
       return write_raw_event(out_, payload);
@@ -150,8 +152,8 @@ int dump_spool(const std::string& folder, bool raw) {
   const std::vector<std::uint32_t> numbers = chunks_of(folder);
   Output out;
   Dumper dumper(&out, raw);
-  for (std::size_t i = 0; i < spool::count_in_sequence(folder, numbers); ++i)
-    dumper.Dump(spool::ChunkFile(folder, numbers[i]));
+  for (std::size_t i = 0; i < count_in_sequence(folder, numbers); ++i)
+    dumper.Dump(ChunkFile(folder, numbers[i]));
   finish(&out);
   return dumper.good() ? kSuccess : kFailure;
 }
@@ -161,8 +163,8 @@ int dump_spool(const std::string& folder, bool raw) {
 bool is_in_use(const std::string& folder, const std::vector<std::uint32_t>& numbers) {
   std::vector<std::string> paths;
   for (const std::uint32_t number : numbers)
-    paths.push_back(spool::ChunkFile(folder, number).path());
-  const spool::Users users = spool::find_users(paths);
+    paths.push_back(ChunkFile(folder, number).path());
+  const SpoolUsers users = find_spool_users(paths);
   if (!users.doubt.empty())
     std::fprintf(stderr, "Cannot be sure that no agent uses the spool: %s.\n", users.doubt.c_str());
   for (const long process : users.processes)
@@ -174,21 +176,21 @@ int repair_spool(const std::string& folder, bool dry_run) {
   const std::vector<std::uint32_t> numbers = chunks_of(folder);
   if (is_in_use(folder, numbers))
     return kFailure;
-  const spool::RepairPlan plan = spool::plan_repair(folder, numbers, is_event);
+  const RepairPlan plan = plan_repair(folder, numbers, is_event);
 
   Output out;
   const std::string would = dry_run ? "would be " : "";
-  for (const spool::HeaderRepair& repair : plan.headers) {
+  for (const HeaderRepair& repair : plan.headers) {
     out.WriteLine(repair.path + ": header " + would + "set to " +
                   plural(repair.record_count, "record") + ", " + std::to_string(repair.used_size) +
                   " bytes (a start found " + plural(repair.records_before, "record") + ")");
     if (!dry_run)
-      out.WriteLine("  kept as it was in " + spool::repair_header(repair));
+      out.WriteLine("  kept as it was in " + repair_header(repair));
   }
-  for (const spool::Renaming& renaming : plan.renamings) {
+  for (const Renaming& renaming : plan.renamings) {
     out.WriteLine(renaming.from + ": " + would + "renamed to " + renaming.to);
     if (!dry_run)
-      spool::rename_chunk(renaming);
+      rename_chunk(renaming);
   }
   if (plan.headers.empty() && plan.renamings.empty() && plan.refused.empty())
     out.WriteLine("nothing to repair in " + plural(numbers.size(), "file"));
@@ -246,3 +248,5 @@ void add_spool_command(CLI::App& app, int* exit_code) {
   repair->callback(
       [options, exit_code] { *exit_code = repair_spool(options->folder, options->dry_run); });
 }
+
+}  // namespace zmqwriter

@@ -16,7 +16,7 @@
 
 extern char** environ;
 
-namespace spool {
+namespace zmqwriter {
 
 namespace {
 
@@ -37,8 +37,8 @@ bool list(const std::string& folder, std::vector<std::string>* names) {
   return true;
 }
 
-Users look_into_proc(const std::set<FileId>& files) {
-  Users users;
+SpoolUsers look_into_proc(const std::set<FileId>& files) {
+  SpoolUsers users;
   std::vector<std::string> processes;
   list("/proc", &processes);
   for (const std::string& process : processes) {
@@ -64,8 +64,8 @@ Users look_into_proc(const std::set<FileId>& files) {
 }
 
 // lsof -t prints process ids, one a line, and fails when it finds none.
-Users ask_lsof(const std::vector<std::string>& paths) {
-  Users users;
+SpoolUsers ask_lsof(const std::vector<std::string>& paths) {
+  SpoolUsers users;
   std::vector<char*> arguments;
   for (const char* word : {"lsof", "-t", "--"})
     arguments.push_back(const_cast<char*>(word));
@@ -113,7 +113,7 @@ Users ask_lsof(const std::vector<std::string>& paths) {
 
 }  // namespace
 
-Users find_users(const std::vector<std::string>& paths) {
+SpoolUsers find_spool_users(const std::vector<std::string>& paths) {
   std::set<FileId> files;
   for (const std::string& path : paths) {
     struct stat status;
@@ -121,11 +121,11 @@ Users find_users(const std::vector<std::string>& paths) {
       files.insert({status.st_dev, status.st_ino});
   }
   if (files.empty())
-    return Users();
+    return SpoolUsers();
   const bool has_proc = access("/proc/self/fd", F_OK) == 0;
-  Users users = has_proc ? look_into_proc(files) : ask_lsof(paths);
+  SpoolUsers users = has_proc ? look_into_proc(files) : ask_lsof(paths);
   std::sort(users.processes.begin(), users.processes.end());
   return users;
 }
 
-}  // namespace spool
+}  // namespace zmqwriter

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-namespace spool {
+namespace zmqwriter {
 
-struct Users {
+struct SpoolUsers {
   std::vector<long> processes;  // ids of the processes that have one of the files open
   /// Empty when every process could be looked into; otherwise why the list may lack some.
   std::string doubt;
@@ -15,6 +15,6 @@ struct Users {
 /// Looks at the open files of all processes: in /proc where there is one, with lsof elsewhere. An
 /// agent whose head file is closed at the moment (it has stored nothing yet, or has just rolled it
 /// over) is not seen.
-Users find_users(const std::vector<std::string>& paths);
+SpoolUsers find_spool_users(const std::vector<std::string>& paths);
 
-}  // namespace spool
+}  // namespace zmqwriter

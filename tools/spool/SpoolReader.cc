@@ -11,12 +11,12 @@
 
 #include "SpoolFormat.h"
 
-namespace spool {
+namespace zmqwriter {
 
 using spool_format::kHeaderSize;
 using spool_format::kRecordHeaderSize;
 
-std::uint64_t Record::end() const {
+std::uint64_t SpoolRecord::end() const {
   return offset + kRecordHeaderSize + length;
 }
 
@@ -71,7 +71,7 @@ std::string ChunkFile::Read(std::uint64_t offset, std::size_t size) const {
   return bytes;
 }
 
-bool ChunkFile::ReadRecord(std::uint64_t offset, Record* record) const {
+bool ChunkFile::ReadRecord(std::uint64_t offset, SpoolRecord* record) const {
   const std::string bytes = Read(offset, kRecordHeaderSize);
   if (bytes.size() != kRecordHeaderSize)
     return false;
@@ -81,7 +81,7 @@ bool ChunkFile::ReadRecord(std::uint64_t offset, Record* record) const {
   return true;
 }
 
-std::string ChunkFile::Payload(const Record& record) const {
+std::string ChunkFile::Payload(const SpoolRecord& record) const {
   return Read(record.offset + kRecordHeaderSize, record.length);
 }
 
@@ -89,7 +89,7 @@ Walk ChunkFile::CountedWalk() const {
   Walk walk;
   std::uint64_t offset = kHeaderSize;
   while (walk.records.size() < record_count_) {
-    Record record;
+    SpoolRecord record;
     if (offset >= size_) {
       walk.end = WalkEnd::kEndOfFile;
       break;
@@ -104,13 +104,13 @@ Walk ChunkFile::CountedWalk() const {
   return walk;
 }
 
-Walk ChunkFile::LinkedWalk(std::vector<Record> known) const {
+Walk ChunkFile::LinkedWalk(std::vector<SpoolRecord> known) const {
   Walk walk;
   walk.records = std::move(known);
   for (;;) {
     const bool first = walk.records.empty();
     const std::uint64_t offset = first ? kHeaderSize : walk.records.back().end();
-    Record record;
+    SpoolRecord record;
     if (offset >= size_)
       walk.end = WalkEnd::kEndOfFile;
     else if (!ReadRecord(offset, &record))
@@ -129,16 +129,16 @@ Walk ChunkFile::LinkedWalk(std::vector<Record> known) const {
   }
 }
 
-std::uint64_t bytes_used(const std::vector<Record>& records) {
+std::uint64_t bytes_used(const std::vector<SpoolRecord>& records) {
   std::uint64_t bytes = kHeaderSize;
-  for (const Record& record : records)
+  for (const SpoolRecord& record : records)
     bytes += kRecordHeaderSize + record.length;
   return bytes;
 }
 
 namespace {
 
-bool links_hold(const std::vector<Record>& records) {
+bool links_hold(const std::vector<SpoolRecord>& records) {
   for (std::size_t i = 1; i < records.size(); ++i)
     if (records[i].prev_length != records[i - 1].length)
       return false;
@@ -146,7 +146,7 @@ bool links_hold(const std::vector<Record>& records) {
 }
 
 // Each reopening adds the size of the header once more. A file without records may say anything.
-bool used_size_fits(const ChunkFile& file, const std::vector<Record>& records) {
+bool used_size_fits(const ChunkFile& file, const std::vector<SpoolRecord>& records) {
   if (records.empty())
     return true;
   const std::uint64_t used = bytes_used(records);
@@ -159,9 +159,9 @@ std::string number_of_records(std::uint64_t count) {
 
 void drop_remains(const ChunkFile& file, std::size_t known,
                   const std::function<bool(const std::string&)>& is_event,
-                  std::vector<Record>* records) {
-  const auto is_payload = [&](const Record& record) { return is_event(file.Payload(record)); };
-  std::vector<Record> kept = *records;
+                  std::vector<SpoolRecord>* records) {
+  const auto is_payload = [&](const SpoolRecord& record) { return is_event(file.Payload(record)); };
+  std::vector<SpoolRecord> kept = *records;
   while (kept.size() > known && !is_payload(kept.back()))
     kept.pop_back();
   // With no event anywhere in the file the payloads are of some other kind, and say nothing.
@@ -172,7 +172,7 @@ void drop_remains(const ChunkFile& file, std::size_t known,
 // Whether the counted records are what the header was written for. A length of 0 on top is the one
 // thing that it cannot tell apart by itself: a payload of no bytes, or a record taken since whose
 // bytes pass for those that reopening adds. Believing the latter loses nothing but the former.
-bool is_header_sound(const ChunkFile& file, const std::vector<Record>& counted) {
+bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& counted) {
   if (counted.size() != file.record_count() || !links_hold(counted) ||
       !used_size_fits(file, counted))
     return false;
@@ -181,11 +181,11 @@ bool is_header_sound(const ChunkFile& file, const std::vector<Record>& counted) 
 
 // The counted records are believed as a whole or not at all; what follows them, or all, is found
 // by links.
-void diagnose_records(const ChunkFile& file, const std::vector<Record>& counted,
+void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& counted,
                       const std::function<bool(const std::string&)>& is_event,
                       Diagnosis* diagnosis) {
   const bool sound = is_header_sound(file, counted);
-  const Walk linked = file.LinkedWalk(sound ? counted : std::vector<Record>());
+  const Walk linked = file.LinkedWalk(sound ? counted : std::vector<SpoolRecord>());
   diagnosis->found = linked.records;
   drop_remains(file, sound ? counted.size() : 0, is_event, &diagnosis->found);
 
@@ -317,4 +317,4 @@ std::size_t count_in_sequence(const std::string& folder,
   return count;
 }
 
-}  // namespace spool
+}  // namespace zmqwriter

@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
-namespace spool {
+namespace zmqwriter {
 
-struct Record {
+struct SpoolRecord {
   std::uint64_t offset;  // of the record's header
   std::uint16_t length;
   std::uint16_t prev_length;
@@ -37,7 +37,7 @@ enum class WalkEnd {
 };
 
 struct Walk {
-  std::vector<Record> records;
+  std::vector<SpoolRecord> records;
   WalkEnd end = WalkEnd::kCounted;
 };
 
@@ -65,16 +65,16 @@ class ChunkFile {
   /// The first record_count records by their lengths, fewer where the file is too short for them.
   Walk CountedWalk() const;
   /// Goes on behind `known` (from the file's header on when that is empty) by lengths and links.
-  Walk LinkedWalk(std::vector<Record> known = {}) const;
+  Walk LinkedWalk(std::vector<SpoolRecord> known = {}) const;
   /// Payload of a record; shorter than its length where the file is.
-  std::string Payload(const Record& record) const;
+  std::string Payload(const SpoolRecord& record) const;
 
  private:
   struct Closer {
     void operator()(std::FILE* file) const { std::fclose(file); }
   };
 
-  bool ReadRecord(std::uint64_t offset, Record* record) const;
+  bool ReadRecord(std::uint64_t offset, SpoolRecord* record) const;
   std::string Read(std::uint64_t offset, std::size_t size) const;
 
   std::string path_;
@@ -88,14 +88,14 @@ class ChunkFile {
 };
 
 /// used_size of a file with these live records, without the 12 bytes that each reopening adds.
-std::uint64_t bytes_used(const std::vector<Record>& records);
+std::uint64_t bytes_used(const std::vector<SpoolRecord>& records);
 
 /// What a file holds, and what its header says that it holds.
 struct Diagnosis {
-  std::vector<Record> counted;  // what the plug-in finds by the header, oldest first
-  std::vector<Record> found;    // what there is, oldest first
-  std::string damage;           // in words; empty for a healthy file
-  bool repairable = false;      // a header that counts `found` would mend it
+  std::vector<SpoolRecord> counted;  // what the plug-in finds by the header, oldest first
+  std::vector<SpoolRecord> found;    // what there is, oldest first
+  std::string damage;                // in words; empty for a healthy file
+  bool repairable = false;           // a header that counts `found` would mend it
 };
 
 /// `is_event` tells payloads that the spool may hold from other bytes: where a file has such
@@ -116,4 +116,4 @@ std::vector<std::string> find_set_aside(const std::string& folder);
 /// 0, 1, 2, ... up to the first gap, or to what is no regular file.
 std::size_t count_in_sequence(const std::string& folder, const std::vector<std::uint32_t>& numbers);
 
-}  // namespace spool
+}  // namespace zmqwriter

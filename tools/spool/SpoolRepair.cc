@@ -10,7 +10,7 @@
 
 #include "SpoolFormat.h"
 
-namespace spool {
+namespace zmqwriter {
 
 namespace {
 
@@ -203,4 +203,4 @@ void rename_chunk(const Renaming& renaming) {
     fail(renaming.from, "cannot be renamed");
 }
 
-}  // namespace spool
+}  // namespace zmqwriter

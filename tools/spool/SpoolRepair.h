@@ -8,7 +8,7 @@
 
 #include "SpoolReader.h"
 
-namespace spool {
+namespace zmqwriter {
 
 /// What would make the next start of the plug-in find all records of a file.
 struct HeaderRepair {
@@ -43,4 +43,4 @@ std::string repair_header(const HeaderRepair& repair);
 /// Throws std::runtime_error, also when the new name is taken.
 void rename_chunk(const Renaming& renaming);
 
-}  // namespace spool
+}  // namespace zmqwriter

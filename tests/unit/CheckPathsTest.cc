@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "CallLog.h"
+#include "PathChecks.h"
 #include "PersistentQueue.h"
-#include "Places.h"
 #include "TempDir.h"
 
 namespace fs = std::filesystem;
@@ -28,6 +28,8 @@ using ::testing::Not;
 using ::testing::StartsWith;
 
 namespace {
+
+using namespace zmqwriter;
 
 const char kSpool[] = "orvik-spool/work";
 const char kPrefix[] = "orvik";
@@ -41,11 +43,11 @@ std::string listing() {
   return names;
 }
 
-class CheckPlaces : public ::testing::Test {
+class CheckPaths : public ::testing::Test {
  protected:
-  CheckPlaces() { chmod(dir.path().c_str(), 0755); }
+  CheckPaths() { chmod(dir.path().c_str(), 0755); }
 
-  ~CheckPlaces() override {
+  ~CheckPaths() override {
     // Whatever a test has closed, so that it can be removed.
     for (const char* name : {"orvik", "orvik-spool", "orvik-spool/work"})
       chmod(name, 0755);
@@ -93,7 +95,7 @@ class CheckPlaces : public ::testing::Test {
   static std::string spool() {
     Findings findings;
     const std::string before = listing();
-    const SpoolReport report = judge_spool(kSpool, &findings);
+    const SpoolReport report = check_spool(kSpool, &findings);
     EXPECT_EQ(listing(), before);
     return told(report.state, findings);
   }
@@ -101,7 +103,7 @@ class CheckPlaces : public ::testing::Test {
   /// The same where the folders cannot be listed.
   static std::string spool_in_closed_folder() {
     Findings findings;
-    const SpoolReport report = judge_spool(kSpool, &findings);
+    const SpoolReport report = check_spool(kSpool, &findings);
     return told(report.state, findings);
   }
 
@@ -122,7 +124,7 @@ class CheckPlaces : public ::testing::Test {
   static std::string agent(const std::string& constant = "") {
     Findings findings;
     const std::string before = listing();
-    last = judge_agent_id({"", "LogZMQ::zmq_agent_id", SettingOrigin::kScriptConstant,
+    last = check_agent_id({"", "LogZMQ::zmq_agent_id", SettingOrigin::kScriptConstant,
                            "LogZMQ::zmq_agent_id", constant},
                           kPrefix, &findings);
     EXPECT_EQ(listing(), before);
@@ -136,51 +138,51 @@ class CheckPlaces : public ::testing::Test {
   static AgentIdReport last;
 };
 
-AgentIdReport CheckPlaces::last;
+AgentIdReport CheckPaths::last;
 
 }  // namespace
 
 // -- The spool ------------------------------------------------------------------------------------
 
-TEST_F(CheckPlaces, SpoolThatIsThereIsFine) {
+TEST_F(CheckPaths, SpoolThatIsThereIsFine) {
   make(kSpool);
   EXPECT_EQ(spool(), "ready:");
   EXPECT_EQ(spool_itself(), "works");
 }
 
-TEST_F(CheckPlaces, SpoolWhoseParentIsThereWillBeMade) {
+TEST_F(CheckPaths, SpoolWhoseParentIsThereWillBeMade) {
   make("orvik-spool");
   EXPECT_EQ(spool(), "will be made:");
   EXPECT_EQ(spool_itself(), "works");
 }
 
-TEST_F(CheckPlaces, MissingParentDisablesTheSpool) {
+TEST_F(CheckPaths, MissingParentDisablesTheSpool) {
   EXPECT_THAT(spool(), StartsWith("disabled: error spool-parent-missing\nspool disabled: the "
                                   "parent orvik-spool of the spool folder"));
   EXPECT_EQ(spool_itself(), "disabled");
 }
 
-TEST_F(CheckPlaces, ParentThatIsNoFolderDisablesTheSpool) {
+TEST_F(CheckPaths, ParentThatIsNoFolderDisablesTheSpool) {
   test::write_file("orvik-spool", "");
   EXPECT_THAT(spool(), StartsWith("disabled: error spool-parent-not-folder\nspool disabled: "));
   EXPECT_EQ(spool_itself(), "disabled");
 }
 
-TEST_F(CheckPlaces, SpoolThatIsNoFolderIsDisabled) {
+TEST_F(CheckPaths, SpoolThatIsNoFolderIsDisabled) {
   make("orvik-spool");
   test::write_file(kSpool, "");
   EXPECT_THAT(spool(), StartsWith("disabled: error spool-not-folder\nspool disabled: "));
   EXPECT_EQ(spool_itself(), "disabled");
 }
 
-TEST_F(CheckPlaces, SpoolThatIsALinkToNowhereIsDisabled) {
+TEST_F(CheckPaths, SpoolThatIsALinkToNowhereIsDisabled) {
   make("orvik-spool");
   fs::create_symlink("nowhere", kSpool);
   EXPECT_THAT(spool(), StartsWith("disabled: error spool-not-folder\n"));
   EXPECT_EQ(spool_itself(), "disabled");
 }
 
-TEST_F(CheckPlaces, SpoolThatIsALinkToAFolderIsFine) {
+TEST_F(CheckPaths, SpoolThatIsALinkToAFolderIsFine) {
   make("orvik-spool");
   make("elsewhere");
   fs::create_symlink("../elsewhere", kSpool);
@@ -188,7 +190,7 @@ TEST_F(CheckPlaces, SpoolThatIsALinkToAFolderIsFine) {
   EXPECT_EQ(spool_itself(), "works");
 }
 
-TEST_F(CheckPlaces, ParentThatCannotBeWrittenDisablesTheSpool) {
+TEST_F(CheckPaths, ParentThatCannotBeWrittenDisablesTheSpool) {
   make("orvik-spool");
   close_to_writers("orvik-spool");
   EXPECT_THAT(as_ordinary_user(spool),
@@ -196,7 +198,7 @@ TEST_F(CheckPlaces, ParentThatCannotBeWrittenDisablesTheSpool) {
   EXPECT_EQ(as_ordinary_user(spool_itself), "disabled");
 }
 
-TEST_F(CheckPlaces, SpoolThatCannotBeWrittenIsFound) {
+TEST_F(CheckPaths, SpoolThatCannotBeWrittenIsFound) {
   make(kSpool);
   close_to_writers(kSpool);
   const std::string said = as_ordinary_user(spool);
@@ -204,7 +206,7 @@ TEST_F(CheckPlaces, SpoolThatCannotBeWrittenIsFound) {
   EXPECT_THAT(said, HasSubstr("events beyond the 500 in memory are lost"));
 }
 
-TEST_F(CheckPlaces, SpoolFileThatCannotBeWrittenIsFound) {
+TEST_F(CheckPaths, SpoolFileThatCannotBeWrittenIsFound) {
   make(kSpool);
   chmod(kSpool, 0777);
   test::write_file(std::string(kSpool) + "/queue.dat", kHeader);
@@ -212,18 +214,18 @@ TEST_F(CheckPlaces, SpoolFileThatCannotBeWrittenIsFound) {
   EXPECT_THAT(as_ordinary_user(spool), StartsWith("ready: warning spool-file\n"));
 }
 
-TEST_F(CheckPlaces, SpoolFileThatIsNoneIsFound) {
+TEST_F(CheckPaths, SpoolFileThatIsNoneIsFound) {
   make(std::string(kSpool) + "/queue.dat");
   EXPECT_THAT(spool(), StartsWith("ready: warning spool-file\n"));
 }
 
-TEST_F(CheckPlaces, SpoolFilesThatAreInOrderAreNot) {
+TEST_F(CheckPaths, SpoolFilesThatAreInOrderAreNot) {
   write_chunks({kHeader, kHeader + std::string("more")});
   EXPECT_EQ(spool(), "ready:");
   EXPECT_EQ(corrupted_files(), 0u);
 }
 
-TEST_F(CheckPlaces, OlderSpoolFileThatCannotBeWrittenIsFound) {
+TEST_F(CheckPaths, OlderSpoolFileThatCannotBeWrittenIsFound) {
   write_chunks({kHeader, kHeader, kHeader});
   chmod(kSpool, 0777);
   chmod("orvik-spool/work/queue.dat", 0666);
@@ -239,7 +241,7 @@ TEST_F(CheckPlaces, OlderSpoolFileThatCannotBeWrittenIsFound) {
   }
 }
 
-TEST_F(CheckPlaces, SpoolFilesThatThePlugInCallsCorruptedAreFound) {
+TEST_F(CheckPaths, SpoolFilesThatThePlugInCallsCorruptedAreFound) {
   for (const std::string& start : {std::string(), kHeader.substr(1), kHeader.substr(0, 11)}) {
     write_chunks({kHeader, start});
     EXPECT_THAT(spool(), StartsWith("ready: warning spool-file-damaged\nspool file orvik-spool/"
@@ -251,14 +253,14 @@ TEST_F(CheckPlaces, SpoolFilesThatThePlugInCallsCorruptedAreFound) {
   EXPECT_EQ(corrupted_files(), 2u);
 }
 
-TEST_F(CheckPlaces, FilesBehindAGapInTheSequenceAreNotThePlugIns) {
+TEST_F(CheckPaths, FilesBehindAGapInTheSequenceAreNotThePlugIns) {
   write_chunks({kHeader, kHeader, ""});
   fs::remove("orvik-spool/work/queue.dat.1");
   EXPECT_EQ(spool(), "ready:");
   EXPECT_EQ(corrupted_files(), 0u);
 }
 
-TEST_F(CheckPlaces, SpoolThatCannotBeReachedIsNotCalledMissing) {
+TEST_F(CheckPaths, SpoolThatCannotBeReachedIsNotCalledMissing) {
   make(kSpool);
   chmod("orvik-spool", 0);
   const std::string said = as_ordinary_user(spool_in_closed_folder);
@@ -268,7 +270,7 @@ TEST_F(CheckPlaces, SpoolThatCannotBeReachedIsNotCalledMissing) {
   EXPECT_EQ(as_ordinary_user(spool_itself), "disabled");
 }
 
-TEST_F(CheckPlaces, SpoolThatIsALinkToItselfCannotBeReached) {
+TEST_F(CheckPaths, SpoolThatIsALinkToItselfCannotBeReached) {
   make("orvik-spool");
   fs::create_symlink("work", kSpool);
   EXPECT_THAT(spool_in_closed_folder(), StartsWith("disabled: error spool-not-reachable\n"));
@@ -277,7 +279,7 @@ TEST_F(CheckPlaces, SpoolThatIsALinkToItselfCannotBeReached) {
 
 // -- The agent's identifier -----------------------------------------------------------------------
 
-TEST_F(CheckPlaces, IdentifierIsReadFromItsFile) {
+TEST_F(CheckPaths, IdentifierIsReadFromItsFile) {
   make(kPrefix);
   test::write_file(kIdFile, "Izy8GbaHOR9BwO9iK5Tqo8");
   EXPECT_EQ(agent(), "read:");
@@ -286,17 +288,17 @@ TEST_F(CheckPlaces, IdentifierIsReadFromItsFile) {
   EXPECT_EQ(last.path, kIdFile);
 }
 
-TEST_F(CheckPlaces, IdentifierOfTheConstantWinsAndNoFileIsLookedAt) {
+TEST_F(CheckPaths, IdentifierOfTheConstantWinsAndNoFileIsLookedAt) {
   EXPECT_EQ(agent("agent-7"), "the agent-id file is not looked at:");
   EXPECT_EQ(last.source, "script constant");
   EXPECT_EQ(last.value, "agent-7");
 }
 
-TEST_F(CheckPlaces, DashAsIdentifierIsNoted) {
+TEST_F(CheckPaths, DashAsIdentifierIsNoted) {
   EXPECT_THAT(agent("-"), HasSubstr(": note agent-id-dash\n"));
 }
 
-TEST_F(CheckPlaces, LineEndInTheFileIsFound) {
+TEST_F(CheckPaths, LineEndInTheFileIsFound) {
   make(kPrefix);
   for (const char* id : {"abc\n", "abc\r\n", "abc\r"}) {
     test::write_file(kIdFile, id);
@@ -305,14 +307,14 @@ TEST_F(CheckPlaces, LineEndInTheFileIsFound) {
   }
 }
 
-TEST_F(CheckPlaces, BlanksInTheIdentifierAreFound) {
+TEST_F(CheckPaths, BlanksInTheIdentifierAreFound) {
   make(kPrefix);
   test::write_file(kIdFile, "abc def");
   EXPECT_THAT(agent(), StartsWith("read: warning agent-id-characters\n"));
   EXPECT_THAT(agent(" abc"), HasSubstr("warning agent-id-characters\nLogZMQ::zmq_agent_id "));
 }
 
-TEST_F(CheckPlaces, FileThatIsTooLongIsFoundAndCut) {
+TEST_F(CheckPaths, FileThatIsTooLongIsFoundAndCut) {
   make(kPrefix);
   test::write_file(kIdFile, std::string(1024, 'x'));
   EXPECT_EQ(agent(), "read:");
@@ -321,20 +323,20 @@ TEST_F(CheckPlaces, FileThatIsTooLongIsFoundAndCut) {
   EXPECT_EQ(last.value.size(), 1024u);
 }
 
-TEST_F(CheckPlaces, MissingFileWillBeMade) {
+TEST_F(CheckPaths, MissingFileWillBeMade) {
   make(kPrefix);
   EXPECT_THAT(agent(), StartsWith("will be made: note agent-id-will-be-made\n"));
   EXPECT_EQ(last.source, "generated");
   EXPECT_EQ(last.value, "");
 }
 
-TEST_F(CheckPlaces, MissingFolderOfTheFileWillBeMadeToo) {
+TEST_F(CheckPaths, MissingFolderOfTheFileWillBeMadeToo) {
   EXPECT_THAT(agent(), StartsWith("will be made: note agent-id-will-be-made\n"));
 }
 
-TEST_F(CheckPlaces, FileCannotBeKeptWithoutTheParentOfItsFolder) {
+TEST_F(CheckPaths, FileCannotBeKeptWithoutTheParentOfItsFolder) {
   Findings findings;
-  const AgentIdReport report = judge_agent_id(
+  const AgentIdReport report = check_agent_id(
       {"", "LogZMQ::zmq_agent_id", SettingOrigin::kNowhere, "LogZMQ::zmq_agent_id", ""},
       "missing/orvik", &findings);
   EXPECT_THAT(told(report.state, findings),
@@ -342,25 +344,25 @@ TEST_F(CheckPlaces, FileCannotBeKeptWithoutTheParentOfItsFolder) {
   EXPECT_THAT(findings[0].text, HasSubstr("missing, the parent"));
 }
 
-TEST_F(CheckPlaces, FileCannotBeKeptInAFolderThatIsNone) {
+TEST_F(CheckPaths, FileCannotBeKeptInAFolderThatIsNone) {
   test::write_file(kPrefix, "");
   EXPECT_THAT(agent(), StartsWith("cannot be kept: warning agent-id-not-kept\n"));
 }
 
-TEST_F(CheckPlaces, FileCannotBeKeptInAFolderThatIsNotWritable) {
+TEST_F(CheckPaths, FileCannotBeKeptInAFolderThatIsNotWritable) {
   make(kPrefix);
   close_to_writers(kPrefix);
   EXPECT_THAT(as_ordinary_user([] { return agent(); }),
               StartsWith("cannot be kept: warning agent-id-not-kept\n"));
 }
 
-TEST_F(CheckPlaces, EmptyFileWillBeWritten) {
+TEST_F(CheckPaths, EmptyFileWillBeWritten) {
   make(kPrefix);
   test::write_file(kIdFile, "");
   EXPECT_THAT(agent(), StartsWith("empty, will be written: note agent-id-empty\n"));
 }
 
-TEST_F(CheckPlaces, EmptyFileThatCannotBeWrittenIsFound) {
+TEST_F(CheckPaths, EmptyFileThatCannotBeWrittenIsFound) {
   make(kPrefix);
   test::write_file(kIdFile, "");
   chmod(kIdFile, 0444);
@@ -368,7 +370,7 @@ TEST_F(CheckPlaces, EmptyFileThatCannotBeWrittenIsFound) {
               StartsWith("cannot be kept: warning agent-id-not-kept\n"));
 }
 
-TEST_F(CheckPlaces, FileThatCannotBeReadIsFound) {
+TEST_F(CheckPaths, FileThatCannotBeReadIsFound) {
   make(kPrefix);
   test::write_file(kIdFile, "secret");
   chmod(kIdFile, 0);
@@ -376,12 +378,12 @@ TEST_F(CheckPlaces, FileThatCannotBeReadIsFound) {
               StartsWith("unreadable: error agent-id-unreadable\n"));
 }
 
-TEST_F(CheckPlaces, FolderInThePlaceOfTheFileIsFound) {
+TEST_F(CheckPaths, FolderInThePlaceOfTheFileIsFound) {
   make(kIdFile);
   EXPECT_THAT(agent(), StartsWith("no file: warning agent-id-not-kept\n"));
 }
 
-TEST_F(CheckPlaces, PipeInThePlaceOfTheFileIsFoundAndNotRead) {
+TEST_F(CheckPaths, PipeInThePlaceOfTheFileIsFoundAndNotRead) {
   make(kPrefix);
   ASSERT_EQ(mkfifo(kIdFile, 0600), 0);
   // Opening it for reading would wait for ever.
@@ -395,14 +397,14 @@ TEST_F(CheckPlaces, PipeInThePlaceOfTheFileIsFoundAndNotRead) {
   EXPECT_EQ(last.value, "");
 }
 
-TEST_F(CheckPlaces, DeviceInThePlaceOfTheFileIsFoundAndNotRead) {
+TEST_F(CheckPaths, DeviceInThePlaceOfTheFileIsFoundAndNotRead) {
   make(kPrefix);
   fs::create_symlink("/dev/zero", kIdFile);
   EXPECT_THAT(agent(), StartsWith("no file: error agent-id-not-file\n"));
   EXPECT_EQ(last.value, "");
 }
 
-TEST_F(CheckPlaces, FileBehindALinkThatLeadsNowhereWillBeMade) {
+TEST_F(CheckPaths, FileBehindALinkThatLeadsNowhereWillBeMade) {
   make(kPrefix);
   make("elsewhere");
   fs::create_symlink("../elsewhere/link", kIdFile);
@@ -411,7 +413,7 @@ TEST_F(CheckPlaces, FileBehindALinkThatLeadsNowhereWillBeMade) {
   EXPECT_EQ(last.source, "generated");
 }
 
-TEST_F(CheckPlaces, FileBehindALinkCannotBeKeptWithoutItsFolder) {
+TEST_F(CheckPaths, FileBehindALinkCannotBeKeptWithoutItsFolder) {
   make(kPrefix);
   fs::create_symlink("../elsewhere/agent.id", kIdFile);
   const std::string said = agent();
@@ -419,7 +421,7 @@ TEST_F(CheckPlaces, FileBehindALinkCannotBeKeptWithoutItsFolder) {
   EXPECT_THAT(said, HasSubstr("elsewhere is no folder or does not exist"));
 }
 
-TEST_F(CheckPlaces, FileBehindALinkCannotBeKeptInAFolderThatIsNotWritable) {
+TEST_F(CheckPaths, FileBehindALinkCannotBeKeptInAFolderThatIsNotWritable) {
   make(kPrefix);
   make("orvik-spool");
   close_to_writers("orvik-spool");
@@ -428,7 +430,7 @@ TEST_F(CheckPlaces, FileBehindALinkCannotBeKeptInAFolderThatIsNotWritable) {
               StartsWith("cannot be kept: warning agent-id-not-kept\n"));
 }
 
-TEST_F(CheckPlaces, FileThatCannotBeReachedIsNotCalledMissing) {
+TEST_F(CheckPaths, FileThatCannotBeReachedIsNotCalledMissing) {
   make(kPrefix);
   fs::create_symlink("agent.id", kIdFile);
   const std::string said = agent();

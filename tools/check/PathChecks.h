@@ -8,13 +8,15 @@
 #include "Configuration.h"
 #include "Finding.h"
 
+namespace zmqwriter {
+
 struct SpoolReport {
   std::string folder;
   std::string parent;
   std::string state;  ///< "ready", "will be made", "disabled" or "not writable"
 };
 
-SpoolReport judge_spool(const std::string& folder, Findings* findings);
+SpoolReport check_spool(const std::string& folder, Findings* findings);
 
 struct AgentIdReport {
   std::string source;  ///< "script constant", "file", "generated" or "not known"
@@ -24,5 +26,7 @@ struct AgentIdReport {
 };
 
 /// `constant` is LogZMQ::zmq_agent_id, `prefix` the install prefix.
-AgentIdReport judge_agent_id(const Setting& constant, const std::string& prefix,
+AgentIdReport check_agent_id(const Setting& constant, const std::string& prefix,
                              Findings* findings);
+
+}  // namespace zmqwriter

@@ -1,4 +1,4 @@
-#include "Places.h"
+#include "PathChecks.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +14,8 @@
 #include "AgentIdFile.h"
 #include "SpoolFormat.h"
 #include "SpoolReader.h"
+
+namespace zmqwriter {
 
 namespace fs = std::filesystem;
 
@@ -58,7 +60,7 @@ const char kSpoolDisabled[] = "spool disabled: ";
 
 /// The chunk files that a start of the plug-in finds; each becomes the newest one in its turn, and
 /// is written to then.
-void judge_files(const std::string& folder, Findings* findings) {
+void check_files(const std::string& folder, Findings* findings) {
   const auto tell = [&](const std::string& id, const std::vector<std::string>& files,
                         const std::string& what, const std::string& remedy) {
     if (files.empty())
@@ -79,7 +81,7 @@ void judge_files(const std::string& folder, Findings* findings) {
     if (access(path, R_OK | W_OK) != 0) {
       reason = std::strerror(errno);
       closed.emplace_back(path);
-    } else if (!spool::ChunkFile(folder, number).has_signature()) {
+    } else if (!ChunkFile(folder, number).has_signature()) {
       damaged.emplace_back(path);
     }
   }
@@ -99,7 +101,7 @@ void judge_files(const std::string& folder, Findings* findings) {
 }
 
 /// The folder is not there: the plug-in makes it, but not its parent.
-std::string judge_missing_spool(const SpoolReport& spool, Findings* findings) {
+std::string check_missing_spool(const SpoolReport& spool, Findings* findings) {
   const auto disabled = [&](const std::string& id, const std::string& why,
                             const std::string& remedy) {
     findings->push_back({id, Severity::kError, kSpoolDisabled + why + kLost, remedy});
@@ -132,11 +134,11 @@ std::string judge_missing_spool(const SpoolReport& spool, Findings* findings) {
 
 }  // namespace
 
-SpoolReport judge_spool(const std::string& folder, Findings* findings) {
+SpoolReport check_spool(const std::string& folder, Findings* findings) {
   SpoolReport spool = {folder, parent_of(folder), "ready"};
   switch (kind_of(folder)) {
     case Kind::kMissing:
-      spool.state = judge_missing_spool(spool, findings);
+      spool.state = check_missing_spool(spool, findings);
       return spool;
     case Kind::kHidden:
       findings->push_back(
@@ -163,7 +165,7 @@ SpoolReport judge_spool(const std::string& folder, Findings* findings) {
     spool.state = "not writable";
     return spool;
   }
-  judge_files(folder, findings);
+  check_files(folder, findings);
   return spool;
 }
 
@@ -174,7 +176,7 @@ namespace {
 const char kNamedDash[] = "set LogZMQ::zmq_agent_id, unless the agent is to have no name";
 
 /// Oddities of an identifier that is used as it stands.
-void judge_identifier(const std::string& id, const std::string& where, Findings* findings) {
+void check_identifier(const std::string& id, const std::string& where, Findings* findings) {
   const auto is_line_end = [](char c) { return c == '\n' || c == '\r'; };
   const auto is_blank = [](unsigned char c) { return c <= ' ' || c == 0x7f; };
   if (id == "-")
@@ -194,7 +196,7 @@ void judge_identifier(const std::string& id, const std::string& where, Findings*
 }
 
 /// An identifier has to be generated: `why_not` says why it cannot be stored, empty when it can.
-void judge_storing(const std::string& path, const std::string& why_not, Findings* findings) {
+void check_storing(const std::string& path, const std::string& why_not, Findings* findings) {
   if (!why_not.empty())
     findings->push_back({"agent-id-not-kept", Severity::kWarning,
                          "the agent-id file " + path + " cannot be kept: " + why_not +
@@ -233,9 +235,9 @@ std::string why_not_made(const std::string& prefix, const std::string& path) {
   return closed.empty() ? "" : parent + ": " + closed;
 }
 
-void judge_missing_file(const std::string& prefix, AgentIdReport* report, Findings* findings) {
+void check_missing_file(const std::string& prefix, AgentIdReport* report, Findings* findings) {
   const std::string why_not = why_not_made(prefix, report->path);
-  judge_storing(report->path, why_not, findings);
+  check_storing(report->path, why_not, findings);
   report->state = why_not.empty() ? "will be made" : "cannot be kept";
   if (why_not.empty())
     findings->push_back({"agent-id-will-be-made", Severity::kNote,
@@ -245,7 +247,7 @@ void judge_missing_file(const std::string& prefix, AgentIdReport* report, Findin
 }
 
 /// A regular file is there, and the plug-in gets nothing from it.
-void judge_useless_file(AgentIdReport* report, Findings* findings) {
+void check_file_without_identifier(AgentIdReport* report, Findings* findings) {
   const std::string& path = report->path;
   struct stat status;
   if (stat(path.c_str(), &status) == 0 && status.st_size > 0) {
@@ -259,7 +261,7 @@ void judge_useless_file(AgentIdReport* report, Findings* findings) {
     const std::string why_not =
         access(path.c_str(), W_OK) == 0 ? "" : std::string("it cannot be written");
     report->state = why_not.empty() ? "empty, will be written" : "cannot be kept";
-    judge_storing(path, why_not, findings);
+    check_storing(path, why_not, findings);
     if (why_not.empty())
       findings->push_back(
           {"agent-id-empty", Severity::kNote,
@@ -269,20 +271,20 @@ void judge_useless_file(AgentIdReport* report, Findings* findings) {
 }
 
 /// The plug-in will get no identifier from the path; `why_hidden` is for one that is hidden.
-void judge_generating(Kind kind, const std::string& why_hidden, const std::string& prefix,
-                      AgentIdReport* report, Findings* findings) {
+void check_without_identifier(Kind kind, const std::string& why_hidden, const std::string& prefix,
+                              AgentIdReport* report, Findings* findings) {
   report->source = "generated";
   switch (kind) {
     case Kind::kMissing:
-      return judge_missing_file(prefix, report, findings);
+      return check_missing_file(prefix, report, findings);
     case Kind::kFile:
-      return judge_useless_file(report, findings);
+      return check_file_without_identifier(report, findings);
     case Kind::kHidden:
       report->state = "cannot be kept";
-      return judge_storing(report->path, "it cannot be looked at: " + why_hidden, findings);
+      return check_storing(report->path, "it cannot be looked at: " + why_hidden, findings);
     case Kind::kFolder:
       report->state = "no file";
-      return judge_storing(report->path, "it is no regular file", findings);
+      return check_storing(report->path, "it is no regular file", findings);
     case Kind::kOther:
       // Reading it here might never end.
       report->source = "not known";
@@ -298,12 +300,12 @@ void judge_generating(Kind kind, const std::string& why_hidden, const std::strin
 
 }  // namespace
 
-AgentIdReport judge_agent_id(const Setting& constant, const std::string& prefix,
+AgentIdReport check_agent_id(const Setting& constant, const std::string& prefix,
                              Findings* findings) {
   AgentIdReport report = {"script constant", prefix + agent_id_file::kName, constant.value, ""};
   if (!constant.value.empty()) {
     report.state = "the agent-id file is not looked at";
-    judge_identifier(report.value, constant.name, findings);
+    check_identifier(report.value, constant.name, findings);
     return report;
   }
   const Kind kind = kind_of(report.path);
@@ -311,12 +313,12 @@ AgentIdReport judge_agent_id(const Setting& constant, const std::string& prefix,
   if (kind == Kind::kFile)
     report.value = agent_id_file::read(report.path.c_str());
   if (report.value.empty()) {
-    judge_generating(kind, why_hidden, prefix, &report, findings);
+    check_without_identifier(kind, why_hidden, prefix, &report, findings);
     return report;
   }
   report.source = "file";
   report.state = "read";
-  judge_identifier(report.value, report.path, findings);
+  check_identifier(report.value, report.path, findings);
   struct stat status;
   if (stat(report.path.c_str(), &status) == 0 &&
       status.st_size > static_cast<off_t>(agent_id_file::kMaxLength))
@@ -327,3 +329,5 @@ AgentIdReport judge_agent_id(const Setting& constant, const std::string& prefix,
                          "write a shorter identifier"});
   return report;
 }
+
+}  // namespace zmqwriter
