@@ -1,6 +1,7 @@
-"""The plug-in's sources compile as C++11, C++14 and C++17, with g++ and clang++, with assertions
-and without, without a warning; and they keep the order of includes that makes this work with the
-host's headers, which define macros and open namespace std.
+"""The plug-in's sources compile with clang++ in the oldest and the newest standard, without a
+warning (the build itself does so with its own compiler); they keep the order of includes that makes
+this work with the host's headers, which define macros and open namespace std; and they ask for no
+host and no system.
 
     compile_matrix_test.py SOURCE_DIR GENERATED_DIR [INCLUDE_DIR]...
 """
@@ -21,12 +22,13 @@ SRC = os.path.join(SOURCE_DIR, "src")
 HOST = os.path.join(SOURCE_DIR, "host/include")
 PLATFORM = os.path.join(SOURCE_DIR, "platform/include")
 OWN = [os.path.basename(path) for path in glob.glob(os.path.join(SRC, "*.h"))]
-STANDARDS = ("c++11", "c++14", "c++17")
+STANDARDS = ("c++11", "c++17")
 
 
-def find_clang(path=None):
-    """The compiler's path, also where a system installs it under its versioned name only."""
-    return shutil.which("clang++", path=path) or shutil.which("clang++-14", path=path)
+def find_clang():
+    """The compiler's path, also where it is installed under a name with its version only."""
+    names = [os.path.basename(path) for path in glob.glob("/usr/bin/clang++-[0-9]*")]
+    return next(filter(None, map(shutil.which, ["clang++"] + names)), None)
 
 
 def includes(path):
@@ -48,49 +50,35 @@ def brings_host_headers(include):
     return is_host_header(include)
 
 
-def compile_all(configuration):
-    compiler, standard, assertions = configuration
+def sources():
+    return sorted(glob.glob(os.path.join(SRC, "*.cc")) +
+                  glob.glob(os.path.join(GENERATED_DIR, "zmq.bif*.cc")))
+
+
+def compile_one(compiler, standard, source):
     folders = [SRC, HOST, GENERATED_DIR] + ([PLATFORM] if sys.platform != "darwin" else [])
     flags = ["-std=" + standard, "-fsyntax-only", "-Wall", "-Wextra", "-Werror"]
     flags += ["-I" + folder for folder in folders]
     for folder in sys.argv[3:]:
         # Naming the system's own folder would change the order in which headers are found.
         flags += ["-isystem", folder] if folder != "/usr/include" else []
-    flags += [] if assertions else ["-DNDEBUG"]
-    sources = sorted(glob.glob(os.path.join(SRC, "*.cc")) +
-                     glob.glob(os.path.join(GENERATED_DIR, "zmq.bif*.cc")))
-    result = subprocess.run([compiler] + flags + sources, stdout=subprocess.PIPE,
+    result = subprocess.run([compiler] + flags + [source], stdout=subprocess.PIPE,
                             stderr=subprocess.STDOUT, text=True)
-    return len(sources), result.returncode, result.stdout
+    return result.returncode, result.stdout
 
 
 class CompileMatrixTest(unittest.TestCase):
-    def test_clang_is_found_under_either_name(self):
-        with tempfile.TemporaryDirectory(prefix="zmqwriter-test-") as folder:
-            self.assertIsNone(find_clang(folder))
-            for name in ("clang++-14", "clang++"):
-                path = os.path.join(folder, name)
-                os.close(os.open(path, os.O_CREAT, 0o755))
-                self.assertEqual(find_clang(folder), path)
-
-    def test_sources_compile_in_every_combination_with_gcc(self):
-        self.check_every_combination("g++")
-
-    def test_sources_compile_in_every_combination_with_clang(self):
+    def test_sources_compile_with_clang_in_every_standard(self):
         compiler = find_clang()
         if not compiler and sys.platform != "linux":
-            self.skipTest("neither clang++ nor clang++-14 is installed")
-        self.assertTrue(compiler, "neither clang++ nor clang++-14 is installed")
-        self.check_every_combination(compiler)
-
-    def check_every_combination(self, compiler):
-        configurations = list(itertools.product([compiler], STANDARDS, (True, False)))
+            self.skipTest("clang++ is not installed")
+        self.assertTrue(compiler, "clang++ is not installed")
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-            for configuration, (count, status, text) in zip(configurations,
-                                                            pool.map(compile_all, configurations)):
-                with self.subTest(configuration):
-                    self.assertEqual(status, 0, text)
-                    self.assertEqual(count, len(glob.glob(os.path.join(SRC, "*.cc"))) + 3)
+            results = list(pool.map(lambda job: compile_one(compiler, *job),
+                                    itertools.product(STANDARDS, sources())))
+        self.assertGreater(len(results), 16)
+        for status, text in results:
+            self.assertEqual(status, 0, text)
 
     def test_headers_are_self_contained(self):
         for name in OWN:
@@ -113,6 +101,12 @@ class CompileMatrixTest(unittest.TestCase):
             for name in found[first_host:]:
                 self.assertTrue(name.startswith('"'),
                                 "%s: %s stands behind %s" % (path, name, found[first_host]))
+
+    def test_no_host_or_system_is_asked_for(self):
+        for path in glob.glob(os.path.join(SRC, "*.cc")) + glob.glob(os.path.join(SRC, "*.h")):
+            with open(path) as file:
+                self.assertEqual(re.findall(r"^ *#.*\b(?:__APPLE__|__linux__|BRO_\w+)\b.*", file.read(),
+                                            re.MULTILINE), [], path)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,5 @@
-"""Reads the documents: their blocks, the commands in these, code spans, links and anchors; and runs
-commands of a page one after the other, in one shell, as a reader would.
+"""Reads the documents: their blocks, the commands in these, links and anchors; and runs commands of
+a page one after the other, in one shell, as a reader would.
 
 Indented blocks and those fenced as ```sh hold commands. Blocks fenced as ```console hold commands
 behind "$ " (continued behind "> "), followed by lines of what they print. "..." in such a line
@@ -120,12 +120,6 @@ class Page:
     def commands(self, block):
         return commands_in(block, self.name)
 
-    def code_spans(self):
-        """(line number, text) of code in running text and tables."""
-        for number, line in self.prose:
-            for span in re.findall(r"(?<!`)`([^`\n]+)`(?!`)", line):
-                yield number, span.replace("\\|", "|")
-
     def links(self):
         for number, line in self.prose:
             for target in re.findall(r"\]\(([^)\s]+)\)", re.sub(r"`[^`]*`", "", line)):
@@ -140,21 +134,6 @@ class Page:
                 name = text.replace(" ", "-")
                 names.append(name + ("-%d" % names.count(name) if name in names else ""))
         return names
-
-    def table_rows(self, heading):
-        """Cells of the rows of all tables in the section of that heading."""
-        inside, rows = False, []
-        for number, line in self.prose:
-            if line.startswith("#"):
-                level = len(line) - len(line.lstrip("#"))
-                if line.lstrip("# ") == heading:
-                    inside = level
-                elif inside and level <= inside:
-                    inside = False
-            elif inside and line.startswith("|") and not re.match(r"\|[-| ]*$", line):
-                rows.append((number, [cell.strip() for cell in
-                                      re.split(r"(?<!\\)\|", line.strip().strip("|"))]))
-        return rows
 
 
 def all_pages(folder):
