@@ -13,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -97,13 +98,13 @@ class Interrupted {
 TEST_F(PullSocketTest, SignalsDoNotCutWaitingShort) {
   const std::string endpoint = socket_.Bind("tcp://127.0.0.1:*");
   const Interrupted signals;
+  // It lives until the message is here: closing it would drop what is not sent yet.
+  std::unique_ptr<Sender> sender;
   std::thread later([&] {
     while (signals.count() < 50)
       std::this_thread::yield();
-    Sender sender(context_, keys_.public_key, endpoint);
-    sender.Send("late");
-    while (signals.count() < 100)
-      std::this_thread::yield();
+    sender = std::make_unique<Sender>(context_, keys_.public_key, endpoint);
+    sender->Send("late");
   });
   EXPECT_TRUE(socket_.Wait(kDeadlineMs));
   later.join();
