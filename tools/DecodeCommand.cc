@@ -61,9 +61,7 @@ int decode_files(std::vector<std::string> files) {
   bool good = true;
   for (const std::string& file : files)
     good = decode_file(file, &out) && good;
-  out.Flush();
-  if (out.failed())
-    throw std::runtime_error(out.problem());
+  out.Finish();
   return good ? 0 : 1;
 }
 

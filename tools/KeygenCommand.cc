@@ -65,9 +65,7 @@ int make_keys(const std::string& folder) {
                public_file.c_str(), secret_file.c_str());
   Output out;
   out.WriteLine("zmq.public_key = " + to_hex(pair.public_key));
-  out.Flush();
-  if (out.failed())
-    throw std::runtime_error(out.problem());
+  out.Finish();
   return 0;
 }
 

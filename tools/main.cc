@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <memory>
 
@@ -65,6 +66,10 @@ int main(int argc, char** argv) {
   add_spool_command(app, &exit_code);
   add_completion_command(app, &exit_code);
 
+  if (argc > 1 && std::strcmp(argv[1], "__complete") == 0) {
+    std::fputs(complete(app, {argv + 2, argv + argc}).c_str(), stdout);
+    return 0;
+  }
   if (const char* const word = unknown_subcommand(app, argc, argv)) {
     std::fprintf(stderr, "unknown subcommand '%s'\nRun with --help for more information.\n", word);
     return kWrongUsage;

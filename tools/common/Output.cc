@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 
 namespace zmqwriter {
 
@@ -60,6 +61,12 @@ void Output::Flush() {
   if (std::fflush(stream_) != 0 || write_fully(fileno(stream_), buffer_) != buffer_.size())
     Fail();
   buffer_.clear();
+}
+
+void Output::Finish() {
+  Flush();
+  if (failed())
+    throw std::runtime_error(problem_);
 }
 
 void Output::Fail() {

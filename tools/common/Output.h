@@ -23,6 +23,8 @@ class Output {
   void Write(std::string_view text);
   void WriteLine(std::string_view text);
   void Flush();
+  /// Flush, and std::runtime_error when not all could be written.
+  void Finish();
 
   bool failed() const { return !problem_.empty(); }
   /// Why writing failed, for standard error.

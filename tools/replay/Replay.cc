@@ -426,9 +426,7 @@ int describe_plugin(const ReplayOptions& options, bool details) {
   host.LoadPlugin(options.plugin_folder);
   Output out;
   out.Write(host.DescribePlugins(details));
-  out.Flush();
-  if (out.failed())
-    throw std::runtime_error(out.problem());
+  out.Finish();
   return 0;
 }
 

@@ -35,12 +35,6 @@ std::vector<std::uint32_t> chunks_of(const std::string& folder) {
   return numbers;
 }
 
-void finish(Output* out) {
-  out->Flush();
-  if (out->failed())
-    throw std::runtime_error(out->problem());
-}
-
 // Says something on standard error, behind what was written so far.
 void note(Output* out, const std::string& text) {
   out->Flush();
@@ -99,7 +93,7 @@ int list_spool(const std::string& folder) {
   }
   note(&out, plural(numbers.size(), "file") + ", " + plural(found, "record") +
                  "; the next start of the plug-in finds " + std::to_string(counted));
-  finish(&out);
+  out.Finish();
   return damaged ? kFailure : kSuccess;
 }
 
@@ -154,7 +148,7 @@ int dump_spool(const std::string& folder, bool raw) {
   Dumper dumper(&out, raw);
   for (std::size_t i = 0; i < count_in_sequence(folder, numbers); ++i)
     dumper.Dump(ChunkFile(folder, numbers[i]));
-  finish(&out);
+  out.Finish();
   return dumper.good() ? kSuccess : kFailure;
 }
 
@@ -196,7 +190,7 @@ int repair_spool(const std::string& folder, bool dry_run) {
     out.WriteLine("nothing to repair in " + plural(numbers.size(), "file"));
   for (const std::string& refused : plan.refused)
     note(&out, "left as it is: " + refused);
-  finish(&out);
+  out.Finish();
   return plan.refused.empty() ? kSuccess : kFailure;
 }
 
