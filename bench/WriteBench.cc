@@ -22,7 +22,10 @@
 #include <vector>
 
 // Compiled in here, since the worker that all writers share is private to it.
-#include "ZMQ.cc"
+#include "SharedWorker.cc"
+
+#include "RecordConversion.h"
+#include "ZMQ.h"
 
 #include "BenchReport.h"
 #include "SampleRecords.h"
@@ -81,7 +84,7 @@ class Writer {
   const threading::Field* const* fields() const { return samples_.front()->record().fields(); }
 
   static void empty_queue() {
-    logging::writer::ZmqWorker* const worker = logging::writer::worker.load();
+    logging::writer::ZmqWorker* const worker = logging::writer::shared_worker::worker;
     std::queue<logging::writer::zmq_message*> taken;
     pthread_mutex_lock(&worker->mutex);
     taken.swap(worker->queue);

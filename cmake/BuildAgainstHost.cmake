@@ -108,10 +108,12 @@ include(${CMAKE_CURRENT_LIST_DIR}/InstallFolders.cmake)
 
 bro_plugin_begin(Dravenholt ZMQWriter)
 bro_plugin_cc(
+  src/AgentIdFile.cc
   src/PersistentQueue.cc
   src/Plugin.cc
   src/RecordConversion.cc
   src/Reports.cc
+  src/SharedWorker.cc
   src/SystemStats.cc
   src/UserDetect.cc
   src/ZMQ.cc

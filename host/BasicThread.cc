@@ -95,6 +95,7 @@ void BasicThread::Start() {
 void BasicThread::Launch(BasicThread* self) {
   self->child = std::this_thread::get_id();
   self->Run();
+  self->Done();
 }
 
 void BasicThread::SignalStop() {
@@ -122,6 +123,11 @@ void BasicThread::Kill() {
   terminating = true;
   killed = true;
   OnKill();
+}
+
+void BasicThread::Done() {
+  terminating = true;
+  killed = true;
 }
 
 const char* BasicThread::Fmt(const char* format, ...) {

@@ -18,7 +18,9 @@ Manager::~Manager() {
 void Manager::Terminate() {
   standin::require_main_thread("threading::Manager::Terminate");
   terminating = true;
-  DrainOut();
+  // Threads that have ended by now are deleted while the others still work off their queues.
+  while (ProcessOut()) {
+  }
   for (BasicThread* thread : all_threads)
     thread->SignalStop();
   for (BasicThread* thread : all_threads)
@@ -55,14 +57,8 @@ bool Manager::ReapEnded() {
     if (thread->Killed())
       ended.push_back(thread);
   }
-  for (MsgThread* thread : msg_threads) {
-    if (thread->main_finished && !thread->Killed())
-      ended.push_back(thread);
-  }
-  for (BasicThread* thread : ended) {
-    thread->Done();
+  for (BasicThread* thread : ended)
     Delete(thread);
-  }
   return !ended.empty();
 }
 

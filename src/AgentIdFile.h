@@ -1,8 +1,11 @@
-// The agent-id file as the writer reads it, for the writer and for whoever looks it over.
+// The agent's identifier on disk: the file "agent.id" in the install prefix, which holds the
+// identifier as raw bytes.
 #pragma once
 
 #include <stdio.h>
 
+#include <cstddef>
+#include <mutex>
 #include <string>
 
 namespace agent_id_file {
@@ -24,3 +27,26 @@ inline std::string read(const char* path) {
 }
 
 }  // namespace agent_id_file
+
+namespace logging {
+namespace writer {
+
+/// Finds out the identifier of this agent, or makes one. One object serves the whole process.
+class AgentIdDetection {
+ public:
+  /// The identifier in the file. Without one, a generated identifier, which is stored in the file;
+  /// where that fails, the error "Failed to write to <path>" is reported. An identifier that was
+  /// generated stays the answer, whether or not it could be stored or can be read back. Any thread;
+  /// calls run one after the other.
+  std::string detect();
+
+ private:
+  std::mutex mutex_;
+  std::string generated_;  // guarded by mutex_
+};
+
+/// Whether the folder can be opened.
+bool directoryExists(const char* path);
+
+}  // namespace writer
+}  // namespace logging

@@ -7,9 +7,10 @@
 #include <atomic>
 #include <deque>
 #include <mutex>
-#include <new>
 #include <string>
 #include <thread>
+
+#include "OutOfMemory.h"
 
 #include "Reporter.h"
 #include "threading/MsgThread.h"
@@ -113,15 +114,13 @@ void add(const Report& report) {
 }
 
 void report(Kind kind, const char* text) {
-  try {
+  abort_on_bad_alloc([=] {
     const Report report = {kind, text};
     if (on_main_thread())
       call_reporter(report);
     else
       add(report);
-  } catch (const std::bad_alloc&) {
-    out_of_memory("malloc");
-  }
+  });
 }
 
 void report_formatted(Kind kind, const char* format, va_list arguments) {

@@ -16,9 +16,9 @@
 #ifndef ZMQWRITER_SRC_ZMQ_H
 #define ZMQWRITER_SRC_ZMQ_H
 
-#include <atomic>
 #include <string>
 
+#include "AgentIdFile.h"  // directoryExists
 #include "Reports.h"
 
 #include "logging/WriterBackend.h"
@@ -32,13 +32,12 @@ namespace writer {
 ///
 /// Threads: the host constructs and destroys writers on its main thread and calls the Do*
 /// operations on the writer's own, one after the other; those of different writers run at the same
-/// time. DoWrite takes no lock but the one of the worker's queue.
+/// time. DoWrite takes no lock but that of the worker's queue, and the shared worker's for reading.
 ///
-/// The shared worker is created, initialised and started by the first writer that the host
-/// initialises, and stopped and deleted by the first one that it destroys, whichever that is. From
-/// then on DoWrite of the others returns false; a writer initialised later creates a new worker.
-/// Creating and deleting are serialised, and a worker is deleted only when no writer is
-/// using it.
+/// The shared worker (SharedWorker.h) is created, initialised and started by the first writer that
+/// the host initialises, and stopped and deleted by the first one that it destroys, whichever that
+/// is. From then on DoWrite of the others returns false; a writer initialised later creates a new
+/// worker.
 ///
 /// Errors are reported (Reports.h) and never thrown; a failed allocation is fatal through the
 /// host's out_of_memory.
@@ -46,7 +45,8 @@ class ZMQ : public WriterBackend {
  public:
   /// Reads the script constants and finds out the agent identifier.
   explicit ZMQ(WriterFrontend* frontend);
-  /// Stops and deletes the shared worker if there is one: takes as long as its Stop.
+  /// Stops and deletes the shared worker if there is one: takes as long as its Stop. While the host
+  /// ends, waits first until every other writer has worked off what the host has given it.
   ~ZMQ() override;
 
   /// The factory of the component "ZMQ"; the host owns the result.
@@ -74,9 +74,8 @@ class ZMQ : public WriterBackend {
   bool DoHeartbeat(double network_time, double current_time) override;
 
  private:
-  /// Sets agent_id from the agent-id file; without one, generates an identifier and stores it
-  /// there. Writers that find no file at the same time get the same identifier, even if it cannot
-  /// be stored.
+  /// Sets agent_id from the agent-id file; without one, from an identifier generated and stored
+  /// there, which is the same for all writers of the process.
   void DetectAgentId();
 
   const threading::Field* const* fields;
@@ -86,15 +85,8 @@ class ZMQ : public WriterBackend {
   std::string unset_field;
   std::string empty_field;
   threading::formatter::Ascii* formatter;
-
-  friend class WorkerUse;
   reports::WriterAlive alive;
-  /// A DoWrite is between reading the shared worker's pointer and being done with the worker.
-  std::atomic<bool> using_worker;
 };
-
-/// Whether the folder can be opened.
-bool directoryExists(const char* path);
 
 }  // namespace writer
 }  // namespace logging

@@ -42,13 +42,16 @@ State& state() {
 std::atomic<void*> living_worker(nullptr);
 std::atomic<int> worker_deletions(0);
 
+/// Of this thread, until one fails; negative for no limit.
+thread_local long allocations_left = -1;
+
 /// `running` in the fake: true from Start until Stop begins.
 const char* const kNotRunning = "Write while the worker does not run";
 
 }  // namespace
 
 void* operator new(std::size_t size) {
-  void* const memory = std::malloc(size ? size : 1);
+  void* const memory = allocations_left-- == 0 ? nullptr : std::malloc(size ? size : 1);
   if (!memory)
     throw std::bad_alloc();
   return memory;
@@ -110,6 +113,10 @@ std::size_t FakeWorker::message_count() {
 std::vector<std::string> FakeWorker::misuses() {
   std::lock_guard<std::mutex> lock(state().mutex);
   return state().misuses;
+}
+
+void FakeWorker::fail_allocation(long number) {
+  allocations_left = number;
 }
 
 void FakeWorker::listen(std::function<void(const std::string&)> listener) {

@@ -33,6 +33,10 @@ class FakeWorker {
   /// Start, during Stop or after it, Stop before Start.
   static std::vector<std::string> misuses();
 
+  /// Makes the allocation of this thread fail that comes after `number` others; -1 for none. Only
+  /// operator new is meant.
+  static void fail_allocation(long number);
+
   /// Called inside Start, Write and Stop, by their thread, with "Start", "Write" or "Stop"; null
   /// for none. To be set while no worker exists.
   static void listen(std::function<void(const std::string& call)> listener);

@@ -1,11 +1,7 @@
 // The writer backend by itself: identifier, shared worker, housekeeping. The worker is a fake.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -79,37 +75,12 @@ std::string agent_of_events(WriterUnderTest& writer) {
   return text_of(Dravenholt::GetNetworkEvent(message.data())->agent_id());
 }
 
-void expect_generated(const std::string& agent_id) {
-  EXPECT_THAT(agent_id, MatchesRegex(kBase62));
-  EXPECT_GE(agent_id.size(), 2u);
-  EXPECT_LE(agent_id.size(), 22u);
-}
-
 DravenholtZmqWriterStatus status() {
   DravenholtZmqWriterStatus result;
   memset(&result, 0x5a, sizeof result);
   dravenholt_zmqwriter_status(&result);
   return result;
 }
-
-/// Lets files grow to `bytes` at most while it exists.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &previous_);
-    rlimit limit = previous_;
-    limit.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &previous_);
-    signal(SIGXFSZ, handler_);
-  }
-
- private:
-  rlimit previous_;
-  void (*handler_)(int);
-};
 
 }  // namespace
 
@@ -202,119 +173,11 @@ TEST_F(Writer, DashLeavesTheAgentUnnamedAndTheFileAlone) {
   EXPECT_THAT(weirds(), ElementsAre(kNotSet));
 }
 
-TEST_F(Writer, DashInTheFileIsReportedToo) {
-  use_file("-");
+TEST_F(Writer, WithoutAFileAnIdentifierIsGenerated) {
+  use_agent_id("");
   WriterUnderTest writer;
-  EXPECT_EQ("-", writer->agent_id);
-  EXPECT_THAT(weirds(), ElementsAre(kNotSet));
-}
-
-TEST_F(Writer, FileIsTakenWithItsLineEnd) {
-  use_file("abc\n");
-  WriterUnderTest writer;
-  EXPECT_EQ("abc\n", agent_of_events(writer));
-  EXPECT_EQ("abc\n", read_file(kAgentIdFile));
-  EXPECT_THAT(weirds(), IsEmpty());
-}
-
-TEST_F(Writer, FirstThousandAndTwentyFourBytesOfALongFileAreTaken) {
-  const std::string content = std::string(1023, 'x') + "y" + std::string(1976, 'z');
-  ASSERT_EQ(3000u, content.size());
-  use_file(content);
-  WriterUnderTest writer;
-  EXPECT_EQ(std::string(1023, 'x') + "y", writer->agent_id);
-  EXPECT_EQ(content, read_file(kAgentIdFile));
-}
-
-TEST_F(Writer, EmptyFileIsFilledWithANewIdentifierWithoutALineEnd) {
-  use_file("");
-  WriterUnderTest writer;
-  expect_generated(writer->agent_id);
+  EXPECT_THAT(agent_of_events(writer), MatchesRegex(kBase62));
   EXPECT_EQ(writer->agent_id, read_file(kAgentIdFile));
-  EXPECT_EQ(writer->agent_id, agent_of_events(writer));
-  EXPECT_THAT(weirds(), IsEmpty());
-  EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(Writer, MissingFolderIsCreatedForItsOwnerAndGroup) {
-  use_agent_id("");
-  const mode_t umask_before = umask(0);
-  WriterUnderTest writer;
-  umask(umask_before);
-  struct stat info;
-  ASSERT_EQ(0, stat("orvik", &info));
-  EXPECT_EQ(0770u, info.st_mode & 07777u);
-  expect_generated(writer->agent_id);
-  EXPECT_EQ(writer->agent_id, read_file(kAgentIdFile));
-  EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(Writer, IdentifierIsTheSameAtTheNextStart) {
-  use_agent_id("");
-  WriterUnderTest first;
-  const std::string agent_id = first->agent_id;
-  first.destroy();
-  WriterUnderTest second;
-  EXPECT_EQ(agent_id, second->agent_id);
-}
-
-TEST_F(Writer, EachGeneratedIdentifierIsAnother) {
-  use_agent_id("");
-  WriterUnderTest first;
-  std::filesystem::remove(kAgentIdFile);
-  WriterUnderTest second;
-  EXPECT_NE(first->agent_id, second->agent_id);
-}
-
-TEST_F(Writer, GeneratedIdentifierHoldsBothWordsOfItsHundredAndTwentyEightBits) {
-  use_agent_id("");
-  // One word has 11 characters at most, and a word of zero is the one character "0". Two random
-  // words are practically never that short, least of all twenty times.
-  constexpr std::size_t kMostOfOneWord = 11 + 1;
-  std::size_t longest = 0;
-  for (int i = 0; i < 20; i++) {
-    std::filesystem::remove(kAgentIdFile);
-    WriterUnderTest writer;
-    longest = std::max(longest, writer->agent_id.size());
-  }
-  EXPECT_GT(longest, kMostOfOneWord);
-}
-
-TEST_F(Writer, FolderThatCannotBeMadeIsReportedByTheFileThatCannotBeWritten) {
-  use_agent_id("");
-  write_file("orvik", "a file where the folder should be");
-  WriterUnderTest writer;
-  EXPECT_THAT(errors(), ElementsAre("Failed to write to orvik/agent.id"));
-  expect_generated(writer->agent_id);
-  EXPECT_EQ(writer->agent_id, agent_of_events(writer));
-  EXPECT_THAT(weirds(), IsEmpty());
-}
-
-TEST_F(Writer, FileThatCannotBeOpenedForWritingIsReported) {
-  use_agent_id("");
-  std::filesystem::create_directories(kAgentIdFile);  // a folder where the file should be
-  WriterUnderTest writer;
-  EXPECT_THAT(errors(), ElementsAre("Failed to write to orvik/agent.id"));
-  expect_generated(writer->agent_id);
-}
-
-TEST_F(Writer, FileThatCannotBeFilledIsReported) {
-  use_agent_id("");
-  const FileSizeLimit none(0);
-  WriterUnderTest writer;
-  EXPECT_THAT(errors(), ElementsAre("Failed to write to orvik/agent.id"));
-  expect_generated(writer->agent_id);
-}
-
-TEST_F(Writer, IdentifierThatCannotBeStoredIsSharedByTheWritersOfTheProcess) {
-  use_agent_id("");
-  write_file("orvik", "a file where the folder should be");
-  WriterUnderTest first, second;
-  EXPECT_EQ(first->agent_id, second->agent_id);
-  std::filesystem::remove("orvik");
-  WriterUnderTest third;  // now it can be stored
-  EXPECT_EQ(first->agent_id, third->agent_id);
-  EXPECT_EQ(first->agent_id, read_file(kAgentIdFile));
 }
 
 // -- The shared worker ----------------------------------------------------------------------------
@@ -503,13 +366,4 @@ TEST_F(Writer, FormattingGivesANewText) {
   text = logging::writer::ZMQ::FS("<%s>", large.c_str());
   EXPECT_EQ("<" + large + ">", text);
   free(text);
-}
-
-TEST_F(Writer, AFolderExistsWhenItCanBeOpened) {
-  using logging::writer::directoryExists;
-  write_file("file", "");
-  EXPECT_TRUE(directoryExists("."));
-  EXPECT_FALSE(directoryExists("file"));
-  EXPECT_FALSE(directoryExists("missing"));
-  EXPECT_FALSE(directoryExists(""));
 }

@@ -2,21 +2,27 @@
 // about what would be a use after free with the real one.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "WriterStatus.h"
 #include "ZMQ.h"
 
+#include "Net.h"
 #include "logging/Component.h"
+#include "logging/WriterFrontend.h"
 #include "standin/Host.h"
 
 #include "Conversion.h"
@@ -60,6 +66,8 @@ class WriterThreads : public test::ReportingTest {
   test::TempDir dir_;
   test::ScriptConstants constants_;
 };
+
+using WriterThreadsDeathTest = WriterThreads;
 
 std::string unsupported(const std::string& ptype) {
   return "Unsupported protocol type " + ptype + ", using generic format";
@@ -206,27 +214,65 @@ TEST_F(WriterThreads, WorkersMayComeAndGoWhileOthersWriteAndAsk) {
   EXPECT_EQ(200, FakeWorker::stops());
 }
 
+// No exception gets out: each operation ends the process where any of its allocations fails.
+TEST_F(WriterThreadsDeathTest, FailedAllocationIsFatalWhereverItHappens) {
+  const auto run = [](const std::function<bool(WriterUnderTest&)>& operation, long allocation) {
+    WriterUnderTest writer;
+    // Something for the writer to carry to the main thread.
+    std::thread([] { reports::warning("from the send thread"); }).join();
+    std::thread([&] {
+      FakeWorker::fail_allocation(allocation);
+      operation(writer);
+      FakeWorker::fail_allocation(-1);
+    }).join();
+    _exit(0);
+  };
+  const std::pair<const char*, std::function<bool(WriterUnderTest&)>> operations[] = {
+      {"DoInit", [](WriterUnderTest& writer) { return writer.init(); }},
+      {"DoWrite", [](WriterUnderTest& writer) { return writer->DoWrite(0, nullptr, nullptr); }},
+      {"DoHeartbeat", [](WriterUnderTest& writer) { return writer->DoHeartbeat(1.0, 2.0); }},
+  };
+  for (const auto& operation : operations) {
+    SCOPED_TRACE(operation.first);
+    EXPECT_EXIT(run(operation.second, 0), ::testing::KilledBySignal(SIGABRT),
+                "out of memory in malloc");
+    EXPECT_EXIT(run(operation.second, 1000), ::testing::ExitedWithCode(0), "");
+  }
+}
+
 // -- Inside the stand-in host, with threads of its own --------------------------------------------
 
 namespace {
 
 /// The host with the component, but without the plug-in's folder.
-class InsideTheHost : public WriterThreads {
- protected:
-  InsideTheHost() : host_(options()), component_("ZMQ", logging::writer::ZMQ::Instantiate) {}
+class TestHost {
+ public:
+  TestHost() : host_(options()), component_("ZMQ", logging::writer::ZMQ::Instantiate) {}
 
+  standin::Host* operator->() { return &host_; }
+
+  logging::WriterFrontend* create_writer(const std::string& path, RecordBuilder& like) {
+    return host_.CreateWriter("ZMQ", path, like.field_list());
+  }
+
+ private:
   static standin::Host::Options options() {
     standin::Host::Options options;
     options.heartbeat_seconds = 0.01;
     return options;
   }
 
-  logging::WriterFrontend* create_writer(const std::string& path, RecordBuilder& like) {
-    return host_.CreateWriter("ZMQ", path, like.field_list());
-  }
-
   standin::Host host_;
   logging::Component component_;
+};
+
+class InsideTheHost : public WriterThreads {
+ protected:
+  logging::WriterFrontend* create_writer(const std::string& path, RecordBuilder& like) {
+    return host_.create_writer(path, like);
+  }
+
+  TestHost host_;
 };
 
 }  // namespace
@@ -234,22 +280,76 @@ class InsideTheHost : public WriterThreads {
 TEST_F(InsideTheHost, EveryRecordOfThreeStreamsBecomesAMessageOfOneWorker) {
   const int kRecords = 2500;
   RecordBuilder record;
-  record.text("uid", "CAbc").unset("ptype", TYPE_STRING);
-  RecordBuilder ftp;
-  ftp.text("ptype", "ftp").text("uid", "CAbc");
+  record.text("ptype", "ftp").text("uid", "CAbc");
   std::vector<logging::WriterFrontend*> writers;
   for (const char* path : {"a", "b", "c"})
-    writers.push_back(create_writer(path, ftp));
+    writers.push_back(create_writer(path, record));
   for (int i = 0; i < kRecords; i++)
     for (logging::WriterFrontend* writer : writers)
-      writer->Write(ftp.size(), test::copy_values(ftp));
-  // Ended in the host's order, the first writer destroyed takes the worker with it, but only after
-  // all threads have finished.
-  host_.Finish();
+      writer->Write(record.size(), test::copy_values(record));
+  host_->Finish();
   EXPECT_EQ(3u * kRecords, FakeWorker::message_count());
   EXPECT_EQ(1, FakeWorker::starts());
   EXPECT_EQ(1, FakeWorker::stops());
   EXPECT_THAT(errors(), IsEmpty());
+}
+
+// The host destroys a writer that has nothing left to do while others still have records.
+TEST_F(WriterThreads, NoRecordIsLostWhenTheHostEndsWithUnevenQueues) {
+  RecordBuilder record;
+  record.text("ptype", "ftp").text("uid", "CAbc");
+  for (std::size_t round = 0; round < 200; round++) {
+    FakeWorker::reset();
+    std::size_t written = 0;
+    TestHost host;
+    for (std::size_t records : {round % 3, std::size_t{40}, round * 5, std::size_t{0}}) {
+      logging::WriterFrontend* const writer = host.create_writer(std::to_string(records), record);
+      for (std::size_t i = 0; i < records; i++)
+        writer->Write(record.size(), test::copy_values(record));
+      written += records;
+    }
+    host->Finish();
+    ASSERT_EQ(written, FakeWorker::message_count()) << "round " << round;
+    ASSERT_EQ(1, FakeWorker::starts());
+    ASSERT_EQ(1, FakeWorker::stops());
+    ASSERT_THAT(errors(), IsEmpty()) << "round " << round;
+  }
+}
+
+TEST_F(InsideTheHost, RemovedStreamTakesTheWorkerFromTheOthersAtOnce) {
+  RecordBuilder record;
+  record.text("ptype", "ftp").text("uid", "CAbc");
+  logging::WriterFrontend* const kept = create_writer("kept", record);
+  logging::WriterFrontend* const removed = create_writer("removed", record);
+  EXPECT_TRUE(test::wait_until([&] {
+    host_->Pump();
+    return FakeWorker::starts() == 1;
+  }));
+  removed->Stop();
+  EXPECT_TRUE(test::wait_until([&] {
+    host_->Pump();
+    return FakeWorker::stops() == 1;
+  }));
+  kept->SetBuf(false);
+  kept->Write(record.size(), test::copy_values(record));
+  EXPECT_TRUE(test::wait_until([&] {
+    host_->Pump();
+    return !errors().empty();
+  }));
+  EXPECT_THAT(errors(), ::testing::ElementsAre("kept/Log::WRITER_ZMQ: terminating thread"));
+  host_->Finish();
+  EXPECT_EQ(0u, FakeWorker::message_count());
+}
+
+TEST_F(WriterThreads, WriterWhoseThreadWasNeverStartedIsNotWaitedFor) {
+  WriterUnderTest never_started, destroyed;
+  destroyed.init();
+  never_started.init();
+  terminating = true;
+  destroyed.destroy();
+  never_started.destroy();
+  terminating = false;
+  EXPECT_EQ(1, FakeWorker::stops());
 }
 
 TEST_F(InsideTheHost, ReportsOfWriterThreadsAreMadeOnTheMainThreadAndInOrder) {
@@ -267,10 +367,10 @@ TEST_F(InsideTheHost, ReportsOfWriterThreadsAreMadeOnTheMainThreadAndInOrder) {
     }
   }
   EXPECT_TRUE(test::wait_until([&] {
-    host_.Pump();
+    host_->Pump();
     return warnings().size() == 3u * kRecords;
   }));
-  host_.Finish();
+  host_->Finish();
   std::vector<std::string> by_writer[3], expected[3];
   for (const standin::Report& report : recorder_.Reports()) {
     EXPECT_EQ(std::this_thread::get_id(), report.thread);
@@ -291,7 +391,7 @@ TEST_F(InsideTheHost, ReportsOfTheLastRecordsAreNotLostWhenTheHostEnds) {
   logging::WriterFrontend* writer = create_writer("a", record);
   for (int i = 0; i < 1500; i++)
     writer->Write(record.size(), test::copy_values(record));
-  host_.Finish();
+  host_->Finish();
   EXPECT_EQ(1500u, warnings().size());
   for (const standin::Report& report : recorder_.Reports())
     EXPECT_EQ(std::this_thread::get_id(), report.thread);
@@ -304,13 +404,13 @@ TEST_F(InsideTheHost, ReportsOfAThreadOfItsOwnArriveWithTheNextHeartbeat) {
   std::thread send_thread([] { reports::warning("from the send thread, %d %%", 7); });
   send_thread.join();
   EXPECT_TRUE(test::wait_until([&] {
-    host_.Pump();
+    host_->Pump();
     return !warnings().empty();
   }));
   EXPECT_THAT(warnings(), ::testing::ElementsAre("from the send thread, 7 %"));
   for (const standin::Report& report : recorder_.Reports())
     EXPECT_EQ(std::this_thread::get_id(), report.thread);
-  host_.Finish();
+  host_->Finish();
 }
 
 TEST_F(InsideTheHost, ReportsMadeWhileTheWorkerStopsComeWithItsEnd) {
@@ -321,7 +421,7 @@ TEST_F(InsideTheHost, ReportsMadeWhileTheWorkerStopsComeWithItsEnd) {
   RecordBuilder record;
   record.text("ptype", "ftp");
   create_writer("a", record);
-  host_.Finish();
+  host_->Finish();
   EXPECT_THAT(warnings(), ::testing::ElementsAre("last words"));
   for (const standin::Report& report : recorder_.Reports())
     EXPECT_EQ(std::this_thread::get_id(), report.thread);

@@ -61,7 +61,9 @@ class BasicThread {
   // Main.
   void Join();
   void Kill();
-  void Done() { terminating = true; }
+
+  /// Child, at its end: marks the thread as terminating and killed, so that it is deleted.
+  void Done();
 
   bool Started() const { return started; }
   /// Ends the process unless called on the child.

@@ -12,12 +12,15 @@ class Manager {
   Manager();
   ~Manager();
 
-  /// Finishes every thread: signal to all, then in order of creation wait (while handling their
-  /// messages), join, delete. No time limit.
+  /// Finishes every thread. First handles messages, and joins and deletes threads that have ended,
+  /// until nothing more comes, while the others still work. Then signals the rest to stop, waits for
+  /// each in order of creation (while handling their messages), joins and deletes them. No time
+  /// limit.
   void Terminate();
   bool Terminating() const { return terminating; }
 
-  /// Handles what the threads posted; ends those that failed. Returns whether there was anything.
+  /// Handles what the threads posted, then joins and deletes the threads that have ended. Returns
+  /// whether there was anything.
   bool ProcessOut();
   /// Posts a heartbeat to every thread.
   void SendHeartbeats();

@@ -337,15 +337,6 @@ TEST_F(WriterTest, FalseFromDoHeartbeatEndsTheWriterButLeavesTheFrontendEnabled)
   EXPECT_TRUE(story_.numbers().empty());
 }
 
-TEST_F(WriterTest, FalseFromDoFinishIsAnErrorReportOnly) {
-  story_.finish_result = false;
-  create();
-  host_->Finish();
-  EXPECT_THAT(story_.all(), ElementsAre("construct", "init conn 2", "finish", "destroy"));
-  EXPECT_THAT(recorder_.Texts(ReportKind::kError),
-              ElementsAre("conn/Log::WRITER_PROBE: terminating thread"));
-}
-
 TEST_F(WriterTest, FailedWriterDuringFinishDoesNotKeepTheHostWaiting) {
   story_.on_write = [](WriterBackend*, Value**) { return false; };
   WriterFrontend* frontend = create();
@@ -434,7 +425,8 @@ TEST_F(WriterTest, MessagesOfAWriterCarryItsName) {
   };
   WriterFrontend* frontend = create();
   write(frontend, 1);
-  host_->Finish();
+  frontend->FlushWriteBuffer();
+  ASSERT_TRUE(until([&] { return recorder_.Reports().size() == 4; }));
   EXPECT_EQ(recorder_.Texts(ReportKind::kInfo)[0], "conn/Log::WRITER_PROBE: one");
   EXPECT_EQ(recorder_.Texts(ReportKind::kWarning)[0], "conn/Log::WRITER_PROBE: two");
   EXPECT_EQ(recorder_.Texts(ReportKind::kError)[0], "conn/Log::WRITER_PROBE: three 3");
@@ -475,9 +467,10 @@ TEST_F(WriterTest, MessageOfAPluginIsProcessedOnTheMainThread) {
     writer->SendOut(new OwnMessage(writer, &ran_on, true));
     return true;
   };
-  write(create(), 1);
-  host_->Finish();
-  EXPECT_EQ(ran_on, std::this_thread::get_id());
+  WriterFrontend* frontend = create();
+  write(frontend, 1);
+  frontend->FlushWriteBuffer();
+  EXPECT_TRUE(until([&] { return ran_on == std::this_thread::get_id(); }));
 }
 
 TEST_F(WriterTest, FailedMessageStopsTheWriterThatSentIt) {

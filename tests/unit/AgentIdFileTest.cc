@@ -1,0 +1,180 @@
+// The agent's identifier: found in its file, or generated and stored there.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+
+#include "AgentIdFile.h"
+
+#include "Conversion.h"
+#include "TempDir.h"
+
+using logging::writer::AgentIdDetection;
+using test::read_file;
+using test::write_file;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+
+namespace {
+
+const char kFile[] = "orvik/agent.id";
+const char kNotWritten[] = "Failed to write to orvik/agent.id";
+
+class AgentIdFile : public test::ReportingTest {
+ protected:
+  void use_file(const std::string& content) {
+    std::filesystem::create_directory("orvik");
+    write_file(kFile, content);
+  }
+
+  /// As at the next start of the process.
+  static std::string detect_anew() {
+    AgentIdDetection next;
+    return next.detect();
+  }
+
+  test::TempDir dir_;
+  AgentIdDetection detection_;
+};
+
+void expect_generated(const std::string& agent_id) {
+  EXPECT_THAT(agent_id, MatchesRegex("[0-9a-zA-Z]+"));
+  EXPECT_GE(agent_id.size(), 2u);
+  EXPECT_LE(agent_id.size(), 22u);
+}
+
+/// Lets files grow to `bytes` at most while it exists.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &previous_);
+    rlimit limit = previous_;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &previous_);
+    signal(SIGXFSZ, handler_);
+  }
+
+ private:
+  rlimit previous_;
+  void (*handler_)(int);
+};
+
+}  // namespace
+
+TEST_F(AgentIdFile, IsTakenWithItsLineEnd) {
+  use_file("abc\n");
+  EXPECT_EQ("abc\n", detection_.detect());
+  EXPECT_EQ("abc\n", read_file(kFile));
+}
+
+TEST_F(AgentIdFile, FirstThousandAndTwentyFourBytesOfALongFileAreTaken) {
+  const std::string content = std::string(1023, 'x') + "y" + std::string(1976, 'z');
+  ASSERT_EQ(3000u, content.size());
+  use_file(content);
+  EXPECT_EQ(std::string(1023, 'x') + "y", detection_.detect());
+  EXPECT_EQ(content, read_file(kFile));
+}
+
+TEST_F(AgentIdFile, EmptyFileIsFilledWithANewIdentifierWithoutALineEnd) {
+  use_file("");
+  const std::string agent_id = detection_.detect();
+  expect_generated(agent_id);
+  EXPECT_EQ(agent_id, read_file(kFile));
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(AgentIdFile, MissingFolderIsCreatedForItsOwnerAndGroup) {
+  const mode_t umask_before = umask(0);
+  const std::string agent_id = detection_.detect();
+  umask(umask_before);
+  struct stat info;
+  ASSERT_EQ(0, stat("orvik", &info));
+  EXPECT_EQ(0770u, info.st_mode & 07777u);
+  expect_generated(agent_id);
+  EXPECT_EQ(agent_id, read_file(kFile));
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(AgentIdFile, IdentifierIsTheSameAtTheNextStart) {
+  EXPECT_EQ(detection_.detect(), detect_anew());
+}
+
+TEST_F(AgentIdFile, EachStartWithoutAFileGeneratesAnother) {
+  const std::string agent_id = detection_.detect();
+  std::filesystem::remove(kFile);
+  EXPECT_NE(agent_id, detect_anew());
+}
+
+TEST_F(AgentIdFile, GeneratedIdentifierHoldsBothWordsOfItsHundredAndTwentyEightBits) {
+  // One word has 11 characters at most, and a word of zero is the one character "0". Two random
+  // words are practically never that short, least of all twenty times.
+  constexpr std::size_t kMostOfOneWord = 11 + 1;
+  std::size_t longest = 0;
+  for (int i = 0; i < 20; i++) {
+    std::filesystem::remove_all("orvik");
+    longest = std::max(longest, detect_anew().size());
+  }
+  EXPECT_GT(longest, kMostOfOneWord);
+}
+
+TEST_F(AgentIdFile, FolderThatCannotBeMadeIsReportedByTheFileThatCannotBeWritten) {
+  write_file("orvik", "a file where the folder should be");
+  expect_generated(detection_.detect());
+  EXPECT_THAT(errors(), ElementsAre(kNotWritten));
+}
+
+TEST_F(AgentIdFile, FileThatCannotBeOpenedForWritingIsReported) {
+  std::filesystem::create_directories(kFile);  // a folder where the file should be
+  expect_generated(detection_.detect());
+  EXPECT_THAT(errors(), ElementsAre(kNotWritten));
+}
+
+TEST_F(AgentIdFile, FileThatCannotBeFilledIsReported) {
+  const FileSizeLimit none(0);
+  expect_generated(detection_.detect());
+  EXPECT_THAT(errors(), ElementsAre(kNotWritten));
+}
+
+TEST_F(AgentIdFile, IdentifierThatCouldNotBeStoredStaysAndIsStoredLater) {
+  write_file("orvik", "a file where the folder should be");
+  const std::string agent_id = detection_.detect();
+  EXPECT_EQ(agent_id, detection_.detect());
+  std::filesystem::remove("orvik");
+  EXPECT_EQ(agent_id, detection_.detect());
+  EXPECT_EQ(agent_id, read_file(kFile));
+}
+
+// A file that can be written but not read looks like a missing one each time.
+TEST_F(AgentIdFile, IdentifierThatCannotBeReadBackStays) {
+  const std::string agent_id = detection_.detect();
+  std::filesystem::remove(kFile);
+  EXPECT_EQ(agent_id, detection_.detect());
+  EXPECT_EQ(agent_id, read_file(kFile));
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(AgentIdFile, GeneratedIdentifierStaysWhenAnotherIsPutIntoTheFile) {
+  const std::string agent_id = detection_.detect();
+  write_file(kFile, "another");
+  EXPECT_EQ(agent_id, detection_.detect());
+  EXPECT_EQ("another", read_file(kFile));
+  EXPECT_EQ("another", detect_anew());
+}
+
+TEST_F(AgentIdFile, AFolderExistsWhenItCanBeOpened) {
+  using logging::writer::directoryExists;
+  write_file("file", "");
+  EXPECT_TRUE(directoryExists("."));
+  EXPECT_FALSE(directoryExists("file"));
+  EXPECT_FALSE(directoryExists("missing"));
+  EXPECT_FALSE(directoryExists(""));
+}
