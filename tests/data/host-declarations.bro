@@ -88,6 +88,8 @@ export {
 }
 
 # --- what the base scripts of the protocols declare ----------------------------------------------
+# Without the events for written records, log_conn and the like: when they are handled, the host may
+# have changed the record already, so no script of ours may take its values there.
 
 module Conn;
 
@@ -114,8 +116,6 @@ export {
 		resp_ip_bytes: count &log &optional;
 		tunnel_parents: set[string] &log;
 	};
-
-	global log_conn: event(rec: Info);
 }
 
 module HTTP;
@@ -150,8 +150,6 @@ export {
 		resp_fuids: vector of string &log &optional;
 		resp_mime_types: vector of string &log &optional;
 	};
-
-	global log_http: event(rec: Info);
 }
 
 module FTP;
@@ -181,8 +179,6 @@ export {
 		data_channel: DataChannel &log &optional;
 		fuid: string &log &optional;
 	};
-
-	global log_ftp: event(rec: Info);
 }
 
 module SMTP;
@@ -215,6 +211,4 @@ export {
 		tls: bool &log &default=F;
 		fuids: vector of string &log &default=vector();
 	};
-
-	global log_smtp: event(rec: Info);
 }

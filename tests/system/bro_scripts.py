@@ -60,6 +60,12 @@ class Type:
         return self.kind
 
 
+class Body:
+    def __init__(self, kind, name, priority, module, parameters, tokens):
+        self.kind, self.name, self.priority, self.module = kind, name, priority, module
+        self.parameters, self.tokens = parameters, tokens
+
+
 class Field:
     def __init__(self, type_, attributes):
         self.type = type_
@@ -84,7 +90,8 @@ class Program:
         self.writes = []      # (where, id, Type)
         self.filters = []     # (where, RecordValue) of every Log::add_filter with a literal
         self.loaded = set()
-        self.handlers = []    # events that have a body
+        self.bodies = []      # of functions and events, outside of @ifdef
+        self.initial = []     # (full name, tokens) of the values of variables and of redefs
 
     def columns(self):
         for path, record in self.streams.values():
@@ -288,7 +295,7 @@ class Parser:
         type_ = self.type() if self.take(":") else None
         value = None
         if self.take("="):
-            value = self.initializer(type_)
+            value = self.initializer(self.full(name), type_)
         attributes = self.attributes()
         self.expect(";")
         if type_ is None and value is None:
@@ -299,16 +306,19 @@ class Parser:
             kind = type_.kind
         self.declare(name, kind, type_ or value, "&redef" in attributes)
 
-    def initializer(self, type_):
+    def initializer(self, full, type_):
+        first = self.at
+        value = type_
         if self.take("{"):
             while not self.take("}"):
                 self.expression()
                 if not self.take(","):
                     self.expect("}")
                     break
-            return type_
-        value = self.expression()
-        self.fits(type_, value)
+        else:
+            value = self.expression()
+            self.fits(type_, value)
+        self.program.initial.append((full, self.module, self.tokens[first:self.at]))
         return value
 
     def redefinition(self):
@@ -327,7 +337,8 @@ class Parser:
             self.fail("%s is not redefinable" % name)
         if not self.take("+=", "="):
             self.fail("expected '=' or '+=', found '%s'" % self.word)
-        self.initializer(found.type)
+        full = self.full(name)
+        self.initializer(full if full in self.program.names else name, found.type)
         self.expect(";")
 
     def enumerators(self, enum):
@@ -369,7 +380,9 @@ class Parser:
         name = self.new_name(scoped=True)
         parameters = self.parameters()
         result = self.type() if self.take(":") else None
+        first = self.at
         self.attributes()
+        priority = int("".join(word for _, word, _ in self.tokens[first + 2:self.at]) or 0)
         full = self.full(name)
         if full not in self.program.names and kind == "event" and "::" not in name:
             full = name
@@ -384,12 +397,15 @@ class Parser:
             wanted = [t.kind for _, t in declared.type.parameters]
             if [t.kind for _, t in parameters] != wanted:
                 raise ScriptError("%s: '%s' takes other arguments" % (where, name))
-        if kind == "event":
-            self.program.handlers.append(full)
         self.locals = dict(parameters)
         self.result = result
+        first = self.at
         self.block()
         self.locals = None
+        if not self.optional_names:
+            self.program.bodies.append(Body(kind, full, priority, self.module,
+                                            [name for name, _ in parameters],
+                                            self.tokens[first:self.at]))
 
     def parameters(self):
         self.expect("(")

@@ -71,7 +71,7 @@ event connection_established(c: connection)
 	find_owner(c);
 	}
 
-event Conn::log_conn(rec: Conn::Info)
+function send_connection(rec: Conn::Info)
 	{
 	local r: Connection = [$ptype="general", $ts=rec$ts, $uid=rec$uid, $id=rec$id, $proto=rec$proto,
 	                       $missed_bytes=rec$missed_bytes, $tunnel_parents=rec$tunnel_parents];
@@ -111,8 +111,19 @@ event Conn::log_conn(rec: Conn::Info)
 	Log::write(LogZMQ::CONNECTIONS_LOG, r);
 	}
 
+function take_connection(id: Log::ID, path: string, rec: any): string
+	{
+	send_connection(rec);
+	return path;
+	}
+
 event bro_init() &priority=5
 	{
 	Log::create_stream(LogZMQ::CONNECTIONS_LOG, [$columns=Connection, $path="conn"]);
 	send_by_zmq(LogZMQ::CONNECTIONS_LOG, "conn");
+	}
+
+event bro_init() &priority=4
+	{
+	take_records(Conn::LOG, take_connection);
 	}

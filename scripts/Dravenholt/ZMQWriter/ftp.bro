@@ -21,13 +21,24 @@ export {
 
 redef not_as_pairs += { FTP::LOG };
 
-event FTP::log_ftp(rec: FTP::Info)
+function send_ftp(rec: FTP::Info)
 	{
 	Log::write(LogZMQ::FTP_LOG, [$ptype="ftp", $ts=rec$ts, $uid=rec$uid, $id=rec$id, $ftp=rec]);
+	}
+
+function take_ftp(id: Log::ID, path: string, rec: any): string
+	{
+	send_ftp(rec);
+	return path;
 	}
 
 event bro_init() &priority=5
 	{
 	Log::create_stream(LogZMQ::FTP_LOG, [$columns=FTPRecord, $path="ftp"]);
 	send_by_zmq(LogZMQ::FTP_LOG, "ftp");
+	}
+
+event bro_init() &priority=4
+	{
+	take_records(FTP::LOG, take_ftp);
 	}

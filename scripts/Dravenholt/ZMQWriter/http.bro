@@ -32,7 +32,7 @@ export {
 
 redef not_as_pairs += { HTTP::LOG };
 
-event HTTP::log_http(rec: HTTP::Info)
+function send_http(rec: HTTP::Info)
 	{
 	local columns: HTTPColumns = [$request_body_len=rec$request_body_len,
 	                              $response_body_len=rec$response_body_len];
@@ -51,8 +51,19 @@ event HTTP::log_http(rec: HTTP::Info)
 	Log::write(LogZMQ::HTTP_LOG, [$ptype="http", $ts=rec$ts, $uid=rec$uid, $id=rec$id, $http=columns]);
 	}
 
+function take_http(id: Log::ID, path: string, rec: any): string
+	{
+	send_http(rec);
+	return path;
+	}
+
 event bro_init() &priority=5
 	{
 	Log::create_stream(LogZMQ::HTTP_LOG, [$columns=HTTPRecord, $path="http"]);
 	send_by_zmq(LogZMQ::HTTP_LOG, "http");
+	}
+
+event bro_init() &priority=4
+	{
+	take_records(HTTP::LOG, take_http);
 	}

@@ -32,9 +32,6 @@ export {
 	};
 }
 
-# Streams that have our filter, as the streams are looked over twice.
-global sent_as_pairs: set[Log::ID] = set();
-
 # The host takes a value of type any where a parameter has another type; the value itself is what it
 # is. So these functions give a value whose type was looked up a type to work with.
 global text_of: function(value: any): string;
@@ -130,8 +127,7 @@ function write_pairs(path: string, ts: time, rec: any)
 		                                           $extra_vals=pairs$extra_vals]);
 	}
 
-# The path function of a filter that writes nothing: it sees every record of its stream.
-function see_record(id: Log::ID, path: string, rec: any): string
+function take_pairs(id: Log::ID, path: string, rec: any): string
 	{
 	local columns = record_fields(rec);
 
@@ -150,15 +146,13 @@ function send_active_streams()
 	{
 	for ( stream in Log::active_streams )
 		{
-		if ( stream in own_streams || stream in not_as_pairs || stream in sent_as_pairs )
+		if ( stream in own_streams || stream in not_as_pairs )
 			next;
 
 		if ( fmt("%s", stream) == "Reporter::LOG" )
 			next;
 
-		Log::add_filter(stream, [$name="zmq-pairs", $writer=Log::WRITER_NONE, $path_func=see_record,
-		                         $interv=0secs]);
-		add sent_as_pairs[stream];
+		take_records(stream, take_pairs);
 		}
 	}
 

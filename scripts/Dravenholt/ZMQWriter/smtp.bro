@@ -21,13 +21,24 @@ export {
 
 redef not_as_pairs += { SMTP::LOG };
 
-event SMTP::log_smtp(rec: SMTP::Info)
+function send_smtp(rec: SMTP::Info)
 	{
 	Log::write(LogZMQ::SMTP_LOG, [$ptype="smtp", $ts=rec$ts, $uid=rec$uid, $id=rec$id, $smtp=rec]);
+	}
+
+function take_smtp(id: Log::ID, path: string, rec: any): string
+	{
+	send_smtp(rec);
+	return path;
 	}
 
 event bro_init() &priority=5
 	{
 	Log::create_stream(LogZMQ::SMTP_LOG, [$columns=SMTPRecord, $path="smtp"]);
 	send_by_zmq(LogZMQ::SMTP_LOG, "smtp");
+	}
+
+event bro_init() &priority=4
+	{
+	take_records(SMTP::LOG, take_smtp);
 	}
