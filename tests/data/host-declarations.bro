@@ -31,6 +31,7 @@ global network_time: function(): time;
 global record_fields: function(rec: any): record_field_table;
 global type_name: function(t: any): string;
 global port_to_count: function(p: port): count;
+global get_port_transport_proto: function(p: port): transport_proto;
 
 global bro_init: event();
 global new_connection: event(c: connection);

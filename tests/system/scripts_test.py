@@ -162,6 +162,13 @@ class RunTest(unittest.TestCase):
         self.assertEqual((record.process, record.username), ("Safari", "alice"))
         self.assertEqual(self.host.names["LogZMQ::owners"], {})
 
+    def test_owner_is_asked_for_once_and_for_tcp_only(self):
+        for uid, protocol in [("C1", "tcp"), ("C2", "udp"), ("C3", "icmp"),
+                              ("C4", "unknown_transport")]:
+            self.script("new_connection", self.connection(uid, protocol))
+            self.script("connection_established", self.connection(uid, protocol))
+        self.assertEqual([connection.uid for connection in self.host.asked], ["C1"])
+
     def test_time_of_a_record_is_its_ts_and_no_pair(self):
         stream, record, pairs = self.pairs("Weird::LOG", Record(ts=Time(5.5), uid="C1", name="x"))
         self.assertEqual((stream, record.uid), ("LogZMQ::PAIRS_LOG", "C1"))

@@ -51,7 +51,9 @@ global owners: table[string] of Owner &create_expire=owner_expire;
 
 function find_owner(c: connection)
 	{
-	if ( c$uid in owners )
+	# Only TCP sockets are searched, which takes time: another flow could at best get the owner of a
+	# TCP connection with the same ports.
+	if ( get_port_transport_proto(c$id$resp_p) != tcp || c$uid in owners )
 		return;
 
 	# The process first, the user second; both empty if nobody is known.
