@@ -175,6 +175,14 @@ class RunTest(unittest.TestCase):
         self.assertEqual((type(record.ts), record.ts), (Time, 5.5))
         self.assertEqual(pairs, {"_path": "weird", "name": "x"})
 
+    def test_ts_that_is_no_time_is_a_pair_and_the_network_time_the_time(self):
+        for value, text in [("noon", "noon"), (7, "7"), (0.5, "0.5"), (Record(sec=3), None)]:
+            stream, record, pairs = self.pairs("Site::LOG", Record(ts=value, n=1))
+            self.assertEqual(stream, "LogZMQ::PAIRS_WITHOUT_UID_LOG")
+            self.assertEqual((type(record.ts), record.ts), (Time, 1000.0))
+            self.assertEqual(pairs, {"_path": "site", "n": "1",
+                                     **({"ts.sec": "3"} if text is None else {"ts": text})})
+
     def test_record_without_ts_has_the_network_time(self):
         _, record, _ = self.pairs("Site::LOG", Record(n=1))
         self.assertEqual((type(record.ts), record.ts), (Time, 1000.0))

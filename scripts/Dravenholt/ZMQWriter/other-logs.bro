@@ -1,8 +1,12 @@
 ##! Sends the records of every active log that no other script of this folder sends, as key/value
-##! pairs: extra_fields holds the names of the columns, extra_vals their values as the host writes
-##! them into its logs, the elements of sets and vectors joined with a comma. The first pair is
-##! _path with the path of the log. The time and the uid have columns of their own; they and columns
-##! without a value are left out of the pairs.
+##! pairs: extra_fields holds the names of the columns, extra_vals their values, the elements of
+##! sets and vectors joined with a comma. The values are texts as the host writes them into logs,
+##! with two exceptions: times and intervals above 2147483647 seconds have all their digits here,
+##! where the host writes 2.147484e+09; and a file is described, where the host writes its name.
+##!
+##! The first pair is _path with the path of the log. The time and the uid have columns of their
+##! own; they and columns without a value are left out of the pairs. A column ts that is not of type
+##! time is a pair like others, and the record gets the network time.
 ##!
 ##! A record carries no ptype: a name that the writer has no table for costs a warning per record.
 ##! The reporter's log is left out: a report about one of its records would be its next record,
@@ -70,7 +74,7 @@ function vector_text(elements: vector of any): string
 	return text;
 	}
 
-# A value as the host writes it into its logs.
+# A value as a log would have it, see above.
 function text_of(value: any): string
 	{
 	local kind = type_name(value);
@@ -97,10 +101,12 @@ function append_pairs(pairs: Pairs, prefix: string, rec: any)
 		if ( ! columns[column]$log || ! columns[column]?$value )
 			next;
 
-		if ( prefix == "" && (column == "ts" || column == "uid") )
+		local kind = type_name(columns[column]$value);
+
+		if ( prefix == "" && (column == "uid" || (column == "ts" && kind == "time")) )
 			next;
 
-		if ( /^record/ in type_name(columns[column]$value) )
+		if ( /^record/ in kind )
 			append_pairs(pairs, prefix + column + ".", columns[column]$value);
 		else
 			{
@@ -134,7 +140,8 @@ function take_pairs(id: Log::ID, path: string, rec: any): string
 	if ( path == "reporter" )
 		return path;
 
-	if ( "ts" in columns && columns["ts"]?$value )
+	# The writer's column takes a time only: a value of another type would end the writer.
+	if ( "ts" in columns && columns["ts"]?$value && type_name(columns["ts"]$value) == "time" )
 		write_pairs(path, columns["ts"]$value, rec);
 	else
 		write_pairs(path, network_time(), rec);
