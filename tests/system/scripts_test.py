@@ -187,6 +187,13 @@ class RunTest(unittest.TestCase):
         _, record, _ = self.pairs("Site::LOG", Record(n=1))
         self.assertEqual((type(record.ts), record.ts), (Time, 1000.0))
 
+    def test_first_sample_waits_for_the_network_time_and_comes_alone(self):
+        self.assertEqual(self.host.sent, [])
+        for now, samples in [(1000.0, 1), (1059.0, 1), (1060.0, 2), (1120.0, 3)]:
+            self.host.packet(now)
+            self.assertEqual([stream for stream, _ in self.host.sent],
+                             ["LogZMQ::STATISTICS_LOG"] * samples)
+
 
 if __name__ == "__main__":
     unittest.main(argv=sys.argv[:1], verbosity=2)

@@ -24,5 +24,8 @@ event bro_init() &priority=5
 	{
 	Log::create_stream(LogZMQ::STATISTICS_LOG, [$columns=system_stats, $path="system_stats"]);
 	send_by_zmq(LogZMQ::STATISTICS_LOG, "system_stats");
-	event LogZMQ::sample_statistics();
+
+	# Not before the network time is known: until then a sample and the next one, which would be due
+	# with the first packet, would be taken at once.
+	schedule 0sec { LogZMQ::sample_statistics() };
 	}
