@@ -116,11 +116,11 @@ def expected_event(log, record, agent_id, tz_minutes_west):
     time of sending."""
     columns = log.columns(record)
     event = {"uid": None, "ts": 0.0, "tz_minutes_west": tz_minutes_west, "agent_id": agent_id}
-    if columns.get("ts", (None, None))[1] is not None:
+    has_time = columns.get("ts", (None, None))[0] == "time"
+    if has_time and columns["ts"][1] is not None:
         event["ts"] = float(columns["ts"][1])
-    if "uid" in columns:
-        type_, raw = columns["uid"]
-        event["uid"] = "unknown" if raw is None else log.text(type_, raw)
+    if columns.get("uid", (None, None))[1] is not None:
+        event["uid"] = log.text(*columns["uid"])
 
     if "cpu_usage" in columns:
         event.update(uid="0" * 18, ts=None, data_type="SystemStatsData",
@@ -134,7 +134,7 @@ def expected_event(log, record, agent_id, tz_minutes_west):
     else:
         pairs = [("_path", log.path)] + [
             (name, log.text(*column)) for name, column in columns.items()
-            if name not in ("ts", "uid") and column[1] is not None]
+            if name != "uid" and not (name == "ts" and has_time) and column[1] is not None]
         event.update(data_type="GenericProtocolData", data={
             "ptype": None, "fields": [{"key": key, "value": value} for key, value in pairs]})
     return event

@@ -153,6 +153,31 @@ class EndToEndTest(ReplayTestCase):
         self.assertEqual(events["C0"]["data"]["fields"][0], {"key": "_path", "value": "things"})
         self.assertEqual(events["C3"]["data"]["fields"][0], {"key": "_path", "value": "more"})
 
+    def test_uid_without_a_value_is_left_out_and_not_reported(self):
+        log = log_of(40)
+        for n in range(1, 40, 2):
+            log = log.replace("\tC%d\t" % n, "\t-\t")
+        write_file("a.log", log)
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        replay = self.replay("a.log")
+        self.assertEqual(replay.status, 0, replay.stderr)
+        uids = self.uids(collector, 40)
+        self.assertEqual(uids, {None: 20, **{"C%d" % n: 1 for n in range(0, 40, 2)}})
+        self.assertNotIn("Empty uid!", replay.stdout + replay.stderr)
+        self.assertIn("  a.log: 40 records\n", replay.stderr)
+
+    def test_column_ts_that_is_no_time_arrives_as_a_pair(self):
+        write_file("a.log", log_of(1).replace("\ttime\t", "\tstring\t"))
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        self.assertEqual(self.replay("a.log").status, 0)
+        event, = self.events(collector, 1)
+        self.assertEqual((event["ts"], event["uid"]), (0.0, "C0"))
+        self.assertEqual(event["data"]["fields"], [
+            {"key": "_path", "value": "things"}, {"key": "ts", "value": "0.5"},
+            {"key": "n", "value": "0"}])
+
     def test_rate_spreads_the_records(self):
         write_file("a.log", log_of(10))
         collector = self.collect()

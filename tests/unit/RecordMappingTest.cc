@@ -21,10 +21,12 @@ std::vector<std::string> map(std::string content) {
   AsciiLog log(fmemopen(content.data(), content.size(), "r"), "x.log");
   const RecordMapping mapping(log.path(), log.columns());
   EXPECT_EQ(log.Next(), AsciiLog::Step::kRecord);
+  const std::vector<threading::Field>& fields =
+      mapping.LacksUid(log) ? mapping.fields_without_uid() : mapping.fields();
   threading::Value** const record = mapping.Map(&log);
   std::vector<std::string> seen;
-  for (std::size_t i = 0; i < mapping.fields().size(); ++i) {
-    const threading::Field& field = mapping.fields()[i];
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    const threading::Field& field = fields[i];
     EXPECT_EQ(record[i]->type, field.type) << "the host refuses such a record";
     seen.push_back(std::string(field.name) + ":" + field.TypeName() + "=" + test::show(*record[i]));
     delete record[i];
@@ -100,12 +102,35 @@ TEST(RecordMappingTest, PairsOfALogWithoutTimeAndUidStandAlone) {
                           "extra_vals:vector[string]=['known_hosts' '192.0.2.7' '3']"));
 }
 
-TEST(RecordMappingTest, UnsetTimeAndUidStayUnset) {
-  EXPECT_THAT(map(header("weird") + "#fields\tts\tuid\tname\n#types\ttime\tstring\tstring\n"
-                                    "-\t-\t(empty)\n"),
-              ElementsAre("ts:time=unset", "uid:string=unset",
-                          "extra_fields:vector[string]=['_path' 'name']",
+TEST(RecordMappingTest, UidWithoutAValueIsLeftOutOfARecordOfAnyKind) {
+  const std::string columns = "#fields\tts\tuid\tname\n#types\ttime\tstring\tstring\n";
+  EXPECT_THAT(map(header("weird") + columns + "1\t-\t(empty)\n"),
+              ElementsAre("ts:time=1", "extra_fields:vector[string]=['_path' 'name']",
                           "extra_vals:vector[string]=['weird' '']"));
+  EXPECT_THAT(map(header("conn") + columns + "1\t-\tx\n"),
+              ElementsAre("ptype:string='general'", "ts:time=1", "name:string='x'"));
+  EXPECT_THAT(map(header("own") + "#fields\tuid\tptype\n#types\tstring\tstring\n-\tftp\n"),
+              ElementsAre("ptype:string='ftp'"));
+}
+
+TEST(RecordMappingTest, EmptyUidIsAValue) {
+  EXPECT_THAT(map(header("weird") + "#fields\tuid\n#types\tstring\n(empty)\n"),
+              ElementsAre("uid:string=''", "extra_fields:vector[string]=['_path']",
+                          "extra_vals:vector[string]=['weird']"));
+}
+
+TEST(RecordMappingTest, TimeWithoutAValueStaysInTheRecord) {
+  EXPECT_THAT(map(header("weird") + "#fields\tts\n#types\ttime\n-\n"),
+              ElementsAre("ts:time=unset", "extra_fields:vector[string]=['_path']",
+                          "extra_vals:vector[string]=['weird']"));
+}
+
+TEST(RecordMappingTest, ColumnTsThatIsNoTimeIsAPair) {
+  for (const char* const type : {"string", "double", "interval", "count"}) {
+    EXPECT_THAT(map(header("site") + "#fields\tts\tuid\n#types\t" + type + "\tstring\n7\tC1\n"),
+                ElementsAre("uid:string='C1'", "extra_fields:vector[string]=['_path' 'ts']",
+                            "extra_vals:vector[string]=['site' '7']"));
+  }
 }
 
 TEST(RecordMappingTest, RecordOfUnsetColumnsOnlyStillNamesItsPath) {

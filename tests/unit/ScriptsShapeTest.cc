@@ -55,7 +55,8 @@ Shapes read_shapes() {
 
 /// What replay makes of a stock log with these columns.
 Columns replay_columns(const std::string& path,
-                       const std::vector<std::pair<std::string, std::string>>& stock) {
+                       const std::vector<std::pair<std::string, std::string>>& stock,
+                       bool with_uid = true) {
   std::string names = "#fields", types = "#types";
   for (const auto& column : stock) {
     names += "\t" + column.first;
@@ -67,7 +68,7 @@ Columns replay_columns(const std::string& path,
   const standin::AsciiLog log("stock.log");
   Columns result;
   const RecordMapping mapping(log.path(), log.columns());
-  for (const threading::Field& field : mapping.fields())
+  for (const threading::Field& field : with_uid ? mapping.fields() : mapping.fields_without_uid())
     result[field.name] = field.TypeName();
   return result;
 }
@@ -146,6 +147,8 @@ TEST(ScriptsRecordTest, PairsHaveTheColumnsOfReplayWithAndWithoutUid) {
             replay_columns("dns", {{"ts", "time"}, {"uid", "string"}, {"query", "string"}}));
   EXPECT_EQ(shapes.ours.at("pairs_without_uid"),
             replay_columns("capture_loss", {{"ts", "time"}, {"peer", "string"}}));
+  EXPECT_EQ(shapes.ours.at("pairs_without_uid"),
+            replay_columns("weird", {{"ts", "time"}, {"uid", "string"}}, false));
 }
 
 TEST(ScriptsRecordTest, StatisticsAreTheFieldsOfSystemStatsAsTheyAre) {

@@ -47,15 +47,30 @@ void LogFeed::MakeWriter() {
   mapped_path_ = log_.path();
   mapped_columns_ = log_.columns();
   mapping_ = std::make_unique<RecordMapping>(mapped_path_, mapped_columns_);
-  writer_ = host_->CreateWriter("ZMQ", paths_->Unique(mapped_path_), mapping_->fields());
-  writers_.push_back(writer_);
+  writer_ = NewWriter(mapping_->fields());
+  writer_without_uid_ = nullptr;
+}
+
+logging::WriterFrontend* LogFeed::NewWriter(const std::vector<threading::Field>& fields) {
+  writers_.push_back(host_->CreateWriter("ZMQ", paths_->Unique(mapped_path_), fields));
+  return writers_.back();
+}
+
+/// A writer's records all have the same columns.
+void LogFeed::WriteRecord() {
+  const bool lacks_uid = mapping_->LacksUid(log_);
+  const auto& fields = lacks_uid ? mapping_->fields_without_uid() : mapping_->fields();
+  if (lacks_uid && !writer_without_uid_)
+    writer_without_uid_ = NewWriter(fields);
+  (lacks_uid ? writer_without_uid_ : writer_)
+      ->Write(static_cast<int>(fields.size()), mapping_->Map(&log_));
+  ++records_;
 }
 
 LogFeed::Step LogFeed::Feed() {
   switch (NextStep()) {
     case AsciiLog::Step::kRecord:
-      writer_->Write(static_cast<int>(mapping_->fields().size()), mapping_->Map(&log_));
-      ++records_;
+      WriteRecord();
       return Step::kRecord;
     case AsciiLog::Step::kHeader:
       MakeWriter();
@@ -90,8 +105,10 @@ void LogFeed::ReportBroken() {
 }
 
 void LogFeed::Flush() {
-  if (writer_)
-    writer_->FlushWriteBuffer();
+  for (logging::WriterFrontend* const writer : {writer_, writer_without_uid_}) {
+    if (writer)
+      writer->FlushWriteBuffer();
+  }
 }
 
 void LogFeed::NoteFailure() {

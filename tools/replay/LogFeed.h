@@ -60,6 +60,8 @@ class LogFeed {
 
  private:
   void MakeWriter();
+  logging::WriterFrontend* NewWriter(const std::vector<threading::Field>& fields);
+  void WriteRecord();
   standin::AsciiLog::Step NextStep();
   void ReportBroken();
 
@@ -69,8 +71,9 @@ class LogFeed {
   std::unique_ptr<RecordMapping> mapping_;
   std::string mapped_path_;
   std::vector<standin::AsciiLog::Column> mapped_columns_;
-  logging::WriterFrontend* writer_ = nullptr;      // the host's
-  std::vector<logging::WriterFrontend*> writers_;  // all of this log so far, the current one last
+  logging::WriterFrontend* writer_ = nullptr;              // the host's
+  logging::WriterFrontend* writer_without_uid_ = nullptr;  // made for the first such record
+  std::vector<logging::WriterFrontend*> writers_;          // all of this log so far
   std::uint64_t bytes_total_;
   std::uint64_t records_ = 0;
   std::uint64_t broken_ = 0;

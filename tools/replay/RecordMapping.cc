@@ -28,12 +28,13 @@ const Protocol* find_protocol(const std::string& path) {
   return nullptr;
 }
 
-bool is_envelope(const std::string& name) {
-  return name == "ts" || name == "uid";
+bool keeps_name(const std::string& name) {
+  return name == "ts" || name == "uid" || name.compare(0, 3, "id.") == 0;
 }
 
-bool keeps_name(const std::string& name) {
-  return is_envelope(name) || name.compare(0, 3, "id.") == 0;
+/// Whether a column stands beside the pairs instead of among them.
+bool is_envelope(const AsciiLog::Column& column) {
+  return column.name == "uid" || (column.name == "ts" && column.type == TYPE_TIME);
 }
 
 std::string mapped_name(const Protocol& protocol, const std::string& name) {
@@ -71,7 +72,6 @@ ValuePtr new_vector(std::vector<ValuePtr> elements) {
 
 RecordMapping::RecordMapping(const std::string& path, const std::vector<AsciiLog::Column>& columns)
     : path_(path), columns_(columns), shape_(Shape::kPairs) {
-  fields_.reserve(columns.size() + 2);
   const Protocol* const protocol = find_protocol(path);
   if (has_own_shape(columns)) {
     shape_ = Shape::kAsIs;
@@ -85,7 +85,7 @@ RecordMapping::RecordMapping(const std::string& path, const std::vector<AsciiLog
       AddField(mapped_name(*protocol, column.name), column.type, column.subtype);
   } else {
     for (const AsciiLog::Column& column : columns) {
-      if (is_envelope(column.name))
+      if (is_envelope(column))
         AddField(column.name, column.type, column.subtype);
     }
     AddField("extra_fields", TYPE_VECTOR, TYPE_STRING);
@@ -95,9 +95,20 @@ RecordMapping::RecordMapping(const std::string& path, const std::vector<AsciiLog
 
 void RecordMapping::AddField(const std::string& name, TypeTag type, TypeTag subtype) {
   fields_.emplace_back(name.c_str(), nullptr, type, subtype, true);
+  if (name != "uid")
+    fields_without_uid_.push_back(fields_.back());
+}
+
+bool RecordMapping::LacksUid(const AsciiLog& log) const {
+  for (std::size_t i = 0; i < columns_.size(); ++i) {
+    if (columns_[i].name == "uid" && log.IsUnset(i))
+      return true;
+  }
+  return false;
 }
 
 Value** RecordMapping::Map(AsciiLog* log) const {
+  const bool lacks_uid = LacksUid(*log);
   std::vector<ValuePtr> values;
   switch (shape_) {
     case Shape::kAsIs:
@@ -112,8 +123,11 @@ Value** RecordMapping::Map(AsciiLog* log) const {
       break;
   }
   auto* const record = new Value*[values.size()];
-  for (std::size_t i = 0; i < values.size(); ++i)
-    record[i] = values[i].release();
+  std::size_t size = 0;
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (!lacks_uid || std::strcmp(fields_[i].name, "uid") != 0)
+      record[size++] = values[i].release();
+  }
   return record;
 }
 
@@ -123,7 +137,7 @@ std::vector<ValuePtr> RecordMapping::Pairs(AsciiLog* log) const {
   keys.push_back(new_string("_path"));
   texts.push_back(new_string(path_));
   for (std::size_t i = 0; i < columns_.size(); ++i) {
-    if (is_envelope(columns_[i].name) || log->IsUnset(i))
+    if (is_envelope(columns_[i]) || log->IsUnset(i))
       continue;
     keys.push_back(new_string(columns_[i].name));
     texts.push_back(new_string(log->Text(i)));
@@ -132,7 +146,7 @@ std::vector<ValuePtr> RecordMapping::Pairs(AsciiLog* log) const {
   std::vector<ValuePtr> values = log->TakeValues();
   std::vector<ValuePtr> record;
   for (std::size_t i = 0; i < columns_.size(); ++i) {
-    if (is_envelope(columns_[i].name))
+    if (is_envelope(columns_[i]))
       record.push_back(std::move(values[i]));
   }
   record.push_back(new_vector(std::move(keys)));

@@ -17,6 +17,9 @@
 //   any other      none      ts, uid, and the rest as pairs in extra_fields and extra_vals
 //
 //   - `ts`, `uid` and `id.*` keep their names everywhere.
+//   - A column uid without a value is left out of its record, whatever the path: the plug-in would
+//     report it for every record. So there are records with and without that column.
+//   - Beside the pairs, ts is of type time; a column ts of another type is a pair like others.
 //   - The first pair is _path with the log's path. Values are the host's own text, escapes undone,
 //     elements joined with a comma; unset columns, ts and uid are no pairs. Such a record has no
 //     ptype: a name that the plug-in does not know would cost one warning for every record.
@@ -35,11 +38,17 @@ class RecordMapping {
  public:
   RecordMapping(const std::string& path, const std::vector<standin::AsciiLog::Column>& columns);
 
-  /// The columns of every mapped record.
+  /// The columns of a mapped record.
   const std::vector<threading::Field>& fields() const { return fields_; }
+  /// The columns of a mapped record that lacks a uid.
+  const std::vector<threading::Field>& fields_without_uid() const { return fields_without_uid_; }
 
-  /// The record that `log` has just read, whose values are taken: a new[] array of fields().size()
-  /// new values, as WriterFrontend::Write takes them over.
+  /// Whether the record that `log` has just read has a column uid without a value.
+  bool LacksUid(const standin::AsciiLog& log) const;
+
+  /// The record that `log` has just read, whose values are taken: a new[] array of new values, as
+  /// WriterFrontend::Write takes them over, one for each of fields(), or of fields_without_uid() if
+  /// the record lacks a uid.
   threading::Value** Map(standin::AsciiLog* log) const;
 
  private:
@@ -53,4 +62,5 @@ class RecordMapping {
   Shape shape_;
   std::string ptype_;
   std::vector<threading::Field> fields_;
+  std::vector<threading::Field> fields_without_uid_;
 };

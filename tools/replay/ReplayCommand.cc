@@ -14,9 +14,10 @@ void add_replay_command(CLI::App& app, int* exit_code) {
   CLI::App* const command =
       app.add_subcommand("replay", "Feed Bro's ASCII logs through the plug-in, as the host would");
   command->footer(
-      "Each log gets a writer of its own. Logs of the paths conn, http, ftp, smtp, ldap,\n"
-      "smb, tds, dce_rpc and tn5250 become events of their own kind, others key/value\n"
-      "pairs; a log with a column ptype, extra_fields or cpu_usage is passed on as it is.\n"
+      "Each log gets a writer of its own, and a second one for records that lack their\n"
+      "uid. Logs of the paths conn, http, ftp, smtp, ldap, smb, tds, dce_rpc and tn5250\n"
+      "become events of their own kind, others key/value pairs; a log with a column\n"
+      "ptype, extra_fields or cpu_usage is passed on as it is.\n"
       "Reading pauses while 400 records are on their way. Exit status 0 means that every\n"
       "line was read and every record handed over whole; standard error tells what was\n"
       "read, sent, failed and left on disk. Standard output belongs to the plug-in.");
