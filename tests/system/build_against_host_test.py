@@ -71,6 +71,26 @@ def make_dist(folder, prefix="/opt/host", with_settings_file=False):
         os.remove(os.path.join(folder, "src/SettingsFile.h"))
 
 
+# What the formula uses of Homebrew.
+HOMEBREW = r"""
+require "fileutils"
+require "pathname"
+class Formula
+  include FileUtils
+  def self.desc(text) end
+  def self.head(url, using:, branch:) end
+  def self.depends_on(what) end
+  def lib; Pathname(ENV["HOMEBREW_PREFIX"])/"Cellar/lib"; end
+  def opt_lib; lib; end
+  def var; Pathname(ENV["HOMEBREW_PREFIX"])/"var"; end
+  def system(*words) Kernel.system(*words) || abort("failed: #{words.join(" ")}"); end
+  def odie(text) abort(text); end
+end
+load ARGV[0]
+puts Zmqwriter.new.public_send(ARGV[1])
+"""
+
+
 class BuildAgainstHostTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -231,12 +251,43 @@ class BuildAgainstHostTest(unittest.TestCase):
         self.assertIn("--bro-dist=%(bro_dist)s", command)
         self.assertTrue((command % {"bro_dist": "/bro"}).startswith("./configure --bro-dist=/bro "))
 
+    @unittest.skipUnless(shutil.which("ruby"), "ruby is not here")
+    def test_homebrew_formula_builds_and_installs_the_plugin_and_makes_its_folder(self):
+        prefix = os.path.join(self.top, "brew")
+        folder = os.path.join(prefix, "var/zmqwriter")
+
+        def formula(step, status=0, dist=self.dist):
+            return self.run_in_source(
+                "ruby", "-W", "-e", HOMEBREW, os.path.join(SOURCE_DIR, "setup/homebrew/zmqwriter.rb"),
+                step, status=status, HOMEBREW_PREFIX=prefix, HOMEBREW_BRO_DIST=dist)
+
+        self.assertIn("HOMEBREW_BRO_DIST must name", formula("install", status=1, dist=""))
+        self.addCleanup(shutil.rmtree, os.path.join(self.source, package_file()["plugin_dir"]))
+        formula("install")
+        plugins = os.path.join(prefix, "Cellar/lib/bro/plugins")
+        plugin = os.path.join(plugins, "Dravenholt_ZMQWriter")
+        self.check_plugin_folder(plugin)
+        with open(self.plugin_object(plugin), "rb") as file:
+            code = file.read()
+        for place in (folder, folder + "/spool"):
+            self.assertIn(place.encode() + b"\0", code)
+        self.assertFalse(os.path.exists(folder), "make install prepares none")
+
+        formula("post_install")
+        self.assertEqual(stat.S_IMODE(os.stat(folder).st_mode), 0o700)
+        os.chmod(folder, 0o750)
+        formula("post_install")
+        self.assertEqual(stat.S_IMODE(os.stat(folder).st_mode), 0o750)
+        caveats = formula("caveats")
+        self.assertIn(plugins + "\n", caveats)
+        self.assertIn(folder + ".\n", caveats)
+
     def test_configured_places_users_and_preparations_arrive(self):
         places = ["--agent-id-dir=/var/lib/zw/agent", "--spool-dir=/var/lib/zw/parent/spool"]
         prepared = ["var/lib/zw/agent", "var/lib/zw/parent"]
         common = ["--bro-dist=" + self.dist, "--install-root=/opt/plugins"] + places
 
-        self.configure(*common, "--build-dir=build-bare", "--no-prepare")
+        self.configure(*common, "--build-dir=build-bare", "--no-prepare", "--build-type=Debug")
         self.run_in_source("make", "BUILD_DIR=build-bare")
         self.addCleanup(shutil.rmtree, os.path.join(self.source, "build-bare"))
         with open(self.plugin_object(os.path.join(self.source, "build-bare")), "rb") as file:
