@@ -5,7 +5,7 @@
 // Connection and http records, each to a receiving process of its own over CURVE on the loopback,
 // each run in turn by way of
 //     the bare loop      a copy of the finished message, zmq_msg_init_data, a blocking zmq_sendmsg
-//     the looking loop   the same, with the worker's bounded look for room before each send
+//     the spinning loop   the same, with the worker's bounded spin for room before each send
 //     the plug-in        DoWrite on 1 and 4 writer threads, which wait while many messages are
 //                        queued, so that everything stays in memory
 //     ... by the spool   the same without waiting: what finds no room in memory goes to disk
@@ -36,7 +36,7 @@
 #include "BenchReport.h"
 #include "RecordConversion.h"
 #include "SampleRecords.h"
-#include "SendLook.h"
+#include "PolloutSpin.h"
 #include "SinkProcess.h"
 #include "ZmqWorker.h"
 
@@ -117,22 +117,22 @@ void release(void* data, void*) {
   std::free(data);
 }
 
-void loop(void* socket, const Load& load, std::uint64_t events, bool looking) {
-  logging::writer::SendLook look;
+void loop(void* socket, const Load& load, std::uint64_t events, bool spinning) {
+  logging::writer::PolloutSpin spin;
   for (std::uint64_t i = 0; i < events; ++i) {
     const std::string& message = load.messages[i % load.messages.size()];
     void* const copy = std::malloc(message.size());
     std::memcpy(copy, message.data(), message.size());
     zmq_msg_t msg;
     zmq_msg_init_data(&msg, copy, message.size(), release, nullptr);
-    if (looking)
-      look.before_send(socket);
+    if (spinning)
+      spin.wait(socket);
     if (zmq_sendmsg(socket, &msg, 0) < 0)
       give_up("a send failed");
   }
 }
 
-Figures measure_loop(const Load& load, bool looking) {
+Figures measure_loop(const Load& load, bool spinning) {
   const bench::AgentSurroundings surroundings;
   SinkProcess sink;
   // Only here for its socket, which gets the options that the plug-in's has.
@@ -142,7 +142,7 @@ Figures measure_loop(const Load& load, bool looking) {
   void* const socket = worker->Connect(sink.endpoint());
   sink.expect(kWarmUp, load.events);
   const double cpu_before = bench::cpu_seconds();
-  loop(socket, load, kWarmUp + load.events, looking);
+  loop(socket, load, kWarmUp + load.events, spinning);
   const bench::Received received = sink.wait();
   const double cpu = bench::cpu_seconds() - cpu_before;
   check(received, load, kWarmUp + load.events, 1);
@@ -259,15 +259,15 @@ void report_deliveries(bench::Report* report, const bench::Options& options, con
     candidates.push_back([&] { return measure_plugin(load, variant.writers, variant.way); });
   const std::vector<std::vector<Series>> figures = bench::measure_figures(options.runs, candidates);
   const std::vector<Series>& bare = figures[0];
-  const std::vector<Series>& looking = figures[1];
+  const std::vector<Series>& spinning = figures[1];
   for (std::size_t i = 0; i < kVariants.size(); ++i) {
     const std::string name = load.name + ", " + kVariants[i].name;
     const std::vector<Series>& ours = figures[i + 2];
-    report->add({"delivered", name, "events/s", ours[0], "libzmq loop, looking for room",
-                 looking[0], ">= 0.9"});
+    report->add({"delivered", name, "events/s", ours[0], "libzmq loop, spinning for room",
+                 spinning[0], ">= 0.9"});
     report->add({"delivered", name, "events/s", ours[0], "bare libzmq loop", bare[0], ""});
     report->add({"processor time of delivery", name, "us/event", ours[1],
-                 "libzmq loop, looking for room", looking[1], ""});
+                 "libzmq loop, spinning for room", spinning[1], ""});
   }
 }
 

@@ -113,10 +113,12 @@ bro_plugin_cc(
   src/Plugin.cc
   src/RecordConversion.cc
   src/Reports.cc
+  src/SendLoop.cc
   src/SharedWorker.cc
   src/SystemStats.cc
   src/UserDetect.cc
   src/ZMQ.cc
+  src/ZmqMessage.cc
   src/ZmqWorker.cc)
 bro_plugin_bif(src/zmq.bif)
 bro_plugin_link_library(${libraries} ZMQWriter::zmq ZMQWriter::flatbuffers Threads::Threads

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "MutexLock.h"
 #include "Paths.h"
 #include "Reports.h"
 #include "SpoolFormat.h"
@@ -31,17 +32,6 @@ constexpr mode_t kFileMode = 0666;
 
 // Of one read: room for the longest record.
 constexpr int64_t kLargestWindow = static_cast<int64_t>(kRecordHeaderSize) + UINT16_MAX;
-
-class Lock {
- public:
-  explicit Lock(pthread_mutex_t* mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
-  ~Lock() { pthread_mutex_unlock(mutex_); }
-  Lock(const Lock&) = delete;
-  Lock& operator=(const Lock&) = delete;
-
- private:
-  pthread_mutex_t* mutex_;
-};
 
 // The counts are 32 bits wide and wrap.
 int32_t wrapped(int64_t value) {
@@ -274,7 +264,7 @@ bool PersistentQueue::IsEmpty() const {
 void PersistentQueue::Store(uint16_t length, const void* data) {
   if (disabled)
     return;
-  Lock lock(&mutex);
+  MutexLock lock(&mutex);
   if (!head_file)
     openFile();
 
@@ -316,7 +306,7 @@ void* PersistentQueue::Get(uint16_t* length) {
   *length = 0;
   if (disabled)
     return nullptr;
-  Lock lock(&mutex);
+  MutexLock lock(&mutex);
   if (!head_file)
     openFile();
 

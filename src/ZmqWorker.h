@@ -38,21 +38,12 @@
 #include <string>
 #include <vector>
 
-struct zmq_msg_t;
+#include "ZmqMessage.h"
+
 struct DravenholtZmqWriterStatus;
 
 namespace logging {
 namespace writer {
-
-/// One queued message. Record and body are plain malloc memory. A failed pass of the send loop
-/// leaves a second entry for the same record in the queue, so the record outlives its delivery
-/// until its last entry was popped; its body does not.
-struct zmq_message {
-  void* data;     ///< the body, owned; null once delivered, or when the spool had nothing to give
-  uint64_t size;  ///< length of the body in bytes
-  uint64_t entries;  ///< how many queue entries refer to this record
-  bool done;         ///< delivered: the entries that are left are skipped
-};
 
 class ZmqWorker {
  public:
@@ -111,7 +102,7 @@ class ZmqWorker {
  private:
   /// Written by one thread at a time, readable by all; costs no locked instruction.
   typedef std::atomic<uint64_t> Counter;
-  class SendLoop;
+  friend class SendLoop;
 
   // Constant after Init, except where noted.
   std::string server;
