@@ -63,16 +63,26 @@ bool is_taken(const char* path) {
   return lstat(path, &status) == 0 || errno != ENOENT;
 }
 
-// A stream for writing to a chunk file that is read as well, but by read_at: a stream that could
-// read would fill its buffer at every change of its position, and would not learn of write_at.
-FILE* open_chunk(const char* path, int flags) {
-  const int descriptor = open(path, O_RDWR | flags, kFileMode);
+// The one place that opens a file. Close-on-exec: a program that the host starts and that outlives
+// it must not keep the spool open.
+FILE* open_stream(const char* path, int flags, const char* mode) {
+  const int descriptor = open(path, flags | O_CLOEXEC, kFileMode);
   if (descriptor < 0)
     return nullptr;
-  FILE* const file = fdopen(descriptor, "wb");
+  FILE* const file = fdopen(descriptor, mode);
   if (!file)
     close(descriptor);
   return file;
+}
+
+FILE* open_for_reading(const char* path) {
+  return open_stream(path, O_RDONLY, "rb");
+}
+
+// A stream for writing to a chunk file that is read as well, but by read_at: a stream that could
+// read would fill its buffer at every change of its position, and would not learn of write_at.
+FILE* open_chunk(const char* path, int flags) {
+  return open_stream(path, O_RDWR | flags, "wb");
 }
 
 // Reads `size` bytes from `position` on; what the file does not have is zero. Returns the number
@@ -453,7 +463,7 @@ void PersistentQueue::openFile() {
     head_file = open_chunk(name, 0);
     // What may only be read still gives its records; nothing written to it arrives.
     if (!head_file)
-      head_file = fopen(name, "rb");
+      head_file = open_for_reading(name);
     // A file that cannot be opened is one that has no header.
     Header header = {false, 0, 0};
     if (head_file) {
@@ -557,7 +567,7 @@ void PersistentQueue::listFolder() {
   while (has_mode(chunk_path(folder.c_str(), number, name), S_IFREG)) {
     unsigned char bytes[kHeaderSize];
     size_t got = 0;
-    if (FILE* file = fopen(name, "rb")) {
+    if (FILE* file = open_for_reading(name)) {
       got = read_at(file, 0, bytes, sizeof bytes);
       fclose(file);
     }
@@ -607,7 +617,7 @@ int PersistentQueue::RemoveFile(const char* path) {
 }
 
 int64_t PersistentQueue::FileSize(const char* path) {
-  FILE* file = has_mode(path, S_IFDIR) ? nullptr : fopen(path, "rb");
+  FILE* file = has_mode(path, S_IFDIR) ? nullptr : open_for_reading(path);
   if (!file)
     return -1;
   fseeko(file, 0, SEEK_END);

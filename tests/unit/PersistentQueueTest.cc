@@ -1,5 +1,6 @@
 #include "PersistentQueue.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -263,6 +264,15 @@ TEST_F(PersistentQueueTest, TotalBytesFollowStoresAndTakes) {
   take();
   take();
   EXPECT_EQ(spool().total_bytes, 12);
+}
+
+TEST_F(PersistentQueueTest, ProgramsThatTheHostStartsDoNotInheritTheHead) {
+  const auto flags = [this] { return fcntl(fileno(spool().head_file), F_GETFD); };
+  store("abc");
+  EXPECT_TRUE(flags() & FD_CLOEXEC) << "created";
+  reopen();
+  spool().openFile();
+  EXPECT_TRUE(flags() & FD_CLOEXEC) << "opened";
 }
 
 TEST_F(PersistentQueueTest, DrainedOrClosedSpoolKeepsNothingInMemory) {

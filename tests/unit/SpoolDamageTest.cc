@@ -329,6 +329,7 @@ TEST_F(SpoolDamageTest, ReadableButNotWritableHeadIsDelivered) {
   set_mode(path("queue.dat.1"), 0444);
   as_an_ordinary_user([this] {
     EXPECT_THAT(take(), Optional(std::string("third")));
+    EXPECT_TRUE(fcntl(fileno(spool().head_file), F_GETFD) & FD_CLOEXEC);
     store("has no place to go");
     EXPECT_THAT(take(), Optional(std::string("second")));
     EXPECT_THAT(take(), Optional(std::string("first")));
