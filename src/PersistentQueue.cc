@@ -235,6 +235,7 @@ PersistentQueue::PersistentQueue()
       total_limit(kDefaultTotalLimitBytes),
       cursor_state(kTopUnknown),
       disabled(false),
+      stranded(0),
       top(kHeaderSize),
       stream_at_top(false),
       unwritten_records(0),
@@ -508,37 +509,71 @@ void PersistentQueue::closeFile() {
 }
 
 void PersistentQueue::rollFile() {
+  const int64_t numbers = numbers_in_use();
+  char next[kPathSize];
+  chunk_path(folder.c_str(), static_cast<uint32_t>(numbers), next);
+  // No file can take the name of a folder. The head stays open then: every Store comes here, and
+  // opening the head again walks through its records.
+  if (numbers > 0 && has_mode(next, S_IFDIR))
+    return;
   closeFile();
   // A spool that started without files counts none, and renames nothing the first time: the full
   // head is opened again and takes one more record before it rolls. On purpose.
-  const int64_t count = value_of(file_count);
-  char from[kPathSize];
-  char to[kPathSize];
-  for (int64_t k = count - 1; k >= 0; --k)  // highest first: none is overwritten
-    rename(chunk_path(folder.c_str(), static_cast<uint32_t>(k), from),
-           chunk_path(folder.c_str(), static_cast<uint32_t>(k) + 1, to));
-  set(file_count, count + 1);
+  const int64_t stayed = shift(numbers - 1, 0, 1);  // highest first: none is overwritten
+  if (stayed < 0) {
+    stranded = 0;
+    set(file_count, numbers + 1);
+    return;
+  }
+  // What was renamed goes back, for a start counts files up to the first gap only. The full head
+  // keeps its name and is opened again, and the next Store tries once more.
+  if (shift(stayed + 2, numbers, -1) <= numbers)
+    ++stranded;
 }
 
 void PersistentQueue::rollBack() {
   const bool was_open = head_file != nullptr;
   closeFile();
-  char from[kPathSize];
-  char to[kPathSize];
+  char head[kPathSize];
   bool is_free = true;
   // Only what was opened is known to hold nothing. Anything else may be full of records that a
   // shortage of descriptors or a permission hides for now.
   if (was_open)
-    unlink(chunk_path(folder.c_str(), 0, to));
+    unlink(chunk_path(folder.c_str(), 0, head));
   else
     is_free = setAside();
-  const int64_t count = value_of(file_count);
-  // Shifting down to a name that is taken would replace the file of that name, or the next one.
-  for (int64_t k = 1; is_free && k < count; ++k)
-    rename(chunk_path(folder.c_str(), static_cast<uint32_t>(k), from),
-           chunk_path(folder.c_str(), static_cast<uint32_t>(k) - 1, to));
-  // Below zero when the spool was empty already: on purpose.
-  set(file_count, count - 1);
+  const int64_t numbers = numbers_in_use();
+  if (is_free && shift(1, numbers - 1, -1) >= numbers) {
+    stranded = 0;
+    // Below zero when the spool was empty already: on purpose.
+    set(file_count, numbers - 1);
+  } else {
+    // The count falls all the same, so that Gets come to an end.
+    ++stranded;
+    set(file_count, static_cast<int64_t>(value_of(file_count)) - 1);
+  }
+}
+
+// The numbers below this one may belong to files of the spool, and no others do.
+int64_t PersistentQueue::numbers_in_use() const {
+  return static_cast<int64_t>(value_of(file_count)) + stranded;
+}
+
+// Renames the files with the numbers from `first` to `last`, one number up or down, beginning with
+// the one whose new number is free. A number without a file is passed over. A file that cannot be
+// renamed ends it, for the next one would replace that file. Returns the number of that file, or
+// the one behind `last`.
+int64_t PersistentQueue::shift(int64_t first, int64_t last, int64_t by) {
+  char from[kPathSize];
+  char to[kPathSize];
+  int64_t k = first;
+  for (; by > 0 ? k >= last : k <= last; k -= by) {
+    chunk_path(folder.c_str(), static_cast<uint32_t>(k), from);
+    chunk_path(folder.c_str(), static_cast<uint32_t>(k + by), to);
+    if (rename(from, to) != 0 && errno != ENOENT)
+      break;
+  }
+  return k;
 }
 
 // Renames what has the head's name out of the sequence; whether the name is free then.

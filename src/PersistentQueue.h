@@ -26,7 +26,9 @@
 /// if it had succeeded: a record that could not be written comes back as null, behind the others of
 /// its file, and what cannot be read reads as zero bytes. A head file that cannot be opened gives
 /// nothing; when older files wait behind it, it is renamed to queue.dat.unopened (.unopened.2, ...)
-/// to let them through. Nothing loops or crashes over any of it.
+/// to let them through. A file that cannot be renamed keeps its number, and no other file takes it:
+/// a head that cannot be rolled over grows on, and older files that cannot move down are kept for
+/// the next roll-over or start. Nothing loops or crashes over any of it.
 ///
 /// Crash: every record reaches the operating system before Store or Get returns, but the header
 /// that counts the records is written only when a file is created and when it is closed. So what
@@ -76,6 +78,8 @@ class PersistentQueue {
   void rollFile();
   void rollBack();
   bool setAside();
+  int64_t numbers_in_use() const;
+  int64_t shift(int64_t first, int64_t last, int64_t by);
   void listFolder();
   static bool CreatePath(char* path);
 
@@ -114,6 +118,7 @@ class PersistentQueue {
   bool disabled;
 
   // Guarded by `mutex`.
+  int32_t stranded;           // numbers from file_count on that a failed renaming left in use
   int64_t top;                // just past the newest record of the head file
   bool stream_at_top;         // whether the head file's stream stands there for the next Store
   int32_t unwritten_records;  // of the head's live records, those that the disk did not take

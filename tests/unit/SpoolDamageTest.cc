@@ -240,14 +240,26 @@ TEST_F(SpoolDamageTest, FolderInPlaceOfTheHeadMakesStoreHarmless) {
 }
 
 TEST_F(SpoolDamageTest, FolderInTheWayOfARollOverLosesNothing) {
-  put("queue.dat", header(20, 1) + record(0, "old!"));
-  std::filesystem::create_directory(path("queue.dat.1"));
-  start();
-  limit_chunks(0);
-  store("a");
-  store("b");
-  EXPECT_EQ(content("queue.dat.1").substr(12), record(0, "old!") + record(4, "a") + record(1, "b"));
-  EXPECT_TRUE(std::filesystem::is_directory(path("queue.dat.2"))) << "renamed as a file would be";
+  for (const char* in_the_way : {"queue.dat.1", "queue.dat.4"}) {
+    SCOPED_TRACE(in_the_way);
+    std::filesystem::remove_all(folder());
+    std::filesystem::create_directories(path(in_the_way) + "/not empty");
+    start();
+    limit_chunks(0);
+    std::vector<std::string> stored;
+    for (char c = 'a'; c <= 'o'; ++c) {
+      stored.push_back(std::string(10, c));
+      store(stored.back());
+    }
+    EXPECT_TRUE(std::filesystem::is_directory(path(in_the_way) + "/not empty"));
+    EXPECT_NE(spool().head_file, nullptr) << "opening it again would read all of it";
+    for (; !stored.empty(); stored.pop_back())
+      ASSERT_THAT(take(), Optional(stored.back()));
+    EXPECT_EQ(take(), std::nullopt);
+    store("the head's name is still free");
+    EXPECT_THAT(take(), Optional(std::string("the head's name is still free")));
+    stop();
+  }
 }
 
 TEST_F(SpoolDamageTest, PipeInPlaceOfTheHeadDoesNotBlock) {

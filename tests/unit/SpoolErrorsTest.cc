@@ -1,0 +1,209 @@
+// System calls that fail as a test says: the spool's source is compiled here with their names
+// replaced, after every header that must not see the replacement.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include "Reports.h"
+#include "SpoolFixture.h"
+#include "SpoolFormat.h"
+
+#include "util.h"
+
+namespace {
+
+std::function<bool(const std::string& from, const std::string& to)> rename_fails;
+std::string unopenable;
+bool lstat_fails = false;
+
+std::string name_of(const char* path) {
+  const std::string text = path;
+  return text.substr(text.rfind('/') + 1);
+}
+
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+int test_rename(const char* from, const char* to) {
+  return rename_fails && rename_fails(name_of(from), name_of(to)) ? fail(EIO) : rename(from, to);
+}
+
+int test_open(const char* path, int flags, mode_t mode) {
+  EXPECT_TRUE(flags & O_CLOEXEC) << path;
+  return name_of(path) == unopenable ? fail(EMFILE) : open(path, flags, mode);
+}
+
+int test_lstat(const char* path, struct stat* status) {
+  return lstat_fails ? fail(EIO) : lstat(path, status);
+}
+
+}  // namespace
+
+#define rename test_rename
+#define open test_open
+#define lstat test_lstat
+#include "PersistentQueue.cc"
+#undef rename
+#undef open
+#undef lstat
+
+namespace {
+
+using test::header;
+using test::record;
+using testing::ElementsAre;
+using testing::Optional;
+
+const std::vector<std::string> kFourNames = {"queue.dat", "queue.dat.1", "queue.dat.2",
+                                             "queue.dat.3"};
+
+class SpoolErrorsTest : public testing::Test, protected test::SpoolFixture {
+ protected:
+  ~SpoolErrorsTest() override {
+    stop();
+    rename_fails = nullptr;
+    unopenable.clear();
+    lstat_fails = false;
+  }
+
+  // One record in each of four files: "four" in the head, "one!" in the oldest.
+  void start_with_four_files() {
+    stop();
+    rename_fails = nullptr;
+    std::filesystem::remove_all(folder());
+    const std::vector<std::string> payloads = {"four", "three", "two", "one!"};
+    for (std::size_t k = 0; k < payloads.size(); ++k)
+      put(kFourNames[k],
+          header(static_cast<std::uint32_t>(16 + payloads[k].size()), 1) + record(0, payloads[k]));
+    start();
+  }
+
+  static void fail_to_rename(const std::string& name) {
+    rename_fails = [name](const std::string& from, const std::string&) { return from == name; };
+  }
+
+  // Takes until the spool says that it is empty; the payloads, newest first.
+  std::vector<std::string> take_all() {
+    std::vector<std::string> payloads;
+    for (int takes = 0; !spool().IsEmpty() && takes < 100; ++takes) {
+      if (const auto payload = take())
+        payloads.push_back(*payload);
+    }
+    EXPECT_TRUE(spool().IsEmpty());
+    return payloads;
+  }
+};
+
+TEST_F(SpoolErrorsTest, RollOverThatCannotRenameAFileLeavesAllWhereTheyWere) {
+  for (const std::string& name : kFourNames) {
+    SCOPED_TRACE(name);
+    start_with_four_files();
+    limit_chunks(0);
+    fail_to_rename(name);
+    const std::map<std::string, std::string> before = files();
+    store("five");
+    store("six");
+    EXPECT_THAT(names(), testing::ElementsAreArray(kFourNames));
+    EXPECT_EQ(content().substr(12), record(0, "four") + record(4, "five") + record(4, "six"));
+    for (const char* older : {"queue.dat.1", "queue.dat.2", "queue.dat.3"})
+      EXPECT_EQ(content(older), before.at(older)) << older;
+    EXPECT_EQ(spool().file_count, 4);
+    rename_fails = nullptr;
+    EXPECT_THAT(take_all(), ElementsAre("six", "five", "four", "three", "two", "one!"));
+  }
+}
+
+TEST_F(SpoolErrorsTest, RollOverIsMadeUpForByTheNextStore) {
+  start_with_four_files();
+  limit_chunks(0);
+  fail_to_rename("queue.dat.2");
+  store("five");
+  rename_fails = nullptr;
+  store("six");
+  EXPECT_THAT(names(), ElementsAre("queue.dat.1", "queue.dat.2", "queue.dat.3", "queue.dat.4"));
+  EXPECT_EQ(spool().file_count, 5);
+  EXPECT_THAT(take_all(), ElementsAre("six", "five", "four", "three", "two", "one!"));
+}
+
+// The files above the one that stayed cannot be renamed back either.
+TEST_F(SpoolErrorsTest, GapThatARollOverLeavesCostsNoRecord) {
+  start_with_four_files();
+  limit_chunks(0);
+  rename_fails = [](const std::string& from, const std::string& to) {
+    return from == "queue.dat.1" || to == "queue.dat.2";
+  };
+  store("five");
+  EXPECT_THAT(names(), ElementsAre("queue.dat", "queue.dat.1", "queue.dat.3", "queue.dat.4"));
+  rename_fails = nullptr;
+  store("six");
+  store("seven");
+  EXPECT_THAT(take_all(), ElementsAre("seven", "six", "five", "four", "three", "two", "one!"));
+}
+
+TEST_F(SpoolErrorsTest, NumberWithoutAFileDoesNotStopARollOver) {
+  start_with_four_files();
+  limit_chunks(0);
+  std::filesystem::remove(path("queue.dat.2"));
+  store("five");
+  EXPECT_THAT(names(), ElementsAre("queue.dat.1", "queue.dat.2", "queue.dat.4"));
+  EXPECT_THAT(take_all(), ElementsAre("five", "four", "three", "one!"));
+}
+
+TEST_F(SpoolErrorsTest, RollBackThatCannotRenameAFileReplacesNone) {
+  for (const char* name : {"queue.dat.1", "queue.dat.2", "queue.dat.3"}) {
+    SCOPED_TRACE(name);
+    start_with_four_files();
+    fail_to_rename(name);
+    EXPECT_THAT(take(), Optional(std::string("four")));
+    const std::optional<std::string> second = take();
+    rename_fails = nullptr;
+    std::vector<std::string> rest = take_all();
+    if (second)
+      rest.insert(rest.begin(), *second);
+    EXPECT_THAT(rest, ElementsAre("three", "two", "one!"));
+  }
+}
+
+TEST_F(SpoolErrorsTest, RollBackThatNeverSucceedsComesToAnEnd) {
+  start_with_four_files();
+  const auto older = [this] {
+    std::map<std::string, std::string> files = this->files();
+    files.erase("queue.dat");
+    return files;
+  };
+  const std::map<std::string, std::string> before = older();
+  rename_fails = [](const std::string&, const std::string&) { return true; };
+  EXPECT_THAT(take_all(), ElementsAre("four"));
+  EXPECT_EQ(older(), before);
+}
+
+TEST_F(SpoolErrorsTest, RollOverAfterARollBackThatFailedReplacesNone) {
+  start_with_four_files();
+  limit_chunks(0);
+  rename_fails = [](const std::string&, const std::string&) { return true; };
+  EXPECT_THAT(take_all(), ElementsAre("four"));
+  rename_fails = nullptr;
+  for (const char* payload : {"five", "six", "seven"})
+    store(payload);
+  EXPECT_EQ(spool().file_count, 7);
+  EXPECT_THAT(take_all(), ElementsAre("seven", "six", "five", "three", "two", "one!"));
+}
+
+TEST_F(SpoolErrorsTest, HeadWhoseNameIsInDoubtIsNotReplaced) {
+  start_with_four_files();
+  unopenable = "queue.dat";
+  lstat_fails = true;
+  const std::map<std::string, std::string> before = files();
+  EXPECT_THAT(take_all(), ElementsAre());
+  EXPECT_EQ(files(), before);
+}
+
+}  // namespace
