@@ -154,6 +154,19 @@ TEST_F(SpoolDamageTest, ScanGoesOnBehindTheRecordMarkedLastWhereTheCountHasNoRoo
   expect_as_the_model({{"queue.dat", damaged}});
 }
 
+// With the records that are stored the file has room for the ten that its header counts.
+TEST_F(SpoolDamageTest, ScanAfterAStoreBelievesACountThatTheFileHasRoomForByThen) {
+  std::string damaged = header(100, 10);
+  for (int i = 0; i < 9; ++i)
+    damaged += record(0, "");
+  put("queue.dat", damaged);
+  EXPECT_THAT(take(), Optional(std::string()));
+  store("ninth");
+  store("tenth");
+  store("");
+  EXPECT_THAT(take(), Optional(std::string("tenth")));
+}
+
 TEST_F(SpoolDamageTest, PayloadCutByTheEndOfTheFileIsFilledWithZeros) {
   put("queue.dat", header(1016, 1) + u16(1000) + u16(0) + "abc");
   EXPECT_THAT(take(), Optional("abc" + std::string(997, '\0')));
