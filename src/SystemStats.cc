@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 
 // The host's headers.
 #include "Type.h"
@@ -36,6 +37,13 @@ enum Field {
   kHddUsed,
   kHddAvail
 };
+
+// Darwin counts blocks in 32 bits, others in 64, so their product with a block's size is a
+// double's.
+static_assert(std::is_unsigned<fsblkcnt_t>::value &&
+                  (sizeof(fsblkcnt_t) == 4 || sizeof(fsblkcnt_t) == 8),
+              "count of blocks");
+static_assert(sizeof(static_cast<struct statvfs*>(nullptr)->f_bsize) == 8, "size of a block");
 
 /// Looked up once and kept, with a reference of its own, for as long as the process lives.
 RecordType* record_type = nullptr;

@@ -34,7 +34,18 @@ namespace {
 constexpr int kMaxPids = 1024;
 constexpr char kPcbList[] = "net.inet.tcp.pcblist";
 
+constexpr std::size_t kHandleOffset =
+    offsetof(struct xtcpcb, xt_socket) + offsetof(struct xsocket, so_pcb);
+constexpr std::size_t kProtocolOffset =
+    offsetof(struct xtcpcb, xt_socket) + offsetof(struct xsocket, xso_protocol);
+
+// The figures of Darwin's kernel, whichever headers declare its records.
 static_assert(sizeof(struct xinpgen) == 24, "header and trailer of the control block list");
+static_assert(sizeof(struct inpcb) == 208, "control block");
+static_assert(offsetof(struct xtcpcb, xt_socket) == 416, "socket in a record of the list");
+static_assert(kHandleOffset == 432, "handle in a record of the list");
+static_assert(kProtocolOffset == 436, "protocol in a record of the list");
+static_assert(sizeof(struct xtcpcb) == 524, "record of the list");
 static_assert(sizeof(struct proc_fdinfo) == 8, "entry of the descriptor list");
 static_assert(sizeof(struct socket_fdinfo) == 792, "socket information");
 static_assert(sizeof(struct proc_taskallinfo) == 232, "task information");
@@ -112,9 +123,8 @@ bool is_candidate(const struct xtcpcb& record, uint64_t generation) {
 }
 
 /// How much of a record is read: up to the last field that is looked at.
-constexpr std::size_t kFieldBytes = offsetof(struct xtcpcb, xt_socket) +
-                                    offsetof(struct xsocket, xso_protocol) +
-                                    sizeof(static_cast<struct xsocket*>(nullptr)->xso_protocol);
+constexpr std::size_t kFieldBytes =
+    kProtocolOffset + sizeof(static_cast<struct xsocket*>(nullptr)->xso_protocol);
 
 /// Walks the snapshot for the socket between two endpoints and gives the handle of its control
 /// block. The walk ends at the trailer, and at the latest at the end of the snapshot: lengths come

@@ -30,8 +30,8 @@ constexpr std::size_t kGenerationAt = 4 + 60;
 constexpr std::size_t kFamilyFlagsAt = 4 + 76;
 constexpr std::size_t kForeignAddressAt = 4 + 80 + 12;
 constexpr std::size_t kLocalAddressAt = 4 + 96 + 12;
-constexpr std::size_t kHandleAt = 4 + 204 + 204 + 16;
-constexpr std::size_t kProtocolAt = 4 + 204 + 204 + 20;
+constexpr std::size_t kHandleAt = 432;
+constexpr std::size_t kProtocolAt = 436;
 
 test::FakeProcess* find_process(int pid) {
   if (!fake)

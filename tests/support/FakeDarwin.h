@@ -54,7 +54,7 @@ class PcbList {
   };
 
   static constexpr std::uint32_t kGenerationBytes = 24;
-  static constexpr std::uint32_t kRecordBytes = 520;
+  static constexpr std::uint32_t kRecordBytes = 524;
 
   /// Begins with a header of the given generation.
   explicit PcbList(std::uint64_t generation = 1000);

@@ -56,9 +56,9 @@ int statvfs(const char* path, struct statvfs* disk) LIBC_NOEXCEPT {
   std::memset(disk, 0, sizeof *disk);
   disk->f_bsize = fake->block_bytes;
   disk->f_frsize = fake->fragment_bytes;
-  disk->f_blocks = static_cast<decltype(disk->f_blocks)>(fake->blocks);
-  disk->f_bfree = static_cast<decltype(disk->f_bfree)>(fake->free_blocks);
-  disk->f_bavail = static_cast<decltype(disk->f_bavail)>(fake->available_blocks);
+  disk->f_blocks = fake->blocks;
+  disk->f_bfree = fake->free_blocks;
+  disk->f_bavail = fake->available_blocks;
   if (fake->statvfs_works)
     return 0;
   // Even a failed call has written something: it must not be taken for figures.

@@ -20,9 +20,10 @@ class FakeDisk {
   bool statvfs_works = true;
   std::uint64_t block_bytes = 4096;
   std::uint64_t fragment_bytes = 1024;
-  std::uint64_t blocks = 0;
-  std::uint64_t free_blocks = 0;
-  std::uint64_t available_blocks = 0;
+  // 32 bits, as on Darwin.
+  std::uint32_t blocks = 0;
+  std::uint32_t free_blocks = 0;
+  std::uint32_t available_blocks = 0;
   // What statvfs was asked for last; empty: never.
   std::string asked;
 };

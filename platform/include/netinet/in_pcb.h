@@ -63,6 +63,7 @@ struct inpcb {
   struct {
     uint8_t inp4_ip_tos;
     uint32_t inp4_options;
+    uint32_t inp4_moptions;
   } inp_depend4;
   struct {
     uint32_t inp6_options;
@@ -99,5 +100,5 @@ static_assert(offsetof(struct inpcb, inp_gencnt) == 60, "generation");
 static_assert(offsetof(struct inpcb, inp_vflag) == 76, "address family flags");
 static_assert(offsetof(struct inpcb, inp_dependfaddr) == 80, "foreign address");
 static_assert(offsetof(struct inpcb, inp_dependladdr) == 96, "local address");
-static_assert(sizeof(struct inpcb) == 204, "control block");
+static_assert(sizeof(struct inpcb) == 208, "control block");
 #endif

@@ -81,5 +81,6 @@ struct xtcpcb {
 
 #ifdef __cplusplus
 static_assert(sizeof(struct tcpcb) == 204, "TCP part");
-static_assert(offsetof(struct xtcpcb, xt_socket) == 412, "socket part");
+static_assert(offsetof(struct xtcpcb, xt_socket) == 416, "socket part");
+static_assert(sizeof(struct xtcpcb) == 524, "record");
 #endif
