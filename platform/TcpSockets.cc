@@ -99,23 +99,25 @@ int add_message(const struct nlmsghdr* header, TcpSocketSink* sink) {
   return sink->add(socket) ? 0 : ENOMEM;
 }
 
+/// The error that a message of type NLMSG_ERROR or NLMSG_DONE carries, 0 for none. The kernel's
+/// ENOMEM becomes EIO, since here it means that the sink has no room.
 int error_of(const struct nlmsghdr* header) {
-  if (header->nlmsg_len < NLMSG_LENGTH(sizeof(struct nlmsgerr)))
-    return EIO;
-  const int error = -reinterpret_cast<const struct nlmsgerr*>(NLMSG_DATA(header))->error;
-  return error > 0 ? error : EIO;
+  int32_t error = 0;
+  if (header->nlmsg_len >= NLMSG_LENGTH(sizeof error))
+    memcpy(&error, NLMSG_DATA(header), sizeof error);
+  if (error >= 0)
+    return header->nlmsg_type == NLMSG_DONE ? 0 : EIO;
+  return error == -ENOMEM ? EIO : -error;
 }
 
 /// Takes one piece of the answer; *done at its end.
 int add_messages(const char* buffer, size_t length, TcpSocketSink* sink, bool* done) {
   const struct nlmsghdr* header = reinterpret_cast<const struct nlmsghdr*>(buffer);
   for (; NLMSG_OK(header, length); header = NLMSG_NEXT(header, length)) {
-    if (header->nlmsg_type == NLMSG_DONE) {
-      *done = true;
-      return 0;
-    }
-    const int error =
-        header->nlmsg_type == NLMSG_ERROR ? error_of(header) : add_message(header, sink);
+    *done = header->nlmsg_type == NLMSG_DONE;
+    if (*done || header->nlmsg_type == NLMSG_ERROR)
+      return error_of(header);
+    const int error = add_message(header, sink);
     if (error != 0)
       return error;
   }
