@@ -22,7 +22,7 @@ namespace {
 }
 
 void become(const char* user_id) {
-  const unsigned id = static_cast<unsigned>(std::atoi(user_id));
+  const uid_t id = static_cast<uid_t>(std::strtoul(user_id, nullptr, 10));
   if (setgid(id) != 0 || setuid(id) != 0)
     die("setuid");
 }

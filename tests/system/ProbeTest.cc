@@ -1,11 +1,13 @@
-// The probes on this machine: real processes, sockets and users, and figures that other programs
-// tell too.
+// The probes on this machine: real processes, sockets and users, and on Linux figures that /proc
+// and other programs tell too.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <pwd.h>
 #include <spawn.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,13 +44,9 @@ constexpr char kHolderName[] = "probe-holder";
 /// A running probe-holder.
 class Holder {
  public:
-  Holder(const char* family, int user_id = -1) {
-    std::vector<std::string> words = {PROBE_HOLDER, family};
-    if (user_id >= 0)
-      words.push_back(std::to_string(user_id));
-    start(words);
-    if (std::fscanf(output_, "%d %d", &client_port, &server_port) != 2)
-      ADD_FAILURE() << "the process that holds the sockets did not start";
+  explicit Holder(const char* family) { start({PROBE_HOLDER, family}); }
+  Holder(const char* family, uid_t user_id) {
+    start({PROBE_HOLDER, family, std::to_string(user_id)});
   }
 
   ~Holder() {
@@ -94,6 +92,8 @@ class Holder {
     close(from[1]);
     input_ = fdopen(to[1], "w");
     output_ = fdopen(from[0], "r");
+    ASSERT_EQ(std::fscanf(output_, "%d %d", &client_port, &server_port), 2)
+        << "the process that holds the sockets did not start";
   }
 
   pid_t pid_ = 0;
@@ -134,6 +134,16 @@ bool is_root() {
   return geteuid() == 0;
 }
 
+bool has_ipv6() {
+  sockaddr_in6 address = {};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  const int fd = socket(AF_INET6, SOCK_STREAM, 0);
+  const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return bound;
+}
+
 /// An ordinary user of this machine.
 const passwd* ordinary_user() {
   return getpwnam("nobody");
@@ -145,7 +155,7 @@ TEST(ProbeTest, ProcessOfAnotherUserIsNamedInBothDirections) {
   const passwd* user = ordinary_user();
   ASSERT_NE(user, nullptr);
   const std::string name = user->pw_name;
-  const Holder holder("4", static_cast<int>(user->pw_uid));
+  const Holder holder("4", user->pw_uid);
   expect_in_both_directions(holder, Names(kHolderName, name));
 }
 
@@ -165,8 +175,8 @@ TEST(ProbeTest, ProcessOfRootHasANameAndNoUser) {
 TEST(ProbeTest, UserWithoutPasswordEntryIsEmpty) {
   if (!is_root())
     GTEST_SKIP() << "only root can start it";
-  int user_id = 64321;
-  while (getpwuid(static_cast<uid_t>(user_id)))
+  uid_t user_id = 64321;
+  while (getpwuid(user_id))
     ++user_id;
   const Holder holder("4", user_id);
   expect_in_both_directions(holder, Names(kHolderName, ""));
@@ -189,7 +199,7 @@ TEST(ProbeTest, EndedProcessOwnsNothing) {
 }
 
 TEST(ProbeTest, ConnectionOverIPv6HasNoOwner) {
-  if (access("/proc/net/if_inet6", F_OK) != 0)
+  if (!has_ipv6())
     GTEST_SKIP() << "no IPv6 here";
   const Holder holder("6");
   EXPECT_EQ(detect("::1", holder.client_port, holder.server_port), Names("", ""));
@@ -275,6 +285,19 @@ struct Stats {
   double hdd_volume, hdd_used, hdd_avail;
 };
 
+TEST(ProbeTest, PriorityIsTheNiceValue) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const bool set = setpriority(PRIO_PROCESS, 0, 17) == 0;
+    _exit(set && Stats().priority == 17 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(status, 0);
+}
+
+#ifdef __linux__
+
 std::string output_of(const char* command) {
   std::string output;
   FILE* pipe = popen(command, "r");
@@ -306,18 +329,6 @@ TEST(ProbeTest, LoadIsThatOfTheKernel) {
     const double after = told_by("cat /proc/loadavg");
     return before == after && sampled == before && single == before;
   }));
-}
-
-TEST(ProbeTest, PriorityIsTheNiceValue) {
-  EXPECT_EQ(Stats().priority, static_cast<int>(told_by("nice")));
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const bool set = setpriority(PRIO_PROCESS, 0, 17) == 0;
-    _exit(set && Stats().priority == 17 ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_EQ(status, 0);
 }
 
 TEST(ProbeTest, MemoryTotalIsThatOfGetconf) {
@@ -366,5 +377,7 @@ TEST(ProbeTest, DiskFiguresAreThoseOfTheWorkingFolder) {
   EXPECT_EQ(stats.hdd_avail, 0.0);
   EXPECT_GT(Stats().hdd_volume, 0.0);
 }
+
+#endif
 
 }  // namespace

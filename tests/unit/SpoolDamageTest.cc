@@ -504,7 +504,7 @@ class FileSizeLimit {
 
  private:
   rlimit before_;
-  sighandler_t handler_;
+  void (*handler_)(int);
 };
 
 TEST_F(SpoolDamageTest, FullDiskGoesUnnoticedAndTheCountsGoOn) {
