@@ -2,35 +2,14 @@
 
 #include <sstream>
 
+#include "Text.h"
+
 namespace zmqwriter {
 
 namespace {
 
 constexpr std::size_t kTerminalColumns = 80;
 constexpr std::size_t kDescriptionColumn = 26;
-
-/// `text` with line breaks put between words, so that a line behind `indent` blanks fits. Breaks
-/// that it has stay, and each line but the first is indented.
-std::string wrapped(const std::string& text, std::size_t indent) {
-  std::string result;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::size_t column = kTerminalColumns;  // the first word begins a line
-    for (std::string word; words >> word;) {
-      if (column + 1 + word.size() <= kTerminalColumns) {
-        result += ' ';
-        ++column;
-      } else {
-        result += result.empty() ? "" : "\n" + std::string(indent, ' ');
-        column = indent;
-      }
-      result += word;
-      column += word.size();
-    }
-  }
-  return result;
-}
 
 /// "json|text|raw" out of "TEXT:{json,text,raw}", which is how CLI11 names a set of values; any
 /// other name as it is.
@@ -57,11 +36,11 @@ std::string HelpFormatter::make_row(const std::string& name, const std::string& 
   // With a blank between the two columns at least.
   if (2 + name.size() >= kDescriptionColumn)
     result += "\n" + std::string(kDescriptionColumn, ' ');
-  return result + wrapped(description, kDescriptionColumn) + "\n";
+  return result + wrapped(description, kDescriptionColumn, kTerminalColumns) + "\n";
 }
 
 std::string HelpFormatter::make_description(const CLI::App* app) const {
-  return wrapped(CLI::Formatter::make_description(app), 0) + "\n";
+  return wrapped(CLI::Formatter::make_description(app), 0, kTerminalColumns) + "\n";
 }
 
 std::string HelpFormatter::make_subcommand(const CLI::App* subcommand) const {

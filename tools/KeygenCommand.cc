@@ -12,6 +12,8 @@
 #include <string>
 
 #include "CurveKey.h"
+#include "Files.h"
+#include "OptionChecks.h"
 #include "Output.h"
 
 namespace zmqwriter {
@@ -25,19 +27,17 @@ namespace {
 /// Creates `file`, which must not exist, with `mode` from its first moment on. What was written of
 /// it does not stay behind a failure.
 void create_file(const std::string& file, const std::string& content, mode_t mode) {
-  const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-  if (fd < 0 && errno == EEXIST)
+  const FileDescriptor descriptor(
+      open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+  if (descriptor.get() < 0 && errno == EEXIST)
     fail(file, "exists already and is not overwritten; move it away or choose another --dir");
-  if (fd < 0)
+  if (descriptor.get() < 0)
     fail(file, std::string("cannot be created: ") + std::strerror(errno));
-  const bool written =
-      write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()) &&
-      fsync(fd) == 0;
-  const int error = errno;
-  if (close(fd) == 0 && written)
+  if (write_fully(descriptor.get(), content) == content.size() && fsync(descriptor.get()) == 0)
     return;
+  const int error = errno;
   unlink(file.c_str());
-  fail(file, std::string("cannot be written: ") + std::strerror(written ? errno : error));
+  fail(file, std::string("cannot be written: ") + std::strerror(error));
 }
 
 void make_folder(const std::string& folder) {
@@ -79,11 +79,7 @@ void add_keygen_command(CLI::App& app, int* exit_code) {
   const auto folder = std::make_shared<std::string>(".");
   command->add_option("--dir", *folder, "Folder for the two files, made if it is missing")
       ->type_name("DIR")
-      ->check(CLI::Validator(
-          [](const std::string& text) -> std::string {
-            return text.empty() ? "the folder's name is empty; '.' is the current folder" : "";
-          },
-          ""))
+      ->check(not_empty("the folder's name is empty; '.' is the current folder"))
       ->capture_default_str();
   command->callback([folder, exit_code] { *exit_code = make_keys(*folder); });
 }

@@ -18,7 +18,7 @@
 #include "CollectStats.h"
 #include "EventJson.h"
 #include "RawEvents.h"
-#include "Utf8.h"
+#include "Text.h"
 
 namespace {
 

@@ -325,16 +325,16 @@ class CollectKeyTest(CliTest):
             if content:
                 self.assertNotIn(content, result.stderr)
 
-    def test_folder_in_place_of_the_key_is_called_a_folder(self):
+    def test_folder_in_place_of_the_key_is_a_failure_by_name(self):
         os.mkdir("keys", mode=0o755)
         result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "keys")
         self.assertEqual(result.returncode, 1)
-        self.assertEqual(result.stderr, "zmqwriter: keys: this is a folder, not a key file\n")
+        self.assertIn("keys: cannot be read: Is a directory", result.stderr)
 
     def test_missing_key_file_is_a_failure_by_name(self):
         result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "nowhere")
         self.assertEqual(result.returncode, 1)
-        self.assertIn("nowhere: cannot read the key: No such file or directory", result.stderr)
+        self.assertIn("nowhere: cannot be read: No such file or directory", result.stderr)
 
     def test_key_that_others_may_read_is_warned_about(self):
         self.assertIn("chmod 600 key", self.collect_with("0" * 64, mode=0o644).stderr)

@@ -600,11 +600,11 @@ class CollectAllowTest(CliTest):
         wait_for(lambda: "stay as they were: allowed:1: " in collector.stderr, "the refusal")
         os.remove("allowed")
         collector.popen.send_signal(signal.SIGHUP)
-        wait_for(lambda: "stay as they were: allowed: cannot read the allowed keys: No such file"
+        wait_for(lambda: "stay as they were: allowed: cannot be read: No such file"
                  in collector.stderr, "the second refusal")
         os.mkdir("allowed")
         collector.popen.send_signal(signal.SIGHUP)
-        wait_for(lambda: "stay as they were: allowed: this is a folder" in collector.stderr,
+        wait_for(lambda: "stay as they were: allowed: cannot be read: Is a directory" in collector.stderr,
                  "the third refusal")
         self.client(collector.endpoint, early).send(make_event(uid=b"as before"))
         wait_for(lambda: len(collector.lines()) == 2, "the event of a key that stayed allowed")
@@ -637,7 +637,7 @@ class CollectAllowTest(CliTest):
             self.assertEqual(result.returncode, 1)
             self.assertIn(message, result.stderr)
             self.assertNotIn("listening on", result.stderr)
-        for name, message in [("nowhere", "No such file"), (".", "this is a folder")]:
+        for name, message in [("nowhere", "No such file"), (".", "Is a directory")]:
             result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
                                    "server.secret", "--allow", name)
             self.assertEqual(result.returncode, 1)

@@ -11,6 +11,7 @@
 #include "FakeDisk.h"
 #include "SettingsFile.h"
 #include "TempDir.h"
+#include "Text.h"
 #include "WorkerFixture.h"
 
 using ::testing::ElementsAre;

@@ -24,6 +24,7 @@
 #include "CurveKey.h"
 #include "PeerGreeting.h"
 #include "TempDir.h"
+#include "Text.h"
 
 using std::chrono::milliseconds;
 using ::testing::HasSubstr;

@@ -23,6 +23,7 @@
 #include <flatbuffers/flatbuffers.h>
 
 #include "EventJson.h"
+#include "Files.h"
 #include "RawEvents.h"
 #include "TempDir.h"
 #include "aggregator_generated.h"

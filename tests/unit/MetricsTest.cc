@@ -16,7 +16,7 @@
 
 #include "ClientGate.h"
 #include "ListenAddress.h"
-#include "ZmqContext.h"
+#include "Zmq.h"
 
 namespace {
 

@@ -21,7 +21,7 @@
 #include "CurveKey.h"
 #include "ListenAddress.h"
 #include "TempDir.h"
-#include "ZmqContext.h"
+#include "Zmq.h"
 
 namespace {
 

@@ -22,10 +22,7 @@ void add_check_command(CLI::App& app, int* exit_code) {
       "Exit status 0 means no errors and no warnings; notes do not count.");
   const auto options = std::make_shared<CheckOptions>();
   add_plugin_options(command, options.get());
-  command->get_option("--settings")
-      ->required()
-      ->check(CLI::Validator(
-          [](const std::string& file) { return file.empty() ? "it must name a file" : ""; }, ""));
+  command->get_option("--settings")->required()->check(not_empty("it must name a file"));
   command->add_flag("--connect", options->connect,
                     "Connect to each endpoint, and say what happens; sends no event");
   command

@@ -1,11 +1,9 @@
 #include "CheckReport.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <functional>
 #include <nlohmann/json.hpp>
 
-#include "Utf8.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -46,32 +44,15 @@ bool is_number(const Setting& setting) {
   return setting.constant.empty();
 }
 
-long count_of(const CheckReport& report, Severity severity) {
-  return std::count_if(report.findings.begin(), report.findings.end(),
-                       [&](const Finding& finding) { return finding.severity == severity; });
+std::uint64_t count_of(const CheckReport& report, Severity severity) {
+  return static_cast<std::uint64_t>(
+      std::count_if(report.findings.begin(), report.findings.end(),
+                    [&](const Finding& finding) { return finding.severity == severity; }));
 }
 
 // -- Text -----------------------------------------------------------------------------------------
 
 constexpr std::size_t kTextWidth = 96;
-
-/// What a terminal may be given as it is, and in the place of each other byte what `escape` makes
-/// of it: values come from files, findings quote them.
-std::string for_terminal(const std::string& text,
-                         const std::function<std::string(const char*)>& escape) {
-  const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
-  std::string result;
-  for (std::size_t i = 0; i < text.size();) {
-    const std::size_t length = utf8_length(bytes + i, text.size() - i);
-    if (length > 0 && is_printable(bytes + i, length))
-      result.append(text, i, length);
-    else
-      for (std::size_t k = 0; k < std::max<std::size_t>(length, 1); ++k)
-        result += escape(&text[i + k]);
-    i += std::max<std::size_t>(length, 1);
-  }
-  return result;
-}
 
 /// In quotation marks, so that blanks and emptiness show; what is not printable as escapes.
 std::string shown(const std::string& text) {
@@ -79,18 +60,18 @@ std::string shown(const std::string& text) {
   for (const char c : text)
     quoted += (c == '"' || c == '\\' ? "\\" : "") + std::string(1, c);
   return "\"" +
-         for_terminal(quoted,
-                      [](const char* c) {
-                        return *c == '\n'   ? "\\n"
-                               : *c == '\r' ? "\\r"
-                               : *c == '\t' ? "\\t"
-                                            : "\\x" + hex_digits(c, 1);
-                      }) +
+         printable(quoted,
+                   [](char c) {
+                     return c == '\n'   ? "\\n"
+                            : c == '\r' ? "\\r"
+                            : c == '\t' ? "\\t"
+                                        : "\\x" + hex_digits(&c, 1);
+                   }) +
          "\"";
 }
 
-std::string printable(const std::string& text) {
-  return for_terminal(text, [](const char*) { return "?"; });
+std::string for_terminal(const std::string& text) {
+  return printable(text, [](char) { return std::string("?"); });
 }
 
 /// A title, and below it rows whose columns are aligned.
@@ -125,33 +106,8 @@ class Table {
   std::vector<std::vector<std::string>> rows_;
 };
 
-/// Words in lines of kTextWidth, each behind `indent` blanks; `first` stands in front of the first.
-std::string wrapped(const std::string& first, std::size_t indent, const std::string& words) {
-  std::string text;
-  std::string line = first;
-  line.resize(std::max(line.size(), indent), ' ');
-  bool fresh = true;
-  for (std::size_t start = 0; start <= words.size();) {
-    const std::size_t end = std::min(words.find(' ', start), words.size());
-    const std::string word = words.substr(start, end - start);
-    if (!fresh && line.size() + 1 + word.size() > kTextWidth) {
-      text += line + "\n";
-      line.assign(indent, ' ');
-      fresh = true;
-    }
-    line += (fresh ? "" : " ") + word;
-    fresh = false;
-    start = end + 1;
-  }
-  return text + line + "\n";
-}
-
-std::string counted(long number, const std::string& noun) {
-  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
-}
-
 std::string settings_table(const Configuration& configuration, const std::string& file) {
-  Table table("Settings (" + printable(file) + ")");
+  Table table("Settings (" + for_terminal(file) + ")");
   for (const Setting& setting : configuration.settings_in_order()) {
     const std::string source =
         setting.place == SettingOrigin::kScriptConstant && !setting.key.empty()
@@ -166,7 +122,7 @@ std::string settings_table(const Configuration& configuration, const std::string
 std::string endpoints_table(const Configuration& configuration) {
   Table table("Endpoints, as the plug-in uses them");
   for (const Endpoint& endpoint : configuration.endpoints())
-    table.Row({endpoint.role, printable(endpoint.uri), "from " + shown(endpoint.configured)});
+    table.Row({endpoint.role, for_terminal(endpoint.uri), "from " + shown(endpoint.configured)});
   if (configuration.endpoints().size() == 1)
     table.Row({"secondary servers", "none"});
   return table.Text();
@@ -176,14 +132,14 @@ std::string key_table(const KeyReport& key) {
   Table table("Server key, as the plug-in decodes it");
   table.Row({"text", shown(key.text)});
   table.Row({"decoded", hex_digits(key.decoded.bytes, key.decoded.length) + " (" +
-                            counted(static_cast<long>(key.decoded.length), "byte") + ")"});
+                            counted(key.decoded.length, "byte") + ")"});
   table.Row({"libzmq", key.accepted ? "takes it for a key" : "does not take it for a key"});
   return table.Text();
 }
 
 std::string paths_table(const CheckReport& report) {
   Table table("Paths");
-  table.Row({"plug-in", printable(report.plugin->folder)});
+  table.Row({"plug-in", for_terminal(report.plugin->folder)});
   table.Row({"spool folder", report.spool->folder, "spool " + report.spool->state});
   table.Row({"its parent", report.spool->parent});
   table.Row({"agent-id file", report.agent_id->path, report.agent_id->state});
@@ -201,10 +157,8 @@ std::string agent_table(const AgentIdReport& agent) {
 }
 
 std::string disk_table(const DiskReport& disk) {
-  char size[64];
-  std::snprintf(size, sizeof size, "%.2f MB", disk.disk_mb);
   Table table("Disk limits, as the plug-in computes them (it enforces none but the chunk size)");
-  table.Row({"working directory's disk", size});
+  table.Row({"working directory's disk", formatted("%.2f MB", disk.disk_mb)});
   table.Row({"spool limit", std::to_string(disk.limit_mb) + " MB",
              std::to_string(disk.limit_bytes) + " bytes, the smaller of " +
                  std::to_string(disk.relative) + " % and " + std::to_string(disk.absolute_mb) +
@@ -217,10 +171,9 @@ std::string disk_table(const DiskReport& disk) {
 std::string connect_table(const std::vector<TriedEndpoint>& tried) {
   Table table("Connections");
   for (const TriedEndpoint& one : tried) {
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.2f s", one.result.seconds);
-    table.Row({one.endpoint.role, printable(one.endpoint.uri), one.result.ok ? "ok" : "failed",
-               seconds, one.result.ok ? one.result.text : one.result.id});
+    table.Row({one.endpoint.role, for_terminal(one.endpoint.uri), one.result.ok ? "ok" : "failed",
+               formatted("%.2f s", one.result.seconds),
+               one.result.ok ? one.result.text : one.result.id});
   }
   return table.Text();
 }
@@ -233,14 +186,16 @@ std::string findings_text(const CheckReport& report) {
     for (const Finding& finding : report.findings) {
       if (finding.severity != severity)
         continue;
-      text += wrapped(std::string("  ") + name_of(severity), kIndent,
-                      printable(finding.text) + " [" + finding.id + "]");
+      std::string words = for_terminal(finding.text) + " [" + finding.id + "]";
       if (!finding.remedy.empty())
-        text += wrapped("", kIndent, "To do: " + finding.remedy);
+        words += "\nTo do: " + finding.remedy;
+      std::string start = std::string("  ") + name_of(severity);
+      start.resize(kIndent, ' ');
+      text += start + wrapped(words, kIndent, kTextWidth) + "\n";
     }
   }
-  const long errors = count_of(report, Severity::kError);
-  const long warnings = count_of(report, Severity::kWarning);
+  const std::uint64_t errors = count_of(report, Severity::kError);
+  const std::uint64_t warnings = count_of(report, Severity::kWarning);
   return text + "\n" + (errors + warnings == 0 ? "All well: " : "") + counted(errors, "error") +
          ", " + counted(warnings, "warning") + ", " +
          counted(count_of(report, Severity::kNote), "note") + "\n";

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +13,7 @@
 
 #include "ServerKeyForm.h"
 #include "SettingsFile.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -71,17 +71,10 @@ Setting text_setting(const PluginOptions& options, const ConstantValues& constan
   return setting;
 }
 
-bool is_whole_number(const std::string& text) {
-  int number = 0;
-  const char* const end = text.data() + text.size();
-  const auto parsed = std::from_chars(text.data(), end, number);
-  return parsed.ec == std::errc() && parsed.ptr == end;
-}
-
 Setting number_setting(const PluginOptions& options, const NumberSetting& what, int value) {
   const SettingOrigin origin(options, what.key, "");
   // Of what is no number, only the name is left.
-  const auto place = is_whole_number(origin.value) ? origin.place : SettingOrigin::kNowhere;
+  const auto place = number_in<int>(origin.value) ? origin.place : SettingOrigin::kNowhere;
   return {what.key, "", place, origin.name, std::to_string(value)};
 }
 
@@ -143,14 +136,8 @@ bool is_odd_character(unsigned char c) {
   return c <= ' ' || c >= 0x7f || c == '"' || c == '\'';
 }
 
-bool has_only_digits(const std::string& text) {
-  return !text.empty() &&
-         std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); });
-}
-
 bool is_port(const std::string& text) {
-  return has_only_digits(text) && text.size() <= 9 && std::stoi(text) >= 1 &&
-         std::stoi(text) <= 65535;
+  return number_in<std::uint16_t>(text).value_or(0) > 0;
 }
 
 /// With or without the brackets and the zone that it may have.
@@ -288,7 +275,7 @@ void Configuration::CheckNumbers(Findings* findings) const {
     if (!settings || !settings->has(what.key))
       continue;
     const std::string text = settings->getStringVal(what.key, "");
-    if (!is_whole_number(text))
+    if (!number_in<int>(text))
       findings->push_back({"setting-not-a-number", Severity::kWarning,
                            setting(what.key).name + " = " + quoted(text) +
                                " is no whole 32-bit number, so its default " +
@@ -403,7 +390,7 @@ KeyReport Configuration::CheckKey(bool accepted, Findings* findings) const {
     text +=
         "; it is decoded to another key, " + hex_digits(report.decoded.bytes, length) + consequence;
   } else {
-    text += "; it is decoded to " + std::to_string(length) + (length == 1 ? " byte" : " bytes");
+    text += "; it is decoded to " + counted(length, "byte");
     if (accepted) {
       severity = Severity::kWarning;
       text += ", which libzmq reads as a key in Z85";
@@ -461,16 +448,6 @@ DiskReport Configuration::CheckDisk(Findings* findings) const {
                          "pqueue.chunk.size of " + arithmetic(chunk_, disk.chunk_bytes) + new_files,
                          "set it to 2047 at most; 10 is the default"});
   return disk;
-}
-
-std::string hex_digits(const void* bytes, std::size_t size) {
-  std::string text;
-  for (std::size_t i = 0; i < size; ++i) {
-    const unsigned char byte = static_cast<const unsigned char*>(bytes)[i];
-    text += "0123456789ABCDEF"[byte >> 4];
-    text += "0123456789ABCDEF"[byte & 15];
-  }
-  return text;
 }
 
 }  // namespace zmqwriter

@@ -82,7 +82,4 @@ class Configuration {
 /// What speaks against one endpoint before anybody connects; adds one finding at most.
 void check_endpoint(const Endpoint& endpoint, Findings* findings);
 
-/// Upper-case hexadecimal digits.
-std::string hex_digits(const void* bytes, std::size_t size);
-
 }  // namespace zmqwriter

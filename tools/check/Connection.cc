@@ -12,6 +12,9 @@
 
 #include <zmq.h>
 
+#include "Text.h"
+#include "Zmq.h"
+
 namespace zmqwriter {
 
 namespace {
@@ -22,34 +25,8 @@ using std::chrono::milliseconds;
 // What finding out more about a failure may take on top.
 constexpr milliseconds kDiagnosis(1000);
 
-struct EndContext {
-  void operator()(void* context) const { zmq_ctx_term(context); }
-};
-struct CloseSocket {
-  void operator()(void* socket) const { zmq_close(socket); }
-};
-using Context = std::unique_ptr<void, EndContext>;
-using Socket = std::unique_ptr<void, CloseSocket>;
-
-Context new_context() {
-  Context context(zmq_ctx_new());
-  if (!context)
-    throw std::runtime_error(std::string("libzmq gives no context: ") + zmq_strerror(zmq_errno()));
-  return context;
-}
-
-Socket new_socket(void* context, int type) {
-  Socket socket(zmq_socket(context, type));
-  if (!socket)
-    throw std::runtime_error(std::string("libzmq gives no socket: ") + zmq_strerror(zmq_errno()));
-  const int no_linger = 0;
-  zmq_setsockopt(socket.get(), ZMQ_LINGER, &no_linger, sizeof no_linger);
-  return socket;
-}
-
 /// The plug-in's kind of socket, with a key pair of its own. Its other options concern messages.
-Socket agent_socket(void* context, const worker_settings::ServerKey& key) {
-  Socket socket = new_socket(context, ZMQ_PUSH);
+void make_agent(const ZmqSocket& socket, const worker_settings::ServerKey& key) {
   char public_key[worker_settings::kCurveKeyLength] = {0};
   char secret_key[worker_settings::kCurveKeyLength] = {0};
   if (zmq_curve_keypair(public_key, secret_key) != 0)
@@ -57,14 +34,13 @@ Socket agent_socket(void* context, const worker_settings::ServerKey& key) {
   zmq_setsockopt(socket.get(), ZMQ_CURVE_PUBLICKEY, public_key, sizeof public_key);
   zmq_setsockopt(socket.get(), ZMQ_CURVE_SECRETKEY, secret_key, sizeof secret_key);
   zmq_setsockopt(socket.get(), ZMQ_CURVE_SERVERKEY, key.bytes, key.length);
-  return socket;
 }
 
 /// The events of one socket.
 class Monitor {
  public:
-  Monitor(void* context, void* watched)
-      : watched_(watched), events_(new_socket(context, ZMQ_PAIR)) {
+  Monitor(const ZmqContext& context, void* watched)
+      : watched_(watched), events_(context, ZMQ_PAIR) {
     const char* const address = "inproc://events";
     if (zmq_socket_monitor(watched, address, ZMQ_EVENT_ALL) != 0 ||
         zmq_connect(events_.get(), address) != 0)
@@ -103,7 +79,7 @@ class Monitor {
   }
 
   void* const watched_;
-  const Socket events_;
+  const ZmqSocket events_;
 };
 
 /// How a connection went, as far as libzmq tells.
@@ -189,9 +165,7 @@ const char kStartServer[] =
 const char kCheckPort[] = "compare the port with the one that the collector listens on";
 
 std::string seconds_text(milliseconds time) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%g s", static_cast<double>(time.count()) / 1000);
-  return text;
+  return formatted("%g s", static_cast<double>(time.count()) / 1000);
 }
 
 ConnectResult failure(const char* id, const std::string& text, const std::string& remedy) {
@@ -316,9 +290,10 @@ ConnectResult attempt(std::string uri, const worker_settings::ServerKey& key, mi
   if (uri.compare(0, 6, "tcp://") == 0 && !resolve_host(&uri, timeout, network, &unresolved))
     return unresolved;
   const auto deadline = Clock::now() + timeout;
-  const Context context = new_context();
-  const Socket socket = agent_socket(context.get(), key);
-  Monitor monitor(context.get(), socket.get());
+  const ZmqContext context;
+  const ZmqSocket socket(context, ZMQ_PUSH);
+  make_agent(socket, key);
+  Monitor monitor(context, socket.get());
   if (zmq_connect(socket.get(), uri.c_str()) != 0)
     return failure("connect-endpoint",
                    std::string("libzmq refuses the endpoint: ") + zmq_strerror(zmq_errno()),
@@ -339,8 +314,8 @@ ConnectResult try_connection(const std::string& uri, const worker_settings::Serv
 }
 
 bool libzmq_takes_key(const worker_settings::ServerKey& key) {
-  const Context context = new_context();
-  const Socket socket = new_socket(context.get(), ZMQ_PUSH);
+  const ZmqContext context;
+  const ZmqSocket socket(context, ZMQ_PUSH);
   return zmq_setsockopt(socket.get(), ZMQ_CURVE_SERVERKEY, key.bytes, key.length) == 0;
 }
 

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "AgentIdFile.h"
-#include "SpoolFormat.h"
 #include "SpoolReader.h"
 
 namespace zmqwriter {
@@ -72,20 +71,20 @@ void check_files(const std::string& folder, Findings* findings) {
                              what,
                          remedy});
   };
-  char path[spool_format::kPathSize];
   std::vector<std::string> closed, damaged;
   std::string reason;
   for (std::uint32_t number = 0;; ++number) {
-    if (kind_of(spool_format::chunk_path(folder.c_str(), number, path)) != Kind::kFile)
+    const std::string path = chunk_path(folder, number);
+    if (kind_of(path) != Kind::kFile)
       break;
-    if (access(path, R_OK | W_OK) != 0) {
+    if (access(path.c_str(), R_OK | W_OK) != 0) {
       reason = std::strerror(errno);
-      closed.emplace_back(path);
-    } else if (!ChunkFile(folder, number).has_signature()) {
-      damaged.emplace_back(path);
+      closed.push_back(path);
+    } else if (!ChunkFile(path).has_signature()) {
+      damaged.push_back(path);
     }
   }
-  const std::string head = spool_format::chunk_path(folder.c_str(), 0, path);
+  const std::string head = chunk_path(folder, 0);
   if (is_taken(head) && kind_of(head) != Kind::kFile)
     tell("spool-file", {head},
          std::string("is no regular file, so nothing can be stored under that name") + kLost,

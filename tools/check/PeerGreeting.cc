@@ -6,13 +6,14 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <memory>
+
+#include "Files.h"
 
 namespace zmqwriter {
 
@@ -32,21 +33,6 @@ constexpr int kSendFlags = MSG_NOSIGNAL;
 #else
 constexpr int kSendFlags = 0;  // the program ignores SIGPIPE
 #endif
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0)
-      close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 struct Address {
   sockaddr_storage bytes;
@@ -166,7 +152,7 @@ PeerGreeting fetch_greeting(const std::string& uri, std::chrono::milliseconds ti
   if (!(is_tcp ? tcp_address : ipc_address)(uri, &address, &result.connect_problem))
     return result;
   const auto deadline = Clock::now() + timeout;
-  const Descriptor fd(socket(address.bytes.ss_family, SOCK_STREAM, 0));
+  const FileDescriptor fd(socket(address.bytes.ss_family, SOCK_STREAM, 0));
   const int error = fd.get() < 0 ? errno : connect_within(fd.get(), address, deadline);
   if (error != 0) {
     result.connect_problem = std::strerror(error);

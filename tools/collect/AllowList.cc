@@ -1,38 +1,17 @@
 #include "AllowList.h"
 
-#include <cctype>
-#include <cerrno>
-#include <charconv>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
 #include <stdexcept>
 #include <string_view>
-#include <system_error>
+
+#include "Files.h"
 
 namespace zmqwriter {
 
 namespace {
 
-constexpr std::size_t kHexDigits = 64;
 // Some 16,000 keys with a comment each.
 constexpr std::size_t kLongestFile = std::size_t{4} << 20;
-
-std::string read_whole(const std::string& path) {
-  std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored))
-    throw std::runtime_error(path + ": this is a folder, not a file of keys");
-  errno = 0;
-  std::ifstream in(path, std::ios::binary);
-  std::string text(kLongestFile + 1, '\0');
-  in.read(text.data(), static_cast<std::streamsize>(text.size()));
-  if (in.bad() || (!in && errno != 0))
-    throw std::runtime_error(path + ": cannot read the allowed keys: " + std::strerror(errno));
-  text.resize(static_cast<std::size_t>(in.gcount()));
-  if (text.size() > kLongestFile)
-    throw std::runtime_error(path + ": too long for a file of keys (more than 4 MiB)");
-  return text;
-}
 
 std::string_view without_comment_and_blanks(std::string_view line) {
   line = line.substr(0, line.find('#'));
@@ -41,24 +20,10 @@ std::string_view without_comment_and_blanks(std::string_view line) {
   return line.substr(0, line.find_last_not_of(blanks) + 1);
 }
 
-/// Empty if the text is a key, else what is wrong with it.
-std::string parse_key(std::string_view text, CurveKey* key) {
-  if (text.size() != kHexDigits)
-    return "a key has 64 hexadecimal digits, this line holds " + std::to_string(text.size()) +
-           " characters";
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (!std::isxdigit(static_cast<unsigned char>(text[i])))
-      return "character " + std::to_string(i + 1) + " of the key is no hexadecimal digit";
-  }
-  for (std::size_t i = 0; i < key->size(); ++i)
-    std::from_chars(text.data() + 2 * i, text.data() + 2 * i + 2, (*key)[i], 16);
-  return "";
-}
-
 }  // namespace
 
 AllowList read_allow_list(const std::string& path) {
-  const std::string content = read_whole(path);
+  const std::string content = read_small_file(path, kLongestFile);
   AllowList keys;
   std::string_view rest = content;
   for (std::size_t number = 1; !rest.empty(); ++number) {
@@ -68,7 +33,7 @@ AllowList read_allow_list(const std::string& path) {
     if (line.empty())
       continue;
     CurveKey key;
-    const std::string problem = parse_key(line, &key);
+    const std::string problem = parse_key(line, "this line", &key);
     if (!problem.empty())
       throw std::runtime_error(path + ":" + std::to_string(number) + ": " + problem);
     keys.insert(key);

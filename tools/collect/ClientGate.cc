@@ -26,18 +26,9 @@ constexpr std::size_t kCurveFrames = kPublicKey + 1;
 }  // namespace
 
 ClientGate::ClientGate(ZmqContext* context, AllowList allowed, bool quiet)
-    : context_(context),
-      quiet_(quiet),
-      socket_(zmq_socket(context->get(), ZMQ_REP)),
-      allowed_(std::move(allowed)) {
-  const int no_linger = 0;
-  if (!socket_ || zmq_setsockopt(socket_, ZMQ_LINGER, &no_linger, sizeof no_linger) != 0 ||
-      zmq_bind(socket_, kEndpoint) != 0) {
-    const int error = zmq_errno();
-    if (socket_)
-      zmq_close(socket_);
-    throw std::runtime_error(std::string("cannot check clients: ") + zmq_strerror(error));
-  }
+    : context_(context), quiet_(quiet), socket_(*context, ZMQ_REP), allowed_(std::move(allowed)) {
+  if (zmq_bind(socket_.get(), kEndpoint) != 0)
+    throw std::runtime_error(std::string("cannot check clients: ") + zmq_strerror(zmq_errno()));
   const SignalsHeldBack held_back;
   thread_ = std::thread(&ClientGate::Serve, this);
 }
@@ -56,7 +47,7 @@ void ClientGate::Serve() {
   std::vector<std::string> request;
   while (ReceiveRequest(&request))
     Answer(request);
-  zmq_close(socket_);
+  socket_.Close();
 }
 
 /// False once the context is shut down.
@@ -66,7 +57,7 @@ bool ClientGate::ReceiveRequest(std::vector<std::string>* frames) {
   zmq_msg_init(&part);
   bool whole = false;
   while (!whole) {
-    if (zmq_msg_recv(&part, socket_, 0) >= 0) {
+    if (zmq_msg_recv(&part, socket_.get(), 0) >= 0) {
       frames->emplace_back(static_cast<const char*>(zmq_msg_data(&part)), zmq_msg_size(&part));
       whole = !zmq_msg_more(&part);
     } else if (zmq_errno() != EINTR) {
@@ -92,7 +83,8 @@ void ClientGate::Answer(const std::vector<std::string>& request) {
   const std::array<std::string, 6> reply = {
       kVersion, id, allowed ? "200" : "400", allowed ? "OK" : "key not allowed", "", ""};
   for (std::size_t i = 0; i < reply.size(); ++i)
-    zmq_send(socket_, reply[i].data(), reply[i].size(), i + 1 < reply.size() ? ZMQ_SNDMORE : 0);
+    zmq_send(socket_.get(), reply[i].data(), reply[i].size(),
+             i + 1 < reply.size() ? ZMQ_SNDMORE : 0);
 }
 
 bool ClientGate::IsAllowed(const std::string& public_key) {

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "AllowList.h"
-#include "ZmqContext.h"
+#include "Zmq.h"
 
 namespace zmqwriter {
 
@@ -44,7 +44,7 @@ class ClientGate {
 
   ZmqContext* const context_;
   const bool quiet_;
-  void* socket_;  // the constructor's until the thread starts, then the thread's
+  ZmqSocket socket_;  // the constructor's until the thread starts, then the thread's
   std::mutex mutex_;
   AllowList allowed_;  // guarded by mutex_
   std::atomic<std::uint64_t> accepted_{0};

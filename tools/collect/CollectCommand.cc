@@ -59,26 +59,14 @@ int collect(const CollectOptions& options) {
   return Collector(options).Run();
 }
 
-CLI::Validator not_empty() {
-  return CLI::Validator(
-      [](const std::string& text) { return std::string(text.empty() ? "the name is empty" : ""); },
-      "");
-}
-
 /// Seconds between reports: fewer would do nothing but print.
 CLI::Validator interval() {
-  return CLI::Validator(
-      [](const std::string& text) -> std::string {
-        double seconds = 0;
-        if (CLI::detail::lexical_cast(text, seconds) && seconds >= kShortestInterval)
-          return "";
-        return "'" + text + "' must be 0.01 or more";
-      },
-      "");
-}
-
-CLI::Validator without(std::string (*problem)(const std::string&)) {
-  return CLI::Validator([problem](const std::string& text) { return problem(text); }, "");
+  return option_check([](const std::string& text) -> std::string {
+    double seconds = 0;
+    if (CLI::detail::lexical_cast(text, seconds) && seconds >= kShortestInterval)
+      return "";
+    return "'" + text + "' must be 0.01 or more";
+  });
 }
 
 void add_input_options(CLI::App* command, CollectOptions* options) {
@@ -89,7 +77,7 @@ void add_input_options(CLI::App* command, CollectOptions* options) {
                    "an interface's name or *. May be given several times")
       ->type_name("ENDPOINT")
       ->required()
-      ->check(without(bind_endpoint_problem))
+      ->check(option_check(bind_endpoint_problem))
       ->take_all()
       ->allow_extra_args(false);
   command
@@ -146,7 +134,7 @@ void add_watching_options(CLI::App* command, CollectOptions* options) {
                    "Serve counts for Prometheus over HTTP, e.g. on 127.0.0.1:9100; port 0 lets the "
                    "system choose. The address is printed ('metrics on http://...')")
       ->type_name("HOST:PORT")
-      ->check(without(metrics_address_problem));
+      ->check(option_check(metrics_address_problem));
   command->add_option("--count", options->count, "Stop after so many events")
       ->type_name("N")
       ->check(positive_count());

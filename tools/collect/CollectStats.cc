@@ -1,9 +1,7 @@
 #include "CollectStats.h"
 
-#include <cstdio>
-
 #include "EventJson.h"
-#include "Utf8.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -16,30 +14,14 @@ void add(Tally* tally, std::size_t size) {
   tally->bytes += size;
 }
 
-void append_hex(std::string* out, unsigned char byte) {
-  char text[5];
-  std::snprintf(text, sizeof text, "\\x%02x", byte);
-  *out += text;
-}
-
 }  // namespace
 
 std::string agent_label(std::string_view name) {
-  const auto* const bytes = reinterpret_cast<const unsigned char*>(name.data());
-  std::string label;
-  for (std::size_t i = 0; i < name.size();) {
-    const std::size_t length = utf8_length(bytes + i, name.size() - i);
-    const bool plain = length > 0 && is_printable(bytes + i, length) && name[i] != '\\' &&
-                       !(i == 0 && name[i] == '(');
-    const std::size_t taken = length == 0 ? 1 : length;
-    for (std::size_t end = i + taken; i < end; ++i) {
-      if (plain)
-        label += name[i];
-      else
-        append_hex(&label, bytes[i]);
-    }
-  }
-  return label;
+  const auto escape = [](char c) { return "\\x" + hex_digits(&c, 1, kLowerHex); };
+  std::string text;
+  for (const char c : name)
+    text += c == '\\' || (c == '(' && text.empty()) ? escape(c) : std::string(1, c);
+  return printable(text, escape);
 }
 
 Tally* CollectStats::AgentTally(std::string_view agent) {

@@ -19,7 +19,7 @@
 #include "Metrics.h"
 #include "PullSocket.h"
 #include "StatsPrinter.h"
-#include "ZmqContext.h"
+#include "Zmq.h"
 
 namespace zmqwriter {
 

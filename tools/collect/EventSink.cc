@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "EventJson.h"
+#include "Files.h"
 #include "Output.h"
 #include "RawEvents.h"
 

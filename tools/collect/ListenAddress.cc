@@ -1,18 +1,12 @@
 #include "ListenAddress.h"
 
-#include <charconv>
 #include <cstdint>
+
+#include "Text.h"
 
 namespace zmqwriter {
 
 namespace {
-
-bool is_port(const std::string& port) {
-  std::uint16_t number = 0;
-  const char* const end = port.data() + port.size();
-  const auto parsed = std::from_chars(port.data(), end, number);
-  return parsed.ec == std::errc() && parsed.ptr == end;
-}
 
 bool is_host(const std::string& host) {
   const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
@@ -33,7 +27,8 @@ std::string bind_endpoint_problem(const std::string& endpoint) {
   const std::string tcp = behind("tcp://", endpoint);
   const std::size_t colon = tcp.rfind(':');
   const std::string port = colon == std::string::npos ? "" : tcp.substr(colon + 1);
-  if ((colon != 0 && (port == "*" || is_port(port))) || !behind("ipc://", endpoint).empty())
+  if ((colon != 0 && (port == "*" || number_in<std::uint16_t>(port))) ||
+      !behind("ipc://", endpoint).empty())
     return "";
   return "'" + endpoint + "' must be tcp://HOST:PORT, like tcp://127.0.0.1:5555, with * for a " +
          "port that the system chooses, or ipc://PATH";
@@ -43,7 +38,7 @@ std::string bind_endpoint_problem(const std::string& endpoint) {
 std::string metrics_address_problem(const std::string& address) {
   const std::size_t colon = address.rfind(':');
   if (colon != std::string::npos && is_host(address.substr(0, colon)) &&
-      is_port(address.substr(colon + 1)))
+      number_in<std::uint16_t>(address.substr(colon + 1)))
     return "";
   return "'" + address + "' must be HOST:PORT, like 127.0.0.1:9100, or port 0 for one that the " +
          "system chooses";

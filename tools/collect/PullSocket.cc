@@ -32,11 +32,9 @@ bool would_replace_file(const std::string& endpoint) {
 
 bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
   const int yes = 1;
-  const int no_linger = 0;
   const int high_water = PullSocket::kReceiveHighWater;
   const auto largest = static_cast<std::int64_t>(PullSocket::kLargestMessage + kCurveBytes);
-  return zmq_setsockopt(socket, ZMQ_LINGER, &no_linger, sizeof no_linger) == 0 &&
-         zmq_setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water) == 0 &&
+  return zmq_setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water) == 0 &&
          zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &largest, sizeof largest) == 0 &&
          zmq_setsockopt(socket, ZMQ_CURVE_SERVER, &yes, sizeof yes) == 0 &&
          zmq_setsockopt(socket, ZMQ_CURVE_SECRETKEY, secret_key.data(), secret_key.size()) == 0 &&
@@ -46,30 +44,22 @@ bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
 }  // namespace
 
 PullSocket::PullSocket(ZmqContext* context, const CurveKey& secret_key, bool ask_gate)
-    : socket_(zmq_socket(context->get(), ZMQ_PULL)) {
-  if (socket_ && configure(socket_, secret_key, ask_gate))
-    return;
-  const int error = zmq_errno();
-  if (socket_)
-    zmq_close(socket_);
-  throw std::runtime_error(std::string("cannot open a CURVE socket: ") + zmq_strerror(error));
-}
-
-PullSocket::~PullSocket() {
-  zmq_close(socket_);
+    : socket_(*context, ZMQ_PULL) {
+  if (!configure(socket_.get(), secret_key, ask_gate))
+    fail("cannot open a CURVE socket");
 }
 
 std::string PullSocket::Bind(const std::string& endpoint) {
   const std::string what = "cannot listen on '" + endpoint + "'";
   if (would_replace_file(endpoint))
     throw std::runtime_error(what + ": there is a file of this name, which is no socket");
-  if (zmq_bind(socket_, endpoint.c_str()) != 0)
+  if (zmq_bind(socket_.get(), endpoint.c_str()) != 0)
     fail(what, zmq_errno() == ENODEV ? "; the host must be an IPv4 address of this machine, the "
                                        "name of one of its interfaces, or *"
                                      : "");
   char bound[1024];
   std::size_t size = sizeof bound;
-  if (zmq_getsockopt(socket_, ZMQ_LAST_ENDPOINT, bound, &size) != 0)
+  if (zmq_getsockopt(socket_.get(), ZMQ_LAST_ENDPOINT, bound, &size) != 0)
     fail("cannot tell the endpoint");
   return bound;
 }
@@ -77,7 +67,7 @@ std::string PullSocket::Bind(const std::string& endpoint) {
 bool PullSocket::Wait(int timeout_ms) {
   using Clock = std::chrono::steady_clock;
   const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  zmq_pollitem_t item = {socket_, 0, ZMQ_POLLIN, 0};
+  zmq_pollitem_t item = {socket_.get(), 0, ZMQ_POLLIN, 0};
   int ready;
   while ((ready = zmq_poll(&item, 1, timeout_ms)) < 0 && zmq_errno() == EINTR) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
@@ -88,7 +78,7 @@ bool PullSocket::Wait(int timeout_ms) {
 
 bool PullSocket::Receive(zmq_msg_t* part) {
   do {
-    if (zmq_msg_recv(part, socket_, ZMQ_DONTWAIT) >= 0)
+    if (zmq_msg_recv(part, socket_.get(), ZMQ_DONTWAIT) >= 0)
       return true;
   } while (zmq_errno() == EINTR);
   if (zmq_errno() != EAGAIN)

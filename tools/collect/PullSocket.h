@@ -15,7 +15,7 @@
 #include <zmq.h>
 
 #include "CurveKey.h"
-#include "ZmqContext.h"
+#include "Zmq.h"
 
 namespace zmqwriter {
 
@@ -27,16 +27,13 @@ class PullSocket {
 
   /// `ask_gate`: a ClientGate of this context decides about each client.
   PullSocket(ZmqContext* context, const CurveKey& secret_key, bool ask_gate);
-  ~PullSocket();
-  PullSocket(const PullSocket&) = delete;
-  PullSocket& operator=(const PullSocket&) = delete;
 
   /// Returns the endpoint with the port that the system chose for "*". Throws std::runtime_error
   /// that names the endpoint; for ipc:// also where a file lies that is no socket.
   std::string Bind(const std::string& endpoint);
 
   /// Ends the endpoint and its connections. What has been received can still be taken.
-  void Unbind(const std::string& endpoint) { zmq_unbind(socket_, endpoint.c_str()); }
+  void Unbind(const std::string& endpoint) { zmq_unbind(socket_.get(), endpoint.c_str()); }
 
   /// Waits for a message, at most `timeout_ms`. A signal does not cut that short: what it means is
   /// for the caller to see afterwards.
@@ -46,7 +43,7 @@ class PullSocket {
   bool Receive(zmq_msg_t* part);
 
  private:
-  void* socket_;
+  ZmqSocket socket_;
 };
 
 }  // namespace zmqwriter

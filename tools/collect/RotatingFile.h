@@ -18,6 +18,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Files.h"
+
 namespace zmqwriter {
 
 class RotatingFile {
@@ -27,9 +29,6 @@ class RotatingFile {
   /// What a former run left stays where it is until Begin. Waits for a reader if this is a pipe; a
   /// stop signal ends that. Throws std::runtime_error that names the file.
   RotatingFile(const std::string& path, std::uint64_t keep, bool rotating);
-  ~RotatingFile();
-  RotatingFile(const RotatingFile&) = delete;
-  RotatingFile& operator=(const RotatingFile&) = delete;
 
   /// Moves aside what a former run left. To be called before the first Append. Throws
   /// std::runtime_error when that is not possible.
@@ -51,7 +50,6 @@ class RotatingFile {
   std::uint64_t finished() const { return finished_; }
 
  private:
-  void OpenFirst(bool rotating);
   bool MoveAside();
   bool MoveToNext();
   void SkipNumbers(const std::vector<std::uint64_t>& numbers);
@@ -59,7 +57,7 @@ class RotatingFile {
 
   std::string path_;
   const std::uint64_t keep_;
-  int descriptor_ = -1;
+  FileDescriptor descriptor_;
   bool regular_ = true;
   std::uint64_t size_ = 0;
   std::uint64_t last_append_ = 0;  // bytes

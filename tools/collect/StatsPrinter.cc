@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "StopSignals.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -15,12 +16,6 @@ using Named = std::pair<std::string, Tally>;
 
 // Beyond a year of seconds the clock's arithmetic would overflow.
 constexpr double kLongestWait = 365.0 * 24 * 3600;
-
-std::string formatted(const char* format, double number) {
-  char text[64];
-  std::snprintf(text, sizeof text, format, number);
-  return text;
-}
 
 std::string rate(std::uint64_t count, const char* what, double seconds, const char* format) {
   return std::to_string(count) + ' ' + what + " (" +

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace zmqwriter {
 
@@ -20,6 +21,10 @@ CurveKeyPair make_curve_key_pair();
 
 /// 64 upper-case digits.
 std::string to_hex(const CurveKey& key);
+
+/// Reads 64 hexadecimal digits of either case. Returns what is wrong with them, without quoting
+/// them; empty for a key. `holder` is what the text was found in, e.g. "this file".
+std::string parse_key(std::string_view text, const std::string& holder, CurveKey* key);
 
 /// Reads a key file: 64 hexadecimal digits of either case, white space around them allowed.
 /// Throws std::runtime_error that names the file, says what is wrong, and never quotes its content.

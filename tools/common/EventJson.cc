@@ -11,7 +11,7 @@
 #include <flatbuffers/flatbuffers.h>
 #include <flatbuffers/minireflect.h>
 
-#include "Utf8.h"
+#include "Text.h"
 
 // The schema's header again, this time with the tables that describe it. It defines the same names
 // as the plain one, which other units of a program may include, hence the namespace around it.
@@ -130,22 +130,15 @@ std::string address_text(const std::uint8_t* bytes, std::size_t size) {
     inet_ntop(size == 4 ? AF_INET : AF_INET6, bytes, text, sizeof text);
     return text;
   }
-  std::string hex = "0x";
-  for (std::size_t i = 0; i < size; ++i) {
-    std::snprintf(text, sizeof text, "%02x", bytes[i]);
-    hex += text;
-  }
-  return hex;
+  return "0x" + hex_digits(bytes, size, kLowerHex);
 }
 
 /// "2011-03-18T19:06:07.096535Z"; the number itself if it is no date.
 std::string time_text(double ts) {
   constexpr double kYear9999 = 253402300800.0;
+  if (!(ts >= 0 && ts < kYear9999))
+    return formatted("%g", ts);
   char text[64];
-  if (!(ts >= 0 && ts < kYear9999)) {
-    std::snprintf(text, sizeof text, "%g", ts);
-    return text;
-  }
   const auto micros = static_cast<long long>(std::llround(ts * 1e6));
   const auto seconds = static_cast<time_t>(micros / 1000000);
   struct tm date;

@@ -2,41 +2,46 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
+
+#include "Text.h"
 
 namespace zmqwriter {
 
+/// `problem` is empty for a good value, else the message.
+inline CLI::Validator option_check(std::function<std::string(const std::string&)> problem) {
+  return CLI::Validator(std::move(problem), "");
+}
+
+inline CLI::Validator not_empty(const std::string& problem = "the name is empty") {
+  return option_check([problem](const std::string& text) { return text.empty() ? problem : ""; });
+}
+
 /// A finite number above 0, or with `zero_too` not below it.
 inline CLI::Validator positive_number(bool zero_too = false) {
-  return CLI::Validator(
-      [zero_too](const std::string& text) -> std::string {
-        double number = -1;
-        if (CLI::detail::lexical_cast(text, number) && std::isfinite(number) &&
-            (number > 0 || (zero_too && number == 0)))
-          return "";
-        return "'" + text + "' must be a " +
-               (zero_too ? "finite number that is not negative" : "finite positive number");
-      },
-      "");
+  return option_check([zero_too](const std::string& text) -> std::string {
+    double number = -1;
+    if (CLI::detail::lexical_cast(text, number) && std::isfinite(number) &&
+        (number > 0 || (zero_too && number == 0)))
+      return "";
+    return "'" + text + "' must be a " +
+           (zero_too ? "finite number that is not negative" : "finite positive number");
+  });
 }
 
 /// A whole number above 0 in plain decimal digits, which fits into 64 bits. The option's own
 /// conversion would take signs, other bases and numbers that are too large.
 inline CLI::Validator positive_count() {
-  return CLI::Validator(
-      [](const std::string& text) -> std::string {
-        std::uint64_t number = 0;
-        const char* const end = text.data() + text.size();
-        const auto parsed = std::from_chars(text.data(), end, number);
-        // A leading zero is octal to the conversion that follows.
-        if (parsed.ec == std::errc() && parsed.ptr == end && text[0] != '0')
-          return "";
-        return "'" + text + "' must be a positive number below 2^64, in plain decimal digits";
-      },
-      "");
+  return option_check([](const std::string& text) -> std::string {
+    // A leading zero is octal to the conversion that follows.
+    if (number_in<std::uint64_t>(text) && text[0] != '0')
+      return "";
+    return "'" + text + "' must be a positive number below 2^64, in plain decimal digits";
+  });
 }
 
 }  // namespace zmqwriter

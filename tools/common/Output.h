@@ -6,7 +6,6 @@
 // reader is slow. One thread.
 #pragma once
 
-#include <cstddef>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -37,10 +36,6 @@ class Output {
   std::string buffer_;
   std::string problem_;
 };
-
-/// Writes all bytes to a descriptor, blocking or not, in as many attempts as it takes. Returns how
-/// many it took; fewer than all mean a failure, and errno says which.
-std::size_t write_fully(int descriptor, std::string_view bytes);
 
 /// What problem() says for an errno.
 std::string output_problem(int error);

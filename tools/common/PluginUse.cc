@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 
+#include "OptionChecks.h"
 #include "standin/Host.h"
 
 namespace zmqwriter {
@@ -56,7 +57,7 @@ void add_plugin_options(CLI::App* command, PluginOptions* options) {
                    "several times")
       ->type_name("LogZMQ::NAME=VALUE")
       ->allow_extra_args(false)
-      ->check(CLI::Validator(check_redef, ""));
+      ->check(option_check(check_redef));
   command
       ->add_option("--plugin", options->plugin_folder,
                    "Folder of the plug-in (default: the one built or installed with the program)")

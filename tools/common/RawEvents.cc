@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "EventJson.h"
-#include "Output.h"
 
 namespace zmqwriter {
 
@@ -31,12 +30,6 @@ void append_raw_event(std::string* out, std::string_view message) {
   for (std::size_t i = 0; i < kLengthBytes; ++i)
     *out += static_cast<char>(message.size() >> (8 * i) & 0xff);
   out->append(message);
-}
-
-void write_raw_event(Output* out, std::string_view message) {
-  std::string framed;
-  append_raw_event(&framed, message);
-  out->Write(framed);
 }
 
 /// Reads until the buffer holds `size` bytes or the stream ends. In pieces, so that a length that

@@ -13,15 +13,11 @@
 
 namespace zmqwriter {
 
-class Output;
-
 /// No event is nearly as long: what is longer is not read as a single one.
 constexpr std::size_t kLargestEvent = std::size_t{64} << 20;
 
 /// Appends one message with its length before it.
 void append_raw_event(std::string* out, std::string_view message);
-/// Writes it.
-void write_raw_event(Output* out, std::string_view message);
 
 /// Reads messages from a stream. Memory holds one message at a time.
 class RawEventReader {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "Text.h"
 #include "logging/WriterFrontend.h"
 
 namespace zmqwriter {
@@ -15,10 +16,6 @@ namespace {
 constexpr std::uint64_t kReportedBrokenLines = 20;
 
 }  // namespace
-
-std::string counted(std::uint64_t number, const std::string& what) {
-  return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
-}
 
 std::string WriterPaths::Unique(const std::string& path) {
   std::string candidate = path;

@@ -82,7 +82,4 @@ class LogFeed {
   bool writer_failed_ = false;
 };
 
-/// "1 record", "2 records".
-std::string counted(std::uint64_t number, const std::string& what);
-
 }  // namespace zmqwriter

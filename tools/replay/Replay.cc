@@ -19,6 +19,7 @@
 #include "ServerKeyForm.h"
 #include "SettingsFile.h"
 #include "StopSignals.h"
+#include "Text.h"
 #include "WorkerSettings.h"
 #include "WriterStatus.h"
 #include "standin/Host.h"
@@ -248,13 +249,7 @@ class Replay {
     if (now - last_running_ > kLongestStart)
       why_stopped_ = "the plug-in sends nothing at all, see what it reported";
     else if (now - last_progress_ > Duration(patience_s))
-      why_stopped_ = "no record was sent for " + seconds_text(patience_s);
-  }
-
-  static std::string seconds_text(double seconds) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%g seconds", seconds);
-    return text;
+      why_stopped_ = "no record was sent for " + formatted("%g seconds", patience_s);
   }
 
   /// Waits until nothing is on its way, or there is a reason not to.

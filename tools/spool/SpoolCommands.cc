@@ -15,6 +15,7 @@
 #include "SpoolInUse.h"
 #include "SpoolReader.h"
 #include "SpoolRepair.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -41,27 +42,23 @@ void note(Output* out, const std::string& text) {
   std::fprintf(stderr, "%s\n", text.c_str());
 }
 
-std::string plural(std::size_t count, const std::string& noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 // list
 
 int list_spool(const std::string& folder) {
   const std::vector<std::uint32_t> numbers = chunks_of(folder);
   const std::size_t in_sequence = count_in_sequence(folder, numbers);
   Output out;
-  const auto line = [&out](const char* name, const std::string& size, const std::string& counted,
+  const auto line = [&out](const char* name, const std::string& size, const std::string& records,
                            const std::string& found, const std::string& live,
                            const std::string& stale, const std::string& damage) {
     char text[256];
     std::snprintf(text, sizeof text, "%-20s %12s %10s %10s %12s %12s  ", name, size.c_str(),
-                  counted.c_str(), found.c_str(), live.c_str(), stale.c_str());
+                  records.c_str(), found.c_str(), live.c_str(), stale.c_str());
     out.WriteLine(text + damage);
   };
 
   bool damaged = false;
-  std::size_t counted = 0, found = 0;
+  std::size_t next_start = 0, found = 0;
   line("file", "size", "records", "walked", "live bytes", "stale bytes", "damage");
   for (std::size_t i = 0; i < numbers.size(); ++i) {
     const ChunkFile file(folder, numbers[i]);
@@ -80,7 +77,7 @@ int list_spool(const std::string& folder) {
     found += diagnosis.found.size();
     // A lone head without a sound header is not looked into before something is stored.
     if (i < in_sequence && (in_sequence > 1 || file.has_signature()))
-      counted += diagnosis.counted.size();
+      next_start += diagnosis.counted.size();
   }
   for (const std::string& path : find_set_aside(folder)) {
     const ChunkFile file(path);
@@ -91,8 +88,8 @@ int list_spool(const std::string& folder) {
          diagnosis.damage.empty() ? aside : diagnosis.damage + "; " + aside);
     damaged = true;
   }
-  note(&out, plural(numbers.size(), "file") + ", " + plural(found, "record") +
-                 "; the next start of the plug-in finds " + std::to_string(counted));
+  note(&out, counted(numbers.size(), "file") + ", " + counted(found, "record") +
+                 "; the next start of the plug-in finds " + std::to_string(next_start));
   out.Finish();
   return damaged ? kFailure : kSuccess;
 }
@@ -112,7 +109,7 @@ class Dumper {
     const Walk walk = file.CountedWalk();
     if (walk.records.size() < file.record_count())
       Complain(file.path() + ": ends after " + std::to_string(walk.records.size()) + " of the " +
-               plural(file.record_count(), "record") + " that its header counts");
+               counted(file.record_count(), "record") + " that its header counts");
     for (auto record = walk.records.rbegin(); record != walk.records.rend() && !out_->failed();
          ++record)
       Dump(file, *record);
@@ -121,8 +118,11 @@ class Dumper {
  private:
   void Dump(const ChunkFile& file, const SpoolRecord& record) {
     const std::string payload = file.Payload(record);
-    if (raw_)
-      return write_raw_event(out_, payload);
+    if (raw_) {
+      std::string framed;
+      append_raw_event(&framed, payload);
+      return out_->Write(framed);
+    }
     std::string problem;
     const std::string json = event_to_json(payload.data(), payload.size(), &problem);
     if (problem.empty())
@@ -176,8 +176,8 @@ int repair_spool(const std::string& folder, bool dry_run) {
   const std::string would = dry_run ? "would be " : "";
   for (const HeaderRepair& repair : plan.headers) {
     out.WriteLine(repair.path + ": header " + would + "set to " +
-                  plural(repair.record_count, "record") + ", " + std::to_string(repair.used_size) +
-                  " bytes (a start found " + plural(repair.records_before, "record") + ")");
+                  counted(repair.record_count, "record") + ", " + std::to_string(repair.used_size) +
+                  " bytes (a start found " + counted(repair.records_before, "record") + ")");
     if (!dry_run)
       out.WriteLine("  kept as it was in " + repair_header(repair));
   }
@@ -187,7 +187,7 @@ int repair_spool(const std::string& folder, bool dry_run) {
       rename_chunk(renaming);
   }
   if (plan.headers.empty() && plan.renamings.empty() && plan.refused.empty())
-    out.WriteLine("nothing to repair in " + plural(numbers.size(), "file"));
+    out.WriteLine("nothing to repair in " + counted(numbers.size(), "file"));
   for (const std::string& refused : plan.refused)
     note(&out, "left as it is: " + refused);
   out.Finish();

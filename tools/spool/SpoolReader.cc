@@ -1,15 +1,15 @@
 #include "SpoolReader.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 
+#include "Files.h"
 #include "SpoolFormat.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -20,17 +20,13 @@ std::uint64_t SpoolRecord::end() const {
   return offset + kRecordHeaderSize + length;
 }
 
-namespace {
-
-std::string path_of(const std::string& folder, std::uint32_t number) {
+std::string chunk_path(const std::string& folder, std::uint32_t number) {
   char path[spool_format::kPathSize];
   return spool_format::chunk_path(folder.c_str(), number, path);
 }
 
-}  // namespace
-
 ChunkFile::ChunkFile(const std::string& folder, std::uint32_t number)
-    : ChunkFile(path_of(folder, number)) {}
+    : ChunkFile(chunk_path(folder, number)) {}
 
 ChunkFile::ChunkFile(const std::string& path) : path_(path) {
   struct stat status;
@@ -153,10 +149,6 @@ bool used_size_fits(const ChunkFile& file, const std::vector<SpoolRecord>& recor
   return file.used_size() >= used && (file.used_size() - used) % kHeaderSize == 0;
 }
 
-std::string number_of_records(std::uint64_t count) {
-  return std::to_string(count) + (count == 1 ? " record" : " records");
-}
-
 void drop_remains(const ChunkFile& file, std::size_t known,
                   const std::function<bool(const std::string&)>& is_event,
                   std::vector<SpoolRecord>* records) {
@@ -181,33 +173,33 @@ bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& coun
 
 // The counted records are believed as a whole or not at all; what follows them, or all, is found
 // by links.
-void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& counted,
+void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& by_header,
                       const std::function<bool(const std::string&)>& is_event,
                       Diagnosis* diagnosis) {
-  const bool sound = is_header_sound(file, counted);
-  const Walk linked = file.LinkedWalk(sound ? counted : std::vector<SpoolRecord>());
+  const bool sound = is_header_sound(file, by_header);
+  const Walk linked = file.LinkedWalk(sound ? by_header : std::vector<SpoolRecord>());
   diagnosis->found = linked.records;
-  drop_remains(file, sound ? counted.size() : 0, is_event, &diagnosis->found);
+  drop_remains(file, sound ? by_header.size() : 0, is_event, &diagnosis->found);
 
   const std::uint64_t promised = file.record_count();
   const std::uint64_t found = diagnosis->found.size();
   if (found > promised) {
     diagnosis->damage =
-        number_of_records(found - promised) + " that the header does not count (unclean stop)";
+        counted(found - promised, "record") + " that the header does not count (unclean stop)";
     diagnosis->repairable = true;
-  } else if (found < promised && linked.end == WalkEnd::kBrokenLink && counted.size() == promised &&
-             used_size_fits(file, counted)) {
+  } else if (found < promised && linked.end == WalkEnd::kBrokenLink &&
+             by_header.size() == promised && used_size_fits(file, by_header)) {
     // By number and size the records are all there, so it is the link that is wrong.
     diagnosis->damage =
         "record " + std::to_string(found + 1) + " does not name the length of the one before it";
   } else if (found < promised &&
              (linked.end == WalkEnd::kTakenRecord || linked.end == WalkEnd::kBrokenLink)) {
     diagnosis->damage =
-        number_of_records(promised - found) + " counted but no longer there (unclean stop)";
+        counted(promised - found, "record") + " counted but no longer there (unclean stop)";
     diagnosis->repairable = true;
   } else if (found < promised) {
     diagnosis->damage = "ends after " + std::to_string(found) + " of the " +
-                        number_of_records(promised) + " that the header counts";
+                        counted(promised, "record") + " that the header counts";
     diagnosis->repairable = found > 0;
   } else if (!used_size_fits(file, diagnosis->found)) {
     diagnosis->damage = "used_size is " + std::to_string(file.used_size()) + ", the records use " +
@@ -241,7 +233,7 @@ Diagnosis diagnose(const ChunkFile& file,
   if (!linked.records.empty() &&
       (linked.end == WalkEnd::kEndOfFile || linked.end == WalkEnd::kTakenRecord)) {
     diagnosis.found = linked.records;
-    diagnosis.damage += ", " + number_of_records(linked.records.size()) + " behind it";
+    diagnosis.damage += ", " + counted(linked.records.size(), "record") + " behind it";
     diagnosis.repairable = true;
   }
   return diagnosis;
@@ -251,17 +243,10 @@ namespace {
 
 // The number in "queue.dat" or "queue.dat.k"; false for all other names.
 bool parse_chunk_name(const std::string& name, std::uint32_t* number) {
-  const std::string digits = name.size() > 10 ? name.substr(10) : "0";
-  if (digits.empty() || digits.size() > 10 ||
-      digits.find_first_not_of("0123456789") != std::string::npos)
-    return false;
-  const unsigned long long value = std::stoull(digits);
-  if (value > 0xffffffffu)
-    return false;
-  *number = static_cast<std::uint32_t>(value);
+  const auto value = number_in<std::uint32_t>(name.size() > 10 ? name.substr(10) : "0");
+  *number = value.value_or(0);
   // The name that the number gives must be this one: no leading zeros, nothing else in front.
-  char path[spool_format::kPathSize];
-  return spool_format::chunk_path("", *number, path) == "/" + name;
+  return value && chunk_path("", *number) == "/" + name;
 }
 
 }  // namespace
@@ -269,37 +254,29 @@ bool parse_chunk_name(const std::string& name, std::uint32_t* number) {
 bool find_chunks(const std::string& folder, std::vector<std::uint32_t>* numbers,
                  std::string* problem) {
   numbers->clear();
-  DIR* listing = opendir(folder.c_str());
-  if (!listing) {
+  std::vector<std::string> names;
+  if (!list_folder(folder, &names)) {
     *problem = std::strerror(errno);
     return false;
   }
-  while (const dirent* entry = readdir(listing)) {
-    std::uint32_t number;
-    if (parse_chunk_name(entry->d_name, &number))
+  std::uint32_t number;
+  for (const std::string& name : names)
+    if (parse_chunk_name(name, &number))
       numbers->push_back(number);
-  }
-  closedir(listing);
   std::sort(numbers->begin(), numbers->end());
   return true;
 }
 
 std::vector<std::string> find_set_aside(const std::string& folder) {
+  std::vector<std::string> names;
+  list_folder(folder, &names);
   std::map<std::uint32_t, std::string> found;
-  if (DIR* listing = opendir(folder.c_str())) {
-    while (const dirent* entry = readdir(listing)) {
-      const std::string name = entry->d_name;
-      const std::string digits = name.substr(name.rfind('.') + 1);
-      const bool is_first = digits == "unopened";
-      if (!is_first &&
-          (digits.size() > 4 || digits.find_first_not_of("0123456789") != std::string::npos))
-        continue;
-      const std::uint32_t attempt = is_first ? 1 : std::strtoul(digits.c_str(), nullptr, 10);
-      char path[spool_format::kPathSize];
-      if (spool_format::unopened_path("", attempt, path) == "/" + name)
-        found[attempt] = folder + "/" + name;
-    }
-    closedir(listing);
+  for (const std::string& name : names) {
+    const std::string digits = name.substr(name.rfind('.') + 1);
+    const auto attempt = number_in<std::uint32_t>(digits == "unopened" ? "1" : digits);
+    char path[spool_format::kPathSize];
+    if (attempt && spool_format::unopened_path("", *attempt, path) == "/" + name)
+      found[*attempt] = folder + "/" + name;
   }
   std::vector<std::string> paths;
   for (const auto& file : found)
@@ -312,7 +289,7 @@ std::size_t count_in_sequence(const std::string& folder,
   std::size_t count = 0;
   struct stat status;
   while (count < numbers.size() && numbers[count] == count &&
-         stat(path_of(folder, numbers[count]).c_str(), &status) == 0 && S_ISREG(status.st_mode))
+         stat(chunk_path(folder, numbers[count]).c_str(), &status) == 0 && S_ISREG(status.st_mode))
     ++count;
   return count;
 }

@@ -18,6 +18,9 @@
 
 namespace zmqwriter {
 
+/// The file of chunk `number`: "queue.dat" for 0, "queue.dat.k" for k.
+std::string chunk_path(const std::string& folder, std::uint32_t number);
+
 struct SpoolRecord {
   std::uint64_t offset;  // of the record's header
   std::uint16_t length;
@@ -44,7 +47,7 @@ struct Walk {
 /// One chunk file, open for reading.
 class ChunkFile {
  public:
-  /// `number` is 0 for the head file "queue.dat", k for "queue.dat.k".
+  /// As chunk_path names it.
   ChunkFile(const std::string& folder, std::uint32_t number);
   /// A file of any name.
   explicit ChunkFile(const std::string& path);

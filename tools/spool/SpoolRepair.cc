@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 
+#include "Files.h"
 #include "SpoolFormat.h"
 
 namespace zmqwriter {
@@ -18,34 +20,6 @@ namespace {
   throw std::runtime_error(path + ": " + what + ": " + std::strerror(errno));
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0)
-      close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-bool write_all(int fd, const char* bytes, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = write(fd, bytes, size);
-    if (written < 0 && errno == EINTR)
-      continue;
-    if (written <= 0)
-      return false;
-    bytes += written;
-    size -= static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
 bool copy_bytes(int from, int to) {
   char bytes[65536];
   for (;;) {
@@ -54,7 +28,8 @@ bool copy_bytes(int from, int to) {
       continue;
     if (got <= 0)
       return got == 0;
-    if (!write_all(to, bytes, static_cast<std::size_t>(got)))
+    const std::string_view piece(bytes, static_cast<std::size_t>(got));
+    if (write_fully(to, piece) < piece.size())
       return false;
   }
 }
@@ -74,7 +49,7 @@ int create_copy(const std::string& path, mode_t mode, std::string* copy) {
 bool sync_folder_of(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_CLOEXEC));
+  const FileDescriptor descriptor(open(folder.c_str(), O_RDONLY | O_CLOEXEC));
   return descriptor.get() >= 0 && fsync(descriptor.get()) == 0;
 }
 
@@ -83,7 +58,7 @@ std::string keep_copy(const std::string& path, int from) {
   if (fstat(from, &status) != 0)
     fail(path, "cannot be read");
   std::string copy;
-  const Descriptor to(create_copy(path, status.st_mode & 0777, &copy));
+  const FileDescriptor to(create_copy(path, status.st_mode & 0777, &copy));
   if (to.get() < 0)
     fail(copy, "cannot be created");
   if (!copy_bytes(from, to.get()) || fsync(to.get()) != 0 || !sync_folder_of(copy)) {
@@ -153,9 +128,7 @@ class Planner {
   }
 
   void Rename(const ChunkFile& file) {
-    char to[spool_format::kPathSize];
-    plan_.renamings.push_back(
-        {file.path(), spool_format::chunk_path(folder_.c_str(), next_++, to)});
+    plan_.renamings.push_back({file.path(), chunk_path(folder_, next_++)});
   }
 
   const std::string& folder_;
@@ -174,33 +147,23 @@ RepairPlan plan_repair(const std::string& folder, const std::vector<std::uint32_
 }
 
 std::string repair_header(const HeaderRepair& repair) {
-  const Descriptor file(open(repair.path.c_str(), O_RDWR | O_CLOEXEC));
+  const FileDescriptor file(open(repair.path.c_str(), O_RDWR | O_CLOEXEC));
   if (file.get() < 0)
     fail(repair.path, "cannot be opened for writing");
   const std::string copy = keep_copy(repair.path, file.get());
 
   unsigned char header[spool_format::kHeaderSize];
   spool_format::encode_header(repair.used_size, repair.record_count, header);
-  if (lseek(file.get(), 0, SEEK_SET) != 0 ||
-      !write_all(file.get(), reinterpret_cast<const char*>(header), sizeof header) ||
+  const std::string_view bytes(reinterpret_cast<const char*>(header), sizeof header);
+  if (lseek(file.get(), 0, SEEK_SET) != 0 || write_fully(file.get(), bytes) < bytes.size() ||
       fsync(file.get()) != 0)
     fail(repair.path, "cannot be written (its copy is " + copy + ")");
   return copy;
 }
 
 void rename_chunk(const Renaming& renaming) {
-  // link refuses to replace what rename would; where the file system has no links, look first.
-  if (link(renaming.from.c_str(), renaming.to.c_str()) == 0) {
-    if (unlink(renaming.from.c_str()) != 0)
-      fail(renaming.from, "cannot be renamed");
-    return;
-  }
-  if (errno == EEXIST || access(renaming.to.c_str(), F_OK) == 0) {
-    errno = EEXIST;
-    fail(renaming.to, "cannot take the name");
-  }
-  if (rename(renaming.from.c_str(), renaming.to.c_str()) != 0)
-    fail(renaming.from, "cannot be renamed");
+  if (!rename_without_replacing(renaming.from, renaming.to))
+    fail(renaming.from, "cannot be renamed to " + renaming.to);
 }
 
 }  // namespace zmqwriter

@@ -1,0 +1,81 @@
+#include "Files.h"
+
+#include <dirent.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+namespace zmqwriter {
+
+namespace {
+
+/// Whether a failed write may be tried again; waits until then.
+bool try_again(int descriptor) {
+  if (errno == EINTR)
+    return true;
+  if (errno != EAGAIN && errno != EWOULDBLOCK)
+    return false;
+  pollfd ready = {descriptor, POLLOUT, 0};
+  return poll(&ready, 1, -1) >= 0 || errno == EINTR;
+}
+
+}  // namespace
+
+void FileDescriptor::Reset(int number) {
+  if (number_ >= 0)
+    close(number_);
+  number_ = number;
+}
+
+std::size_t write_fully(int descriptor, std::string_view bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t written = write(descriptor, bytes.data() + done, bytes.size() - done);
+    if (written >= 0)
+      done += static_cast<std::size_t>(written);
+    else if (!try_again(descriptor))
+      break;
+  }
+  return done;
+}
+
+std::string read_small_file(const std::string& path, std::size_t longest) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
+                                                             std::fclose);
+  std::string content(longest + 1, '\0');
+  if (file)
+    content.resize(std::fread(&content[0], 1, content.size(), file.get()));
+  if (!file || std::ferror(file.get()))
+    throw std::runtime_error(path + ": cannot be read: " + std::strerror(errno));
+  if (content.size() > longest)
+    throw std::runtime_error(path + ": longer than " + std::to_string(longest) + " bytes");
+  return content;
+}
+
+bool rename_without_replacing(const std::string& from, const std::string& to) {
+  if (link(from.c_str(), to.c_str()) == 0)
+    return unlink(from.c_str()) == 0;
+  struct stat status;
+  if (errno != EEXIST && lstat(to.c_str(), &status) != 0)
+    return std::rename(from.c_str(), to.c_str()) == 0;
+  errno = EEXIST;
+  return false;
+}
+
+bool list_folder(const std::string& folder, std::vector<std::string>* names) {
+  DIR* const listing = opendir(folder.c_str());
+  if (!listing)
+    return false;
+  while (const dirent* entry = readdir(listing))
+    names->push_back(entry->d_name);
+  closedir(listing);
+  return true;
+}
+
+}  // namespace zmqwriter

@@ -1,0 +1,41 @@
+// Files, as the operating system has them. Where a function fails, errno says why.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zmqwriter {
+
+/// Closes the descriptor that it holds; -1 is none.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int number = -1) : number_(number) {}
+  ~FileDescriptor() { Reset(-1); }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+
+  int get() const { return number_; }
+  /// Closes the descriptor and takes another.
+  void Reset(int number);
+
+ private:
+  int number_;
+};
+
+/// Writes all bytes to a descriptor, blocking or not, in as many attempts as it takes. Returns how
+/// many were written; fewer than all mean a failure.
+std::size_t write_fully(int descriptor, std::string_view bytes);
+
+/// The content of a file of at most `longest` bytes. Throws std::runtime_error that names the file.
+std::string read_small_file(const std::string& path, std::size_t longest);
+
+/// Renames a file, but fails with EEXIST where the new name is taken. (Where the file system has no
+/// hard links, another program could take the name between the look and the renaming.)
+bool rename_without_replacing(const std::string& from, const std::string& to);
+
+/// Appends the names of a folder's entries, in no order. False when it cannot be read.
+bool list_folder(const std::string& folder, std::vector<std::string>* names);
+
+}  // namespace zmqwriter
