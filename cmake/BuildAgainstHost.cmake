@@ -109,6 +109,8 @@ include(${CMAKE_CURRENT_LIST_DIR}/InstallFolders.cmake)
 bro_plugin_begin(Dravenholt ZMQWriter)
 bro_plugin_cc(
   src/AgentIdFile.cc
+  src/ChunkFile.cc
+  src/HeadReader.cc
   src/PersistentQueue.cc
   src/Plugin.cc
   src/RecordConversion.cc

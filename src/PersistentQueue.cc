@@ -9,13 +9,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ChunkFile.h"
 #include "MutexLock.h"
 #include "Paths.h"
 #include "Reports.h"
-#include "SpoolFormat.h"
 
 #include "util.h"
 
+using namespace chunk_file;
 using namespace spool_format;
 
 namespace {
@@ -28,10 +29,6 @@ constexpr int32_t kTopUnknown = -1;  // a file just created, or none opened yet
 constexpr int32_t kAtTop = -2;       // `top` is just past the newest record
 
 constexpr mode_t kFolderMode = 0777;
-constexpr mode_t kFileMode = 0666;
-
-// Of one read: room for the longest record.
-constexpr int64_t kLargestWindow = static_cast<int64_t>(kRecordHeaderSize) + UINT16_MAX;
 
 // The counts are 32 bits wide and wrap.
 int32_t wrapped(int64_t value) {
@@ -63,164 +60,6 @@ bool is_taken(const char* path) {
   return lstat(path, &status) == 0 || errno != ENOENT;
 }
 
-// The one place that opens a file. Close-on-exec: a program that the host starts and that outlives
-// it must not keep the spool open.
-FILE* open_stream(const char* path, int flags, const char* mode) {
-  const int descriptor = open(path, flags | O_CLOEXEC, kFileMode);
-  if (descriptor < 0)
-    return nullptr;
-  FILE* const file = fdopen(descriptor, mode);
-  if (!file)
-    close(descriptor);
-  return file;
-}
-
-FILE* open_for_reading(const char* path) {
-  return open_stream(path, O_RDONLY, "rb");
-}
-
-// A stream for writing to a chunk file that is read as well, but by read_at: a stream that could
-// read would fill its buffer at every change of its position, and would not learn of write_at.
-FILE* open_chunk(const char* path, int flags) {
-  return open_stream(path, O_RDWR | flags, "wb");
-}
-
-// Reads `size` bytes from `position` on; what the file does not have is zero. Returns the number
-// that it had. Nothing may wait in the stream to be written.
-size_t read_at(FILE* file, int64_t position, void* to, size_t size) {
-  char* const bytes = static_cast<char*>(to);
-  size_t got = 0;
-  while (got < size) {
-    const ssize_t more =
-        pread(fileno(file), bytes + got, size - got, position + static_cast<int64_t>(got));
-    if (more <= 0)
-      break;
-    got += static_cast<size_t>(more);
-  }
-  memset(bytes + got, 0, size - got);
-  return got;
-}
-
-// Writes past the stream, whose position stays where it is. Nothing tells of failure.
-void write_at(FILE* file, int64_t position, const unsigned char* bytes, size_t size) {
-  while (size > 0) {
-    const ssize_t written = pwrite(fileno(file), bytes, size, position);
-    if (written <= 0)
-      return;
-    bytes += written;
-    size -= static_cast<size_t>(written);
-    position += written;
-  }
-}
-
-// The headers of records on a walk through an open file, which is read in blocks. To be used for
-// one walk, during which nothing is written.
-class Walk {
- public:
-  explicit Walk(FILE* file) : file_(file), block_start_(0), block_size_(0) {}
-
-  RecordHeader header_at(int64_t position) {
-    const int64_t block_end = block_start_ + block_size_;
-    if (position < block_start_ || position + static_cast<int64_t>(kRecordHeaderSize) > block_end) {
-      read_at(file_, position, block_, sizeof block_);
-      block_start_ = position;
-      block_size_ = sizeof block_;
-    }
-    return decode_record_header(block_ + (position - block_start_));
-  }
-
- private:
-  FILE* file_;
-  int64_t block_start_;
-  int64_t block_size_;
-  unsigned char block_[4096];
-};
-
-int64_t record_size(uint16_t length) {
-  return static_cast<int64_t>(kRecordHeaderSize) + length;
-}
-
-int64_t size_of(FILE* file) {
-  struct stat status;
-  return fstat(fileno(file), &status) == 0 ? status.st_size : 0;
-}
-
-// How many records an open chunk file has by their lengths, whatever its header says.
-uint32_t count_by_walking(FILE* file, int64_t file_size) {
-  Walk walk(file);
-  uint32_t count = 0;
-  int64_t position = kHeaderSize;
-  while (position + static_cast<int64_t>(kRecordHeaderSize) <= file_size) {
-    position += record_size(walk.header_at(position).length);
-    ++count;
-  }
-  return count;
-}
-
-// The last record that such a walk finds from the record at `position` on.
-int64_t last_start_inside(FILE* file, int64_t position) {
-  Walk walk(file);
-  const int64_t file_size = size_of(file);
-  int64_t next = position;
-  while (next + static_cast<int64_t>(kRecordHeaderSize) <= file_size) {
-    position = next;
-    next += record_size(walk.header_at(position).length);
-  }
-  return position;
-}
-
-// The header of an open chunk file as it stands on disk, taken without looking at the signature.
-//
-// The record count is trusted, with one exception. A chunk file never shrinks, so one that has no
-// room for the records it claims was damaged, or filled up its disk; it has the records that can
-// be walked, and `*is_walked` says so.
-Header read_header(FILE* file, bool* is_walked) {
-  unsigned char bytes[kHeaderSize];
-  read_at(file, 0, bytes, sizeof bytes);
-  Header header = decode_header(bytes);
-
-  const int64_t file_size = size_of(file);
-  const int64_t room =
-      (file_size - static_cast<int64_t>(kHeaderSize)) / static_cast<int64_t>(kRecordHeaderSize);
-  *is_walked = header.record_count > room;
-  if (*is_walked)
-    header.record_count = count_by_walking(file, file_size);
-  return header;
-}
-
-// The last of the first `record_count` records and where it starts; with no records an empty one
-// right after the file's header. Lengths that lead past the end of the file find empty records
-// there, as if zero bytes followed it without end; those are not read one by one.
-struct LastRecord {
-  int64_t start;
-  RecordHeader header;
-};
-
-LastRecord find_last_record(FILE* file, uint32_t record_count) {
-  Walk walk(file);
-  const int64_t file_size = size_of(file);
-  LastRecord last = {kHeaderSize, {0, 0}};
-  int64_t position = kHeaderSize;
-  for (uint32_t left = record_count; left > 0; --left) {
-    if (position >= file_size) {
-      last.start = position + record_size(0) * (left - 1);
-      last.header = {0, 0};
-      break;
-    }
-    last.start = position;
-    last.header = walk.header_at(position);
-    position += record_size(last.header.length);
-  }
-  return last;
-}
-
-void write_header(FILE* file, uint32_t used_size, uint32_t record_count) {
-  unsigned char bytes[kHeaderSize];
-  encode_header(used_size, record_count, bytes);
-  fwrite(bytes, 1, sizeof bytes, file);
-  fflush(file);
-}
-
 }  // namespace
 
 PersistentQueue::PersistentQueue()
@@ -238,14 +77,7 @@ PersistentQueue::PersistentQueue()
       stranded(0),
       top(kHeaderSize),
       stream_at_top(false),
-      unwritten_records(0),
-      scan_known(false),
-      scan_is_walked(false),
-      scan_count(0),
-      scan_start(0),
-      window(nullptr),
-      window_start(0),
-      window_size(0) {
+      unwritten_records(0) {
   pthread_mutex_init(&mutex, nullptr);
 
   char path[kPathSize];
@@ -279,8 +111,7 @@ void PersistentQueue::Store(uint16_t length, const void* data) {
   if (!head_file)
     openFile();
 
-  scan_known = false;
-  drop_window();
+  reader.forget();
   if (!head_file || write_record(length, data)) {
     top += record_size(length);
     top_length = length;
@@ -340,7 +171,7 @@ void* PersistentQueue::Get(uint16_t* length) {
     take_by_scanning(length, &payload);
   account(-1, -record_size(*length));
   if (value_of(head_records) <= 0)
-    drop_window();  // an idle spool keeps no memory
+    reader.drop_window();  // an idle spool keeps no memory
   return payload;
 }
 
@@ -353,39 +184,25 @@ int64_t PersistentQueue::step_back() const {
 }
 
 void PersistentQueue::take_newest(uint16_t* length, void** payload) {
-  scan_known = false;
   const int64_t start = step_back();
-  if (start < top && !(window && start >= window_start))
-    fill_window(start);
+  reader.prepare(head_file, start, top);
   take_record(start, length, payload);
   mark_taken(start);
 }
 
 // Finds the newest record from the file's start, by the count of the last close and not by the
 // count in memory: so a file created since the start has none, whatever was stored into it, and
-// the record that the caller takes is lost. That is on purpose and what readers of the spool rely
+// the record that the caller takes is lost. That is required, and what readers of the spool rely
 // on; a newest record of length 0 leads here.
-//
-// Every scan in a row ends at the same record, so it is walked to once: a file with many records
-// of length 0 would otherwise be walked at every Get. Only where the count itself is that of a walk
-// does this go on behind the record, now that its length is marked 0.
 void PersistentQueue::take_by_scanning(uint16_t* length, void** payload) {
-  if (!scan_known) {
-    scan_count = read_header(head_file, &scan_is_walked).record_count;
-    scan_start = find_last_record(head_file, scan_count).start;
-    scan_known = true;
-  } else if (scan_is_walked) {
-    scan_start = last_start_inside(head_file, scan_start);
-  }
-  drop_window();
-  if (scan_count > 0)
-    take_record(scan_start, length, payload);
-  mark_taken(scan_start);
+  if (reader.scan(head_file))
+    take_record(reader.scanned_start(), length, payload);
+  mark_taken(reader.scanned_start());
 }
 
 void PersistentQueue::take_record(int64_t start, uint16_t* length, void** payload) {
   unsigned char bytes[kRecordHeaderSize];
-  read_head(start, bytes, sizeof bytes);
+  reader.read(head_file, top, start, bytes, sizeof bytes);
   const RecordHeader record = decode_record_header(bytes);
   top_length = record.prev_length;
   *length = record.length;
@@ -393,7 +210,7 @@ void PersistentQueue::take_record(int64_t start, uint16_t* length, void** payloa
   *payload = malloc(record.length > 0 ? record.length : 1);
   if (!*payload)
     out_of_memory("malloc");
-  read_head(start + record_size(0), *payload, record.length);
+  reader.read(head_file, top, start + record_size(0), *payload, record.length);
 }
 
 // Zeros over the record's length field; the next record will be written over it.
@@ -402,44 +219,6 @@ void PersistentQueue::mark_taken(int64_t record_start) {
   write_at(head_file, record_start, zeros, sizeof zeros);
   top = record_start;
   stream_at_top = false;
-}
-
-// Bytes of the head file as they are on disk; zeros where it has none. A damaged file may claim a
-// length that leads to the top and beyond: that is not the window's.
-void PersistentQueue::read_head(int64_t position, void* to, size_t size) const {
-  if (window && position >= window_start && position + static_cast<int64_t>(size) <= top)
-    memcpy(to, window + (position - window_start), size);
-  else
-    read_at(head_file, position, to, size);
-}
-
-// Reads the newest record, which starts at `start`, and what lies below it: the record alone at
-// first, then twice as much each time, so that a record stored and taken at a time costs no reading
-// of others. Without memory for it the spool works without a window.
-void PersistentQueue::fill_window(int64_t start) {
-  const int64_t record = top - start;
-  const int64_t room = top - static_cast<int64_t>(kHeaderSize);
-  const int64_t wanted = std::max(record, std::min(2 * window_size, kLargestWindow));
-  const int64_t size = std::min(wanted, room);
-  drop_window();
-  window = static_cast<unsigned char*>(malloc(static_cast<size_t>(size)));
-  if (!window)
-    return;
-  window_size = size;
-  window_start = top - size;
-  const auto whole = static_cast<size_t>(size);
-  if (read_at(head_file, window_start, window, whole) < whole && size > record) {
-    // What cannot be read elsewhere does not cost this record its bytes.
-    window_size = record;
-    window_start = start;
-    read_at(head_file, start, window, static_cast<size_t>(record));
-  }
-}
-
-void PersistentQueue::drop_window() {
-  free(window);
-  window = nullptr;
-  window_size = 0;
 }
 
 void PersistentQueue::account(int64_t records, int64_t bytes) {
@@ -451,8 +230,7 @@ void PersistentQueue::account(int64_t records, int64_t bytes) {
 void PersistentQueue::openFile() {
   if (head_file)
     return;
-  scan_known = false;
-  drop_window();
+  reader.forget();
   unwritten_records = 0;
   top = kHeaderSize;
   stream_at_top = false;
@@ -461,7 +239,7 @@ void PersistentQueue::openFile() {
 
   const bool is_file = has_mode(name, S_IFREG);
   if (is_file && !disabled) {
-    head_file = open_chunk(name, 0);
+    head_file = open_for_writing(name, 0);
     // What may only be read still gives its records; nothing written to it arrives.
     if (!head_file)
       head_file = open_for_reading(name);
@@ -483,7 +261,7 @@ void PersistentQueue::openFile() {
     cursor_state = kAtTop;
   } else {
     // Anything but a file that has taken the name is left alone: reading a pipe would not return.
-    head_file = is_file || !exists(name) ? open_chunk(name, O_CREAT | O_TRUNC) : nullptr;
+    head_file = is_file || !exists(name) ? open_for_writing(name, O_CREAT | O_TRUNC) : nullptr;
     set(head_records, 0);
     head_bytes = 0;
     top_length = 0;
@@ -494,7 +272,7 @@ void PersistentQueue::openFile() {
 }
 
 void PersistentQueue::closeFile() {
-  drop_window();
+  reader.drop_window();
   if (!head_file)
     return;
   fseeko(head_file, 0, SEEK_SET);

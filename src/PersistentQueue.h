@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <string>
 
+#include "HeadReader.h"
+
 /// Keeps messages that found no room in memory in chunk files on disk, and gives them back newest
 /// first, across restarts. docs/spool-format.md describes the files.
 ///
@@ -89,9 +91,6 @@ class PersistentQueue {
   int64_t step_back() const;
   bool write_record(uint16_t length, const void* data);
   void mark_taken(int64_t record_start);
-  void read_head(int64_t position, void* to, size_t size) const;
-  void fill_window(int64_t start);
-  void drop_window();
   void account(int64_t records, int64_t bytes);
 
   // Constant after construction.
@@ -122,20 +121,7 @@ class PersistentQueue {
   int64_t top;                // just past the newest record of the head file
   bool stream_at_top;         // whether the head file's stream stands there for the next Store
   int32_t unwritten_records;  // of the head's live records, those that the disk did not take
-
-  // The last record that the head's header counts, as the latest scan found it. Only marking that
-  // very record taken leaves it where it is; everything else that changes the file forgets it.
-  bool scan_known;
-  bool scan_is_walked;  // the count was no use, and is that of the records inside the file
-  uint32_t scan_count;
-  int64_t scan_start;
-
-  // What lies below the top, read in one go for the Gets to come: the head file's bytes from
-  // window_start up to the top, wherever Gets take that. Null when there is none; whatever else
-  // writes to the file or moves the top drops it.
-  unsigned char* window;
-  int64_t window_start;
-  int64_t window_size;  // bytes that the latest read put into it; 0 without a window
+  HeadReader reader;
 };
 
 /// mkdir with mode 0777; true on success. The second argument is ignored.

@@ -276,7 +276,7 @@ TEST_F(PersistentQueueTest, ProgramsThatTheHostStartsDoNotInheritTheHead) {
 }
 
 TEST_F(PersistentQueueTest, DrainedOrClosedSpoolKeepsNothingInMemory) {
-  const auto is_held = [this] { return spool().window != nullptr; };
+  const auto is_held = [this] { return spool().reader.window != nullptr; };
   for (const char* payload : {"a", "b", "c", "d"})
     store(payload);
   EXPECT_FALSE(is_held()) << "before the first Get";

@@ -22,6 +22,8 @@ void* test_malloc(std::size_t size) {
 }  // namespace
 
 #define malloc test_malloc
+#include "ChunkFile.cc"
+#include "HeadReader.cc"
 #include "PersistentQueue.cc"
 #undef malloc
 

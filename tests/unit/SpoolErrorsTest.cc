@@ -50,6 +50,8 @@ int test_lstat(const char* path, struct stat* status) {
 #define rename test_rename
 #define open test_open
 #define lstat test_lstat
+#include "ChunkFile.cc"
+#include "HeadReader.cc"
 #include "PersistentQueue.cc"
 #undef rename
 #undef open

@@ -37,6 +37,8 @@ ssize_t counting_pread(int file, void* to, std::size_t size, off_t position) {
 }  // namespace
 
 #define pread counting_pread
+#include "ChunkFile.cc"
+#include "HeadReader.cc"
 #include "PersistentQueue.cc"
 #undef pread
 

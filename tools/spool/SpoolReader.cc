@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 
+#include "ChunkFile.h"
 #include "Files.h"
 #include "SpoolFormat.h"
 #include "Text.h"
@@ -25,6 +26,11 @@ std::string chunk_path(const std::string& folder, std::uint32_t number) {
   return spool_format::chunk_path(folder.c_str(), number, path);
 }
 
+static SpoolRecord record_at(chunk_file::Walk& headers, std::uint64_t offset) {
+  const auto header = headers.header_at(static_cast<std::int64_t>(offset));
+  return {offset, header.length, header.prev_length};
+}
+
 ChunkFile::ChunkFile(const std::string& folder, std::uint32_t number)
     : ChunkFile(chunk_path(folder, number)) {}
 
@@ -38,7 +44,7 @@ ChunkFile::ChunkFile(const std::string& path) : path_(path) {
     problem_ = "not a regular file";
     return;
   }
-  file_.reset(std::fopen(path.c_str(), "rb"));
+  file_.reset(chunk_file::open_for_reading(path.c_str()));
   if (!file_) {
     problem_ = std::strerror(errno);
     return;
@@ -61,20 +67,10 @@ std::string ChunkFile::name() const {
 
 std::string ChunkFile::Read(std::uint64_t offset, std::size_t size) const {
   std::string bytes(size, '\0');
-  if (!file_ || fseeko(file_.get(), static_cast<off_t>(offset), SEEK_SET) != 0)
-    return std::string();
-  bytes.resize(std::fread(&bytes[0], 1, size, file_.get()));
+  bytes.resize(
+      file_ ? chunk_file::read_at(file_.get(), static_cast<std::int64_t>(offset), &bytes[0], size)
+            : 0);
   return bytes;
-}
-
-bool ChunkFile::ReadRecord(std::uint64_t offset, SpoolRecord* record) const {
-  const std::string bytes = Read(offset, kRecordHeaderSize);
-  if (bytes.size() != kRecordHeaderSize)
-    return false;
-  const auto header =
-      spool_format::decode_record_header(reinterpret_cast<const unsigned char*>(bytes.data()));
-  *record = {offset, header.length, header.prev_length};
-  return true;
 }
 
 std::string ChunkFile::Payload(const SpoolRecord& record) const {
@@ -83,14 +79,15 @@ std::string ChunkFile::Payload(const SpoolRecord& record) const {
 
 Walk ChunkFile::CountedWalk() const {
   Walk walk;
+  chunk_file::Walk headers(file_.get());
   std::uint64_t offset = kHeaderSize;
   while (walk.records.size() < record_count_) {
-    SpoolRecord record;
     if (offset >= size_) {
       walk.end = WalkEnd::kEndOfFile;
       break;
     }
-    if (!ReadRecord(offset, &record) || record.end() > size_) {
+    const SpoolRecord record = record_at(headers, offset);
+    if (record.end() > size_) {
       walk.end = WalkEnd::kCutRecord;
       break;
     }
@@ -103,13 +100,16 @@ Walk ChunkFile::CountedWalk() const {
 Walk ChunkFile::LinkedWalk(std::vector<SpoolRecord> known) const {
   Walk walk;
   walk.records = std::move(known);
+  chunk_file::Walk headers(file_.get());
   for (;;) {
     const bool first = walk.records.empty();
     const std::uint64_t offset = first ? kHeaderSize : walk.records.back().end();
-    SpoolRecord record;
-    if (offset >= size_)
+    if (offset >= size_) {
       walk.end = WalkEnd::kEndOfFile;
-    else if (!ReadRecord(offset, &record))
+      return walk;
+    }
+    const SpoolRecord record = record_at(headers, offset);
+    if (offset + kRecordHeaderSize > size_)
       walk.end = WalkEnd::kCutRecord;
     else if (!first && record.prev_length != walk.records.back().length)
       walk.end = WalkEnd::kBrokenLink;

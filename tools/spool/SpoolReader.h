@@ -77,7 +77,6 @@ class ChunkFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
   };
 
-  bool ReadRecord(std::uint64_t offset, SpoolRecord* record) const;
   std::string Read(std::uint64_t offset, std::size_t size) const;
 
   std::string path_;
