@@ -1,142 +1,147 @@
-"""The commands of README.md, bench/README.md and docs/*.md work, and their links lead somewhere.
+"""The commands of docs/*.md work, the links of all pages lead somewhere, and the examples of
+services start the collector.
 
-Every command is run in a sandbox, a page in its order, unless it stands in a table below. Ports are
-replaced by free ones of the loopback interface.
+Commands are run from blocks fenced as ```bash and ```console, a page in its order. A ```console
+block has commands behind "$ ", followed by lines that they print: "..." in such a line stands for
+anything, and other lines may come between. A comment "# exit status N" at the end of a command says
+that N is right, and not 0. Other blocks are not run.
 """
 
 import os
 import plistlib
 import re
 import shlex
+import shutil
+import signal
+import socket
 import subprocess
+import tempfile
 import unittest
 
 from cli_support import BUILD_DIR, SOURCE_DIR, ZMQWRITER, read_file
-from docs_support import Page, Sandbox, all_pages, missing_output
 
-OPERATIONS = "docs/operations.md"
 EXAMPLES = os.path.join(SOURCE_DIR, "setup", "examples")
-
-# Indented blocks that hold no commands, by their page and the start of their first line.
-NOT_COMMANDS = {
-    ("README.md", "demo: made a CURVE key pair"): "output of the demo",
-    ("README.md", "redef LogZMQ::"): "site scripts of the host",
-    (OPERATIONS, "redef LogZMQ::"): "site scripts of the host",
-}
-
-# Commands that the test does not run, by a regular expression for their start, and why.
-NOT_RUN = {
-    r"\./demo\b": "builds, and is run by ./test",
-    r"\./test\b": "runs this test",
-    r"\./configure\b": "needs the host's tree; a test of its own runs it",
-    r"make( install)?$": "needs the host's tree; a test of its own runs it",
-    r"cmake -S ": "configures a whole build",
-    r"cmake --build ": "builds everything",
-    r"cmake --install build --prefix /opt/": "installs into the system",
-    r"ninja -C build-fuzz ": "builds with a fuzzer",
-    r"mkdir found$": "belongs to the fuzzer's run",
-    r"build-fuzz/tests/SpoolFuzzer ": "fuzzes for a minute",
-    r"sudo ": "changes the system",
-    r"bench/run$": "measures for minutes; a test of its own runs the quick form",
-}
-
-# Programs that commands may use beside zmqwriter, as they leave the system alone.
-HARMLESS = set("""[ awk cat cd cmp curl cut diff echo export false flatc grep head jq kill ls mkdir
-    printf rm sed seq sleep sort tail test touch true uniq wait wc""".split())
-
-# The system's own places; commands that are run must keep away from them.
-SYSTEM_PLACES = re.compile(r"(?<![\w$}.\"~])/(usr|opt|etc|var|Library|System)/")
+PAGES = ["README.md", "bench/README.md"] + sorted(
+    "docs/" + name for name in os.listdir(os.path.join(SOURCE_DIR, "docs"))
+    if name.endswith(".md"))
+TIMEOUT = 300  # seconds for a page; only ever reached by a failure
 
 
-def is_zmqwriter(program):
-    return program in ("zmqwriter", "build/bin/zmqwriter") or program.endswith("/bin/zmqwriter")
+class Command:
+    def __init__(self, text):
+        self.text = text
+        self.output = []  # lines that it should print
+        found = re.search(r"#.*\bexit status (\d+)", text)
+        self.status = int(found.group(1)) if found else 0
 
 
-class DocumentsTest(unittest.TestCase):
-    maxDiff = None
+def is_whole(text):
+    """Whether the shell takes the text for whole commands."""
+    result = subprocess.run(["bash", "-n"], input=text + "\n", capture_output=True, text=True)
+    return result.returncode == 0 and not result.stderr
 
-    @classmethod
-    def setUpClass(cls):
-        cls.pages = all_pages(SOURCE_DIR)
 
-    def command_blocks(self, page):
-        for block in page.blocks:
-            if block.kind in ("sh", "console"):
-                yield block
-            elif block.kind == "indented" and not self.not_commands(page, block):
-                yield block
+def commands_of(page):
+    found = []
+    for kind, block in re.findall(r"^```(bash|console)\n(.*?)^```$", page, re.M | re.S):
+        text = ""
+        for line in block.splitlines():
+            if kind == "console" and not text and not line.startswith("$ "):
+                found[-1].output.append(line)
+                continue
+            text += "\n" + line if text else line[2:] if kind == "console" else line
+            if is_whole(text):
+                found.append(Command(text))
+                text = ""
+        assert not text, "no whole command: " + text
+    return found
 
+
+def with_free_ports(text):
+    """The text with free ports of the loopback interface in the place of its own."""
+    free = {}
+    for port in set(re.findall(r"127\.0\.0\.1:(\d+)", text)):
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            free[port] = probe.getsockname()[1]
+    return re.sub(r"127\.0\.0\.1:(\d+)", lambda m: "127.0.0.1:%d" % free[m.group(1)], text)
+
+
+def missing_line(expected, printed):
+    """The first of the lines that `printed` does not have, in this order; None if it has all."""
+    lines = iter(printed.split("\n"))
+    for line in expected:
+        pattern = ".*".join(r"\s+".join(re.escape(word) for word in re.split(r"\s+", piece))
+                            for piece in line.strip().split("..."))
+        if not any(re.fullmatch(pattern, candidate.strip()) for candidate in lines):
+            return line
+    return None
+
+
+class CommandsTest(unittest.TestCase):
+    def run_page(self, commands):
+        """Runs the commands in one shell, up to the first that fails; gives what each printed."""
+        folder = tempfile.mkdtemp(prefix="zmqwriter-test-")
+        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        os.symlink(BUILD_DIR, os.path.join(folder, "build"))
+        os.symlink(os.path.join(SOURCE_DIR, "samples"), os.path.join(folder, "samples"))
+        script, output = os.path.join(folder, "script"), os.path.join(folder, "output")
+        with open(script, "w") as file:
+            for command in commands:
+                file.write("%s\n[ $? = %d ] || exit\necho @@@\n" % (command.text, command.status))
+        with open(output, "w") as file:
+            shell = subprocess.Popen(
+                ["bash", script], cwd=folder, env=dict(os.environ, HOME=folder, LC_ALL="C"),
+                stdin=subprocess.DEVNULL, stdout=file, stderr=subprocess.STDOUT,
+                start_new_session=True)
+        try:
+            shell.wait(TIMEOUT)
+        except subprocess.TimeoutExpired:
+            pass  # the command that took so long is the last one with output
+        finally:
+            try:
+                os.killpg(shell.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+            shell.wait()
+        return read_file(output).split("@@@\n")
+
+    def test_commands_of_the_pages_work_in_their_order(self):
+        count = 0
+        for name in PAGES:
+            commands = commands_of(with_free_ports(read_file(os.path.join(SOURCE_DIR, name))))
+            printed = self.run_page(commands)
+            for at, command in enumerate(commands):
+                count += 1
+                where = "%s: %s\n%s" % (name, command.text, printed[at])
+                self.assertGreater(len(printed), at + 1, "failed or did not end: " + where)
+                self.assertIsNone(missing_line(command.output, printed[at]), where)
+        self.assertGreater(count, 20)
+
+
+class LinksTest(unittest.TestCase):
     @staticmethod
-    def not_commands(page, block):
-        return next((key for key in NOT_COMMANDS
-                     if key[0] == page.name and block.lines[0].startswith(key[1])), None)
+    def prose(path):
+        return re.sub(r"^ *```.*?^ *```$|`[^`\n]*`", "", read_file(path), flags=re.M | re.S)
 
-    def commands(self, page):
-        return [command for block in self.command_blocks(page)
-                for command in page.commands(block)]
+    def anchors(self, path):
+        return [re.sub(r"[^\w\- ]", "", heading.strip().lower()).replace(" ", "-")
+                for heading in re.findall(r"^#+ (.*)$", read_file(path), re.M)]
 
-    @staticmethod
-    def not_run(command):
-        return next((row for row in NOT_RUN if re.match(row, command.text)), None)
-
-
-class CommandsTest(DocumentsTest):
-    def run_page(self, name):
-        page = next(page for page in self.pages if page.name == name)
-        commands = [c for c in self.commands(page) if not self.not_run(c)]
-        for command in commands:
-            self.assert_harmless(command)
-        if not commands:
-            return
-        sandbox = Sandbox(SOURCE_DIR, BUILD_DIR)
-        self.addCleanup(sandbox.close)
-        for command in commands:
-            status, printed = sandbox.run(command)
-            self.assertEqual(status, command.status, "%s\n%s" % (command, printed))
-            expected = [sandbox.ports.substitute(line) for line in command.output]
-            self.assertIsNone(missing_output(expected, printed), "%s\n%s" % (command, printed))
-
-    def assert_harmless(self, command):
-        programs = command.programs()
-        self.assertTrue(programs or "=" in command.text, command)
-        for program in programs:
-            self.assertTrue(is_zmqwriter(program) or program in HARMLESS,
-                            "%s\n'%s' is neither known to be harmless nor listed as not to be run" %
-                            (command, program))
-        text = command.without_data()
-        self.assertIsNone(SYSTEM_PLACES.search(text), command)
-        # By itself the program takes the plug-in with the real places.
-        if re.search(r"zmqwriter (replay|check)\b", text):
-            self.assertRegex(text, r"--plugin \"?(\$plugin|build/plugin-sandbox)\b", command)
-
-    def test_commands_of_the_operations_page_work_in_their_order(self):
-        self.run_page(OPERATIONS)
-
-    def test_commands_of_the_readme_work_in_their_order(self):
-        self.run_page("README.md")
-
-    def test_commands_of_all_other_pages_work_in_their_order(self):
-        for page in self.pages:
-            if page.name not in (OPERATIONS, "README.md"):
-                with self.subTest(page.name):
-                    self.run_page(page.name)
-
-
-class LinksTest(DocumentsTest):
     def test_every_relative_link_leads_to_a_file_and_an_anchor_in_it(self):
         count = 0
-        for page in self.pages:
-            for line, target in page.links():
+        for page in PAGES:
+            path = os.path.join(SOURCE_DIR, page)
+            for target in re.findall(r"\]\(([^)\s]+)\)", self.prose(path)):
                 if re.match(r"[a-z]+:", target):
                     continue
                 count += 1
                 name, _, anchor = target.partition("#")
-                path = os.path.normpath(os.path.join(os.path.dirname(page.name), name))
-                path = path if name else page.name
-                with self.subTest("%s:%d: %s" % (page.name, line, target)):
-                    self.assertTrue(os.path.exists(os.path.join(SOURCE_DIR, path)))
+                file = os.path.join(os.path.dirname(path), name) if name else path
+                with self.subTest("%s: %s" % (page, target)):
+                    self.assertTrue(os.path.exists(file))
                     if anchor:
-                        self.assertIn(anchor, Page(SOURCE_DIR, path).anchors())
+                        self.assertIn(anchor, self.anchors(file))
         self.assertGreater(count, 10)
 
 
@@ -148,8 +153,8 @@ class ServiceExamplesTest(unittest.TestCase):
             plist_command = plistlib.load(file)["ProgramArguments"]
         known = subprocess.check_output([ZMQWRITER, "collect", "--help"], text=True).split()
         for words in (unit_command, plist_command):
-            self.assertTrue(is_zmqwriter(words[0]) and words[1] == "collect", words)
-            options = [word.split("=")[0] for word in words if word.startswith("--")]
+            self.assertEqual([os.path.basename(words[0]), words[1]], ["zmqwriter", "collect"])
+            options = [word for word in words if word.startswith("--")]
             self.assertGreater(len(options), 2)
             self.assertEqual(set(options) - set(known), set())
 
