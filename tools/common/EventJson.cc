@@ -148,34 +148,46 @@ std::string time_text(double ts) {
   return text;
 }
 
+/// The table of a union's member; null for none and for a number that the schema does not know.
+const TypeTable* member_table(const TypeTable* types, std::size_t member) {
+  return member > 0 && member < types->num_elems
+             ? types->type_refs[types->type_codes[member].sequence_ref]()
+             : nullptr;
+}
+
 enum class Style { kJson, kText };
 
 /// Writes tables by means of the schema's description. Only verified ones: nothing is checked here
-/// but what the verifier leaves alone, the payload of an unknown type.
-class Printer {
+/// but what the verifier leaves alone, the payload of an unknown type. FlatBuffers' own iteration
+/// (IterateObject) knows neither absent fields nor a payload without a type, so it is used for
+/// single values only.
+class Printer : private flatbuffers::IterationVisitor {
  public:
   Printer(Style style, std::string* out) : json_(style == Style::kJson), out_(*out) {}
 
-  void Table(const flatbuffers::Table* table, const TypeTable* types) {
+  void PrintTable(const void* table, const TypeTable* types) {
     out_ += '{';
-    Fields(table, types);
+    PrintFields(table, types);
     out_ += '}';
   }
 
-  void Fields(const flatbuffers::Table* table, const TypeTable* types) {
+  void PrintFields(const void* table, const TypeTable* types) {
     const std::uint8_t* previous = nullptr;
     for (std::size_t i = 0; i < types->num_elems; ++i) {
       if (i > 0)
         out_ += json_ ? ',' : ' ';
-      Name(types->names[i]);
-      const std::uint8_t* const field = table->GetAddressOf(
+      if (json_)
+        out_ += '"';
+      out_ += types->names[i];
+      out_ += json_ ? "\":" : "=";
+      const std::uint8_t* const field = static_cast<const flatbuffers::Table*>(table)->GetAddressOf(
           flatbuffers::FieldIndexToOffset(static_cast<flatbuffers::voffset_t>(i)));
-      Field(field, types->type_codes[i], types, previous);
+      PrintField(field, types->type_codes[i], types, previous);
       previous = field;
     }
   }
 
-  void String(const char* text, std::size_t size) {
+  void PrintText(const char* text, std::size_t size) {
     if (json_)
       append_json_string(&out_, text, size);
     else if (is_plain(text, size))
@@ -184,48 +196,38 @@ class Printer {
       append_quoted(&out_, text, size, true);
   }
 
-  void String(const flatbuffers::String* text) {
+  void String(const flatbuffers::String* text) override {
     if (text)
-      String(text->c_str(), text->size());
+      PrintText(text->c_str(), text->size());
     else
-      Absent();
+      PrintAbsent();
   }
 
  private:
-  void Name(const char* name) {
-    if (json_)
-      out_ += '"';
-    out_ += name;
-    out_ += json_ ? "\":" : "=";
-  }
-
-  void Absent() { out_ += json_ ? "null" : "-"; }
+  void PrintAbsent() { out_ += json_ ? "null" : "-"; }
 
   /// `field` is null for a field that the table lacks; `previous` is the field before it, which
   /// for a union holds its type.
-  void Field(const std::uint8_t* field, flatbuffers::TypeCode code, const TypeTable* types,
-             const std::uint8_t* previous) {
-    const TypeTable* const ref =
-        code.sequence_ref >= 0 ? types->type_refs[code.sequence_ref]() : nullptr;
+  void PrintField(const std::uint8_t* field, flatbuffers::TypeCode code, const TypeTable* types,
+                  const std::uint8_t* previous) {
+    const TypeTable* ref = code.sequence_ref >= 0 ? types->type_refs[code.sequence_ref]() : nullptr;
     const auto type = static_cast<flatbuffers::ElementaryType>(code.base_type);
-    if (code.is_repeating)
-      Vector(field, type, ref);
-    else if (type == flatbuffers::ET_SEQUENCE && ref->st == flatbuffers::ST_UNION)
-      Union(field, ref, previous);
+    if (type == flatbuffers::ET_SEQUENCE && ref->st == flatbuffers::ST_UNION)
+      ref = member_table(ref, previous ? *previous : 0);
+    if (code.is_repeating && field)
+      PrintVector(field + flatbuffers::ReadScalar<flatbuffers::uoffset_t>(field), type, ref);
+    else if (code.is_repeating)
+      PrintAbsent();
     else
-      Value(field, type, ref);
+      PrintValue(field, type, ref);
   }
 
-  void Vector(const std::uint8_t* field, flatbuffers::ElementaryType type, const TypeTable* ref) {
-    if (!field) {
-      Absent();
-      return;
-    }
-    const auto* const vector = reinterpret_cast<const flatbuffers::Vector<std::uint8_t>*>(
-        field + flatbuffers::ReadScalar<flatbuffers::uoffset_t>(field));
+  void PrintVector(const std::uint8_t* start, flatbuffers::ElementaryType type,
+                   const TypeTable* ref) {
+    const auto* const vector = reinterpret_cast<const flatbuffers::Vector<std::uint8_t>*>(start);
     if (type == flatbuffers::ET_CHAR) {
       const std::string text = address_text(vector->Data(), vector->size());
-      String(text.data(), text.size());
+      PrintText(text.data(), text.size());
       return;
     }
     out_ += '[';
@@ -233,91 +235,49 @@ class Printer {
     for (flatbuffers::uoffset_t i = 0; i < vector->size(); ++i) {
       if (i > 0)
         out_ += json_ ? ',' : ' ';
-      Value(element, type, ref);
+      PrintValue(element, type, ref);
       element += flatbuffers::InlineSize(type, ref);
     }
     out_ += ']';
   }
 
-  void Union(const std::uint8_t* field, const TypeTable* types, const std::uint8_t* previous) {
-    const std::size_t member = previous ? *previous : 0;
-    // The first member is NONE.
-    if (!field || member == 0 || member >= types->num_elems)
-      Absent();
+  void PrintValue(const std::uint8_t* value, flatbuffers::ElementaryType type,
+                  const TypeTable* ref) {
+    alignas(8) static const std::uint8_t kZero[8] = {};
+    const bool refers = type == flatbuffers::ET_STRING || type == flatbuffers::ET_SEQUENCE;
+    if (refers && (!value || (type == flatbuffers::ET_SEQUENCE && !ref)))
+      PrintAbsent();
+    else if (type == flatbuffers::ET_SEQUENCE)
+      PrintTable(value + flatbuffers::ReadScalar<flatbuffers::uoffset_t>(value), ref);
     else
-      Value(field, flatbuffers::ET_SEQUENCE,
-            types->type_refs[types->type_codes[member].sequence_ref]());
+      flatbuffers::IterateValue(type, value ? value : kZero, ref, nullptr, -1, this);
   }
 
-  template <typename T>
-  static T read(const std::uint8_t* field) {
-    return field ? flatbuffers::ReadScalar<T>(field) : T(0);
-  }
-
-  template <typename T>
-  void Integer(const std::uint8_t* field, const TypeTable* names) {
-    const auto value = read<T>(field);
-    const char* const name = names ? flatbuffers::EnumName(value, names) : nullptr;
+  /// By its name if it has one.
+  template <typename Number>
+  void Integer(Number number, const char* name = nullptr) {
     if (name)
-      String(name, std::strlen(name));
+      PrintText(name, std::strlen(name));
     else
-      out_ += std::to_string(value);
+      out_ += std::to_string(number);
   }
 
-  void Floating(double value) {
-    const char* special = nullptr;
-    if (std::isnan(value))
-      special = "NaN";
-    else if (std::isinf(value))
-      special = value > 0 ? "Infinity" : "-Infinity";
-    if (special)
-      String(special, std::strlen(special));
+  void UType(std::uint8_t number, const char* name) override { Integer(number, name); }
+  void Char(std::int8_t number, const char* name) override { Integer(number, name); }
+  void UChar(std::uint8_t number, const char* name) override { Integer(number, name); }
+  void Short(std::int16_t number, const char* name) override { Integer(number, name); }
+  void UShort(std::uint16_t number, const char* name) override { Integer(number, name); }
+  void Int(std::int32_t number, const char* name) override { Integer(number, name); }
+  void UInt(std::uint32_t number, const char* name) override { Integer(number, name); }
+  void Long(std::int64_t number) override { Integer(number); }
+  void ULong(std::uint64_t number) override { Integer(number); }
+  void Bool(bool value) override { out_ += value ? "true" : "false"; }
+  void Float(float number) override { Double(static_cast<double>(number)); }
+  void Double(double number) override {
+    if (std::isfinite(number))
+      out_ += nlohmann::json(number).dump();  // the shortest digits that read back the same
     else
-      out_ += nlohmann::json(value).dump();  // the shortest digits that read back the same
-  }
-
-  void Value(const std::uint8_t* field, flatbuffers::ElementaryType type, const TypeTable* ref) {
-    switch (type) {
-      case flatbuffers::ET_UTYPE:
-      case flatbuffers::ET_UCHAR:
-        return Integer<std::uint8_t>(field, ref);
-      case flatbuffers::ET_CHAR:
-        return Integer<std::int8_t>(field, ref);
-      case flatbuffers::ET_SHORT:
-        return Integer<std::int16_t>(field, ref);
-      case flatbuffers::ET_USHORT:
-        return Integer<std::uint16_t>(field, ref);
-      case flatbuffers::ET_INT:
-        return Integer<std::int32_t>(field, ref);
-      case flatbuffers::ET_UINT:
-        return Integer<std::uint32_t>(field, ref);
-      case flatbuffers::ET_LONG:
-        return Integer<std::int64_t>(field, ref);
-      case flatbuffers::ET_ULONG:
-        return Integer<std::uint64_t>(field, ref);
-      case flatbuffers::ET_FLOAT:
-        return Floating(static_cast<double>(read<float>(field)));
-      case flatbuffers::ET_DOUBLE:
-        return Floating(read<double>(field));
-      case flatbuffers::ET_BOOL:
-        out_ += read<std::uint8_t>(field) ? "true" : "false";
-        return;
-      case flatbuffers::ET_STRING:
-      case flatbuffers::ET_SEQUENCE:
-        return Reference(field, type, ref);
-    }
-  }
-
-  void Reference(const std::uint8_t* field, flatbuffers::ElementaryType type,
-                 const TypeTable* ref) {
-    if (!field)
-      return Absent();
-    const std::uint8_t* const target =
-        field + flatbuffers::ReadScalar<flatbuffers::uoffset_t>(field);
-    if (type == flatbuffers::ET_STRING)
-      String(reinterpret_cast<const flatbuffers::String*>(target));
-    else
-      Table(reinterpret_cast<const flatbuffers::Table*>(target), ref);
+      Integer(0, std::isnan(number) ? "NaN" : number > 0 ? "Infinity" : "-Infinity");
   }
 
   const bool json_;
@@ -367,9 +327,9 @@ EventMessage::EventMessage(const void* data, std::size_t size)
 
 std::string EventMessage::Json() const {
   std::string out;
+  out.reserve(1024);  // that is enough for most events
   Printer(Style::kJson, &out)
-      .Table(flatbuffers::GetRoot<flatbuffers::Table>(data_),
-             reflected::Dravenholt::NetworkEventTypeTable());
+      .PrintTable(root(data_), reflected::Dravenholt::NetworkEventTypeTable());
   return out;
 }
 
@@ -381,12 +341,11 @@ std::string EventMessage::Text() const {
   out += ' ';
   printer.String(event->uid());
   out += ' ' + PayloadType();
-  const TypeTable* const types = reflected::Dravenholt::DataTypeTable();
-  const std::size_t member = event->data_type();
-  if (event->data() && member > 0 && member < types->num_elems) {
+  const TypeTable* const types =
+      member_table(reflected::Dravenholt::DataTypeTable(), PayloadNumber());
+  if (event->data() && types) {
     out += ' ';
-    printer.Fields(static_cast<const flatbuffers::Table*>(event->data()),
-                   types->type_refs[types->type_codes[member].sequence_ref]());
+    printer.PrintFields(event->data(), types);
   }
   return out;
 }
