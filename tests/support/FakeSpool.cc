@@ -47,6 +47,9 @@ void FakeSpool::promise_nothing(int count) {
 
 }  // namespace test
 
+// A member of the queue; the fake never reads by it.
+void HeadReader::drop_window() {}
+
 PersistentQueue::PersistentQueue() {
   log(".spool_open");
 }
