@@ -1,7 +1,7 @@
 # Builds the plug-in against the tree of a real host, by the host's own CMake module:
 #   cmake -DBRO_DIST=DIR [-DBRO_PLUGIN_INSTALL_ROOT=DIR]
 # CMakeLists.txt includes this file when BRO_DIST is given and then ends. The sources are the same
-# as without a host; nothing of host/ is used except the settings file where the host has none.
+# as without a host; nothing of host/ is used.
 
 # --- what has to be there -----------------------------------------------------------------------
 
@@ -61,16 +61,13 @@ endif()
 
 # Darwin's process and host information, where the system is not Darwin.
 add_subdirectory(platform)
-set(libraries platform)
 
-# The settings file, where the host has none: our unit and its header, and nothing else of host/.
-# Nobody fills in the global `settings` then, so the script constants alone decide.
+# The settings file, where the host has none. Nobody fills in the global `settings` then, so the
+# script constants alone decide.
+set(settings_source)
 if(NOT EXISTS ${BRO_DIST}/src/SettingsFile.h)
-  configure_file(host/include/SettingsFile.h ${CMAKE_BINARY_DIR}/settings/SettingsFile.h COPYONLY)
-  add_library(zmqwriter_settings STATIC host/SettingsFile.cc)
-  target_compile_features(zmqwriter_settings PRIVATE cxx_std_17)
-  target_include_directories(zmqwriter_settings PUBLIC ${CMAKE_BINARY_DIR}/settings)
-  list(APPEND libraries zmqwriter_settings)
+  configure_file(src/settings/SettingsFile.h ${generated}/SettingsFile.h COPYONLY)
+  set(settings_source src/settings/SettingsFile.cc)
   message(STATUS "The host has no SettingsFile: ours is compiled in")
 endif()
 
@@ -121,9 +118,10 @@ bro_plugin_cc(
   src/UserDetect.cc
   src/ZMQ.cc
   src/ZmqMessage.cc
-  src/ZmqWorker.cc)
+  src/ZmqWorker.cc
+  ${settings_source})
 bro_plugin_bif(src/zmq.bif)
-bro_plugin_link_library(${libraries} ZMQWriter::zmq ZMQWriter::flatbuffers Threads::Threads
+bro_plugin_link_library(platform ZMQWriter::zmq ZMQWriter::flatbuffers Threads::Threads
   ${ZMQWRITER_EXPORT_FLAGS})
 bro_plugin_dist_files(README.md CHANGES COPYING VERSION)
 

@@ -25,7 +25,7 @@ SOURCE_DIR, BIFCL, ZMQWRITER = (sys.argv[1:] + [""])[:3]
 
 NEEDED = [
     "CHANGES", "CMakeLists.txt", "COPYING", "Makefile", "README.md", "VERSION", "cmake",
-    "configure", "host/SettingsFile.cc", "host/include/SettingsFile.h", "platform", "scripts", "src",
+    "configure", "platform", "scripts", "src",
 ]
 
 
@@ -66,9 +66,10 @@ def make_dist(folder, prefix="/opt/host", with_settings_file=False):
     copy(BIFCL, os.path.join(folder, "build/src/bifcl"))
     with open(os.path.join(folder, "build/CMakeCache.txt"), "w") as cache:
         cache.write("CMAKE_INSTALL_PREFIX:PATH=%s\n" % prefix)
-    shutil.copytree(os.path.join(SOURCE_DIR, "host/include"), os.path.join(folder, "src"))
-    if not with_settings_file:
-        os.remove(os.path.join(folder, "src/SettingsFile.h"))
+    shutil.copytree(os.path.join(SOURCE_DIR, "host/api/include"), os.path.join(folder, "src"))
+    if with_settings_file:
+        copy(os.path.join(SOURCE_DIR, "src/settings/SettingsFile.h"),
+             os.path.join(folder, "src/SettingsFile.h"))
 
 
 # What the formula uses of Homebrew.
@@ -178,7 +179,7 @@ class BuildAgainstHostTest(unittest.TestCase):
         self.assertIn("must be a direct child", one_line(text))
 
     def test_folder_of_the_sources_is_refused_as_build_folder_and_left_as_it_is(self):
-        for folder in ("src", "scripts", "cmake", "host", "platform", "VERSION"):
+        for folder in ("src", "scripts", "cmake", "platform", "VERSION"):
             with self.subTest(folder):
                 before = contents(self.source)
                 text = self.configure("--bro-dist=" + self.dist, "--build-dir=" + folder, status=1)
@@ -207,7 +208,7 @@ class BuildAgainstHostTest(unittest.TestCase):
         make_dist(dist, with_settings_file=True)
         text = self.configure("--bro-dist=" + dist, "--build-dir=build-settings")
         self.assertNotIn("ours is compiled in", text)
-        self.assertFalse(os.path.exists(os.path.join(self.source, "build-settings/settings")))
+        self.assertFalse(os.path.exists(os.path.join(self.source, "build-settings/generated/SettingsFile.h")))
         shutil.rmtree(os.path.join(self.source, "build-settings"))
 
     # --- installing ------------------------------------------------------------------------------

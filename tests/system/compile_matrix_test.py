@@ -19,7 +19,7 @@ import unittest
 
 SOURCE_DIR, GENERATED_DIR = sys.argv[1:3]
 SRC = os.path.join(SOURCE_DIR, "src")
-HOST = os.path.join(SOURCE_DIR, "host/include")
+HOST = os.path.join(SOURCE_DIR, "host/api/include")
 PLATFORM = os.path.join(SOURCE_DIR, "platform/include")
 OWN = [os.path.basename(path) for path in glob.glob(os.path.join(SRC, "*.h"))]
 STANDARDS = ("c++11", "c++17")
@@ -39,7 +39,7 @@ def includes(path):
 def is_host_header(include):
     name = include.strip('<>"')
     return include.startswith('"') and name not in OWN and (
-        os.path.exists(os.path.join(HOST, name)) or name == "zmq.bif.h")
+        os.path.exists(os.path.join(HOST, name)) or name in ("SettingsFile.h", "zmq.bif.h"))
 
 
 def brings_host_headers(include):
@@ -51,7 +51,7 @@ def brings_host_headers(include):
 
 
 def sources():
-    return sorted(glob.glob(os.path.join(SRC, "*.cc")) +
+    return sorted(glob.glob(os.path.join(SRC, "**/*.cc"), recursive=True) +
                   glob.glob(os.path.join(GENERATED_DIR, "zmq.bif*.cc")))
 
 

@@ -1,5 +1,5 @@
 // The reader of ASCII logs: every header form, every column type, every kind of broken line.
-#include "standin/AsciiLog.h"
+#include "AsciiLog.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,10 +13,10 @@
 
 namespace {
 
-using standin::AsciiLog;
-using standin::AsciiLogError;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using zmqwriter::AsciiLog;
+using zmqwriter::AsciiLogError;
 using Step = AsciiLog::Step;
 
 const std::string kHeader =
@@ -53,7 +53,7 @@ class AsciiLogTest : public testing::Test {
     }
   }
 
-  static std::string show_record(const std::vector<standin::ValuePtr>& values) {
+  static std::string show_record(const std::vector<zmqwriter::ValuePtr>& values) {
     std::string text;
     for (const auto& value : values)
       text += (text.empty() ? "" : "|") + test::show(*value);

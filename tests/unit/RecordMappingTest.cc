@@ -13,13 +13,13 @@
 
 namespace {
 
-using standin::AsciiLog;
 using testing::ElementsAre;
+using zmqwriter::AsciiLog;
 
 /// The first record of a log, mapped: one "name:type=value" per field.
 std::vector<std::string> map(std::string content) {
   AsciiLog log(fmemopen(content.data(), content.size(), "r"), "x.log");
-  const RecordMapping mapping(log.path(), log.columns());
+  const zmqwriter::RecordMapping mapping(log.path(), log.columns());
   EXPECT_EQ(log.Next(), AsciiLog::Step::kRecord);
   const std::vector<threading::Field>& fields =
       mapping.LacksUid(log) ? mapping.fields_without_uid() : mapping.fields();

@@ -65,9 +65,9 @@ Columns replay_columns(const std::string& path,
   const test::TempDir dir;
   test::write_file("stock.log",
                    "#separator \\x09\n#path\t" + path + "\n" + names + "\n" + types + "\n");
-  const standin::AsciiLog log("stock.log");
+  const zmqwriter::AsciiLog log("stock.log");
   Columns result;
-  const RecordMapping mapping(log.path(), log.columns());
+  const zmqwriter::RecordMapping mapping(log.path(), log.columns());
   for (const threading::Field& field : with_uid ? mapping.fields() : mapping.fields_without_uid())
     result[field.name] = field.TypeName();
   return result;

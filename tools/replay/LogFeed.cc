@@ -9,8 +9,6 @@
 
 namespace zmqwriter {
 
-using standin::AsciiLog;
-
 namespace {
 
 constexpr std::uint64_t kReportedBrokenLines = 20;
@@ -85,7 +83,7 @@ LogFeed::Step LogFeed::Feed() {
 AsciiLog::Step LogFeed::NextStep() {
   try {
     return log_.Next();
-  } catch (const standin::AsciiLogError& error) {
+  } catch (const AsciiLogError& error) {
     std::fprintf(stderr, "%s\n", error.what());
     unreadable_ = true;
     return AsciiLog::Step::kEnd;

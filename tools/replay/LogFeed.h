@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "AsciiLog.h"
 #include "RecordMapping.h"
-#include "standin/AsciiLog.h"
 #include "standin/Host.h"
 
 namespace zmqwriter {
@@ -29,7 +29,7 @@ class LogFeed {
  public:
   enum class Step { kRecord, kOther, kEnd };
 
-  /// Opens the log; throws standin::AsciiLogError when it is refused.
+  /// Opens the log; throws AsciiLogError when it is refused.
   explicit LogFeed(const std::string& file);
 
   /// Makes the writer. Host and paths must outlive every call of Feed and Flush.
@@ -62,15 +62,15 @@ class LogFeed {
   void MakeWriter();
   logging::WriterFrontend* NewWriter(const std::vector<threading::Field>& fields);
   void WriteRecord();
-  standin::AsciiLog::Step NextStep();
+  AsciiLog::Step NextStep();
   void ReportBroken();
 
-  standin::AsciiLog log_;
+  AsciiLog log_;
   standin::Host* host_ = nullptr;
   WriterPaths* paths_ = nullptr;
   std::unique_ptr<RecordMapping> mapping_;
   std::string mapped_path_;
-  std::vector<standin::AsciiLog::Column> mapped_columns_;
+  std::vector<AsciiLog::Column> mapped_columns_;
   logging::WriterFrontend* writer_ = nullptr;              // the host's
   logging::WriterFrontend* writer_without_uid_ = nullptr;  // made for the first such record
   std::vector<logging::WriterFrontend*> writers_;          // all of this log so far

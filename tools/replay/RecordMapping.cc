@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-using standin::AsciiLog;
-using standin::ValuePtr;
 using threading::Value;
+
+namespace zmqwriter {
 
 namespace {
 
@@ -153,3 +153,5 @@ std::vector<ValuePtr> RecordMapping::Pairs(AsciiLog* log) const {
   record.push_back(new_vector(std::move(texts)));
   return record;
 }
+
+}  // namespace zmqwriter

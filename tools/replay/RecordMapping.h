@@ -32,11 +32,13 @@
 #include <string>
 #include <vector>
 
-#include "standin/AsciiLog.h"
+#include "AsciiLog.h"
+
+namespace zmqwriter {
 
 class RecordMapping {
  public:
-  RecordMapping(const std::string& path, const std::vector<standin::AsciiLog::Column>& columns);
+  RecordMapping(const std::string& path, const std::vector<AsciiLog::Column>& columns);
 
   /// The columns of a mapped record.
   const std::vector<threading::Field>& fields() const { return fields_; }
@@ -44,23 +46,25 @@ class RecordMapping {
   const std::vector<threading::Field>& fields_without_uid() const { return fields_without_uid_; }
 
   /// Whether the record that `log` has just read has a column uid without a value.
-  bool LacksUid(const standin::AsciiLog& log) const;
+  bool LacksUid(const AsciiLog& log) const;
 
   /// The record that `log` has just read, whose values are taken: a new[] array of new values, as
   /// WriterFrontend::Write takes them over, one for each of fields(), or of fields_without_uid() if
   /// the record lacks a uid.
-  threading::Value** Map(standin::AsciiLog* log) const;
+  threading::Value** Map(AsciiLog* log) const;
 
  private:
   enum class Shape { kAsIs, kProtocol, kPairs };
 
   void AddField(const std::string& name, TypeTag type, TypeTag subtype);
-  std::vector<standin::ValuePtr> Pairs(standin::AsciiLog* log) const;
+  std::vector<ValuePtr> Pairs(AsciiLog* log) const;
 
   std::string path_;
-  std::vector<standin::AsciiLog::Column> columns_;
+  std::vector<AsciiLog::Column> columns_;
   Shape shape_;
   std::string ptype_;
   std::vector<threading::Field> fields_;
   std::vector<threading::Field> fields_without_uid_;
 };
+
+}  // namespace zmqwriter

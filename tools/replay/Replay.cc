@@ -137,7 +137,7 @@ class Replay {
     for (const std::string& file : options_.logs) {
       try {
         feeds_.push_back(std::make_unique<LogFeed>(file));
-      } catch (const standin::AsciiLogError& error) {
+      } catch (const AsciiLogError& error) {
         std::fprintf(stderr, "%s\n", error.what());
         ++refused_;
       }

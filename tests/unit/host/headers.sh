@@ -6,7 +6,7 @@ standard=$2
 folder=$3
 failed=0
 count=0
-for header in $(cd "$folder" && find . -name '*.h' ! -path './standin/*' ! -name SettingsFile.h); do
+for header in $(cd "$folder" && find . -name '*.h'); do
   count=$((count + 1))
   printf '#include "%s"\n' "${header#./}" |
     "$compiler" -std=c++"$standard" -Wall -Wextra -Werror -I"$folder" -fsyntax-only -x c++ - || {

@@ -1,10 +1,13 @@
 #include "SettingsFile.h"
 
-#include <cerrno>
-#include <charconv>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
+#include <ctype.h>
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
 #include <fstream>
 #include <stdexcept>
 
@@ -20,25 +23,42 @@ std::string trimmed(const std::string& text) {
   return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
+bool is_folder(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// A decimal number of 32 bits and nothing else; strtol also takes blanks and a plus sign.
+bool parse_int(const std::string& text, int* value) {
+  if (text.empty() || !(isdigit(static_cast<unsigned char>(text[0])) || text[0] == '-'))
+    return false;
+  char* end = nullptr;
+  errno = 0;
+  const long number = strtol(text.c_str(), &end, 10);
+  if (errno || end != text.c_str() + text.size() || number < INT_MIN || number > INT_MAX)
+    return false;
+  *value = static_cast<int>(number);
+  return true;
+}
+
 }  // namespace
 
-SettingsFile::SettingsFile() = default;
+SettingsFile::SettingsFile() {}
 
 SettingsFile::SettingsFile(const std::string& path) : path_(path) {
   errno = 0;
   std::ifstream in(path, std::ios::binary);
   // A folder opens like a file on some systems; only reading from it fails, and says nothing.
-  std::error_code ignored;
-  if (in && std::filesystem::is_directory(path, ignored))
+  if (in && is_folder(path))
     throw std::runtime_error(path + ": this is a folder, not a settings file");
   if (!in)
-    throw std::runtime_error(path + ": cannot read the settings: " + std::strerror(errno));
+    throw std::runtime_error(path + ": cannot read the settings: " + strerror(errno));
 
   std::string line;
   for (int number = 1; std::getline(in, line); ++number)
     TakeLine(line, number);
   if (in.bad())
-    throw std::runtime_error(path + ": cannot read the settings: " + std::strerror(errno));
+    throw std::runtime_error(path + ": cannot read the settings: " + strerror(errno));
 }
 
 void SettingsFile::TakeLine(const std::string& line, int number) {
@@ -53,7 +73,8 @@ void SettingsFile::TakeLine(const std::string& line, int number) {
   const std::string key = trimmed(line.substr(0, equals));
   if (key.empty())
     fail("there is no key before the '='");
-  const auto added = values_.insert({key, {trimmed(line.substr(equals + 1)), number}});
+  const Setting setting = {trimmed(line.substr(equals + 1)), number};
+  const auto added = values_.insert({key, setting});
   if (!added.second)
     fail("'" + key + "' is set twice, first in line " + std::to_string(added.first->second.line));
 }
@@ -67,14 +88,11 @@ int SettingsFile::getIntVal(const char* key, int default_value) const {
   const auto found = values_.find(key);
   if (found == values_.end())
     return default_value;
-  const std::string& text = found->second.text;
-  const char* const end = text.data() + text.size();
   int value = 0;
-  const auto parsed = std::from_chars(text.data(), end, value);
-  if (parsed.ec == std::errc() && parsed.ptr == end)
+  if (parse_int(found->second.text, &value))
     return value;
-  std::fprintf(stderr, "%s:%d: %s = '%s' is no whole 32-bit number, using %d instead\n",
-               path_.c_str(), found->second.line, key, text.c_str(), default_value);
+  fprintf(stderr, "%s:%d: %s = '%s' is no whole 32-bit number, using %d instead\n", path_.c_str(),
+          found->second.line, key, found->second.text.c_str(), default_value);
   return default_value;
 }
 

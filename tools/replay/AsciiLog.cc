@@ -1,4 +1,4 @@
-#include "standin/AsciiLog.h"
+#include "AsciiLog.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -12,7 +12,7 @@
 
 using threading::Value;
 
-namespace standin {
+namespace zmqwriter {
 
 namespace {
 
@@ -545,4 +545,4 @@ ValuePtr AsciiLog::ParseAtomic(std::string_view token, TypeTag type) const {
   return value;
 }
 
-}  // namespace standin
+}  // namespace zmqwriter

@@ -1,13 +1,13 @@
 // Reads the host's ASCII logs, record by record, as the values that the host itself would hand to
 // a writer.
 //
-//     standin::AsciiLog log("conn.log");            // throws AsciiLogError without a usable header
+//     AsciiLog log("conn.log");            // throws AsciiLogError without a usable header
 //     for (;;) {
 //       switch (log.Next()) {
-//         case standin::AsciiLog::Step::kRecord: use(log.columns(), log.TakeValues()); break;
-//         case standin::AsciiLog::Step::kHeader: the columns or the path have changed; break;
-//         case standin::AsciiLog::Step::kBroken: report(log.problem()); break;
-//         case standin::AsciiLog::Step::kEnd: return;
+//         case AsciiLog::Step::kRecord: use(log.columns(), log.TakeValues()); break;
+//         case AsciiLog::Step::kHeader: the columns or the path have changed; break;
+//         case AsciiLog::Step::kBroken: report(log.problem()); break;
+//         case AsciiLog::Step::kEnd: return;
 //       }
 //     }
 //
@@ -47,7 +47,7 @@
 
 #include "threading/SerialTypes.h"
 
-namespace standin {
+namespace zmqwriter {
 
 class AsciiLogError : public std::runtime_error {
  public:
@@ -160,4 +160,4 @@ class AsciiLog {
   std::string problem_;
 };
 
-}  // namespace standin
+}  // namespace zmqwriter

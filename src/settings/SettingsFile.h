@@ -1,4 +1,4 @@
-// The host's settings file: `key = value` lines.
+// The settings file: `key = value` lines.
 //
 //     # a comment; blank lines are allowed
 //     zmq.server        = collector.example.net:5555
