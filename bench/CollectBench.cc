@@ -1,8 +1,6 @@
 // `zmqwriter collect` beside a bare receive loop, in this process: a thread sends the same events
 // over CURVE as fast as they are taken, and either a loop that only receives them or the collector,
 // which verifies, counts and formats each into /dev/null, takes them.
-//
-//     CollectBench [--events N] and the options of BenchReport.h
 
 #include <chrono>
 #include <cstdint>
@@ -16,7 +14,7 @@
 #include <flatbuffers/flatbuffers.h>
 #include <zmq.h>
 
-#include "BenchReport.h"
+#include "Bench.h"
 #include "Collector.h"
 #include "CurveKey.h"
 #include "aggregator_generated.h"
@@ -73,6 +71,17 @@ class Sender {
   std::thread thread_;
 };
 
+/// The key as the collector reads it.
+class SecretFile {
+ public:
+  explicit SecretFile(const CurveKey& key) {
+    std::ofstream(kSecretFile) << to_hex(key);
+    std::filesystem::permissions(
+        kSecretFile, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  }
+  ~SecretFile() { std::filesystem::remove(kSecretFile); }
+};
+
 double thousands_a_second(std::uint64_t events, std::chrono::steady_clock::time_point start) {
   const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
   return static_cast<double>(events) / seconds.count() / 1000;
@@ -96,6 +105,7 @@ double bare_loop(const CurveKeyPair& keys, std::uint64_t events) {
 }
 
 double collector(const CurveKeyPair& keys, std::uint64_t events, const char* format) {
+  const SecretFile secret(keys.secret_key);
   CollectOptions options;
   options.endpoints = {"tcp://127.0.0.1:*"};
   options.secret_key_file = kSecretFile;
@@ -110,28 +120,22 @@ double collector(const CurveKeyPair& keys, std::uint64_t events, const char* for
   return thousands_a_second(events, start);
 }
 
+void add_all(bool quick) {
+  const std::uint64_t events = quick ? 5000 : 300000;
+  const CurveKeyPair keys = make_curve_key_pair();
+  const auto add = [](const std::string& format, const std::string& side,
+                      const std::function<double()>& rate) {
+    bench::add_counters("collect", format, side, [rate](benchmark::UserCounters& counters) {
+      counters["[thousand events/s]"] = rate();
+    });
+  };
+  add("", "bare receive loop", [=] { return bare_loop(keys, events); });
+  for (const char* format : {"raw", "json", "text"})
+    add(format, "ours", [=] { return collector(keys, events, format); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::uint64_t events = 300000;
-  const bench::Options options = bench::parse(argc, argv, {{"--events", &events}});
-  if (options.quick)
-    events = 5000;
-  const CurveKeyPair keys = make_curve_key_pair();
-  std::ofstream(kSecretFile) << to_hex(keys.secret_key);
-  std::filesystem::permissions(
-      kSecretFile, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-  const auto collecting = [&](const char* format) {
-    return [&keys, events, format] { return collector(keys, events, format); };
-  };
-  bench::Report report(options);
-  const auto figures =
-      bench::measure(options.runs, {[&] { return bare_loop(keys, events); }, collecting("raw"),
-                                    collecting("json"), collecting("text")});
-  const char* const formats[] = {"raw", "json", "text"};
-  for (int i = 0; i < 3; ++i)
-    report.add({"collect", formats[i], "thousand events/s",
-                figures[static_cast<std::size_t>(i) + 1], "bare receive loop", figures[0], ""});
-  std::filesystem::remove(kSecretFile);
-  return report.finish();
+  return bench::run(argc, argv, add_all);
 }

@@ -2,23 +2,22 @@
 // functions from values at hand. See SampleRecords.h for the kinds of records.
 //
 // Both sides make a fresh builder for every message, and the messages are first seen to be the same
-// byte for byte. The figures are nanoseconds of the thread's processor time per record, over 64
-// different records, and allocations per record. The growth curves are those of records with 5 to
-// 200 columns, fewer different ones the wider they are, so that the processor's caches hold as much
-// of all.
+// byte for byte. The figures are the thread's processor time per record, over 64 different records,
+// and allocations per record. The growth curves are those of records with 5 to 200 columns, fewer
+// different ones the wider they are, so that the processor's caches hold as much of all.
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
 
-#include <time.h>
-
-#include "BenchReport.h"
+#include "Bench.h"
 #include "RecordConversion.h"
 #include "SampleRecords.h"
 
@@ -66,9 +65,6 @@ std::size_t samples_of_width(int columns) {
   return std::max<std::size_t>(4, kSamples * kFewestColumns / static_cast<std::size_t>(columns));
 }
 
-/// So that no message is left out as unused.
-volatile std::uint32_t sink;
-
 void convert(Sample& sample, const threading::Field* const* fields, FlatBufferBuilder& builder) {
   test::RecordBuilder& record = sample.record();
   logging::writer::convert_record(builder, bench::kAgentId, record.size(), fields, record.vals());
@@ -83,16 +79,20 @@ const threading::Field* const* fields_of(const Samples& samples) {
   return samples.front()->record().fields();
 }
 
-template <typename Make>
-void make_all(const Samples& samples, int times, Make make) {
+using Make = void (*)(Sample&, const threading::Field* const*, FlatBufferBuilder&);
+
+/// Makes the samples' messages over and over. How many allocations each took.
+double make_all(bench::State& state, const Samples& samples, Make make) {
   const threading::Field* const* const fields = fields_of(samples);
-  for (int i = 0; i < times; i++) {
-    for (const auto& sample : samples) {
-      FlatBufferBuilder builder(logging::writer::kInitialBufferBytes);
-      make(*sample, fields, builder);
-      sink = builder.GetSize();
-    }
+  const std::uint64_t before = allocations;
+  std::size_t next = 0;
+  for (auto _ : state) {
+    FlatBufferBuilder builder(logging::writer::kInitialBufferBytes);
+    make(*samples[next], fields, builder);
+    benchmark::DoNotOptimize(builder.GetBufferPointer());
+    next = next + 1 == samples.size() ? 0 : next + 1;
   }
+  return static_cast<double>(allocations - before) / static_cast<double>(state.iterations());
 }
 
 void require_equal_messages(const std::string& kind, const Samples& samples) {
@@ -110,69 +110,38 @@ void require_equal_messages(const std::string& kind, const Samples& samples) {
   }
 }
 
-/// Unlike the wall clock, it leaves out what other processes of the machine take.
-double thread_ns() {
-  struct timespec now;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+/// The conversion and its floor.
+void add_both(const std::string& measure, const std::string& of, Samples&& samples, double seconds,
+              const std::function<void(bench::State&, const Samples&, Make)>& work) {
+  require_equal_messages(measure + ", " + of, samples);
+  const auto shared = std::make_shared<const Samples>(std::move(samples));
+  const auto add = [&](const std::string& side, Make make) {
+    bench::add(measure, of, side, [=](bench::State& state) {
+      work(state, *shared, make);
+    })->MinTime(seconds);
+  };
+  add("ours", convert);
+  add("generated builder functions", build);
 }
 
-template <typename Make>
-double ns_per_record(const Samples& samples, int times, Make make) {
-  const double start = thread_ns();
-  make_all(samples, times, make);
-  return (thread_ns() - start) / times / static_cast<double>(samples.size());
-}
-
-template <typename Make>
-double allocations_per_record(const Samples& samples, Make make) {
-  const std::uint64_t before = allocations;
-  make_all(samples, 1, make);
-  return static_cast<double>(allocations - before) / static_cast<double>(samples.size());
-}
-
-/// Of the conversion and of its floor.
-std::vector<bench::Series> times_of(const Samples& samples, const bench::Options& options) {
-  // As long a run, whatever a record takes.
-  const double once = ns_per_record(samples, 10, convert);
-  const double run_ns = options.quick ? 2e6 : 4e7;
-  const int times = 1 + static_cast<int>(run_ns / once / static_cast<double>(samples.size()));
-  return bench::measure(options.runs, {[&] { return ns_per_record(samples, times, convert); },
-                                       [&] { return ns_per_record(samples, times, build); }});
-}
-
-void add_kind(const std::string& kind, const bench::Options& options, bench::Report* report) {
-  const char* const peer = "generated builder functions";
-  const Samples samples = bench::samples(kind, kSamples);
-  require_equal_messages(kind, samples);
-  const std::vector<bench::Series> times = times_of(samples, options);
-  report->add({"conversion", kind, "ns/record", times[0], peer, times[1],
-               kind == "connection" ? "<= 1.3" : ""});
-  // The floor has one for the builder, and one for the list where there are pairs.
-  report->add({"conversion, allocations", kind, "1/record",
-               allocations_per_record(samples, convert), peer,
-               allocations_per_record(samples, build), "<= 1"});
-}
-
-void add_growth(const std::string& curve, double x, const Samples& samples,
-                const bench::Options& options, bench::Report* report) {
-  require_equal_messages(curve, samples);
-  const std::vector<bench::Series> times = times_of(samples, options);
-  report->add_growth(curve, x, times[0], times[1]);
+void add_all(bool quick) {
+  const double seconds = quick ? 0.002 : 0.04;
+  for (const std::string& kind : bench::kinds())
+    add_both("conversion", kind, bench::samples(kind, kSamples), seconds,
+             [](bench::State& state, const Samples& samples, Make make) {
+               // The floor has one for the builder, and one for the list where there are pairs.
+               state.counters["allocations [1/record]"] = make_all(state, samples, make);
+             });
+  for (const int columns : {kFewestColumns, 10, 22, 50, 100, 200})
+    add_both("columns per record: conversion of a connection", std::to_string(columns),
+             bench::wide_samples(columns, samples_of_width(columns)), seconds, make_all);
+  for (const int pairs : {kFewestColumns, 10, 20, 50, 100, 200})
+    add_both("columns per record: conversion of key-value pairs", std::to_string(pairs),
+             bench::pair_samples(pairs, samples_of_width(pairs)), seconds, make_all);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bench::Options options = bench::parse(argc, argv);
-  bench::Report report(options);
-  for (const std::string& kind : bench::kinds())
-    add_kind(kind, options, &report);
-  for (const int columns : {kFewestColumns, 10, 22, 50, 100, 200})
-    add_growth("columns per record: conversion of a connection, ns", columns,
-               bench::wide_samples(columns, samples_of_width(columns)), options, &report);
-  for (const int pairs : {kFewestColumns, 10, 20, 50, 100, 200})
-    add_growth("columns per record: conversion of key/value pairs, ns", pairs,
-               bench::pair_samples(pairs, samples_of_width(pairs)), options, &report);
-  return report.finish();
+  return bench::run(argc, argv, add_all);
 }

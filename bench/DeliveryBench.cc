@@ -1,11 +1,9 @@
 // How fast events are delivered, beside what libzmq itself gives with the same socket options.
 //
-//     DeliveryBench [--csv FILE] [--growth FILE] [--quick] [--runs N] [--events N]
-//
 // Connection and http records, each to a receiving process of its own over CURVE on the loopback,
 // each run in turn by way of
 //     the bare loop      a copy of the finished message, zmq_msg_init_data, a blocking zmq_sendmsg
-//     the spinning loop   the same, with the worker's bounded spin for room before each send
+//     the spinning loop  the same, with the worker's bounded spin for room before each send
 //     the plug-in        DoWrite on 1 and 4 writer threads, which wait while many messages are
 //                        queued, so that everything stays in memory
 //     ... by the spool   the same without waiting: what finds no room in memory goes to disk
@@ -33,21 +31,24 @@
 #include <vector>
 
 #include "Agent.h"
-#include "BenchReport.h"
+#include "Bench.h"
+#include "PolloutSpin.h"
 #include "RecordConversion.h"
 #include "SampleRecords.h"
-#include "PolloutSpin.h"
 #include "SinkProcess.h"
 #include "ZmqWorker.h"
 
 namespace {
 
-using bench::Figures;
-using bench::Series;
 using bench::SinkProcess;
 using logging::writer::ZmqWorker;
 
 constexpr std::uint64_t kWarmUp = 1000;
+
+struct Figures {
+  double events_per_second;
+  double cpu_us;  ///< of one event
+};
 
 /// What is sent: records for the plug-in, and their finished messages for the loops.
 struct Load {
@@ -234,81 +235,61 @@ Figures measure_by_the_spool(const Load& load, int writers) {
   return {static_cast<double>(events) / seconds, cpu * 1e6 / static_cast<double>(events)};
 }
 
-Figures measure_plugin(const Load& load, int writers, Way way) {
-  return way == Way::kMemory ? measure_in_memory(load, writers)
-                             : measure_by_the_spool(load, writers);
-}
-
 // -- The figures ----------------------------------------------------------------------------------
 
-struct Variant {
-  std::string name;
-  int writers;
-  Way way;
-};
+using benchmark::UserCounters;
+using SharedLoad = std::shared_ptr<const Load>;
 
-const std::vector<Variant> kVariants = {{"1 writer, in memory", 1, Way::kMemory},
-                                        {"4 writers, in memory", 4, Way::kMemory},
-                                        {"1 writer, by the spool", 1, Way::kSpool},
-                                        {"4 writers, by the spool", 4, Way::kSpool}};
-
-void report_deliveries(bench::Report* report, const bench::Options& options, const Load& load) {
-  std::vector<std::function<Figures()>> candidates = {[&] { return measure_loop(load, false); },
-                                                      [&] { return measure_loop(load, true); }};
-  for (const Variant& variant : kVariants)
-    candidates.push_back([&] { return measure_plugin(load, variant.writers, variant.way); });
-  const std::vector<std::vector<Series>> figures = bench::measure_figures(options.runs, candidates);
-  const std::vector<Series>& bare = figures[0];
-  const std::vector<Series>& spinning = figures[1];
-  for (std::size_t i = 0; i < kVariants.size(); ++i) {
-    const std::string name = load.name + ", " + kVariants[i].name;
-    const std::vector<Series>& ours = figures[i + 2];
-    report->add({"delivered", name, "events/s", ours[0], "libzmq loop, spinning for room",
-                 spinning[0], ">= 0.9"});
-    report->add({"delivered", name, "events/s", ours[0], "bare libzmq loop", bare[0], ""});
-    report->add({"processor time of delivery", name, "us/event", ours[1],
-                 "libzmq loop, spinning for room", spinning[1], ""});
+void add_deliveries(const SharedLoad& load) {
+  const auto add_one = [&](const std::string& of, const std::string& side,
+                           const std::function<Figures()>& deliver) {
+    bench::add_counters("delivered", load->name + of, side, [=](UserCounters& counters) {
+      const Figures figures = deliver();
+      counters["[events/s]"] = figures.events_per_second;
+      counters["processor time [us/event]"] = figures.cpu_us;
+    });
+  };
+  add_one("", "libzmq loop, spinning for room", [=] { return measure_loop(*load, true); });
+  add_one("", "bare libzmq loop", [=] { return measure_loop(*load, false); });
+  for (const int writers : {1, 4}) {
+    const std::string of = ", " + std::to_string(writers) + (writers == 1 ? " writer" : " writers");
+    add_one(of + ", in memory", "ours", [=] { return measure_in_memory(*load, writers); });
+    add_one(of + ", by the spool", "ours", [=] { return measure_by_the_spool(*load, writers); });
   }
 }
 
-void report_writers(bench::Report* report, const bench::Options& options, std::uint64_t each) {
-  const std::vector<int> all = {1, 2, 4, 8, 16};
-  for (const int writers : options.quick ? std::vector<int>{1, 4, 16} : all) {
-    const Load load = sample_load("connection", each * static_cast<std::uint64_t>(writers));
-    const std::vector<std::vector<Series>> figures = bench::measure_figures(
-        options.runs, {[&] { return measure_plugin(load, writers, Way::kMemory); },
-                       [&] { return measure_loop(load, true); }});
-    const double events = static_cast<double>(load.events);
-    report->add_growth("writers: delivery, s", writers, events / figures[0][0],
-                       events / figures[1][0]);
-  }
+/// A point of a curve: so many writers in memory, and the loop that spins for room.
+void add_growth(const std::string& curve, std::size_t x, const SharedLoad& load, int writers,
+                const std::string& unit, double events_in_unit) {
+  const auto add_one = [&](const std::string& side, const std::function<Figures()>& deliver) {
+    bench::add_counters(curve, std::to_string(x), side, [=](UserCounters& counters) {
+      counters["[" + unit + "]"] = events_in_unit / deliver().events_per_second;
+    });
+  };
+  add_one("ours", [=] { return measure_in_memory(*load, writers); });
+  add_one("libzmq loop, spinning for room", [=] { return measure_loop(*load, true); });
 }
 
-void report_sizes(bench::Report* report, const bench::Options& options, std::uint64_t most) {
-  const std::vector<std::size_t> all = {100, 400, 1000, 4000, 16000, 60000};
-  for (const std::size_t bytes : options.quick ? std::vector<std::size_t>{100, 4000, 60000} : all) {
-    const Load load = sized_load(bytes, std::max<std::uint64_t>(500, most * 1000 / (1000 + bytes)));
-    const std::vector<std::vector<Series>> figures =
-        bench::measure_figures(options.runs, {[&] { return measure_plugin(load, 1, Way::kMemory); },
-                                              [&] { return measure_loop(load, true); }});
-    report->add_growth("message size (B): delivery, us",
-                       static_cast<double>(load.messages[0].size()), 1e6 / figures[0][0],
-                       1e6 / figures[1][0]);
+void add_all(bool quick) {
+  const std::uint64_t events = quick ? 5000 : 100000;
+  try_to_go_before_others();
+  for (const char* kind : {"connection", "http"})
+    add_deliveries(std::make_shared<Load>(sample_load(kind, events)));
+  for (const int writers : {1, 2, 4, 8, 16}) {
+    const std::uint64_t all = events / 10 * static_cast<std::uint64_t>(writers);
+    add_growth("writers: delivery", static_cast<std::size_t>(writers),
+               std::make_shared<Load>(sample_load("connection", all)), writers, "s",
+               static_cast<double>(all));
+  }
+  for (const std::size_t bytes : {100, 400, 1000, 4000, 16000, 60000}) {
+    const auto load = std::make_shared<Load>(
+        sized_load(bytes, std::max<std::uint64_t>(500, events * 500 / (1000 + bytes))));
+    add_growth("message size (B): delivery", load->messages[0].size(), load, 1, "us", 1e6);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::uint64_t events = 0;
-  const bench::Options options = bench::parse(argc, argv, {{"--events", &events}});
-  if (events == 0)
-    events = options.quick ? 5000 : 100000;
-  bench::Report report(options);
-  try_to_go_before_others();
-  for (const char* kind : {"connection", "http"})
-    report_deliveries(&report, options, sample_load(kind, events));
-  report_writers(&report, options, events / 10);
-  report_sizes(&report, options, events / 2);
-  return report.finish();
+  return bench::run(argc, argv, add_all);
 }

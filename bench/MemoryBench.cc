@@ -1,7 +1,5 @@
 // How much memory the plug-in takes: idle, while a server takes all records, and while none does.
 //
-//     MemoryBench [--csv FILE] [--growth FILE] [--quick] [--records N]
-//
 // One writer, connection records, in a process of its own for each case:
 //     server up      every record is delivered; the writer waits while many messages are queued
 //     server down    nobody listens: 500 stay in memory, the rest goes to the spool
@@ -25,13 +23,15 @@
 #include <vector>
 
 #include "Agent.h"
-#include "BenchReport.h"
+#include "Bench.h"
 #include "SampleRecords.h"
 #include "SinkProcess.h"
 
 namespace {
 
 constexpr std::uint64_t kEarly = 10000;
+
+using Figures = std::vector<double>;
 
 [[noreturn]] void give_up(const char* what) {
   std::fprintf(stderr, "MemoryBench: %s\n", what);
@@ -49,7 +49,7 @@ double resident_kb() {
 
 /// Runs `work` in a fresh process, which ends without tidying up: a worker without a server would
 /// try each record once more. Gives the figures of the work, of which there are `count`.
-bench::Figures in_child(std::size_t count, const std::function<bench::Figures()>& work) {
+Figures in_child(std::size_t count, const std::function<Figures()>& work) {
   const test::TempDir folder;  // for what the child leaves
   int ends[2];
   if (pipe(ends) != 0)
@@ -60,14 +60,14 @@ bench::Figures in_child(std::size_t count, const std::function<bench::Figures()>
   const std::size_t bytes = count * sizeof(double);
   if (pid == 0) {
     setenv("TMPDIR", folder.path().c_str(), 1);
-    const bench::Figures figures = work();
+    const Figures figures = work();
     _exit(figures.size() == count &&
                   write(ends[1], figures.data(), bytes) == static_cast<ssize_t>(bytes)
               ? 0
               : 1);
   }
   close(ends[1]);
-  bench::Figures figures(count);
+  Figures figures(count);
   const bool whole = read(ends[0], figures.data(), bytes) == static_cast<ssize_t>(bytes);
   close(ends[0]);
   int status = 0;
@@ -114,7 +114,7 @@ class Feeder {
 };
 
 /// Idle, after the first records, at most after that.
-bench::Figures with_server(std::uint64_t records) {
+Figures with_server(std::uint64_t records) {
   bench::SinkProcess sink;
   bench::Agent agent(sink.endpoint(), sink.public_key(), 1);
   Feeder feeder(&agent, true);
@@ -133,7 +133,7 @@ bench::Figures with_server(std::uint64_t records) {
 }
 
 /// After the first records, at most after that, at most while they are drained.
-bench::Figures without_server(std::uint64_t records) {
+Figures without_server(std::uint64_t records) {
   bench::SinkProcess sink;
   sink.close();
   // Deliberately never destroyed, see in_child.
@@ -159,29 +159,26 @@ bench::Figures without_server(std::uint64_t records) {
   return {early, down.kb(), draining.kb()};
 }
 
+void add_all(bool quick) {
+  const std::uint64_t records = quick ? 30000 : 1000000;
+  const std::string growth = ", 10000 to " + std::to_string(records) + " records [kB]";
+  using benchmark::UserCounters;
+  bench::add_counters("resident memory", "server up", "ours", [=](UserCounters& counters) {
+    const Figures kb = in_child(3, [&] { return with_server(records); });
+    counters["idle [kB]"] = kb[0];
+    counters["after 10000 records [kB]"] = kb[1];
+    counters["growth" + growth] = kb[2] - kb[1];
+  });
+  bench::add_counters("resident memory", "server down", "ours", [=](UserCounters& counters) {
+    const Figures kb = in_child(3, [&] { return without_server(records); });
+    counters["after 10000 records [kB]"] = kb[0];
+    counters["growth" + growth] = kb[1] - kb[0];
+    counters["growth while drained" + growth] = kb[2] - kb[0];
+  });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::uint64_t records = 0;
-  const bench::Options options =
-      bench::parse(argc, argv, {{"--records", &records}}, bench::Runs::kOne);
-  if (records == 0)
-    records = options.quick ? 30000 : 1000000;
-  if (records <= kEarly)
-    give_up("--records must be more than 10000");
-  bench::Report report(options);
-  const bench::Figures up = in_child(3, [&] { return with_server(records); });
-  const bench::Figures down = in_child(3, [&] { return without_server(records); });
-  const std::string many = "one run, 10000 to " + std::to_string(records) + " records, ";
-  const auto row = [&](const std::string& measure, const std::string& name, double kb,
-                       const char* goal) {
-    report.add({measure, name, "kB", kb, "", bench::kNone, goal});
-  };
-  row("resident memory", "idle", up[0], "");
-  row("resident memory", "10000 records, server up", up[1], "");
-  row("growth of resident memory", many + "server up", up[2] - up[1], "<= 2048");
-  row("resident memory", "10000 records, server down", down[0], "");
-  row("growth of resident memory", many + "server down", down[1] - down[0], "<= 2048");
-  row("growth of resident memory", many + "drained", down[2] - down[0], "<= 2048");
-  return report.finish();
+  return bench::run(argc, argv, add_all);
 }

@@ -1,13 +1,9 @@
 // One query of the socket probe beside what a user would run for the same answer.
 //
-//     ProbeBench [--runs N] [--processes N] [--csv FILE] [--quick]
-//
 // For 1,000 and 10,000 TCP sockets, shared out to 500 processes: the whole query of detectUser for
 // the process that is listed first, in the middle and last; a bare look at every descriptor of
 // every process as the floor of the last; `ss -tnp` and `lsof -nP -i` as whole processes, their
-// output thrown away. Medians, taking turns in one run. Run as root, else the tools and the probe
-// see only processes of one's own. --quick: fewer runs, and 1,000 sockets only. The file of --csv
-// is as BenchReport.h says.
+// output thrown away. Run as root, else the tools and the probe see only processes of one's own.
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -17,17 +13,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "Bench.h"
 #include "Command.h"
 #include "UserDetect.h"
 
@@ -37,6 +32,8 @@
 #include "Val.h"
 
 namespace {
+
+constexpr int kProcesses = 500;
 
 /// One of the two ends of a connection within a process.
 struct Endpoints {
@@ -138,30 +135,6 @@ class Crowd {
   std::vector<Endpoints> connections_;
 };
 
-double milliseconds(const std::function<void()>& work) {
-  const auto begin = std::chrono::steady_clock::now();
-  work();
-  const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
-  return took.count();
-}
-
-/// Medians, the candidates taking turns, after one turn to warm up.
-std::vector<double> medians_ms(int runs, const std::vector<std::function<void()>>& candidates) {
-  std::vector<std::vector<double>> times(candidates.size());
-  for (int i = 0; i <= runs; ++i)
-    for (std::size_t k = 0; k < candidates.size(); ++k) {
-      const double ms = milliseconds(candidates[k]);
-      if (i > 0)
-        times[k].push_back(ms);
-    }
-  std::vector<double> medians;
-  for (std::vector<double>& of_one : times) {
-    std::nth_element(of_one.begin(), of_one.begin() + runs / 2, of_one.end());
-    medians.push_back(of_one[static_cast<std::size_t>(runs / 2)]);
-  }
-  return medians;
-}
-
 /// The whole query, as a script makes it. Ends the program when nobody is found: then there is
 /// nothing to measure.
 void query(const Endpoints& endpoints) {
@@ -208,88 +181,6 @@ void look_at_all_descriptors() {
     die("/proc/PID/fd");
 }
 
-/// Stands for the time of a tool that could not be run.
-constexpr double kNotRun = -1;
-
-struct Row {
-  int sockets;
-  double first_ms, middle_ms, last_ms, floor_ms;
-  double ss_ms = kNotRun, lsof_ms = kNotRun;
-
-  /// The faster tool of those that could be run.
-  double tool_ms() const {
-    double fastest_ms = kNotRun;
-    for (const double ms : {ss_ms, lsof_ms})
-      if (ms != kNotRun && (fastest_ms == kNotRun || ms < fastest_ms))
-        fastest_ms = ms;
-    return fastest_ms;
-  }
-
-  /// How many times the query fits into the run of the faster tool.
-  double ratio(double query_ms) const {
-    return tool_ms() == kNotRun ? kNotRun : tool_ms() / query_ms;
-  }
-};
-
-/// A figure, or "-" where there is none.
-std::string figure(double value, int decimals) {
-  if (value == kNotRun)
-    return "-";
-  char text[32];
-  std::snprintf(text, sizeof text, "%.*f", decimals, value);
-  return text;
-}
-
-Row measure(int processes, int sockets, int runs) {
-  const Crowd crowd(processes, sockets);
-  const std::vector<Endpoints>& connections = crowd.connections();
-  Row row;
-  row.sockets = sockets;
-  // The newest process is listed first.
-  std::vector<std::function<void()>> candidates = {
-      [&] { query(connections.back()); }, [&] { query(connections[connections.size() / 2]); },
-      [&] { query(connections.front()); }, look_at_all_descriptors};
-  std::vector<double Row::*> results = {&Row::first_ms, &Row::middle_ms, &Row::last_ms,
-                                        &Row::floor_ms};
-  const std::vector<std::string> ss = {"ss", "-tnp"};
-  const std::vector<std::string> lsof = {"lsof", "-nP", "-i"};
-  for (const auto& tool : {std::make_pair(&ss, &Row::ss_ms), std::make_pair(&lsof, &Row::lsof_ms)})
-    if (bench::run(*tool.first)) {
-      candidates.push_back([tool] { bench::run(*tool.first); });
-      results.push_back(tool.second);
-    }
-  const std::vector<double> medians = medians_ms(runs, candidates);
-  for (std::size_t i = 0; i < medians.size(); ++i)
-    row.*results[i] = medians[i];
-  return row;
-}
-
-void write_csv(const char* path, int processes, const std::vector<Row>& rows) {
-  FILE* file = std::fopen(path, "w");
-  if (!file)
-    die(path);
-  std::fprintf(file, "measure,case,unit,ours,peer_name,peer,ratio,goal,lowest,highest\n");
-  for (const Row& row : rows) {
-    for (const auto& query :
-         {std::make_pair("first", row.first_ms), std::make_pair("in the middle", row.middle_ms),
-          std::make_pair("last", row.last_ms)}) {
-      std::fprintf(file, "UserDetect query,\"%d sockets, %d processes, owner %s\",ms,%.4g,",
-                   row.sockets, processes, query.first, query.second);
-      if (row.tool_ms() == kNotRun)
-        std::fprintf(file, ",,,,,\n");
-      else
-        std::fprintf(file, "%s,%.4g,%.4g,<= 0.2,,\n",
-                     row.tool_ms() == row.ss_ms ? "ss -tnp" : "lsof -nP -i", row.tool_ms(),
-                     query.second / row.tool_ms());
-    }
-    std::fprintf(file,
-                 "UserDetect query,\"%d sockets, %d processes, owner last\",ms,%.4g,"
-                 "every descriptor looked at,%.4g,%.4g,,,\n",
-                 row.sockets, processes, row.last_ms, row.floor_ms, row.last_ms / row.floor_ms);
-  }
-  std::fclose(file);
-}
-
 void allow_many_descriptors() {
   rlimit limit;
   if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
@@ -298,69 +189,53 @@ void allow_many_descriptors() {
   }
 }
 
-struct Options {
-  int runs = 11;
-  int processes = 500;
-  const char* csv = nullptr;
-  bool quick = false;
-};
-
-/// False for anything but "0 < number <= 100000".
-bool parse_count(const char* word, int* count) {
-  char* end = nullptr;
-  const long number = std::strtol(word, &end, 10);
-  *count = static_cast<int>(number);
-  return end != word && *end == '\0' && number > 0 && number <= 100000;
+/// The only crowd that there is, with so many sockets. To change their number takes long: bench/run
+/// starts the program once for each.
+const std::vector<Endpoints>& crowd(int sockets) {
+  static int present = 0;
+  static std::unique_ptr<Crowd> crowd;
+  if (sockets != present) {
+    crowd.reset();
+    crowd = std::make_unique<Crowd>(kProcesses, sockets);
+    present = sockets;
+  }
+  return crowd->connections();
 }
 
-bool parse(int argc, char** argv, Options* options) {
-  for (int i = 1; i < argc; i += 2) {
-    const std::string option = argv[i];
-    if (option == "--quick") {
-      options->quick = true;
-      options->runs = std::min(options->runs, 3);
-      --i;
-      continue;
-    }
-    if (i + 1 == argc)
-      return false;
-    if (option == "--csv")
-      options->csv = argv[i + 1];
-    else if (!(option == "--runs" && parse_count(argv[i + 1], &options->runs)) &&
-             !(option == "--processes" && parse_count(argv[i + 1], &options->processes)))
-      return false;
+void add(int sockets, const std::string& owner, const std::string& side,
+         const std::function<void(const std::vector<Endpoints>&)>& work) {
+  const std::string of =
+      std::to_string(sockets) + " sockets, " + std::to_string(kProcesses) + " processes" + owner;
+  bench::add("UserDetect query", of, side,
+             [=](bench::State& state) {
+               const std::vector<Endpoints>& connections = crowd(sockets);
+               for (auto _ : state)
+                 work(connections);
+             })
+      ->Iterations(1)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
+}
+
+void add_all(bool) {
+  allow_many_descriptors();
+  for (const int sockets : {1000, 10000}) {
+    // The newest process is listed first.
+    add(sockets, ", owner first", "ours", [](const auto& all) { query(all.back()); });
+    add(sockets, ", owner in the middle", "ours",
+        [](const auto& all) { query(all[all.size() / 2]); });
+    add(sockets, ", owner last", "ours", [](const auto& all) { query(all.front()); });
+    add(sockets, ", owner last", "every descriptor looked at",
+        [](const auto&) { look_at_all_descriptors(); });
+    for (const auto& tool :
+         std::vector<std::vector<std::string>>{{"ss", "-tnp"}, {"lsof", "-nP", "-i"}})
+      if (bench::run(tool))
+        add(sockets, "", tool.front(), [=](const auto&) { bench::run(tool); });
   }
-  return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
-  if (!parse(argc, argv, &options)) {
-    std::fprintf(stderr, "usage: ProbeBench [--runs N] [--processes N] [--csv FILE] [--quick]\n");
-    return 2;
-  }
-  const int runs = options.runs;
-  const int processes = options.processes;
-  allow_many_descriptors();
-  std::vector<Row> rows;
-  std::printf("milliseconds, %d processes, median of %d; ratio: the faster tool to the query\n",
-              processes, runs);
-  std::printf("%8s %9s %9s %9s %10s %9s %9s  %s\n", "sockets", "first", "middle", "last",
-              "bare look", "ss -tnp", "lsof -i", "ratio first/middle/last");
-  for (const int sockets : {1000, 10000}) {
-    if (options.quick && sockets > 1000)
-      break;
-    rows.push_back(measure(processes, sockets, runs));
-    const Row& row = rows.back();
-    std::printf("%8d %9.3f %9.3f %9.3f %10.3f %9s %9s  %s / %s / %s\n", row.sockets, row.first_ms,
-                row.middle_ms, row.last_ms, row.floor_ms, figure(row.ss_ms, 3).c_str(),
-                figure(row.lsof_ms, 3).c_str(), figure(row.ratio(row.first_ms), 1).c_str(),
-                figure(row.ratio(row.middle_ms), 1).c_str(),
-                figure(row.ratio(row.last_ms), 1).c_str());
-    std::fflush(stdout);
-  }
-  if (options.csv)
-    write_csv(options.csv, processes, rows);
+  return bench::run(argc, argv, add_all);
 }

@@ -1,7 +1,5 @@
 // What the spool adds to the bare file operations that its format asks for.
 //
-//     SpoolBench [--csv FILE] [--growth FILE] [--quick] [--runs N] [--depth N]
-//
 //     Store        beside three fwrites and an fflush to an open file
 //     Get          beside the steps that take the newest record of a file, in bare stdio calls, of
 //                  as many records as a file of the spool holds
@@ -17,22 +15,24 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "BenchReport.h"
+#include "Bench.h"
 #include "PersistentQueue.h"
 #include "TempDir.h"
 
 namespace {
 
 constexpr std::int64_t kFileBytes = 10485760;  // the spool's own default for a chunk
-constexpr std::uint16_t kDrainedBytes = 400;
+
+/// Of the records that are drained.
+constexpr std::int64_t kDrainedBytes = 400;
 
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 
@@ -50,10 +50,12 @@ class WorkFolder {
   const test::TempDir folder_;
 };
 
-/// As many records as a file takes, fewer where that would take long.
-int records_in_a_file(std::uint16_t length) {
-  const std::int64_t fit = kFileBytes / (length + 4) - 1;
-  return static_cast<int>(std::min<std::int64_t>(fit, 20000));
+std::int64_t records_in_a_file(std::int64_t length) {
+  return kFileBytes / (length + 4) - 1;
+}
+
+std::string text(std::int64_t length) {
+  return std::string(static_cast<std::size_t>(length), 'x');
 }
 
 void store(PersistentQueue* spool, const std::string& payload, std::int64_t count) {
@@ -61,14 +63,12 @@ void store(PersistentQueue* spool, const std::string& payload, std::int64_t coun
     spool->Store(static_cast<std::uint16_t>(payload.size()), payload.data());
 }
 
-void take(PersistentQueue* spool, std::size_t length, std::int64_t count) {
-  for (std::int64_t i = 0; i < count; ++i) {
-    std::uint16_t got = 0;
-    void* const taken = spool->Get(&got);
-    if (!taken || got != length)
-      give_up("a record is missing");
-    free(taken);
-  }
+void take(PersistentQueue* spool, std::int64_t length) {
+  std::uint16_t got = 0;
+  void* const taken = spool->Get(&got);
+  if (!taken || got != length)
+    give_up("a record is missing");
+  free(taken);
 }
 
 void write_bare(FILE* file, const std::string& payload, std::int64_t count) {
@@ -81,196 +81,169 @@ void write_bare(FILE* file, const std::string& payload, std::int64_t count) {
   }
 }
 
-void read_bare(FILE* file, std::size_t length, std::int64_t count) {
-  for (std::int64_t i = 0; i < count; ++i) {
-    std::uint16_t numbers[2];
-    void* const taken = malloc(length);
-    if (fread(&numbers[0], 1, 2, file) + fread(&numbers[1], 1, 2, file) +
-            fread(taken, 1, length, file) !=
-        length + 4)
-      give_up("a record of the floor is missing");
-    free(taken);
-  }
+void read_bare(FILE* file, std::int64_t length) {
+  std::uint16_t numbers[2];
+  const auto bytes = static_cast<std::size_t>(length);
+  void* const taken = malloc(bytes);
+  if (fread(&numbers[0], 1, 2, file) + fread(&numbers[1], 1, 2, file) +
+          fread(taken, 1, bytes, file) !=
+      bytes + 4)
+    give_up("a record of the floor is missing");
+  free(taken);
 }
 
-/// Takes the last `count` records of a file at whose end the stream stands: back to the record, two
-/// numbers and the payload, back again, zeros over the length, and to where the next record goes.
-void take_bare(FILE* file, std::size_t length, std::int64_t count) {
+/// Takes the last record of a file at whose end the stream stands: back to the record, two numbers
+/// and the payload, back again, zeros over the length, and to where the next record goes.
+void take_bare(FILE* file, std::int64_t length) {
   const auto record = static_cast<off_t>(length + 4);
   const std::uint16_t taken_length = 0;
-  for (std::int64_t i = 0; i < count; ++i) {
-    fseeko(file, -record, SEEK_CUR);
-    read_bare(file, length, 1);
-    fseeko(file, -record, SEEK_CUR);
-    fwrite(&taken_length, 1, sizeof taken_length, file);
-    fflush(file);
-    fseeko(file, -static_cast<off_t>(sizeof taken_length), SEEK_CUR);
-  }
+  fseeko(file, -record, SEEK_CUR);
+  read_bare(file, length);
+  fseeko(file, -record, SEEK_CUR);
+  fwrite(&taken_length, 1, sizeof taken_length, file);
+  fflush(file);
+  fseeko(file, -static_cast<off_t>(sizeof taken_length), SEEK_CUR);
 }
 
-File open_bare(int number = 0) {
-  File file(fopen(("floor-" + std::to_string(number)).c_str(), "wb+"), fclose);
+File open_bare(int number, const char* mode) {
+  File file(fopen(("floor-" + std::to_string(number)).c_str(), mode), fclose);
   if (!file)
-    give_up("cannot create a file");
+    give_up("cannot open a file");
   return file;
 }
 
-double micros(int records, const std::function<void()>& work) {
-  return bench::seconds(work) * 1e6 / records;
-}
-
-double store_cost(std::uint16_t length) {
+void stores(bench::State& state, std::int64_t length) {
   const WorkFolder folder;
-  const std::string payload(length, 'x');
+  const std::string payload = text(length);
   PersistentQueue spool;
   store(&spool, payload, 1);  // opens the file
-  const int count = records_in_a_file(length) - 1;
-  return micros(count, [&] { store(&spool, payload, count); });
+  for (auto _ : state)
+    store(&spool, payload, 1);
 }
 
-double store_floor(std::uint16_t length) {
+void stores_bare(bench::State& state, std::int64_t length) {
   const WorkFolder folder;
-  const std::string payload(length, 'x');
-  const File file = open_bare();
+  const std::string payload = text(length);
+  int files = 0;
+  File file = open_bare(files++, "wb+");
   write_bare(file.get(), payload, 1);
-  const int count = records_in_a_file(length) - 1;
-  return micros(count, [&] { write_bare(file.get(), payload, count); });
-}
-
-double get_cost(std::uint16_t length) {
-  const WorkFolder folder;
-  PersistentQueue spool;
-  const int count = records_in_a_file(length);
-  store(&spool, std::string(length, 'x'), count);
-  return micros(count, [&] { take(&spool, length, count); });
-}
-
-double get_floor(std::uint16_t length) {
-  const WorkFolder folder;
-  const File file = open_bare();
-  const int count = records_in_a_file(length);
-  write_bare(file.get(), std::string(length, 'x'), count);
-  return micros(count, [&] { take_bare(file.get(), length, count); });
-}
-
-/// One record stored and taken at a time while ten others wait, as where a backlog comes and goes.
-double turn_cost(std::uint16_t length) {
-  const WorkFolder folder;
-  const std::string payload(length, 'x');
-  PersistentQueue spool;
-  store(&spool, payload, 10);
-  const int count = records_in_a_file(length) - 10;
-  return micros(count, [&] {
-    for (int i = 0; i < count; ++i) {
-      store(&spool, payload, 1);
-      take(&spool, length, 1);
+  std::int64_t room = records_in_a_file(length) - 1;
+  for (auto _ : state) {
+    if (room-- == 0) {
+      file = open_bare(files++, "wb+");
+      room = records_in_a_file(length) - 1;
     }
-  });
-}
-
-double turn_floor(std::uint16_t length) {
-  const WorkFolder folder;
-  const std::string payload(length, 'x');
-  const File file = open_bare();
-  write_bare(file.get(), payload, 10);
-  const int count = records_in_a_file(length) - 10;
-  return micros(count, [&] {
-    for (int i = 0; i < count; ++i) {
-      write_bare(file.get(), payload, 1);
-      take_bare(file.get(), length, 1);
-    }
-  });
-}
-
-enum DrainFigure { kTaking, kStoringMicros, kTakingMicros };
-
-bench::Figures drain_figures(std::int64_t depth, double storing_s, double taking_s) {
-  const double to_us = 1e6 / static_cast<double>(depth);
-  return {taking_s, storing_s * to_us, taking_s * to_us};
-}
-
-/// Storing so many records and taking them all.
-bench::Figures drain(std::int64_t depth) {
-  const WorkFolder folder;
-  const std::string payload(kDrainedBytes, 'x');
-  PersistentQueue spool;
-  const double storing = bench::seconds([&] { store(&spool, payload, depth); });
-  const double taking = bench::seconds([&] { take(&spool, kDrainedBytes, depth); });
-  if (!spool.IsEmpty())
-    give_up("the spool did not come to its end");
-  return drain_figures(depth, storing, taking);
-}
-
-/// The same of bare files.
-bench::Figures drain_floor(std::int64_t depth) {
-  const WorkFolder folder;
-  const std::string payload(kDrainedBytes, 'x');
-  const std::int64_t in_a_file = kFileBytes / (kDrainedBytes + 4);
-  std::vector<std::int64_t> counts;
-  for (std::int64_t left = depth; left > 0; left -= in_a_file)
-    counts.push_back(std::min(left, in_a_file));
-  int number = 0;
-  const double writing = bench::seconds([&] {
-    for (const std::int64_t count : counts)
-      write_bare(open_bare(number++).get(), payload, count);
-  });
-  number = 0;
-  const double reading = bench::seconds([&] {
-    for (const std::int64_t count : counts) {
-      const File file(fopen(("floor-" + std::to_string(number++)).c_str(), "rb"), fclose);
-      read_bare(file.get(), kDrainedBytes, count);
-    }
-  });
-  return drain_figures(depth, writing, reading);
-}
-
-void report_sizes(bench::Report* report, const bench::Options& options) {
-  for (const std::uint16_t length : {100, 400, 1000, 4000, 16000, 60000}) {
-    const auto of = [&](double (*cost)(std::uint16_t)) {
-      return [cost, length] { return cost(length); };
-    };
-    const std::vector<bench::Series> figures =
-        bench::measure(options.runs, {of(store_cost), of(store_floor), of(get_cost), of(get_floor),
-                                      of(turn_cost), of(turn_floor)});
-    const std::string name = std::to_string(length) + " B";
-    report->add(
-        {"spool Store", name, "us", figures[0], "three fwrite, one fflush", figures[1], "<= 1.15"});
-    report->add({"spool Get", name, "us", figures[2], "seeks, three fread, mark, fflush",
-                 figures[3], "<= 1.15"});
-    report->add({"spool Store and Get in turn", name, "us", figures[4], "the same calls in turn",
-                 figures[5], "<= 1.15"});
-    report->add_growth("message size (B): Store, us", length, figures[0], figures[1]);
-    report->add_growth("message size (B): Get, us", length, figures[2], figures[3]);
+    write_bare(file.get(), payload, 1);
   }
 }
 
-void report_depths(bench::Report* report, const bench::Options& options, std::int64_t most) {
+void gets(bench::State& state, std::int64_t length) {
+  const WorkFolder folder;
+  PersistentQueue spool;
+  store(&spool, text(length), state.max_iterations);
+  for (auto _ : state)
+    take(&spool, length);
+}
+
+void gets_bare(bench::State& state, std::int64_t length) {
+  const WorkFolder folder;
+  const File file = open_bare(0, "wb+");
+  write_bare(file.get(), text(length), state.max_iterations);
+  for (auto _ : state)
+    take_bare(file.get(), length);
+}
+
+/// One record stored and taken at a time while ten others wait, as where a backlog comes and goes.
+void turns(bench::State& state, std::int64_t length) {
+  const WorkFolder folder;
+  const std::string payload = text(length);
+  PersistentQueue spool;
+  store(&spool, payload, 10);
+  for (auto _ : state) {
+    store(&spool, payload, 1);
+    take(&spool, length);
+  }
+}
+
+void turns_bare(bench::State& state, std::int64_t length) {
+  const WorkFolder folder;
+  const std::string payload = text(length);
+  const File file = open_bare(0, "wb+");
+  write_bare(file.get(), payload, 10);
+  for (auto _ : state) {
+    write_bare(file.get(), payload, 1);
+    take_bare(file.get(), length);
+  }
+}
+
+void drain(bench::State& state, std::int64_t depth) {
+  const WorkFolder folder;
+  PersistentQueue spool;
+  store(&spool, text(kDrainedBytes), depth);
+  for (auto _ : state)
+    for (std::int64_t i = 0; i < depth; ++i)
+      take(&spool, kDrainedBytes);
+  if (!spool.IsEmpty())
+    give_up("the spool did not come to its end");
+}
+
+void drain_bare(bench::State& state, std::int64_t depth) {
+  const WorkFolder folder;
+  std::vector<std::int64_t> counts;  // of records in each file
+  for (std::int64_t left = depth; left > 0; left -= counts.back())
+    counts.push_back(std::min(left, records_in_a_file(kDrainedBytes)));
+  int files = 0;
+  for (const std::int64_t count : counts)
+    write_bare(open_bare(files++, "wb+").get(), text(kDrainedBytes), count);
+  for (auto _ : state) {
+    files = 0;
+    for (const std::int64_t count : counts) {
+      const File file = open_bare(files++, "rb");
+      for (std::int64_t i = 0; i < count; ++i)
+        read_bare(file.get(), kDrainedBytes);
+    }
+  }
+}
+
+using Work = void (*)(bench::State&, std::int64_t);
+
+void add(const std::string& measure, const std::string& of, const std::string& side, Work work,
+         std::int64_t argument, std::int64_t iterations, benchmark::TimeUnit unit) {
+  bench::add(measure, of, side, [=](bench::State& state) { work(state, argument); })
+      ->Iterations(iterations)
+      ->UseRealTime()
+      ->Unit(unit);
+}
+
+void add_all(bool quick) {
+  for (const std::int64_t length : {100, 400, 1000, 4000, 16000, 60000}) {
+    const auto add_size = [length](const std::string& measure, const std::string& side, Work work) {
+      // The ten that wait have room in the file too.
+      const auto count = std::min<std::int64_t>(records_in_a_file(length) - 10, 20000);
+      add(measure, std::to_string(length) + " B", side, work, length, count,
+          benchmark::kMicrosecond);
+    };
+    add_size("spool Store", "ours", stores);
+    add_size("spool Store", "three fwrite, one fflush", stores_bare);
+    add_size("spool Get", "ours", gets);
+    add_size("spool Get", "seeks, three fread, mark, fflush", gets_bare);
+    add_size("spool Store and Get in turn", "ours", turns);
+    add_size("spool Store and Get in turn", "the same calls in turn", turns_bare);
+  }
+  const std::int64_t most = quick ? 10000 : 1000000;
+  const std::string many = std::to_string(most) + " records of 400 B";
+  add("spool Store", many, "ours", stores, 400, most, benchmark::kMicrosecond);
+  add("spool Store", many, "three fwrite, one fflush", stores_bare, 400, most,
+      benchmark::kMicrosecond);
   for (std::int64_t depth = 1; depth <= most; depth *= 10) {
-    const std::vector<std::vector<bench::Series>> figures = bench::measure_figures(
-        options.runs, {[&] { return drain(depth); }, [&] { return drain_floor(depth); }});
-    const std::vector<bench::Series>& ours = figures[0];
-    const std::vector<bench::Series>& floor = figures[1];
-    report->add_growth("spool depth: drain, s", static_cast<double>(depth), ours[kTaking],
-                       floor[kTaking]);
-    if (depth < most)
-      continue;
-    const std::string name = std::to_string(depth) + " records of 400 B";
-    report->add({"spool Store", name, "us", ours[kStoringMicros], "three fwrite, one fflush",
-                 floor[kStoringMicros], "<= 1.15"});
-    report->add({"drain of the spool", name, "us", ours[kTakingMicros], "sequential read",
-                 floor[kTakingMicros], ""});
+    const std::string of = std::to_string(depth);
+    add("spool depth: drain", of, "ours", drain, depth, 1, benchmark::kSecond);
+    add("spool depth: drain", of, "sequential read", drain_bare, depth, 1, benchmark::kSecond);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::uint64_t depth = 0;
-  const bench::Options options = bench::parse(argc, argv, {{"--depth", &depth}});
-  if (depth == 0)
-    depth = options.quick ? 10000 : 1000000;
-  bench::Report report(options);
-  report_sizes(&report, options);
-  report_depths(&report, options, static_cast<std::int64_t>(depth));
-  return report.finish();
+  return bench::run(argc, argv, add_all);
 }

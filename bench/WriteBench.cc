@@ -1,21 +1,19 @@
 // What a record costs the host: DoWrite from the record to the worker's queue, beside the
-// conversion with one malloc and one memcpy of the message, each with one, four and eight threads.
+// conversion with one malloc and one memcpy of the message, each with one to sixteen threads.
 //
 // The queue never fills and nothing is sent: the worker gets no socket, and every thread empties
 // the queue itself after some records, as the floor frees its copies. Each thread has as many
 // records, however many threads there are. Costs are processor time of the whole process per
-// record; rates are records of all threads per second of the clock.
-//
-// The growth curve is the seconds by the clock that all records of 1 to 16 threads take.
+// record; rates are records of all threads per second of the clock. The growth curve is the seconds
+// by the clock that all records of 1 to 16 threads take.
 
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
-#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -27,7 +25,7 @@
 #include "RecordConversion.h"
 #include "ZMQ.h"
 
-#include "BenchReport.h"
+#include "Bench.h"
 #include "SampleRecords.h"
 
 #include "standin/ReportRecorder.h"
@@ -43,7 +41,6 @@ extern "C" void* zmq_socket(void*, int) {
 
 namespace {
 
-using bench::Figures;
 using bench::Samples;
 
 const std::size_t kSamples = 64;
@@ -114,56 +111,50 @@ void run(const Writers& writers, std::size_t count, std::size_t each, Work work)
     thread.join();
 }
 
-/// Nanoseconds of processor time per record, and records per second.
-Figures measure(const Writers& writers, std::size_t count, std::size_t each, Work work) {
-  const double all = static_cast<double>(each * count);
-  const double cpu = bench::cpu_seconds();
-  const double clock = bench::seconds([&] { run(writers, count, each, work); });
-  return {(bench::cpu_seconds() - cpu) / all * 1e9, all / clock};
+/// What the plug-in expects around it, and its writers.
+struct Surroundings {
+  Surroundings() {
+    std::filesystem::create_directory("orvik");
+    std::filesystem::create_directory("orvik-spool");
+    while (writers.size() < 16)
+      writers.push_back(std::make_unique<Writer>("connection"));
+  }
+  const test::TempDir folder;
+  const standin::ReportRecorder reports;
+  const test::ScriptConstants constants;
+  Writers writers;
+};
+
+void add(const std::string& of, const std::string& side, std::size_t count, std::size_t each,
+         Work work) {
+  bench::add_counters("DoWrite", of, side, [=](benchmark::UserCounters& counters) {
+    static const Surroundings surroundings;
+    const auto all = static_cast<double>(each * count);
+    const double cpu = bench::cpu_seconds();
+    const double clock = bench::seconds([&] { run(surroundings.writers, count, each, work); });
+    counters["[ns/record]"] = (bench::cpu_seconds() - cpu) / all * 1e9;
+    counters["all writers [1/s]"] = all / clock;
+    counters["writers: DoWrite [s]"] = clock;
+    if (std::filesystem::is_empty(paths::kSpoolFolder))
+      return;
+    std::fprintf(stderr, "the queue was full: the figures hold for the spool too\n");
+    std::_Exit(1);
+  });
+}
+
+void add_all(bool quick) {
+  const std::size_t each = (quick ? 5000 : 64000) / kBatch * kBatch;  // of a thread
+  for (const std::size_t count : {1, 2, 4, 8, 16}) {
+    const std::string of = std::to_string(count) + (count == 1 ? " writer" : " writers");
+    add(of, "ours", count, each, &Writer::write);
+    add(of, "conversion + malloc + memcpy", count, each, &Writer::convert_and_copy);
+    if (count == 8)
+      add(of, "1 writer", 1, each, &Writer::write);
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::uint64_t each = 0;  // of a thread
-  const bench::Options options = bench::parse(argc, argv, {{"--records", &each}});
-  if (each == 0)
-    each = options.quick ? 5000 : 64000;
-  each = std::max<std::uint64_t>(1, each / kBatch) * kBatch;
-  bench::Report report(options);
-
-  const test::TempDir folder;
-  std::filesystem::create_directory("orvik");
-  std::filesystem::create_directory("orvik-spool");
-  const standin::ReportRecorder reports;
-  const test::ScriptConstants constants;
-  Writers writers;
-  while (writers.size() < 16)
-    writers.push_back(std::make_unique<Writer>("connection"));
-
-  const char* const peer = "conversion + malloc + memcpy";
-  for (const std::size_t count : {1, 2, 4, 8, 16}) {
-    const std::vector<std::vector<bench::Series>> figures = bench::measure_figures(
-        options.runs, {[&] { return measure(writers, count, each, &Writer::write); },
-                       [&] { return measure(writers, count, each, &Writer::convert_and_copy); },
-                       [&] { return measure(writers, 1, each, &Writer::write); }});
-    const auto records = static_cast<double>(count * each);
-    report.add_growth("writers: DoWrite, s", static_cast<double>(count), records / figures[0][1],
-                      records / figures[1][1]);
-    if (count == 2 || count == 16)
-      continue;
-    const std::string of =
-        "connection, " + std::to_string(count) + (count == 1 ? " writer" : " writers");
-    report.add({"DoWrite", of, "ns/record", figures[0][0], peer, figures[1][0],
-                count == 1 ? "<= 1.5" : ""});
-    report.add({"DoWrite, all writers", of, "1/s", figures[0][1], peer, figures[1][1], ""});
-    if (count > 1)
-      report.add({"DoWrite, all writers", of, "1/s", figures[0][1], "1 writer", figures[2][1],
-                  count == 8 ? ">= 0.9" : ""});
-  }
-  if (!std::filesystem::is_empty(paths::kSpoolFolder)) {
-    std::fprintf(stderr, "the queue was full: the figures hold for the spool too\n");
-    return 1;
-  }
-  return report.finish();
+  return bench::run(argc, argv, add_all);
 }

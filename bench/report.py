@@ -1,61 +1,110 @@
-"""What the benchmark programs leave, read and made into a table and a plot.
+"""The figures that the benchmark programs leave, made into rows, curves, a table and a plot.
 
-A program's --csv file has the columns measure,case,unit,ours,peer_name,peer,ratio,goal,lowest,
-highest, its --growth file curve,x,ours,peer; BenchReport.h says what they mean.
+A program leaves the JSON of Google Benchmark; Bench.h tells how its names are read.
 """
 
 import collections
 import csv
+import json
 import math
+import re
 import subprocess
+from statistics import median
 
-ROW_COLUMNS = ["measure", "case", "unit", "ours", "peer_name", "peer", "ratio", "goal", "lowest",
-               "highest"]
-POINT_COLUMNS = ["curve", "x", "ours", "peer"]
+# What is asked of which rows: patterns of measure, case and what stands beside it, and a goal for
+# the ratio, or for our figure where nothing stands beside it.
+GOALS = [
+    ("conversion", "connection", ".*", "<= 1.3"),
+    ("conversion, allocations", ".*", ".*", "<= 1"),
+    ("DoWrite", "1 writer", ".*", "<= 1.5"),
+    ("DoWrite, all writers", "8 writers", "1 writer", ">= 0.9"),
+    ("delivered", ".*", "libzmq loop, spinning for room", ">= 0.9"),
+    ("shipped", ".*", ".*", ">= 0.5"),
+    ("shipped, .*", ".*", ".*", "< 1"),
+    ("spool .*", ".*", ".*", "<= 1.15"),
+    ("UserDetect query", ".*", "ss", "<= 0.2"),
+    ("SystemStats reading", ".*", "df", "<= 0.2"),
+    ("resident memory, growth.*", ".*", "", "<= 2048"),
+]
 
-# Linear is an exponent of 1; the rest is what runs differ by.
+# Rows of so many bytes that are points of a curve too.
+CURVES_OF_SIZES = {"spool Store": "message size (B): Store", "spool Get": "message size (B): Get"}
+
+# What is asked of every curve. Linear is an exponent of 1; the rest is what runs differ by.
 LINEAR = "<= 1.1"
 
-Row = collections.namedtuple("Row", ROW_COLUMNS, defaults=(None, None))
-Point = collections.namedtuple("Point", POINT_COLUMNS)
-
-
-class Malformed(Exception):
-    """A file that is not as it should be; says which, where and why."""
+Row = collections.namedtuple("Row", ["measure", "case", "unit", "ours", "peer_name", "peer",
+                                     "ratio", "goal", "lowest", "highest"])
+Point = collections.namedtuple("Point", ["curve", "x", "ours", "peer"])
 
 
 # -- Figures --------------------------------------------------------------------------------------
 
 
-def median(values):
-    """Of at least one value."""
-    ordered = sorted(values)
-    middle = len(ordered) // 2
-    if len(ordered) % 2:
-        return ordered[middle]
-    return (ordered[middle - 1] + ordered[middle]) / 2
+def figures_of(run):
+    """The measure, the unit and the value of each figure of a benchmark's run."""
+    measure, _, _, *options = run["run_name"].split("/")
+    if "manual_time" not in options:
+        clock = "real_time" if "real_time" in options else "cpu_time"
+        yield measure, run["time_unit"], run[clock]
+    for name, value in run.items():
+        counter = re.fullmatch(r"(.*?) ?\[(.*)\]", name)
+        if counter:
+            what, unit = counter.groups()
+            if ": " not in what:
+                what = ", ".join(filter(None, (measure, what)))
+            yield what, unit, value
 
 
-def parse_goal(goal):
-    """The comparison and the bound of "<= 1.15", or None for an empty goal."""
-    if not goal:
-        return None
-    comparisons = {"<=": lambda a, b: a <= b, ">=": lambda a, b: a >= b,
-                   "<": lambda a, b: a < b, ">": lambda a, b: a > b}
-    sign, _, bound = goal.partition(" ")
-    if sign not in comparisons:
-        raise ValueError("no goal: '%s'" % goal)
-    return comparisons[sign], float(bound)
+def read(name):
+    """The rows and the points of a program's file."""
+    with open(name, encoding="utf-8") as file:
+        runs = [run for run in json.load(file)["benchmarks"] if run["run_type"] == "iteration"]
+    runs.sort(key=lambda run: run["family_index"])  # they ran in random order
+    found = {}  # (measure, unit) -> (case, side) -> values
+    for run in runs:
+        _, case, side, *_ = run["run_name"].split("/")
+        for measure, unit, value in figures_of(run):
+            by_side = found.setdefault((measure, unit), {})
+            by_side.setdefault((case, side), []).append(value)
+    rows, points = [], []
+    for (measure, unit), by_side in found.items():
+        for case in [case for case, side in by_side if side == "ours"]:
+            of_case = list(rows_of(measure, unit, case, by_side))
+            curve = measure if ": " in measure else CURVES_OF_SIZES.get(measure)
+            if ": " not in measure:
+                rows += of_case
+            if ": " in measure or curve and re.fullmatch(r"\d+ B", case):
+                points.append(Point("%s, %s" % (curve, unit), float(case.split(" ")[0]),
+                                    of_case[0].ours, of_case[0].peer))
+    return rows, points
+
+
+def rows_of(measure, unit, case, by_side):
+    """A row of our figure beside each peer's, or one without a peer."""
+    ours = by_side[case, "ours"]
+    peers = [(side, values) for (of, side), values in by_side.items()
+             if side != "ours" and (of in ("", case) or case.startswith(of + ","))]
+    for name, values in peers or [("", None)]:
+        beside = median(values) if values else None
+        compared = [value / beside if values else value for value in ours]
+        limits = (min(compared), max(compared)) if len(ours) > 1 else (None, None)
+        goal = next((goal for *patterns, goal in GOALS
+                     if all(map(re.fullmatch, patterns, (measure, case, name)))), "")
+        yield Row(measure, case, unit, median(ours), name, beside,
+                  median(compared) if values else None, goal, *limits)
 
 
 def goal_met(goal, value):
     """True or False, or None where there is no goal."""
-    parsed = parse_goal(goal)
-    return None if parsed is None else parsed[0](value, parsed[1])
+    if not goal:
+        return None
+    sign, bound = goal.split(" ")
+    return {"<=": value <= float(bound), ">=": value >= float(bound),
+            "<": value < float(bound)}[sign]
 
 
 def row_met(row):
-    """A goal is asked of the ratio, or of our figure where there is no peer."""
     return goal_met(row.goal, row.ours if row.ratio is None else row.ratio)
 
 
@@ -71,74 +120,22 @@ def exponent(points):
             sum((x - mean_x) ** 2 for x, _ in logs))
 
 
-# -- Files ----------------------------------------------------------------------------------------
-
-
-def read_csv(name, columns):
-    with open(name, newline="", encoding="utf-8") as file:
-        lines = list(csv.reader(file))
-    if not lines or lines[0] != columns:
-        raise Malformed("%s: the first line is not %s" % (name, ",".join(columns)))
-    for number, line in enumerate(lines[1:], 2):
-        if len(line) != len(columns):
-            raise Malformed("%s:%d: %d columns instead of %d" % (name, number, len(line),
-                                                                 len(columns)))
-        yield number, line
-
-
-def number_or_none(text):
-    if not text:
-        return None
-    value = float(text)
-    if not math.isfinite(value):
-        raise ValueError("'%s' is no figure" % text)
-    return value
-
-
-def read_rows(name):
-    rows = []
-    for number, line in read_csv(name, ROW_COLUMNS):
-        try:
-            row = Row(line[0], line[1], line[2], float(line[3]), line[4],
-                      number_or_none(line[5]), number_or_none(line[6]), line[7],
-                      number_or_none(line[8]), number_or_none(line[9]))
-            number_or_none(line[3])
-            parse_goal(row.goal)
-        except ValueError as error:
-            raise Malformed("%s:%d: %s" % (name, number, error))
-        rows.append(row)
-    return rows
-
-
-def read_points(name):
-    points = []
-    for number, line in read_csv(name, POINT_COLUMNS):
-        try:
-            point = Point(line[0], float(line[1]), float(line[2]), number_or_none(line[3]))
-            if point.x <= 0 or point.ours <= 0 or (point.peer is not None and point.peer <= 0):
-                raise ValueError("a point that no logarithmic scale has")
-        except ValueError as error:
-            raise Malformed("%s:%d: %s" % (name, number, error))
-        points.append(point)
-    return points
-
-
-def write_rows(name, rows):
+def write(name, kind, tuples):
+    """A CSV file of rows or points."""
     with open(name, "w", newline="", encoding="utf-8") as file:
         writer = csv.writer(file, lineterminator="\n")
-        writer.writerow(ROW_COLUMNS)
-        for row in rows:
+        writer.writerow(kind._fields)
+        for each in tuples:
             writer.writerow(["" if value is None else "%.6g" % value if isinstance(value, float)
-                             else value for value in row])
+                             else value for value in each])
 
 
 def curves(points):
     """Axis -> series -> points, in the order of the files. A curve is called "AXIS: SERIES"."""
-    result = collections.OrderedDict()
+    result = {}
     for point in points:
         axis, _, series = point.curve.partition(": ")
-        result.setdefault(axis, collections.OrderedDict()).setdefault(series or axis,
-                                                                      []).append(point)
+        result.setdefault(axis, {}).setdefault(series, []).append(point)
     return result
 
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The plug-in beside a general log shipper: the same records to the same receiving end.
 
-    shipper_bench.py --build FOLDER [--csv FILE] [--quick] [--runs N] [--records N]
+    shipper_bench.py BUILD_FOLDER --benchmark_out=FILE [--benchmark_repetitions=N] [--quick]
 
 Ours    zmqwriter replay, which reads Bro's ASCII log and feeds the plug-in record by record, as
         fast as they come, like a host: what finds no room in memory goes by the spool.
@@ -24,14 +24,13 @@ system counts them. Without rsyslog or its module there are no rows, and standar
 import argparse
 import json
 import os
+import random
 import re
 import shutil
 import signal
 import subprocess
 import sys
 import tempfile
-
-import report
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 WARM_UP = 1000
@@ -272,86 +271,63 @@ def rsyslog_problem(build, keys, folder):
     return None
 
 
-def measure_in_turn(runs, candidates):
-    """The runs of each figure of each candidate; every second turn in the opposite order."""
-    results = [[] for _ in candidates]
-    for run in range(runs):
-        order = range(len(candidates))
-        for i in (reversed(order) if run % 2 else order):
-            results[i].append(candidates[i]())
-    return [list(zip(*of_one)) for of_one in results]
-
-
 def compare(build, keys, folder, path, kind, count, runs):
-    """The rows of one kind of record."""
+    """The runs of one kind of record, taking turns, as Google Benchmark writes its own."""
     log = Log(os.path.join(SOURCE, "samples", path + ".log"))
     names = [os.path.join(folder, name) for name in (path + ".log", "event.json", "all.json")]
     log.write(names[0], count)
     event_bytes = log.write_json(names[1], count, NOT_IN_EVENT[path], ENVELOPE)
     all_bytes = log.write_json(names[2], count)
-    ours, event, everything = measure_in_turn(runs, [
-        lambda: run_ours(build, names[0], count),
-        lambda: run_rsyslog(build, keys, names[1], count, event_bytes),
-        lambda: run_rsyslog(build, keys, names[2], count, all_bytes)])
-    rows = []
-    for peer, case in ((event, "the event's contents"), (everything, "all columns")):
-        for i, (measure, unit, goal) in enumerate((
-                ("shipped", "events/s", ">= 0.5"),
-                ("processor time of shipping", "us/event", "< 1"),
-                ("bytes on the wire", "B/event", "< 1"))):
-            figure, beside = report.median(ours[i]), report.median(peer[i])
-            ratios = [one / other for one, other in zip(ours[i], peer[i])]
-            limits = (min(ratios), max(ratios)) if len(ratios) > 1 else (None, None)
-            rows.append(report.Row(measure, "%s, %s" % (kind, case), unit, figure,
-                                   "rsyslog, JSON lines", beside, figure / beside, goal,
-                                   *limits))
-    return rows
+    sides = [("ours", lambda: run_ours(build, names[0], count)),
+             ("rsyslog, JSON lines of the event's contents",
+              lambda: run_rsyslog(build, keys, names[1], count, event_bytes)),
+             ("rsyslog, JSON lines of all columns",
+              lambda: run_rsyslog(build, keys, names[2], count, all_bytes))]
+    results = []
+    for _ in range(runs):
+        for side, run in random.sample(sides, len(sides)):
+            rate, cpu, wire = run()
+            results.append({"run_name": "shipped/%s/%s/manual_time" % (kind, side),
+                            "run_type": "iteration", "family_index": sides.index((side, run)),
+                            "[events/s]": rate,
+                            "processor time [us/event]": cpu, "bytes on the wire [B/event]": wire})
+    return results
 
 
 def measure(build, count, runs):
-    """All rows that could be measured, and what failed then, or None."""
-    rows = []
+    """All runs, or none where there is no shipper."""
     if not find_rsyslogd():
         print("left out: rsyslogd is not installed (setup/packages bench installs it where it can "
               "be had)", file=sys.stderr)
-        return rows, None
-    try:
-        with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
-            keys = client_keys(build, folder)
-            problem = rsyslog_problem(build, keys, folder)
-            if problem:
-                print("left out: " + problem, file=sys.stderr)
-                return rows, None
-            for path, kind in (("conn", "connection"), ("http", "http")):
-                rows += compare(build, keys, folder, path, kind, count, runs)
-    except (Broken, Failed, OSError) as error:
-        return rows, str(error)
-    return rows, None
+        return []
+    results = []
+    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
+        keys = client_keys(build, folder)
+        problem = rsyslog_problem(build, keys, folder)
+        if problem:
+            print("left out: " + problem, file=sys.stderr)
+            return []
+        for path, kind in (("conn", "connection"), ("http", "http")):
+            results += compare(build, keys, folder, path, kind, count, runs)
+    return results
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", required=True)
-    parser.add_argument("--csv")
+    parser.add_argument("build")
+    parser.add_argument("--benchmark_out", required=True, metavar="FILE")
+    parser.add_argument("--benchmark_repetitions", type=int, default=5, metavar="N")
     parser.add_argument("--quick", action="store_true")
-    parser.add_argument("--runs", type=int)
-    parser.add_argument("--records", type=int)
-    options = parser.parse_args()
-    build = os.path.abspath(options.build)
-    runs = options.runs if options.runs is not None else 3 if options.quick else 5
-    count = options.records or (10000 if options.quick else 100000)
-    if count <= WARM_UP or runs < 1:
-        parser.error("--records must be above %d and --runs above 0" % WARM_UP)
-    rows, failure = measure(build, count, runs)
-    for row in rows:
-        print("%-28s %-34s %10.5g %-9s %10.5g %-20s %8.3f  %s" % (
-            row.measure, row.case, row.ours, row.unit, row.peer, row.peer_name, row.ratio,
-            row.goal))
-    if options.csv:
-        report.write_rows(options.csv, rows)
-    if failure:
-        print("shipper_bench.py: " + failure, file=sys.stderr)
-    return 1 if failure else 0
+    options, _ = parser.parse_known_args()  # the others are Google Benchmark's
+    try:
+        results = measure(os.path.abspath(options.build), 10000 if options.quick else 100000,
+                          options.benchmark_repetitions)
+    except (Broken, Failed, OSError) as error:
+        print("shipper_bench.py: %s" % error, file=sys.stderr)
+        return 1
+    with open(options.benchmark_out, "w") as file:
+        json.dump({"benchmarks": results}, file, indent=1)
+    return 0
 
 
 if __name__ == "__main__":
