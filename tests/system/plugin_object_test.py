@@ -1,6 +1,6 @@
 """What the plug-in's shared object takes and gives, as nm shows it.
 
-    plugin_object_test.py SOURCE_DIR SHARED_OBJECT
+    plugin_object_test.py SOURCE_DIR SHARED_OBJECT [SANDBOX_SHARED_OBJECT]
 """
 
 import os
@@ -9,7 +9,7 @@ import subprocess
 import sys
 import unittest
 
-SOURCE_DIR, OBJECT = sys.argv[1:]
+SOURCE_DIR, OBJECT, SANDBOX = (sys.argv[1:] + [""])[:3]
 sys.path.insert(0, os.path.join(SOURCE_DIR, "cmake"))
 from host_symbols import demangle, host_symbols
 
@@ -63,6 +63,17 @@ class PluginObjectTest(unittest.TestCase):
         plugin = next(i for i, name in enumerate(names) if name.endswith("_Plugin.cc"))
         registration = next(i for i, name in enumerate(names) if name.endswith("register.cc"))
         self.assertLess(plugin, registration)
+
+    def test_sandbox_holds_none_of_the_places_that_an_installation_uses(self):
+        if not SANDBOX:
+            self.skipTest("no sandbox")
+        with open(os.path.join(SOURCE_DIR, "src/Paths.h")) as header:
+            places = re.findall(r'^#define ZMQWRITER_\w+ "(/.*)"$', header.read(), re.MULTILINE)
+        self.assertEqual(len(places), 2)
+        with open(SANDBOX, "rb") as code:
+            code = code.read()
+        for place in places:
+            self.assertNotIn(place.encode(), code)
 
 
 if __name__ == "__main__":
