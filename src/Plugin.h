@@ -19,7 +19,7 @@ class Plugin : public ::plugin::Plugin {
 
  protected:
   /// Registers the writer component "ZMQ" and returns name, description and API version; the
-  /// version of the plug-in is left unset on purpose.
+  /// version of the plug-in is left unset, which is required.
   ::plugin::Configuration Configure() override;
 };
 

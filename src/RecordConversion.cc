@@ -502,7 +502,7 @@ class Envelope {
     } else if (is(name, "ts")) {
       ts = real_of(value);
     } else if (is(name, "uid")) {
-      uid = text_or(value, "Empty uid!", "unknown");  // lower case, unlike "Unknown": on purpose
+      uid = text_or(value, "Empty uid!", "unknown");  // lower case is required, unlike above
     } else if (is(name, "extra_fields")) {
       extra_fields_ = value;
     } else if (is(name, "extra_vals")) {

@@ -37,7 +37,7 @@ void SendLoop::run() {
 
 /// Ten seconds after the primary was marked as failed, but only if the loop comes by here while it
 /// is: requeue normally keeps drain_queue going instead. The "5 minutes" of the warning are no
-/// interval of the program. Both on purpose.
+/// interval of the program. Both are required as they are.
 bool SendLoop::holding_off() const {
   return state == STATE_PRIMARY && worker.main_fail_time > 0 &&
          worker.currentTime() - worker.main_fail_time <= kHoldOffSeconds;
@@ -123,7 +123,7 @@ SendLoop::Outcome SendLoop::primary_did_not_answer() {
 
 /// With `switched` the secondary has just accepted this very message, which that left empty: so the
 /// first thing that a secondary gets after its first message is an empty one, and if it does
-/// not take that, the message counts as delivered all the same. Both on purpose.
+/// not take that, the message counts as delivered all the same. Both are required.
 SendLoop::Outcome SendLoop::send_to_secondary(bool switched) {
   if (worker.zmq_blocking_send(secondary_socket, &msg) >= 0) {
     state = STATE_SECONDARY;

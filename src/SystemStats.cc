@@ -48,7 +48,7 @@ static_assert(sizeof(static_cast<struct statvfs*>(nullptr)->f_bsize) == 8, "size
 /// Looked up once and kept, with a reference of its own, for as long as the process lives.
 RecordType* record_type = nullptr;
 
-/// Installed memory in MiB; cut to 32 bits, on purpose.
+/// Installed memory in MiB; cut to 32 bits, as the figure is defined.
 int32_t memory_total_mib() {
   int name[2] = {CTL_HW, HW_MEMSIZE};
   int64_t bytes = 0;
@@ -59,7 +59,7 @@ int32_t memory_total_mib() {
 }
 
 /// Memory in use in MiB, 0 when it cannot be read. The sum of the page counts wraps at 2^32 and the
-/// result is cut to 32 bits, both on purpose.
+/// result is cut to 32 bits, as the figure is defined.
 int32_t memory_used_mib() {
   const mach_port_t host = mach_host_self();
   vm_size_t page_bytes = 0;
@@ -83,7 +83,8 @@ struct DiskFigures {
 };
 
 /// The file system of the working directory; zeros when it cannot be read. The block size is
-/// f_bsize and the free blocks are f_bfree, those kept for the superuser included, both on purpose.
+/// f_bsize and the free blocks are f_bfree, those kept for the superuser included:
+/// so the figures are defined.
 DiskFigures disk_figures() {
   DiskFigures figures = {0.0, 0.0};
   char folder[kPathBytes] = "";
@@ -134,7 +135,7 @@ RecordVal* SystemStats::getStats() {
   stats->Assign(kPriority, new Val(priority, TYPE_INT));
   stats->Assign(kPhMemTotal, make_count(memory_total));
   stats->Assign(kPhMemUsed, make_count(memory_used));
-  // Only one pair of figures is measured; the virtual ones repeat it on purpose.
+  // Only one pair of figures is measured; the virtual ones are defined to repeat it.
   stats->Assign(kVirtMemTotal, make_count(memory_total));
   stats->Assign(kVirtMemUsed, make_count(memory_used));
   stats->Assign(kHddVolume, make_double(disk.volume_gib));

@@ -69,7 +69,7 @@ struct PidList {
   uint64_t count;
 };
 
-/// The list's own figures are of no use as a bound: the sizing call tells bytes, with some to
+/// Neither call tells how many pids were delivered: the sizing call gives bytes, with some to
 /// spare, and the processes may be more than fit. So the list is cleared first, and what is
 /// non-zero afterwards is what was delivered (pid 0, the kernel, owns no socket).
 void list_pids(PidList* list) {
@@ -164,7 +164,7 @@ bool is_socket_of(int32_t pid, const struct proc_fdinfo& descriptor, uint32_t ha
   info.psi.soi_pcb = static_cast<uint32_t>(~handle);
   proc_pidfdinfo(pid, descriptor.proc_fd, PROC_PIDFDSOCKETINFO, &info,
                  static_cast<int>(sizeof info));
-  // 32 bits on purpose: the control block list carries no more of a handle.
+  // Compared by 32 bits: the control block list carries no more of a handle.
   return static_cast<uint32_t>(info.psi.soi_pcb) == handle;
 }
 

@@ -42,8 +42,8 @@ constexpr size_t kCurveKeyLength = 41;
 inline std::string correct_uri(std::string uri) {
   if (uri.find("://") == std::string::npos)
     uri = "tcp://" + uri;
-  // One past the first character of the host, on purpose: a colon right behind the scheme is not
-  // looked at, one inside the brackets of an IPv6 address counts.
+  // The search begins one past the first character of the host, and takes no notice of brackets.
+  // Both are required.
   if (uri.find(':', uri.find("://") + 4) == std::string::npos)
     uri += ":5555";
   return uri;
@@ -78,8 +78,9 @@ struct ServerKey {
   size_t length;
 };
 
-/// The byte that two hexadecimal digits stand for. Upper-case on purpose: a lower-case letter comes
-/// out right as the first digit only, as the second it also sets bit 0x20.
+/// The byte that two hexadecimal digits stand for. Only upper-case letters are decoded, as
+/// required: a lower-case letter comes out right as the first digit only, as the second it also
+/// sets bit 0x20.
 inline unsigned char decode_digits(signed char first, signed char second) {
   const int high = first > 0x40 ? first - 7 : first;
   const int low = second > 0x40 ? second - 0x37 : second - 0x30;
@@ -102,7 +103,7 @@ inline ServerKey decode_server_key(const std::string& hex) {
 
 // -- Limits of the spool --------------------------------------------------------------------------
 
-/// Megabytes as bytes, by a 32-bit shift on purpose: 2048 MB and more wrap around.
+/// Megabytes as bytes, by a 32-bit shift: 2048 MB and more wrap around, as limits are required to.
 inline int megabytes_to_bytes(int megabytes) {
   return static_cast<int>(static_cast<unsigned int>(megabytes) << 20);
 }
@@ -113,7 +114,7 @@ inline int truncate_to_int(double value) {
 }
 
 /// Size of the file system that holds the working directory (not the spool); 0 when that cannot be
-/// found out. By the block size field and not the fragment size, on purpose.
+/// found out. Computed with f_bsize and not f_frsize, as the limit is defined.
 inline double working_disk_mb() {
   char folder[1024];
   struct statvfs disk;

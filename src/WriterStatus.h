@@ -1,5 +1,5 @@
 // How far the plug-in has got with what it was given: the one C function that the shared object
-// exports beside what the host needs. A program that feeds writers (`zmqwriter replay`) looks it
+// exports next to what the host needs. A program that feeds writers (`zmqwriter replay`) looks it
 // up with dlsym and waits on it before it stops the writers.
 #pragma once
 

@@ -3,7 +3,7 @@
 // On a file system that does not tell upper from lower case, `#include <zmq.h>` finds this file.
 // So it passes the include on, each time and before any guard: where the names differ that is
 // libzmq's header too, and it guards itself. Clang warns that it searches from the first folder
-// when this file was found beside the including one; here that is as good.
+// when this file was found beside the including one; which makes no difference here.
 #ifdef __clang__
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Winclude-next-absolute-path"

@@ -45,8 +45,8 @@ zmq_message* pop_entry(std::queue<zmq_message*>& queue);
 bool init_with_copy(zmq_msg_t* msg, const void* data, size_t size);
 
 /// Initialises `msg` with `body` itself, without copying. When its first half, zmq_msg_init_size,
-/// fails, there is no message that could take the body, and it is not freed: on purpose, as what is
-/// lost there is lost at the end of the process. When the second half fails the body is freed.
+/// fails, there is no message that could take the body, and it is not freed: that is required, and
+/// happens only while the worker stops. When the second half fails the body is freed.
 bool init_with_body(zmq_msg_t* msg, void* body, size_t size);
 
 }  // namespace writer

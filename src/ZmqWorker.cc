@@ -174,8 +174,8 @@ void* ZmqWorker::Connect(std::string uri) {
 }
 
 void ZmqWorker::Write(unsigned long size, const void* data) {
-  // Copied before the lock is taken, since all writers and the send thread wait for each other
-  // there. With the queue full that was in vain, and so is a failure of it then.
+  // Copied before the lock is taken, which all writers and the send thread wait for. With the queue
+  // full the copy is not used, and it does not matter then whether there was memory for it.
   void* const body = malloc(size > 0 ? size : 1);
   zmq_message* const record = body ? new_record(body, size) : nullptr;
   if (record && size > 0)
@@ -190,7 +190,7 @@ void ZmqWorker::Write(unsigned long size, const void* data) {
       return;
     }
     if (zmq_pqueue) {  // gone once stopped
-      // Cutting it is on purpose: the spool's lengths have 16 bits.
+      // A longer message is cut: the spool's lengths have 16 bits.
       cut_count += size > USHRT_MAX;
       zmq_pqueue->Store(static_cast<unsigned short>(size), data);
     }
@@ -227,7 +227,7 @@ void ZmqWorker::Stop() {
     return;
   pthread_join(thread, nullptr);
   flush_queue();
-  // %d as ever: counts are cut to 32 bits.
+  // Counts are cut to 32 bits: the line is required to print them with %d.
   print_line("ZMQ worker finished, sent %d messages, failed %d times\n",
              static_cast<int>(sent_count.load()), static_cast<int>(failed_count.load()));
   if (socket) {

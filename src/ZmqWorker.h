@@ -1,6 +1,6 @@
 // Delivers finished event messages over ZeroMQ, encrypted with CURVE: to a primary server, to
 // secondary servers while the primary does not answer, and by way of an in-memory queue and the
-// on-disk spool while nobody does.
+// on-disk spool while no server answers.
 //
 // One worker serves all writers of the process:
 //
