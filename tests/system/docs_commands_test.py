@@ -21,10 +21,10 @@ import unittest
 from cli_support import BUILD_DIR, SOURCE_DIR, ZMQWRITER, read_file
 
 EXAMPLES = os.path.join(SOURCE_DIR, "setup", "examples")
-PAGES = ["README.md", "bench/README.md"] + sorted(
+PAGES = ["README.md", "CONTRIBUTING.md", "bench/README.md"] + sorted(
     "docs/" + name for name in os.listdir(os.path.join(SOURCE_DIR, "docs"))
     if name.endswith(".md"))
-TIMEOUT = 300  # seconds for a page; only ever reached by a failure
+TIMEOUT = 150  # seconds for a page; only ever reached by a failure
 
 
 class Command:
