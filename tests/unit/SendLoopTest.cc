@@ -5,7 +5,6 @@
 #include "WorkerFixture.h"
 
 using ::testing::Contains;
-using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -71,7 +70,7 @@ TEST_F(SendLoop, HealthyPrimaryGetsEachRecordOnceInOrder) {
   write("a");
   write("b");
   write("c");
-  EXPECT_THAT(run(), ElementsAre("send s1 'a' ok", "send s1 'b' ok", "send s1 'c' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 'a' ok", "send s1 'b' ok", "send s1 'c' ok", kIdle));
   EXPECT_EQ(sent(), 3u);
   EXPECT_EQ(failed(), 0u);
   EXPECT_TRUE(worker->queue.empty());
@@ -79,7 +78,7 @@ TEST_F(SendLoop, HealthyPrimaryGetsEachRecordOnceInOrder) {
 
 TEST_F(SendLoop, EmptyQueueIsPolledEveryTenthOfASecond) {
   connect();
-  EXPECT_THAT(run(kIdle, 3), ElementsAre(kIdle, kIdle, kIdle));
+  EXPECT_THAT(run(kIdle, 3), Lines(kIdle, kIdle, kIdle));
 }
 
 TEST_F(SendLoop, ReturnsAtOnceWhenItIsNotToRun) {
@@ -100,13 +99,13 @@ TEST_F(SendLoop, ABodyGoesOutByteForByte) {
   for (int i = 0; i < 256; ++i)
     body += static_cast<char>(i);
   write(body);
-  EXPECT_THAT(run(), ElementsAre("send s1 '" + body + "' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 '" + body + "' ok", kIdle));
 }
 
 TEST_F(SendLoop, AnEmptyMessageIsSentAsOne) {
   connect();
   worker->Write(0, nullptr);
-  EXPECT_THAT(run(), ElementsAre("send s1 '' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 '' ok", kIdle));
   EXPECT_EQ(sent(), 1u);
 }
 
@@ -114,8 +113,8 @@ TEST_F(SendLoop, AMessageIsInitialisedTwiceWithoutLeakingTheFirstRoom) {
   connect();
   write("body");
   run();
-  EXPECT_THAT(log.all(), ElementsAre(".msg_init_size 4", ".msg_init_data 4", ".msg_close",
-                                     "send s1 'body' ok", ".msg_close", kIdle));
+  EXPECT_THAT(log.all(), Lines(".msg_init_size 4", ".msg_init_data 4", ".msg_close",
+                               "send s1 'body' ok", ".msg_close", kIdle));
   EXPECT_EQ(zmq.live_contents(), 0u);
 }
 
@@ -123,7 +122,7 @@ TEST_F(SendLoop, ASecondAttemptAfterASecondIsStillASuccess) {
   connect();
   sends({kFail, kOk});
   write("a");
-  EXPECT_THAT(run(), ElementsAre("send s1 'a' failed", kRetryPause, "send s1 'a' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 'a' failed", kRetryPause, "send s1 'a' ok", kIdle));
   EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(failed(), 0u);
   EXPECT_EQ(worker->main_fail_time, 0);
@@ -148,8 +147,8 @@ TEST_F(SendLoop, FirstFailureWarnsRequeuesAndRetriesAtOnce) {
   log.clear();
   const int64_t start = clock.now_us() / 1000000;
   worker->DoWork();
-  EXPECT_THAT(log.story(), ElementsAre("send s1 'r' failed", kRetryPause, "send s1 'r' failed",
-                                       kNotResponding, "send s1 'r' ok", kIdle));
+  EXPECT_THAT(log.story(), Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed",
+                                 kNotResponding, "send s1 'r' ok", kIdle));
   EXPECT_EQ(marked, start + 1);
   EXPECT_EQ(waiting, 1u) << "the requeued entry waits while the record is sent again";
   EXPECT_EQ(worker->main_fail_time, 0);
@@ -163,10 +162,10 @@ TEST_F(SendLoop, ASecondOutageOfThePrimaryWarnsAnew) {
   sends({kFail, kFail, kOk, kFail, kFail, kOk});
   write("a");
   write("b");
-  EXPECT_THAT(run(), ElementsAre("send s1 'a' failed", kRetryPause, "send s1 'a' failed",
-                                 kNotResponding, "send s1 'a' ok",  //
-                                 "send s1 'b' failed", kRetryPause, "send s1 'b' failed",
-                                 kNotResponding, "send s1 'b' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNotResponding,
+                           "send s1 'a' ok",  //
+                           "send s1 'b' failed", kRetryPause, "send s1 'b' failed", kNotResponding,
+                           "send s1 'b' ok", kIdle));
 }
 
 TEST_F(SendLoop, ARecordThatFailedIsSentBeforeThoseThatWaited) {
@@ -174,8 +173,8 @@ TEST_F(SendLoop, ARecordThatFailedIsSentBeforeThoseThatWaited) {
   sends({kFail, kFail});
   write("a");
   write("b");
-  EXPECT_THAT(run(), ElementsAre("send s1 'a' failed", kRetryPause, "send s1 'a' failed",
-                                 kNotResponding, "send s1 'a' ok", "send s1 'b' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNotResponding,
+                           "send s1 'a' ok", "send s1 'b' ok", kIdle));
 }
 
 TEST_F(SendLoop, WithoutSecondariesEveryFurtherPassWarnsAndPushesOneMoreEntry) {
@@ -183,12 +182,11 @@ TEST_F(SendLoop, WithoutSecondariesEveryFurtherPassWarnsAndPushesOneMoreEntry) {
   everything_down();
   write("r");
   // Four passes.
-  EXPECT_THAT(
-      run(kNoSecondary, 3),
-      ElementsAre("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
-                  "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
-                  "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
-                  "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary, kIdle));
+  EXPECT_THAT(run(kNoSecondary, 3),
+              Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
+                    "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
+                    "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
+                    "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary, kIdle));
   EXPECT_EQ(worker->queue.size(), 4u);
   EXPECT_EQ(sent(), 0u);
   EXPECT_EQ(failed(), 4u);
@@ -200,14 +198,14 @@ TEST_F(SendLoop, EntriesLeftByFailedPassesAreSkippedOnceTheRecordIsDelivered) {
   write("a");
   write("b");
   write("c");
-  EXPECT_THAT(
-      run(), ElementsAre("send s1 'a' failed", kRetryPause, "send s1 'a' failed",
-                         kNotResponding,  //
-                         "send s1 'a' failed", kRetryPause, "send s1 'a' failed",
-                         kNoSecondary,  //
-                         "send s1 'a' failed", kRetryPause, "send s1 'a' failed",
-                         kNoSecondary,  //
-                         "send s1 'a' ok", kBackOnline, "send s1 'b' ok", "send s1 'c' ok", kIdle));
+  EXPECT_THAT(run(),
+              Lines("send s1 'a' failed", kRetryPause, "send s1 'a' failed",
+                    kNotResponding,  //
+                    "send s1 'a' failed", kRetryPause, "send s1 'a' failed",
+                    kNoSecondary,  //
+                    "send s1 'a' failed", kRetryPause, "send s1 'a' failed",
+                    kNoSecondary,  //
+                    "send s1 'a' ok", kBackOnline, "send s1 'b' ok", "send s1 'c' ok", kIdle));
   EXPECT_TRUE(worker->queue.empty());
   EXPECT_EQ(sent(), 3u);
   EXPECT_EQ(failed(), 3u);
@@ -228,11 +226,11 @@ TEST_F(SendLoop, BackOnlineAfterNobodyAnswered) {
   sends({kFail, kFail, kFail, kFail, kFail, kOk});
   write("r");
   EXPECT_THAT(run(),
-              ElementsAre("send s1 'r' failed", kRetryPause, "send s1 'r' failed",
-                          kNotResponding,  //
-                          "send s1 'r' failed", kRetryPause, "send s1 'r' failed",
-                          kNoSecondary,  //
-                          "send s1 'r' failed", kRetryPause, "send s1 'r' ok", kBackOnline, kIdle));
+              Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed",
+                    kNotResponding,  //
+                    "send s1 'r' failed", kRetryPause, "send s1 'r' failed",
+                    kNoSecondary,  //
+                    "send s1 'r' failed", kRetryPause, "send s1 'r' ok", kBackOnline, kIdle));
   EXPECT_EQ(worker->main_fail_time, 0);
   EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(failed(), 2u);
@@ -245,7 +243,7 @@ TEST_F(SendLoop, SwitchingSendsTheMessageAndThenAnEmptyOne) {
   sends(switching({}));
   write("r");
   const auto rest = after(switched("r"), run());
-  EXPECT_THAT(rest, ElementsAre(kIdle, "disconnect s2 tcp://a:5555", "close s2"));
+  EXPECT_THAT(rest, Lines(kIdle, "disconnect s2 tcp://a:5555", "close s2"));
   EXPECT_EQ(sent(), 2u) << "both sends to the secondary are counted";
   EXPECT_EQ(failed(), 2u);
   EXPECT_EQ(worker->secondary_server, "tcp://a:5555");
@@ -260,8 +258,7 @@ TEST_F(SendLoop, LaterMessagesFailOnThePrimaryAndGoToTheSecondaryWithoutAWord) {
   write("r2");
   write("r3");
   const auto rest = after(switched("r1"), run());
-  EXPECT_THAT(rest,
-              ElementsAre("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
+  EXPECT_THAT(rest, Lines("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
                           "send s2 'r2' ok",  //
                           "send s1 'r3' failed", kRetryPause, "send s1 'r3' failed",
                           "send s2 'r3' ok", kIdle, "disconnect s2 tcp://a:5555", "close s2"));
@@ -277,8 +274,7 @@ TEST_F(SendLoop, BackOnlineFromASecondaryKeepsItsSocketUntilTheEnd) {
   write("r3");
   write("r4");
   const auto rest = after(switched("r1"), run());
-  EXPECT_THAT(rest,
-              ElementsAre("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
+  EXPECT_THAT(rest, Lines("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
                           "send s2 'r2' ok",               //
                           "send s1 'r3' ok", kBackOnline,  //
                           "send s1 'r4' ok", kIdle, "disconnect s2 tcp://a:5555", "close s2"));
@@ -290,9 +286,9 @@ TEST_F(SendLoop, AfterTheFirstSwitchAFailureOnThePrimaryDoesNotSearchAgain) {
   write("r1");
   write("r2");
   const auto rest = after(switched("r1"), run());
-  EXPECT_THAT(rest, ElementsAre("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
-                                "send s2 'r2' failed", kRetryPause, "send s2 'r2' ok", kIdle,
-                                "disconnect s2 tcp://a:5555", "close s2"));
+  EXPECT_THAT(
+      rest, Lines("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed", "send s2 'r2' failed",
+                  kRetryPause, "send s2 'r2' ok", kIdle, "disconnect s2 tcp://a:5555", "close s2"));
 }
 
 TEST_F(SendLoop, ASecondaryThatFailsIsClosedAndTheRecordGoesRoundAgain) {
@@ -302,14 +298,14 @@ TEST_F(SendLoop, ASecondaryThatFailsIsClosedAndTheRecordGoesRoundAgain) {
   write("r1");
   write("r2");
   const auto rest = after(switched("r1"), run());
-  EXPECT_THAT(rest, ElementsAre("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
-                                "send s2 'r2' failed", kRetryPause, "send s2 'r2' failed",
-                                secondary_gone("tcp://a:5555"), "disconnect s2 tcp://a:5555",
-                                "close s2",  //
-                                "send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
-                                "socket s3", "connect s3 tcp://a:5555 ok", "send s3 'r2' ok",
-                                switched_to("tcp://a:5555"), "send s3 '' ok", kIdle,
-                                "disconnect s3 tcp://a:5555", "close s3"));
+  EXPECT_THAT(
+      rest, Lines("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed", "send s2 'r2' failed",
+                  kRetryPause, "send s2 'r2' failed", secondary_gone("tcp://a:5555"),
+                  "disconnect s2 tcp://a:5555",
+                  "close s2",  //
+                  "send s1 'r2' failed", kRetryPause, "send s1 'r2' failed", "socket s3",
+                  "connect s3 tcp://a:5555 ok", "send s3 'r2' ok", switched_to("tcp://a:5555"),
+                  "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
   EXPECT_EQ(sent(), 4u);
   EXPECT_EQ(failed(), 5u);
   EXPECT_TRUE(worker->queue.empty());
@@ -321,14 +317,14 @@ TEST_F(SendLoop, WhenTheEmptySendFailsTheMessageCountsAsDelivered) {
   sends(outcomes);
   write("r1");
   write("r2");
-  EXPECT_THAT(run(), ElementsAre("send s1 'r1' failed", kRetryPause, "send s1 'r1' failed",
-                                 kNotResponding,  //
-                                 "send s1 'r1' failed", kRetryPause, "send s1 'r1' failed",
-                                 "socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r1' ok",
-                                 switched_to("tcp://a:5555"), "send s2 '' failed", kRetryPause,
-                                 "send s2 '' failed", secondary_gone("tcp://a:5555"),
-                                 "disconnect s2 tcp://a:5555", "close s2",  //
-                                 "send s1 'r2' ok", kBackOnline, kIdle));
+  EXPECT_THAT(run(),
+              Lines("send s1 'r1' failed", kRetryPause, "send s1 'r1' failed",
+                    kNotResponding,  //
+                    "send s1 'r1' failed", kRetryPause, "send s1 'r1' failed", "socket s2",
+                    "connect s2 tcp://a:5555 ok", "send s2 'r1' ok", switched_to("tcp://a:5555"),
+                    "send s2 '' failed", kRetryPause, "send s2 '' failed",
+                    secondary_gone("tcp://a:5555"), "disconnect s2 tcp://a:5555", "close s2",  //
+                    "send s1 'r2' ok", kBackOnline, kIdle));
   EXPECT_EQ(sent(), 2u);
   EXPECT_EQ(failed(), 3u);
   EXPECT_TRUE(worker->queue.empty());
@@ -340,11 +336,10 @@ TEST_F(SendLoop, AfterAFailedEmptySendTheNextFailureOfThePrimarySearches) {
   write("r1");
   write("r2");
   const auto story = run();
-  EXPECT_THAT(
-      std::vector<std::string>(story.begin() + 17, story.end()),
-      ElementsAre("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed", "socket s3",
-                  "connect s3 tcp://a:5555 ok", "send s3 'r2' ok", switched_to("tcp://a:5555"),
-                  "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
+  EXPECT_THAT(std::vector<std::string>(story.begin() + 17, story.end()),
+              Lines("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed", "socket s3",
+                    "connect s3 tcp://a:5555 ok", "send s3 'r2' ok", switched_to("tcp://a:5555"),
+                    "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
 }
 
 TEST_F(SendLoop, SecondariesAreSearchedInListOrder) {
@@ -354,15 +349,15 @@ TEST_F(SendLoop, SecondariesAreSearchedInListOrder) {
   write("r");
   const auto story = run();
   EXPECT_THAT(std::vector<std::string>(story.begin() + 7, story.end()),
-              ElementsAre("socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r' failed",
-                          kRetryPause, "send s2 'r' failed", "disconnect s2 tcp://a:5555",
-                          "close s2",  //
-                          "socket s3", "connect s3 tcp://b:5555 ok", "send s3 'r' failed",
-                          kRetryPause, "send s3 'r' failed", "disconnect s3 tcp://b:5555",
-                          "close s3",  //
-                          "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' ok",
-                          switched_to("tcp://c:5555"), "send s4 '' ok", kIdle,
-                          "disconnect s4 tcp://c:5555", "close s4"));
+              Lines("socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r' failed", kRetryPause,
+                    "send s2 'r' failed", "disconnect s2 tcp://a:5555",
+                    "close s2",  //
+                    "socket s3", "connect s3 tcp://b:5555 ok", "send s3 'r' failed", kRetryPause,
+                    "send s3 'r' failed", "disconnect s3 tcp://b:5555",
+                    "close s3",  //
+                    "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' ok",
+                    switched_to("tcp://c:5555"), "send s4 '' ok", kIdle,
+                    "disconnect s4 tcp://c:5555", "close s4"));
   EXPECT_EQ(worker->secondary_index, 2);
   EXPECT_EQ(sent(), 2u);
   EXPECT_EQ(failed(), 4u);
@@ -373,16 +368,16 @@ TEST_F(SendLoop, WhenNoneOfThreeAcceptsTheRecordIsRequeued) {
   everything_down();
   write("r");
   const auto story = run(kNoSecondary);
-  EXPECT_THAT(std::vector<std::string>(story.begin() + 7, story.end()),
-              ElementsAre("socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r' failed",
-                          kRetryPause, "send s2 'r' failed", "disconnect s2 tcp://a:5555",
-                          "close s2",  //
-                          "socket s3", "connect s3 tcp://b:5555 ok", "send s3 'r' failed",
-                          kRetryPause, "send s3 'r' failed", "disconnect s3 tcp://b:5555",
-                          "close s3",  //
-                          "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' failed",
-                          kRetryPause, "send s4 'r' failed", "disconnect s4 tcp://c:5555",
-                          "close s4", kNoSecondary, kIdle));
+  EXPECT_THAT(
+      std::vector<std::string>(story.begin() + 7, story.end()),
+      Lines("socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r' failed", kRetryPause,
+            "send s2 'r' failed", "disconnect s2 tcp://a:5555",
+            "close s2",  //
+            "socket s3", "connect s3 tcp://b:5555 ok", "send s3 'r' failed", kRetryPause,
+            "send s3 'r' failed", "disconnect s3 tcp://b:5555",
+            "close s3",  //
+            "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' failed", kRetryPause,
+            "send s4 'r' failed", "disconnect s4 tcp://c:5555", "close s4", kNoSecondary, kIdle));
   EXPECT_EQ(worker->queue.size(), 2u);
   EXPECT_EQ(worker->secondary_index, 3);
   EXPECT_EQ(failed(), 5u);
@@ -393,12 +388,11 @@ TEST_F(SendLoop, ASecondaryThatIsListedTwiceIsTriedTwice) {
   sends({kFail, kFail, kFail, kFail, kFail, kFail, kOk, kOk});
   write("r");
   const auto story = run();
-  EXPECT_THAT(
-      std::vector<std::string>(story.begin() + 7, story.end()),
-      ElementsAre("socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r' failed", kRetryPause,
-                  "send s2 'r' failed", "disconnect s2 tcp://a:5555", "close s2", "socket s3",
-                  "connect s3 tcp://a:5555 ok", "send s3 'r' ok", switched_to("tcp://a:5555"),
-                  "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
+  EXPECT_THAT(std::vector<std::string>(story.begin() + 7, story.end()),
+              Lines("socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r' failed", kRetryPause,
+                    "send s2 'r' failed", "disconnect s2 tcp://a:5555", "close s2", "socket s3",
+                    "connect s3 tcp://a:5555 ok", "send s3 'r' ok", switched_to("tcp://a:5555"),
+                    "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
   EXPECT_EQ(worker->secondary_index, 1);
 }
 
@@ -409,13 +403,13 @@ TEST_F(SendLoop, WithoutASocketForItASecondarySimplyFails) {
   write("r");
   const auto story = run();
   EXPECT_THAT(std::vector<std::string>(story.begin() + 7, story.end()),
-              ElementsAre("socket s2", "connect s2 tcp://a:5555 failed",
-                          "error: Failed to connect to ZMQ server tcp://a:5555", "close s2",
-                          "send null 'r' failed", kRetryPause, "send null 'r' failed",
-                          "disconnect null tcp://a:5555", "close null",  //
-                          "socket s3", "connect s3 tcp://b:5555 ok", "send s3 'r' ok",
-                          switched_to("tcp://b:5555"), "send s3 '' ok", kIdle,
-                          "disconnect s3 tcp://b:5555", "close s3"));
+              Lines("socket s2", "connect s2 tcp://a:5555 failed",
+                    "error: Failed to connect to ZMQ server tcp://a:5555", "close s2",
+                    "send null 'r' failed", kRetryPause, "send null 'r' failed",
+                    "disconnect null tcp://a:5555", "close null",  //
+                    "socket s3", "connect s3 tcp://b:5555 ok", "send s3 'r' ok",
+                    switched_to("tcp://b:5555"), "send s3 '' ok", kIdle,
+                    "disconnect s3 tcp://b:5555", "close s3"));
   EXPECT_EQ(failed(), 3u) << "the send on no socket is counted too";
 }
 
@@ -424,7 +418,7 @@ TEST_F(SendLoop, EachSearchMakesAKeyPairOfItsOwn) {
   everything_down();
   write("r");
   run(kNoSecondary, 2);
-  EXPECT_THAT(log.starting_with(".curve_keypair"), ElementsAre(".curve_keypair", ".curve_keypair"));
+  EXPECT_THAT(log.starting_with(".curve_keypair"), Lines(".curve_keypair", ".curve_keypair"));
 }
 
 TEST_F(SendLoop, TheMessageThatSwitchesIsDeliveredOnceInSpiteOfItsEntries) {
@@ -436,7 +430,7 @@ TEST_F(SendLoop, TheMessageThatSwitchesIsDeliveredOnceInSpiteOfItsEntries) {
   write("r1");
   write("r2");
   const auto story = run();
-  EXPECT_THAT(log.starting_with("send s4"), ElementsAre("send s4 'r1' ok", "send s4 '' ok"));
+  EXPECT_THAT(log.starting_with("send s4"), Lines("send s4 'r1' ok", "send s4 '' ok"));
   EXPECT_THAT(story, Contains("send s1 'r2' ok"));
   EXPECT_TRUE(worker->queue.empty());
 }
@@ -451,14 +445,14 @@ TEST_F(SendLoop, ASearchDropsTheSocketOfAnEarlierSecondaryWithoutClosingIt) {
   write("r2");
   write("r3");
   const auto rest = after(switched("r1"), run());
-  EXPECT_THAT(rest, ElementsAre("send s1 'r2' ok", kBackOnline,  //
-                                "send s1 'r3' failed", kRetryPause, "send s1 'r3' failed",
-                                kNotResponding,  //
-                                "send s1 'r3' failed", kRetryPause, "send s1 'r3' failed",
-                                "socket s3", "connect s3 tcp://a:5555 ok", "send s3 'r3' ok",
-                                switched_to("tcp://a:5555"), "send s3 '' ok", kIdle,
-                                "disconnect s3 tcp://a:5555", "close s3"));
-  EXPECT_THAT(zmq.open_sockets(), ElementsAre("s1", "s2"));
+  EXPECT_THAT(rest,
+              Lines("send s1 'r2' ok", kBackOnline,  //
+                    "send s1 'r3' failed", kRetryPause, "send s1 'r3' failed",
+                    kNotResponding,  //
+                    "send s1 'r3' failed", kRetryPause, "send s1 'r3' failed", "socket s3",
+                    "connect s3 tcp://a:5555 ok", "send s3 'r3' ok", switched_to("tcp://a:5555"),
+                    "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
+  EXPECT_THAT(zmq.open_sockets(), Lines("s1", "s2"));
 }
 
 TEST_F(SendLoop, StopClosesDroppedSocketsSoThatTheContextCanEnd) {
@@ -466,8 +460,7 @@ TEST_F(SendLoop, StopClosesDroppedSocketsSoThatTheContextCanEnd) {
   sends(switching({kOk, kFail, kFail, kFail, kFail, kOk, kOk}));
   write_many(3);
   run();
-  EXPECT_THAT(stop(),
-              ElementsAre("disconnect s1 tcp://p:5555", "close s1", "close s2", "ctx_destroy"));
+  EXPECT_THAT(stop(), Lines("disconnect s1 tcp://p:5555", "close s1", "close s2", "ctx_destroy"));
 }
 
 TEST_F(SendLoop, AFruitlessSearchDropsTheSocketOfAnEarlierSecondaryToo) {
@@ -475,15 +468,15 @@ TEST_F(SendLoop, AFruitlessSearchDropsTheSocketOfAnEarlierSecondaryToo) {
   sends(switching({kOk, kFail, kFail, kFail, kFail, kFail, kFail, kOk}));
   write_many(3);
   const auto rest = after(switched("r0"), run());
-  EXPECT_THAT(rest, ElementsAre("send s1 'r1' ok", kBackOnline,  //
-                                "send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
-                                kNotResponding,  //
-                                "send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
-                                "socket s3", "connect s3 tcp://a:5555 ok", "send s3 'r2' failed",
-                                kRetryPause, "send s3 'r2' failed", "disconnect s3 tcp://a:5555",
-                                "close s3", kNoSecondary,  //
-                                "send s1 'r2' ok", kBackOnline, kIdle));
-  EXPECT_THAT(zmq.open_sockets(), ElementsAre("s1", "s2"));
+  EXPECT_THAT(
+      rest, Lines("send s1 'r1' ok", kBackOnline,  //
+                  "send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
+                  kNotResponding,  //
+                  "send s1 'r2' failed", kRetryPause, "send s1 'r2' failed", "socket s3",
+                  "connect s3 tcp://a:5555 ok", "send s3 'r2' failed", kRetryPause,
+                  "send s3 'r2' failed", "disconnect s3 tcp://a:5555", "close s3", kNoSecondary,  //
+                  "send s1 'r2' ok", kBackOnline, kIdle));
+  EXPECT_THAT(zmq.open_sockets(), Lines("s1", "s2"));
 }
 
 TEST_F(SendLoop, DroppedSocketsDoNotPileUp) {
@@ -526,9 +519,9 @@ TEST_F(SendLoop, NoHoldOffOnceTheStateIsAnother) {
   zmq.on_init_size = failing_call(3);
   write("r");
   EXPECT_THAT(run(kIdle, 2),
-              ElementsAre("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
-                          "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
-                          kInitFailed, kIdle, "send s1 'r' ok", kBackOnline, kIdle));
+              Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
+                    "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
+                    kInitFailed, kIdle, "send s1 'r' ok", kBackOnline, kIdle));
 }
 
 // -- A message that cannot be initialised ---------------------------------------------------------
@@ -538,7 +531,7 @@ TEST_F(SendLoop, WhenTheMessageCannotBeSizedItsRecordIsLostAndTheNextOneSent) {
   zmq.on_init_size = failing_call(1);
   write("a");
   write("b");
-  EXPECT_THAT(run(kIdle, 2), ElementsAre(kInitFailed, kIdle, "send s1 'b' ok", kIdle));
+  EXPECT_THAT(run(kIdle, 2), Lines(kInitFailed, kIdle, "send s1 'b' ok", kIdle));
   EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(failed(), 0u);
 }
@@ -548,7 +541,7 @@ TEST_F(SendLoop, WhenTheMessageCannotTakeItsBodyItsRecordIsLostAndTheNextOneSent
   zmq.on_init_data = failing_call(1);
   write("a");
   write("b");
-  EXPECT_THAT(run(kIdle, 2), ElementsAre(kInitFailed, kIdle, "send s1 'b' ok", kIdle));
+  EXPECT_THAT(run(kIdle, 2), Lines(kInitFailed, kIdle, "send s1 'b' ok", kIdle));
   EXPECT_EQ(zmq.live_contents(), 0u);
 }
 
@@ -559,10 +552,10 @@ TEST_F(SendLoop, AnAbandonedRecordIsSentFromTheEntryThatAFailedPassLeft) {
   write("a");
   write("b");
   // Behind b: that one waited longer in the queue.
-  EXPECT_THAT(run(kIdle, 2), ElementsAre("send s1 'a' failed", kRetryPause, "send s1 'a' failed",
-                                         kNotResponding, "send s1 'a' failed", kRetryPause,
-                                         "send s1 'a' failed", kNoSecondary, kInitFailed, kIdle,
-                                         "send s1 'b' ok", kBackOnline, "send s1 'a' ok", kIdle));
+  EXPECT_THAT(run(kIdle, 2),
+              Lines("send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNotResponding,
+                    "send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNoSecondary,
+                    kInitFailed, kIdle, "send s1 'b' ok", kBackOnline, "send s1 'a' ok", kIdle));
   EXPECT_TRUE(worker->queue.empty());
 }
 
@@ -574,15 +567,15 @@ TEST_F(SendLoop, AfterADeliverySpooledMessagesComeBackNewestFirstAtTheTail) {
   FakeSpool::put("d2");
   write("a");
   write("b");
-  EXPECT_THAT(run(), ElementsAre("send s1 'a' ok", "spool get 'd2'", "spool get 'd1'",
-                                 "send s1 'b' ok", "send s1 'd2' ok", "send s1 'd1' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 'a' ok", "spool get 'd2'", "spool get 'd1'", "send s1 'b' ok",
+                           "send s1 'd2' ok", "send s1 'd1' ok", kIdle));
 }
 
 TEST_F(SendLoop, WithNothingToDeliverTheSpoolStaysAsItIs) {
   connect();
   FakeSpool::put("d1");
-  EXPECT_THAT(run(kIdle, 2), ElementsAre(kIdle, kIdle));
-  EXPECT_THAT(FakeSpool::contents(), ElementsAre("d1"));
+  EXPECT_THAT(run(kIdle, 2), Lines(kIdle, kIdle));
+  EXPECT_THAT(FakeSpool::contents(), Lines("d1"));
 }
 
 TEST_F(SendLoop, AFailureDoesNotFetchFromTheSpool) {
@@ -601,8 +594,8 @@ TEST_F(SendLoop, RefillStopsWithFiveHundredWaiting) {
   write_many(497);
   const auto story = run("send", 1);
   // 496 are left after the first; that makes room for four.
-  EXPECT_THAT(story, ElementsAre("send s1 'r0' ok", "spool get 'd9'", "spool get 'd8'",
-                                 "spool get 'd7'", "spool get 'd6'", kIdle));
+  EXPECT_THAT(story, Lines("send s1 'r0' ok", "spool get 'd9'", "spool get 'd8'", "spool get 'd7'",
+                           "spool get 'd6'", kIdle));
   EXPECT_EQ(worker->queue.size(), 500u);
   EXPECT_EQ(FakeSpool::contents().size(), 6u);
 }
@@ -612,9 +605,9 @@ TEST_F(SendLoop, EachFurtherDeliveryFetchesOne) {
   for (int i = 0; i < 10; ++i)
     FakeSpool::put("d" + std::to_string(i));
   write_many(500);
-  EXPECT_THAT(run("send", 3), ElementsAre("send s1 'r0' ok", "spool get 'd9'",  //
-                                          "send s1 'r1' ok", "spool get 'd8'",  //
-                                          "send s1 'r2' ok", "spool get 'd7'", kIdle));
+  EXPECT_THAT(run("send", 3), Lines("send s1 'r0' ok", "spool get 'd9'",  //
+                                    "send s1 'r1' ok", "spool get 'd8'",  //
+                                    "send s1 'r2' ok", "spool get 'd7'", kIdle));
 }
 
 TEST_F(SendLoop, WithFiveHundredStillWaitingADeliveryFetchesNothing) {
@@ -623,9 +616,9 @@ TEST_F(SendLoop, WithFiveHundredStillWaitingADeliveryFetchesNothing) {
   FakeSpool::put("d1");
   write_many(500);
   // The requeued entry makes it 500 again when r0 is delivered.
-  EXPECT_THAT(run("send", 4), ElementsAre("send s1 'r0' failed", kRetryPause, "send s1 'r0' failed",
-                                          kNotResponding, "send s1 'r0' ok",  //
-                                          "send s1 'r1' ok", "spool get 'd1'", kIdle));
+  EXPECT_THAT(run("send", 4), Lines("send s1 'r0' failed", kRetryPause, "send s1 'r0' failed",
+                                    kNotResponding, "send s1 'r0' ok",  //
+                                    "send s1 'r1' ok", "spool get 'd1'", kIdle));
 }
 
 TEST_F(SendLoop, ADeliveryToASecondaryFetchesToo) {
@@ -634,8 +627,8 @@ TEST_F(SendLoop, ADeliveryToASecondaryFetchesToo) {
   FakeSpool::put("d1");
   write("r");
   const auto rest = after(switched("r"), run());
-  EXPECT_THAT(rest, ElementsAre("spool get 'd1'", "send s1 'd1' ok", kBackOnline, kIdle,
-                                "disconnect s2 tcp://a:5555", "close s2"));
+  EXPECT_THAT(rest, Lines("spool get 'd1'", "send s1 'd1' ok", kBackOnline, kIdle,
+                          "disconnect s2 tcp://a:5555", "close s2"));
 }
 
 TEST_F(SendLoop, ASpoolRecordThatComesBackEmptyIsSentAsAnEmptyMessage) {
@@ -643,9 +636,9 @@ TEST_F(SendLoop, ASpoolRecordThatComesBackEmptyIsSentAsAnEmptyMessage) {
   FakeSpool::promise_nothing(2);
   FakeSpool::put("d1");
   write("a");
-  EXPECT_THAT(run(), ElementsAre("send s1 'a' ok", "spool get nothing", "spool get nothing",
-                                 "spool get 'd1'", "send s1 '' ok", "send s1 '' ok",
-                                 "send s1 'd1' ok", kIdle));
+  EXPECT_THAT(run(),
+              Lines("send s1 'a' ok", "spool get nothing", "spool get nothing", "spool get 'd1'",
+                    "send s1 '' ok", "send s1 '' ok", "send s1 'd1' ok", kIdle));
   EXPECT_EQ(sent(), 4u);
 }
 
@@ -654,11 +647,11 @@ TEST_F(SendLoop, AnEmptySpoolRecordSurvivesFailedPasses) {
   sends({kOk, kFail, kFail, kFail, kFail, kOk});
   FakeSpool::promise_nothing(1);
   write("a");
-  EXPECT_THAT(run(), ElementsAre("send s1 'a' ok", "spool get nothing",  //
-                                 "send s1 '' failed", kRetryPause, "send s1 '' failed",
-                                 kNotResponding,  //
-                                 "send s1 '' failed", kRetryPause, "send s1 '' failed",
-                                 kNoSecondary, "send s1 '' ok", kBackOnline, kIdle));
+  EXPECT_THAT(run(), Lines("send s1 'a' ok", "spool get nothing",  //
+                           "send s1 '' failed", kRetryPause, "send s1 '' failed",
+                           kNotResponding,  //
+                           "send s1 '' failed", kRetryPause, "send s1 '' failed", kNoSecondary,
+                           "send s1 '' ok", kBackOnline, kIdle));
 }
 
 TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
@@ -677,7 +670,7 @@ TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
   log.clear();
   worker->DoWork();
   log.listen(nullptr);
-  EXPECT_THAT(log.starting_with("send s1 'late' ok"), ElementsAre("send s1 'late' ok"));
+  EXPECT_THAT(log.starting_with("send s1 'late' ok"), Lines("send s1 'late' ok"));
 
   // The same with the message in the spool, which nothing but a delivery empties.
   sends(std::deque<bool>(2 * 501, kFail));
@@ -699,9 +692,9 @@ TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
   log.listen(nullptr);
   const auto story = log.story();
   ASSERT_GE(story.size(), 5u);
-  EXPECT_THAT(std::vector<std::string>(story.end() - 5, story.end()),
-              ElementsAre("send s1 'r' ok", kBackOnline, "spool get 'spooled'",
-                          "send s1 'spooled' ok", kIdle));
+  EXPECT_THAT(
+      std::vector<std::string>(story.end() - 5, story.end()),
+      Lines("send s1 'r' ok", kBackOnline, "spool get 'spooled'", "send s1 'spooled' ok", kIdle));
   EXPECT_TRUE(worker->queue.empty());
 }
 
@@ -711,7 +704,7 @@ TEST_F(SendLoop, StopDuringTheFirstAttemptGivesTheRecordUpWithoutARetry) {
   connect("a");
   everything_down();
   write("r");
-  EXPECT_THAT(run("send s1 'r' failed"), ElementsAre("send s1 'r' failed", kIdle));
+  EXPECT_THAT(run("send s1 'r' failed"), Lines("send s1 'r' failed", kIdle));
   EXPECT_EQ(failed(), 1u);
   EXPECT_TRUE(worker->queue.empty()) << "neither sent, requeued nor spooled";
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
@@ -723,7 +716,7 @@ TEST_F(SendLoop, StopDuringTheRetryPauseStillMakesTheSecondAttempt) {
   everything_down();
   write("r");
   EXPECT_THAT(run(kRetryPause),
-              ElementsAre("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kIdle));
+              Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kIdle));
   EXPECT_EQ(failed(), 1u);
   EXPECT_TRUE(worker->queue.empty());
 }
@@ -733,7 +726,7 @@ TEST_F(SendLoop, StopDuringASuccessfulSendStillReleasesAndRefills) {
   FakeSpool::put("d");
   write("a");
   write("b");
-  EXPECT_THAT(run("send s1 'a' ok"), ElementsAre("send s1 'a' ok", "spool get 'd'", kIdle));
+  EXPECT_THAT(run("send s1 'a' ok"), Lines("send s1 'a' ok", "spool get 'd'", kIdle));
   EXPECT_EQ(worker->queue.size(), 2u);
 }
 
@@ -741,11 +734,11 @@ TEST_F(SendLoop, StopDuringTheNotRespondingWarningLeavesTheRequeuedRecordToTheFl
   connect();
   sends({kFail, kFail});
   write("r");
-  EXPECT_THAT(run(kNotResponding), ElementsAre("send s1 'r' failed", kRetryPause,
-                                               "send s1 'r' failed", kNotResponding, kIdle));
+  EXPECT_THAT(run(kNotResponding), Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed",
+                                         kNotResponding, kIdle));
   EXPECT_EQ(worker->queue.size(), 1u);
-  EXPECT_THAT(stop(), ElementsAre("send s1 'r' ok", "disconnect s1 tcp://p:5555", "close s1",
-                                  "ctx_destroy"));
+  EXPECT_THAT(stop(),
+              Lines("send s1 'r' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
 
 TEST_F(SendLoop, StopDuringASearchEndsItWithSingleAttempts) {
@@ -754,15 +747,15 @@ TEST_F(SendLoop, StopDuringASearchEndsItWithSingleAttempts) {
   write("r");
   const auto story = run("connect s2");
   EXPECT_THAT(std::vector<std::string>(story.begin() + 7, story.end()),
-              ElementsAre("socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r' failed",
-                          "disconnect s2 tcp://a:5555", "close s2",  //
-                          "socket s3", "connect s3 tcp://b:5555 ok", "send s3 'r' failed",
-                          "disconnect s3 tcp://b:5555", "close s3",  //
-                          "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' failed",
-                          "disconnect s4 tcp://c:5555", "close s4", kNoSecondary, kIdle));
+              Lines("socket s2", "connect s2 tcp://a:5555 ok", "send s2 'r' failed",
+                    "disconnect s2 tcp://a:5555", "close s2",  //
+                    "socket s3", "connect s3 tcp://b:5555 ok", "send s3 'r' failed",
+                    "disconnect s3 tcp://b:5555", "close s3",  //
+                    "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' failed",
+                    "disconnect s4 tcp://c:5555", "close s4", kNoSecondary, kIdle));
   EXPECT_EQ(worker->queue.size(), 2u);
-  EXPECT_THAT(stop(), ElementsAre("send s1 'r' failed", "disconnect s1 tcp://p:5555", "close s1",
-                                  "ctx_destroy"))
+  EXPECT_THAT(stop(),
+              Lines("send s1 'r' failed", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"))
       << "one attempt, whatever the number of entries";
 }
 
@@ -771,9 +764,9 @@ TEST_F(SendLoop, StopAsASecondaryAcceptsStillSendsTheEmptyMessage) {
   sends(switching({}));
   write("r");
   const auto rest = after(switched("r"), run("send s2 'r' ok"));
-  EXPECT_THAT(rest, ElementsAre(kIdle, "disconnect s2 tcp://a:5555", "close s2"));
+  EXPECT_THAT(rest, Lines(kIdle, "disconnect s2 tcp://a:5555", "close s2"));
   EXPECT_EQ(worker->queue.size(), 1u) << "the entry of the delivered record";
-  EXPECT_THAT(stop(), ElementsAre("disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
+  EXPECT_THAT(stop(), Lines("disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
 
 TEST_F(SendLoop, StopBeforeAFailingEmptySendMakesItASingleAttempt) {
@@ -783,8 +776,8 @@ TEST_F(SendLoop, StopBeforeAFailingEmptySendMakesItASingleAttempt) {
   const auto story = run("warning: Switched");
   EXPECT_THAT(
       std::vector<std::string>(story.begin() + 9, story.end()),
-      ElementsAre("send s2 'r' ok", switched_to("tcp://a:5555"), "send s2 '' failed",
-                  secondary_gone("tcp://a:5555"), "disconnect s2 tcp://a:5555", "close s2", kIdle));
+      Lines("send s2 'r' ok", switched_to("tcp://a:5555"), "send s2 '' failed",
+            secondary_gone("tcp://a:5555"), "disconnect s2 tcp://a:5555", "close s2", kIdle));
   EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(failed(), 3u);
 }
@@ -795,11 +788,11 @@ TEST_F(SendLoop, StopWhileASecondaryFailsRequeuesTheRecord) {
   write("r1");
   write("r2");
   const auto rest = after(switched("r1"), run("send s2 'r2' failed"));
-  EXPECT_THAT(rest, ElementsAre("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed",
-                                "send s2 'r2' failed", secondary_gone("tcp://a:5555"),
-                                "disconnect s2 tcp://a:5555", "close s2", kIdle));
-  EXPECT_THAT(stop(), ElementsAre("send s1 'r2' failed", "disconnect s1 tcp://p:5555", "close s1",
-                                  "ctx_destroy"));
+  EXPECT_THAT(
+      rest, Lines("send s1 'r2' failed", kRetryPause, "send s1 'r2' failed", "send s2 'r2' failed",
+                  secondary_gone("tcp://a:5555"), "disconnect s2 tcp://a:5555", "close s2", kIdle));
+  EXPECT_THAT(stop(), Lines("send s1 'r2' failed", "disconnect s1 tcp://p:5555", "close s1",
+                            "ctx_destroy"));
 }
 
 TEST_F(SendLoop, StopDuringThePrimarysFailureInAnotherStateGivesUpTheRecord) {
@@ -808,8 +801,7 @@ TEST_F(SendLoop, StopDuringThePrimarysFailureInAnotherStateGivesUpTheRecord) {
   write("r1");
   write("r2");
   const auto rest = after(switched("r1"), run("send s1 'r2' failed"));
-  EXPECT_THAT(rest,
-              ElementsAre("send s1 'r2' failed", kIdle, "disconnect s2 tcp://a:5555", "close s2"));
+  EXPECT_THAT(rest, Lines("send s1 'r2' failed", kIdle, "disconnect s2 tcp://a:5555", "close s2"));
 }
 
 TEST_F(SendLoop, ARecordAbandonedOnStopIsFlushedFromTheEntriesThatItLeft) {
@@ -817,12 +809,12 @@ TEST_F(SendLoop, ARecordAbandonedOnStopIsFlushedFromTheEntriesThatItLeft) {
   sends({kFail, kFail, kFail, kFail, kFail});
   write("r");
   EXPECT_THAT(run("send s1 'r' failed", 5),
-              ElementsAre("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
-                          "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
-                          "send s1 'r' failed", kIdle));
+              Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
+                    "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
+                    "send s1 'r' failed", kIdle));
   EXPECT_EQ(worker->queue.size(), 2u);
-  EXPECT_THAT(stop(), ElementsAre("send s1 'r' ok", "disconnect s1 tcp://p:5555", "close s1",
-                                  "ctx_destroy"));
+  EXPECT_THAT(stop(),
+              Lines("send s1 'r' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
   EXPECT_EQ(sent(), 1u);
 }
 
@@ -832,8 +824,8 @@ TEST_F(SendLoop, StopDuringTheHoldOffEndsIt) {
   zmq.on_init_size = failing_call(2);
   write("r");
   EXPECT_THAT(run(kRetryPause, 3),
-              ElementsAre("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
-                          kInitFailed, kIdle, kRetryPause, kRetryPause));
+              Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
+                    kInitFailed, kIdle, kRetryPause, kRetryPause));
 }
 
 TEST_F(SendLoop, StopDuringTheRefillFinishesIt) {
@@ -841,8 +833,7 @@ TEST_F(SendLoop, StopDuringTheRefillFinishesIt) {
   FakeSpool::put("d1");
   FakeSpool::put("d2");
   write("a");
-  EXPECT_THAT(run("spool get"),
-              ElementsAre("send s1 'a' ok", "spool get 'd2'", "spool get 'd1'", kIdle));
+  EXPECT_THAT(run("spool get"), Lines("send s1 'a' ok", "spool get 'd2'", "spool get 'd1'", kIdle));
   EXPECT_EQ(worker->queue.size(), 2u);
 }
 
@@ -850,7 +841,7 @@ TEST_F(SendLoop, StopWhileAMessageCannotBeInitialisedEndsTheLoop) {
   connect();
   zmq.on_init_size = [](size_t) { return kFail; };
   write("a");
-  EXPECT_THAT(run(kInitFailed), ElementsAre(kInitFailed, kIdle));
+  EXPECT_THAT(run(kInitFailed), Lines(kInitFailed, kIdle));
   zmq.on_init_size = nullptr;
 }
 

@@ -40,6 +40,12 @@ inline std::string secondary_gone(const std::string& server) {
   return "warning: Secondary server " + server + " is not responding";
 }
 
+/// Matches these lines and no others, like ElementsAre, but compiles in half the time.
+template <typename... Line>
+auto Lines(Line... lines) {
+  return ::testing::ElementsAreArray(std::vector<std::string>{std::string(lines)...});
+}
+
 class WorkerFixture : public ::testing::Test {
  protected:
   using Worker = logging::writer::ZmqWorker;

@@ -12,7 +12,7 @@
 
 using logging::writer::ZmqWorker;
 using test::FakeZmq;
-using ::testing::ElementsAre;
+using test::Lines;
 using ::testing::IsEmpty;
 
 namespace {
@@ -113,7 +113,7 @@ TEST_F(Configuration, ArgumentsAreTheDefaultsOfSettingsThatAreNotGiven) {
   init("first", "KEY", "second");
   EXPECT_EQ(worker->server, "tcp://first:5555");
   EXPECT_EQ(worker->public_key, "KEY");
-  EXPECT_THAT(worker->secondary_servers, ElementsAre("tcp://second:5555"));
+  EXPECT_THAT(worker->secondary_servers, Lines("tcp://second:5555"));
   EXPECT_FALSE(worker->running);
 }
 
@@ -121,7 +121,7 @@ TEST_F(Configuration, WithoutAnySettingsFileTheArgumentsHold) {
   init("first", "KEY", "second");
   EXPECT_EQ(worker->server, "tcp://first:5555");
   EXPECT_EQ(worker->public_key, "KEY");
-  EXPECT_THAT(worker->secondary_servers, ElementsAre("tcp://second:5555"));
+  EXPECT_THAT(worker->secondary_servers, Lines("tcp://second:5555"));
 }
 
 TEST_F(Configuration, SettingsWinOverTheArguments) {
@@ -129,7 +129,7 @@ TEST_F(Configuration, SettingsWinOverTheArguments) {
   init("first", "KEY", "second");
   EXPECT_EQ(worker->server, "tcp://a:1");
   EXPECT_EQ(worker->public_key, "OTHER");
-  EXPECT_THAT(worker->secondary_servers, ElementsAre("tcp://b:2", "tcp://c:3"));
+  EXPECT_THAT(worker->secondary_servers, Lines("tcp://b:2", "tcp://c:3"));
 }
 
 TEST_F(Configuration, ThePrimaryIsNotTrimmed) {
@@ -144,25 +144,24 @@ TEST_F(Configuration, NoPrimaryAtAllIsNormalisedAllTheSame) {
 
 TEST_F(Configuration, SecondaryListIsSplitAtCommasAndTrimmed) {
   init();
-  EXPECT_THAT(secondaries_of("a ,   , b ,"), ElementsAre("tcp://a:5555", "tcp://b:5555"));
-  EXPECT_THAT(secondaries_of(",a"), ElementsAre("tcp://a:5555"));
+  EXPECT_THAT(secondaries_of("a ,   , b ,"), Lines("tcp://a:5555", "tcp://b:5555"));
+  EXPECT_THAT(secondaries_of(",a"), Lines("tcp://a:5555"));
   EXPECT_THAT(secondaries_of(""), IsEmpty());
   EXPECT_THAT(secondaries_of(","), IsEmpty());
   EXPECT_THAT(secondaries_of("   "), IsEmpty());
-  EXPECT_THAT(secondaries_of("\t a:1 \r\n"), ElementsAre("tcp://a:1"));
-  EXPECT_THAT(secondaries_of("a,,b"), ElementsAre("tcp://a:5555", "tcp://b:5555"));
-  EXPECT_THAT(secondaries_of("a,b c,d"),
-              ElementsAre("tcp://a:5555", "tcp://b c:5555", "tcp://d:5555"));
+  EXPECT_THAT(secondaries_of("\t a:1 \r\n"), Lines("tcp://a:1"));
+  EXPECT_THAT(secondaries_of("a,,b"), Lines("tcp://a:5555", "tcp://b:5555"));
+  EXPECT_THAT(secondaries_of("a,b c,d"), Lines("tcp://a:5555", "tcp://b c:5555", "tcp://d:5555"));
 }
 
 TEST_F(Configuration, SecondaryListKeepsOrderAndDuplicates) {
   init();
-  EXPECT_THAT(secondaries_of("z,a,z"), ElementsAre("tcp://z:5555", "tcp://a:5555", "tcp://z:5555"));
+  EXPECT_THAT(secondaries_of("z,a,z"), Lines("tcp://z:5555", "tcp://a:5555", "tcp://z:5555"));
 }
 
 TEST_F(Configuration, SecondaryListTakesBytesBeyondAsciiAsTheyAre) {
   init();
-  EXPECT_THAT(secondaries_of("\xe9\xff , b"), ElementsAre("tcp://\xe9\xff:5555", "tcp://b:5555"));
+  EXPECT_THAT(secondaries_of("\xe9\xff , b"), Lines("tcp://\xe9\xff:5555", "tcp://b:5555"));
 }
 
 // -- Spool limits ---------------------------------------------------------------------------------
@@ -170,56 +169,54 @@ TEST_F(Configuration, SecondaryListTakesBytesBeyondAsciiAsTheyAre) {
 TEST_F(Configuration, OnAHundredGigabyteDiskTheAbsoluteLimitWins) {
   disk.blocks = 100u * 1024 * 256;  // of 4096 bytes
   init();
-  EXPECT_THAT(infos(),
-              ElementsAre("info: Disk size is 102400.00Mb, setting maximum usage to 500Mb"));
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 524288000"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 102400.00Mb, setting maximum usage to 500Mb"));
+  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 524288000"));
 }
 
 TEST_F(Configuration, OnATwoGigabyteDiskTheRelativeLimitWinsTruncated) {
   disk.blocks = 2048 * 256;
   init();
-  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 2048.00Mb, setting maximum usage to 204Mb"));
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 213909504"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 2048.00Mb, setting maximum usage to 204Mb"));
+  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 213909504"));
 }
 
 TEST_F(Configuration, EqualLimitsGiveTheAbsoluteOne) {
   disk.blocks = 5000 * 256;
   init();
-  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 5000.00Mb, setting maximum usage to 500Mb"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 5000.00Mb, setting maximum usage to 500Mb"));
 }
 
 TEST_F(Configuration, FourGigabytesWrapToZeroInTheShift) {
   set("disk.usage.absolute = 4096\n");
   init();
-  EXPECT_THAT(infos(),
-              ElementsAre("info: Disk size is 1048576.00Mb, setting maximum usage to 4096Mb"));
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 0"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 1048576.00Mb, setting maximum usage to 4096Mb"));
+  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 0"));
 }
 
 TEST_F(Configuration, TwoGigabytesWrapToANegativeLimit) {
   set("disk.usage.absolute = 2048\npqueue.chunk.size = 2049\n");
   init();
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits -2146435072 -2147483648"));
+  EXPECT_THAT(limits(), Lines(".spool_limits -2146435072 -2147483648"));
 }
 
 TEST_F(Configuration, LimitsComeFromTheSettings) {
   set("disk.usage.relative = 50\ndisk.usage.absolute = 70\npqueue.chunk.size = 3\n");
   disk.blocks = 100 * 256;
   init();
-  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 100.00Mb, setting maximum usage to 50Mb"));
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits 3145728 52428800"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 100.00Mb, setting maximum usage to 50Mb"));
+  EXPECT_THAT(limits(), Lines(".spool_limits 3145728 52428800"));
 }
 
 TEST_F(Configuration, NegativeLimitsAreShiftedAsTheyAre) {
   set("disk.usage.absolute = -1\npqueue.chunk.size = -1\n");
   init();
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits -1048576 -1048576"));
+  EXPECT_THAT(limits(), Lines(".spool_limits -1048576 -1048576"));
 }
 
 TEST_F(Configuration, ARelativeLimitThatNoIntHoldsIsNoUndefinedBehaviour) {
   set("disk.usage.relative = -2147483648\ndisk.usage.absolute = 2147483647\n");
   init();
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 0"));
+  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 0"));
 }
 
 TEST_F(Configuration, TheWorkingFoldersDiskIsMeasuredByBlockSizeNotFragmentSize) {
@@ -228,27 +225,27 @@ TEST_F(Configuration, TheWorkingFoldersDiskIsMeasuredByBlockSizeNotFragmentSize)
   disk.blocks = 128 * 10;
   init();
   EXPECT_EQ(disk.asked, "/the/working/folder");
-  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 10.00Mb, setting maximum usage to 1Mb"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 10.00Mb, setting maximum usage to 1Mb"));
 }
 
 TEST_F(Configuration, WithoutAWorkingFolderTheLineAndTheLimitsAreStillGiven) {
   disk.working_folder.clear();
   init();
-  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 0"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
+  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 0"));
 }
 
 TEST_F(Configuration, AWorkingFolderTooLongForTheBufferCountsAsNone) {
   disk.working_folder = "/" + std::string(1023, 'x');
   init();
-  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
 }
 
 TEST_F(Configuration, ADiskThatCannotBeMeasuredCountsAsEmpty) {
   disk.statvfs_works = false;
   init();
-  EXPECT_THAT(infos(), ElementsAre("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
-  EXPECT_THAT(limits(), ElementsAre(".spool_limits 10485760 0"));
+  EXPECT_THAT(infos(), Lines("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
+  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 0"));
 }
 
 TEST_F(Configuration, ASecondWorkerKeepsTheSpoolAndItsLimits) {
@@ -265,12 +262,12 @@ TEST_F(Configuration, AWorkerAfterAStoppedOneOpensTheSpoolAnew) {
   init();
   open_context();
   stop();
-  EXPECT_THAT(log.starting_with(".spool"), ElementsAre(".spool_close"));
+  EXPECT_THAT(log.starting_with(".spool"), Lines(".spool_close"));
   delete worker;
   log.clear();
   init();
   EXPECT_THAT(log.starting_with(".spool"),
-              ElementsAre(".spool_open", ".spool_limits 10485760 524288000"));
+              Lines(".spool_open", ".spool_limits 10485760 524288000"));
 }
 
 // -- Connect --------------------------------------------------------------------------------------
@@ -338,11 +335,11 @@ const char kLowerDigits[] = "0123456789abcdef";
 TEST_F(Connecting, EveryOptionIsSetInOrderWithItsValueAndLength) {
   ASSERT_NE(keep(connect_with_key(hex_of(raw_key(), kUpperDigits))), nullptr);
   EXPECT_THAT(log.all(),
-              ElementsAre("socket s1", ".setsockopt s1 27 length 4", ".setsockopt s1 28 length 4",
-                          ".setsockopt s1 17 length 4", ".setsockopt s1 39 length 4",
-                          ".setsockopt s1 23 length 4", ".curve_keypair",
-                          ".setsockopt s1 48 length 41", ".setsockopt s1 49 length 41",
-                          ".setsockopt s1 50 length 32", "connect s1 tcp://host:1 ok"));
+              Lines("socket s1", ".setsockopt s1 27 length 4", ".setsockopt s1 28 length 4",
+                    ".setsockopt s1 17 length 4", ".setsockopt s1 39 length 4",
+                    ".setsockopt s1 23 length 4", ".curve_keypair", ".setsockopt s1 48 length 41",
+                    ".setsockopt s1 49 length 41", ".setsockopt s1 50 length 32",
+                    "connect s1 tcp://host:1 ok"));
   const auto options = zmq.options();
   ASSERT_EQ(options.size(), 8u);
   EXPECT_EQ(options[0].bytes, int_bytes(3000));
@@ -377,10 +374,10 @@ TEST_F(Connecting, WithALibzmqThatLacksCurveNothingIsConnected) {
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(worker->Connect("tcp://host:1"), nullptr);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-  EXPECT_THAT(log.story(), ElementsAre("socket s2",
-                                       "error: This libzmq has no CURVE security: nothing will be "
-                                       "sent. Install a libzmq that was built with it.",
-                                       "close s2"));
+  EXPECT_THAT(log.story(), Lines("socket s2",
+                                 "error: This libzmq has no CURVE security: nothing will be "
+                                 "sent. Install a libzmq that was built with it.",
+                                 "close s2"));
 }
 
 TEST_F(Connecting, EveryConnectionHasAKeyPairOfItsOwn) {
@@ -481,15 +478,14 @@ TEST_F(Connecting, BytesBeyondAsciiAreTakenAsSignedCharacters) {
 TEST_F(Connecting, WithoutASocketThereIsAnErrorAndNull) {
   zmq.on_socket = [] { return test::kFail; };
   EXPECT_EQ(connect_with_key(""), nullptr);
-  EXPECT_THAT(log.all(), ElementsAre("socket failed", "error: Failed to open ZMQ socket"));
+  EXPECT_THAT(log.all(), Lines("socket failed", "error: Failed to open ZMQ socket"));
 }
 
 TEST_F(Connecting, ARefusedEndpointIsReportedAndItsSocketClosed) {
   zmq.on_connect = [](const std::string&) { return test::kFail; };
   EXPECT_EQ(connect_with_key("", "nonsense"), nullptr);
-  EXPECT_THAT(log.story(),
-              ElementsAre("socket s1", "connect s1 nonsense failed",
-                          "error: Failed to connect to ZMQ server nonsense", "close s1"));
+  EXPECT_THAT(log.story(), Lines("socket s1", "connect s1 nonsense failed",
+                                 "error: Failed to connect to ZMQ server nonsense", "close s1"));
 }
 
 // -- Start ----------------------------------------------------------------------------------------
@@ -533,8 +529,8 @@ TEST_F(Starting, ASecondStartDoesNothing) {
   init();
   worker->Start();
   worker->Start();
-  EXPECT_THAT(log.starting_with("ctx_new"), ElementsAre("ctx_new"));
-  EXPECT_THAT(log.starting_with("socket"), ElementsAre("socket s1"));
+  EXPECT_THAT(log.starting_with("ctx_new"), Lines("ctx_new"));
+  EXPECT_THAT(log.starting_with("socket"), Lines("socket s1"));
 }
 
 TEST_F(Starting, WithoutAPrimarySocketTheWorkerStaysIdle) {
@@ -542,9 +538,8 @@ TEST_F(Starting, WithoutAPrimarySocketTheWorkerStaysIdle) {
   init();
   log.clear();
   worker->Start();
-  EXPECT_THAT(log.story(),
-              ElementsAre("ctx_new", "socket failed", "error: Failed to open ZMQ socket",
-                          "error: Failed to open ZMQ socket"));
+  EXPECT_THAT(log.story(), Lines("ctx_new", "socket failed", "error: Failed to open ZMQ socket",
+                                 "error: Failed to open ZMQ socket"));
   EXPECT_FALSE(worker->running);
   EXPECT_NE(worker->context, nullptr);
 }
@@ -554,9 +549,9 @@ TEST_F(Starting, ARefusedPrimaryIsReportedTwice) {
   init("bad");
   log.clear();
   worker->Start();
-  EXPECT_THAT(log.story(), ElementsAre("ctx_new", "socket s1", "connect s1 tcp://bad:5555 failed",
-                                       "error: Failed to connect to ZMQ server tcp://bad:5555",
-                                       "close s1", "error: Failed to open ZMQ socket"));
+  EXPECT_THAT(log.story(), Lines("ctx_new", "socket s1", "connect s1 tcp://bad:5555 failed",
+                                 "error: Failed to connect to ZMQ server tcp://bad:5555",
+                                 "close s1", "error: Failed to open ZMQ socket"));
   EXPECT_FALSE(worker->running);
 }
 
@@ -572,8 +567,8 @@ TEST_F(Starting, WithoutASendThreadTheWorkerStaysIdle) {
   worker->Start();
   ASSERT_EQ(pthread_setattr_default_np(&before), 0);
   EXPECT_FALSE(worker->running);
-  EXPECT_THAT(log.story(), ElementsAre("ctx_new", "socket s1", "connect s1 tcp://p:5555 ok",
-                                       "error: Failed to start the send thread"));
+  EXPECT_THAT(log.story(), Lines("ctx_new", "socket s1", "connect s1 tcp://p:5555 ok",
+                                 "error: Failed to start the send thread"));
   pthread_attr_destroy(&before);
   pthread_attr_destroy(&too_large);
 }
@@ -603,7 +598,7 @@ TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
   log.clear();
   write_many(502);
   EXPECT_EQ(worker->queue.size(), 500u);
-  EXPECT_THAT(test::FakeSpool::contents(), ElementsAre("r500", "r501"));
+  EXPECT_THAT(test::FakeSpool::contents(), Lines("r500", "r501"));
 
   log.clear();
   ::testing::internal::CaptureStdout();

@@ -41,7 +41,7 @@ TEST_F(Queue, MessagesAreCopied) {
   std::string body = "before";
   worker->Write(body.size(), body.data());
   body = "after!";
-  EXPECT_THAT(run(), ElementsAre("send s1 'before' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 'before' ok", kIdle));
 }
 
 TEST_F(Queue, FiveHundredAndFirstMessageGoesToTheSpool) {
@@ -51,7 +51,7 @@ TEST_F(Queue, FiveHundredAndFirstMessageGoesToTheSpool) {
   EXPECT_EQ(worker->queue.size(), 500u);
   write("r500");
   write("r501");
-  EXPECT_THAT(FakeSpool::contents(), ElementsAre("r500", "r501"));
+  EXPECT_THAT(FakeSpool::contents(), Lines("r500", "r501"));
   EXPECT_EQ(worker->queue.size(), 500u);
 }
 
@@ -91,7 +91,7 @@ TEST_F(Queue, SeventyThousandBytesAreSpooledAsTheirFirst4464) {
   for (size_t i = 0; i < body.size(); ++i)
     body[i] = static_cast<char>('a' + i % 26);
   write(body);
-  EXPECT_THAT(FakeSpool::contents(), ElementsAre(body.substr(0, 4464)));
+  EXPECT_THAT(FakeSpool::contents(), Lines(body.substr(0, 4464)));
   EXPECT_EQ(status().cut, 1u);
 }
 
@@ -102,14 +102,14 @@ TEST_F(Queue, SpooledLengthsAreTakenModulo65536) {
   EXPECT_EQ(status().cut, 0u);
   write(std::string(65536, 'y'));
   write(std::string(65537, 'z'));
-  EXPECT_THAT(FakeSpool::contents(), ElementsAre(std::string(65535, 'x'), "", "z"));
+  EXPECT_THAT(FakeSpool::contents(), Lines(std::string(65535, 'x'), "", "z"));
   EXPECT_EQ(status().cut, 2u);
 }
 
 TEST_F(Queue, InMemoryTheSameMessageKeepsItsLength) {
   connect();
   write(std::string(70000, 'x'));
-  EXPECT_THAT(run(), ElementsAre("send s1 '" + std::string(70000, 'x') + "' ok", kIdle));
+  EXPECT_THAT(run(), Lines("send s1 '" + std::string(70000, 'x') + "' ok", kIdle));
   EXPECT_EQ(status().cut, 0u);
 }
 
@@ -119,7 +119,7 @@ TEST_F(Queue, EntriesOfFailedPassesCountTowardsTheFiveHundred) {
   write_many(500);
   run(kNotResponding);  // 499 and one entry of the record in work
   write("more");
-  EXPECT_THAT(FakeSpool::contents(), ElementsAre("more"));
+  EXPECT_THAT(FakeSpool::contents(), Lines("more"));
 }
 
 TEST_F(Queue, AfterStopWhatFindsNoRoomInMemoryIsDroppedQuietly) {
@@ -144,7 +144,7 @@ TEST_F(Queue, WithTheQueueFullAMessageIsSpooledWithoutMemoryForTheBody) {
   connect();
   write_many(500);
   worker->Write(1UL << 62, "x");  // modulo 65536 that is a message of no bytes
-  EXPECT_THAT(FakeSpool::contents(), ElementsAre(""));
+  EXPECT_THAT(FakeSpool::contents(), Lines(""));
 }
 
 // -- Stop -----------------------------------------------------------------------------------------
@@ -155,12 +155,12 @@ TEST_F(Stopping, EndsEverythingInOrder) {
   write("b");
   stop();
   EXPECT_THAT(log.all(),
-              ElementsAre(".msg_init_size 1", ".msg_init_data 1", ".msg_close", "send s1 'a' ok",
-                          ".msg_close",  //
-                          ".msg_init_size 1", ".msg_init_data 1", ".msg_close", "send s1 'b' ok",
-                          ".msg_close",  //
-                          "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy", ".spool_close",
-                          ".deliver_pending"));
+              Lines(".msg_init_size 1", ".msg_init_data 1", ".msg_close", "send s1 'a' ok",
+                    ".msg_close",  //
+                    ".msg_init_size 1", ".msg_init_data 1", ".msg_close", "send s1 'b' ok",
+                    ".msg_close",  //
+                    "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy", ".spool_close",
+                    ".deliver_pending"));
   EXPECT_EQ(worker->socket, nullptr);
   EXPECT_EQ(worker->context, nullptr);
 }
@@ -171,9 +171,9 @@ TEST_F(Stopping, WithThePrimaryDownEachRecordGetsOneAttemptAndIsDropped) {
   write_many(5);
   EXPECT_EQ(stop_and_read_stdout(), "ZMQ worker finished, sent 0 messages, failed 5 times\n");
   EXPECT_THAT(log.story(),
-              ElementsAre("send s1 'r0' failed", "send s1 'r1' failed", "send s1 'r2' failed",
-                          "send s1 'r3' failed", "send s1 'r4' failed",
-                          "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
+              Lines("send s1 'r0' failed", "send s1 'r1' failed", "send s1 'r2' failed",
+                    "send s1 'r3' failed", "send s1 'r4' failed", "disconnect s1 tcp://p:5555",
+                    "close s1", "ctx_destroy"));
   EXPECT_TRUE(worker->queue.empty());
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
   EXPECT_EQ(worker->DroppedByFlush(), 5u);
@@ -247,8 +247,8 @@ TEST_F(Stopping, TheRecordInWorkWhoseSendThenFailsIsLostWithoutASecondAttempt) {
   EXPECT_EQ(failed(), failed_before + 1);
   EXPECT_EQ(status().in_work, 0);
   zmq.on_send = nullptr;
-  EXPECT_THAT(stop(), ElementsAre("send s1 'third' ok", "disconnect s1 tcp://p:5555", "close s1",
-                                  "ctx_destroy"));
+  EXPECT_THAT(stop(),
+              Lines("send s1 'third' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
   EXPECT_EQ(worker->DroppedByFlush(), 0u);
   EXPECT_EQ(failed(), failed_before + 1);
 }
@@ -257,8 +257,8 @@ TEST_F(Stopping, SecondariesAreNotUsedByTheFlush) {
   connect("a");
   primary_down();
   write("r");
-  EXPECT_THAT(stop(), ElementsAre("send s1 'r' failed", "disconnect s1 tcp://p:5555", "close s1",
-                                  "ctx_destroy"));
+  EXPECT_THAT(stop(),
+              Lines("send s1 'r' failed", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
 
 TEST_F(Stopping, SpooledMessagesStayInTheSpool) {
@@ -267,7 +267,7 @@ TEST_F(Stopping, SpooledMessagesStayInTheSpool) {
   write("r");
   stop();
   EXPECT_THAT(log.starting_with("spool"), IsEmpty());
-  EXPECT_THAT(FakeSpool::contents(), ElementsAre("d"));
+  EXPECT_THAT(FakeSpool::contents(), Lines("d"));
 }
 
 TEST_F(Stopping, ARecordWithManyEntriesIsFlushedOnceAndInItsFirstPlace) {
@@ -278,8 +278,8 @@ TEST_F(Stopping, ARecordWithManyEntriesIsFlushedOnceAndInItsFirstPlace) {
   run(kNoSecondary, 3);
   ASSERT_EQ(worker->queue.size(), 5u) << "b and four entries of a";
   zmq.on_send = nullptr;
-  EXPECT_THAT(stop(), ElementsAre("send s1 'b' ok", "send s1 'a' ok", "disconnect s1 tcp://p:5555",
-                                  "close s1", "ctx_destroy"));
+  EXPECT_THAT(stop(), Lines("send s1 'b' ok", "send s1 'a' ok", "disconnect s1 tcp://p:5555",
+                            "close s1", "ctx_destroy"));
 }
 
 TEST_F(Stopping, EntriesOfDeliveredRecordsAreNotFlushed) {
@@ -290,7 +290,7 @@ TEST_F(Stopping, EntriesOfDeliveredRecordsAreNotFlushed) {
   ASSERT_EQ(worker->queue.size(), 2u);
   EXPECT_TRUE(worker->queue.front()->done);
   EXPECT_EQ(worker->queue.front()->data, nullptr) << "the body goes with the delivery";
-  EXPECT_THAT(stop(), ElementsAre("disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
+  EXPECT_THAT(stop(), Lines("disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
 
 TEST_F(Stopping, ARecordWhoseMessageCannotBeInitialisedIsLeftOutOfTheFlush) {
@@ -299,8 +299,8 @@ TEST_F(Stopping, ARecordWhoseMessageCannotBeInitialisedIsLeftOutOfTheFlush) {
   write("b");
   void* const body = worker->queue.front()->data;
   zmq.on_init_size = [calls = 0](size_t) mutable { return ++calls != 1; };
-  EXPECT_THAT(stop(), ElementsAre("send s1 'b' ok", "disconnect s1 tcp://p:5555", "close s1",
-                                  "ctx_destroy"));
+  EXPECT_THAT(stop(),
+              Lines("send s1 'b' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
   EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(failed(), 0u);
   EXPECT_EQ(worker->DroppedByFlush(), 1u);
@@ -314,8 +314,8 @@ TEST_F(Stopping, AnEmptySpoolRecordIsFlushedAsAnEmptyMessage) {
   FakeSpool::promise_nothing(1);
   write("a");
   run("spool get nothing");
-  EXPECT_THAT(stop(), ElementsAre("send s1 '' ok", "disconnect s1 tcp://p:5555", "close s1",
-                                  "ctx_destroy"));
+  EXPECT_THAT(stop(),
+              Lines("send s1 '' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
 
 // -- FillStatus -----------------------------------------------------------------------------------
