@@ -16,11 +16,6 @@ constexpr int64_t kLargestWindow = static_cast<int64_t>(kRecordHeaderSize) + UIN
 
 }  // namespace
 
-void HeadReader::forget() {
-  scan_known = false;
-  drop_window();
-}
-
 void HeadReader::prepare(FILE* file, int64_t start, int64_t top) {
   scan_known = false;
   if (start < top && !(window && start >= window_start))

@@ -15,7 +15,11 @@ class HeadReader {
   HeadReader& operator=(const HeadReader&) = delete;
 
   /// To be called when the file is another one, or was written to above the newest record.
-  void forget();
+  void forget() {
+    scan_known = false;
+    if (window)
+      drop_window();
+  }
 
   /// To be called before the newest record, which starts at `start`, is read and taken: reads it
   /// and what lies below it, in one go for the Gets to come.
