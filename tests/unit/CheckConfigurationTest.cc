@@ -1,11 +1,13 @@
-// What check makes of a configuration: the same as the worker, and a finding for each oddity.
+// Checks of a configuration: they see what the worker uses, and find what is wrong with it.
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <zmq.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <random>
+#include <tuple>
 
 #include "Configuration.h"
 #include "FakeDisk.h"
@@ -14,6 +16,7 @@
 #include "Text.h"
 #include "WorkerFixture.h"
 
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -24,7 +27,7 @@ using namespace zmqwriter;
 
 const char kGoodKey[] = "0F1E2D3C4B5A69788796A5B4C3D2E1F00F1E2D3C4B5A69788796A5B4C3D2E1F0";
 
-/// A worker at hand, as its tests have it, and check beside it.
+/// A worker, as its own tests have it, and the check of the same configuration.
 class CheckConfiguration : public test::WorkerFixture {
  protected:
   CheckConfiguration() {
@@ -232,7 +235,7 @@ TEST_P(CheckAnyConfiguration, ShowsWhatTheWorkerUses) {
     constants[name] = piece();
   SCOPED_TRACE(lines);
   expect_the_same_as_the_worker();
-  // Whatever it is, judging it must be possible.
+  // The checks take any text.
   endpoint_findings();
   look().CheckKey(false, &findings);
 }
@@ -280,7 +283,7 @@ TEST_F(CheckConfiguration, EmptySettingInTheFileWinsOverTheConstant) {
   redef("zmq_primary_server", "a");
   EXPECT_EQ(source_of("zmq.server"), "settings file");
   EXPECT_THAT(endpoint_findings(), ElementsAre("error server-missing"));
-  EXPECT_THAT(text(), HasSubstr("settings: zmq.server is empty"));
+  EXPECT_THAT(text(), HasSubstr("settings: zmq.server"));
 }
 
 TEST_F(CheckConfiguration, TextWhereANumberMustBeIsFound) {
@@ -288,8 +291,7 @@ TEST_F(CheckConfiguration, TextWhereANumberMustBeIsFound) {
   look().CheckNumbers(&findings);
   EXPECT_THAT(named(findings),
               ElementsAre("warning setting-not-a-number", "warning setting-not-a-number"));
-  EXPECT_THAT(findings[0].text, HasSubstr("disk.usage.relative = 'ten'"));
-  EXPECT_THAT(findings[0].text, HasSubstr("default 10 is used"));
+  EXPECT_THAT(findings[0].text, HasSubstr("settings: disk.usage.relative = 'ten'"));
   EXPECT_THAT(findings[1].text, HasSubstr("settings: pqueue.chunk.size = "));
   EXPECT_EQ(look().setting("disk.usage.absolute").value, "500");
   EXPECT_EQ(source_of("disk.usage.absolute"), "settings file");
@@ -304,8 +306,7 @@ TEST_F(CheckConfiguration, MistypedNameOfASettingIsFound) {
     SCOPED_TRACE(key);
     ASSERT_THAT(name_findings("# zmq.none = 1\n " + std::string(key) + "= b\n"),
                 ElementsAre("warning setting-unknown"));
-    EXPECT_THAT(text(), HasSubstr("settings: '" + std::string(key) + "' is no setting"));
-    EXPECT_THAT(findings[0].remedy, HasSubstr("zmq.secondary_servers, disk.usage.relative"));
+    EXPECT_THAT(text(), HasSubstr("settings: '" + std::string(key) + "'"));
   }
 }
 
@@ -320,7 +321,7 @@ TEST_F(CheckConfiguration, SettingsOfThePlugInAndOfOthersAreFine) {
 TEST_F(CheckConfiguration, ByteOrderMarkThatHidesTheFirstSettingIsFound) {
   EXPECT_THAT(name_findings("\xef\xbb\xbfzmq.server = a\nzmq.public_key = b\n"),
               ElementsAre("warning setting-unknown"));
-  EXPECT_THAT(text(), HasSubstr("'zmq.server' is not read: the file begins with a byte order"));
+  EXPECT_THAT(text(), HasSubstr("byte order mark"));
 }
 
 TEST_F(CheckConfiguration, SettingsThatCameThroughAPipeAreNotReadOnceMore) {
@@ -335,72 +336,42 @@ TEST_F(CheckConfiguration, SettingsThatCameThroughAPipeAreNotReadOnceMore) {
 
 TEST_F(CheckConfiguration, OrdinaryEndpointsAreFine) {
   for (const char* server :
-       {"collector", "collector.example.net:5555", "tcp://10.0.0.1:6000", "10.0.0.1",
-        "tcp://127.0.0.1:0;10.0.0.1:6000", "ipc:///tmp/sock:5555", "ipc://@name:1"}) {
+       {"collector", "collector.example.net:5555", "tcp://10.0.0.1:6000", "10.0.0.1", "h:1",
+        "h:65535", "tcp://127.0.0.1:0;10.0.0.1:6000", "ipc:///tmp/sock:5555", "ipc://@name:1"}) {
     SCOPED_TRACE(server);
     EXPECT_THAT(findings_of(server), IsEmpty());
+  }
+}
+
+TEST_F(CheckConfiguration, EndpointsThatCannotWorkAreFound) {
+  const std::map<std::string, std::vector<std::string>> servers_by_finding = {
+      {"error server-missing", {""}},
+      {"warning endpoint-port-appended", {"ipc:///tmp/sock"}},
+      {"error endpoint-no-port", {"tcp://[::1]", "[2001:db8::1]"}},
+      {"error endpoint-ipv6",
+       {"[::1]:5555", "2001:db8::1", "::1", "1:2:3:4:5:6:7:8:5555", "fe80::1%eth0:5555",
+        "tcp://[fe80::1%eth0]:5555", "::ffff:10.0.0.1:5555"}},
+      {"error endpoint-no-host", {":7000", "tcp://", "tcp://a:1;"}},
+      {"error endpoint-port", {"h:", "h:0", "h:65536", "h:abc", "h:*", "h:+5", "h:99999999999999"}},
+      {"error endpoint-characters",
+       {"tcp:127.0.0.1:5", "user:pw:5", "tcp://a:1:2", "[h]:5555", "a,b", "\"h:5555\"", "'h'",
+        "a b", "a,b c", "tcp://h/path:1", "tcp://*:5555", "tcp://tcp://h:5", "\xe9", "$HOST:5555",
+        "a=b:1", ".", "-:1", "tcp://;127.0.0.1:1", "tcp://!:0;h:1"}},
+      {"error endpoint-scheme",
+       {"http://h:80", "udp://h:1", "inproc://h:1", "pgm://h:1", "://h", "ws://10.0.0.1:1",
+        "wss://h:1", "TCP://h:1"}}};
+  for (const auto& [finding, servers] : servers_by_finding) {
+    for (const std::string& server : servers) {
+      SCOPED_TRACE(server);
+      EXPECT_THAT(findings_of(server), ElementsAre(finding));
+      EXPECT_THAT(text(), HasSubstr(uris()[0]));
+    }
   }
 }
 
 TEST_F(CheckConfiguration, NoServerAnywhereIsFound) {
   set("");
   EXPECT_THAT(endpoint_findings(), ElementsAre("error server-missing"));
-  EXPECT_THAT(text(), HasSubstr("sets no zmq.server"));
-  EXPECT_THAT(text(), HasSubstr("tcp://:5555"));
-}
-
-TEST_F(CheckConfiguration, PortAppendedToAnotherSchemeIsFound) {
-  EXPECT_THAT(findings_of("ipc:///tmp/sock"), ElementsAre("warning endpoint-port-appended"));
-  EXPECT_THAT(text(), HasSubstr("'ipc:///tmp/sock:5555'"));
-}
-
-TEST_F(CheckConfiguration, ColonInBracketsThatKeepsThePortAwayIsFound) {
-  EXPECT_THAT(findings_of("tcp://[::1]"), ElementsAre("error endpoint-no-port"));
-  EXPECT_THAT(findings_of("[2001:db8::1]"), ElementsAre("error endpoint-no-port"));
-  EXPECT_THAT(text(), HasSubstr("'tcp://[2001:db8::1]' gets no port"));
-}
-
-TEST_F(CheckConfiguration, AddressOfIpVersionSixIsFound) {
-  EXPECT_THAT(findings_of("[::1]:5555"), ElementsAre("error endpoint-ipv6"));
-  for (const char* server : {"2001:db8::1", "::1", "1:2:3:4:5:6:7:8:5555", "fe80::1%eth0:5555",
-                             "tcp://[fe80::1%eth0]:5555", "::ffff:10.0.0.1:5555"}) {
-    SCOPED_TRACE(server);
-    EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-ipv6"));
-  }
-}
-
-TEST_F(CheckConfiguration, OtherColonsAreNotTakenForAnAddressOfIpVersionSix) {
-  for (const char* server : {"tcp:127.0.0.1:5", "user:pw:5", "tcp://a:1:2", "[h]:5555"}) {
-    SCOPED_TRACE(server);
-    EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-characters"));
-  }
-  EXPECT_THAT(findings_of("tcp:127.0.0.1:5"), ElementsAre("error endpoint-characters"));
-  EXPECT_THAT(text(), HasSubstr("has 'tcp:127.0.0.1' where its host must be"));
-}
-
-TEST_F(CheckConfiguration, MissingHostIsFound) {
-  EXPECT_THAT(findings_of(":7000"), ElementsAre("error endpoint-no-host"));
-  EXPECT_THAT(text(), HasSubstr("'tcp://:7000:5555'"));
-  EXPECT_THAT(findings_of("tcp://"), ElementsAre("error endpoint-no-host"));
-  EXPECT_THAT(findings_of("tcp://a:1;"), ElementsAre("error endpoint-no-host"));
-}
-
-TEST_F(CheckConfiguration, OddPortsAreFound) {
-  for (const char* server : {"h:", "h:0", "h:65536", "h:abc", "h:*", "h:+5", "h:99999999999999"}) {
-    SCOPED_TRACE(server);
-    EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-port"));
-  }
-  EXPECT_THAT(findings_of("h:65535"), IsEmpty());
-  EXPECT_THAT(findings_of("h:1"), IsEmpty());
-}
-
-TEST_F(CheckConfiguration, CharactersThatNoEndpointHasAreFound) {
-  for (const char* server : {"a,b", "\"h:5555\"", "'h'", "a b", "a,b c", "tcp://h/path:1",
-                             "tcp://*:5555", "tcp://tcp://h:5", "\xe9", "$HOST:5555", "a=b:1", ".",
-                             "-:1", "tcp://;127.0.0.1:1", "tcp://!:0;h:1"}) {
-    SCOPED_TRACE(server);
-    EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-characters"));
-  }
 }
 
 TEST_F(CheckConfiguration, PrimaryThatIsNotTrimmedIsFound) {
@@ -409,20 +380,11 @@ TEST_F(CheckConfiguration, PrimaryThatIsNotTrimmedIsFound) {
   EXPECT_THAT(endpoint_findings(), ElementsAre("error endpoint-characters"));
 }
 
-TEST_F(CheckConfiguration, SchemesThatLeadNowhereAreFound) {
-  for (const char* server : {"http://h:80", "udp://h:1", "inproc://h:1", "pgm://h:1", "://h",
-                             "ws://10.0.0.1:1", "wss://h:1", "TCP://h:1"}) {
-    SCOPED_TRACE(server);
-    EXPECT_THAT(findings_of(server), ElementsAre("error endpoint-scheme"));
-  }
-}
-
 TEST_F(CheckConfiguration, PathThatIsTooLongForASocketFileIsFound) {
   constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
   EXPECT_THAT(findings_of("ipc://" + std::string(kLongest - 2, 'x') + ":1"), IsEmpty());
   EXPECT_THAT(findings_of("ipc://" + std::string(kLongest - 1, 'x') + ":1"),
               ElementsAre("error endpoint-path"));
-  EXPECT_THAT(text(), HasSubstr("path of " + std::to_string(kLongest + 1) + " bytes"));
   // The port counts that gets appended.
   EXPECT_THAT(findings_of("ipc://" + std::string(kLongest, 'x')),
               ElementsAre("error endpoint-path"));
@@ -432,9 +394,8 @@ TEST_F(CheckConfiguration, ServerNamedTwiceIsFound) {
   set("zmq.server = a\nzmq.secondary_servers = b, a:5555, b\n");
   EXPECT_THAT(endpoint_findings(),
               ElementsAre("warning endpoint-repeated", "warning endpoint-repeated"));
-  EXPECT_THAT(findings[0].text,
-              HasSubstr("secondary server 2 'tcp://a:5555' is the primary server once more"));
-  EXPECT_THAT(findings[1].text, HasSubstr("is the secondary server 1 once more"));
+  EXPECT_THAT(findings[0].text, ContainsRegex("secondary server 2 'tcp://a:5555'.*primary server"));
+  EXPECT_THAT(findings[1].text, ContainsRegex("secondary server 3 .*secondary server 1"));
 }
 
 TEST_F(CheckConfiguration, SecondariesAreCheckedLikeThePrimary) {
@@ -442,13 +403,37 @@ TEST_F(CheckConfiguration, SecondariesAreCheckedLikeThePrimary) {
   EXPECT_THAT(endpoint_findings(),
               ElementsAre("error endpoint-characters", "warning endpoint-port-appended"));
   EXPECT_THAT(text(), HasSubstr("secondary server 1 'tcp://b c:5555'"));
-  EXPECT_THAT(findings[0].remedy, HasSubstr("separated by commas"));
 }
 
 // -- The key --------------------------------------------------------------------------------------
 
-TEST_F(CheckConfiguration, GoodKeyIsFine) {
-  EXPECT_THAT(key_findings(kGoodKey), IsEmpty());
+TEST_F(CheckConfiguration, KeyIsCheckedByItsFormAndByWhatItIsDecodedTo) {
+  const std::string good = kGoodKey;
+  const std::string z85 = "Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hID";
+  const std::string z85_digits = hex_digits(z85.data(), z85.size());
+  const std::string ones(62, '1');
+  // key, whether libzmq accepts it, finding, and what it is decoded to
+  const std::tuple<std::string, bool, std::string, std::string> cases[] = {
+      {"", false, "error key-empty", "to 0 bytes"},
+      {"0f" + ones, true, "error key-lower-case", "to another key, 2F111"},
+      {"f0" + ones, true, "warning key-lower-case", ""},
+      {"G1" + ones, true, "error key-not-hexadecimal", "to another key"},
+      {z85, false, "error key-z85", "to 20 bytes"},
+      {good.substr(1), false, "error key-too-short", "to 31 bytes"},
+      {"\"" + good + "\"", false, "error key-too-long", "to 33 bytes"},
+      {"\"" + good, true, "error key-too-long", "to another key"},
+      {good + "x", true, "warning key-too-long", "first 64 digits"},
+      {"0f" + ones + "1", true, "error key-too-long", "to another key, 2F111"},
+      {z85_digits, true, "warning key-too-long", "to 40 bytes"},
+      {z85_digits + "00", true, "warning key-too-long", "to 41 bytes"},
+      {z85_digits + "41", false, "error key-too-long", "to 41 bytes"}};
+  for (const auto& [key, accepted, finding, decoded] : cases) {
+    SCOPED_TRACE(key);
+    EXPECT_THAT(key_findings(key, accepted), ElementsAre(finding));
+    EXPECT_THAT(text(), HasSubstr(decoded));
+    EXPECT_EQ(text().find("no event leaves") != std::string::npos, finding[0] == 'e');
+  }
+  EXPECT_THAT(key_findings(good), IsEmpty());
 }
 
 TEST_F(CheckConfiguration, NoKeyAnywhereIsFound) {
@@ -457,78 +442,12 @@ TEST_F(CheckConfiguration, NoKeyAnywhereIsFound) {
   EXPECT_THAT(named(findings), ElementsAre("error key-missing"));
 }
 
-TEST_F(CheckConfiguration, EmptyKeyIsFound) {
-  EXPECT_THAT(key_findings("", false), ElementsAre("error key-empty"));
-  EXPECT_THAT(text(), HasSubstr("decoded to 0 bytes, which libzmq does not take"));
-}
-
-TEST_F(CheckConfiguration, LowerCaseKeyIsFoundAndShownAsDecoded) {
-  EXPECT_THAT(key_findings("0f" + std::string(62, '1')), ElementsAre("error key-lower-case"));
-  EXPECT_THAT(text(), HasSubstr("decoded to another key, 2F111"));
-}
-
-TEST_F(CheckConfiguration, LowerCaseKeyThatComesOutRightIsAWarning) {
-  EXPECT_THAT(key_findings("f0" + std::string(62, '1')), ElementsAre("warning key-lower-case"));
-  EXPECT_THAT(text(), HasSubstr("comes out right by luck"));
-}
-
-TEST_F(CheckConfiguration, KeyInZ85IsFound) {
-  EXPECT_THAT(key_findings("Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hID", false),
-              ElementsAre("error key-z85"));
-  EXPECT_THAT(text(), HasSubstr("looks like Z85"));
-  EXPECT_THAT(text(), HasSubstr("decoded to 20 bytes, which libzmq does not take"));
-}
-
-TEST_F(CheckConfiguration, KeyOneDigitShortIsFound) {
-  EXPECT_THAT(key_findings(std::string(kGoodKey).substr(1), false),
-              ElementsAre("error key-too-short"));
-  EXPECT_THAT(text(), HasSubstr("it has 63 characters"));
-  EXPECT_THAT(text(), HasSubstr("decoded to 31 bytes"));
-}
-
-TEST_F(CheckConfiguration, KeyThatIsTooLongIsFound) {
-  EXPECT_THAT(key_findings("\"" + std::string(kGoodKey) + "\"", false),
-              ElementsAre("error key-too-long"));
-  EXPECT_THAT(text(), HasSubstr("it has 66 characters), and characters that are no hexadecimal"));
-  EXPECT_THAT(text(), HasSubstr("decoded to 33 bytes, which libzmq does not take for a key; no "
-                                "event leaves the plug-in"));
-  EXPECT_THAT(key_findings("\"" + std::string(kGoodKey)), ElementsAre("error key-too-long"));
-  EXPECT_THAT(text(), HasSubstr("decoded to another key"));
-}
-
-TEST_F(CheckConfiguration, KeyWithOneCharacterBehindItComesOutRight) {
-  for (const char* surplus : {"0", "x", "\""}) {
-    EXPECT_THAT(key_findings(kGoodKey + std::string(surplus)), ElementsAre("warning key-too-long"));
-    EXPECT_THAT(text(), HasSubstr("it has 65 characters"));
-    EXPECT_THAT(text(), HasSubstr("decoded from its first 64 digits, and the rest is ignored"));
-    EXPECT_THAT(text(), Not(HasSubstr("no event leaves")));
-  }
-  EXPECT_THAT(key_findings("0f" + std::string(63, '1')), ElementsAre("error key-too-long"));
-  EXPECT_THAT(text(), HasSubstr("decoded to another key, 2F111"));
-}
-
-TEST_F(CheckConfiguration, DigitsOfAKeyInZ85AreTakenByLibzmq) {
-  const std::string digits = hex_digits("Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hID", 40);
-  for (const char* end : {"", "00"}) {
-    EXPECT_THAT(key_findings(digits + end), ElementsAre("warning key-too-long"));
-    EXPECT_THAT(text(), HasSubstr(" bytes, which libzmq reads as a key in Z85"));
-    EXPECT_THAT(text(), Not(HasSubstr("no event leaves")));
-  }
-  EXPECT_THAT(key_findings(digits + "41", false), ElementsAre("error key-too-long"));
-  EXPECT_THAT(text(), HasSubstr("41 bytes, which libzmq does not take for a key; no event leaves"));
-}
-
-TEST_F(CheckConfiguration, KeyWithOtherCharactersIsFound) {
-  EXPECT_THAT(key_findings("G" + std::string(63, '1')), ElementsAre("error key-not-hexadecimal"));
-  EXPECT_THAT(text(), HasSubstr("decoded to another key"));
-}
-
 TEST_F(CheckConfiguration, KeyOfAScriptConstantIsNamedByIt) {
   set("");
   redef("zmq_public_key", "AB");
   look().CheckKey(false, &findings);
-  EXPECT_THAT(text(), HasSubstr("LogZMQ::zmq_public_key is no key"));
-  EXPECT_THAT(text(), HasSubstr("decoded to 1 byte,"));
+  EXPECT_THAT(text(), HasSubstr("LogZMQ::zmq_public_key"));
+  EXPECT_THAT(text(), HasSubstr("to 1 byte,"));
 }
 
 // -- The disk -------------------------------------------------------------------------------------
@@ -547,48 +466,28 @@ TEST_F(CheckConfiguration, SmallDiskMakesTheRelativeLimitWin) {
   EXPECT_DOUBLE_EQ(report.disk_mb, 2048.0);
 }
 
-TEST_F(CheckConfiguration, LimitThatWrapsIsFound) {
-  EXPECT_THAT(disk_findings("disk.usage.absolute = 2047\n"), IsEmpty());
-  EXPECT_THAT(disk_findings("disk.usage.absolute = 2048\n"),
-              ElementsAre("warning disk-limit-wraps"));
-  EXPECT_THAT(text(), HasSubstr("2048 MB becomes -2147483648 bytes"));
-  EXPECT_THAT(disk_findings("disk.usage.absolute = 4096\n"),
-              ElementsAre("warning disk-limit-wraps"));
-  EXPECT_THAT(text(), HasSubstr("4096 MB becomes 0 bytes"));
-}
-
-TEST_F(CheckConfiguration, ChunkSizeThatWrapsIsFound) {
-  EXPECT_THAT(disk_findings("pqueue.chunk.size = 2048\n"), ElementsAre("warning chunk-size-wraps"));
-  EXPECT_THAT(text(), HasSubstr("every spooled event would begin a new file"));
-  EXPECT_THAT(disk_findings("pqueue.chunk.size = 4097\n"), ElementsAre("warning chunk-size-wraps"));
-  EXPECT_THAT(text(), HasSubstr("4097 MB becomes 1048576 bytes"));
-  EXPECT_THAT(text(), Not(HasSubstr("new file")));
-}
-
-TEST_F(CheckConfiguration, LimitsOfNothingAreFound) {
-  EXPECT_THAT(disk_findings("disk.usage.relative = 0\n"),
-              ElementsAre("warning disk-limit-not-positive"));
-  EXPECT_THAT(disk_findings("disk.usage.absolute = -1\n"),
-              ElementsAre("warning disk-limit-not-positive"));
-  EXPECT_THAT(disk_findings("pqueue.chunk.size = 0\n"),
-              ElementsAre("warning chunk-size-not-positive"));
-  EXPECT_THAT(text(), HasSubstr("0 MB, 0 bytes; every spooled event would begin a new file"));
-}
-
-TEST_F(CheckConfiguration, LimitsBelowNothingAreNotTakenForOnesThatAreTooLarge) {
-  EXPECT_THAT(disk_findings("disk.usage.absolute = -3000\n"),
-              ElementsAre("warning disk-limit-not-positive"));
-  EXPECT_THAT(text(), HasSubstr("comes out as -3000 MB, 1149239296 bytes"));
-  EXPECT_THAT(disk_findings("disk.usage.relative = -2147483648\n"),
-              ElementsAre("warning disk-limit-not-positive"));
-  EXPECT_THAT(text(), HasSubstr("comes out as -2147483648 MB, 0 bytes"));
-  EXPECT_THAT(disk_findings("pqueue.chunk.size = -5000\n"),
-              ElementsAre("warning chunk-size-not-positive"));
-  EXPECT_THAT(text(), HasSubstr("-5000 MB, -947912704 bytes; every spooled event would begin"));
-  EXPECT_THAT(disk_findings("pqueue.chunk.size = -3000\n"),
-              ElementsAre("warning chunk-size-not-positive"));
-  EXPECT_THAT(text(), HasSubstr("-3000 MB, 1149239296 bytes"));
-  EXPECT_THAT(text(), Not(HasSubstr("new file")));
+TEST_F(CheckConfiguration, LimitsThatWrapOrAreNotPositiveAreFoundWithTheirBytes) {
+  // line, finding, size and bytes, and whether every event would begin a new file
+  const std::tuple<std::string, std::string, std::string, bool> cases[] = {
+      {"disk.usage.absolute = 2048", "disk-limit-wraps", "2048 MB becomes -2147483648 bytes",
+       false},
+      {"disk.usage.absolute = 4096", "disk-limit-wraps", "4096 MB becomes 0 bytes", false},
+      {"disk.usage.relative = 0", "disk-limit-not-positive", "0 MB, 0 bytes", false},
+      {"disk.usage.absolute = -1", "disk-limit-not-positive", "-1 MB, -1048576 bytes", false},
+      {"disk.usage.absolute = -3000", "disk-limit-not-positive", "-3000 MB, 1149239296", false},
+      {"disk.usage.relative = -2147483648", "disk-limit-not-positive", "-2147483648 MB, 0", false},
+      {"pqueue.chunk.size = 2048", "chunk-size-wraps", "2048 MB becomes -2147483648 bytes", true},
+      {"pqueue.chunk.size = 4097", "chunk-size-wraps", "4097 MB becomes 1048576 bytes", false},
+      {"pqueue.chunk.size = 0", "chunk-size-not-positive", "0 MB, 0 bytes", true},
+      {"pqueue.chunk.size = -5000", "chunk-size-not-positive", "-5000 MB, -947912704", true},
+      {"pqueue.chunk.size = -3000", "chunk-size-not-positive", "-3000 MB, 1149239296", false}};
+  for (const auto& [line, finding, size, new_files] : cases) {
+    SCOPED_TRACE(line);
+    EXPECT_THAT(disk_findings(line + "\n"), ElementsAre("warning " + finding));
+    EXPECT_THAT(text(), HasSubstr(size));
+    EXPECT_EQ(text().find("new file") != std::string::npos, new_files);
+  }
+  EXPECT_THAT(disk_findings("disk.usage.absolute = 2047\npqueue.chunk.size = 2047\n"), IsEmpty());
 }
 
 TEST_F(CheckConfiguration, DiskThatCannotBeMeasuredIsFound) {

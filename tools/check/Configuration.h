@@ -1,8 +1,7 @@
-// A configuration as the plug-in will use it, and what is odd about it.
+// A configuration as the plug-in will use it, and checks of it.
 //
-// The rules are the plug-in's own code (WorkerSettings.h). Nothing here touches the network or
-// changes anything; the disk's size is that of the file system of the working directory, which the
-// plug-in measures too.
+// The rules are the plug-in's own code (WorkerSettings.h). Nothing here uses the network or changes
+// anything. The disk's size is that of the working directory's file system, as in the plug-in.
 #pragma once
 
 #include <map>
@@ -19,23 +18,23 @@ namespace zmqwriter {
 using ConstantValues = std::map<std::string, std::string>;
 
 struct Setting {
-  std::string key;       ///< in the settings file; empty: it cannot stand there
+  std::string key;       ///< in the settings file; empty: it cannot be set there
   std::string constant;  ///< with the module's name; empty: there is none
   SettingOrigin::Place place;
-  std::string name;   ///< where it stands, for findings
+  std::string name;   ///< where it is set, for findings
   std::string value;  ///< as the plug-in will use it
 };
 
 struct Endpoint {
   std::string role;        ///< "primary server", "secondary server 1", ...
   std::string configured;  ///< as written
-  std::string uri;         ///< as libzmq will be given it
+  std::string uri;         ///< as the plug-in passes it to libzmq
 };
 
 struct KeyReport {
   std::string text;
   worker_settings::ServerKey decoded;
-  bool accepted;  ///< libzmq takes the decoded bytes for a key
+  bool accepted;  ///< libzmq accepts the decoded bytes as a key
 };
 
 struct DiskReport {
@@ -53,18 +52,18 @@ class Configuration {
   /// The global `settings` must have been loaded; `constants` must hold all seven.
   Configuration(const PluginOptions& options, const ConstantValues& constants);
 
-  /// Of the settings-file key or the constant (without module) of that name.
+  /// By its key in the settings file, or by the name of its constant without the module.
   const Setting& setting(const std::string& name) const;
 
   const std::vector<Setting>& settings_in_order() const { return settings_; }
   const std::vector<Endpoint>& endpoints() const { return endpoints_; }
 
-  /// Each adds what it finds.
-  /// Names in the settings file that were meant for the plug-in, and that it does not read.
+  // Each check adds what it finds.
+  /// Names in the settings file that look like the plug-in's but are not.
   void CheckNames(Findings* findings) const;
   void CheckNumbers(Findings* findings) const;
   void CheckEndpoints(Findings* findings) const;
-  /// `accepted`: whether libzmq takes the decoded bytes for a key.
+  /// `accepted`: whether libzmq accepts the decoded bytes as a key.
   KeyReport CheckKey(bool accepted, Findings* findings) const;
   DiskReport CheckDisk(Findings* findings) const;
 
@@ -79,7 +78,7 @@ class Configuration {
   int chunk_;
 };
 
-/// What speaks against one endpoint before anybody connects; adds one finding at most.
+/// Checks the text of one endpoint; adds one finding at most.
 void check_endpoint(const Endpoint& endpoint, Findings* findings);
 
 }  // namespace zmqwriter

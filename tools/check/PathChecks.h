@@ -1,6 +1,6 @@
-// The two fixed places of the plug-in, the spool folder and the agent-id file: what it will make of
-// them as they are now. Only looks: nothing is created, opened for writing or changed. Write access
-// is that of the user who asks.
+// Checks of the plug-in's two fixed paths, the spool folder and the agent-id file: what the plug-in
+// will do with them as they are now. Nothing is created, opened for writing or changed. Write
+// access is that of the user who runs the check.
 #pragma once
 
 #include <string>
@@ -22,7 +22,7 @@ struct AgentIdReport {
   std::string source;  ///< "script constant", "file", "generated" or "not known"
   std::string path;    ///< of the agent-id file
   std::string value;   ///< the exact bytes; empty when generated, or not known
-  std::string state;   ///< in a few words, e.g. "will be made"
+  std::string state;   ///< e.g. "will be made"
 };
 
 /// `constant` is LogZMQ::zmq_agent_id, `prefix` the install prefix.
