@@ -11,7 +11,6 @@
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 namespace {
 
@@ -69,7 +68,6 @@ TEST(CheckReport, RotationIsAlwaysNoted) {
   EXPECT_THAT(ids(findings), ElementsAre("rotation"));
   EXPECT_EQ(findings[0].severity, Severity::kNote);
   EXPECT_THAT(findings[0].remedy, HasSubstr("$interv=0secs"));
-  EXPECT_THAT(findings[0].remedy, HasSubstr("the ZeroMQ writer cannot rotate"));
 }
 
 TEST(CheckReport, LibzmqWithoutCurveIsAnError) {
@@ -99,48 +97,17 @@ TEST(CheckReport, FailedConnectionsAreErrorsButThoseNotTriedAreNot) {
   EXPECT_EQ(findings[0].remedy, "start it");
 }
 
-TEST(CheckReport, TextHasEverySectionAndTheFindingsAtTheEnd) {
+TEST(CheckReport, TextHasEveryFigureAndTheFindingsAtTheEnd) {
   const std::string text = report_as_text(full_report());
   std::size_t at = 0;
-  for (const char* part : {"Settings (settings)",
-                           "zmq.server",
-                           "LogZMQ::zmq_agent_id",
-                           "Endpoints",
-                           "tcp://a:1",
-                           "Server key",
-                           "AB (1 byte)",
-                           "does not take it for a key",
-                           "libzmq",
-                           "CURVE",
-                           "Paths",
-                           "spool disabled",
-                           "Agent identifier",
-                           "Disk limits",
-                           "204 MB",
-                           "213909504 bytes",
-                           "Connections",
-                           "failed",
-                           "connect-refused",
-                           "Findings",
-                           "warning  something is so [some-id]",
-                           "To do: do this",
-                           "0 errors, 1 warning, 0 notes"}) {
+  for (const char* part :
+       {"zmq.server", "LogZMQ::zmq_agent_id", "tcp://a:1", "AB (1 byte)", "orvik-spool/work",
+        "disabled", "orvik/agent.id", "204 MB", "213909504 bytes", "connect-refused",
+        "something is so [some-id]", "do this", "0 errors, 1 warning, 0 notes"}) {
     const std::size_t found = text.find(part, at);
     ASSERT_NE(found, std::string::npos) << part << " is missing, or too early, in\n" << text;
     at = found;
   }
-}
-
-TEST(CheckReport, TextIsAlignedWithoutColourOrTrailingBlanks) {
-  const std::string text = report_as_text(full_report());
-  EXPECT_THAT(text, Not(HasSubstr("\x1b")));
-  EXPECT_THAT(text, Not(HasSubstr(" \n")));
-  // The column of sources starts at the same place in each line.
-  const auto column = [&](const std::string& name, const std::string& source) {
-    const std::size_t line = text.find("  " + name + " ");
-    return text.find(source, line) - line;
-  };
-  EXPECT_EQ(column("zmq.server", "script constant"), column("disk.usage.relative", "default"));
 }
 
 TEST(CheckReport, ControlCharactersOfValuesNeverReachTheTerminal) {
@@ -163,7 +130,7 @@ TEST(CheckReport, ControlCharactersOfValuesNeverReachTheTerminal) {
   EXPECT_THAT(text, HasSubstr("odd ?[31m ?31m ??31m K\xc3\xb6ln"));
 }
 
-TEST(CheckReport, GravestFindingsComeFirst) {
+TEST(CheckReport, ErrorsComeBeforeWarningsAndNotes) {
   CheckReport report = report_with(Severity::kNote);
   report.findings.push_back({"w", Severity::kWarning, "second", ""});
   report.findings.push_back({"e", Severity::kError, "first", ""});
@@ -172,7 +139,7 @@ TEST(CheckReport, GravestFindingsComeFirst) {
   EXPECT_LT(text.find("second"), text.find("something is so"));
 }
 
-TEST(CheckReport, AllWellIsSaidSo) {
+TEST(CheckReport, TextSaysAllWellWithoutErrorsAndWarnings) {
   EXPECT_THAT(report_as_text(report_with(Severity::kNote)),
               HasSubstr("All well: 0 errors, 0 warnings, 1 note\n"));
 }

@@ -26,17 +26,17 @@ namespace zmqwriter {
 
 namespace {
 
-// More than anybody waits, less than the clock can add.
+// A day. The clock cannot add much longer times.
 constexpr double kLongestTimeout_s = 86400;
 
-LibzmqReport look_at_libzmq() {
+LibzmqReport libzmq_report() {
   int major = 0, minor = 0, patch = 0;
   zmq_version(&major, &minor, &patch);
   return {std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch),
           zmq_has("curve") == 1};
 }
 
-/// As the plug-in's scripts and the command line set them. The plug-in is not loaded without them.
+/// As the plug-in's scripts and the command line set them.
 ConstantValues script_constants() {
   ConstantValues values;
   for (const char* name : {"zmq_primary_server", "zmq_secondary_server", "zmq_public_key",
@@ -49,15 +49,15 @@ ConstantValues script_constants() {
   return values;
 }
 
-/// What to do when the settings file cannot be taken: its lines are told with their number.
+/// A problem of a line begins with "FILE:NUMBER".
 std::string settings_remedy(const std::string& file, const std::string& problem) {
   const std::size_t digit = file.size() + 1;
   return problem.size() > digit && std::isdigit(static_cast<unsigned char>(problem[digit]))
-             ? "mend the settings file: lines 'key = value', each key once"
-             : "give a settings file with --settings that the user who checks may read";
+             ? "correct the settings file: lines 'key = value', each key once"
+             : "give a settings file with --settings that you may read";
 }
 
-/// The host that a configuration needs; null and a finding when it would not start.
+/// Starts the stand-in host with the plug-in; null and a finding when that fails.
 std::unique_ptr<standin::Host> start_host(const CheckOptions& options, Findings* findings) {
   standin::Host::Options host_options;
   host_options.settings_file = options.settings_file;
@@ -66,24 +66,23 @@ std::unique_ptr<standin::Host> start_host(const CheckOptions& options, Findings*
   try {
     host = std::make_unique<standin::Host>(host_options);
   } catch (const standin::HostError& error) {
-    findings->push_back({"settings-unreadable", Severity::kError, error.what(),
-                         settings_remedy(options.settings_file, error.what())});
+    add_error(findings, "settings-unreadable", error.what(),
+              settings_remedy(options.settings_file, error.what()));
     return nullptr;
   }
   try {
     host->LoadPlugin(options.plugin_folder);
     plugin_status_function(*host);
   } catch (const standin::HostError& error) {
-    findings->push_back({"plugin-not-loaded", Severity::kError,
-                         std::string("the plug-in cannot be loaded: ") + error.what(),
-                         "give its folder with --plugin, and known names of script constants with "
-                         "--set"});
+    add_error(findings, "plugin-not-loaded",
+              std::string("the plug-in cannot be loaded: ") + error.what(),
+              "give its folder with --plugin, and only known script constants with --set");
     return nullptr;
   }
   return host;
 }
 
-PluginReport look_at_plugin(const CheckOptions& options, const standin::Host& host) {
+PluginReport plugin_report(const CheckOptions& options, const standin::Host& host) {
   DravenholtZmqWriterStatus status = {};
   plugin_status_function(host)(&status);
   return {options.plugin_folder, status.install_prefix, status.spool_folder};
@@ -94,7 +93,7 @@ ConnectResult try_endpoint(const Endpoint& endpoint, const worker_settings::Serv
   Findings findings;
   check_endpoint(endpoint, &findings);
   if (!findings.empty() && findings[0].severity == Severity::kError)
-    return {false, kNotTried, "not tried: its text is wrong already", "", 0};
+    return {false, kNotTried, "not tried, because its text is wrong", "", 0};
   return try_connection(endpoint.uri, key, timeout);
 }
 
@@ -107,9 +106,10 @@ std::vector<TriedEndpoint> try_endpoints(const Configuration& configuration, dou
   return tried;
 }
 
-void look_over(const CheckOptions& options, const standin::Host& host, CheckReport* report) {
+void check_configuration(const CheckOptions& options, const standin::Host& host,
+                         CheckReport* report) {
   Findings* const findings = &report->findings;
-  report->plugin = look_at_plugin(options, host);
+  report->plugin = plugin_report(options, host);
   report->configuration.emplace(options, script_constants());
   const Configuration& configuration = *report->configuration;
   configuration.CheckNames(findings);
@@ -131,9 +131,9 @@ void look_over(const CheckOptions& options, const standin::Host& host, CheckRepo
 int check(const CheckOptions& options) {
   CheckReport report;
   report.settings_file = options.settings_file;
-  report.libzmq = look_at_libzmq();
+  report.libzmq = libzmq_report();
   if (const auto host = start_host(options, &report.findings))
-    look_over(options, *host, &report);
+    check_configuration(options, *host, &report);
   check_environment(report.libzmq, geteuid() == 0, &report.findings);
 
   Output out;

@@ -1,5 +1,5 @@
-// Looks over a configuration before it is used: loads the plug-in into the stand-in host, as replay
-// does, but makes no writer, so that nothing is sent and nothing is created.
+// Checks a configuration before it is used: loads the plug-in into the stand-in host, as replay
+// does, but creates no writer, so nothing is sent and no file is created.
 #pragma once
 
 #include "SettingOrigin.h"
@@ -12,8 +12,8 @@ struct CheckOptions : PluginOptions {
   bool json = false;
 };
 
-/// Prints the report on standard output. Returns the exit status: 0 all well, 1 with findings.
-/// Throws std::runtime_error when the report cannot be made or written.
+/// Prints the report on standard output. Returns the exit status: 1 with errors or warnings, else
+/// 0. Throws std::runtime_error when the report cannot be written.
 int check(const CheckOptions& options);
 
 }  // namespace zmqwriter

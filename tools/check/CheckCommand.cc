@@ -11,24 +11,23 @@
 namespace zmqwriter {
 
 void add_check_command(CLI::App& app, int* exit_code) {
-  CLI::App* const command =
-      app.add_subcommand("check", "Look over a configuration before it is used");
+  CLI::App* const command = app.add_subcommand("check", "Check a configuration before it is used");
   command->footer(
-      "Shows every setting with where it comes from, the endpoints and the server key as\n"
-      "the plug-in will use them, its spool folder, disk limits and agent identifier, and\n"
-      "what is wrong with them. Nothing is created or changed, and no event is sent. What\n"
-      "your site scripts redef is not seen: give it with --set. Run it as the user, and in\n"
-      "the folder, that the host runs as and in.\n"
+      "Shows each setting and where it is set, the endpoints, the server key, the spool\n"
+      "folder, the disk limits and the agent identifier as the plug-in will use them, and\n"
+      "what is wrong with them. Creates and changes nothing, and sends no event. Does not\n"
+      "see what your site scripts redef: give it with --set. Run it as the user that the\n"
+      "host runs as, and in the same folder.\n"
       "Exit status 0 means no errors and no warnings; notes do not count.");
   const auto options = std::make_shared<CheckOptions>();
   add_plugin_options(command, options.get());
   command->get_option("--settings")->required()->check(not_empty("it must name a file"));
   command->add_flag("--connect", options->connect,
-                    "Connect to each endpoint, and say what happens; sends no event");
+                    "Connect to each endpoint and report the result; sends no event");
   command
       ->add_option("--timeout", options->timeout_s,
-                   "Wait so long for each endpoint's name to be resolved, and as long for its "
-                   "connection; finding out why it failed may take a second more")
+                   "Time limit for resolving each endpoint's name, and again for its connection; "
+                   "finding out why a connection failed may take a second more")
       ->type_name("SECONDS")
       ->check(positive_number())
       ->capture_default_str();

@@ -35,7 +35,7 @@ const char* name_of(SettingOrigin::Place place) {
   return "default";
 }
 
-/// The name by which people know a setting.
+/// The key in the settings file; without one, the constant.
 const std::string& name_of(const Setting& setting) {
   return setting.key.empty() ? setting.constant : setting.key;
 }
@@ -54,7 +54,7 @@ std::uint64_t count_of(const CheckReport& report, Severity severity) {
 
 constexpr std::size_t kTextWidth = 96;
 
-/// In quotation marks, so that blanks and emptiness show; what is not printable as escapes.
+/// In quotation marks, which make blanks visible; what is not printable is escaped.
 std::string shown(const std::string& text) {
   std::string quoted;
   for (const char c : text)
@@ -133,7 +133,7 @@ std::string key_table(const KeyReport& key) {
   table.Row({"text", shown(key.text)});
   table.Row({"decoded", hex_digits(key.decoded.bytes, key.decoded.length) + " (" +
                             counted(key.decoded.length, "byte") + ")"});
-  table.Row({"libzmq", key.accepted ? "takes it for a key" : "does not take it for a key"});
+  table.Row({"libzmq", key.accepted ? "accepts it as a key" : "does not accept it as a key"});
   return table.Text();
 }
 
@@ -181,7 +181,6 @@ std::string connect_table(const std::vector<TriedEndpoint>& tried) {
 std::string findings_text(const CheckReport& report) {
   constexpr std::size_t kIndent = 11;
   std::string text = "Findings\n";
-  // The gravest first.
   for (const Severity severity : {Severity::kError, Severity::kWarning, Severity::kNote}) {
     for (const Finding& finding : report.findings) {
       if (finding.severity != severity)
@@ -256,28 +255,26 @@ bool all_well(const CheckReport& report) {
 void check_connections(const std::vector<TriedEndpoint>& tried, Findings* findings) {
   for (const TriedEndpoint& one : tried) {
     if (!one.result.ok && one.result.id != kNotTried)
-      findings->push_back({one.result.id, Severity::kError,
-                           one.endpoint.role + " '" + one.endpoint.uri + "': " + one.result.text,
-                           one.result.remedy});
+      add_error(findings, one.result.id,
+                one.endpoint.role + " '" + one.endpoint.uri + "': " + one.result.text,
+                one.result.remedy);
   }
 }
 
 void check_environment(const LibzmqReport& libzmq, bool is_root, Findings* findings) {
   if (!libzmq.curve)
-    findings->push_back(
-        {"libzmq-without-curve", Severity::kError,
-         "libzmq " + libzmq.version + " has no CURVE security, so the plug-in will send nothing",
-         "install a libzmq that was built with it"});
+    add_error(findings, "libzmq-without-curve",
+              "libzmq " + libzmq.version + " has no CURVE security, so the plug-in sends nothing",
+              "install a libzmq that was built with it");
   if (is_root)
-    findings->push_back({"checked-as-root", Severity::kNote,
-                         "write access was looked at as root, who may write everywhere",
-                         "check as the user that the host runs as"});
-  findings->push_back(
-      {"rotation", Severity::kNote,
-       "log rotation must stay off for this writer: it has nothing to rotate, and the host ends a "
-       "process whose writer does not report a finished rotation",
-       "give filters of this writer $interv=0secs; the plug-in's scripts set other intervals to 0 "
-       "when the host starts and print \"the ZeroMQ writer cannot rotate: ...\" for each"});
+    add_note(findings, "checked-as-root",
+             "write access was checked as root, who may write everywhere",
+             "check as the user that the host runs as");
+  add_note(findings, "rotation",
+           "log rotation must stay off for this writer: it has nothing to rotate, and the host "
+           "aborts when a writer does not report a finished rotation",
+           "give filters of this writer $interv=0secs; the plug-in's scripts set other intervals "
+           "to 0 when the host starts and print \"the ZeroMQ writer cannot rotate: ...\" for each");
 }
 
 std::string report_as_text(const CheckReport& report) {
@@ -305,13 +302,8 @@ std::string report_as_json(const CheckReport& report) {
   json["ok"] = all_well(report);
   json["settings_file"] = report.settings_file;
   json["libzmq"] = {{"version", report.libzmq.version}, {"curve", report.libzmq.curve}};
-  json["plugin"] = nullptr;
-  json["settings"] = nullptr;
-  json["endpoints"] = nullptr;
-  json["key"] = nullptr;
-  json["spool"] = nullptr;
-  json["disk"] = nullptr;
-  json["agent_id"] = nullptr;
+  for (const char* part : {"plugin", "settings", "endpoints", "key", "spool", "disk", "agent_id"})
+    json[part] = nullptr;
   json["connect"] = report.tried ? connect_json(*report.tried) : Json();
   if (const auto& plugin = report.plugin)
     json["plugin"] = {{"folder", plugin->folder},

@@ -1,4 +1,4 @@
-// All that `zmqwriter check` has to say, and the two forms in which it says it.
+// The report of `zmqwriter check`, as text and as JSON.
 #pragma once
 
 #include <optional>
@@ -11,8 +11,6 @@
 #include "PathChecks.h"
 
 namespace zmqwriter {
-
-class Output;
 
 struct PluginReport {
   std::string folder;
@@ -30,7 +28,7 @@ struct TriedEndpoint {
   ConnectResult result;
 };
 
-/// What could not be looked at, as the host would not even start, is not there.
+/// If the host did not start, the optional parts are empty.
 struct CheckReport {
   std::string settings_file;
   LibzmqReport libzmq;
@@ -44,20 +42,20 @@ struct CheckReport {
   Findings findings;
 };
 
-/// Errors and warnings; notes do not count.
+/// Whether there is no error and no warning.
 bool all_well(const CheckReport& report);
 
-/// Adds a finding for each endpoint that could not be connected.
+/// Adds an error for each endpoint that could not be connected.
 void check_connections(const std::vector<TriedEndpoint>& tried, Findings* findings);
 
-/// Adds what is to be said about libzmq, the user who checks, and rotation.
+/// Adds findings about libzmq, the user who checks, and rotation.
 void check_environment(const LibzmqReport& libzmq, bool is_root, Findings* findings);
 
-/// For the eye: tables, then the findings with what to do.
+/// Tables, then the findings: errors, warnings, notes.
 std::string report_as_text(const CheckReport& report);
 
-/// One JSON object and a line end. Bytes that are not valid UTF-8 are replaced; where they matter,
-/// hexadecimal digits stand beside.
+/// One JSON object and a line end. Bytes that are not valid UTF-8 are replaced; the key and the
+/// agent identifier are given in hexadecimal digits too.
 std::string report_as_json(const CheckReport& report);
 
 }  // namespace zmqwriter

@@ -22,10 +22,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// What finding out more about a failure may take on top.
+// Time limit for finding out why a connection failed.
 constexpr milliseconds kDiagnosis(1000);
 
-/// The plug-in's kind of socket, with a key pair of its own. Its other options concern messages.
+/// Sets the plug-in's socket options that concern a connection, with a new key pair.
 void make_agent(const ZmqSocket& socket, const worker_settings::ServerKey& key) {
   char public_key[worker_settings::kCurveKeyLength] = {0};
   char secret_key[worker_settings::kCurveKeyLength] = {0};
@@ -36,7 +36,7 @@ void make_agent(const ZmqSocket& socket, const worker_settings::ServerKey& key) 
   zmq_setsockopt(socket.get(), ZMQ_CURVE_SERVERKEY, key.bytes, key.length);
 }
 
-/// The events of one socket.
+/// The events of one socket, from libzmq's monitor.
 class Monitor {
  public:
   Monitor(const ZmqContext& context, void* watched)
@@ -44,14 +44,13 @@ class Monitor {
     const char* const address = "inproc://events";
     if (zmq_socket_monitor(watched, address, ZMQ_EVENT_ALL) != 0 ||
         zmq_connect(events_.get(), address) != 0)
-      throw std::runtime_error(std::string("libzmq gives no monitor: ") +
-                               zmq_strerror(zmq_errno()));
+      throw std::runtime_error(std::string("cannot watch a socket: ") + zmq_strerror(zmq_errno()));
   }
   ~Monitor() { zmq_socket_monitor(watched_, nullptr, 0); }
   Monitor(const Monitor&) = delete;
   Monitor& operator=(const Monitor&) = delete;
 
-  /// False when there was none until the deadline.
+  /// False when none came before the deadline.
   bool Next(Clock::time_point deadline, std::uint16_t* event, std::uint32_t* value) {
     for (;;) {
       const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
@@ -65,7 +64,7 @@ class Monitor {
   }
 
  private:
-  /// An event is two parts: its number and value, and the address.
+  /// An event has two parts: its number and value, and the address.
   bool Receive(std::uint16_t* event, std::uint32_t* value) {
     unsigned char bytes[sizeof *event + sizeof *value];
     char address[256];
@@ -82,7 +81,7 @@ class Monitor {
   const ZmqSocket events_;
 };
 
-/// How a connection went, as far as libzmq tells.
+/// How a connection attempt ended, as far as libzmq reports it.
 enum class End {
   kHandshakeDone,
   kMechanismMismatch,
@@ -133,7 +132,7 @@ End follow(Monitor* monitor, Clock::time_point deadline, std::uint32_t* value) {
   return connected ? End::kSilent : End::kNoAnswerAtAll;
 }
 
-/// Resolves on a thread of its own. False when there was no answer until the deadline.
+/// Resolves on a thread of its own. False when no answer came before the deadline.
 bool resolve_until(Clock::time_point deadline, const Network& network, const std::string& host,
                    Resolved* resolved) {
   struct Answer {
@@ -161,7 +160,7 @@ const char kCompareKeys[] =
     "compare zmq.public_key with the collector's server.public: all servers of an agent share one "
     "pair";
 const char kStartServer[] =
-    "start the collector, compare address and port with what it listens on, look for a firewall";
+    "start the collector; compare address and port with what it listens on; check firewalls";
 const char kCheckPort[] = "compare the port with the one that the collector listens on";
 
 std::string seconds_text(milliseconds time) {
@@ -173,59 +172,62 @@ ConnectResult failure(const char* id, const std::string& text, const std::string
 }
 
 ConnectResult other_mechanism(const std::string& mechanism) {
-  const std::string name = mechanism.empty() ? "another mechanism than CURVE" : mechanism;
-  return failure("connect-mechanism",
-                 "connected, but the server speaks " + name +
-                     ", the plug-in CURVE: they do not understand each other",
-                 "make the server a CURVE server, with its secret key");
+  const std::string name = mechanism.empty() ? "not CURVE" : mechanism;
+  return failure(
+      "connect-mechanism",
+      "connected, but the server's security mechanism is " + name + ", and the plug-in's is CURVE",
+      "make the server a CURVE server, with its secret key");
 }
 
-/// The other side closed the connection during the handshake and gave no reason. What it says to a
-/// connection that has not named a mechanism tells the cases apart.
+/// The other side closed the connection during the handshake and gave no reason. Its greeting to a
+/// connection that names no mechanism tells the cases apart.
 ConnectResult explain_hang_up(const PeerGreeting& peer) {
   if (peer.mechanism == "CURVE")
-    return failure("connect-wrong-key",
-                   "connected, and the server speaks CURVE, but it hung up on the handshake: most "
-                   "likely the server key is not the one of this server (one whose socket is no "
-                   "PULL socket, one that denies agents without a word, and one that was ending "
-                   "just then look the same)",
-                   kCompareKeys);
+    return failure(
+        "connect-wrong-key",
+        "connected to a CURVE server, but it closed the connection during the handshake: "
+        "most likely the server key is not the key of this server (a server whose "
+        "socket is not a PULL socket, that denies agents, or that is just ending, "
+        "behaves in the same way)",
+        kCompareKeys);
   if (!peer.mechanism.empty())
     return other_mechanism(peer.mechanism);
   if (peer.any_byte)
     return failure("connect-not-zmq",
-                   "connected, but what answers there is no ZeroMQ 4 server: its first words are "
-                   "no greeting with security",
+                   "connected, but not to a ZeroMQ 4 server: its first bytes are not a greeting "
+                   "with security",
                    kCheckPort);
   return failure("connect-not-zmq",
-                 "connected, but the other side hung up before it said anything: it is no ZeroMQ "
-                 "server, or something between turns this agent away",
+                 "connected, but the other side closed the connection before it sent anything: it "
+                 "is not a ZeroMQ server, or a firewall refuses this agent",
                  kCheckPort);
 }
 
 ConnectResult explain_silence(const PeerGreeting& peer, milliseconds timeout) {
   if (!peer.mechanism.empty())
     return failure("connect-unfinished",
-                   "connected, and the other side greets as " + peer.mechanism +
-                       ", but it did not finish the handshake within " + seconds_text(timeout) +
-                       ": its check of agents (ZAP) does not answer or puts this one off, or it is "
+                   "connected to a " + peer.mechanism +
+                       " server, but it did not finish the handshake within " +
+                       seconds_text(timeout) +
+                       ": its check of agents (ZAP) does not answer or delays this one, or it is "
                        "overloaded",
-                   "look at the server's list of allowed agents and at its load");
+                   "check the server's list of allowed agents, and its load");
   return failure("connect-silent",
                  "connected by TCP, but there was no answer to the greeting within " +
-                     seconds_text(timeout) + ": the server is frozen or overloaded, or it is none",
-                 "look whether the collector runs and is not stopped; compare the port with the "
-                 "one that it listens on");
+                     seconds_text(timeout) +
+                     ": the server is stopped or overloaded, or it is not a ZeroMQ server",
+                 "check whether the collector runs; compare the port with the one that it listens "
+                 "on");
 }
 
 ConnectResult explain_no_connection(const PeerGreeting& peer) {
   if (peer.connect_problem.empty())
-    return failure("connect-refused",
-                   "refused at first; a moment later something took the connection",
-                   "try again: the server may just be starting");
+    return failure("connect-refused", "refused; a second attempt a moment later succeeded",
+                   "try again: the server may be starting");
   if (peer.refused)
     return failure("connect-refused",
-                   "refused: nobody listens there (" + peer.connect_problem + ")", kStartServer);
+                   "refused: no program listens there (" + peer.connect_problem + ")",
+                   kStartServer);
   return failure("connect-unreachable", "cannot be reached: " + peer.connect_problem, kStartServer);
 }
 
@@ -241,14 +243,14 @@ ConnectResult explain(End end, std::uint32_t value, const std::string& uri, mill
     case End::kBadCryptography:
       return failure("connect-wrong-key",
                      "connected, but the server's answer cannot be decrypted: the server key is "
-                     "not the one of this server",
+                     "not the key of this server",
                      kCompareKeys);
     case End::kDenied:
       return failure(
           "connect-denied",
           "connected, but the server denies this agent (ZAP status " + std::to_string(value) + ")",
-          "the agent makes a new key pair for every connection, so a server must let in "
-          "any client key: take its list of allowed keys away, or allow by address");
+          "let the server accept any client key, or allow agents by address: an agent makes a new "
+          "key pair for every connection");
     case End::kHungUp:
       return explain_hang_up(network.greeting(uri, kDiagnosis));
     case End::kSilent:
@@ -265,11 +267,11 @@ ConnectResult explain(End end, std::uint32_t value, const std::string& uri, mill
   return failure(
       "connect-protocol",
       std::string("connected, but the handshake failed with libzmq's protocol error ") + number,
-      "look whether the collector is one of this plug-in, and its libzmq 4.0 or newer");
+      "check that it is a collector of this plug-in's events, with libzmq 4.0 or newer");
 }
 
-/// Puts the address in the place of the name. Neither libzmq, which cannot be stopped while it
-/// resolves, nor a look at the server afterwards asks the name service then.
+/// Replaces the name by its address, so that libzmq, which cannot be interrupted while it resolves,
+/// does not ask the name service.
 bool resolve_host(std::string* uri, milliseconds timeout, const Network& network,
                   ConnectResult* result) {
   const std::string host = host_of(*uri);
@@ -278,9 +280,9 @@ bool resolve_host(std::string* uri, milliseconds timeout, const Network& network
     resolved.problem = "no answer from the name service within " + seconds_text(timeout);
   *uri = with_host(*uri, resolved.address);
   if (!resolved.problem.empty())
-    *result = failure(
-        "connect-unresolved", "the name '" + host + "' has no IPv4 address: " + resolved.problem,
-        "compare the name with the server's; look whether 'getent ahostsv4' knows it");
+    *result = failure("connect-unresolved",
+                      "the name '" + host + "' has no IPv4 address: " + resolved.problem,
+                      "compare the name with the server's; try 'getent ahostsv4 NAME'");
   return resolved.problem.empty();
 }
 

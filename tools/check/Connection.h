@@ -1,5 +1,4 @@
-// A real connection to one endpoint, made as the plug-in makes it, to see whether it would come
-// about. Nothing is sent over it but what libzmq needs for that: a collector sees no event.
+// A test connection to one endpoint, made as the plug-in makes it. No message is sent over it.
 #pragma once
 
 #include <chrono>
@@ -19,26 +18,25 @@ struct ConnectResult {
   double seconds;
 };
 
-/// The id of an endpoint that was not tried, as there is an error in its text already.
+/// The id of an endpoint that was not tried, because its text is wrong.
 constexpr const char* kNotTried = "not-tried";
 
-/// What is asked beside libzmq; a test may answer for it.
+/// What libzmq does not do; tests replace it.
 struct Network {
-  /// Asked once. Called on a thread of its own, which is left behind when it takes longer than
-  /// there is time.
+  /// Called once, on a thread of its own that is abandoned when it takes too long.
   std::function<Resolved(const std::string& host)> resolve = resolve_ipv4;
-  /// Asked about some failures.
+  /// Called after some failures.
   std::function<PeerGreeting(const std::string& uri, std::chrono::milliseconds timeout)> greeting =
       fetch_greeting;
 };
 
-/// Takes `timeout` at most to resolve the name, as long for the connection, and about a second to
-/// find out why it failed. Any thread.
+/// Takes at most `timeout` to resolve the name, at most `timeout` for the connection, and about a
+/// second to find out why it failed. Any thread.
 ConnectResult try_connection(const std::string& uri, const worker_settings::ServerKey& key,
                              std::chrono::milliseconds timeout, const Network& network = Network());
 
-/// Whether libzmq takes the bytes for a server key: any 32, and 40 or, with a zero behind them, 41
-/// that are a key's Z85 text.
+/// Whether libzmq accepts the bytes as a server key: any 32 bytes, or the 40 characters of a key in
+/// Z85, with or without a terminating zero.
 bool libzmq_takes_key(const worker_settings::ServerKey& key);
 
 }  // namespace zmqwriter

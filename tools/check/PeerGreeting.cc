@@ -41,7 +41,7 @@ struct Address {
 
 using AddressList = std::unique_ptr<addrinfo, void (*)(addrinfo*)>;
 
-/// Null and `problem` when there is none.
+/// Null, and `problem` set, when there is none.
 AddressList look_up(const std::string& host, const std::string& port, int flags,
                     std::string* problem) {
   addrinfo hints = {};
@@ -56,7 +56,7 @@ AddressList look_up(const std::string& host, const std::string& port, int flags,
   return AddressList(error == 0 ? found : nullptr, freeaddrinfo);
 }
 
-/// Where "host:port" lies in a tcp endpoint.
+/// The part "host:port" of a tcp endpoint.
 std::string target_of(const std::string& uri) {
   const std::string rest = uri.substr(uri.find("://") + 3);
   return rest.substr(rest.rfind(';') + 1);
@@ -92,7 +92,7 @@ bool ipc_address(const std::string& uri, Address* address, std::string* problem)
   return true;
 }
 
-/// Waits until the socket is ready for `events`; false when the deadline has passed.
+/// Waits until the socket is ready for `events`; false at the deadline.
 bool wait_for(int fd, short events, Clock::time_point deadline) {
   for (;;) {
     const auto left =
@@ -146,7 +146,7 @@ PeerGreeting fetch_greeting(const std::string& uri, std::chrono::milliseconds ti
   Address address = {};
   const bool is_tcp = uri.compare(0, 6, "tcp://") == 0;
   if (!is_tcp && uri.compare(0, 6, "ipc://") != 0) {
-    result.connect_problem = "no way to find out more";
+    result.connect_problem = "its scheme is not supported";
     return result;
   }
   if (!(is_tcp ? tcp_address : ipc_address)(uri, &address, &result.connect_problem))
@@ -159,7 +159,7 @@ PeerGreeting fetch_greeting(const std::string& uri, std::chrono::milliseconds ti
     result.refused = error == ECONNREFUSED || error == ENOENT;
     return result;
   }
-  // Whoever has hung up may have said something before.
+  // A failure to send is ignored: something may have been received before.
   send(fd.get(), kGreetingStart, sizeof kGreetingStart, kSendFlags);
   read_greeting(fd.get(), deadline, &result);
   return result;

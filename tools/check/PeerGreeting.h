@@ -1,9 +1,8 @@
-// A look at who listens at an endpoint, past libzmq: what the system says to a plain connection,
-// and what the other side says first.
+// The greeting of the program that listens at an endpoint, fetched without libzmq.
 //
-// libzmq's monitor tells neither why a connection did not come about nor which mechanism a server
-// speaks that hangs up. Here only the start of ZeroMQ's greeting is sent, which names no mechanism,
-// so the other side has nothing to refuse.
+// libzmq's monitor reports neither why a connection failed nor the security mechanism of a server
+// that closes the connection. Only the start of ZeroMQ's greeting is sent here. It names no
+// mechanism, so the server has nothing to refuse.
 #pragma once
 
 #include <chrono>
@@ -12,15 +11,15 @@
 namespace zmqwriter {
 
 struct PeerGreeting {
-  std::string connect_problem;  ///< empty: the connection came about
-  bool refused = false;         ///< nobody listens there
-  bool any_byte = false;        ///< it said something
-  /// Of the greeting, if it was one of ZeroMQ 4's: "CURVE", "NULL", "PLAIN", ...
+  std::string connect_problem;  ///< empty: connected
+  bool refused = false;         ///< no program listens there
+  bool any_byte = false;        ///< something was received
+  /// "CURVE", "NULL", "PLAIN", ...; empty if it was no greeting of ZeroMQ 4.
   std::string mechanism;
 };
 
-/// Works for ipc:// and for tcp:// with an IPv4 address as its host: no name is resolved. Takes no
-/// longer than `timeout`.
+/// For ipc:// and for tcp:// with an IPv4 address as its host: no name is resolved. Takes at most
+/// `timeout`.
 PeerGreeting fetch_greeting(const std::string& uri, std::chrono::milliseconds timeout);
 
 /// The host of a tcp:// endpoint.
@@ -30,11 +29,11 @@ std::string host_of(const std::string& uri);
 std::string with_host(const std::string& uri, const std::string& host);
 
 struct Resolved {
-  std::string address;  ///< the first, which libzmq would take
-  std::string problem;  ///< why there is none; empty when there is
+  std::string address;  ///< the first one, which libzmq would use
+  std::string problem;  ///< why there is none
 };
 
-/// The IPv4 address of a host. May take as long as the name service takes.
+/// The IPv4 address of a host. Waits for the name service.
 Resolved resolve_ipv4(const std::string& host);
 
 }  // namespace zmqwriter

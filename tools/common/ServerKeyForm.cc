@@ -6,7 +6,7 @@ namespace {
 
 constexpr std::size_t kDigits = 64;
 constexpr std::size_t kZ85Digits = 40;
-const char kTakeTheFile[] = "put the content of the collector's server.public there";
+const char kUseTheFile[] = "write the content of the collector's server.public there";
 
 }  // namespace
 
@@ -15,7 +15,7 @@ KeyProblem key_problem(const std::string& key) {
     return key.find_first_not_of(characters) == std::string::npos;
   };
   if (key.empty())
-    return {"key-empty", "is empty", kTakeTheFile};
+    return {"key-empty", "is empty", kUseTheFile};
   if (key.size() == kDigits && only("0123456789ABCDEF"))
     return {};
   if (key.size() == kDigits && only("0123456789ABCDEFabcdef"))
@@ -28,7 +28,7 @@ KeyProblem key_problem(const std::string& key) {
   return {key.size() < kDigits   ? "key-too-short"
           : key.size() > kDigits ? "key-too-long"
                                  : "key-not-hexadecimal",
-          "is no key of 64 upper-case hexadecimal digits (it has " + length + ")", kTakeTheFile};
+          "is not a key of 64 upper-case hexadecimal digits (it has " + length + ")", kUseTheFile};
 }
 
 }  // namespace zmqwriter

@@ -1,15 +1,15 @@
-// What is wrong with the text of a server key, before anybody uses it.
+// The form of a server key in the settings.
 #pragma once
 
 #include <string>
 
 namespace zmqwriter {
 
-/// Empty in all its parts when the text has the plug-in's form.
+/// All parts are empty when the text has the form that the plug-in reads.
 struct KeyProblem {
-  std::string id;      ///< a fixed word for machines, e.g. "key-lower-case"
-  std::string what;    ///< behind the setting's name: "has lower-case digits, which ..."
-  std::string remedy;  ///< what to do about it
+  std::string id;      ///< a fixed word for programs, e.g. "key-lower-case"
+  std::string what;    ///< follows the setting's name: "has lower-case digits, which ..."
+  std::string remedy;
 
   explicit operator bool() const { return !id.empty(); }
 };
