@@ -7,7 +7,7 @@ if(ZMQWRITER_WERROR)
 endif()
 
 if(ZMQWRITER_SANITIZE)
-  add_compile_options(-fsanitize=${ZMQWRITER_SANITIZE} -fno-omit-frame-pointer -O1)
+  add_compile_options(-fsanitize=${ZMQWRITER_SANITIZE} -fno-omit-frame-pointer -O1 -g1)
   if(ZMQWRITER_SANITIZE MATCHES undefined)
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()
