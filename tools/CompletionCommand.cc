@@ -15,7 +15,7 @@ namespace {
 const char kBash[] =
     R"script(# bash completion of zmqwriter, as 'zmqwriter completion bash' prints it
 
-# Keeps to what bash 3.2 has, the one of macOS.
+# For bash 3.2, the one of macOS, and newer.
 _zmqwriter() {
     local words=() word glue='' current=${COMP_WORDS[COMP_CWORD]} whole split kind before line
     # Readline splits words at ':' and '='.
@@ -66,7 +66,7 @@ _zmqwriter() {
     esac
 }
 
-# As a file in $fpath it is the function's body; sourced, it only makes it known.
+# As a file in $fpath this is the function's body.
 if [[ $funcstack[1] == _zmqwriter ]]; then
     _zmqwriter "$@"
 else
@@ -183,11 +183,11 @@ std::string complete(const CLI::App& app, const std::vector<std::string>& words)
 
 void add_completion_command(CLI::App& app, int* exit_code) {
   CLI::App* const command =
-      app.add_subcommand("completion", "Print a script that makes a shell complete this program");
+      app.add_subcommand("completion", "Print the completion script for a shell");
   command->footer(
-      "An installed program brings the scripts along. Otherwise, for the shell at hand:\n"
+      "The scripts are installed with the program. Without an installation:\n"
       "  bash: source <(zmqwriter completion bash)\n"
-      "  zsh:  source <(zmqwriter completion zsh), behind compinit\n"
+      "  zsh:  source <(zmqwriter completion zsh), after compinit\n"
       "  fish: zmqwriter completion fish | source");
   const auto shell = std::make_shared<std::string>();
   command->add_option("SHELL", *shell, "bash, zsh or fish")

@@ -22,7 +22,7 @@ bool decode_stream(std::FILE* stream, const std::string& name, Output* out) {
   RawEventReader reader(stream);
   bool good = true;
   const auto report = [&](const std::string& problem) {
-    out->Flush();  // keeps the order when both streams go to the same place
+    out->Flush();  // keeps the order when both streams go to the same file
     std::fprintf(stderr, "%s: offset %llu: %s\n", name.c_str(),
                  static_cast<unsigned long long>(reader.offset()), problem.c_str());
     good = false;
@@ -72,11 +72,11 @@ void add_decode_command(CLI::App& app, int* exit_code) {
       app.add_subcommand("decode", "Print raw event messages as JSON, one object per line");
   command->footer(
       "A file holds messages as 'collect --format raw' writes them, each after its length\n"
-      "as a 32-bit little-endian number, or one single message and nothing else. What is no\n"
-      "event is reported with file and offset; the rest is decoded all the same.");
+      "as a 32-bit little-endian number, or one message and nothing else. A message that is\n"
+      "not an event is reported with file and offset; the others are decoded.");
   const auto files = std::make_shared<std::vector<std::string>>();
   command
-      ->add_option("FILE", *files, "Files of raw messages; without any, and for -, standard input")
+      ->add_option("FILE", *files, "Files of raw messages; standard input without any, and for -")
       ->type_name("");
   command->callback([files, exit_code] { *exit_code = decode_files(*files); });
 }

@@ -33,7 +33,7 @@ std::string HelpFormatter::make_row(const std::string& name, const std::string& 
   if (description.empty())
     return result;
   result.pop_back();
-  // With a blank between the two columns at least.
+  // At least one blank stands between the columns.
   if (2 + name.size() >= kDescriptionColumn)
     result += "\n" + std::string(kDescriptionColumn, ' ');
   return result + wrapped(description, kDescriptionColumn, kTerminalColumns) + "\n";

@@ -1,4 +1,4 @@
-// How --help looks, for the program and all its subcommands.
+// The format of --help, for the program and all its subcommands.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -6,11 +6,10 @@
 
 namespace zmqwriter {
 
-/// As CLI11's own, but fit for a terminal of 80 columns and to be read without knowing CLI11:
-/// "-h, --help" with a blank, sets of values as "json|text|raw", and what is required or the
-/// default said behind the description. To be given to the program before it gets subcommands.
-///
-/// The manual pages are made from its output, so what begins a line matters there.
+/// Like CLI11's own, but wrapped for a terminal of 80 columns: "-h, --help" with a blank, sets of
+/// values as "json|text|raw", "(required)" or the default after the description. To be set before
+/// the program gets subcommands. The manual pages are made from this output by the starts of its
+/// lines.
 class HelpFormatter : public CLI::Formatter {
  public:
   HelpFormatter();

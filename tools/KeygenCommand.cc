@@ -24,8 +24,7 @@ namespace {
   throw std::runtime_error(file + ": " + what);
 }
 
-/// Creates `file`, which must not exist, with `mode` from its first moment on. What was written of
-/// it does not stay behind a failure.
+/// Creates `file`, which must not exist, with `mode`. Removes it again after a failure.
 void create_file(const std::string& file, const std::string& content, mode_t mode) {
   const FileDescriptor descriptor(
       open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
@@ -54,7 +53,7 @@ int make_keys(const std::string& folder) {
   try {
     create_file(public_file, to_hex(pair.public_key) + "\n", 0644);
   } catch (...) {
-    // Half a pair is of no use, and would be in the way of the next attempt.
+    // A lone secret key would stop the next attempt.
     unlink(secret_file.c_str());
     throw;
   }
@@ -77,7 +76,7 @@ void add_keygen_command(CLI::App& app, int* exit_code) {
                          "Make a collector's CURVE key pair: server.public for the "
                          "agents, server.secret (mode 0600) for the collector");
   const auto folder = std::make_shared<std::string>(".");
-  command->add_option("--dir", *folder, "Folder for the two files, made if it is missing")
+  command->add_option("--dir", *folder, "Folder for the two files; created if it is missing")
       ->type_name("DIR")
       ->check(not_empty("the folder's name is empty; '.' is the current folder"))
       ->capture_default_str();

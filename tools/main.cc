@@ -22,7 +22,7 @@ using namespace zmqwriter;
 constexpr int kFailure = 1;
 constexpr int kWrongUsage = 2;
 
-/// The first word that stands where a subcommand must and is none; null if there is no such word.
+/// The first word that should be a subcommand and is not; null if there is none.
 const char* unknown_subcommand(const CLI::App& app, int argc, char** argv) {
   const CLI::App* command = &app;
   for (int i = 1; i < argc && argv[i][0] != '-'; ++i) {
@@ -35,8 +35,8 @@ const char* unknown_subcommand(const CLI::App& app, int argc, char** argv) {
   return nullptr;
 }
 
-/// Else the next file or socket that is opened would take the place of one that was closed, and
-/// messages would be written into it. Reading and writing data goes on failing.
+/// Opens the standard descriptors that are closed, so that no file or socket gets their number and
+/// messages are written into it. Reading and writing data still fails.
 bool hold_standard_descriptors() {
   const int useless[] = {O_WRONLY, O_RDONLY, O_WRONLY};
   for (int descriptor = 0; descriptor < 3; ++descriptor)
@@ -50,7 +50,7 @@ bool hold_standard_descriptors() {
 int main(int argc, char** argv) {
   if (!hold_standard_descriptors())
     return kFailure;
-  // A reader of our output that has gone shows as a failed write, which every command checks.
+  // When the reader of the output has gone, a write fails, which every command checks.
   signal(SIGPIPE, SIG_IGN);
 
   int exit_code = 0;

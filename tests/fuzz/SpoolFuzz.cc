@@ -55,10 +55,7 @@ bool is_event(const std::string& payload) {
 }
 
 void read_and_repair(const std::string& folder) {
-  std::vector<std::uint32_t> numbers;
-  std::string problem;
-  require(find_chunks(folder, &numbers, &problem), problem);
-  const RepairPlan plan = plan_repair(folder, numbers, is_event);
+  const RepairPlan plan = plan_repair(folder, find_chunks(folder), is_event);
   for (const HeaderRepair& repair : plan.headers) {
     std::filesystem::remove(repair_header(repair));
     const auto number = repair.path.find_last_of('.') == repair.path.size() - 2 ? 1u : 0u;

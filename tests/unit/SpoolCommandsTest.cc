@@ -81,7 +81,7 @@ TEST_F(SpoolCommandsTest, ListShowsEachFileWithItsFigures) {
   EXPECT_THAT(lines[1], MatchesRegex("queue.dat +50 +1 +1 +20 +30 +-"));
   EXPECT_THAT(lines[2], MatchesRegex("queue.dat.1 +27 +0 +2 +27 +0 +2 records that the header "
                                      "does not count .unclean stop."));
-  EXPECT_THAT(lines[3], MatchesRegex("queue.dat.3 +20 +1 +1 +20 +0 +behind a gap in the numbers, "
+  EXPECT_THAT(lines[3], MatchesRegex("queue.dat.3 +20 +1 +1 +20 +0 +after a gap in the numbers, "
                                      "not found by a start"));
   EXPECT_EQ(outcome.err, "3 files, 4 records; the next start of the plug-in finds 1\n");
   EXPECT_EQ(files(), before);

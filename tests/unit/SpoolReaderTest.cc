@@ -241,7 +241,7 @@ TEST_F(SpoolReaderTest, FileShorterThanItsHeaderHoldsNothing) {
 
 TEST_F(SpoolReaderTest, ForeignFileIsExplainedByRecordsOrNotAtAll) {
   put("queue.dat", "XXXX" + header(40, 2).substr(4) + record(0, "first") + record(5, "second"));
-  EXPECT_EQ(diagnosis().damage, "invalid signature, 2 records behind it");
+  EXPECT_EQ(diagnosis().damage, "invalid signature, 2 records after it");
   EXPECT_TRUE(diagnosis().repairable);
   put("queue.dat", "A letter to somebody, in some other format altogether.");
   EXPECT_EQ(diagnosis().damage, "invalid signature");
@@ -260,9 +260,7 @@ TEST_F(SpoolReaderTest, ChunksAreFoundByTheirExactNamesOnly) {
                            "queue.dat.0", "queue.dat.", "queue.dat.1.before-repair", "queue.data",
                            "queue.dat.-1", "Xqueue.dat", "queue.dat.1x", "queue_dat"})
     put(name, "");
-  std::vector<std::uint32_t> numbers;
-  std::string problem;
-  ASSERT_TRUE(find_chunks(folder(), &numbers, &problem));
+  const std::vector<std::uint32_t> numbers = find_chunks(folder());
   EXPECT_THAT(numbers, ElementsAre(0u, 1u, 3u, 10u, 4294967295u));
   EXPECT_EQ(count_in_sequence(folder(), numbers), 2u);
 }
@@ -271,9 +269,7 @@ TEST_F(SpoolReaderTest, SequenceEndsAtWhatIsNoRegularFile) {
   put("queue.dat", "");
   std::filesystem::create_directory(path("queue.dat.1"));
   put("queue.dat.2", "");
-  std::vector<std::uint32_t> numbers;
-  std::string problem;
-  ASSERT_TRUE(find_chunks(folder(), &numbers, &problem));
+  const std::vector<std::uint32_t> numbers = find_chunks(folder());
   EXPECT_EQ(count_in_sequence(folder(), numbers), 1u);
   start();
   EXPECT_EQ(spool().file_count, 1) << "as the plug-in counts";
@@ -292,10 +288,7 @@ TEST_F(SpoolReaderTest, FilesSetAsideAreFoundByTheirExactNamesOnly) {
 }
 
 TEST_F(SpoolReaderTest, MissingFolderIsAProblem) {
-  std::vector<std::uint32_t> numbers;
-  std::string problem;
-  EXPECT_FALSE(find_chunks("nowhere", &numbers, &problem));
-  EXPECT_EQ(problem, "No such file or directory");
+  EXPECT_THROW(find_chunks("nowhere"), std::runtime_error);
 }
 
 }  // namespace

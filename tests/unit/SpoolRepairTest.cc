@@ -23,10 +23,7 @@ bool nothing_is_an_event(const std::string&) {
 class SpoolRepairTest : public testing::Test, protected test::SpoolFixture {
  protected:
   static RepairPlan plan() {
-    std::vector<std::uint32_t> numbers;
-    std::string problem;
-    EXPECT_TRUE(find_chunks(folder(), &numbers, &problem)) << problem;
-    return plan_repair(folder(), numbers, nothing_is_an_event);
+    return plan_repair(folder(), find_chunks(folder()), nothing_is_an_event);
   }
   static void repair() {
     const RepairPlan todo = plan();

@@ -1,5 +1,5 @@
-// CURVE keys in the forms that meet here: 32 raw bytes, Z85 text (libzmq's), and the 64 upper-case
-// hexadecimal digits that the plug-in's settings and our key files hold.
+// CURVE keys: 32 raw bytes, Z85 text as libzmq makes it, and the 64 upper-case hexadecimal digits
+// of the plug-in's settings and of key files.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@ struct CurveKeyPair {
   CurveKey secret_key;
 };
 
-/// A fresh pair. Throws std::runtime_error when libzmq was built without CURVE.
+/// A new pair. Throws std::runtime_error when libzmq was built without CURVE.
 CurveKeyPair make_curve_key_pair();
 
 /// 64 upper-case digits.
@@ -27,7 +27,7 @@ std::string to_hex(const CurveKey& key);
 std::string parse_key(std::string_view text, const std::string& holder, CurveKey* key);
 
 /// Reads a key file: 64 hexadecimal digits of either case, white space around them allowed.
-/// Throws std::runtime_error that names the file, says what is wrong, and never quotes its content.
+/// Throws std::runtime_error that names the file and does not quote its content.
 CurveKey read_key_file(const std::string& path);
 
 }  // namespace zmqwriter

@@ -13,8 +13,8 @@
 
 #include "Text.h"
 
-// The schema's header again, this time with the tables that describe it. It defines the same names
-// as the plain one, which other units of a program may include, hence the namespace around it.
+// The schema's header with the tables that describe it. The namespace keeps its names apart from
+// those of the plain header, which other units of a program may include.
 namespace reflected {
 #include "aggregator_reflected.h"
 }
@@ -28,13 +28,13 @@ using reflected::Dravenholt::NetworkEvent;
 
 constexpr std::size_t kLargestMessage = 0x7fffffff;
 
-// A table holds tables at most twice over (event, payload, pair); the rest is room for a schema
-// that grows.
+// The schema nests tables three deep (event, payload, pair); the rest is room for a schema that
+// grows.
 constexpr flatbuffers::uoffset_t kDeepest = 8;
 constexpr flatbuffers::uoffset_t kMostTables = 1000000;
 
-// Many pairs may refer to the same string, and a small message would then print as gigabytes. Ours
-// share nothing, so their texts are never longer than the message; others get some room.
+// Many pairs may refer to the same string, and a small message would then print as gigabytes. The
+// plug-in's events share no strings, so their texts are never longer than the message.
 constexpr std::uint64_t kSharedText = std::uint64_t{1} << 20;
 
 void append_escape(std::string* out, unsigned code) {
@@ -76,7 +76,7 @@ unsigned code_point(const unsigned char* sequence, std::size_t length) {
   return code;
 }
 
-/// How many bytes at the start stand for themselves in a JSON string: most texts are such a run.
+/// How many bytes at the start need no escape in a JSON string. Most texts need none at all.
 std::size_t plain_length(const unsigned char* text, std::size_t size) {
   std::size_t length = 0;
   while (length < size && text[length] >= 0x20 && text[length] < 0x7f && text[length] != '"' &&
@@ -85,8 +85,8 @@ std::size_t plain_length(const unsigned char* text, std::size_t size) {
   return length;
 }
 
-/// Appends a JSON string. `for_terminal` also escapes the control characters beyond ASCII and the
-/// separators of lines, which JSON allows as they are.
+/// Appends a JSON string. `for_terminal` also escapes what JSON allows unescaped: control
+/// characters beyond ASCII and line separators.
 void append_quoted(std::string* out, const char* text, std::size_t size, bool for_terminal) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(text);
   *out += '"';
@@ -133,7 +133,7 @@ std::string address_text(const std::uint8_t* bytes, std::size_t size) {
   return "0x" + hex_digits(bytes, size, kLowerHex);
 }
 
-/// "2011-03-18T19:06:07.096535Z"; the number itself if it is no date.
+/// "2011-03-18T19:06:07.096535Z"; the number itself if it is not in the years 1970 to 9999.
 std::string time_text(double ts) {
   constexpr double kYear9999 = 253402300800.0;
   if (!(ts >= 0 && ts < kYear9999))
@@ -157,10 +157,9 @@ const TypeTable* member_table(const TypeTable* types, std::size_t member) {
 
 enum class Style { kJson, kText };
 
-/// Writes tables by means of the schema's description. Only verified ones: nothing is checked here
-/// but what the verifier leaves alone, the payload of an unknown type. FlatBuffers' own iteration
-/// (IterateObject) knows neither absent fields nor a payload without a type, so it is used for
-/// single values only.
+/// Writes verified tables by means of the schema's description. FlatBuffers' own iteration is used
+/// for single values only: IterateObject skips absent fields, and does not expect a payload without
+/// a type, which the verifier allows.
 class Printer : private flatbuffers::IterationVisitor {
  public:
   Printer(Style style, std::string* out) : json_(style == Style::kJson), out_(*out) {}

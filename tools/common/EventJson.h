@@ -5,28 +5,27 @@
 //     {"uid":"CbFEAq","ts":1300475167.096535,"tz_minutes_west":0,"agent_id":"agent-7",
 //      "data_type":"GenericProtocolData","data":{"ptype":null,"fields":[{"key":"a","value":"b"}]}}
 //
-//   - Every field is given. A string, vector or table that the message lacks is null, a number
-//     that it lacks has the schema's default, 0.
-//   - `data_type` is the name of the payload's table, "NONE" for no payload, and the bare number
-//     for a type that this program does not know. `data` is null when there is no payload or its
-//     type is unknown.
+//   - Every field is given. An absent string, vector or table is null, an absent number is 0, the
+//     schema's default.
+//   - `data_type` is the name of the payload's table, "NONE" without a payload, and the number of
+//     a type that this program does not know. `data` is null without a payload of a known type.
 //   - Addresses (the only byte vectors) are text: "192.0.2.1", "2001:db8::1", "" when empty, and
 //     "0x..." in hexadecimal when they are neither 4 nor 16 bytes long.
-//   - Enumerations are given by name, by number when the number has no name.
-//   - Floating-point numbers have as many digits as it takes to read back the same number. What
-//     JSON has no number for is one of the strings "NaN", "Infinity" and "-Infinity".
+//   - Enumerations are given by name, a number without a name as the number.
+//   - Floating-point numbers have the fewest digits that read back as the same number. The values
+//     that JSON lacks are the strings "NaN", "Infinity" and "-Infinity".
 //   - 64-bit numbers are written in full; readers that keep numbers as doubles round them.
-//   - The pairs of GenericProtocolData stay an array, since their order counts and keys may occur
+//   - The pairs of GenericProtocolData are an array, because their order counts and keys may occur
 //     twice.
-//   - Strings are meant to be UTF-8, but logs hold what the network held. A byte that is no part
-//     of valid UTF-8 becomes the lone surrogate \udc80 ... \udcff that Python's "surrogateescape"
-//     uses, so json.loads(line)[...].encode("utf-8", "surrogateescape") gives the exact bytes.
+//   - A byte that is not part of valid UTF-8 becomes the lone surrogate \udc80 ... \udcff that
+//     Python's "surrogateescape" uses: json.loads(line)[...].encode("utf-8", "surrogateescape")
+//     gives the exact bytes.
 //
-// The text form is for the eye: time, agent, uid, type, then name=value for each field of the
-// payload. Texts with blanks and the like are quoted as in JSON, "-" stands for absent ones. It is
-// one line on any terminal: control characters beyond ASCII and line separators are escaped too.
+// The text form is one line to read: time, agent, uid, type, then name=value for each field of the
+// payload. Texts with blanks and the like are quoted as in JSON; "-" stands for an absent one.
+// Control characters beyond ASCII and line separators are escaped too.
 //
-// Which fields there are is taken from the schema at build time; nothing here repeats it.
+// The fields are taken from the schema at build time.
 #pragma once
 
 #include <cstddef>
@@ -37,10 +36,9 @@
 
 namespace zmqwriter {
 
-/// One received message, verified: every reference in it leads to bytes of it, nothing is nested
-/// deeper than the schema allows for, and printing it takes memory in proportion to its size. It
-/// refers to the bytes it was made from, which must outlive it (it keeps a copy of its own where
-/// they are not aligned as the format needs).
+/// One received message, verified: every reference in it leads to bytes of it, tables are not
+/// nested deeper than in the schema, and printing it takes memory in proportion to its size. The
+/// bytes that it was made from must outlive it (it copies bytes that are not aligned).
 class EventMessage {
  public:
   EventMessage(const void* data, std::size_t size);
@@ -57,7 +55,7 @@ class EventMessage {
   std::string PayloadType() const;
   /// The payload's number in the schema's union; any byte may stand there.
   std::uint8_t PayloadNumber() const;
-  /// The sender's `agent_id`: any bytes, empty also when the message lacks it.
+  /// The sender's `agent_id`: any bytes; empty when it is absent.
   std::string_view AgentId() const;
 
  private:
@@ -69,7 +67,7 @@ class EventMessage {
 /// As EventMessage::PayloadType.
 std::string payload_type_name(std::uint8_t number);
 
-/// The JSON form of one message. If it is no event the result is empty and `error` says why.
+/// The JSON form of one message. If it is not an event, the result is empty and `error` says why.
 std::string event_to_json(const void* data, std::size_t size, std::string* error);
 
 /// Appends `text` as a JSON string with its quotes.

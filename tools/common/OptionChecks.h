@@ -1,4 +1,4 @@
-// Checks of option values whose messages say what is expected.
+// Checks of option values; their messages say what is expected.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -21,7 +21,7 @@ inline CLI::Validator not_empty(const std::string& problem = "the name is empty"
   return option_check([problem](const std::string& text) { return text.empty() ? problem : ""; });
 }
 
-/// A finite number above 0, or with `zero_too` not below it.
+/// A finite number above 0; with `zero_too` also 0.
 inline CLI::Validator positive_number(bool zero_too = false) {
   return option_check([zero_too](const std::string& text) -> std::string {
     double number = -1;

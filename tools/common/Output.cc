@@ -30,7 +30,7 @@ void Output::WriteLine(std::string_view text) {
 void Output::Flush() {
   if (failed())
     return;
-  // What others have left in the stream comes first.
+  // Text that other code has put into the stream comes first.
   if (std::fflush(stream_) != 0 || write_fully(fileno(stream_), buffer_) != buffer_.size())
     Fail();
   buffer_.clear();

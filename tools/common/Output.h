@@ -1,9 +1,8 @@
 // The stream that a subcommand writes its data to: standard output, or a file stream given.
 //
-// Writing is buffered; Flush hands everything on, and so does the destructor. After a failure (a
-// full disk, a reader that has gone) nothing more is written and problem() says what happened. A
-// signal that interrupts a write is no failure: the write goes on, so that nothing is lost when a
-// reader is slow. One thread.
+// Writing is buffered; Flush and the destructor write what is buffered. After a failure (a full
+// disk, a reader that has gone) nothing more is written, and problem() says what happened. A write
+// that a signal interrupts continues. One thread.
 #pragma once
 
 #include <cstdio>
@@ -22,7 +21,7 @@ class Output {
   void Write(std::string_view text);
   void WriteLine(std::string_view text);
   void Flush();
-  /// Flush, and std::runtime_error when not all could be written.
+  /// Flushes; throws std::runtime_error when something could not be written.
   void Finish();
 
   bool failed() const { return !problem_.empty(); }

@@ -1,4 +1,4 @@
-// What the subcommands share that load the plug-in: their options, its own account.
+// What the subcommands that load the plug-in share: their options and the plug-in's status.
 #pragma once
 
 #include <string>
@@ -23,8 +23,8 @@ void add_plugin_options(CLI::App* command, PluginOptions* options);
 /// if that is there, else in plugin next to the program's folder.
 std::string default_plugin_folder();
 
-/// The function of the loaded plug-in that gives its account. Throws standin::HostError when it
-/// has none.
+/// The function of the loaded plug-in that fills in its status. Throws standin::HostError when
+/// there is none.
 using StatusFunction = void (*)(DravenholtZmqWriterStatus*);
 StatusFunction plugin_status_function(const standin::Host& host);
 

@@ -1,5 +1,5 @@
-// A line on standard error that says how far a long job has got: on a terminal, and only when the
-// job takes more than two seconds. Elsewhere nothing is printed. One thread.
+// A line on standard error with the progress of a job. It is printed only on a terminal, and only
+// when the job takes more than two seconds. One thread.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@ class ProgressLine {
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
 
-  /// Whether it is time to Show something new; cheap.
+  /// Whether it is time to call Show; cheap.
   bool IsDue() const;
   void Show(const std::string& text);
   /// Removes the line, so that something else can be printed.

@@ -32,8 +32,8 @@ void append_raw_event(std::string* out, std::string_view message) {
   out->append(message);
 }
 
-/// Reads until the buffer holds `size` bytes or the stream ends. In pieces, so that a length that
-/// lies does not claim memory for bytes that are not there.
+/// Reads until the buffer holds `size` bytes or the stream ends. In pieces, so that a wrong length
+/// does not allocate memory for bytes that do not exist.
 void RawEventReader::Fill(std::size_t size) {
   while (buffer_.size() < size) {
     const std::size_t had = buffer_.size();

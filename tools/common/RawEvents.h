@@ -1,8 +1,7 @@
 // Files of raw event messages.
 //
-// Framed form, as `collect --format raw` writes it: each message is preceded by its length as
-// 32-bit unsigned little-endian number; nothing comes before, between or after. A file may also
-// hold one single message and nothing else.
+// In the framed form, as `collect --format raw` writes it, each message follows its length, a
+// 32-bit unsigned little-endian number. A file may also hold one message and nothing else.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +12,7 @@
 
 namespace zmqwriter {
 
-/// No event is nearly as long: what is longer is not read as a single one.
+/// A longer file is not read as a single message. No event is nearly as long.
 constexpr std::size_t kLargestEvent = std::size_t{64} << 20;
 
 /// Appends one message with its length before it.
@@ -25,16 +24,14 @@ class RawEventReader {
   /// The stream stays the caller's.
   explicit RawEventReader(std::FILE* stream) : stream_(stream) {}
 
-  /// Reads the next message; false at the end and after a failure. Whether the file is framed or
-  /// a single message shows with the first one: it is framed unless only the whole file is a valid
-  /// event.
+  /// Reads the next message; false at the end and after a failure. The file is read as framed,
+  /// unless its first frame is not a valid event and the whole file is one.
   bool Next(std::string* message);
 
-  /// Byte offset of the message just read (of its first byte, behind the length), or of the
-  /// problem.
+  /// Byte offset of the message just read (of the byte after its length), or of the problem.
   std::uint64_t offset() const { return offset_; }
 
-  /// What ended the reading: empty at a proper end.
+  /// Why reading ended early; empty at the end of the stream.
   const std::string& problem() const { return problem_; }
 
  private:

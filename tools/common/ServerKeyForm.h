@@ -7,8 +7,8 @@ namespace zmqwriter {
 
 /// All parts are empty when the text has the form that the plug-in reads.
 struct KeyProblem {
-  std::string id;      ///< a fixed word for programs, e.g. "key-lower-case"
-  std::string what;    ///< follows the setting's name: "has lower-case digits, which ..."
+  std::string id;    ///< a fixed word for programs, e.g. "key-lower-case"
+  std::string what;  ///< follows the setting's name: "has lower-case digits, which ..."
   std::string remedy;
 
   explicit operator bool() const { return !id.empty(); }

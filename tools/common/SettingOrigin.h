@@ -1,4 +1,4 @@
-// Where the settings of the plug-in come from.
+// Where a setting of the plug-in is set.
 #pragma once
 
 #include <string>
@@ -13,8 +13,8 @@ struct PluginOptions {
   std::string plugin_folder;        ///< empty: default_plugin_folder()
 };
 
-/// Where a setting of the plug-in comes from: the settings file, else the command line's script
-/// constant, else neither. The global `settings` must have been loaded from the file.
+/// Where a setting is set: in the settings file, else as a script constant on the command line,
+/// else nowhere. The global `settings` must have been loaded from the file.
 struct SettingOrigin {
   SettingOrigin(const PluginOptions& options, const std::string& key, const std::string& constant);
 

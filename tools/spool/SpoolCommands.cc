@@ -28,15 +28,7 @@ bool is_event(const std::string& payload) {
   return EventMessage(payload.data(), payload.size()).valid();
 }
 
-std::vector<std::uint32_t> chunks_of(const std::string& folder) {
-  std::vector<std::uint32_t> numbers;
-  std::string problem;
-  if (!find_chunks(folder, &numbers, &problem))
-    throw std::runtime_error(folder + ": cannot be read: " + problem);
-  return numbers;
-}
-
-// Says something on standard error, behind what was written so far.
+// Prints a line on standard error, after what was written to standard output.
 void note(Output* out, const std::string& text) {
   out->Flush();
   std::fprintf(stderr, "%s\n", text.c_str());
@@ -45,7 +37,7 @@ void note(Output* out, const std::string& text) {
 // list
 
 int list_spool(const std::string& folder) {
-  const std::vector<std::uint32_t> numbers = chunks_of(folder);
+  const std::vector<std::uint32_t> numbers = find_chunks(folder);
   const std::size_t in_sequence = count_in_sequence(folder, numbers);
   Output out;
   const auto line = [&out](const char* name, const std::string& size, const std::string& records,
@@ -65,7 +57,7 @@ int list_spool(const std::string& folder) {
     Diagnosis diagnosis = diagnose(file, is_event);
     if (i >= in_sequence)
       diagnosis.damage += std::string(diagnosis.damage.empty() ? "" : "; ") +
-                          "behind a gap in the numbers, not found by a start";
+                          "after a gap in the numbers, not found by a start";
     const std::uint64_t live =
         std::min(file.size(), diagnosis.found.empty() && !file.has_signature()
                                   ? std::uint64_t{0}
@@ -75,7 +67,7 @@ int list_spool(const std::string& folder) {
          std::to_string(file.size() - live), diagnosis.damage.empty() ? "-" : diagnosis.damage);
     damaged = damaged || !diagnosis.damage.empty();
     found += diagnosis.found.size();
-    // A lone head without a sound header is not looked into before something is stored.
+    // The plug-in does not read a lone head without signature before it stores something.
     if (i < in_sequence && (in_sequence > 1 || file.has_signature()))
       next_start += diagnosis.counted.size();
   }
@@ -100,7 +92,7 @@ class Dumper {
  public:
   Dumper(Output* out, bool raw) : out_(out), raw_(raw) {}
 
-  /// Whether everything so far could be written as what it should be.
+  /// Whether every record was complete and, without --raw, an event.
   bool good() const { return good_; }
 
   void Dump(const ChunkFile& file) {
@@ -143,7 +135,7 @@ class Dumper {
 };
 
 int dump_spool(const std::string& folder, bool raw) {
-  const std::vector<std::uint32_t> numbers = chunks_of(folder);
+  const std::vector<std::uint32_t> numbers = find_chunks(folder);
   Output out;
   Dumper dumper(&out, raw);
   for (std::size_t i = 0; i < count_in_sequence(folder, numbers); ++i)
@@ -160,14 +152,14 @@ bool is_in_use(const std::string& folder, const std::vector<std::uint32_t>& numb
     paths.push_back(ChunkFile(folder, number).path());
   const SpoolUsers users = find_spool_users(paths);
   if (!users.doubt.empty())
-    std::fprintf(stderr, "Cannot be sure that no agent uses the spool: %s.\n", users.doubt.c_str());
+    std::fprintf(stderr, "Warning: an agent may be using the spool: %s.\n", users.doubt.c_str());
   for (const long process : users.processes)
     std::fprintf(stderr, "%s: in use by process %ld; stop it first\n", folder.c_str(), process);
   return !users.processes.empty();
 }
 
 int repair_spool(const std::string& folder, bool dry_run) {
-  const std::vector<std::uint32_t> numbers = chunks_of(folder);
+  const std::vector<std::uint32_t> numbers = find_chunks(folder);
   if (is_in_use(folder, numbers))
     return kFailure;
   const RepairPlan plan = plan_repair(folder, numbers, is_event);
@@ -204,7 +196,7 @@ struct Options {
 
 void add_spool_command(CLI::App& app, int* exit_code) {
   CLI::App* const command =
-      app.add_subcommand("spool", "Look at the messages that wait on disk, or mend their files");
+      app.add_subcommand("spool", "List, print or repair the messages that wait on disk");
   command->require_subcommand(1);
   const auto options = std::make_shared<Options>();
   const auto add = [&](const std::string& name, const std::string& description) {
@@ -215,30 +207,30 @@ void add_spool_command(CLI::App& app, int* exit_code) {
     return subcommand;
   };
 
-  CLI::App* const list = add("list", "Show what lies on disk, one line for each file");
+  CLI::App* const list = add("list", "List the files, one line for each");
   list->footer(
       "The columns: size of the file; 'records' that its header counts; 'walked', those\n"
-      "that are there; bytes of records that wait to be sent (live) and of others (stale);\n"
-      "damage, or '-'. Exit status 1 when there is damage. Changes nothing.");
+      "that the file holds; bytes of records that wait to be sent (live) and other bytes\n"
+      "(stale); damage, or '-'. Exit status 1 when there is damage. Changes nothing.");
   list->callback([options, exit_code] { *exit_code = list_spool(options->folder); });
 
   CLI::App* const dump =
       add("dump", "Print the events that the agent's next start finds, newest first");
   dump->footer(
       "One JSON object per line, in the order in which they would be sent. Exit status 1 when\n"
-      "a record is no event. Changes nothing.");
+      "a record is not an event. Changes nothing.");
   dump->add_flag("--raw", options->raw,
-                 "Write the bytes instead: each record preceded by its length as a 32-bit "
-                 "little-endian number (zmqwriter decode reads this)");
+                 "Write the bytes instead: each record after its length, a 32-bit little-endian "
+                 "number (zmqwriter decode reads this)");
   dump->callback([options, exit_code] { *exit_code = dump_spool(options->folder, options->raw); });
 
-  CLI::App* const repair =
-      add("repair", "Make records countable again that an unclean stop left behind");
+  CLI::App* const repair = add(
+      "repair", "Repair the files after an unclean stop, so that the next start finds all events");
   repair->footer(
-      "Sets the files' headers to the records that are there, keeping a copy of each file\n"
-      "beside it, and closes gaps in the files' numbers. Stop the agent first. Exit status 1\n"
-      "when something could not be mended.");
-  repair->add_flag("--dry-run", options->dry_run, "Only say what would be done");
+      "Sets the files' headers to the records that the files hold, and closes gaps in the\n"
+      "files' numbers. A copy of each changed file stays in the folder. Stop the agent\n"
+      "first. Exit status 1 when something could not be repaired.");
+  repair->add_flag("--dry-run", options->dry_run, "Only print what would be done");
   repair->callback(
       [options, exit_code] { *exit_code = repair_spool(options->folder, options->dry_run); });
 }

@@ -31,7 +31,7 @@ SpoolUsers look_into_proc(const std::set<FileId>& files) {
     std::vector<std::string> names;
     if (!list_folder(descriptors, &names)) {
       if (errno == EACCES || errno == EPERM)
-        users.doubt = "not every process may be looked into; the superuser can";
+        users.doubt = "the open files of some processes may be read by root only";
       continue;
     }
     for (const std::string& name : names) {
@@ -62,7 +62,7 @@ SpoolUsers ask_lsof(const std::vector<std::string>& paths) {
     users.processes.push_back(process);
   const int status = lsof ? pclose(lsof) : -1;
   if (status == -1 || WEXITSTATUS(status) == 127)
-    users.doubt = "there is neither /proc nor lsof to find out with";
+    users.doubt = "there is neither /proc nor lsof";
   return users;
 }
 

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <stdexcept>
 
 #include "ChunkFile.h"
 #include "Files.h"
@@ -141,7 +142,7 @@ bool links_hold(const std::vector<SpoolRecord>& records) {
   return true;
 }
 
-// Each reopening adds the size of the header once more. A file without records may say anything.
+// Each reopening adds the size of the header to used_size. Without records any used_size will do.
 bool used_size_fits(const ChunkFile& file, const std::vector<SpoolRecord>& records) {
   if (records.empty())
     return true;
@@ -156,14 +157,14 @@ void drop_remains(const ChunkFile& file, std::size_t known,
   std::vector<SpoolRecord> kept = *records;
   while (kept.size() > known && !is_payload(kept.back()))
     kept.pop_back();
-  // With no event anywhere in the file the payloads are of some other kind, and say nothing.
+  // In a file without any event the payloads are of another kind, and say nothing.
   if (kept.size() < records->size() && std::any_of(kept.begin(), kept.end(), is_payload))
     *records = std::move(kept);
 }
 
-// Whether the counted records are what the header was written for. A length of 0 on top is the one
-// thing that it cannot tell apart by itself: a payload of no bytes, or a record taken since whose
-// bytes pass for those that reopening adds. Believing the latter loses nothing but the former.
+// Whether the header was written for the counted records. A newest record of length 0 is ambiguous:
+// either its payload is empty, or it was taken later and its bytes equal those that reopening adds.
+// It is then treated as taken, which loses at most an empty payload.
 bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& counted) {
   if (counted.size() != file.record_count() || !links_hold(counted) ||
       !used_size_fits(file, counted))
@@ -171,8 +172,7 @@ bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& coun
   return counted.empty() || counted.back().length > 0 || file.used_size() == bytes_used(counted);
 }
 
-// The counted records are believed as a whole or not at all; what follows them, or all, is found
-// by links.
+// Trusts the counted records as a whole or not at all; all others are found by links.
 void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& by_header,
                       const std::function<bool(const std::string&)>& is_event,
                       Diagnosis* diagnosis) {
@@ -189,7 +189,7 @@ void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& by_
     diagnosis->repairable = true;
   } else if (found < promised && linked.end == WalkEnd::kBrokenLink &&
              by_header.size() == promised && used_size_fits(file, by_header)) {
-    // By number and size the records are all there, so it is the link that is wrong.
+    // Number and size of the records are right, so the link is wrong.
     diagnosis->damage =
         "record " + std::to_string(found + 1) + " does not name the length of the one before it";
   } else if (found < promised &&
@@ -226,14 +226,14 @@ Diagnosis diagnose(const ChunkFile& file,
     diagnose_records(file, diagnosis.counted, is_event, &diagnosis);
     return diagnosis;
   }
-  // Another program's file, unless every byte of it up to its end, or to the remains behind a
-  // taken record, is explained by records.
+  // It is another program's file, unless it consists of records up to its end or up to a taken
+  // record.
   const Walk linked = file.LinkedWalk();
   diagnosis.damage = "invalid signature";
   if (!linked.records.empty() &&
       (linked.end == WalkEnd::kEndOfFile || linked.end == WalkEnd::kTakenRecord)) {
     diagnosis.found = linked.records;
-    diagnosis.damage += ", " + counted(linked.records.size(), "record") + " behind it";
+    diagnosis.damage += ", " + counted(linked.records.size(), "record") + " after it";
     diagnosis.repairable = true;
   }
   return diagnosis;
@@ -245,26 +245,23 @@ namespace {
 bool parse_chunk_name(const std::string& name, std::uint32_t* number) {
   const auto value = number_in<std::uint32_t>(name.size() > 10 ? name.substr(10) : "0");
   *number = value.value_or(0);
-  // The name that the number gives must be this one: no leading zeros, nothing else in front.
+  // No leading zeros and no other start of the name are allowed.
   return value && chunk_path("", *number) == "/" + name;
 }
 
 }  // namespace
 
-bool find_chunks(const std::string& folder, std::vector<std::uint32_t>* numbers,
-                 std::string* problem) {
-  numbers->clear();
+std::vector<std::uint32_t> find_chunks(const std::string& folder) {
+  std::vector<std::uint32_t> numbers;
   std::vector<std::string> names;
-  if (!list_folder(folder, &names)) {
-    *problem = std::strerror(errno);
-    return false;
-  }
+  if (!list_folder(folder, &names))
+    throw std::runtime_error(folder + ": cannot be read: " + std::strerror(errno));
   std::uint32_t number;
   for (const std::string& name : names)
     if (parse_chunk_name(name, &number))
-      numbers->push_back(number);
-  std::sort(numbers->begin(), numbers->end());
-  return true;
+      numbers.push_back(number);
+  std::sort(numbers.begin(), numbers.end());
+  return numbers;
 }
 
 std::vector<std::string> find_set_aside(const std::string& folder) {

@@ -1,12 +1,12 @@
-// Reading of a spool's chunk files, without ever writing to them.
+// Reading of a spool's chunk files. Nothing is written to them.
 //
-// Two ways lead through a file's records. The counted walk takes as many as the header promises,
-// by their lengths, as the plug-in does when it opens the file. The linked walk asks nothing of
-// the header: it goes on for as long as each record names the length of the one before it, and
-// ends at what cannot be a live record. Where the two agree the file is healthy; after an unclean
-// stop they differ. docs/spool-format.md describes the files and how the two are weighed.
+// There are two walks through a file's records. The counted walk goes by the records' lengths and
+// takes as many as the header counts, as the plug-in does when it opens the file. The linked walk
+// ignores the header: it continues while each record has the length of the one before it in its
+// header, and ends at what cannot be a live record. In a healthy file both give the same records;
+// after an unclean stop they differ. docs/spool-format.md describes the files and the diagnosis.
 //
-// One thread. Whatever is in the files: bounded work, no crash, and only bytes that they have.
+// One thread. Any file content means bounded work, no crash, and only bytes that the file has.
 #pragma once
 
 #include <cstdint>
@@ -30,13 +30,13 @@ struct SpoolRecord {
   std::uint64_t end() const;
 };
 
-/// Why a walk went no further.
+/// Why a walk ended.
 enum class WalkEnd {
-  kCounted,      // it has all the records that the header promises
+  kCounted,      // it has all the records that the header counts
   kEndOfFile,    // the last record ends where the file does
-  kTakenRecord,  // a length of 0 marks a record that was taken; remains follow
-  kBrokenLink,   // bytes that do not name the length of the record before them
-  kCutRecord,    // a record that would reach past the end of the file
+  kTakenRecord,  // a length of 0 marks a record that was taken; remains of others follow
+  kBrokenLink,   // the next header has another length for the record before it
+  kCutRecord,    // the next record would reach past the end of the file
 };
 
 struct Walk {
@@ -67,9 +67,9 @@ class ChunkFile {
 
   /// The first record_count records by their lengths, fewer where the file is too short for them.
   Walk CountedWalk() const;
-  /// Goes on behind `known` (from the file's header on when that is empty) by lengths and links.
+  /// Continues after `known` (after the file's header when that is empty) by lengths and links.
   Walk LinkedWalk(std::vector<SpoolRecord> known = {}) const;
-  /// Payload of a record; shorter than its length where the file is.
+  /// The payload of a record; shorter than its length where the file ends.
   std::string Payload(const SpoolRecord& record) const;
 
  private:
@@ -92,26 +92,25 @@ class ChunkFile {
 /// used_size of a file with these live records, without the 12 bytes that each reopening adds.
 std::uint64_t bytes_used(const std::vector<SpoolRecord>& records);
 
-/// What a file holds, and what its header says that it holds.
+/// The records of a file, compared with its header.
 struct Diagnosis {
   std::vector<SpoolRecord> counted;  // what the plug-in finds by the header, oldest first
   std::vector<SpoolRecord> found;    // what there is, oldest first
   std::string damage;                // in words; empty for a healthy file
-  bool repairable = false;           // a header that counts `found` would mend it
+  bool repairable = false;           // a header that counts `found` would repair it
 };
 
-/// `is_event` tells payloads that the spool may hold from other bytes: where a file has such
-/// payloads, uncounted records at its end that are none are remains of old records.
+/// `is_event` says whether a payload is an event. In a file with events, uncounted records at its
+/// end that are not events are remains of old records.
 Diagnosis diagnose(const ChunkFile& file,
                    const std::function<bool(const std::string& payload)>& is_event);
 
-/// Numbers of the chunk files in a folder, ascending, whatever gaps there are. False with
-/// `problem` set when the folder cannot be read.
-bool find_chunks(const std::string& folder, std::vector<std::uint32_t>* numbers,
-                 std::string* problem);
+/// Numbers of the chunk files in a folder, ascending, with gaps. Throws std::runtime_error that
+/// names the folder when it cannot be read.
+std::vector<std::uint32_t> find_chunks(const std::string& folder);
 
-/// Paths of the head files that the plug-in has set aside because it could not open them, in the
-/// order in which it did. None when the folder cannot be read.
+/// Paths of the head files that the plug-in has set aside because it could not open them, the first
+/// one first. None when the folder cannot be read.
 std::vector<std::string> find_set_aside(const std::string& folder);
 
 /// How many of `numbers`, as find_chunks gives them for `folder`, a start of the plug-in finds:

@@ -45,7 +45,7 @@ int create_copy(const std::string& path, mode_t mode, std::string* copy) {
   return -1;
 }
 
-/// The name of a new file is on disk only once its folder is.
+/// A new file's name is on disk only when its folder is.
 bool sync_folder_of(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
@@ -70,8 +70,8 @@ std::string keep_copy(const std::string& path, int from) {
   return copy;
 }
 
-// Whether a file may be part of the sequence. Oddities that no header can mend are no reason
-// against: the plug-in reads such a file all the same.
+// Whether a file may be part of the sequence. The plug-in reads a file with damage that no header
+// can repair, too.
 bool is_chunk(const ChunkFile& file, const Diagnosis& diagnosis) {
   return file.problem().empty() && (file.has_signature() || diagnosis.repairable);
 }
@@ -91,7 +91,7 @@ class Planner {
       if (i >= in_sequence)
         MoveDown(file, good);
     }
-    // What was set aside goes behind all others, the newest first as it was.
+    // Files that were set aside follow all others, in their order.
     for (const std::string& path : find_set_aside(folder_)) {
       const ChunkFile file(path);
       const bool good = PlanHeader(file);
@@ -116,15 +116,15 @@ class Planner {
     return is_chunk(file, diagnosis);
   }
 
-  // Files behind a gap close it, lowest first: each takes a number that is free.
+  // Files after a gap close it, the lowest first: each takes a free number.
   void MoveDown(const ChunkFile& file, bool good) {
     if (is_blocked_)
       return;
     if (good)
       return Rename(file);
     is_blocked_ = true;
-    plan_.refused.push_back(file.name() +
-                            ": stays behind the gap in the numbers, and so do those after it");
+    plan_.refused.push_back(
+        file.name() + ": stays after the gap in the numbers, and so do the files that follow it");
   }
 
   void Rename(const ChunkFile& file) {
@@ -136,7 +136,7 @@ class Planner {
   const std::function<bool(const std::string&)>& is_event_;
   RepairPlan plan_;
   std::uint32_t next_ = 0;   // lowest number without a file
-  bool is_blocked_ = false;  // by a file in the way that stays where it is
+  bool is_blocked_ = false;  // by a file that cannot be moved down
 };
 
 }  // namespace

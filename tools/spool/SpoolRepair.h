@@ -1,4 +1,4 @@
-// Making records countable again that an unclean stop left behind.
+// Repair of a spool after an unclean stop, so that the plug-in's next start finds all records.
 #pragma once
 
 #include <cstdint>
@@ -10,16 +10,16 @@
 
 namespace zmqwriter {
 
-/// What would make the next start of the plug-in find all records of a file.
+/// A new header, with which the plug-in finds all records of a file.
 struct HeaderRepair {
   std::string path;
   std::uint32_t used_size;
   std::uint32_t record_count;
-  std::size_t records_before;  // that the plug-in found without the repair
+  std::size_t records_before;  // that the plug-in finds without the repair
 };
 
 /// A file that no start finds, because its number follows a gap or because the plug-in set it
-/// aside, and the name that it should have.
+/// aside, and its new name.
 struct Renaming {
   std::string from;
   std::string to;
@@ -27,17 +27,17 @@ struct Renaming {
 
 struct RepairPlan {
   std::vector<HeaderRepair> headers;
-  std::vector<Renaming> renamings;   // in the order in which none overwrites another
-  std::vector<std::string> refused;  // "FILE: what is wrong", for damage that is left as it is
+  std::vector<Renaming> renamings;   // in an order in which none overwrites another
+  std::vector<std::string> refused;  // "FILE: what is wrong", for files that are left unchanged
 };
 
-/// Looks at the files `numbers` of `folder` and changes nothing.
+/// Plans the repair of the files `numbers` of `folder`; changes nothing.
 RepairPlan plan_repair(const std::string& folder, const std::vector<std::uint32_t>& numbers,
                        const std::function<bool(const std::string& payload)>& is_event);
 
-/// Copies the file to a new name beside it that no start looks at, then replaces its 12 header
-/// bytes. Returns the copy's path. Throws std::runtime_error; the header is untouched unless the
-/// copy is whole and on disk.
+/// Copies the file to a new name in the same folder that no start uses, then replaces its 12 header
+/// bytes. Returns the copy's path. Throws std::runtime_error; the header is not changed before the
+/// copy is complete and on disk.
 std::string repair_header(const HeaderRepair& repair);
 
 /// Throws std::runtime_error, also when the new name is taken.
