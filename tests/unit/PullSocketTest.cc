@@ -151,7 +151,7 @@ TEST_F(PullSocketTest, SocketOfAFormerRunIsReplacedAndNothingElse) {
       FAIL() << taken;
     } catch (const std::runtime_error& error) {
       EXPECT_EQ(error.what(), "cannot listen on '" + std::string(taken) +
-                                  "': there is a file of this name, which is no socket");
+                                  "': there is a file of this name that is not a socket");
     }
   }
   EXPECT_EQ(test::read_file("link"), "precious");

@@ -39,7 +39,7 @@ AllowList read_allow_list(const std::string& path) {
     keys.insert(key);
   }
   if (keys.empty())
-    throw std::runtime_error(path + ": holds no key, so nobody could connect");
+    throw std::runtime_error(path + ": holds no key, so no client could connect");
   return keys;
 }
 

@@ -1,9 +1,9 @@
 // Decides which clients may connect: only those whose public key is on a list.
 //
-// libzmq asks over an inproc endpoint of the context (ZAP, protocol 1.0) about each client that
-// has proved that it owns its key; a thread of this class answers. It must exist before the
-// first socket of the context is bound, and a client is asked about once, when it connects: a new
-// list leaves existing connections alone. Were the thread to die, nobody would be let in.
+// libzmq asks about each client that has proved that it owns its key, by the ZeroMQ Authentication
+// Protocol (ZAP 1.0) over an inproc endpoint of the context; a thread of this class answers. The
+// gate must exist before the first socket of the context is bound. libzmq asks once for each
+// connection, so a new list does not end existing ones. Without an answer no client may connect.
 #pragma once
 
 #include <atomic>
@@ -20,15 +20,15 @@ namespace zmqwriter {
 
 class ClientGate {
  public:
-  /// Throws std::runtime_error when the endpoint cannot be opened. With `quiet`, clients that are
-  /// turned away are only counted; else the first few are named on standard error.
+  /// Throws std::runtime_error when the endpoint cannot be opened. With `quiet`, denied clients are
+  /// only counted; else the first few are reported on standard error.
   ClientGate(ZmqContext* context, AllowList allowed, bool quiet);
-  /// Ends the whole context: its other sockets must be closed already.
+  /// Ends the context; its other sockets must be closed already.
   ~ClientGate();
   ClientGate(const ClientGate&) = delete;
   ClientGate& operator=(const ClientGate&) = delete;
 
-  /// From now on this list counts. Any thread.
+  /// Takes a new list. Any thread.
   void Replace(AllowList allowed);
 
   /// Any thread.

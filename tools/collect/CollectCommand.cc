@@ -20,30 +20,28 @@ constexpr double kShortestInterval = 0.01;
 
 constexpr const char* kFooter =
     "The bound endpoint is printed on standard error ('listening on ...'), totals at the end.\n"
-    "Empty, malformed and multi-part messages are counted, they do not stop the collector.\n"
+    "Empty, malformed and multi-part messages are counted; the collector goes on.\n"
     "\n"
-    "A slow output slows the agents down: per connection at most 64 messages wait here, the rest\n"
-    "waits with the agents. A message of more than 4 MiB is refused: its sender is disconnected,\n"
-    "which libzmq does not report. So at most 256 MiB wait for each connection, other than in\n"
-    "messages of several parts: these count as one and may be of any length. No agent sends any.\n"
+    "A slow output slows the agents down: for each connection at most 64 messages wait in the\n"
+    "collector, the others at the agents. A message of more than 4 MiB is refused: libzmq ends\n"
+    "the connection without a report. So at most 256 MiB wait for each connection. Messages of\n"
+    "several parts count as one and have no limit; agents send none.\n"
     "\n"
-    "SIGINT and SIGTERM end it cleanly: what has arrived is still written, for which a stalled\n"
-    "reader of the output is waited; the second one of the same kind ends it at once. What an\n"
-    "agent sends while the collector ends may be lost with the connection.\n"
+    "SIGINT and SIGTERM end the collector cleanly: it writes all that has arrived, and waits for\n"
+    "a stalled reader of the output. A second signal of the same kind ends it at once. An event\n"
+    "that an agent sends while the collector ends may be lost.\n"
     "\n"
     "--output: the current file has the name given; finished files are FILE.000001 (the oldest),\n"
-    "FILE.000002 and so on. A run never appends to a file of a former run, it moves it aside "
-    "first.\n"
-    "No event is split between files. Data is handed to the system at once but not forced to "
-    "disk.\n"
+    "FILE.000002 and so on. A run never appends to the file of a former run, it moves it aside.\n"
+    "No event is split between files. Data is written at once, but not forced to disk.\n"
     "\n"
     "--allow: one public key per line, 64 hexadecimal digits of either case; '#' starts a "
     "comment.\n"
-    "SIGHUP reads the file again, for new connections. This is for clients that keep their keys,\n"
-    "such as forwarding collectors. Agents of this plug-in make a fresh key pair for every\n"
-    "connection, so --allow shuts all of them out.\n"
+    "SIGHUP reads the file again, for new connections. The option is for clients that keep their\n"
+    "keys, such as forwarding collectors. Agents of this plug-in cannot connect, because they\n"
+    "make a new key pair for each connection.\n"
     "\n"
-    "--metrics and --stats tell at most 100 agents apart, the rest counts as '(others)'.";
+    "--metrics and --stats count at most 100 agents by name, all others as '(others)'.";
 
 void warn_if_readable_by_others(const std::string& file) {
   struct stat status;
@@ -59,7 +57,7 @@ int collect(const CollectOptions& options) {
   return Collector(options).Run();
 }
 
-/// Seconds between reports: fewer would do nothing but print.
+/// Seconds between reports. With shorter times the collector would only print.
 CLI::Validator interval() {
   return option_check([](const std::string& text) -> std::string {
     double seconds = 0;
@@ -87,8 +85,8 @@ void add_input_options(CLI::App* command, CollectOptions* options) {
       ->required();
   command
       ->add_option("--allow", options->allow_file,
-                   "Let in only clients whose public keys this file lists; shuts out the agents "
-                   "of this plug-in (see below)")
+                   "Accept only clients whose public keys are in this file; agents of this plug-in "
+                   "cannot connect then (see below)")
       ->type_name("FILE")
       ->check(not_empty());
 }
@@ -96,25 +94,26 @@ void add_input_options(CLI::App* command, CollectOptions* options) {
 void add_output_options(CLI::App* command, SinkOptions* options) {
   command
       ->add_option("--format", options->format,
-                   "json: one object per line. text: for the eye. raw: each message as received, "
-                   "after its length as 32-bit little-endian number")
+                   "json: one object per line. text: one line to read. raw: each message as "
+                   "received, after its length, a 32-bit little-endian number")
       ->check(CLI::IsMember({"json", "text", "raw"}))
       ->type_name("")
       ->capture_default_str();
   CLI::Option* const output =
-      command->add_option("--output", options->path, "Write to this file, not to standard output")
+      command
+          ->add_option("--output", options->path, "Write to this file instead of standard output")
           ->type_name("FILE")
           ->check(not_empty());
   CLI::Option* const rotate_size =
       command
           ->add_option("--rotate-size", options->rotate_size,
-                       "Begin a new file before one has more than so many bytes")
+                       "Begin a new file before the current one gets longer than this")
           ->type_name("BYTES")
           ->check(positive_count())
           ->needs(output);
   command
       ->add_option("--rotate-keep", options->rotate_keep,
-                   "Remove the oldest finished files beyond so many; without this, all are kept")
+                   "Keep only the newest N finished files (default: all)")
       ->type_name("N")
       ->check(positive_count())
       ->needs(rotate_size);
@@ -123,30 +122,29 @@ void add_output_options(CLI::App* command, SinkOptions* options) {
 void add_watching_options(CLI::App* command, CollectOptions* options) {
   command
       ->add_option("--stats", options->stats_s,
-                   "Print rates on standard error every so many seconds (0.01 or more): events "
-                   "and bytes, by "
-                   "payload type and agent, and bad messages")
+                   "Print rates on standard error at this interval (0.01 or more): events and "
+                   "bytes, by payload type and agent, and bad messages")
       ->type_name("SECONDS")
       ->check(positive_number())
       ->check(interval());
   command
       ->add_option("--metrics", options->metrics_address,
-                   "Serve counts for Prometheus over HTTP, e.g. on 127.0.0.1:9100; port 0 lets the "
-                   "system choose. The address is printed ('metrics on http://...')")
+                   "Serve counts for Prometheus over HTTP, e.g. on 127.0.0.1:9100; with port 0 the "
+                   "system chooses one. The address is printed ('metrics on http://...')")
       ->type_name("HOST:PORT")
       ->check(option_check(metrics_address_problem));
-  command->add_option("--count", options->count, "Stop after so many events")
+  command->add_option("--count", options->count, "Stop after N events")
       ->type_name("N")
       ->check(positive_count());
   command
       ->add_option("--timeout", options->timeout_s,
-                   "Stop when nothing has come for so many seconds; a failure (exit status 1) "
-                   "if --count was not reached")
+                   "Stop when no message has come for this time; a failure (exit status 1) if "
+                   "--count was not reached")
       ->type_name("SECONDS")
       ->check(positive_number());
   command->add_flag("--quiet", options->quiet,
-                    "Nothing on standard error but the addresses, warnings, failures, and what "
-                    "--stats asks for");
+                    "Print only addresses, warnings, failures and the rates of --stats on standard "
+                    "error");
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 // What a collector has received so far, by payload type and by agent.
 //
-// Agents name themselves, so their names are whatever a client cares to send: at most kMostAgents
-// of them are told apart, in the order of their coming, and names are cut at kLongestAgent bytes.
-// Everyone else counts under kOtherAgents. As labels, names are valid UTF-8 without control
-// characters: other bytes, backslashes and a '(' at the start are written \xNN, so that no two
-// names share a label and none can pass for "(others)".
+// An agent's name may be any bytes that a client sends. The first kMostAgents agents are counted by
+// name, cut at kLongestAgent bytes; all others count as kOtherAgents. In labels, names are valid
+// UTF-8 without control characters: other bytes, backslashes and a '(' at the start are written
+// \xNN, so that no two names share a label and no name equals "(others)".
 //
 // All methods may be called from any thread.
 #pragma once
@@ -55,7 +54,7 @@ class CollectStats {
   void CountEmpty();
   void CountMalformed();
   void CountMultiPart();
-  /// How much went to the output, and how many files of it are finished.
+  /// Bytes written to the output, and the number of its finished files.
   void NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files);
 
   CollectCounts Counts() const;
@@ -71,7 +70,7 @@ class CollectStats {
   Tally other_agents_;
 };
 
-/// A name as a label: see above.
+/// A name as a label, as described above.
 std::string agent_label(std::string_view name);
 
 }  // namespace zmqwriter

@@ -21,9 +21,9 @@ constexpr int kPollMs = 100;
 constexpr int kMostAtOnce = 1000;
 // Bad messages beyond these are counted only.
 constexpr std::uint64_t kReportedBadMessages = 10;
-// After a stop signal or a time-out: when nothing is under way any more, and how long that may
-// take. After the connections were ended: when libzmq's thread has handed over the last of what it
-// had read.
+// After a stop signal or a time-out, the connections are ended when nothing has come for kQuietMs,
+// or after kLongestDrain. The collector then ends when libzmq's thread has handed over nothing more
+// for kSettledMs, or after kLongestSettling.
 constexpr int kQuietMs = 300;
 constexpr auto kLongestDrain = std::chrono::seconds(2);
 constexpr int kSettledMs = 100;
@@ -37,10 +37,11 @@ std::unique_ptr<ClientGate> make_gate(const CollectOptions& options, ZmqContext*
   if (options.allow_file.empty())
     return nullptr;
   AllowList allowed = read_allow_list(options.allow_file);
-  std::fprintf(stderr,
-               "warning: only clients with one of %zu fixed keys may connect; agents make a fresh "
-               "key for each connection, so all of them are shut out\n",
-               allowed.size());
+  std::fprintf(
+      stderr,
+      "warning: only clients with one of %zu keys may connect; agents of this plug-in cannot, "
+      "because they make a new key for each connection\n",
+      allowed.size());
   return std::make_unique<ClientGate>(context, std::move(allowed), options.quiet);
 }
 
@@ -53,13 +54,13 @@ std::unique_ptr<Metrics> make_metrics(const CollectOptions& options, const Colle
   return metrics;
 }
 
-/// The output, unless that is a file which is read: it would be moved aside.
+/// The options of the output. A file of keys is refused, because it would be moved aside.
 const SinkOptions& no_input(const CollectOptions& options) {
   std::error_code ignored;
   for (const std::string& input : {options.secret_key_file, options.allow_file})
     if (std::filesystem::equivalent(options.sink.path, input, ignored))
       throw std::runtime_error(options.sink.path +
-                               ": holds keys that are read, so it cannot be the output");
+                               ": is a file of keys, so it cannot be the output");
   return options.sink;
 }
 
@@ -71,7 +72,7 @@ Collector::Collector(const CollectOptions& options)
       socket_(&context_, read_key_file(options.secret_key_file), gate_ != nullptr),
       metrics_(make_metrics(options, stats_, gate_.get())),
       sink_(no_input(options)) {
-  // Last, as an agent must not have connected when something else fails.
+  // Bound last, so that no agent has connected when something else fails.
   for (const std::string& endpoint : options.endpoints)
     bound_.push_back(socket_.Bind(endpoint));
   sink_.Begin();
@@ -112,8 +113,8 @@ bool Collector::TimedOut() const {
          Clock::now() - last_message_ >= std::chrono::duration<double>(options_.timeout_s);
 }
 
-/// Takes what has arrived, within limits; false if there was nothing. What was printed is handed
-/// on before we wait again, so that a reader behind a pipe sees each event at once.
+/// Takes the messages that have arrived, at most kMostAtOnce; false if there were none. Flushes
+/// before the next wait, so that a reader of a pipe gets each event at once.
 bool Collector::TakeWaiting() {
   int taken = 0;
   while (taken < kMostAtOnce && !Done() && socket_.Receive(&part_)) {
@@ -128,8 +129,8 @@ bool Collector::TakeWaiting() {
   return taken > 0;
 }
 
-/// The agents count as delivered what has left them: it is not left behind, as far as it can be.
-/// Unbinding ends the connections too, so it comes only when they have gone quiet, or do not.
+/// Takes what agents have sent already, because they count it as delivered. Unbinding ends the
+/// connections, so it comes after a quiet moment or a time limit.
 void Collector::Drain() {
   auto end = Clock::now() + kLongestDrain;
   while (!Done() && Clock::now() < end && socket_.Wait(kQuietMs))
@@ -155,7 +156,7 @@ void Collector::TakeMessage() {
   }
 }
 
-/// A message arrives as a whole, so its further parts are there.
+/// libzmq hands over whole messages, so the further parts have arrived.
 void Collector::SkipParts() {
   while (zmq_msg_more(&part_)) {
     if (!socket_.Receive(&part_))
@@ -184,7 +185,7 @@ void Collector::ReportBad(const std::string& problem) {
                bad_ == kReportedBadMessages ? " (further ones are only counted)" : "");
 }
 
-/// A list that cannot be read changes nothing.
+/// Keeps the old list when the new one cannot be read.
 void Collector::ReloadAllowList() {
   try {
     AllowList allowed = read_allow_list(options_.allow_file);

@@ -1,8 +1,8 @@
 // The reference collector: receives events as a CURVE server, verifies, counts and writes them.
 //
-// One thread receives and writes in turn, so a slow output slows the receiving down and, over
-// libzmq's bounded queues, the agents: memory stays within what PullSocket promises. Nothing of
-// what libzmq has received is given up at a clean end, other than behind --count.
+// One thread receives and writes in turn. So a slow output slows down the receiving and, by
+// libzmq's bounded queues, the agents, and memory stays within PullSocket's limits. At a clean end
+// all that libzmq has received is written, except after --count.
 #pragma once
 
 #include <zmq.h>
@@ -37,18 +37,18 @@ struct CollectOptions {
 
 class Collector {
  public:
-  /// Opens everything and says on standard error where it listens. Throws std::runtime_error; the
-  /// output of a former run is then where it was.
+  /// Opens everything and prints on standard error where it listens. Throws std::runtime_error; the
+  /// output of a former run is then unchanged.
   explicit Collector(const CollectOptions& options);
   ~Collector();
   Collector(const Collector&) = delete;
   Collector& operator=(const Collector&) = delete;
 
-  /// What it listens on, with the ports that the system chose.
+  /// The bound endpoints, with the ports that the system chose.
   const std::vector<std::string>& endpoints() const { return bound_; }
 
-  /// Receives until the wanted count has come, nothing has come for the time given, the output
-  /// fails, or a stop signal has arrived. Returns the exit status.
+  /// Receives until the count is reached, the time-out has passed, the output fails or a stop
+  /// signal arrives. Returns the exit status.
   int Run();
 
  private:

@@ -75,8 +75,9 @@ void EventSink::RotateIfFull(std::size_t next) {
   rotate_at_ = options_.rotate_size;
   if (problem.empty())
     return;
-  // Better a file that is too long than events lost. The next attempt comes after as much again.
-  std::fprintf(stderr, "warning: %s; the file goes on growing\n", problem.c_str());
+  // A file that is too long is better than lost events. The next attempt follows at double the
+  // size.
+  std::fprintf(stderr, "warning: %s; the file continues to grow\n", problem.c_str());
   rotate_at_ += file_->size();
 }
 

@@ -1,9 +1,9 @@
-// Where received events go: formatted, to standard output or to a file that rotates.
+// Formats received events and writes them to standard output or to a file that rotates.
 //
-// Events are buffered, and handed on whole: a file never ends inside one, and never begins inside
-// one. Flush blocks while the output does not take anything; signals do not end that. After a
-// failure (a full disk, a reader that has gone) nothing more is written: what a file got of an
-// event in part is cut off again, and lost_events() counts what did not get out. One thread.
+// Events are buffered and written whole: a file neither begins nor ends inside one. Flush blocks
+// while the output accepts nothing; signals do not end that. After a failure (a full disk, a reader
+// that has gone) nothing more is written: part of an event is cut off the file again, and
+// lost_events() counts the events that were not written. One thread.
 #pragma once
 
 #include <cstdint>
@@ -31,11 +31,12 @@ class EventSink {
   /// former run left in the file stays there until Begin.
   explicit EventSink(const SinkOptions& options);
 
-  /// Makes room for the first Write. Throws std::runtime_error when that is not possible.
+  /// To be called before the first Write: moves aside the file of a former run. Throws
+  /// std::runtime_error when that is not possible.
   void Begin();
 
   /// `raw` is the message that `event` was made from. A file is rotated before an event that would
-  /// make it longer than allowed; an event that is longer by itself gets a file of its own.
+  /// make it too long; a longer event gets a file of its own.
   void Write(const EventMessage& event, std::string_view raw);
   void Flush();
 

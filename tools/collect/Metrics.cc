@@ -20,8 +20,7 @@ namespace {
 using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 
-// A few, so that a client that keeps its connection open does not shut out the others; and more
-// such clients do so only until their time is over.
+// Clients that keep their connection open block a thread each, until their time limit.
 constexpr const char* kServerThreads = "4";
 constexpr const char* kRequestTimeoutMs = "2000";
 
@@ -89,7 +88,7 @@ class Counts : public prometheus::Collectable {
   }
 
   static MetricFamily BadMessages(const CollectCounts& counts) {
-    MetricFamily family = Family("bad_messages_total", "Messages that are no event, by reason.");
+    MetricFamily family = Family("bad_messages_total", "Messages that are not events, by reason.");
     family.metric = {Counter("reason", "empty", counts.empty),
                      Counter("reason", "malformed", counts.malformed),
                      Counter("reason", "multi_part", counts.multi_part)};

@@ -1,9 +1,8 @@
 // The counts of a collector for Prometheus, over HTTP.
 //
-// The server, its threads and the text format are prometheus-cpp's. Counts are taken at the moment
-// of a scrape, so nothing has to be kept up to date, and the labels are as bounded as CollectStats
-// says. The server answers also while the output does not take anything. A client that does not
-// finish its request is given up after 2 s.
+// The server, its threads and the text format are prometheus-cpp's. Counts are taken at each
+// scrape; CollectStats limits the number of labels. The server also answers while the output
+// blocks. A client that does not finish its request is disconnected after 2 s.
 #pragma once
 
 #include <memory>
@@ -25,12 +24,12 @@ class Metrics {
   /// Listens on `address`, HOST:PORT; port 0 lets the system choose. `gate` may be null. Both must
   /// outlive this. Throws std::runtime_error that names the address.
   Metrics(const std::string& address, const CollectStats& stats, const ClientGate* gate);
-  /// Waits for scrapes under way, and for connections on which nothing comes some 2 s.
+  /// Waits for unfinished requests, at most about 2 s.
   ~Metrics();
   Metrics(const Metrics&) = delete;
   Metrics& operator=(const Metrics&) = delete;
 
-  /// "http://127.0.0.1:9100/metrics", with the port that is really listened on.
+  /// "http://127.0.0.1:9100/metrics", with the port that the system chose.
   const std::string& url() const { return url_; }
 
  private:

@@ -12,17 +12,18 @@ namespace zmqwriter {
 
 namespace {
 
-// Any name does: without one, some versions of libzmq do not ask about CURVE clients.
+// Any name will do. Without one, some versions of libzmq do not ask about CURVE clients.
 constexpr const char kDomain[] = "zmqwriter";
 
-// What encryption adds to a message. libzmq holds the sum against its limit.
+// What encryption adds to a message. libzmq's limit includes it.
 constexpr std::size_t kCurveBytes = 33;
 
 [[noreturn]] void fail(const std::string& what, const std::string& hint = "") {
   throw std::runtime_error(what + ": " + zmq_strerror(zmq_errno()) + hint);
 }
 
-/// libzmq removes whatever lies where its socket is to be. The socket of a former run may go.
+/// libzmq removes any file that has the socket's name. Only a socket of a former run may be
+/// removed.
 bool would_replace_file(const std::string& endpoint) {
   const std::string scheme = "ipc://";
   struct stat status;
@@ -52,7 +53,7 @@ PullSocket::PullSocket(ZmqContext* context, const CurveKey& secret_key, bool ask
 std::string PullSocket::Bind(const std::string& endpoint) {
   const std::string what = "cannot listen on '" + endpoint + "'";
   if (would_replace_file(endpoint))
-    throw std::runtime_error(what + ": there is a file of this name, which is no socket");
+    throw std::runtime_error(what + ": there is a file of this name that is not a socket");
   if (zmq_bind(socket_.get(), endpoint.c_str()) != 0)
     fail(what, zmq_errno() == ENODEV ? "; the host must be an IPv4 address of this machine, the "
                                        "name of one of its interfaces, or *"

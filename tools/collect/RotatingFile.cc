@@ -37,7 +37,7 @@ std::string finished_name(const std::string& path, std::uint64_t number) {
   return path + '.' + std::string(kDigits - std::min(kDigits, digits.size()), '0') + digits;
 }
 
-/// The numbers of the finished files that lie beside `path`, in ascending order.
+/// The numbers of the finished files in the folder of `path`, in ascending order.
 std::vector<std::uint64_t> finished_numbers(const std::string& path) {
   const std::filesystem::path current(path);
   const std::string base = current.filename().string();
@@ -104,7 +104,7 @@ void RotatingFile::CutLastAppend(std::size_t bytes) {
   struct stat status;
   if (!regular_ || fstat(descriptor_.get(), &status) != 0)
     return;
-  // Not size_: somebody else may have cut the file meanwhile, and it must not become longer here.
+  // Not size_: another program may have cut the file, and ftruncate must not make it longer.
   const off_t size = status.st_size - static_cast<off_t>(surplus);
   if (size >= 0 && ftruncate(descriptor_.get(), size) == 0)
     size_ -= surplus;
@@ -131,8 +131,8 @@ std::string RotatingFile::Rotate() {
   return "";
 }
 
-/// The folder, which may hold a great many files, is looked at again only where somebody else has
-/// taken the next name meanwhile.
+/// Reads the folder, which may hold very many files, only when another program has taken the next
+/// name.
 bool RotatingFile::MoveAside() {
   if (MoveToNext())
     return true;

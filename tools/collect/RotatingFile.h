@@ -1,15 +1,13 @@
-// The file that events are collected into, moved aside when it is full.
+// A file that is moved aside when it is full.
 //
-// The current file has the name given; where that is a symbolic link, it is followed once, and all
-// files lie beside its target. Finished ones are named after it with a number of six or seven
-// digits, which only ever grows: events.json.000001 is the oldest, the highest number the newest. A
-// program that ships finished files can so take each of them once. Names with more digits (dates,
-// say) are somebody else's. A run always starts with a fresh file: what a former run left (possibly
-// with a torn end) is moved aside first.
+// The current file has the given name; a symbolic link is followed once, and all files are in its
+// target's folder. Finished files have the name and a number of six or seven digits, which only
+// grows: events.json.000001 is the oldest. So a program that ships finished files can take each of
+// them once. Names with more digits, such as dates, belong to others. A run starts with a new file:
+// the file of a former run, which may end inside an event, is moved aside first.
 //
-// Nothing is ever overwritten. A lock on the current file (flock) keeps a second collector out.
-// What is no regular file, a pipe or a device, is written as it is and cannot be rotated. One
-// thread.
+// No file is overwritten. A lock on the current file (flock) refuses a second collector. A pipe or
+// a device is written to, and cannot be rotated. One thread.
 #pragma once
 
 #include <cstdint>
@@ -24,29 +22,29 @@ namespace zmqwriter {
 
 class RotatingFile {
  public:
-  /// Opens `path`; makes it if it does not exist, with the rights that the umask leaves. `keep` is
-  /// the number of finished files to keep, 0 for all. `rotating`: whether Rotate will be called.
-  /// What a former run left stays where it is until Begin. Waits for a reader if this is a pipe; a
-  /// stop signal ends that. Throws std::runtime_error that names the file.
+  /// Opens or creates `path`. `keep` is the number of finished files to keep, 0 for all.
+  /// `rotating`: whether Rotate will be called. The file of a former run stays in place until
+  /// Begin. Waits for the reader of a pipe; a stop signal ends that. Throws std::runtime_error that
+  /// names the file.
   RotatingFile(const std::string& path, std::uint64_t keep, bool rotating);
 
-  /// Moves aside what a former run left. To be called before the first Append. Throws
+  /// Moves aside the file of a former run. To be called before the first Append. Throws
   /// std::runtime_error when that is not possible.
   void Begin();
 
-  /// Appends, up to a failure, which errno tells; returns how much was written.
+  /// Returns how many bytes were appended; after a failure these are fewer, and errno is set.
   std::size_t Append(std::string_view bytes);
 
-  /// Cuts what the last Append wrote beyond its first `bytes` off the end, as far as a file can be
-  /// cut.
+  /// Cuts off what the last Append wrote after its first `bytes`. Does nothing to a pipe or a
+  /// device.
   void CutLastAppend(std::size_t bytes);
 
-  /// Moves the file aside and opens a new one. If that is not possible the file goes on growing,
+  /// Moves the file aside and opens a new one. If that is not possible, the old file stays in use
   /// and the result says why; it is empty on success.
   std::string Rotate();
 
   std::uint64_t size() const { return size_; }
-  /// How many were moved aside by Rotate.
+  /// The number of files that Rotate moved aside.
   std::uint64_t finished() const { return finished_; }
 
  private:

@@ -14,7 +14,7 @@ namespace {
 
 using Named = std::pair<std::string, Tally>;
 
-// Beyond a year of seconds the clock's arithmetic would overflow.
+// A year. Much longer times would overflow the clock.
 constexpr double kLongestWait = 365.0 * 24 * 3600;
 
 std::string rate(std::uint64_t count, const char* what, double seconds, const char* format) {
@@ -31,7 +31,7 @@ Tally difference(const Tally& after, const Tally& before) {
   return {after.events - before.events, after.bytes - before.bytes};
 }
 
-/// What has grown, and by how much.
+/// The tallies that have grown, and by how much.
 std::vector<Named> grown(const std::map<std::string, Tally>& before,
                          const std::map<std::string, Tally>& after) {
   std::vector<Named> result;
@@ -96,7 +96,8 @@ void StatsPrinter::Run() {
   auto due = Clock::now();
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    // A report that came late, because nobody read standard error, is not made up for by several.
+    // After a report that was late, because standard error blocked, the others follow in their
+    // time.
     due = std::max(due + std::chrono::duration_cast<Clock::duration>(interval_), Clock::now());
     if (ended_.wait_until(lock, due, [this] { return end_; }))
       return;
@@ -104,7 +105,7 @@ void StatsPrinter::Run() {
   }
 }
 
-/// One write for a whole report, so that other lines do not get in between.
+/// Writes a report in one call, so that no other line gets in between.
 void StatsPrinter::Report() {
   CollectCounts counts = stats_.Counts();
   const auto now = Clock::now();

@@ -4,10 +4,9 @@
 //     [stats]   HttpData: 500 events (100.0/s), 144000 bytes (28800/s)
 //     [stats]   agent agent-7: 600 events (120.0/s), 172800 bytes (34560/s)
 //
-// Figures are of the time since the report before, so those of all reports add up to the totals.
-// Types and agents of which nothing came are left out, and so are agents beyond the busiest
-// kMostAgents of a report (their number is given). A thread of its own reports also while the
-// output does not take anything.
+// The figures count from the report before, so those of all reports add up to the totals. Types and
+// agents without new events are left out. Of the agents only the busiest kMostAgents are named, and
+// the number of the others is given. A thread of its own reports even while the output blocks.
 #pragma once
 
 #include <chrono>
@@ -26,12 +25,12 @@ class StatsPrinter {
 
   /// `stats` must outlive this.
   StatsPrinter(const CollectStats& stats, double interval_s);
-  /// As Finish, if that was not called.
+  /// Calls Finish.
   ~StatsPrinter();
   StatsPrinter(const StatsPrinter&) = delete;
   StatsPrinter& operator=(const StatsPrinter&) = delete;
 
-  /// Ends the thread and reports what came since its last report.
+  /// Ends the thread and prints the last report.
   void Finish();
 
  private:

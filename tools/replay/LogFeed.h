@@ -1,7 +1,7 @@
-// One log on its way into its writer: reads, maps, hands over.
+// Reads one log, maps its records and passes them to its writer.
 //
-// Belongs to the main thread, as the host's writers do. The log streams: memory holds one record
-// beside what the host buffers.
+// To be used on the main thread, like the host's writers. Memory holds one record of the log, and
+// the records that the host buffers.
 #pragma once
 
 #include <cstdint>
@@ -35,19 +35,19 @@ class LogFeed {
   /// Makes the writer. Host and paths must outlive every call of Feed and Flush.
   void Connect(standin::Host* host, WriterPaths* paths);
 
-  /// Reads one step on. A record is handed to the writer; broken lines are reported on standard
-  /// error (the first ones) and counted; a header that changes the columns or the path makes a new
-  /// writer.
+  /// Reads the next record or other line. A record is passed to the writer; broken lines are
+  /// counted, and the first ones reported on standard error; a header with other columns or another
+  /// path makes a new writer.
   Step Feed();
 
-  /// Hands on what the host has buffered for this writer.
+  /// Passes on what the host has buffered for this writer.
   void Flush();
 
-  /// Looks whether the host has disabled one of the log's writers since its backend failed, so that
-  /// records were discarded. To be called before the host ends and takes the writers along.
+  /// Notes whether the host has disabled one of the log's writers because its backend failed, and
+  /// so has discarded records. To be called before the host ends, because the writers end with it.
   void NoteFailure();
 
-  /// For the final report, e.g. "conn.log: 12 records, 1 broken line".
+  /// For the report, e.g. "conn.log: 12 records, 1 broken line".
   std::string Account() const;
 
   bool ended() const { return ended_; }

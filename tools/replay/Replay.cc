@@ -31,25 +31,25 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Duration = std::chrono::duration<double>;
 
-// Below the plug-in's bound of 500. The queue must not run empty either: the plug-in's send thread
-// then naps for 100 ms. So it is topped up in small portions, as soon as one of them is gone.
+// Less than the plug-in's limit of 500. The queue must not run empty either, because the plug-in's
+// send thread then sleeps for 100 ms. So it is refilled in small portions.
 constexpr std::uint64_t kMostUnderWay = 400;
-// Records, or other lines, read between two looks at the plug-in.
+// Lines read between two looks at the plug-in's status.
 constexpr std::uint64_t kBurst = 25;
-// Batches that writer threads may be behind: without pace, memory is bounded by this.
+// Batches that may wait for the writer threads. This bounds memory without pace.
 constexpr std::size_t kMostPendingBatches = 8;
 constexpr auto kPoll = std::chrono::milliseconds(2);
 constexpr auto kPollForRoom = std::chrono::microseconds(200);
-// A writer thread may still be converting a batch that it took: nothing tells when it is done. So
-// "nothing is on its way" counts only when it stays so for a while.
+// A writer thread may still be converting a batch that it took, which no status shows. So an empty
+// queue counts only when it stays empty for a while.
 constexpr auto kQuietWhenAllSent = std::chrono::milliseconds(100);
-// When more was sent than read, the number does not tell that all of it was.
+// When more was sent than read, the number does not prove that all records were sent.
 constexpr auto kQuietWhenMoreSent = std::chrono::seconds(1);
 constexpr auto kQuietWhenSomeMissing = std::chrono::seconds(5);
 constexpr auto kLongestStart = std::chrono::seconds(5);
 constexpr double kDrainAfterSignal_s = 5;
 
-/// The plug-in's own account.
+/// The plug-in's status.
 class PluginStatus {
  public:
   explicit PluginStatus(const standin::Host& host) : fill_(plugin_status_function(host)) {
@@ -72,7 +72,7 @@ class PluginStatus {
   std::uint64_t sent_before_;
 };
 
-/// What the plug-in cannot do without. It would start all the same and only fail later.
+/// Warns about settings without which the plug-in starts, but cannot send.
 void warn_about_settings(const ReplayOptions& options) {
   const SettingOrigin server(options, worker_settings::kServer, "zmq_primary_server");
   const SettingOrigin key(options, worker_settings::kPublicKey, "zmq_public_key");
@@ -122,7 +122,7 @@ class Replay {
     for (const auto& feed : feeds_)
       feed->NoteFailure();
     const DravenholtZmqWriterStatus before_end = status_->Now();
-    // The end may take minutes, and a signal cuts it short: what is known already is said before.
+    // Stopping the plug-in may take minutes, and a signal ends it. So the report comes first.
     ReportReading();
     if (!why_stopped_.empty() && !(drained_ && Whole()))
       ReportGivingUp(before_end);
@@ -179,7 +179,7 @@ class Replay {
   void WaitForRate() {
     if (options_.rate <= 0)
       return;
-    // As doubles: a tiny rate asks for more than the clock's own type can hold.
+    // As doubles, because the clock's own type cannot hold the pause of a tiny rate.
     const Duration due(static_cast<double>(fed_) / options_.rate);
     if (Elapsed() < due)
       FlushAll();
@@ -194,7 +194,7 @@ class Replay {
   void WaitForRoom() {
     if (options_.pace)
       FlushAll();
-    // The time spent reading is not the plug-in's.
+    // The time spent reading does not count as time without progress.
     last_progress_ = Clock::now();
     while (!HasRoom() && !Stopping()) {
       StopIfStuck(options_.drain_s);
@@ -231,7 +231,7 @@ class Replay {
                    std::to_string(status_->Sent(status_->Now())) + " sent");
   }
 
-  /// Lets the host do its part, and notes whether the plug-in gets on.
+  /// Runs the host's pending work, and notes whether the plug-in makes progress.
   DravenholtZmqWriterStatus Look() {
     host_.Pump();
     const DravenholtZmqWriterStatus status = status_->Now();
@@ -243,7 +243,7 @@ class Replay {
     return status;
   }
 
-  /// Decides to stop when it makes no sense to wait any longer.
+  /// Decides to stop when nothing was sent for too long.
   void StopIfStuck(double patience_s) {
     const auto now = Clock::now();
     if (now - last_running_ > kLongestStart)
@@ -252,7 +252,7 @@ class Replay {
       why_stopped_ = "no record was sent for " + formatted("%g seconds", patience_s);
   }
 
-  /// Waits until nothing is on its way, or there is a reason not to.
+  /// Waits until everything was sent, or there is a reason to stop.
   void Drain() {
     FlushAll();
     if (fed_ == 0)
@@ -272,11 +272,11 @@ class Replay {
       DrainAfterSignal();
   }
 
-  /// Whether everything was sent and nothing is on its way, for a while already. `busy` is when
-  /// something was on its way last.
+  /// Whether everything was sent, and the plug-in has held nothing for a while. `busy` is when it
+  /// last held something.
   bool AllSent(Clock::time_point* busy) {
     const DravenholtZmqWriterStatus status = Look();
-    // Once the writers had taken everything, all that still comes their way is heartbeats.
+    // When the writers have taken everything, their further input is heartbeats only.
     all_taken_ = all_taken_ || host_.PendingInput() == 0;
     if (status.queued > 0 || status.in_work || status.spooled || !all_taken_)
       *busy = Clock::now();
@@ -318,15 +318,14 @@ class Replay {
                  counted(status.failed, "attempt").c_str());
   }
 
-  /// What the plug-in holds in memory, it tries once more when it is stopped.
+  /// When it is stopped, the plug-in tries once more to send what it holds in memory.
   static void AnnounceEnd(const DravenholtZmqWriterStatus& status) {
     if (status.spooled && status.running)
       std::fprintf(stderr,
                    "left on disk: events in %s, which the next run sends ('zmqwriter spool list' "
                    "shows them)\n",
                    status.spool_folder);
-    else if (status
-                 .spooled)  // A worker that does not run is not stopped, so the header stays as is.
+    else if (status.spooled)  // A worker that does not run is not stopped, and writes no header.
       std::fprintf(stderr,
                    "left on disk: events in %s, which the next run finds only after 'zmqwriter "
                    "spool repair' (the plug-in could not start, and so does not close its spool)\n",
@@ -345,7 +344,7 @@ class Replay {
     const std::uint64_t sent = status_->Sent(status);
     std::fprintf(stderr, "sent: %s, failed: %s\n", counted(sent, "message").c_str(),
                  counted(status.failed, "attempt").c_str());
-    // The number alone proves little: events of an earlier run may be among those sent.
+    // Events of an earlier run may be among those sent, so the number alone is not enough.
     const bool held = before_end.queued > 0 || before_end.in_work;
     const bool handed_over = drained_ || (sent >= fed_ && !before_end.spooled && !held);
     ReportRest(before_end, sent);
@@ -363,8 +362,8 @@ class Replay {
                    counted(fed_ - sent, "record").c_str());
     else if (sent > fed_)
       std::fprintf(stderr,
-                   "more was sent than read: the spool held events of an earlier run, or the empty "
-                   "messages after a switch to a secondary server are among them\n");
+                   "more was sent than read: the spool held events of an earlier run, or empty "
+                   "messages were sent after a switch to a secondary server\n");
     else if (!before_end.spooled)
       std::fprintf(stderr, "left: nothing\n");
   }
@@ -386,21 +385,21 @@ class Replay {
   Clock::time_point last_running_;   // the send thread was seen running
 };
 
-/// Allows as many open files as the system lets us, and throws if those logs are too many.
+/// Raises the limit of open files as far as possible; throws if it is too low for the logs.
 void allow_open_files(std::size_t logs) {
-  constexpr rlim_t kBesideLogs = 64;  // the spool's, the sockets' and the process's own
+  constexpr rlim_t kOtherFiles = 64;  // of the spool, the sockets and the process
   rlimit limit;
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
     return;
   rlimit raised = limit;
   raised.rlim_cur = limit.rlim_max;
 #ifdef __APPLE__
-  // There the hard limit may be more than the system accepts.
+  // On macOS the hard limit may be more than the system accepts.
   raised.rlim_cur = std::min<rlim_t>(raised.rlim_cur, OPEN_MAX);
 #endif
   if (raised.rlim_cur > limit.rlim_cur && setrlimit(RLIMIT_NOFILE, &raised) == 0)
     limit = raised;
-  const rlim_t needed = logs + kBesideLogs;
+  const rlim_t needed = logs + kOtherFiles;
   if (limit.rlim_cur < needed)
     throw std::runtime_error(counted(logs, "log") + " need " + std::to_string(needed) +
                              " open files, but the system allows only " +
