@@ -92,7 +92,7 @@ class EmptyTheList : public threading::OutputMessage<threading::MsgThread> {
 /// Has `writer` post the message if there is something to send for. A writer that is being ended
 /// is passed over: the host would drop its message, and another writer or the destructor will do.
 void announce(threading::MsgThread* writer) {
-  if (writer->Terminating() || writer->Killed())
+  if (writer->Terminating())
     return;
   if (pending.unannounced.exchange(false, std::memory_order_relaxed))
     writer->SendOut(new EmptyTheList(writer));

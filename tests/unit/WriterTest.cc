@@ -309,6 +309,8 @@ TEST_F(Writer, StatusTellsTheTotalsOfAllWorkersAlsoWhenTheyAreGone) {
   third.write(record);
   EXPECT_EQ(before.cut + 2, status().cut);
   third.destroy();
+  EXPECT_EQ(before.sent + 5, status().sent);
+  EXPECT_EQ(before.cut + 2, status().cut);
 }
 
 TEST_F(Writer, StatusCanBeAskedForWhileTheWorkerStops) {
