@@ -26,11 +26,6 @@ std::string content_of(const std::filesystem::path& path) {
 
 }  // namespace
 
-unsigned long from_environment(const char* name, unsigned long fallback) {
-  const char* text = std::getenv(name);
-  return text && *text ? std::strtoul(text, nullptr, 0) : fallback;
-}
-
 std::map<std::string, std::string> files_of(const std::string& folder) {
   std::map<std::string, std::string> files;
   std::error_code missing;

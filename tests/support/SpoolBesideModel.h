@@ -14,9 +14,6 @@ class PersistentQueue;
 
 namespace test {
 
-/// The number that an environment variable holds; `fallback` where it is not set.
-unsigned long from_environment(const char* name, unsigned long fallback);
-
 /// Content of every regular file in `folder`, by name.
 std::map<std::string, std::string> files_of(const std::string& folder);
 

@@ -5,7 +5,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -34,6 +36,25 @@ void write_file(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   if (!out.write(content.data(), static_cast<std::streamsize>(content.size())))
     throw std::runtime_error("cannot write " + path);
+}
+
+namespace {
+
+unsigned long from_environment(const char* name, unsigned long otherwise) {
+  const char* text = getenv(name);
+  return text && *text ? strtoul(text, nullptr, 0) : otherwise;
+}
+
+}  // namespace
+
+unsigned long random_seed() {
+  const unsigned long seed = from_environment("ZMQWRITER_SEED", std::random_device()());
+  std::cout << "ZMQWRITER_SEED=" << seed << std::endl;
+  return seed;
+}
+
+unsigned long test_factor() {
+  return from_environment("ZMQWRITER_TEST_FACTOR", 1);
 }
 
 bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds deadline) {

@@ -34,4 +34,11 @@ void write_file(const std::string& path, const std::string& content);
 bool wait_until(const std::function<bool()>& condition,
                 std::chrono::milliseconds deadline = std::chrono::seconds(20));
 
+/// The seed of a random test: ZMQWRITER_SEED, or a new one each time. It is printed.
+unsigned long random_seed();
+
+/// How many times as long as usual a random test runs: ZMQWRITER_TEST_FACTOR, 1 where it is not
+/// set.
+unsigned long test_factor();
+
 }  // namespace test

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Conversion.h"
+#include "TempDir.h"
 
 using test::Bytes;
 using test::convert;
@@ -247,12 +248,11 @@ TEST_F(RobustConversion, TheLimitItselfLeavesRoomForTablesBelowTwoGibibytes) {
 }
 
 TEST_F(RobustConversion, RandomRecordsAlwaysGiveAValidMessage) {
-  const unsigned seed = std::random_device()();
+  const unsigned long seed = test::random_seed();
   SCOPED_TRACE(seed);
-  std::cout << "seed " << seed << "\n";
   std::mt19937 random(seed);
   const auto below = [&random](std::size_t n) { return random() % n; };
-  for (int round = 0; round < 3000; round++) {
+  for (unsigned long round = 0; round < 1500 * test::test_factor(); round++) {
     RecordBuilder record;
     const std::size_t columns = below(30);
     for (std::size_t i = 0; i < columns; i++) {

@@ -1,12 +1,8 @@
 // Random operations on the spool and on its model, compared after each one.
-//
-//   ZMQWRITER_TEST_SEED         seed of the run (default: a new one each time; it is printed)
-//   ZMQWRITER_TEST_OPERATIONS   number of operations (default 20000)
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <iostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -172,15 +168,9 @@ class RandomRuns {
   std::size_t smallest_ = 0;  // payload of a run's records; 0 where any size may come
 };
 
-unsigned long seed_of_the_run() {
-  const unsigned long seed = test::from_environment("ZMQWRITER_TEST_SEED", std::random_device()());
-  std::cout << "ZMQWRITER_TEST_SEED=" << seed << std::endl;
-  return seed;
-}
-
 template <class Operations>
 void compare_after_each_operation(unsigned long operations) {
-  const unsigned long seed = seed_of_the_run();
+  const unsigned long seed = test::random_seed();
   Operations random(seed);
   for (unsigned long done = 0; done < operations;) {
     test::TempDir folder;
@@ -194,17 +184,13 @@ void compare_after_each_operation(unsigned long operations) {
   }
 }
 
-unsigned long number_of_operations() {
-  return test::from_environment("ZMQWRITER_TEST_OPERATIONS", 20000);
-}
-
 TEST(SpoolModelTest, EveryAnswerAndEveryByteOnDiskIsTheModels) {
-  compare_after_each_operation<RandomOperations>(number_of_operations());
+  compare_after_each_operation<RandomOperations>(5000 * test::test_factor());
 }
 
 // Fewer: each takes longer.
 TEST(SpoolModelTest, RunsOfStoresAndGetsAreTheModelsAfterEveryOperation) {
-  compare_after_each_operation<RandomRuns>(number_of_operations() / 4);
+  compare_after_each_operation<RandomRuns>(1500 * test::test_factor());
 }
 
 // Every depth of a Get before a Store, and every number of Gets after it, around a read of 64 KiB.
@@ -235,7 +221,7 @@ TEST(SpoolModelTest, StoreAtAnyDepthOfARunOfGetsIsTheModels) {
 
 // Files whose lengths and links lead anywhere, larger than what is read at a time.
 TEST(SpoolModelTest, DamagedLengthsAndLinksOfLargeFilesAreTheModels) {
-  const unsigned long seed = seed_of_the_run();
+  const unsigned long seed = test::random_seed();
   std::mt19937 random(seed);
   const auto below = [&random](std::size_t bound) { return random() % bound; };
 

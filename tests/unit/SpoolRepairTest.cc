@@ -1,6 +1,5 @@
 #include "SpoolRepair.h"
 
-#include <iostream>
 #include <random>
 #include <stdexcept>
 
@@ -238,11 +237,10 @@ TEST_F(SpoolRepairTest, OpenHeadShowsItsProcess) {
 // what was stored and not taken. Payloads are of bytes that make no plausible link, so that no
 // remains of old records pass for records.
 TEST_F(SpoolRepairTest, RepairedSpoolGivesExactlyWhatWasNotTakenYet) {
-  const unsigned long seed = test::from_environment("ZMQWRITER_TEST_SEED", std::random_device()());
-  std::cout << "ZMQWRITER_TEST_SEED=" << seed << std::endl;
+  const unsigned long seed = test::random_seed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
-  for (int round = 0; round < 100; ++round) {
+  for (unsigned long round = 0; round < 40 * test::test_factor(); ++round) {
     std::filesystem::remove_all(folder());
     start();
     limit_chunks(round % 2 ? 1000 : 10485760);
