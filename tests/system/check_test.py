@@ -305,17 +305,6 @@ class ConnectTest(CheckTestCase):
                           end["multi-part messages"]), (0, 0, 0, 0))
         self.assertEqual(collector.lines(), [])
 
-    def test_refusal(self):
-        closed = socket.socket()
-        self.addCleanup(closed.close)
-        closed.bind(("127.0.0.1", 0))  # not listening
-        self.assertEqual(self.outcome("127.0.0.1:%d" % closed.getsockname()[1], timeout="60"),
-                         "connect-refused")
-
-    def test_frozen_server(self):
-        self.raw_server()
-        self.assertEqual(self.outcome(timeout="0.5"), "connect-silent")
-
     def test_stopped_collector(self):
         collector = self.collect()
         collector.popen.send_signal(signal.SIGSTOP)
@@ -352,11 +341,6 @@ class ConnectTest(CheckTestCase):
             probe.connect(address)
         self.assertEqual(self.outcome("127.0.0.1:%d" % address[1], timeout="0.5"),
                          "connect-timed-out")
-
-    def test_another_key(self):
-        self.server()
-        other, _ = zmq.curve_keypair()
-        self.assertEqual(self.outcome(key=self.hexadecimal(other)), "connect-wrong-key")
 
     def curve_impostor(self, answer):
         """Greets as a CURVE server and answers the first command with this one."""
@@ -408,27 +392,17 @@ class ConnectTest(CheckTestCase):
         self.assertNotIn("no event leaves", report["findings"][0]["text"])
         self.assertEqual(report["connect"][0]["outcome"], "connected")
 
-    def test_server_that_speaks_null(self):
-        self.server(mechanism="NULL")
-        self.assertEqual(self.outcome(), "connect-mechanism")
-        self.assertIn("NULL", self.text)
-
-    def test_server_that_speaks_plain(self):
-        self.server(mechanism="PLAIN")
-        self.assertEqual(self.outcome(), "connect-mechanism")
-        self.assertIn("PLAIN", self.text)
+    def test_server_of_another_mechanism(self):
+        for mechanism in ("NULL", "PLAIN"):
+            self.server(mechanism=mechanism)
+            self.assertEqual(self.outcome(), "connect-mechanism")
+            self.assertIn(mechanism, self.text)
 
     def test_server_that_denies(self):
         self.zap(b"400")
         self.server()
         self.assertEqual(self.outcome(), "connect-denied")
         self.assertIn("ZAP status 400", self.text)
-
-    def test_server_whose_check_fails(self):
-        self.zap(b"500")
-        self.server()
-        self.assertEqual(self.outcome(), "connect-denied")
-        self.assertIn("ZAP status 500", self.text)
 
     def test_server_whose_check_does_not_answer(self):
         self.zap(None)

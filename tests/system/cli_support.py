@@ -55,12 +55,13 @@ def write_file(name, content):
 class Process:
     """A running zmqwriter; its output is collected on the side, so that it never blocks."""
 
-    def __init__(self, arguments, **options):
-        self.popen = subprocess.Popen([ZMQWRITER] + arguments, stdout=subprocess.PIPE,
+    def __init__(self, arguments, stdout=subprocess.PIPE, **options):
+        self.popen = subprocess.Popen([ZMQWRITER] + arguments, stdout=stdout,
                                       stderr=subprocess.PIPE, **options)
         self.out, self.err = bytearray(), bytearray()
         self.readers = [threading.Thread(target=self._read, args=pair, daemon=True)
-                        for pair in ((self.popen.stdout, self.out), (self.popen.stderr, self.err))]
+                        for pair in ((self.popen.stdout, self.out), (self.popen.stderr, self.err))
+                        if pair[0]]
         for reader in self.readers:
             reader.start()
 
@@ -99,7 +100,7 @@ class Process:
             self.popen.kill()
             self.popen.wait()
         for stream in (self.popen.stdout, self.popen.stderr):
-            if not stream.closed:
+            if stream and not stream.closed:
                 stream.close()
 
 
@@ -129,15 +130,24 @@ class CliTest(unittest.TestCase):
         if not os.path.exists("server.secret"):
             self.assertEqual(self.run_tool("keygen").returncode, 0)
 
-    def collect(self, *arguments):
-        """A running collector with a fresh key pair; its endpoint is in .endpoint."""
+    def collect(self, *arguments, **options):
+        """A running collector with a new key pair; its endpoint is in .endpoint."""
         self.keygen()
         collector = self.start("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                               "server.secret", *arguments)
+                               "server.secret", *arguments, **options)
         collector.endpoint = wait_for(
             lambda: re.search(r"listening on (tcp://127\.0\.0\.1:[1-9]\d*)\n", collector.stderr),
             "the collector's endpoint").group(1)
         return collector
+
+    def collect_into_pipe(self, *arguments):
+        """A collector, and the end of its standard output to read from, which nobody reads yet."""
+        read_end, write_end = os.pipe()
+        reader = os.fdopen(read_end, "rb")
+        self.addCleanup(reader.close)
+        collector = self.collect(*arguments, stdout=write_end)
+        os.close(write_end)
+        return collector, reader
 
     def agent(self, endpoint, server_key=None):
         """A PUSH socket that is a CURVE client of the collector."""
@@ -188,17 +198,20 @@ def schema():
     return _schema
 
 
-def make_event(uid=b"C1", details=b"details", ts=1.5):
+def make_event(uid=b"C1", details=b"details", ts=1.5, agent=None):
     """A Tn5250 event; texts are bytes, valid UTF-8 or not."""
     event, data = schema()["NetworkEvent"], schema()["Tn5250Data"]
     builder = flatbuffers.Builder(256)
     uid_at, details_at = builder.CreateString(uid), builder.CreateString(details)
+    agent_at = None if agent is None else builder.CreateString(agent)
     data.Tn5250DataStart(builder)
     data.Tn5250DataAddDetails(builder, details_at)
     payload = data.Tn5250DataEnd(builder)
     event.NetworkEventStart(builder)
     event.NetworkEventAddUid(builder, uid_at)
     event.NetworkEventAddTs(builder, ts)
+    if agent_at is not None:
+        event.NetworkEventAddAgentId(builder, agent_at)
     event.NetworkEventAddDataType(builder, schema()["Data"].Data.Tn5250Data)
     event.NetworkEventAddData(builder, payload)
     builder.Finish(event.NetworkEventEnd(builder))

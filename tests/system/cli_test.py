@@ -205,32 +205,12 @@ class CollectTest(CliTest):
         self.assertEqual(len(collector.lines()), 51)
 
     def test_reader_that_goes_away_ends_it_with_a_message(self):
-        self.keygen()
-        read_end, write_end = os.pipe()
-        process = self.start_into(write_end)
-        os.close(read_end)
-        agent = self.agent(process.endpoint)
-        agent.send(make_event())
-        self.assertEqual(process.popen.wait(30), 1)
-        self.assertIn("cannot write the output: Broken pipe", process.stderr_text())
-        self.assertIn("1 of the events received did not get out", process.stderr_text())
-
-    def start_into(self, stdout):
-        """A collector whose standard output is the given descriptor."""
-        class Running:
-            pass
-
-        running = Running()
-        with open("stderr", "wb") as stderr:
-            running.popen = subprocess.Popen(
-                [ZMQWRITER, "collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                 "server.secret"], stdout=stdout, stderr=stderr)
-        os.close(stdout)
-        running.stderr_text = lambda: read_file("stderr")
-        self.addCleanup(lambda: running.popen.poll() is None and running.popen.kill())
-        running.endpoint = wait_for(
-            lambda: re.search(r"listening on (\S+)\n", read_file("stderr")), "the endpoint").group(1)
-        return running
+        collector, reader = self.collect_into_pipe()
+        reader.close()
+        self.agent(collector.endpoint).send(make_event())
+        self.assertEqual(collector.wait(), 1)
+        self.assertIn("cannot write the output: Broken pipe", collector.stderr)
+        self.assertIn("1 of the events received did not get out", collector.stderr)
 
     def test_raw_output_decodes_to_the_same_events(self):
         collector = self.collect("--format", "raw", "--count", "3")

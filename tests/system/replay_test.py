@@ -37,17 +37,6 @@ def minutes_west():
     return zone[0]
 
 
-def z85_text(key):
-    """Z85, which is how libzmq writes keys."""
-    digits = ("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-              ".-:+=^!/*?&<>()[]{}@%$#")
-    text = ""
-    for start in range(0, len(key), 4):
-        number = int.from_bytes(key[start:start + 4], "big")
-        text += "".join(digits[number // 85 ** place % 85] for place in range(4, -1, -1))
-    return text
-
-
 class ReplayTestCase(CliTest):
     def setUp(self):
         super().setUp()
@@ -542,9 +531,6 @@ class WrongKeyTest(ReplayTestCase):
 
     def test_short_key(self):
         self.assert_nothing_comes(lambda key: key[:-2])
-
-    def test_key_in_z_eighty_five(self):
-        self.assert_nothing_comes(lambda key: z85_text(bytes.fromhex(key)))
 
     def test_empty_key(self):
         self.assert_nothing_comes(lambda key: "")
