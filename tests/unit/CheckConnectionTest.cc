@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 #include <zmq.h>
 
 #include <atomic>
@@ -22,9 +21,12 @@
 #include <vector>
 
 #include "CurveKey.h"
+#include "Files.h"
 #include "PeerGreeting.h"
+#include "PullSocket.h"
 #include "TempDir.h"
 #include "Text.h"
+#include "Zmq.h"
 
 using std::chrono::milliseconds;
 using ::testing::HasSubstr;
@@ -58,78 +60,49 @@ worker_settings::ServerKey some_key() {
   return key_of(make_curve_key_pair().public_key);
 }
 
-/// A port of the system's choice on the loopback, which nobody accepts connections from; listening
-/// if wanted.
+/// A port of the system's choice on the loopback, listening if wanted. Connections are not
+/// accepted.
 class Port {
  public:
-  explicit Port(bool listening) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+  explicit Port(bool listening) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
-    EXPECT_EQ(bind(fd_, generic, size), 0);
-    EXPECT_EQ(getsockname(fd_, generic, &size), 0);
+    EXPECT_EQ(bind(socket_.get(), generic, size), 0);
+    EXPECT_EQ(getsockname(socket_.get(), generic, &size), 0);
     number_ = ntohs(address.sin_port);
     if (listening) {
-      EXPECT_EQ(listen(fd_, 5), 0);
+      EXPECT_EQ(listen(socket_.get(), 5), 0);
     }
   }
-  ~Port() { close(fd_); }
-  Port(const Port&) = delete;
-  Port& operator=(const Port&) = delete;
 
   std::string Uri(const std::string& host = "127.0.0.1") const {
     return "tcp://" + host + ":" + std::to_string(number_);
   }
 
  private:
-  const int fd_;
+  const FileDescriptor socket_;
   int number_ = 0;
 };
 
-/// A PULL server with CURVE.
-class Server {
- public:
-  explicit Server(const std::string& endpoint = "tcp://127.0.0.1:*")
-      : keys(make_curve_key_pair()),
-        context_(zmq_ctx_new()),
-        socket_(zmq_socket(context_, ZMQ_PULL)) {
-    const int yes = 1;
-    zmq_setsockopt(socket_, ZMQ_CURVE_SERVER, &yes, sizeof yes);
-    zmq_setsockopt(socket_, ZMQ_CURVE_SECRETKEY, keys.secret_key.data(), keys.secret_key.size());
-    EXPECT_EQ(zmq_bind(socket_, endpoint.c_str()), 0);
-    char bound[256];
-    std::size_t size = sizeof bound;
-    EXPECT_EQ(zmq_getsockopt(socket_, ZMQ_LAST_ENDPOINT, bound, &size), 0);
-    uri = bound;
-  }
-  ~Server() {
-    zmq_close(socket_);
-    zmq_ctx_term(context_);
-  }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
+/// The collector's kind of server.
+struct Server {
+  explicit Server(const std::string& endpoint = "tcp://127.0.0.1:*") : uri(socket.Bind(endpoint)) {}
 
-  bool HasMessage() { return zmq_recv(socket_, nullptr, 0, ZMQ_DONTWAIT) >= 0; }
+  bool HasMessage() { return socket.Wait(0); }
 
-  CurveKeyPair keys;
+  CurveKeyPair keys = make_curve_key_pair();
+  ZmqContext context;
+  PullSocket socket{&context, keys.secret_key, false};
   std::string uri;
-
- private:
-  void* const context_;
-  void* const socket_;
 };
 
 bool libzmq_refuses(const std::string& uri) {
-  void* const context = zmq_ctx_new();
-  void* const socket = zmq_socket(context, ZMQ_PUSH);
-  const int no_linger = 0;
-  zmq_setsockopt(socket, ZMQ_LINGER, &no_linger, sizeof no_linger);
-  const bool refuses = zmq_connect(socket, uri.c_str()) != 0;
-  zmq_close(socket);
-  zmq_ctx_term(context);
-  return refuses;
+  const ZmqContext context;
+  const ZmqSocket socket(context, ZMQ_PUSH);
+  return zmq_connect(socket.get(), uri.c_str()) != 0;
 }
 
 bool has_error(const std::string& uri) {

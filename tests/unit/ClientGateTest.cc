@@ -29,27 +29,24 @@ Frames request(const std::string& public_key) {
 /// Asks as libzmq does, and is gone before the gate.
 class Asker {
  public:
-  explicit Asker(ZmqContext* context) : socket_(zmq_socket(context->get(), ZMQ_REQ)) {
-    EXPECT_EQ(zmq_connect(socket_, "inproc://zeromq.zap.01"), 0);
+  explicit Asker(ZmqContext* context) : socket_(*context, ZMQ_REQ) {
+    EXPECT_EQ(zmq_connect(socket_.get(), "inproc://zeromq.zap.01"), 0);
   }
-  ~Asker() { zmq_close(socket_); }
-  Asker(const Asker&) = delete;
-  Asker& operator=(const Asker&) = delete;
 
   Frames Ask(const Frames& frames) {
     for (std::size_t i = 0; i < frames.size(); ++i)
-      zmq_send(socket_, frames[i].data(), frames[i].size(),
+      zmq_send(socket_.get(), frames[i].data(), frames[i].size(),
                i + 1 < frames.size() ? ZMQ_SNDMORE : 0);
     Frames reply;
     int more = 1;
     while (more) {
       char buffer[256];
-      const int size = zmq_recv(socket_, buffer, sizeof buffer, 0);
+      const int size = zmq_recv(socket_.get(), buffer, sizeof buffer, 0);
       if (size < 0)
         break;
       reply.emplace_back(buffer, static_cast<std::size_t>(size));
       std::size_t more_size = sizeof more;
-      zmq_getsockopt(socket_, ZMQ_RCVMORE, &more, &more_size);
+      zmq_getsockopt(socket_.get(), ZMQ_RCVMORE, &more, &more_size);
     }
     return reply;
   }
@@ -57,7 +54,7 @@ class Asker {
   std::string Status(const Frames& frames) { return Ask(frames).at(2); }
 
  private:
-  void* socket_;
+  ZmqSocket socket_;
 };
 
 class ClientGateTest : public testing::Test {

@@ -32,26 +32,22 @@ using testing::HasSubstr;
 class Sender {
  public:
   Sender(const ZmqContext& context, const CurveKey& server_key, const std::string& endpoint)
-      : socket_(zmq_socket(context.get(), ZMQ_PUSH)) {
+      : socket_(context, ZMQ_PUSH) {
     const CurveKeyPair keys = make_curve_key_pair();
-    const int no_linger = 0;
-    zmq_setsockopt(socket_, ZMQ_LINGER, &no_linger, sizeof no_linger);
-    zmq_setsockopt(socket_, ZMQ_CURVE_SERVERKEY, server_key.data(), server_key.size());
-    zmq_setsockopt(socket_, ZMQ_CURVE_PUBLICKEY, keys.public_key.data(), keys.public_key.size());
-    zmq_setsockopt(socket_, ZMQ_CURVE_SECRETKEY, keys.secret_key.data(), keys.secret_key.size());
-    EXPECT_EQ(zmq_connect(socket_, endpoint.c_str()), 0);
+    void* const raw = socket_.get();
+    zmq_setsockopt(raw, ZMQ_CURVE_SERVERKEY, server_key.data(), server_key.size());
+    zmq_setsockopt(raw, ZMQ_CURVE_PUBLICKEY, keys.public_key.data(), keys.public_key.size());
+    zmq_setsockopt(raw, ZMQ_CURVE_SECRETKEY, keys.secret_key.data(), keys.secret_key.size());
+    EXPECT_EQ(zmq_connect(raw, endpoint.c_str()), 0);
   }
-  ~Sender() { zmq_close(socket_); }
-  Sender(const Sender&) = delete;
-  Sender& operator=(const Sender&) = delete;
 
   void Send(const std::string& message) {
-    EXPECT_EQ(zmq_send(socket_, message.data(), message.size(), 0),
+    EXPECT_EQ(zmq_send(socket_.get(), message.data(), message.size(), 0),
               static_cast<int>(message.size()));
   }
 
  private:
-  void* socket_;
+  ZmqSocket socket_;
 };
 
 class PullSocketTest : public testing::Test {

@@ -12,27 +12,15 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 const char* name_of(Severity severity) {
-  switch (severity) {
-    case Severity::kError:
-      return "error";
-    case Severity::kWarning:
-      return "warning";
-    case Severity::kNote:
-      break;
-  }
-  return "note";
+  return severity == Severity::kError     ? "error"
+         : severity == Severity::kWarning ? "warning"
+                                          : "note";
 }
 
 const char* name_of(SettingOrigin::Place place) {
-  switch (place) {
-    case SettingOrigin::kSettingsFile:
-      return "settings file";
-    case SettingOrigin::kScriptConstant:
-      return "script constant";
-    case SettingOrigin::kNowhere:
-      break;
-  }
-  return "default";
+  return place == SettingOrigin::kSettingsFile     ? "settings file"
+         : place == SettingOrigin::kScriptConstant ? "script constant"
+                                                   : "default";
 }
 
 /// The key in the settings file; without one, the constant.

@@ -11,7 +11,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "ServerKeyForm.h"
+#include "CurveKey.h"
 #include "SettingsFile.h"
 #include "Text.h"
 

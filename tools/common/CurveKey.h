@@ -30,4 +30,16 @@ std::string parse_key(std::string_view text, const std::string& holder, CurveKey
 /// Throws std::runtime_error that names the file and does not quote its content.
 CurveKey read_key_file(const std::string& path);
 
+/// All parts are empty when the text has the form that the plug-in reads.
+struct KeyProblem {
+  std::string id;    ///< a fixed word for programs, e.g. "key-lower-case"
+  std::string what;  ///< follows the setting's name: "has lower-case digits, which ..."
+  std::string remedy;
+
+  explicit operator bool() const { return !id.empty(); }
+};
+
+/// Checks the text of a server key. The plug-in reads 64 upper-case hexadecimal digits.
+KeyProblem key_problem(const std::string& key);
+
 }  // namespace zmqwriter

@@ -44,28 +44,14 @@ void append_escape(std::string* out, unsigned code) {
 }
 
 void append_ascii(std::string* out, unsigned char c) {
-  switch (c) {
-    case '"':
-      *out += "\\\"";
-      break;
-    case '\\':
-      *out += "\\\\";
-      break;
-    case '\n':
-      *out += "\\n";
-      break;
-    case '\r':
-      *out += "\\r";
-      break;
-    case '\t':
-      *out += "\\t";
-      break;
-    default:
-      if (c < 0x20 || c == 0x7f)
-        append_escape(out, c);
-      else
-        *out += static_cast<char>(c);
-  }
+  static const char kSpecial[] = "\"\\\n\r\t";
+  const char* const special = c ? std::strchr(kSpecial, c) : nullptr;
+  if (special)
+    (*out += '\\') += "\"\\nrt"[special - kSpecial];
+  else if (c < 0x20 || c == 0x7f)
+    append_escape(out, c);
+  else
+    *out += static_cast<char>(c);
 }
 
 /// The code point of a valid UTF-8 sequence of two or three bytes.

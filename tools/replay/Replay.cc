@@ -13,10 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "CurveKey.h"
 #include "LogFeed.h"
 #include "Output.h"
 #include "ProgressLine.h"
-#include "ServerKeyForm.h"
 #include "SettingsFile.h"
 #include "StopSignals.h"
 #include "Text.h"
