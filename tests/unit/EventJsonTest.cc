@@ -11,6 +11,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <flatbuffers/flatbuffers.h>
@@ -115,73 +116,41 @@ TEST(EventJsonTest, EmptyEventGivesEveryEnvelopeField) {
             R"("data":null})");
 }
 
-TEST(EventJsonTest, FtpDataGivesEveryField) {
-  EXPECT_EQ(data_json(schema::Data_FtpData,
-                      [](FlatBufferBuilder& b) {
-                        return schema::CreateFtpDataDirect(b, "u", "RETR", 226, "a", 77).Union();
-                      }),
-            R"({"user":"u","command":"RETR","reply_code":226,"arg":"a","file_size":77})");
-}
-
-TEST(EventJsonTest, HttpDataGivesEveryField) {
-  EXPECT_EQ(
-      data_json(schema::Data_HttpData,
-                [](FlatBufferBuilder& b) {
-                  return schema::CreateHttpDataDirect(b, "u", "GET", "h", "/", 200, 1, 2).Union();
-                }),
-      R"({"user":"u","method":"GET","host":"h","uri":"/","status_code":200,)"
-      R"("request_body_len":1,"response_body_len":2})");
-}
-
-TEST(EventJsonTest, LdapDataGivesEveryField) {
-  EXPECT_EQ(data_json(schema::Data_LdapData,
-                      [](FlatBufferBuilder& b) {
-                        return schema::CreateLdapDataDirect(b, "u", "m", 49, "dc=x").Union();
-                      }),
-            R"({"user":"u","message":"m","result_code":49,"base":"dc=x"})");
-}
-
-TEST(EventJsonTest, SmbDataGivesEveryField) {
-  EXPECT_EQ(data_json(schema::Data_SmbData,
-                      [](FlatBufferBuilder& b) {
-                        return schema::CreateSmbDataDirect(b, "u", "s", "f", "open", 9).Union();
-                      }),
-            R"({"user":"u","share":"s","filename":"f","action":"open","filesize":9})");
-}
-
-TEST(EventJsonTest, SmtpDataGivesEveryField) {
-  EXPECT_EQ(data_json(schema::Data_SmtpData,
-                      [](FlatBufferBuilder& b) {
-                        return schema::CreateSmtpDataDirect(b, "f", "a,b", "s", 5).Union();
-                      }),
-            R"({"from":"f","to":"a,b","subject":"s","req_size":5})");
-}
-
-TEST(EventJsonTest, TdsDataGivesEveryField) {
-  EXPECT_EQ(data_json(schema::Data_TdsData,
-                      [](FlatBufferBuilder& b) {
-                        return schema::CreateTdsDataDirect(b, "u", "d", "a", "select 1").Union();
-                      }),
-            R"({"user":"u","database":"d","app":"a","sql":"select 1"})");
-}
-
-TEST(EventJsonTest, DceRpcDataGivesEveryField) {
-  EXPECT_EQ(
-      data_json(
-          schema::Data_DceRpcData,
-          [](FlatBufferBuilder& b) {
-            return schema::CreateDceRpcDataDirect(b, "r", "i", "n", -5, "m", "a", "w").Union();
-          }),
-      R"({"request_type":"r","interface_uuid":"i","interface_name":"n","opnum":-5,"method":"m",)"
-      R"("arguments":"a","raw_args":"w"})");
-}
-
-TEST(EventJsonTest, Tn5250DataGivesEveryField) {
-  EXPECT_EQ(data_json(schema::Data_Tn5250Data,
-                      [](FlatBufferBuilder& b) {
-                        return schema::CreateTn5250DataDirect(b, "p", "d").Union();
-                      }),
-            R"({"protocol":"p","details":"d"})");
+TEST(EventJsonTest, EachOtherPayloadGivesEveryField) {
+  using Builder = FlatBufferBuilder;
+  const std::tuple<schema::Data, Payload, std::string> cases[] = {
+      {schema::Data_FtpData,
+       [](Builder& b) { return schema::CreateFtpDataDirect(b, "u", "RETR", 226, "a", 77).Union(); },
+       R"({"user":"u","command":"RETR","reply_code":226,"arg":"a","file_size":77})"},
+      {schema::Data_HttpData,
+       [](Builder& b) {
+         return schema::CreateHttpDataDirect(b, "u", "GET", "h", "/", 200, 1, 2).Union();
+       },
+       R"({"user":"u","method":"GET","host":"h","uri":"/","status_code":200,)"
+       R"("request_body_len":1,"response_body_len":2})"},
+      {schema::Data_LdapData,
+       [](Builder& b) { return schema::CreateLdapDataDirect(b, "u", "m", 49, "dc=x").Union(); },
+       R"({"user":"u","message":"m","result_code":49,"base":"dc=x"})"},
+      {schema::Data_SmbData,
+       [](Builder& b) { return schema::CreateSmbDataDirect(b, "u", "s", "f", "open", 9).Union(); },
+       R"({"user":"u","share":"s","filename":"f","action":"open","filesize":9})"},
+      {schema::Data_SmtpData,
+       [](Builder& b) { return schema::CreateSmtpDataDirect(b, "f", "a,b", "s", 5).Union(); },
+       R"({"from":"f","to":"a,b","subject":"s","req_size":5})"},
+      {schema::Data_TdsData,
+       [](Builder& b) { return schema::CreateTdsDataDirect(b, "u", "d", "a", "s 1").Union(); },
+       R"({"user":"u","database":"d","app":"a","sql":"s 1"})"},
+      {schema::Data_DceRpcData,
+       [](Builder& b) {
+         return schema::CreateDceRpcDataDirect(b, "r", "i", "n", -5, "m", "a", "w").Union();
+       },
+       R"({"request_type":"r","interface_uuid":"i","interface_name":"n","opnum":-5,"method":"m",)"
+       R"("arguments":"a","raw_args":"w"})"},
+      {schema::Data_Tn5250Data,
+       [](Builder& b) { return schema::CreateTn5250DataDirect(b, "p", "d").Union(); },
+       R"({"protocol":"p","details":"d"})"}};
+  for (const auto& [type, payload, expected] : cases)
+    EXPECT_EQ(data_json(type, payload), expected);
 }
 
 TEST(EventJsonTest, GenericPairsKeepTheirOrderAndRepeats) {
