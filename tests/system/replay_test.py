@@ -264,7 +264,7 @@ class DamagedLogsTest(ReplayTestCase):
         self.assertEqual(replay.status, 1)
         self.assertEqual(set(self.uids(collector, 3)), {"C0", "C2", "C4"})
         self.assertIn("a.log:6: 2 columns instead of 3\n", replay.stderr)
-        self.assertIn("a.log:8: column 'n': 'many' is no count\n", replay.stderr)
+        self.assertIn("a.log:8: column 'n': 'many' is not a valid count\n", replay.stderr)
         self.assertIn("a.log:10: the last line has no line end", replay.stderr)
         self.assertIn("read: 3 records from 1 log, 3 broken lines skipped\n", replay.stderr)
         self.assertIn("  a.log: 3 records, 3 broken lines\n", replay.stderr)
@@ -288,7 +288,7 @@ class DamagedLogsTest(ReplayTestCase):
         self.assertEqual(replay.status, 1)
         self.assert_each_once(collector, 3)
         self.assertIn("bare.log:1: file without header", replay.stderr)
-        self.assertIn("missing.log: cannot read the log: No such file", replay.stderr)
+        self.assertIn("missing.log: cannot be read: No such file", replay.stderr)
         self.assertIn("refused: 2 logs\n", replay.stderr)
 
 

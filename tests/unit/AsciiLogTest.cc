@@ -189,40 +189,42 @@ TEST_P(AsciiLogBadValueTest, BreaksItsLineOnlyAndSaysWhy) {
 INSTANTIATE_TEST_SUITE_P(
     EveryType, AsciiLogBadValueTest,
     testing::Values(
-        BadValue{"bool", "true", "'true' is no bool, which is T or F"},
-        BadValue{"bool", "", "'' is no bool, which is T or F"},
-        BadValue{"int", "12x", "'12x' is no int"}, BadValue{"int", "", "'' is no int"},
+        BadValue{"bool", "true", "'true' is not a bool, which is T or F"},
+        BadValue{"bool", "", "'' is not a bool, which is T or F"},
+        BadValue{"int", "12x", "'12x' is not a valid int"},
+        BadValue{"int", "", "'' is not a valid int"},
         BadValue{"int", "9223372036854775808", "'9223372036854775808' is out of range for int"},
-        BadValue{"count", "-1", "'-1' is no count"}, BadValue{"count", "1.5", "'1.5' is no count"},
+        BadValue{"count", "-1", "'-1' is not a valid count"},
+        BadValue{"count", "1.5", "'1.5' is not a valid count"},
         BadValue{"count", "18446744073709551616",
                  "'18446744073709551616' is out of range for count"},
-        BadValue{"count", std::string("1\0", 2), "'1\\x00' is no count"},
-        BadValue{"counter", "x", "'x' is no count"},
-        BadValue{"double", "1.5.2", "'1.5.2' is no number"},
-        BadValue{"double", " 1", "' 1' is no number"},
-        BadValue{"double", "0x10", "'0x10' is no number"},
+        BadValue{"count", std::string("1\0", 2), "'1\\x00' is not a valid count"},
+        BadValue{"counter", "x", "'x' is not a valid count"},
+        BadValue{"double", "1.5.2", "'1.5.2' is not a number"},
+        BadValue{"double", " 1", "' 1' is not a number"},
+        BadValue{"double", "0x10", "'0x10' is not a number"},
         BadValue{"double", "1e999", "'1e999' is out of range for a double"},
-        BadValue{"double", std::string("1\0", 2), "'1\\x00' is no number"},
-        BadValue{"time", "yesterday", "'yesterday' is no number"},
-        BadValue{"interval", "", "'' is no number"},
+        BadValue{"double", std::string("1\0", 2), "'1\\x00' is not a number"},
+        BadValue{"time", "yesterday", "'yesterday' is not a number"},
+        BadValue{"interval", "", "'' is not a number"},
         BadValue{"port", "65536", "'65536' is out of range for port"},
-        BadValue{"port", "80/tcp", "'80/tcp' is no port"},
-        BadValue{"port", "-5", "'-5' is no port"},
-        BadValue{"addr", "192.0.2.256", "'192.0.2.256' is no address"},
-        BadValue{"addr", "2001:db8::1::", "'2001:db8::1::' is no address"},
-        BadValue{"addr", std::string("192.0.2.1\0", 10), "'192.0.2.1\\x00' is no address"},
-        BadValue{"addr", "example.com", "'example.com' is no address"},
-        BadValue{"subnet", "192.0.2.0", "'192.0.2.0' is no subnet"},
+        BadValue{"port", "80/tcp", "'80/tcp' is not a valid port"},
+        BadValue{"port", "-5", "'-5' is not a valid port"},
+        BadValue{"addr", "192.0.2.256", "'192.0.2.256' is not an address"},
+        BadValue{"addr", "2001:db8::1::", "'2001:db8::1::' is not an address"},
+        BadValue{"addr", std::string("192.0.2.1\0", 10), "'192.0.2.1\\x00' is not an address"},
+        BadValue{"addr", "example.com", "'example.com' is not an address"},
+        BadValue{"subnet", "192.0.2.0", "'192.0.2.0' is not a subnet"},
         BadValue{"subnet", "192.0.2.0/33",
                  "'192.0.2.0/33' has a prefix that is longer than the address"},
         BadValue{"subnet", "2001:db8::/129",
                  "'2001:db8::/129' has a prefix that is longer than the address"},
-        BadValue{"subnet", "192.0.2.0/x", "'x' is no prefix length"},
-        BadValue{"set[count]", "1,,2", "'' is no count"},
-        BadValue{"set[addr]", "192.0.2.1,nowhere", "'nowhere' is no address"},
+        BadValue{"subnet", "192.0.2.0/x", "'x' is not a valid prefix length"},
+        BadValue{"set[count]", "1,,2", "'' is not a valid count"},
+        BadValue{"set[addr]", "192.0.2.1,nowhere", "'nowhere' is not an address"},
         BadValue{"vector[port]", "1,70000", "'70000' is out of range for port"},
         BadValue{"count", std::string(100, 'a'),
-                 "'aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa...' is no "
+                 "'aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa...' is not a valid "
                  "count"}));
 
 TEST_F(AsciiLogTest, TextsThatTheHostTerminatesAreTerminatedOutsideTheirLength) {
@@ -398,7 +400,7 @@ TEST_F(AsciiLogTest, MissingFileIsRefusedByName) {
     AsciiLog log("nowhere.log");
     FAIL() << "accepted";
   } catch (const AsciiLogError& error) {
-    EXPECT_THAT(error.what(), HasSubstr("nowhere.log: cannot read the log: No such file"));
+    EXPECT_THAT(error.what(), HasSubstr("nowhere.log: cannot be read: No such file"));
   }
 }
 
@@ -423,9 +425,9 @@ TEST_F(AsciiLogTest, TruncatedLastLineIsBrokenWhereverItWasCut) {
       kHeader + "#fields\ta\tb\n#types\tcount\tstring\n1\tone\n234\ttwo\\x09three\n";
   const std::size_t last_line = whole.find("234");
   for (std::size_t size = last_line + 1; size < whole.size(); ++size) {
-    EXPECT_THAT(read(whole.substr(0, size)),
-                ElementsAre("1|'one'",
-                            "broken:x.log:10: the last line has no line end, it may have been cut"))
+    EXPECT_THAT(
+        read(whole.substr(0, size)),
+        ElementsAre("1|'one'", "broken:x.log:10: the last line has no line end, so it may be cut"))
         << "cut at byte " << size;
   }
   EXPECT_THAT(read(whole.substr(0, last_line)), ElementsAre("1|'one'"));
@@ -480,7 +482,7 @@ TEST_F(AsciiLogTest, ReadsFromAStreamUnderAGivenName) {
   AsciiLog log(fmemopen(content.data(), content.size(), "r"), "stream");
   EXPECT_EQ(log.Next(), Step::kRecord);
   EXPECT_EQ(log.Next(), Step::kBroken);
-  EXPECT_EQ(log.problem(), "stream:10: column 'x': 'x' is no count");
+  EXPECT_EQ(log.problem(), "stream:10: column 'x': 'x' is not a valid count");
   EXPECT_EQ(log.bytes_read(), content.size());
 }
 

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <cerrno>
@@ -10,13 +9,15 @@
 #include <filesystem>
 #include <limits>
 
+#include "Text.h"
+
 using threading::Value;
 
 namespace zmqwriter {
 
 namespace {
 
-/// What is wrong with one value. Never leaves this file.
+/// A problem of one value. Caught in this file.
 class BadValue : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -68,29 +69,18 @@ bool is_text(TypeTag type) {
   return type == TYPE_STRING || type == TYPE_ENUM || type == TYPE_FILE || type == TYPE_FUNC;
 }
 
-int hex_digit(char c) {
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
-
-/// Whether \xHH stands at `i`; fills `byte`.
+/// Whether there is \xHH at `i`; sets `byte`.
 bool hex_escape_at(std::string_view text, std::size_t i, char* byte) {
   if (i + 3 >= text.size() || text[i] != '\\' || text[i + 1] != 'x')
     return false;
-  const int high = hex_digit(text[i + 2]);
-  const int low = hex_digit(text[i + 3]);
-  if (high < 0 || low < 0)
-    return false;
-  *byte = static_cast<char>(high * 16 + low);
-  return true;
+  unsigned char value = 0;
+  const char* const digits = text.data() + i + 2;
+  const bool both = std::from_chars(digits, digits + 2, value, 16).ptr == digits + 2;
+  *byte = static_cast<char>(value);
+  return both;
 }
 
-/// Undoes the escapes. Header lines, unlike records, hold backslashes as they are.
+/// Undoes the escapes. Header lines, unlike records, do not escape backslashes.
 std::string unescape(std::string_view text, bool in_header) {
   std::string plain;
   plain.reserve(text.size());
@@ -113,10 +103,9 @@ std::string in_quotes(std::string_view text) {
   constexpr std::size_t kLongest = 60;
   std::string result = "'";
   for (const char c : text.substr(0, kLongest)) {
-    char escaped[5];
     const auto byte = static_cast<unsigned char>(c);
-    std::snprintf(escaped, sizeof escaped, byte < 0x20 || byte >= 0x7f ? "\\x%02x" : "%c", byte);
-    result += escaped;
+    result +=
+        byte < 0x20 || byte >= 0x7f ? "\\x" + hex_digits(&c, 1, kLowerHex) : std::string(1, c);
   }
   return result + (text.size() > kLongest ? "...'" : "'");
 }
@@ -129,21 +118,21 @@ Number parse_integer(std::string_view text, const char* what) {
   if (parsed.ec == std::errc::result_out_of_range && parsed.ptr == end)
     throw BadValue(in_quotes(text) + " is out of range for " + what);
   if (parsed.ec != std::errc() || parsed.ptr != end)
-    throw BadValue(in_quotes(text) + " is no " + what);
+    throw BadValue(in_quotes(text) + " is not a valid " + what);
   return value;
 }
 
 double parse_double(std::string_view text) {
-  // strtod knows more than a log holds: leading blanks, hexadecimal, "nan(...)". The C locale is
-  // in force, as no program of this tree calls setlocale.
+  // strtod accepts more than a log holds: leading blanks, hexadecimal, "nan(...)". It uses the C
+  // locale, because no program of this project calls setlocale.
   if (text.empty() || text.find_first_not_of("0123456789+-.eEinfa") != std::string_view::npos)
-    throw BadValue(in_quotes(text) + " is no number");
+    throw BadValue(in_quotes(text) + " is not a number");
   const std::string terminated(text);
   char* end = nullptr;
   errno = 0;
   const double value = strtod(terminated.c_str(), &end);
   if (*end != '\0')
-    throw BadValue(in_quotes(text) + " is no number");
+    throw BadValue(in_quotes(text) + " is not a number");
   // A result that is too small for a double is rounded to 0 or a tiny number, which is fine.
   if (errno == ERANGE && (value > 1 || value < -1))
     throw BadValue(in_quotes(text) + " is out of range for a double");
@@ -153,7 +142,7 @@ double parse_double(std::string_view text) {
 constexpr unsigned char kMappedPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
 
 /// Reads an address of either family as 128 bits, IPv4 mapped into IPv6. Returns the number of
-/// bits before the address's own, 96 or 0, or -1 if it is no address.
+/// bits before the address's own, 96 or 0, or -1 if it is not an address.
 int parse_address_bits(std::string_view text, unsigned char (&bits)[16]) {
   const std::string terminated(text);
   if (terminated.size() != strlen(terminated.c_str()))
@@ -180,7 +169,7 @@ Value::addr_t to_addr(const unsigned char (&bits)[16]) {
 Value::addr_t parse_addr(std::string_view text) {
   unsigned char bits[16];
   if (parse_address_bits(text, bits) < 0)
-    throw BadValue(in_quotes(text) + " is no address");
+    throw BadValue(in_quotes(text) + " is not an address");
   return to_addr(bits);
 }
 
@@ -190,7 +179,7 @@ Value::subnet_t parse_subnet(std::string_view text) {
   const int offset =
       slash == std::string_view::npos ? -1 : parse_address_bits(text.substr(0, slash), bits);
   if (offset < 0)
-    throw BadValue(in_quotes(text) + " is no subnet");
+    throw BadValue(in_quotes(text) + " is not a subnet");
   const auto length = parse_integer<unsigned>(text.substr(slash + 1), "prefix length");
   if (length > static_cast<unsigned>(128 - offset))
     throw BadValue(in_quotes(text) + " has a prefix that is longer than the address");
@@ -231,7 +220,7 @@ std::FILE* open_log(const std::string& file) {
     throw AsciiLogError(file + ": this is a folder, not a log");
   std::FILE* const stream = std::fopen(file.c_str(), "rb");
   if (!stream)
-    throw AsciiLogError(file + ": cannot read the log: " + strerror(errno));
+    throw AsciiLogError(file + ": cannot be read: " + strerror(errno));
   return stream;
 }
 
@@ -239,19 +228,9 @@ std::FILE* open_log(const std::string& file) {
 
 AsciiLog::AsciiLog(const std::string& file) : AsciiLog(open_log(file), file) {}
 
-AsciiLog::AsciiLog(std::FILE* stream, const std::string& name) : file_(name), stream_(stream) {
-  try {
-    ReadFirstHeader();
-  } catch (...) {
-    free(buffer_);
-    std::fclose(stream_);
-    throw;
-  }
-}
-
-AsciiLog::~AsciiLog() {
-  free(buffer_);
-  std::fclose(stream_);
+AsciiLog::AsciiLog(std::FILE* stream, const std::string& name)
+    : file_(name), stream_(stream, std::fclose) {
+  ReadFirstHeader();
 }
 
 void AsciiLog::Refuse(const std::string& reason) const {
@@ -266,15 +245,17 @@ AsciiLog::Step AsciiLog::Broken(const std::string& reason) {
 /// Reads the next line into line_; false at the end of the file.
 bool AsciiLog::ReadLine() {
   errno = 0;
-  const ssize_t length = getline(&buffer_, &buffer_size_, stream_);
+  char* buffer = buffer_.release();
+  const ssize_t length = getline(&buffer, &buffer_size_, stream_.get());
+  buffer_.reset(buffer);
   if (length < 0) {
-    if (std::ferror(stream_))
-      throw AsciiLogError(file_ + ": cannot read on: " + strerror(errno));
+    if (std::ferror(stream_.get()))
+      throw AsciiLogError(file_ + ": cannot be read: " + strerror(errno));
     return false;
   }
   ++line_number_;
   bytes_read_ += static_cast<std::uint64_t>(length);
-  line_ = std::string_view(buffer_, static_cast<std::size_t>(length));
+  line_ = std::string_view(buffer, static_cast<std::size_t>(length));
   line_complete_ = line_.back() == '\n';
   if (line_complete_)
     line_.remove_suffix(1);
@@ -292,11 +273,11 @@ void AsciiLog::ReadFirstHeader() {
   constexpr std::string_view kFirst = "separator ";
   if (!ReadLine())
     throw AsciiLogError(file_ + ": file without header: it is empty");
-  // Some editors put a byte order mark in front of a UTF-8 file.
+  // Some editors begin a UTF-8 file with a byte order mark.
   constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
   if (line_.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0)
     line_.remove_prefix(kByteOrderMark.size());
-  // The meta prefix is what stands before the first line's first word.
+  // The meta prefix is the part of the first line before its first word.
   const auto word = line_.find(kFirst);
   if (word != std::string_view::npos && word > 0 && word <= 16)
     StartHeader(line_.substr(0, word), line_.substr(word + kFirst.size()));
@@ -311,7 +292,7 @@ void AsciiLog::ReadFirstHeader() {
     Refuse("file without a usable header: " + problem);
 }
 
-/// Takes what meta lines follow, up to a record, which then waits in line_, or the end.
+/// Takes the meta lines up to the next record, which then waits in line_, or up to the end.
 void AsciiLog::ReadMetaLines() {
   while (!line_pending_ && ReadLine()) {
     if (IsMeta())
@@ -413,7 +394,7 @@ AsciiLog::Step AsciiLog::ParseRecord() {
   if (!header_usable_)
     return Broken("no record can be read after an unusable header");
   if (!line_complete_)
-    return Broken("the last line has no line end, it may have been cut");
+    return Broken("the last line has no line end, so it may be cut");
   tokens_ = Split(line_, header_.separator);
   if (tokens_.size() != columns_.size())
     return Broken(std::to_string(tokens_.size()) + " columns instead of " +
@@ -512,7 +493,7 @@ ValuePtr AsciiLog::ParseAtomic(std::string_view token, TypeTag type) const {
   switch (type) {
     case TYPE_BOOL:
       if (token != "T" && token != "F")
-        throw BadValue(in_quotes(token) + " is no bool, which is T or F");
+        throw BadValue(in_quotes(token) + " is not a bool, which is T or F");
       value->val.int_val = token == "T";
       break;
     case TYPE_INT:

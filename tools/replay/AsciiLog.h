@@ -1,5 +1,4 @@
-// Reads the host's ASCII logs, record by record, as the values that the host itself would hand to
-// a writer.
+// Reads the host's ASCII logs, record by record, as the values that the host passes to a writer.
 //
 //     AsciiLog log("conn.log");            // throws AsciiLogError without a usable header
 //     for (;;) {
@@ -11,34 +10,35 @@
 //       }
 //     }
 //
-// What is understood
+// Header
 //   The header lines `separator`, `set_separator`, `empty_field`, `unset_field`, `path`, `fields`
-//   and `types`, with the meta prefix that the first line has ("#" as a rule); other meta lines
-//   (`open`, `close`, ...) are skipped. `fields` and `types` are required. The rest defaults to a
+//   and `types`, with the meta prefix of the first line (usually "#"); other meta lines (`open`,
+//   `close`, ...) are skipped. `fields` and `types` are required. The defaults of the others are a
 //   tab, ",", "(empty)", "-" and, for the path, the file's name without folder and extension.
-//   Separators may have several characters. A header may follow later in the same file, as in
-//   logs that were concatenated; it replaces the one before. Lines end with LF or CRLF and may be
-//   of any length. NUL bytes are bytes like others.
+//   Separators may have several characters. A further header in the same file, as in concatenated
+//   logs, replaces the one before. Lines end with LF or CRLF and have any length. NUL bytes are
+//   ordinary bytes.
 //
 // Values are those of a log writer: ports in host byte order without protocol, subnet lengths
 //   relative to 128 bits with the host bits zero, IPv4 for addresses mapped into IPv6, strings
 //   without terminator, enum, file and func texts with one that their length does not count, and
 //   `present == false` over a zeroed union for unset values. In text, \xHH (two hexadecimal
 //   digits) stands for one byte and \\ for a backslash; any other backslash stands for itself,
-//   since older hosts did not escape it.
+//   because older hosts did not escape it.
 //
 // Errors
 //   A file that cannot be read or has no usable header at its start: AsciiLogError, from the
 //   constructor (from Next for a read error later on). A broken line: Step::kBroken with
-//   "FILE:LINE: reason"; reading goes on behind it. A last line without line end is broken, for
-//   its last value may be cut. After a broken header in the middle of a file every record is
-//   broken until the next good header.
+//   "FILE:LINE: reason"; reading continues after it. A last line without line end is broken,
+//   because its last value may be cut. After a broken header in the middle of a file every record
+//   is broken until the next good header.
 //
-// An AsciiLog belongs to one thread at a time. It streams: memory holds the current line only.
+// One thread at a time. Memory holds the current line only.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -54,7 +54,7 @@ class AsciiLogError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Deletes a value as the host does; its strings and elements go with it.
+/// Deletes a value as the host does, with its strings and elements.
 using ValuePtr = std::unique_ptr<threading::Value>;
 
 class AsciiLog {
@@ -73,16 +73,13 @@ class AsciiLog {
     kRecord,  ///< a record was read: TakeValues, Text
     kHeader,  ///< another header was read: path() and columns() are new
     kBroken,  ///< a line was skipped: problem()
-    kEnd,     ///< nothing follows
+    kEnd,     ///< the end of the file
   };
 
   /// Opens `file` and reads its header.
   explicit AsciiLog(const std::string& file);
-  /// Reads from `stream`, which it closes in the end; `name` is used in messages.
+  /// Reads from `stream`, and closes it; `name` is used in messages.
   AsciiLog(std::FILE* stream, const std::string& name);
-  ~AsciiLog();
-  AsciiLog(const AsciiLog&) = delete;
-  AsciiLog& operator=(const AsciiLog&) = delete;
 
   const std::string& file() const { return file_; }
   /// The log's path, e.g. "conn".
@@ -91,7 +88,8 @@ class AsciiLog {
 
   Step Next();
 
-  /// The values of the record just read, one per column; they belong to the caller. Once a record.
+  /// The values of the record just read, one per column, for the caller. To be called once a
+  /// record.
   std::vector<ValuePtr> TakeValues();
 
   /// Whether a column of the record just read is unset. Valid until the next call of Next.
@@ -105,7 +103,7 @@ class AsciiLog {
   /// "FILE:LINE: reason" after Step::kBroken.
   const std::string& problem() const { return problem_; }
 
-  /// Bytes read so far, to show how far a long file has got.
+  /// Bytes read so far, for the progress.
   std::uint64_t bytes_read() const { return bytes_read_; }
 
  private:
@@ -113,8 +111,7 @@ class AsciiLog {
     std::string prefix = "#";
     std::string separator = "\t";
     std::string set_separator = ",";
-    // Markers in both forms that a log may hold them in: as the header gives them (escaped) and
-    // as the plain bytes.
+    // A log may hold the markers as the header gives them (escaped), or as plain bytes.
     std::string empty_text = "(empty)", empty_field = "(empty)";
     std::string unset_text = "-", unset_field = "-";
     std::string path;
@@ -140,8 +137,8 @@ class AsciiLog {
   ValuePtr ParseAtomic(std::string_view token, TypeTag type) const;
 
   std::string file_;
-  std::FILE* stream_;
-  char* buffer_ = nullptr;  // of getline
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream_;
+  std::unique_ptr<char, void (*)(void*)> buffer_{nullptr, std::free};  // of getline
   std::size_t buffer_size_ = 0;
   std::string_view line_;  // the current line without its end, inside buffer_
   bool line_complete_ = false;

@@ -32,7 +32,7 @@ bool keeps_name(const std::string& name) {
   return name == "ts" || name == "uid" || name.compare(0, 3, "id.") == 0;
 }
 
-/// Whether a column stands beside the pairs instead of among them.
+/// Whether a column is kept as a column, and is not among the pairs.
 bool is_envelope(const AsciiLog::Column& column) {
   return column.name == "uid" || (column.name == "ts" && column.type == TYPE_TIME);
 }

@@ -1,7 +1,7 @@
-// What a record of one of the host's logs looks like to the plug-in.
+// Maps the records of the host's logs to the columns that the plug-in reads.
 //
-// The plug-in knows its protocols by the column `ptype` and its columns by prefixed names; the
-// host's own logs have neither. The mapping is the one that the plug-in's scripts do inside the
+// The plug-in tells protocols apart by the column `ptype`, and reads columns with prefixed names.
+// The host's own logs have neither. The mapping is the same as that of the plug-in's scripts in the
 // host:
 //
 //   log's path     ptype     columns
@@ -19,12 +19,12 @@
 //   - `ts`, `uid` and `id.*` keep their names everywhere.
 //   - A column uid without a value is left out of its record, whatever the path: the plug-in would
 //     report it for every record. So there are records with and without that column.
-//   - Beside the pairs, ts is of type time; a column ts of another type is a pair like others.
-//   - The first pair is _path with the log's path. Values are the host's own text, escapes undone,
-//     elements joined with a comma; unset columns, ts and uid are no pairs. Such a record has no
-//     ptype: a name that the plug-in does not know would cost one warning for every record.
-//   - A log that has the plug-in's own shape already, which shows in a column named ptype,
-//     extra_fields or cpu_usage, is passed on as it is.
+//   - The first pair is _path with the log's path. Values are the host's own text with escapes
+//   undone
+//     and elements joined with a comma. Unset columns, uid and a ts of type time are not among the
+//     pairs. Such a record has no ptype: an unknown one would cost a warning for each record.
+//   - A log that has the plug-in's own columns already, which one named ptype, extra_fields or
+//     cpu_usage shows, is passed on unchanged.
 //
 // A mapping does not change after construction.
 #pragma once
