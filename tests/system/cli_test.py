@@ -280,7 +280,7 @@ class CollectKeyTest(CliTest):
         for content, reason in [("", "holds 0 characters"),
                                 ("AB" * 31 + "C", "holds 63 characters"),
                                 ("AB" * 32 + "C", "holds 65 characters"),
-                                ("G" * 64, "character 1 of the key is no hexadecimal digit"),
+                                ("G" * 64, "character 1 of the key is not a hexadecimal digit"),
                                 ("0" * 63 + "x", "character 64 of the key"),
                                 ("a" * 40, "which looks like Z85")]:
             result = self.collect_with(content)

@@ -55,9 +55,9 @@ TEST_F(AllowListTest, WhatIsNoKeyIsNamedByItsLine) {
             "allowed:3: a key has 64 hexadecimal digits, this line holds 65 characters");
   EXPECT_EQ(error("x"), "allowed:1: a key has 64 hexadecimal digits, this line holds 1 characters");
   EXPECT_EQ(error("-" + key_.substr(1)),
-            "allowed:1: character 1 of the key is no hexadecimal digit");
+            "allowed:1: character 1 of the key is not a hexadecimal digit");
   EXPECT_EQ(error(key_.substr(0, 63) + "\xff"),
-            "allowed:1: character 64 of the key is no hexadecimal digit");
+            "allowed:1: character 64 of the key is not a hexadecimal digit");
   EXPECT_THAT(error(key_.substr(0, 31) + '\0' + key_.substr(32)), HasSubstr("character 32"));
 }
 
@@ -67,7 +67,8 @@ TEST_F(AllowListTest, FileThatWouldLetNobodyInIsAnError) {
 }
 
 TEST_F(AllowListTest, EndlessFileIsRefused) {
-  EXPECT_THAT(error(std::string((4 << 20) + 1, '\n')), HasSubstr("allowed: longer than 4194304 bytes"));
+  EXPECT_THAT(error(std::string((4 << 20) + 1, '\n')),
+              HasSubstr("allowed: longer than 4194304 bytes"));
   EXPECT_EQ(read(key_ + std::string((4 << 20) - 64, '\n')).size(), 1u);
 }
 

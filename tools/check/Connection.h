@@ -13,7 +13,7 @@ namespace zmqwriter {
 struct ConnectResult {
   bool ok;
   std::string id;    ///< a fixed word: "connected", or the id of the finding
-  std::string text;  ///< what happened, behind the endpoint's name
+  std::string text;  ///< what happened; follows the endpoint's name
   std::string remedy;
   double seconds;
 };

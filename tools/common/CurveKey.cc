@@ -45,7 +45,7 @@ std::string parse_key(std::string_view text, const std::string& holder, CurveKey
            " characters" + (text.size() == kZ85Digits ? ", which looks like Z85" : "");
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (!std::isxdigit(static_cast<unsigned char>(text[i])))
-      return "character " + std::to_string(i + 1) + " of the key is no hexadecimal digit";
+      return "character " + std::to_string(i + 1) + " of the key is not a hexadecimal digit";
   }
   for (std::size_t i = 0; i < key->size(); ++i)
     std::from_chars(text.data() + 2 * i, text.data() + 2 * i + 2, (*key)[i], 16);

@@ -114,7 +114,7 @@ std::vector<std::uint32_t> find_chunks(const std::string& folder);
 std::vector<std::string> find_set_aside(const std::string& folder);
 
 /// How many of `numbers`, as find_chunks gives them for `folder`, a start of the plug-in finds:
-/// 0, 1, 2, ... up to the first gap, or to what is no regular file.
+/// 0, 1, 2, ... up to the first gap, or to the first that is not a regular file.
 std::size_t count_in_sequence(const std::string& folder, const std::vector<std::uint32_t>& numbers);
 
 }  // namespace zmqwriter
