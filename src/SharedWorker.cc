@@ -80,7 +80,10 @@ void end() {
   std::lock_guard<std::mutex> lock(lifecycle);
   if (!accepting.exchange(false))
     return;
-  { const Changing writes_under_way_are_done; }
+  {
+    // Comes when no write is under way any more.
+    const Changing changing;
+  }
   worker->Stop();
   const Changing changing;
   DravenholtZmqWriterStatus last = DravenholtZmqWriterStatus();

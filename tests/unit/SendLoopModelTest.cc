@@ -40,8 +40,8 @@ class RealLoop {
     follow_script_in_flush();
     log.clear();
     worker.running = true;
-    pthread_create(
-        &worker.thread, nullptr, [](void* nothing) { return nothing; }, nullptr);
+    const auto end_at_once = [](void* nothing) { return nothing; };
+    pthread_create(&worker.thread, nullptr, end_at_once, nullptr);
     worker.Stop();
     log.listen(nullptr);
     return log.starting_with("send");

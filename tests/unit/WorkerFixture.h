@@ -127,8 +127,8 @@ class WorkerFixture : public ::testing::Test {
     log.clear();
     if (driven) {
       worker->running = true;
-      pthread_create(
-          &worker->thread, nullptr, [](void* nothing) { return nothing; }, nullptr);
+      const auto end_at_once = [](void* nothing) { return nothing; };
+      pthread_create(&worker->thread, nullptr, end_at_once, nullptr);
     }
     worker->Stop();
     return log.story();

@@ -78,9 +78,9 @@ class Counts : public prometheus::Collectable {
     return family;
   }
 
+  using Figure = std::uint64_t Tally::*;
   static MetricFamily Tallies(const char* name, const char* help, const char* label,
-                              const std::map<std::string, Tally>& tallies,
-                              std::uint64_t Tally::*figure) {
+                              const std::map<std::string, Tally>& tallies, Figure figure) {
     MetricFamily family = Family(name, help);
     for (const auto& [key, tally] : tallies)
       family.metric.push_back(Counter(label, key, tally.*figure));

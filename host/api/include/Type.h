@@ -71,6 +71,16 @@ class TypeList;
 class TypeType;
 class VectorType;
 
+#define STANDIN_AS_TYPE(Class, Tag)                       \
+  const Class* As##Class() const {                        \
+    CHECK_TAG(tag, Tag, "BroType::As" #Class, type_name); \
+    return reinterpret_cast<const Class*>(this);          \
+  }                                                       \
+  Class* As##Class() {                                    \
+    CHECK_TAG(tag, Tag, "BroType::As" #Class, type_name); \
+    return reinterpret_cast<Class*>(this);                \
+  }
+
 class BroType : public BroObj {
  public:
   BroType(TypeTag t, bool base_type = false);
@@ -85,15 +95,6 @@ class BroType : public BroObj {
   virtual int HasField(const char* field) const;
   virtual BroType* FieldType(const char* field) const;
 
-#define STANDIN_AS_TYPE(Class, Tag)                       \
-  const Class* As##Class() const {                        \
-    CHECK_TAG(tag, Tag, "BroType::As" #Class, type_name); \
-    return reinterpret_cast<const Class*>(this);          \
-  }                                                       \
-  Class* As##Class() {                                    \
-    CHECK_TAG(tag, Tag, "BroType::As" #Class, type_name); \
-    return reinterpret_cast<Class*>(this);                \
-  }
   STANDIN_AS_TYPE(TypeList, TYPE_LIST)
   STANDIN_AS_TYPE(TableType, TYPE_TABLE)
   STANDIN_AS_TYPE(RecordType, TYPE_RECORD)
@@ -103,7 +104,6 @@ class BroType : public BroObj {
   STANDIN_AS_TYPE(VectorType, TYPE_VECTOR)
   STANDIN_AS_TYPE(OpaqueType, TYPE_OPAQUE)
   STANDIN_AS_TYPE(TypeType, TYPE_TYPE)
-#undef STANDIN_AS_TYPE
 
   const SetType* AsSetType() const {
     if (!IsSet())
@@ -116,12 +116,8 @@ class BroType : public BroObj {
     return reinterpret_cast<SetType*>(this);
   }
 
-  int IsSet() const {
-    return tag == TYPE_TABLE && YieldType() == 0;
-  }
-  int IsTable() const {
-    return tag == TYPE_TABLE && YieldType() != 0;
-  }
+  int IsSet() const { return tag == TYPE_TABLE && YieldType() == 0; }
+  int IsTable() const { return tag == TYPE_TABLE && YieldType() != 0; }
 
   BroType* Ref() {
     ::Ref(this);
@@ -131,18 +127,15 @@ class BroType : public BroObj {
   virtual void Describe(ODesc* d) const;
 
   /// Script name of a type that has one, else "".
-  void SetName(const string& arg_name) {
-    name = arg_name;
-  }
-  string GetName() const {
-    return name;
-  }
+  void SetName(const string& arg_name) { name = arg_name; }
+  string GetName() const { return name; }
 
  private:
   TypeTag tag;
   InternalTypeTag internal_tag;
   string name;
 };
+#undef STANDIN_AS_TYPE
 
 /// Several types in a row: index of a table, arguments.
 class TypeList : public BroType {

@@ -52,6 +52,26 @@ typedef union {
   vector<Val*>* vector_val;
 } BroValUnion;
 
+#define STANDIN_CONST_ACCESSOR(Expected, Result, Member, Name)          \
+  Result Name() const {                                                 \
+    CHECK_TAG(type->Tag(), Expected, "Val::CONST_ACCESSOR", type_name); \
+    return static_cast<Result>(val.Member);                             \
+  }
+#define STANDIN_ACCESSOR(Expected, Result, Member, Name)          \
+  Result Name() {                                                 \
+    CHECK_TAG(type->Tag(), Expected, "Val::ACCESSOR", type_name); \
+    return val.Member;                                            \
+  }
+#define STANDIN_CONVERTER(Expected, Class, Name)                   \
+  Class* Name() {                                                  \
+    CHECK_TAG(type->Tag(), Expected, "Val::CONVERTER", type_name); \
+    return reinterpret_cast<Class*>(this);                         \
+  }                                                                \
+  const Class* Name() const {                                      \
+    CHECK_TAG(type->Tag(), Expected, "Val::CONVERTER", type_name); \
+    return reinterpret_cast<const Class*>(this);                   \
+  }
+
 class Val : public BroObj {
  public:
   // None of these converts: the argument's class decides which member is filled, the tag is
@@ -91,16 +111,6 @@ class Val : public BroObj {
   BroType* Type() { return type; }
   const BroType* Type() const { return type; }
 
-#define STANDIN_CONST_ACCESSOR(Expected, Result, Member, Name)          \
-  Result Name() const {                                                 \
-    CHECK_TAG(type->Tag(), Expected, "Val::CONST_ACCESSOR", type_name); \
-    return static_cast<Result>(val.Member);                             \
-  }
-#define STANDIN_ACCESSOR(Expected, Result, Member, Name)          \
-  Result Name() {                                                 \
-    CHECK_TAG(type->Tag(), Expected, "Val::ACCESSOR", type_name); \
-    return val.Member;                                            \
-  }
   bool AsBool() const {
     CHECK_TAG(type->Tag(), TYPE_BOOL, "Val::CONST_ACCESSOR", type_name);
     return val.int_val != 0;
@@ -123,8 +133,6 @@ class Val : public BroObj {
   STANDIN_ACCESSOR(TYPE_FILE, BroFile*, file_val, AsFile)
   STANDIN_ACCESSOR(TYPE_PATTERN, RE_Matcher*, re_val, AsPattern)
   STANDIN_ACCESSOR(TYPE_VECTOR, vector<Val*>*, vector_val, AsVector)
-#undef STANDIN_CONST_ACCESSOR
-#undef STANDIN_ACCESSOR
 
   const IPPrefix& AsSubNet() const {
     CHECK_TAG(type->Tag(), TYPE_SUBNET, "Val::SubNet", type_name);
@@ -140,15 +148,6 @@ class Val : public BroObj {
     return *val.addr_val;
   }
 
-#define STANDIN_CONVERTER(Expected, Class, Name)                   \
-  Class* Name() {                                                  \
-    CHECK_TAG(type->Tag(), Expected, "Val::CONVERTER", type_name); \
-    return reinterpret_cast<Class*>(this);                         \
-  }                                                                \
-  const Class* Name() const {                                      \
-    CHECK_TAG(type->Tag(), Expected, "Val::CONVERTER", type_name); \
-    return reinterpret_cast<const Class*>(this);                   \
-  }
   STANDIN_CONVERTER(TYPE_PATTERN, PatternVal, AsPatternVal)
   STANDIN_CONVERTER(TYPE_PORT, PortVal, AsPortVal)
   STANDIN_CONVERTER(TYPE_SUBNET, SubNetVal, AsSubNetVal)
@@ -158,7 +157,6 @@ class Val : public BroObj {
   STANDIN_CONVERTER(TYPE_LIST, ListVal, AsListVal)
   STANDIN_CONVERTER(TYPE_STRING, StringVal, AsStringVal)
   STANDIN_CONVERTER(TYPE_VECTOR, VectorVal, AsVectorVal)
-#undef STANDIN_CONVERTER
 
   EnumVal* AsEnumVal() {
     CHECK_TAG(type->Tag(), TYPE_ENUM, "Val::CONVERTER", type_name);
@@ -168,13 +166,9 @@ class Val : public BroObj {
   void Describe(ODesc* d) const;
 
  protected:
-  explicit Val(TypeTag t) : type(base_type(t)) {
-    Init(bro_uint_t(0));
-  }
+  explicit Val(TypeTag t) : type(base_type(t)) { Init(bro_uint_t(0)); }
   /// Takes its own reference.
-  explicit Val(BroType* t) : type(t->Ref()) {
-    Init(bro_uint_t(0));
-  }
+  explicit Val(BroType* t) : type(t->Ref()) { Init(bro_uint_t(0)); }
 
   /// The text of the value itself, without the type's quirks.
   virtual void ValDescribe(ODesc* d) const;
@@ -183,13 +177,12 @@ class Val : public BroObj {
   BroType* type;
 
  private:
-  void Init(bro_int_t i) {
-    val.int_val = i;
-  }
-  void Init(bro_uint_t u) {
-    val.uint_val = u;
-  }
+  void Init(bro_int_t i) { val.int_val = i; }
+  void Init(bro_uint_t u) { val.uint_val = u; }
 };
+#undef STANDIN_CONST_ACCESSOR
+#undef STANDIN_ACCESSOR
+#undef STANDIN_CONVERTER
 
 class StringVal : public Val {
  public:

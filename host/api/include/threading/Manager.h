@@ -13,8 +13,8 @@ class Manager {
   ~Manager();
 
   /// Finishes every thread. First handles messages, and joins and deletes threads that have ended,
-  /// until nothing more comes, while the others still work. Then signals the rest to stop, waits for
-  /// each in order of creation (while handling their messages), joins and deletes them. No time
+  /// until nothing more comes, while the others still work. Then signals the rest to stop, waits
+  /// for each in order of creation (while handling their messages), joins and deletes them. No time
   /// limit.
   void Terminate();
   bool Terminating() const { return terminating; }
