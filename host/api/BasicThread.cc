@@ -2,16 +2,13 @@
 
 #include <pthread.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #ifdef __linux__
 #include <sys/prctl.h>
 #endif
 
-#include "standin/MainThread.h"
-#include "threading/Manager.h"
+#include "MainThread.h"
 
 namespace threading {
 
@@ -38,28 +35,13 @@ class BlockedSignals {
   abort();
 }
 
-// strerror_r comes in two variants that differ in their result.
-[[maybe_unused]] const char* text_of(int, const char* buffer) {
-  return buffer;
-}
-[[maybe_unused]] const char* text_of(const char* result, const char*) {
-  return result;
-}
-
 }  // namespace
 
-BasicThread::BasicThread()
-    : name("thread"), started(false), terminating(false), killed(false), buffer(128) {
-  strerr_buffer[0] = '\0';
-  if (thread_mgr)
-    thread_mgr->AddThread(this);
-}
+BasicThread::BasicThread() : name("thread"), started(false), terminating(false), killed(false) {}
 
 BasicThread::~BasicThread() {
   if (thread.joinable())
     die(name, "destruction", "before its thread was joined");
-  if (thread_mgr)
-    thread_mgr->RemoveThread(this);
 }
 
 void BasicThread::SetName(const char* arg_name) {
@@ -82,14 +64,9 @@ void BasicThread::Start() {
   RequireMain("Start");
   if (started)
     return;
-  if (!thread_mgr)
-    die(name, "Start", "needs the host's thread_mgr");
   started = true;
-  {
-    BlockedSignals blocked;
-    thread = std::thread(Launch, this);
-  }
-  OnStart();
+  BlockedSignals blocked;
+  thread = std::thread(Launch, this);
 }
 
 void BasicThread::Launch(BasicThread* self) {
@@ -102,14 +79,6 @@ void BasicThread::SignalStop() {
   RequireMain("SignalStop");
   if (started && !terminating)
     OnSignalStop();
-}
-
-void BasicThread::WaitForStop() {
-  RequireMain("WaitForStop");
-  if (!started)
-    return;
-  OnWaitForStop();
-  terminating = true;
 }
 
 void BasicThread::Join() {
@@ -130,24 +99,6 @@ void BasicThread::Done() {
   killed = true;
 }
 
-const char* BasicThread::Fmt(const char* format, ...) {
-  RequireChild("Fmt");
-  while (true) {
-    va_list args;
-    va_start(args, format);
-    const int needed = vsnprintf(buffer.data(), buffer.size(), format, args);
-    va_end(args);
-    if (needed < static_cast<int>(buffer.size()))
-      return buffer.data();
-    buffer.resize(static_cast<size_t>(needed) + 1);
-  }
-}
-
-const char* BasicThread::Strerror(int err) {
-  RequireChild("Strerror");
-  return text_of(strerror_r(err, strerr_buffer, sizeof(strerr_buffer)), strerr_buffer);
-}
-
 void BasicThread::RequireChild(const char* what) const {
   if (started && child.load(std::memory_order_relaxed) != std::this_thread::get_id())
     die(name, what, "belongs to its own thread");
@@ -157,7 +108,7 @@ void BasicThread::RequireMain(const char* what) const {
   if (!started)
     return;
   if (child.load(std::memory_order_relaxed) == std::this_thread::get_id() ||
-      !standin::on_main_thread())
+      !host::on_main_thread())
     die(name, what, "belongs to the host's main thread");
 }
 

@@ -1,7 +1,10 @@
-#include "plugin/Component.h"
+#include "logging/Component.h"
 
-#include "Desc.h"
+#include "HostReporter.h"
+#include "logging/Manager.h"
 #include "util.h"
+
+logging::Manager* log_mgr = nullptr;
 
 namespace plugin {
 
@@ -10,19 +13,18 @@ Component::Component(component::Type arg_type, const std::string& arg_name)
 
 Component::~Component() {}
 
-void Component::Describe(ODesc* d) const {
-  static const char* const type_names[] = {"Reader",        "Writer",     "Analyzer",
-                                           "File Analyzer", "I/O Source", "Packet Source",
-                                           "Packet Dumper"};
-  d->Add("    [");
-  d->Add(type_names[type]);
-  d->Add("] ");
-  d->Add(name);
-  d->Add(" (");
-  DoDescribe(d);
-  d->Add(")");
+}  // namespace plugin
+
+namespace logging {
+
+Component::Component(const std::string& name, factory_callback arg_factory)
+    : plugin::Component(plugin::component::WRITER, name), factory(arg_factory) {
+  if (!log_mgr)
+    host::any_reporter().InternalError(
+        "component %s is created before log_mgr exists: create it in Configure()", name.c_str());
+  log_mgr->RegisterComponent(this, "WRITER_");
 }
 
-void Component::DoDescribe(ODesc*) const {}
+Component::~Component() {}
 
-}  // namespace plugin
+}  // namespace logging

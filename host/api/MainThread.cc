@@ -1,4 +1,4 @@
-#include "standin/MainThread.h"
+#include "MainThread.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -6,9 +6,7 @@
 #include <atomic>
 #include <thread>
 
-#include "util.h"
-
-namespace standin {
+namespace host {
 
 namespace {
 std::atomic<std::thread::id> main_thread;
@@ -34,4 +32,4 @@ void require_main_thread(const char* what) {
   abort();
 }
 
-}  // namespace standin
+}  // namespace host

@@ -1,13 +1,10 @@
 #include "threading/MsgThread.h"
 
-#include <stdio.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "HostReporter.h"
-#include "threading/Manager.h"
 
 namespace threading {
 
@@ -36,7 +33,7 @@ class FinishMessage final : public InputMessage<MsgThread> {
   bool Process() override {
     if (!Object()->OnFinish(network_time_))
       Object()->Error("terminating thread");
-    Object()->Finished();
+    Object()->finished = true;
     return true;
   }
 
@@ -46,68 +43,32 @@ class FinishMessage final : public InputMessage<MsgThread> {
 
 // Messages to the main thread.
 
-class FinishedMessage final : public OutputMessage<MsgThread> {
- public:
-  explicit FinishedMessage(MsgThread* thread) : OutputMessage<MsgThread>("Finished", thread) {}
-
-  bool Process() override {
-    Object()->main_finished = true;
-    return true;
-  }
-};
-
-namespace {
-
 class KillMeMessage final : public OutputMessage<MsgThread> {
  public:
   explicit KillMeMessage(MsgThread* thread) : OutputMessage<MsgThread>("KillMe", thread) {}
 
   bool Process() override {
-    thread_mgr->KillThread(Object());
+    Object()->Kill();
     return true;
   }
 };
 
 class ReporterMessage final : public OutputMessage<MsgThread> {
  public:
-  enum Kind { kInfo, kWarning, kError, kFatalError, kFatalErrorWithCore, kInternalWarning };
+  typedef void (Reporter::*Method)(const char* fmt, ...);
 
-  ReporterMessage(Kind kind, MsgThread* thread, const char* text)
-      : OutputMessage<MsgThread>("Reporter", thread), kind_(kind), text_(text) {}
+  ReporterMessage(Method method, MsgThread* thread, const char* text)
+      : OutputMessage<MsgThread>("Reporter", thread), method_(method), text_(text) {}
 
   bool Process() override {
-    Reporter& to = standin::host_reporter();
-    const char* name = Object()->Name();
-    const char* text = text_.c_str();
-    switch (kind_) {
-      case kInfo:
-        to.Info("%s: %s", name, text);
-        break;
-      case kWarning:
-        to.Warning("%s: %s", name, text);
-        break;
-      case kError:
-        to.Error("%s: %s", name, text);
-        break;
-      case kFatalError:
-        to.FatalError("%s: %s", name, text);
-        break;
-      case kFatalErrorWithCore:
-        to.FatalErrorWithCore("%s: %s", name, text);
-        break;
-      case kInternalWarning:
-        to.InternalWarning("%s: %s", name, text);
-        break;
-    }
+    (host::any_reporter().*method_)("%s: %s", Object()->Name(), text_.c_str());
     return true;
   }
 
  private:
-  Kind kind_;
+  Method method_;
   std::string text_;
 };
-
-}  // namespace
 
 Message::Message(const char* arg_name) : name(copy_string(arg_name)) {}
 
@@ -116,15 +77,7 @@ Message::~Message() {
 }
 
 MsgThread::MsgThread()
-    : cnt_sent_in(0),
-      cnt_sent_out(0),
-      child_finished(false),
-      main_finished(false),
-      stop_signaled(false),
-      failed(false) {
-  if (thread_mgr)
-    thread_mgr->AddMsgThread(this);
-}
+    : cnt_sent_in(0), cnt_sent_out(0), finished(false), stop_signaled(false), failed(false) {}
 
 MsgThread::~MsgThread() {
   while (BasicInputMessage* msg = queue_in.TryGet())
@@ -153,34 +106,12 @@ void MsgThread::SendOut(BasicOutputMessage* msg, bool force) {
   queue_out.Put(msg);
 }
 
-void MsgThread::Info(const char* msg) {
-  SendOut(new ReporterMessage(ReporterMessage::kInfo, this, msg));
-}
-
-void MsgThread::Warning(const char* msg) {
-  SendOut(new ReporterMessage(ReporterMessage::kWarning, this, msg));
-}
-
 void MsgThread::Error(const char* msg) {
-  SendOut(new ReporterMessage(ReporterMessage::kError, this, msg));
-}
-
-void MsgThread::FatalError(const char* msg) {
-  SendOut(new ReporterMessage(ReporterMessage::kFatalError, this, msg));
-}
-
-void MsgThread::FatalErrorWithCore(const char* msg) {
-  SendOut(new ReporterMessage(ReporterMessage::kFatalErrorWithCore, this, msg));
+  SendOut(new ReporterMessage(&Reporter::Error, this, msg));
 }
 
 void MsgThread::InternalWarning(const char* msg) {
-  SendOut(new ReporterMessage(ReporterMessage::kInternalWarning, this, msg));
-}
-
-void MsgThread::InternalError(const char* msg) {
-  // The main thread is not asked: the process may be in no state to go on until it answers.
-  fprintf(stderr, "internal error in thread: %s\n", msg);
-  abort();
+  SendOut(new ReporterMessage(&Reporter::InternalWarning, this, msg));
 }
 
 void MsgThread::GetStats(Stats* stats) {
@@ -188,8 +119,6 @@ void MsgThread::GetStats(Stats* stats) {
   stats->sent_out = cnt_sent_out;
   stats->pending_in = queue_in.Size();
   stats->pending_out = queue_out.Size();
-  queue_in.GetStats(&stats->queue_in_stats);
-  queue_out.GetStats(&stats->queue_out_stats);
 }
 
 void MsgThread::Heartbeat() {
@@ -197,7 +126,7 @@ void MsgThread::Heartbeat() {
 }
 
 void MsgThread::Run() {
-  while (!child_finished && !Killed()) {
+  while (!finished && !Killed()) {
     BasicInputMessage* msg = queue_in.Get();
     if (!msg)
       continue;
@@ -217,11 +146,6 @@ void MsgThread::Fail() {
   SendOut(new KillMeMessage(this), true);
 }
 
-void MsgThread::Finished() {
-  child_finished = true;
-  SendOut(new FinishedMessage(this), true);
-}
-
 void MsgThread::OnSignalStop() {
   if (stop_signaled || Killed())
     return;
@@ -230,10 +154,8 @@ void MsgThread::OnSignalStop() {
 }
 
 void MsgThread::OnWaitForStop() {
-  while (!main_finished && !Killed()) {
-    if (!thread_mgr->DrainOut())
-      usleep(1000);
-  }
+  while (!Killed())
+    usleep(1000);
 }
 
 void MsgThread::OnKill() {

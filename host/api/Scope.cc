@@ -1,15 +1,42 @@
 #include "Scope.h"
 
+#include "Func.h"
+#include "HostReporter.h"
 #include "Val.h"
-#include "standin/Scripts.h"
+#include "Var.h"
+
+ID::~ID() {
+  Unref(type);
+  Unref(val);
+}
+
+void ID::SetVal(Val* v) {
+  Unref(val);
+  val = v;
+}
+
+Scope::Scope() {
+  Clear();
+}
 
 Scope::~Scope() {
   for (auto& id : ids)
     Unref(id.second);
 }
 
-ID* Scope::Lookup(const char* name) const {
-  return Lookup(std::string(name));
+void Scope::Clear() {
+  for (auto& id : ids)
+    Unref(id.second);
+  ids.clear();
+  const auto define_type = [this](const char* name, BroType* type) {
+    ID* id = new ID;
+    id->SetType(type);
+    id->MakeType();
+    Insert(name, id);
+  };
+  define_type("string_vec", new VectorType(base_type(TYPE_STRING)));
+  // Nobody looks into it: what counts is the connection that it was made from.
+  define_type("connection", new RecordType(new type_decl_list));
 }
 
 ID* Scope::Lookup(const std::string& name) const {
@@ -23,74 +50,34 @@ void Scope::Insert(const char* name, ID* id) {
   slot = id;
 }
 
-namespace {
-
-Scope* current_scope = nullptr;
-
-VectorType* vector_of(TypeTag tag) {
-  return new VectorType(base_type(tag));
-}
-
-SetType* set_of(TypeTag tag) {
-  TypeList* indices = new TypeList(base_type_no_ref(tag));
-  indices->Append(base_type(tag));
-  return new SetType(indices, nullptr);
-}
-
-void define_connection_types() {
-  using standin::FieldSpec;
-  RecordType* conn_id =
-      standin::record_type("conn_id", {FieldSpec("orig_h", base_type(TYPE_ADDR), false, true),
-                                       FieldSpec("orig_p", base_type(TYPE_PORT), false, true),
-                                       FieldSpec("resp_h", base_type(TYPE_ADDR), false, true),
-                                       FieldSpec("resp_p", base_type(TYPE_PORT), false, true)});
-  RecordType* endpoint =
-      standin::record_type("endpoint", {FieldSpec("size", base_type(TYPE_COUNT)),
-                                        FieldSpec("state", base_type(TYPE_COUNT)),
-                                        FieldSpec("num_pkts", base_type(TYPE_COUNT), true),
-                                        FieldSpec("num_bytes_ip", base_type(TYPE_COUNT), true),
-                                        FieldSpec("flow_label", base_type(TYPE_COUNT))});
-  RecordType* connection = standin::record_type(
-      "connection",
-      {FieldSpec("id", conn_id->Ref()), FieldSpec("orig", endpoint->Ref()),
-       FieldSpec("resp", endpoint->Ref()), FieldSpec("start_time", base_type(TYPE_TIME)),
-       FieldSpec("duration", base_type(TYPE_INTERVAL)), FieldSpec("service", set_of(TYPE_STRING)),
-       FieldSpec("history", base_type(TYPE_STRING)), FieldSpec("uid", base_type(TYPE_STRING)),
-       FieldSpec("tunnel", base_type(TYPE_ANY), true), FieldSpec("vlan", base_type(TYPE_INT), true),
-       FieldSpec("inner_vlan", base_type(TYPE_INT), true)});
-  standin::define_type("conn_id", conn_id);
-  standin::define_type("endpoint", endpoint);
-  standin::define_type("connection", connection);
-}
-
-// What the host's own base scripts define before any plug-in's script is read.
-void define_host_types() {
-  standin::define_type("string_vec", vector_of(TYPE_STRING));
-  standin::define_type("index_vec", vector_of(TYPE_COUNT));
-  standin::define_type("addr_vec", vector_of(TYPE_ADDR));
-  standin::define_type("string_set", set_of(TYPE_STRING));
-  standin::define_type("addr_set", set_of(TYPE_ADDR));
-  standin::define_type("count_set", set_of(TYPE_COUNT));
-  define_connection_types();
-  EnumType* proto = new EnumType("transport_proto");
-  proto->AddName("GLOBAL", "unknown_transport", TRANSPORT_UNKNOWN, true, false);
-  proto->AddName("GLOBAL", "tcp", TRANSPORT_TCP, true, false);
-  proto->AddName("GLOBAL", "udp", TRANSPORT_UDP, true, false);
-  proto->AddName("GLOBAL", "icmp", TRANSPORT_ICMP, true, false);
-  standin::define_type("transport_proto", proto);
-}
-
-}  // namespace
-
 Scope* global_scope() {
-  if (!current_scope) {
-    current_scope = new Scope;
-    define_host_types();
-  }
-  return current_scope;
+  static Scope* scope = new Scope;
+  return scope;
 }
 
-void standin::forget_scripts() {
-  Unref(current_scope);
-  current_scope = nullptr;
+Val* internal_val(const char* name) {
+  ID* id = global_scope()->Lookup(name);
+  if (!id)
+    host::any_reporter().InternalError("internal variable %s missing", name);
+  return id->ID_Val();
+}
+
+Val* internal_const_val(const char* name) {
+  Val* v = internal_val(name);
+  if (!global_scope()->Lookup(name)->IsConst())
+    host::any_reporter().InternalError("internal variable %s is not constant", name);
+  return v;
+}
+
+BroType* internal_type(const char* name) {
+  ID* id = global_scope()->Lookup(name);
+  if (!id)
+    host::any_reporter().InternalError("internal type %s missing", name);
+  // As in the host: a name that is no type gives the type of its value.
+  return id->Type();
+}
+
+Func* internal_func(const char* name) {
+  Val* v = internal_val(name);
+  return v ? v->AsFunc() : nullptr;
 }

@@ -62,34 +62,4 @@ Value::~Value() {
   }
 }
 
-bool Value::IsCompatibleType(BroType* t, bool atomic_only) {
-  switch (t->Tag()) {
-    case TYPE_BOOL:
-    case TYPE_INT:
-    case TYPE_COUNT:
-    case TYPE_COUNTER:
-    case TYPE_PORT:
-    case TYPE_SUBNET:
-    case TYPE_ADDR:
-    case TYPE_DOUBLE:
-    case TYPE_TIME:
-    case TYPE_INTERVAL:
-    case TYPE_ENUM:
-    case TYPE_STRING:
-    case TYPE_FILE:
-    case TYPE_FUNC:
-      return true;
-    case TYPE_RECORD:
-      return !atomic_only;
-    case TYPE_TABLE:
-      if (atomic_only || !t->IsSet() || t->AsTableType()->IndexTypes()->length() != 1)
-        return false;
-      return IsCompatibleType((*t->AsTableType()->IndexTypes())[0], true);
-    case TYPE_VECTOR:
-      return !atomic_only && IsCompatibleType(t->YieldType(), true);
-    default:
-      return false;
-  }
-}
-
 }  // namespace threading

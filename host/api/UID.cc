@@ -23,18 +23,12 @@ void UID::Set(bro_uint_t bits, const uint64* v, size_t n) {
 
 std::string UID::Base62(std::string prefix) const {
   if (!initialized)
-    standin::host_reporter().InternalError("use of uninitialized UID");
+    host::any_reporter().InternalError("use of uninitialized UID");
   for (const uint64 word : uid) {
     char digits[65];
     prefix += uitoa_n(word, digits, sizeof(digits), 62);
   }
   return prefix;
-}
-
-UID& UID::operator=(const UID& other) {
-  std::copy(other.uid, other.uid + BRO_UID_LEN, uid);
-  initialized = other.initialized;
-  return *this;
 }
 
 }  // namespace Bro

@@ -2,61 +2,53 @@
 
 #include <string>
 
-#include "HostReporter.h"
-#include "Poison.h"
-#include "logging/Manager.h"
 #include "logging/WriterFrontend.h"
+
+using threading::Value;
 
 namespace logging {
 
-// Messages to the frontend. It may be gone by the time they arrive.
-
 namespace {
 
-class FrontendMessage : public threading::OutputMessage<WriterFrontend> {
+class DisableMessage final : public threading::OutputMessage<WriterFrontend> {
  public:
-  FrontendMessage(const char* name, WriterFrontend* frontend)
-      : threading::OutputMessage<WriterFrontend>(name, frontend) {}
+  explicit DisableMessage(WriterFrontend* frontend)
+      : threading::OutputMessage<WriterFrontend>("Disable", frontend) {}
 
-  bool Process() final {
-    if (WriterFrontend::Exists(Object()))
-      Apply(Object());
+  bool Process() override {
+    Object()->SetDisable();
     return true;
   }
-
- private:
-  virtual void Apply(WriterFrontend* frontend) = 0;
 };
 
-class FlushWriteBufferMessage final : public FrontendMessage {
- public:
-  explicit FlushWriteBufferMessage(WriterFrontend* frontend)
-      : FrontendMessage("FlushWriteBuffer", frontend) {}
+// memset that stays although the memory is freed next.
+void overwrite(void* memory, size_t size) {
+  memset(memory, 0xdb, size);
+  __asm__ __volatile__("" : : "r"(memory) : "memory");
+}
 
- private:
-  void Apply(WriterFrontend* frontend) override { frontend->FlushWriteBuffer(); }
-};
-
-class DisableMessage final : public FrontendMessage {
- public:
-  explicit DisableMessage(WriterFrontend* frontend) : FrontendMessage("Disable", frontend) {}
-
- private:
-  void Apply(WriterFrontend* frontend) override { frontend->SetDisable(); }
-};
-
-class RotationFinishedMessage final : public threading::OutputMessage<WriterFrontend> {
- public:
-  RotationFinishedMessage(WriterFrontend* frontend, const char* new_name, const char* old_name,
-                          double open, double close, bool terminating)
-      : threading::OutputMessage<WriterFrontend>("RotationFinished", frontend),
-        rotation_{new_name, old_name, open, close, terminating} {}
-
-  bool Process() override { return log_mgr->FinishedRotation(Object(), rotation_); }
-
- private:
-  Manager::Rotation rotation_;
-};
+/// Overwrites and frees what `value` owns and leaves it unset, so that a writer that keeps pointers
+/// into a record is found out at once instead of by luck.
+void poison(Value* value) {
+  const TypeTag type = value->type;
+  if (value->present && (type == TYPE_TABLE || type == TYPE_VECTOR)) {
+    const Value::set_t& set = type == TYPE_TABLE ? value->val.set_val : value->val.vector_val;
+    for (bro_int_t i = 0; i < set.size; ++i) {
+      poison(set.vals[i]);
+      delete set.vals[i];
+    }
+    overwrite(set.vals, sizeof(set.vals[0]) * static_cast<size_t>(set.size));
+    delete[] set.vals;
+  } else if (value->present &&
+             (type == TYPE_STRING || type == TYPE_ENUM || type == TYPE_FILE || type == TYPE_FUNC)) {
+    if (value->val.string_val.data)
+      overwrite(value->val.string_val.data, static_cast<size_t>(value->val.string_val.length));
+    delete[] value->val.string_val.data;
+  }
+  value->present = false;
+  value->type = TYPE_ERROR;
+  overwrite(&value->val, sizeof(value->val));
+}
 
 }  // namespace
 
@@ -82,15 +74,12 @@ WriterBackend::WriterBackend(WriterFrontend* arg_frontend)
       info(new WriterInfo(arg_frontend->Info())),
       num_fields(0),
       fields(nullptr),
-      buffering(true),
-      rotation_counter(0) {
+      buffering(true) {
   SetName(arg_frontend->Name());
 }
 
 WriterBackend::~WriterBackend() {
   RequireMain("destruction");
-  if (WriterFrontend::Exists(frontend) && frontend->backend == this)
-    frontend->backend = nullptr;
   for (int i = 0; i < num_fields; ++i)
     delete fields[i];
   delete[] fields;
@@ -99,8 +88,7 @@ WriterBackend::~WriterBackend() {
 
 bool WriterBackend::Init(int arg_num_fields, const threading::Field* const* arg_fields) {
   RequireChild("Init");
-  if (Started())
-    SetOSName(Fmt("bro: %s", Name()));
+  SetOSName(("bro: " + std::string(Name())).c_str());
   num_fields = arg_num_fields;
   fields = arg_fields;
   if (Failed())
@@ -114,15 +102,18 @@ bool WriterBackend::Init(int arg_num_fields, const threading::Field* const* arg_
 
 bool WriterBackend::TypesMatch(int arg_num_fields, int num_writes, threading::Value*** vals) {
   if (arg_num_fields != num_fields) {
-    InternalWarning(Fmt("a record of %d values instead of %d", arg_num_fields, num_fields));
+    InternalWarning(("a record of " + std::to_string(arg_num_fields) + " values instead of " +
+                     std::to_string(num_fields))
+                        .c_str());
     return false;
   }
   for (int j = 0; j < num_writes; ++j) {
     for (int i = 0; i < num_fields; ++i) {
       if (vals[j][i]->type != fields[i]->type) {
-        InternalWarning(Fmt("a value of type %s in the column %s of type %s",
-                            type_name(vals[j][i]->type), fields[i]->name,
-                            type_name(fields[i]->type)));
+        InternalWarning((std::string("a value of type ") + type_name(vals[j][i]->type) +
+                         " in the column " + fields[i]->name + " of type " +
+                         type_name(fields[i]->type))
+                            .c_str());
         return false;
       }
     }
@@ -137,21 +128,17 @@ bool WriterBackend::Write(int arg_num_fields, int num_writes, threading::Value**
   for (int j = 0; success && !Failed() && j < num_writes; ++j) {
     success = DoWrite(num_fields, fields, vals[j]);
     for (int i = 0; i < num_fields; ++i)
-      standin::poison(vals[j][i]);
+      poison(vals[j][i]);
   }
-  DeleteVals(arg_num_fields, num_writes, vals);
-  if (!success)
-    DisableFrontend();
-  return success;
-}
-
-void WriterBackend::DeleteVals(int arg_num_fields, int num_writes, threading::Value*** vals) {
   for (int j = 0; j < num_writes; ++j) {
     for (int i = 0; i < arg_num_fields; ++i)
       delete vals[j][i];
     delete[] vals[j];
   }
   delete[] vals;
+  if (!success)
+    DisableFrontend();
+  return success;
 }
 
 bool WriterBackend::SetBuf(bool enabled) {
@@ -165,42 +152,19 @@ bool WriterBackend::SetBuf(bool enabled) {
   return false;
 }
 
-bool WriterBackend::Flush(double arg_network_time) {
-  RequireChild("Flush");
-  if (Failed() || DoFlush(arg_network_time))
-    return true;
-  DisableFrontend();
-  return false;
-}
-
 bool WriterBackend::Rotate(const char* rotated_path, double open, double close,
                            bool arg_terminating) {
   RequireChild("Rotate");
   if (Failed())
     return true;
-  rotation_counter = 1;
-  if (!DoRotate(rotated_path, open, close, arg_terminating)) {
-    DisableFrontend();
-    return false;
+  if (DoRotate(rotated_path, open, close, arg_terminating)) {
+    fprintf(stderr,
+            "internal error in thread: writer %s did not call FinishedRotation() in DoRotation()\n",
+            Name());
+    abort();
   }
-  if (rotation_counter > 0)
-    InternalError(Fmt("writer %s did not call FinishedRotation() in DoRotation()", Name()));
-  if (rotation_counter < 0)
-    InternalError(
-        Fmt("writer %s called FinishedRotation() more than once in DoRotation()", Name()));
-  return true;
-}
-
-bool WriterBackend::FinishedRotation(const char* new_name, const char* old_name, double open,
-                                     double close, bool arg_terminating) {
-  --rotation_counter;
-  SendOut(new RotationFinishedMessage(frontend, new_name, old_name, open, close, arg_terminating));
-  return true;
-}
-
-bool WriterBackend::FinishedRotation() {
-  --rotation_counter;
-  return true;
+  DisableFrontend();
+  return false;
 }
 
 void WriterBackend::DisableFrontend() {
@@ -209,10 +173,11 @@ void WriterBackend::DisableFrontend() {
 
 bool WriterBackend::OnHeartbeat(double arg_network_time, double arg_current_time) {
   RequireChild("OnHeartbeat");
-  if (Failed())
+  if (Failed() || DoHeartbeat(arg_network_time, arg_current_time))
     return true;
-  SendOut(new FlushWriteBufferMessage(frontend));
-  return DoHeartbeat(arg_network_time, arg_current_time);
+  // The host leaves it enabled, with a pointer to a backend that is gone soon.
+  DisableFrontend();
+  return false;
 }
 
 bool WriterBackend::OnFinish(double arg_network_time) {

@@ -1,7 +1,6 @@
 #include "util.h"
 
-#include <errno.h>
-#include <signal.h>
+#include <ctype.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -9,21 +8,14 @@
 #include <atomic>
 #include <random>
 
+#include "Clock.h"
 #include "HostReporter.h"
-#include "standin/MainThread.h"
-#include "standin/PseudoTime.h"
+#include "Net.h"
 
 namespace {
 
 char to_lower_ascii(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-int hex_digit(char c) {
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  const char lower = to_lower_ascii(c);
-  return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
 }
 
 uint64 random_start() {
@@ -32,22 +24,21 @@ uint64 random_start() {
   return (high << 32 | device()) ^ static_cast<uint64>(getpid());
 }
 
-std::atomic<double> pseudo_time{0};
-
 }  // namespace
 
-void standin::set_pseudo_time(double seconds) {
-  pseudo_time = seconds;
-}
+double network_time = 0;
+bool terminating = false;
+
+std::atomic<double> host::pseudo_time{0};
 
 void out_of_memory(const char* where) {
   fprintf(stderr, "out of memory in %s.\n", where);
-  standin::host_reporter().FatalErrorWithCore("out of memory in %s.", where);
+  host::any_reporter().FatalErrorWithCore("out of memory in %s.", where);
   abort();
 }
 
 double current_time(bool real) {
-  const double pretended = pseudo_time.load();
+  const double pretended = host::pseudo_time.load();
   if (!real && pretended != 0)
     return pretended;
   struct timeval now;
@@ -62,10 +53,6 @@ char* copy_string(const char* s) {
   char* copy = new char[size];
   memcpy(copy, s, size);
   return copy;
-}
-
-int streq(const char* s1, const char* s2) {
-  return strcmp(s1, s2) == 0;
 }
 
 int strcasecmp_n(int s_len, const char* s, const char* t) {
@@ -100,20 +87,6 @@ char* uitoa_n(uint64 value, char* str, int n, int base, const char* prefix) {
   return str;
 }
 
-const char* fmt(const char* format, ...) {
-  standin::require_main_thread("fmt");
-  static std::vector<char> buffer(128);
-  while (true) {
-    va_list al;
-    va_start(al, format);
-    const int needed = vsnprintf(buffer.data(), buffer.size(), format, al);
-    va_end(al);
-    if (needed < static_cast<int>(buffer.size()))
-      return buffer.data();
-    buffer.resize(static_cast<size_t>(needed) + 1);
-  }
-}
-
 std::string strtolower(const std::string& s) {
   std::string result = s;
   std::transform(s.begin(), s.end(), result.begin(), to_lower_ascii);
@@ -124,56 +97,6 @@ std::string to_upper(const std::string& s) {
   std::string result = s;
   for (char& c : result)
     c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-  return result;
-}
-
-std::string strstrip(std::string s) {
-  static const char blanks[] = " \t\n\v\f\r";
-  s.erase(0, std::min(s.find_first_not_of(blanks), s.size()));
-  s.erase(s.find_last_not_of(blanks) + 1);
-  return s;
-}
-
-std::vector<std::string>* tokenize_string(std::string input, const std::string& delim,
-                                          std::vector<std::string>* rval) {
-  if (!rval)
-    rval = new std::vector<std::string>();
-  size_t begin = 0;
-  if (!delim.empty()) {
-    for (size_t end; (end = input.find(delim, begin)) != std::string::npos;
-         begin = end + delim.size())
-      rval->push_back(input.substr(begin, end - begin));
-  }
-  rval->push_back(input.substr(begin));
-  return rval;
-}
-
-std::string get_escaped_string(const std::string& str, bool escape_all) {
-  std::string result;
-  for (const char c : str) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    if (escape_all || isspace(byte) || byte >= 0x80 || !isprint(byte)) {
-      char hex[2];
-      bytetohex(byte, hex);
-      result.append("\\x").append(hex, 2);
-    } else {
-      result += c;
-    }
-  }
-  return result;
-}
-
-std::string get_unescaped_string(const std::string& str) {
-  std::string result;
-  for (size_t i = 0; i < str.size(); ++i) {
-    if (str[i] == '\\' && i + 3 < str.size() && str[i + 1] == 'x' && hex_digit(str[i + 2]) >= 0 &&
-        hex_digit(str[i + 3]) >= 0) {
-      result += static_cast<char>(hex_digit(str[i + 2]) * 16 + hex_digit(str[i + 3]));
-      i += 3;
-    } else {
-      result += str[i];
-    }
-  }
   return result;
 }
 
@@ -191,34 +114,4 @@ uint64 calculate_unique_id() {
   x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ULL;
   x = (x ^ (x >> 27)) * 0x94d049bb133111ebULL;
   return x ^ (x >> 31);
-}
-
-uint64 calculate_unique_id(const size_t) {
-  return calculate_unique_id();
-}
-
-bool safe_write(int fd, const char* data, int len) {
-  while (len > 0) {
-    const ssize_t n = write(fd, data, static_cast<size_t>(len));
-    if (n < 0) {
-      if (errno == EINTR)
-        continue;
-      fprintf(stderr, "safe_write error: %d\n", errno);
-      abort();
-    }
-    data += n;
-    len -= static_cast<int>(n);
-  }
-  return true;
-}
-
-void safe_close(int fd) {
-  if (close(fd) < 0 && errno != EINTR) {
-    fprintf(stderr, "safe_close error: %d\n", errno);
-    abort();
-  }
-}
-
-void terminate_processing() {
-  raise(SIGTERM);
 }

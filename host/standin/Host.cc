@@ -5,43 +5,24 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <list>
 
-#include "Desc.h"
 #include "HostReporter.h"
+#include "MainThread.h"
 #include "Net.h"
-#include "NetVar.h"
+#include "PluginFolder.h"
+#include "ScriptReader.h"
 #include "SettingsFile.h"
-#include "Val.h"
+#include "ThreadManager.h"
 #include "logging/Manager.h"
 #include "logging/WriterFrontend.h"
 #include "plugin/Manager.h"
-#include "standin/MainThread.h"
-#include "standin/ScriptReader.h"
 #include "standin/Scripts.h"
-#include "threading/Manager.h"
 
 namespace standin {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-const char kMagicFile[] = "__bro_plugin__";
-
-// The one line of a plug-in folder's magic file.
-std::string read_plugin_name(const std::string& folder) {
-  std::ifstream in(folder + "/" + kMagicFile);
-  if (!in)
-    throw HostError(folder + " is no plug-in folder: it has no file " + kMagicFile +
-                    "; give the folder that the build lays out");
-  std::string line;
-  std::getline(in, line);
-  const std::string name = strstrip(line);
-  if (name.empty())
-    throw HostError(folder + "/" + kMagicFile + " is empty: it must hold the plug-in's name");
-  return name;
-}
 
 // The three scripts that the host reads by itself, those that exist.
 std::vector<std::string> automatic_scripts(const std::string& folder) {
@@ -65,18 +46,70 @@ std::string known_writers() {
   return names.empty() ? "no plug-in with a writer is loaded" : "there are: " + names;
 }
 
+const char* kind_name(plugin::BifItem::Type type) {
+  switch (type) {
+    case plugin::BifItem::FUNCTION:
+      return "Function";
+    case plugin::BifItem::EVENT:
+      return "Event";
+    case plugin::BifItem::CONSTANT:
+      return "Constant";
+    case plugin::BifItem::GLOBAL:
+      return "Global";
+    case plugin::BifItem::TYPE:
+      break;
+  }
+  return "Type";
+}
+
+std::string describe(const plugin::Plugin& plugin, bool details) {
+  std::string text = plugin.Name() + " - " + plugin.Description() + " (dynamic, ";
+  const plugin::VersionNumber version = plugin.Version();
+  text += version ? "version " + std::to_string(version.major) + "." + std::to_string(version.minor)
+                  : "no version information";
+  text += ")\n";
+  if (!details)
+    return text;
+  // Components of other kinds cannot be made here.
+  for (const plugin::Component* c : plugin.Components())
+    text += "    [Writer] " + c->Name() + " (Log::WRITER_" + c->CanonicalName() + ")\n";
+  for (const plugin::BifItem& item : plugin.BifItems())
+    text += std::string("    [") + kind_name(item.GetType()) + "] " + item.GetID() + "\n";
+  return text + "\n";
+}
+
 Host* the_host = nullptr;
 
 }  // namespace
+
+std::string stripped(const std::string& text) {
+  static const char blanks[] = " \t\n\v\f\r";
+  const size_t begin = text.find_first_not_of(blanks);
+  return begin == std::string::npos ? ""
+                                    : text.substr(begin, text.find_last_not_of(blanks) + 1 - begin);
+}
+
+std::string plugin_name(const std::string& folder) {
+  static const std::string magic_file = "__bro_plugin__";
+  std::ifstream in(folder + "/" + magic_file);
+  if (!in)
+    throw HostError(folder + " is no plug-in folder: it has no file " + magic_file +
+                    "; give the folder that the build lays out");
+  std::string line;
+  std::getline(in, line);
+  const std::string name = stripped(line);
+  if (name.empty())
+    throw HostError(folder + "/" + magic_file + " is empty: it must hold the plug-in's name");
+  return name;
+}
 
 struct Host::Impl {
   Options options;
   bool finished = false;
   double next_beat = 0;
   bool own_reporter = false;
-  std::list<void*> handles;
+  std::vector<void*> objects;  // handles of the plug-ins
   std::vector<logging::WriterFrontend*> frontends;
-  EnumType* stream_type = nullptr;
 };
 
 Host::Host(const Options& options) : impl_(nullptr) {
@@ -95,20 +128,18 @@ Host::Host(const Options& options) : impl_(nullptr) {
   impl_ = new Impl;
   impl_->options = options;
   impl_->own_reporter = !reporter;
-  set_main_thread();
-  set_network_time(current_time());
+  host::set_main_thread();
+  network_time = current_time();
   terminating = false;
   if (!reporter)
     reporter = new Reporter;
   thread_mgr = new threading::Manager;
   plugin_mgr = new plugin::Manager;
   log_mgr = new logging::Manager;
-  impl_->stream_type = new EnumType("Log::ID");
 }
 
 Host::~Host() {
   Finish();
-  Unref(impl_->stream_type);
   forget_scripts();
   delete log_mgr;
   log_mgr = nullptr;
@@ -123,28 +154,28 @@ Host::~Host() {
   delete settings;
   settings = nullptr;
   terminating = false;
-  set_network_time(0);
-  forget_main_thread();
+  network_time = 0;
+  host::forget_main_thread();
   delete impl_;
   the_host = nullptr;
 }
 
 void Host::LoadPlugin(const std::string& folder_given) {
-  require_main_thread("Host::LoadPlugin");
+  host::require_main_thread("Host::LoadPlugin");
   // Absolute and without a trailing slash, as a search would have found it.
   std::string folder = fs::absolute(folder_given).lexically_normal().string();
   while (folder.size() > 1 && folder.back() == '/')
     folder.pop_back();
-  const std::string name = read_plugin_name(folder);
+  const std::string name = plugin_name(folder);
   const int errors_before = reporter->Errors();
 
-  for (void* handle : plugin_mgr->LoadObjects(folder, name))
-    impl_->handles.push_back(handle);
+  plugin_mgr->SearchDynamicPlugins(folder);
+  plugin_mgr->ActivateDynamicPlugin(name);
+  for (const plugin::Plugin* p : plugin_mgr->ActivePlugins())
+    impl_->objects.push_back(dlopen(p->PluginPath().c_str(), RTLD_LAZY | RTLD_NOLOAD));
 
   ScriptReader scripts({folder + "/scripts"});
   for (const std::string& script : automatic_scripts(folder))
-    scripts.Load(script);
-  for (const std::string& script : plugin_mgr->TakeRequestedScripts())
     scripts.Load(script);
   ApplyRedefs();
 
@@ -168,21 +199,16 @@ void Host::ApplyRedefs() {
 }
 
 std::string Host::DescribePlugins(bool details) const {
-  require_main_thread("Host::DescribePlugins");
-  ODesc d;
-  if (!details)
-    d.SetShort();
-  for (const plugin::Plugin* p : plugin_mgr->ActivePlugins()) {
-    p->Describe(&d);
-    if (details)
-      d.NL();
-  }
-  return d.Description();
+  host::require_main_thread("Host::DescribePlugins");
+  std::string text;
+  for (const plugin::Plugin* p : plugin_mgr->ActivePlugins())
+    text += describe(*p, details);
+  return text;
 }
 
 void* Host::PluginSymbol(const char* name) const {
-  for (void* handle : impl_->handles) {
-    if (void* symbol = dlsym(handle, name))
+  for (void* object : impl_->objects) {
+    if (void* symbol = dlsym(object, name))
       return symbol;
   }
   return nullptr;
@@ -190,23 +216,21 @@ void* Host::PluginSymbol(const char* name) const {
 
 logging::WriterFrontend* Host::CreateWriter(const std::string& writer, const std::string& path,
                                             const std::vector<threading::Field>& fields) {
-  require_main_thread("Host::CreateWriter");
+  host::require_main_thread("Host::CreateWriter");
   if (impl_->finished)
     throw HostError("a writer cannot be created any more: the host has finished");
   const logging::Component* component = log_mgr->Lookup(canonify_name(writer));
   if (!component)
     throw HostError("there is no writer " + writer + "; " + known_writers());
 
-  set_network_time(current_time());
+  network_time = current_time();
   logging::WriterBackend::WriterInfo info;
   info.path = copy_string(path.c_str());
   info.network_time = network_time;
-  EnumVal* stream_val = new EnumVal(0, impl_->stream_type);
   EnumVal* writer_val =
       new EnumVal(static_cast<int>(component->Tag().Type()), log_mgr->GetTagType());
   logging::WriterFrontend* frontend =
-      new logging::WriterFrontend(info, stream_val, writer_val, true, false);
-  Unref(stream_val);
+      new logging::WriterFrontend(info, nullptr, writer_val, true, false);
   Unref(writer_val);
   impl_->frontends.push_back(frontend);
 
@@ -218,30 +242,33 @@ logging::WriterFrontend* Host::CreateWriter(const std::string& writer, const std
 }
 
 bool Host::Pump() {
-  require_main_thread("Host::Pump");
+  host::require_main_thread("Host::Pump");
   if (impl_->finished)
     return false;
-  set_network_time(current_time());
-  const bool handled = thread_mgr->ProcessOut();
+  network_time = current_time();
+  const bool handled = thread_mgr->Process();
   const double interval = impl_->options.heartbeat_seconds;
   if (interval <= 0 || network_time <= impl_->next_beat)
     return handled;
   impl_->next_beat = network_time + interval;
   thread_mgr->SendHeartbeats();
+  // A writer's heartbeat asks for what waits here, so these records come after it.
+  for (logging::WriterFrontend* frontend : impl_->frontends)
+    frontend->FlushWriteBuffer();
   return true;
 }
 
 std::size_t Host::PendingInput() const {
-  require_main_thread("Host::PendingInput");
+  host::require_main_thread("Host::PendingInput");
   return static_cast<std::size_t>(thread_mgr->PendingIn());
 }
 
 void Host::Finish() {
-  require_main_thread("Host::Finish");
+  host::require_main_thread("Host::Finish");
   if (impl_->finished)
     return;
   impl_->finished = true;
-  set_network_time(current_time());
+  network_time = current_time();
   terminating = true;
   for (logging::WriterFrontend* frontend : impl_->frontends)
     frontend->Stop();

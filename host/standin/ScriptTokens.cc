@@ -68,8 +68,6 @@ ScriptToken ScriptTokens::Scan() {
     return {ScriptToken::kString, ScanString(), line};
   if (c == '@')
     return {ScriptToken::kDirective, RestOfLine(), line};
-  if (c == '/' && PatternMayFollow())
-    return {ScriptToken::kPattern, ScanPattern(), line};
   if (is_word_char(c))
     return {ScriptToken::kWord, ScanWord(), line};
   ++at_;
@@ -109,32 +107,6 @@ char ScriptTokens::ScanEscape() {
   static const char bytes[] = "\n\t\v\b\r\f\a";
   const char* found = strchr(names, c);
   return found ? bytes[found - names] : c;
-}
-
-// A slash divides behind an operand; elsewhere it begins a pattern.
-bool ScriptTokens::PatternMayFollow() const {
-  switch (next_.kind) {
-    case ScriptToken::kWord:
-      return next_.text == "in" || next_.text == "return";
-    case ScriptToken::kString:
-    case ScriptToken::kPattern:
-      return false;
-    case ScriptToken::kSymbol:
-      return next_.text != ")" && next_.text != "]";
-    default:
-      return true;
-  }
-}
-
-std::string ScriptTokens::ScanPattern() {
-  const size_t begin = at_;
-  const int line = line_;
-  for (++at_; More() && text_[at_] != '/' && text_[at_] != '\n'; ++at_)
-    at_ += text_[at_] == '\\' && More(1);
-  if (!More() || text_[at_] != '/')
-    Fail(line, "the pattern that begins here does not end on this line");
-  ++at_;
-  return text_.substr(begin, at_ - begin);
 }
 
 // Words may hold "::" (module names) and "." (numbers, addresses).

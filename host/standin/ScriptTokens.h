@@ -10,7 +10,6 @@ struct ScriptToken {
     kEnd,
     kWord,       // identifiers with their ::, keywords, numbers and what sticks to them
     kString,     // text: the content with its escapes undone
-    kPattern,    // /.../
     kDirective,  // @load ...: text is the whole line
     kAttribute,  // &redef: text with the &
     kSymbol      // one character; ":" "=" "{" ...
@@ -43,10 +42,8 @@ class ScriptTokens {
   ScriptToken Scan();
   std::string ScanString();
   char ScanEscape();
-  std::string ScanPattern();
   std::string ScanWord();
   std::string RestOfLine();
-  bool PatternMayFollow() const;
   bool More(size_t ahead = 0) const { return at_ + ahead < text_.size(); }
 
   std::string text_;

@@ -1,47 +1,51 @@
-#include <algorithm>
+#include "ThreadManager.h"
+
+#include <unistd.h>
+
 #include <vector>
 
 #include "HostReporter.h"
-#include "standin/MainThread.h"
-#include "threading/Manager.h"
 
 threading::Manager* thread_mgr = nullptr;
 
 namespace threading {
 
-Manager::Manager() : terminating(false) {}
-
-Manager::~Manager() {
-  Terminate();
-}
-
 void Manager::Terminate() {
-  standin::require_main_thread("threading::Manager::Terminate");
-  terminating = true;
   // Threads that have ended by now are deleted while the others still work off their queues.
-  while (ProcessOut()) {
+  while (Process()) {
   }
-  for (BasicThread* thread : all_threads)
+  for (MsgThread* thread : threads)
     thread->SignalStop();
-  for (BasicThread* thread : all_threads)
-    thread->WaitForStop();
-  while (!all_threads.empty())
-    Delete(all_threads.front());
-  terminating = false;
+  for (MsgThread* thread : threads) {
+    while (!thread->Killed()) {
+      if (!DrainOut())
+        usleep(1000);
+    }
+  }
+  DrainOut();
+  while (!threads.empty())
+    Delete(threads.front());
 }
 
-bool Manager::ProcessOut() {
-  standin::require_main_thread("threading::Manager::ProcessOut");
+bool Manager::Process() {
+  std::vector<MsgThread*> ended;
   const bool handled = DrainOut();
-  return ReapEnded() || handled;
+  for (MsgThread* thread : threads) {
+    if (thread->Killed())
+      ended.push_back(thread);
+  }
+  DrainOut();  // what they posted before they ended
+  for (MsgThread* thread : ended)
+    Delete(thread);
+  return handled || !ended.empty();
 }
 
 bool Manager::DrainOut() {
   bool handled = false;
-  for (MsgThread* thread : msg_threads) {
+  for (MsgThread* thread : threads) {
     while (BasicOutputMessage* msg = thread->RetrieveOut()) {
       if (!msg->Process()) {
-        standin::host_reporter().Error("%s failed, terminating thread", msg->Name());
+        host::any_reporter().Error("%s failed, terminating thread", msg->Name());
         thread->SignalStop();
       }
       delete msg;
@@ -51,52 +55,25 @@ bool Manager::DrainOut() {
   return handled;
 }
 
-bool Manager::ReapEnded() {
-  std::vector<BasicThread*> ended;
-  for (BasicThread* thread : all_threads) {
-    if (thread->Killed())
-      ended.push_back(thread);
-  }
-  for (BasicThread* thread : ended)
-    Delete(thread);
-  return !ended.empty();
-}
-
-void Manager::Delete(BasicThread* thread) {
-  RemoveThread(thread);
+void Manager::Delete(MsgThread* thread) {
+  threads.remove(thread);
   thread->Join();
   delete thread;
 }
 
 void Manager::SendHeartbeats() {
-  standin::require_main_thread("threading::Manager::SendHeartbeats");
-  for (MsgThread* thread : msg_threads)
+  for (MsgThread* thread : threads)
     thread->Heartbeat();
 }
 
 uint64_t Manager::PendingIn() const {
   uint64_t pending = 0;
-  for (const MsgThread* thread : msg_threads)
-    pending += thread->PendingIn();
+  for (MsgThread* thread : threads) {
+    MsgThread::Stats stats;
+    thread->GetStats(&stats);
+    pending += stats.pending_in;
+  }
   return pending;
-}
-
-void Manager::KillThread(BasicThread* thread) {
-  thread->Kill();
-}
-
-void Manager::AddThread(BasicThread* thread) {
-  all_threads.push_back(thread);
-}
-
-void Manager::AddMsgThread(MsgThread* thread) {
-  msg_threads.push_back(thread);
-}
-
-void Manager::RemoveThread(BasicThread* thread) {
-  all_threads.remove(thread);
-  // Not by remove(): a thread that is being destroyed is no MsgThread any more.
-  msg_threads.remove_if([thread](MsgThread* other) { return other == thread; });
 }
 
 }  // namespace threading

@@ -1,14 +1,12 @@
 #include "logging/WriterFrontend.h"
 
-#include <memory>
-#include <set>
+#include <algorithm>
 #include <string>
 
-#include "Desc.h"
 #include "HostReporter.h"
+#include "MainThread.h"
 #include "Net.h"
 #include "logging/Manager.h"
-#include "standin/MainThread.h"
 
 namespace logging {
 
@@ -85,17 +83,6 @@ class SetBufMessage final : public BackendMessage {
   bool enabled_;
 };
 
-class FlushMessage final : public BackendMessage {
- public:
-  FlushMessage(WriterBackend* backend, double time)
-      : BackendMessage("Flush", backend), time_(time) {}
-
-  bool Process() override { return Object()->Flush(time_); }
-
- private:
-  double time_;
-};
-
 class RotateMessage final : public BackendMessage {
  public:
   RotateMessage(WriterBackend* backend, const char* rotated_path, double open, double close,
@@ -117,160 +104,99 @@ class RotateMessage final : public BackendMessage {
   bool terminating_;
 };
 
-// Frontends that exist. Main thread only, like everything here.
-std::set<WriterFrontend*>& frontends() {
-  static std::set<WriterFrontend*>* instance = new std::set<WriterFrontend*>;
-  return *instance;
-}
-
-std::string make_name(const char* path, const EnumVal* writer) {
-  ODesc d;
-  d.Add(path ? path : "");
-  d.Add("/");
-  writer->Describe(&d);
-  return d.Description();
+std::string make_name(const char* path, EnumVal* writer) {
+  return std::string(path ? path : "") + "/" +
+         writer->Type()->AsEnumType()->Lookup(writer->AsEnum());
 }
 
 }  // namespace
 
-bool WriterFrontend::Exists(WriterFrontend* frontend) {
-  return frontends().count(frontend) > 0;
-}
-
-WriterFrontend::WriterFrontend(const WriterBackend::WriterInfo& arg_info, EnumVal* arg_stream,
-                               EnumVal* arg_writer, bool arg_local, bool arg_remote)
-    : stream(arg_stream),
-      writer(arg_writer),
-      backend(nullptr),
-      disabled(false),
+WriterFrontend::WriterFrontend(const WriterBackend::WriterInfo& arg_info, EnumVal*, EnumVal* writer,
+                               bool local, bool)
+    : backend(nullptr),
+      disabled(!local),
       initialized(false),
       buf(true),
-      local(arg_local),
-      remote(arg_remote),
-      name(copy_string(make_name(arg_info.path, arg_writer).c_str())),
-      info(new WriterBackend::WriterInfo(arg_info)),
-      num_fields(0),
-      fields(nullptr),
-      write_buffer_pos(0),
-      write_buffer(nullptr) {
-  standin::require_main_thread("creating a WriterFrontend");
-  Ref(stream);
-  Ref(writer);
-  frontends().insert(this);
+      name(make_name(arg_info.path, writer)),
+      info(arg_info),
+      num_fields(0) {
+  host::require_main_thread("creating a WriterFrontend");
   if (!local)
     return;
-  if (!log_mgr)
-    standin::host_reporter().InternalError("a writer needs log_mgr, which does not exist yet");
   backend = log_mgr->CreateBackend(this, writer);
   backend->Start();
 }
 
 WriterFrontend::~WriterFrontend() {
-  standin::require_main_thread("destroying a WriterFrontend");
-  frontends().erase(this);
-  DiscardWriteBuffer();
-  if (!local) {
-    for (int i = 0; i < num_fields; ++i)
-      delete fields[i];
-    delete[] fields;
-  }
-  Unref(stream);
-  Unref(writer);
-  delete info;
-  delete[] name;
+  host::require_main_thread("destroying a WriterFrontend");
+  for (threading::Value** vals : write_buffer)
+    DeleteVals(vals);
 }
 
 void WriterFrontend::Stop() {
-  standin::require_main_thread("WriterFrontend::Stop");
+  host::require_main_thread("WriterFrontend::Stop");
+  if (disabled)
+    return;
   FlushWriteBuffer();
   SetDisable();
-  if (backend)
-    backend->SignalStop();
+  backend->SignalStop();
 }
 
-void WriterFrontend::Init(int arg_num_fields, const threading::Field* const* arg_fields) {
-  standin::require_main_thread("WriterFrontend::Init");
+void WriterFrontend::Init(int arg_num_fields, const threading::Field* const* fields) {
+  host::require_main_thread("WriterFrontend::Init");
   if (disabled || initialized)
-    standin::host_reporter().InternalError("writer %s is initialised twice", name);
+    host::any_reporter().InternalError("writer %s is initialised twice", Name());
   num_fields = arg_num_fields;
-  fields = arg_fields;
   initialized = true;
-  if (backend)
-    backend->SendIn(new InitMessage(backend, num_fields, fields));
+  backend->SendIn(new InitMessage(backend, num_fields, fields));
 }
 
 void WriterFrontend::Write(int arg_num_fields, threading::Value** vals) {
-  standin::require_main_thread("WriterFrontend::Write");
-  if (disabled || !backend) {
-    DeleteVals(arg_num_fields, vals);
+  host::require_main_thread("WriterFrontend::Write");
+  if (arg_num_fields != num_fields)
+    host::any_reporter().InternalError("writer %s got a record of %d values instead of %d", Name(),
+                                       arg_num_fields, num_fields);
+  if (disabled) {
+    DeleteVals(vals);
     return;
   }
-  if (arg_num_fields != num_fields) {
-    standin::host_reporter().Warning("writer %s got a record of %d values instead of %d, skipped",
-                                     name, arg_num_fields, num_fields);
-    DeleteVals(arg_num_fields, vals);
-    return;
-  }
-  if (!write_buffer)
-    write_buffer = new threading::Value**[WRITER_BUFFER_SIZE];
-  write_buffer[write_buffer_pos++] = vals;
-  if (write_buffer_pos >= WRITER_BUFFER_SIZE || !buf || terminating)
+  write_buffer.push_back(vals);
+  if (write_buffer.size() >= WRITER_BUFFER_SIZE || !buf || terminating)
     FlushWriteBuffer();
 }
 
 void WriterFrontend::FlushWriteBuffer() {
-  standin::require_main_thread("WriterFrontend::FlushWriteBuffer");
-  if (write_buffer_pos == 0)
+  host::require_main_thread("WriterFrontend::FlushWriteBuffer");
+  if (disabled || write_buffer.empty())
     return;
-  if (!backend) {
-    DiscardWriteBuffer();
-    return;
-  }
-  backend->SendIn(new WriteMessage(backend, num_fields, write_buffer_pos, write_buffer));
-  write_buffer = nullptr;
-  write_buffer_pos = 0;
+  threading::Value*** batch = new threading::Value**[write_buffer.size()];
+  std::copy(write_buffer.begin(), write_buffer.end(), batch);
+  backend->SendIn(
+      new WriteMessage(backend, num_fields, static_cast<int>(write_buffer.size()), batch));
+  write_buffer.clear();
 }
 
 void WriterFrontend::SetBuf(bool enabled) {
-  standin::require_main_thread("WriterFrontend::SetBuf");
+  host::require_main_thread("WriterFrontend::SetBuf");
   if (disabled)
     return;
   buf = enabled;
-  if (backend)
-    backend->SendIn(new SetBufMessage(backend, enabled));
+  backend->SendIn(new SetBufMessage(backend, enabled));
   if (!enabled)
     FlushWriteBuffer();
 }
 
-void WriterFrontend::Flush(double arg_network_time) {
-  standin::require_main_thread("WriterFrontend::Flush");
-  if (disabled)
-    return;
-  FlushWriteBuffer();
-  if (backend)
-    backend->SendIn(new FlushMessage(backend, arg_network_time));
-}
-
 void WriterFrontend::Rotate(const char* rotated_path, double open, double close,
                             bool arg_terminating) {
-  standin::require_main_thread("WriterFrontend::Rotate");
+  host::require_main_thread("WriterFrontend::Rotate");
   if (disabled)
     return;
   FlushWriteBuffer();
-  if (backend)
-    backend->SendIn(new RotateMessage(backend, rotated_path, open, close, arg_terminating));
+  backend->SendIn(new RotateMessage(backend, rotated_path, open, close, arg_terminating));
 }
 
-void WriterFrontend::DiscardWriteBuffer() {
-  for (int j = 0; j < write_buffer_pos; ++j)
-    DeleteVals(num_fields, write_buffer[j]);
-  delete[] write_buffer;
-  write_buffer = nullptr;
-  write_buffer_pos = 0;
-}
-
-void WriterFrontend::DeleteVals(int arg_num_fields, threading::Value** vals) {
-  for (int i = 0; i < arg_num_fields; ++i)
+void WriterFrontend::DeleteVals(threading::Value** vals) {
+  for (int i = 0; i < num_fields; ++i)
     delete vals[i];
   delete[] vals;
 }

@@ -141,11 +141,6 @@ TEST_F(PluginTest, ListsOneComponentTheWriterZmqWithItsFactory) {
   EXPECT_NE(log_mgr->Lookup("ZMQ"), nullptr);
 }
 
-TEST_F(PluginTest, HooksNothing) {
-  configure();
-  EXPECT_TRUE(plugin_().EnabledHooks().empty());
-}
-
 // --- binding -------------------------------------------------------------------------------------
 
 TEST_F(PluginTest, ListsTenScriptItemsTheTypeFirst) {

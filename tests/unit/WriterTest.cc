@@ -16,8 +16,6 @@
 
 #include "WriterStatus.h"
 
-#include "Desc.h"
-
 #include "Conversion.h"
 #include "FakeWorker.h"
 #include "ScriptConstants.h"
@@ -96,29 +94,16 @@ TEST_F(Writer, StartsWithoutFieldsAndWithTheScriptsMarkers) {
   EXPECT_EQ("(empty)", writer->empty_field);
 }
 
-TEST_F(Writer, FormatterUsesTheScriptsMarkers) {
+TEST_F(Writer, FormatterHasTheScriptsMarkersAndNothingBetweenColumns) {
   constants_.set(BifConst::LogZMQ::set_separator, "|");
   constants_.set(BifConst::LogZMQ::unset_field, "UNSET");
   constants_.set(BifConst::LogZMQ::empty_field, "EMPTY");
   WriterUnderTest writer;
-  RecordBuilder record;
-  record.vec("list", {"a", "b"}).vec("empty", {}).unset("unset", TYPE_STRING);
-  std::vector<std::string> texts;
-  for (int i = 0; i < record.size(); i++) {
-    ODesc text;
-    EXPECT_TRUE(writer->formatter->Describe(&text, record.vals()[i]));
-    texts.push_back(text.Description());
-  }
-  EXPECT_THAT(texts, ElementsAre("a|b", "EMPTY", "UNSET"));
-}
-
-TEST_F(Writer, FormatterPutsNothingBetweenTheColumnsOfARecord) {
-  WriterUnderTest writer;
-  RecordBuilder record;
-  record.text("a", "one").text("b", "two");
-  ODesc text;
-  EXPECT_TRUE(writer->formatter->Describe(&text, record.size(), record.fields(), record.vals()));
-  EXPECT_STREQ("onetwo", text.Description());
+  const auto& separators = writer->formatter->separators;
+  EXPECT_EQ("", separators.separator);
+  EXPECT_EQ("|", separators.set_separator);
+  EXPECT_EQ("UNSET", separators.unset_field);
+  EXPECT_EQ("EMPTY", separators.empty_field);
 }
 
 TEST_F(Writer, FactoryMakesAWriterForTheFrontend) {
@@ -348,14 +333,12 @@ TEST_F(Writer, HousekeepingDoesNothingAndSucceeds) {
   EXPECT_TRUE(writer.write(record));
 }
 
-TEST_F(Writer, RotationLeavesEveryFileAloneAndReportsNothingFinished) {
+TEST_F(Writer, RotationLeavesEveryFileAlone) {
   write_file("test.log", "content");
   WriterUnderTest writer;
-  writer->rotation_counter = 1;
   EXPECT_TRUE(writer->DoRotate("test-13-01-01", 1.0, 2.0, false));
   EXPECT_TRUE(writer->DoRotate("test-13-01-01", 1.0, 2.0, true));
   EXPECT_TRUE(writer->DoRotate(nullptr, 0.0, 0.0, false));
-  EXPECT_EQ(1, writer->rotation_counter);
   EXPECT_EQ("content", read_file("test.log"));
   EXPECT_FALSE(std::filesystem::exists("test-13-01-01"));
 }

@@ -1,12 +1,9 @@
 // Connections. Main thread only.
 #pragma once
 
-#include <string>
-
 #include "Func.h"
 #include "IPAddr.h"
 #include "Net.h"
-#include "NetVar.h"
 #include "Reporter.h"
 #include "UID.h"
 #include "Val.h"
@@ -26,45 +23,22 @@ struct ConnID {
 
 class Connection : public BroObj {
  public:
-  /// `s`, `k` and `arg_encap` are not looked at and may be 0.
+  /// Only `id` is looked at.
   Connection(NetSessions* s, HashKey* k, double t, const ConnID* id, uint32 flow, uint32 vlan,
-             uint32 inner_vlan, const EncapsulationStack* arg_encap);
+             uint32 inner_vlan, const EncapsulationStack* encap);
   /// The script record, if others still hold it, loses its origin.
   virtual ~Connection();
 
-  const IPAddr& OrigAddr() const { return orig_addr; }
-  const IPAddr& RespAddr() const { return resp_addr; }
+  const IPAddr& OrigAddr() const { return id.src_addr; }
+  const IPAddr& RespAddr() const { return id.dst_addr; }
   /// 16 bits in network order.
-  uint32 OrigPort() const { return orig_port; }
-  uint32 RespPort() const { return resp_port; }
-  TransportProto ConnTransport() const { return proto; }
-  void SetTransport(TransportProto arg_proto) { proto = arg_proto; }
-  double StartTime() const { return start_time; }
-  double LastTime() const { return last_time; }
-  void SetLastTime(double t) { last_time = t; }
-
-  /// Not set before the script record was built.
-  Bro::UID GetUID() const { return uid; }
+  uint32 OrigPort() const { return id.src_port; }
+  uint32 RespPort() const { return id.dst_port; }
 
   /// The script record `connection`, whose origin is this object. New reference.
   RecordVal* BuildConnVal();
 
-  void Describe(ODesc* d) const;
-
  private:
-  RecordVal* BuildIdVal() const;
-  void FillConnVal();
-
-  IPAddr orig_addr;
-  IPAddr resp_addr;
-  uint32 orig_port;
-  uint32 resp_port;
-  TransportProto proto;
-  uint32 vlan;
-  uint32 inner_vlan;
-  uint32 flow_label;
-  double start_time;
-  double last_time;
-  Bro::UID uid;
+  ConnID id;
   RecordVal* conn_val;
 };

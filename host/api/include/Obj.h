@@ -11,33 +11,14 @@
 
 using namespace std;
 
-class ODesc;
-
-/// Where in the scripts something stands.
+/// Where in the scripts something stands. The stand-in knows no locations.
 class Location {
  public:
-  Location(const char* fname, int line_f, int line_l, int col_f, int col_l)
-      : filename(fname),
-        first_line(line_f),
-        last_line(line_l),
-        first_column(col_f),
-        last_column(col_l) {}
   // constexpr: static objects of any file may ask for the locations below.
-  constexpr Location()
-      : filename(0), first_line(0), last_line(0), first_column(0), last_column(0) {}
-  virtual ~Location() {}
-
-  virtual void Describe(ODesc* d) const;
-
-  const char* filename;
-  int first_line, last_line;
-  int first_column, last_column;
+  constexpr Location() {}
+  virtual ~Location();
 };
 
-#define YYLTYPE Location
-
-/// No location is known.
-extern Location no_location;
 /// Where the script parser is.
 extern Location start_location;
 extern Location end_location;
@@ -47,12 +28,9 @@ class BroObj : public SerialObj {
   BroObj() : ref_cnt(1) { SetLocationInfo(&start_location, &end_location); }
   virtual ~BroObj();
 
-  virtual void Describe(ODesc* d) const;
-
-  /// Reports "<msg> (<t1>/<t2>) (<description>)" as a fatal error: the process ends with status 1.
+  /// Reports "<msg> (<t1>/<t2>)" as a fatal error: the process ends with status 1.
   void BadTag(const char* msg, const char* t1 = 0, const char* t2 = 0) const;
 
-  const Location* GetLocationInfo() const { return &location; }
   virtual bool SetLocationInfo(const Location* start, const Location* end);
 
   int RefCnt() const { return ref_cnt; }
@@ -65,7 +43,6 @@ class BroObj : public SerialObj {
   BroObj(const BroObj&);
   BroObj& operator=(const BroObj&);
 
-  Location location;
   int ref_cnt;
 };
 

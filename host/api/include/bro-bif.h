@@ -2,6 +2,3 @@
 #pragma once
 
 #include "Conn.h"
-#include "Event.h"
-#include "NetVar.h"
-#include "analyzer/Analyzer.h"

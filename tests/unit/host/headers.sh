@@ -27,7 +27,7 @@ lacks logging/WriterBackend.h Func.h "int x = sizeof(Func);"
 lacks logging/WriterBackend.h UID.h "Bro::UID x;"
 lacks logging/WriterBackend.h Conn.h "int x = sizeof(Connection);"
 lacks logging/WriterBackend.h threading/formatters/Ascii.h \
-  "threading::formatter::Ascii::SeparatorInfo x;"
+  "extern threading::formatter::Ascii x;"
 lacks logging/WriterBackend.h logging/WriterFrontend.h "int x = sizeof(logging::WriterFrontend);"
 lacks plugin/Plugin.h logging/Component.h "int x = sizeof(logging::Component);"
 lacks Reporter.h Val.h "int x = sizeof(Val);"

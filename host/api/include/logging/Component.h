@@ -23,9 +23,6 @@ class Component : public plugin::Component, public plugin::TaggedComponent<loggi
 
   factory_callback Factory() const { return factory; }
 
- protected:
-  virtual void DoDescribe(ODesc* d) const;
-
  private:
   factory_callback factory;
 };

@@ -10,8 +10,6 @@
 #include "threading/MsgThread.h"
 #include "threading/SerialTypes.h"
 
-class SerializationFormat;
-
 namespace logging {
 
 class WriterFrontend;
@@ -37,7 +35,8 @@ class WriterBackend : public threading::MsgThread {
     const WriterInfo& operator=(const WriterInfo& other);
   };
 
-  /// Main. Copies the frontend's info; the thread has the frontend's name.
+  /// Main. Copies the frontend's info; the thread has the frontend's name. The frontend must exist
+  /// for as long as messages of the thread are processed.
   explicit WriterBackend(WriterFrontend* frontend);
   /// Main. Deletes the fields.
   virtual ~WriterBackend();
@@ -49,8 +48,8 @@ class WriterBackend : public threading::MsgThread {
   /// poisoned after its DoWrite: its bytes are overwritten before they are freed.
   bool Write(int num_fields, int num_writes, threading::Value*** vals);
   bool SetBuf(bool enabled);
-  bool Flush(double network_time);
-  /// Aborts the process unless a successful DoRotate has called FinishedRotation exactly once.
+  /// Ends the process when DoRotate returns true, as the host does with a writer that reports no
+  /// finished rotation. Here no writer can report one.
   bool Rotate(const char* rotated_path, double open, double close, bool terminating);
 
   /// Child. Posts the order to disable the frontend.
@@ -61,20 +60,11 @@ class WriterBackend : public threading::MsgThread {
   /// 0 until Init.
   int NumFields() const { return num_fields; }
   const threading::Field* const* Fields() const { return fields; }
-  bool IsBuf() { return buffering; }
-
-  // Child, from DoRotate. Both return true.
-  bool FinishedRotation(const char* new_name, const char* old_name, double open, double close,
-                        bool terminating);
-  bool FinishedRotation();
 
   virtual bool OnHeartbeat(double network_time, double current_time);
   virtual bool OnFinish(double network_time);
 
  protected:
-  friend class FinishMessage;
-  friend class WriterFrontend;
-
   virtual bool DoInit(const WriterInfo& info, int num_fields,
                       const threading::Field* const* fields) = 0;
   virtual bool DoWrite(int num_fields, const threading::Field* const* fields,
@@ -87,14 +77,12 @@ class WriterBackend : public threading::MsgThread {
 
  private:
   bool TypesMatch(int num_fields, int num_writes, threading::Value*** vals);
-  void DeleteVals(int num_fields, int num_writes, threading::Value*** vals);
 
   WriterFrontend* frontend;
   const WriterInfo* info;
   int num_fields;
   const threading::Field* const* fields;
   bool buffering;
-  int rotation_counter;
 };
 
 }  // namespace logging

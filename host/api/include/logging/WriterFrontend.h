@@ -1,6 +1,9 @@
 // The main thread's side of a log writer.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "logging/WriterBackend.h"
 
 namespace logging {
@@ -8,10 +11,11 @@ namespace logging {
 /// Main thread only, except Name and Info.
 class WriterFrontend {
  public:
-  /// Copies `info`, takes references on both enum values. With `local` the backend is made by the
-  /// factory of `writer` and its thread is started.
+  /// With `local` the backend is made by the factory of `writer` and its thread is started; without
+  /// it the frontend is disabled.
   WriterFrontend(const WriterBackend::WriterInfo& info, EnumVal* stream, EnumVal* writer,
                  bool local, bool remote);
+  /// The backend, if there is one, must be gone.
   virtual ~WriterFrontend();
 
   /// Flushes, disables, and tells the backend to finish.
@@ -23,7 +27,6 @@ class WriterFrontend {
   /// something else says so. A disabled frontend discards the record.
   void Write(int num_fields, threading::Value** vals);
   void SetBuf(bool enabled);
-  void Flush(double network_time);
   void Rotate(const char* rotated_path, double open, double close, bool terminating);
   void FlushWriteBuffer();
 
@@ -31,40 +34,25 @@ class WriterFrontend {
   bool Disabled() { return disabled; }
 
   /// <path>/Log::WRITER_<CANONICAL>
-  const char* Name() const { return name; }
-  const WriterBackend::WriterInfo& Info() const { return *info; }
-  int NumFields() const { return num_fields; }
-  const threading::Field* const* Fields() const { return fields; }
-
-  /// Whether `frontend` still exists; a message for one that is gone has no effect.
-  static bool Exists(WriterFrontend* frontend);
-
- protected:
-  friend class WriterBackend;
-
-  void DeleteVals(int num_fields, threading::Value** vals);
-  void DiscardWriteBuffer();
-
-  EnumVal* stream;
-  EnumVal* writer;
-  WriterBackend* backend;  // null once the backend is gone
-  bool disabled;
-  bool initialized;
-  bool buf;
-  bool local;
-  bool remote;
-  const char* name;
-  WriterBackend::WriterInfo* info;
-  int num_fields;
-  const threading::Field* const* fields;  // the backend's
-
-  static const int WRITER_BUFFER_SIZE = 1000;
-  int write_buffer_pos;
-  threading::Value*** write_buffer;
+  const char* Name() const { return name.c_str(); }
+  const WriterBackend::WriterInfo& Info() const { return info; }
 
  private:
   WriterFrontend(const WriterFrontend&);
   WriterFrontend& operator=(const WriterFrontend&);
+
+  void DeleteVals(threading::Value** vals);
+
+  WriterBackend* backend;  // not to be used any more once disabled
+  bool disabled;
+  bool initialized;
+  bool buf;
+  std::string name;
+  WriterBackend::WriterInfo info;
+  int num_fields;
+
+  static const size_t WRITER_BUFFER_SIZE = 1000;
+  std::vector<threading::Value**> write_buffer;
 };
 
 }  // namespace logging

@@ -3,8 +3,6 @@
 
 #include <string>
 
-class ODesc;
-
 namespace plugin {
 
 namespace component {
@@ -20,13 +18,6 @@ class Component {
   const std::string& Name() const { return name; }
   /// See canonify_name.
   const std::string& CanonicalName() const { return canon_name; }
-
-  /// E.g. "    [Writer] ZMQ (Log::WRITER_ZMQ)".
-  void Describe(ODesc* d) const;
-
- protected:
-  /// What stands in the parentheses.
-  virtual void DoDescribe(ODesc* d) const;
 
  private:
   Component(const Component&);

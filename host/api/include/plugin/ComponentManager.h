@@ -1,17 +1,12 @@
 // The components of one kind, with a script enum that names them. Main thread only.
 #pragma once
 
-#include <list>
 #include <map>
 #include <string>
 
-#include "Expr.h"
-#include "Frame.h"
 #include "Reporter.h"
-#include "Scope.h"
 #include "Type.h"
 #include "Val.h"
-#include "Var.h"
 
 namespace plugin {
 
@@ -24,7 +19,6 @@ class ComponentManager {
       : module_(module), enum_type_(new EnumType(module + "::" + local_id)) {}
   ~ComponentManager() { Unref(enum_type_); }
 
-  const std::string& GetModule() const { return module_; }
   EnumType* GetTagType() const { return enum_type_; }
 
   /// 0 if there is none.
@@ -32,36 +26,32 @@ class ComponentManager {
     typename std::map<std::string, C*>::const_iterator i = by_name_.find(canonical_name);
     return i == by_name_.end() ? 0 : i->second;
   }
-  C* Lookup(const T& tag) const { return LookupNumber(tag.Type()); }
   C* Lookup(EnumVal* val) const {
-    return LookupNumber(static_cast<typename T::type_t>(val->AsEnum()));
+    typename std::map<int, C*>::const_iterator i = by_number_.find(val->AsEnum());
+    return i == by_number_.end() ? 0 : i->second;
   }
 
   /// Adds the enumerator `prefix` + canonical name. A name may occur once only: fatal otherwise.
   /// The component stays its plug-in's.
   void RegisterComponent(C* component, const std::string& prefix = "") {
     const std::string& name = component->CanonicalName();
+    const int number = static_cast<int>(component->Tag().Type());
     if (Lookup(name))
       reporter->FatalError("Component '%s::%s' defined more than once", module_.c_str(),
                            name.c_str());
     by_name_[name] = component;
-    by_number_[component->Tag().Type()] = component;
-    enum_type_->AddName(module_, (prefix + name).c_str(), component->Tag().Type(), true, false);
+    by_number_[number] = component;
+    enum_type_->AddName(module_, (prefix + name).c_str(), number, true, false);
   }
 
  private:
   ComponentManager(const ComponentManager&);
   ComponentManager& operator=(const ComponentManager&);
 
-  C* LookupNumber(typename T::type_t number) const {
-    typename std::map<typename T::type_t, C*>::const_iterator i = by_number_.find(number);
-    return i == by_number_.end() ? 0 : i->second;
-  }
-
   std::string module_;
   EnumType* enum_type_;
   std::map<std::string, C*> by_name_;
-  std::map<typename T::type_t, C*> by_number_;
+  std::map<int, C*> by_number_;
 };
 
 }  // namespace plugin

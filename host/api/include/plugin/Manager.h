@@ -15,20 +15,17 @@ class Manager {
   typedef void (*bif_init_func)(Plugin*);
   typedef std::list<Plugin*> plugin_list;
 
-  Manager();
   ~Manager();
 
-  // Called while a shared object is loaded (or before main), so they need no Manager.
+  // Called while a shared object is loaded, so they need no Manager.
   static void RegisterPlugin(Plugin* plugin);
   static void RegisterBifFile(const char* plugin, bif_init_func c);
 
-  /// Configures the plug-ins that are linked into the program and calls their InitPreScript.
-  void InitPreScript();
-
-  /// Loads every shared object of `folder` (lib/*.<architecture>.so); then configures, checks the
-  /// API version, calls InitPreScript and compares the name with `name` ignoring case. `folder`
-  /// without trailing '/'. Throws standin::HostError. Returns the handles of the objects.
-  std::list<void*> LoadObjects(const std::string& folder, const std::string& name);
+  /// Finds the plug-in in the folder `dir`, which must be absolute and end without a '/'.
+  void SearchDynamicPlugins(const std::string& dir);
+  /// Loads every shared object of the plug-in `name` (lib/*.<architecture>.so); then configures,
+  /// checks the API version, calls InitPreScript and compares the names. False if none was found.
+  bool ActivateDynamicPlugin(const std::string& name);
 
   // Each plug-in is served once, however often these are called.
   void InitBifs();
@@ -37,35 +34,20 @@ class Manager {
   /// Done() of every plug-in; they are forgotten afterwards.
   void FinishPlugins();
 
-  /// In order of the lower-cased names.
+  /// In order of activation.
   plugin_list ActivePlugins() const;
 
-  /// Scripts that plug-ins asked for with LoadBroFile, in that order; empties the list.
-  std::list<std::string> TakeRequestedScripts();
-  void RequestScript(const std::string& file);
-
-  void EnableHook(HookType hook, Plugin* plugin, int priority);
-  void DisableHook(HookType hook, Plugin* plugin);
-  Plugin::hook_list EnabledHooks(const Plugin* plugin) const;
-
  private:
-  Manager(const Manager&);
-  Manager& operator=(const Manager&);
-
   struct Active {
     Plugin* plugin;
-    const void* registration;  // what its shared object has registered
-    bool bifs_initialised;
+    std::list<bif_init_func> bif_inits;  // that still have to be called
     bool scripts_done;
   };
 
-  void* Load(const std::string& folder, const std::string& path, const std::string& name);
-  void Activate(Plugin* plugin, const void* registration, const std::string& name);
-  void SortByName();
+  void Load(const std::string& path, const std::string& name);
 
+  std::map<std::string, std::string> folders;  // by lower-case name
   std::list<Active> active;
-  std::list<std::string> requested_scripts;
-  std::map<const Plugin*, Plugin::hook_list> hooks;
 };
 
 /// Registers an initialiser that a .bif file generated; used as a static object.

@@ -5,7 +5,6 @@
 #include <string>
 #include <utility>
 
-#include "EventHandler.h"
 #include "bro-config.h"
 #include "plugin/Component.h"
 #include "plugin/ComponentManager.h"
@@ -19,7 +18,6 @@ class Connection;
 class Event;
 class Frame;
 class Func;
-class ODesc;
 
 namespace plugin {
 
@@ -27,7 +25,7 @@ class Component;
 class Manager;
 class Plugin;
 
-/// Hooks. The stand-in notes which ones a plug-in enables and calls none.
+/// Hooks. The stand-in calls none.
 enum HookType {
   HOOK_LOAD_FILE,
   HOOK_CALL_FUNCTION,
@@ -40,9 +38,6 @@ enum HookType {
   META_HOOK_POST,
   NUM_HOOKS
 };
-
-/// E.g. "LoadFile".
-const char* hook_name(HookType h);
 
 struct VersionNumber {
   int major;
@@ -73,10 +68,7 @@ class BifItem {
  public:
   enum Type { FUNCTION = 1, EVENT = 2, CONSTANT = 3, GLOBAL = 4, TYPE = 5 };
 
-  BifItem(const std::string& id, Type type);
-  BifItem(const BifItem& other);
-  BifItem& operator=(const BifItem& other);
-  ~BifItem();
+  BifItem(const std::string& arg_id, Type arg_type) : id(arg_id), type(arg_type) {}
 
   const std::string& GetID() const { return id; }
   Type GetType() const { return type; }
@@ -86,48 +78,8 @@ class BifItem {
   Type type;
 };
 
-/// An argument of a hook call.
-class HookArgument {
- public:
-  enum Type {
-    BOOL,
-    DOUBLE,
-    EVENT,
-    FRAME,
-    FUNC,
-    FUNC_RESULT,
-    INT,
-    STRING,
-    VAL,
-    VAL_LIST,
-    VOID,
-    VOIDP
-  };
-
-  HookArgument() : type(VOID) { arg.voidp = 0; }
-  explicit HookArgument(bool a) : type(BOOL) { arg.bool_ = a; }
-  explicit HookArgument(double a) : type(DOUBLE) { arg.double_ = a; }
-  explicit HookArgument(int a) : type(INT) { arg.int_ = a; }
-  explicit HookArgument(const std::string& a) : type(STRING), text(a) { arg.voidp = 0; }
-  explicit HookArgument(void* a) : type(VOIDP) { arg.voidp = a; }
-
-  bool AsBool() const { return arg.bool_; }
-  double AsDouble() const { return arg.double_; }
-  int AsInt() const { return arg.int_; }
-  const std::string& AsString() const { return text; }
-  const void* AsVoidPtr() const { return arg.voidp; }
-  Type GetType() const { return type; }
-
- private:
-  Type type;
-  union {
-    bool bool_;
-    double double_;
-    int int_;
-    void* voidp;
-  } arg;
-  std::string text;
-};
+/// An argument of a hook call. There is nothing in it, as the stand-in makes no such call.
+class HookArgument {};
 
 typedef std::list<HookArgument> HookArgumentList;
 
@@ -135,35 +87,24 @@ class Plugin {
  public:
   typedef std::list<Component*> component_list;
   typedef std::list<BifItem> bif_item_list;
-  typedef std::list<std::pair<HookType, int>> hook_list;
 
   /// Registers itself with Manager.
   Plugin();
   virtual ~Plugin();
 
-  const std::string& Name() const;
-  const std::string& Description() const;
-  VersionNumber Version() const;
-  int APIVersion() const;
+  const std::string& Name() const { return config.name; }
+  const std::string& Description() const { return config.description; }
+  VersionNumber Version() const { return config.version; }
+  int APIVersion() const { return config.api_version; }
 
-  /// Whether it came out of a shared object.
-  bool DynamicPlugin() const;
-  /// Dynamic plug-ins: the folder, with a trailing '/'. Else empty.
-  const std::string& PluginDirectory() const;
-  /// Dynamic plug-ins: path of the shared object. Else empty.
-  const std::string& PluginPath() const;
+  /// Path of the shared object.
+  const std::string& PluginPath() const { return sopath; }
 
-  component_list Components() const;
-  bif_item_list BifItems() const;
-
-  /// Text of -N, or of -NN unless `d` is short.
-  void Describe(ODesc* d) const;
+  component_list Components() const { return components; }
+  bif_item_list BifItems() const { return bif_items; }
 
   /// Called by the initialisers that .bif files generate.
   void AddBifItem(const std::string& name, BifItem::Type type);
-
-  /// Reads the script like one of the plug-in's own. Always true.
-  bool LoadBroFile(const std::string& file);
 
  protected:
   friend class Manager;
@@ -186,21 +127,13 @@ class Plugin {
   /// Takes ownership.
   void AddComponent(Component* c);
 
-  void EnableHook(HookType hook, int priority = 0);
-  void DisableHook(HookType hook);
-  hook_list EnabledHooks() const;
-
  private:
   virtual Configuration Configure() = 0;
 
-  void DoConfigure();
-  void SetPluginLocation(const std::string& dir, const std::string& sopath);
-  void SetDynamic(bool is_dynamic);
+  void DoConfigure() { config = Configure(); }
 
   Configuration config;
-  std::string base_dir;
   std::string sopath;
-  bool dynamic;
   component_list components;
   bif_item_list bif_items;
 };

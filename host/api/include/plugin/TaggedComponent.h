@@ -7,7 +7,7 @@ template <class T>
 class TaggedComponent {
  public:
   /// Draws the next number of T; the first is 1.
-  explicit TaggedComponent(typename T::subtype_t subtype = 0) : tag(++type_counter, subtype) {}
+  explicit TaggedComponent(typename T::subtype_t = 0) : tag(++type_counter) {}
 
   T Tag() const { return tag; }
 

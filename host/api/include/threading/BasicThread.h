@@ -8,19 +8,20 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "util.h"
 
 using namespace std;
 
-namespace threading {
+namespace logging {
+class WriterBackend;
+}
 
-class Manager;
+namespace threading {
 
 class BasicThread {
  public:
-  /// Main. Registers with thread_mgr (if there is one), which will delete it.
+  /// Main.
   BasicThread();
 
   /// Any thread.
@@ -33,25 +34,16 @@ class BasicThread {
   // Main.
   void Start();
   void SignalStop();
-  void WaitForStop();
 
   // Any thread.
   bool Terminating() const { return terminating; }
   bool Killed() const { return killed; }
-
-  /// Child. Like sprintf, into one buffer of this object: good until the next call.
-  const char* Fmt(const char* format, ...);
-  /// Child. Text of an errno, in a buffer of this object. The host's own may be garbage with
-  /// glibc: use strerror_r.
-  const char* Strerror(int err);
 
  protected:
   friend class Manager;
 
   /// Child: the thread's work.
   virtual void Run() = 0;
-  /// Main, after the OS thread was created.
-  virtual void OnStart() {}
   virtual void OnSignalStop() {}
   virtual void OnWaitForStop() = 0;
   virtual void OnKill() {}
@@ -65,17 +57,19 @@ class BasicThread {
   /// Child, at its end: marks the thread as terminating and killed, so that it is deleted.
   void Done();
 
-  bool Started() const { return started; }
-  /// Ends the process unless called on the child.
-  void RequireChild(const char* what) const;
-  /// Ends the process unless called on the main thread.
-  void RequireMain(const char* what) const;
-
  private:
+  friend class MsgThread;
+  friend class logging::WriterBackend;
+
   BasicThread(const BasicThread&);
   BasicThread& operator=(const BasicThread&);
 
   static void Launch(BasicThread* self);
+
+  /// Ends the process unless called on the child.
+  void RequireChild(const char* what) const;
+  /// Ends the process unless called on the main thread.
+  void RequireMain(const char* what) const;
 
   string name;
   std::thread thread;                  // main
@@ -83,8 +77,6 @@ class BasicThread {
   std::atomic<bool> started;
   std::atomic<bool> terminating;
   std::atomic<bool> killed;
-  vector<char> buffer;      // child
-  char strerr_buffer[256];  // child
 };
 
 }  // namespace threading

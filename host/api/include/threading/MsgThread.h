@@ -17,8 +17,8 @@ namespace threading {
 class BasicInputMessage;
 class BasicOutputMessage;
 class FinishMessage;
-class FinishedMessage;
 class HeartbeatMessage;
+class KillMeMessage;
 class Manager;
 
 class MsgThread : public BasicThread {
@@ -33,22 +33,14 @@ class MsgThread : public BasicThread {
 
   // Child. A finished text, not a format. The main thread later calls the Reporter method of the
   // same name with "<Name()>: <msg>".
-  void Info(const char* msg);
-  void Warning(const char* msg);
   void Error(const char* msg);
-  void FatalError(const char* msg);
-  void FatalErrorWithCore(const char* msg);
   void InternalWarning(const char* msg);
-  /// Prints "internal error in thread: <msg>" and aborts at once.
-  void InternalError(const char* msg);
 
   struct Stats {
     uint64_t sent_in;
     uint64_t sent_out;
     uint64_t pending_in;
     uint64_t pending_out;
-    Queue<BasicInputMessage*>::Stats queue_in_stats;
-    Queue<BasicOutputMessage*>::Stats queue_out_stats;
   };
   void GetStats(Stats* stats);
 
@@ -56,7 +48,7 @@ class MsgThread : public BasicThread {
   friend class Manager;
   friend class HeartbeatMessage;
   friend class FinishMessage;
-  friend class FinishedMessage;
+  friend class KillMeMessage;
 
   /// Deletes what was not handled.
   virtual ~MsgThread();
@@ -79,24 +71,18 @@ class MsgThread : public BasicThread {
   /// Main: the next message from the child; 0 if there is none.
   BasicOutputMessage* RetrieveOut();
 
-  bool HasOut() const { return queue_out.Ready(); }
-  /// Messages that the child has not taken yet.
-  uint64_t PendingIn() const { return queue_in.Size(); }
-
  private:
   void SendIn(BasicInputMessage* msg, bool force);
   void SendOut(BasicOutputMessage* msg, bool force);
-  void Finished();
   void Fail();
 
   Queue<BasicInputMessage*> queue_in;
   Queue<BasicOutputMessage*> queue_out;
   std::atomic<uint64_t> cnt_sent_in;
   std::atomic<uint64_t> cnt_sent_out;
-  bool child_finished;  // child
-  bool main_finished;   // main: the child has said that it is through
-  bool stop_signaled;   // main
-  bool failed;          // child
+  bool finished;       // child
+  bool stop_signaled;  // main
+  bool failed;         // child
 };
 
 class Message {

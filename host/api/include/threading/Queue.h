@@ -12,18 +12,12 @@ namespace threading {
 template <typename T>
 class Queue {
  public:
-  struct Stats {
-    uint64_t num_reads;
-    uint64_t num_writes;
-  };
-
-  Queue() : stopped_(false), num_reads_(0), num_writes_(0) {}
+  Queue() : stopped_(false) {}
 
   void Put(T data) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       data_.push_back(data);
-      ++num_writes_;
     }
     ready_.notify_one();
   }
@@ -51,17 +45,9 @@ class Queue {
     ready_.notify_all();
   }
 
-  bool Ready() const { return Size() > 0; }
-
   uint64_t Size() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return data_.size();
-  }
-
-  void GetStats(Stats* stats) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stats->num_reads = num_reads_;
-    stats->num_writes = num_writes_;
   }
 
  private:
@@ -73,7 +59,6 @@ class Queue {
       return T();
     T data = data_.front();
     data_.pop_front();
-    ++num_reads_;
     return data;
   }
 
@@ -81,8 +66,6 @@ class Queue {
   std::condition_variable ready_;
   std::deque<T> data_;
   bool stopped_;
-  uint64_t num_reads_;
-  uint64_t num_writes_;
 };
 
 }  // namespace threading

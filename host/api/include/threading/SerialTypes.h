@@ -15,8 +15,6 @@
 
 using namespace std;
 
-class SerializationFormat;
-
 namespace threading {
 
 /// One column of a log.
@@ -30,10 +28,6 @@ struct Field {
   Field(const char* name, const char* secondary_name, TypeTag type, TypeTag subtype, bool optional);
   Field(const Field& other);
   ~Field();
-
-  // Serialisation belongs to the host's communication code: the stand-in does not define it.
-  bool Read(SerializationFormat* format);
-  bool Write(SerializationFormat* format) const;
 
   /// E.g. "count", "set[string]", "vector[addr]".
   string TypeName() const;
@@ -90,13 +84,6 @@ struct Value {
       : type(arg_type), present(arg_present) {}
   /// Frees strings and elements, of present values only.
   ~Value();
-
-  // Serialisation belongs to the host's communication code: the stand-in does not define it.
-  bool Read(SerializationFormat* format);
-  bool Write(SerializationFormat* format) const;
-
-  /// Whether values of `t` can be logged.
-  static bool IsCompatibleType(BroType* t, bool atomic_only = false);
 
  private:
   Value(const Value&);

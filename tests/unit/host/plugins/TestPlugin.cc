@@ -50,7 +50,7 @@ class TestWriter : public logging::WriterBackend {
   }
   virtual bool DoSetBuf(bool) { return true; }
   virtual bool DoFlush(double) { return true; }
-  virtual bool DoRotate(const char*, double, double, bool) { return FinishedRotation(); }
+  virtual bool DoRotate(const char*, double, double, bool) { return true; }
   virtual bool DoFinish(double) {
     note("DoFinish");
     return true;
@@ -65,8 +65,6 @@ class TestPlugin : public plugin::Plugin {
       calls->clear();
     note("Configure");
     AddComponent(new logging::Component("Test-Writer", &TestWriter::Instantiate));
-    EnableHook(plugin::HOOK_LOAD_FILE);
-    EnableHook(plugin::HOOK_LOAD_FILE, 5);
     plugin::Configuration config;
     config.name = TEST_PLUGIN_NAME;
     config.description = "A plug-in for tests";
@@ -74,14 +72,7 @@ class TestPlugin : public plugin::Plugin {
     config.version.minor = 2;
     return config;
   }
-  virtual void InitPreScript() {
-    note("InitPreScript");
-    const std::string asked = PluginDirectory() + "scripts/asked.bro";
-    if (FILE* file = fopen(asked.c_str(), "r")) {
-      fclose(file);
-      LoadBroFile(asked);
-    }
-  }
+  virtual void InitPreScript() { note("InitPreScript"); }
   virtual void InitPostScript() { note("InitPostScript"); }
   virtual void Done() {
     note("Done");

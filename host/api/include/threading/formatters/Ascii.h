@@ -1,7 +1,7 @@
-// The text form of the host's ASCII logs.
+// The text form of the host's ASCII logs. The stand-in keeps the separators and writes no such
+// text: every other call ends the process.
 #pragma once
 
-#include "Desc.h"
 #include "Reporter.h"
 #include "threading/Formatter.h"
 
@@ -19,8 +19,6 @@ class Ascii : public Formatter {
     /// Note the order: unset before empty.
     SeparatorInfo(const string& separator, const string& set_separator, const string& unset_field,
                   const string& empty_field);
-    /// All four a dummy word.
-    SeparatorInfo();
   };
 
   Ascii(threading::MsgThread* t, const SeparatorInfo& info);
@@ -33,10 +31,6 @@ class Ascii : public Formatter {
                                        TypeTag subtype = TYPE_ERROR) const;
 
  private:
-  bool DescribeContainer(ODesc* desc, const threading::Value::set_t& set, const string& name) const;
-  void DescribeText(ODesc* desc, const threading::Value& val) const;
-  void Complain(const string& text) const;
-
   SeparatorInfo separators;
 };
 

@@ -1,6 +1,0 @@
-// Protocol analyzers: only the name. The stand-in analyses nothing.
-#pragma once
-
-namespace analyzer {
-class Analyzer;
-}
