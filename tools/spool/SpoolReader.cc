@@ -162,13 +162,33 @@ void drop_remains(const ChunkFile& file, std::size_t known,
     *records = std::move(kept);
 }
 
+// Whether the record at `index` is no event although others of the file are: bytes that a walk by
+// the header takes for a record.
+bool is_phantom(const ChunkFile& file, const std::vector<SpoolRecord>& records, std::size_t index,
+                const std::function<bool(const std::string&)>& is_event) {
+  const auto is_payload = [&](const SpoolRecord& record) { return is_event(file.Payload(record)); };
+  return !is_payload(records[index]) && std::any_of(records.begin(), records.end(), is_payload);
+}
+
+// Whether an event was taken from that place: its length is 0 now, and its bytes are still there.
+// They begin like the header of a record behind one of length 0, so a walk by the header would go
+// on through them.
+bool is_taken_event(const ChunkFile& file, const SpoolRecord& record,
+                    const std::function<bool(const std::string&)>& is_event) {
+  return record.length == 0 && is_event(file.Payload({record.offset, UINT16_MAX, 0}));
+}
+
 // Whether the header was written for the counted records. A newest record of length 0 is ambiguous:
 // either its payload is empty, or it was taken later and its bytes equal those that reopening adds.
 // It is then treated as taken, which loses at most an empty payload.
-bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& counted) {
+bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& counted,
+                     const std::function<bool(const std::string&)>& is_event) {
   if (counted.size() != file.record_count() || !links_hold(counted) ||
       !used_size_fits(file, counted))
     return false;
+  for (const SpoolRecord& record : counted)
+    if (is_taken_event(file, record, is_event))
+      return false;
   return counted.empty() || counted.back().length > 0 || file.used_size() == bytes_used(counted);
 }
 
@@ -176,7 +196,7 @@ bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& coun
 void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& by_header,
                       const std::function<bool(const std::string&)>& is_event,
                       Diagnosis* diagnosis) {
-  const bool sound = is_header_sound(file, by_header);
+  const bool sound = is_header_sound(file, by_header, is_event);
   const Walk linked = file.LinkedWalk(sound ? by_header : std::vector<SpoolRecord>());
   diagnosis->found = linked.records;
   drop_remains(file, sound ? by_header.size() : 0, is_event, &diagnosis->found);
@@ -188,7 +208,8 @@ void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& by_
         counted(found - promised, "record") + " that the header does not count (unclean stop)";
     diagnosis->repairable = true;
   } else if (found < promised && linked.end == WalkEnd::kBrokenLink &&
-             by_header.size() == promised && used_size_fits(file, by_header)) {
+             by_header.size() == promised && used_size_fits(file, by_header) &&
+             !is_phantom(file, by_header, found, is_event)) {
     // Number and size of the records are right, so the link is wrong.
     diagnosis->damage =
         "record " + std::to_string(found + 1) + " does not name the length of the one before it";
