@@ -166,9 +166,11 @@ WriterAlive::WriterAlive() {
 }
 
 WriterAlive::~WriterAlive() {
-  std::unique_lock<std::mutex> lock(pending.mutex);
-  if (--pending.writers_alive == 0)
-    call_reporter(take_all(lock));
+  abort_on_bad_alloc([] {
+    std::unique_lock<std::mutex> lock(pending.mutex);
+    if (--pending.writers_alive == 0)
+      call_reporter(take_all(lock));
+  });
 }
 
 WriterScope::WriterScope(threading::MsgThread* writer) : previous_(current_writer) {
@@ -188,10 +190,12 @@ WriterScope::~WriterScope() {
 void deliver_pending() {
   if (!on_main_thread())
     return;
-  std::unique_lock<std::mutex> lock(pending.mutex);
-  const std::deque<Report> taken = take_all(lock);
-  lock.unlock();
-  call_reporter(taken);
+  abort_on_bad_alloc([] {
+    std::unique_lock<std::mutex> lock(pending.mutex);
+    const std::deque<Report> taken = take_all(lock);
+    lock.unlock();
+    call_reporter(taken);
+  });
 }
 
 }  // namespace reports

@@ -48,6 +48,20 @@ bool others_have_work(const ZMQ* writer) {
                      [=](ZMQ* other) { return other != writer && has_work(other); });
 }
 
+/// Waits until every other writer has worked off what the host has given it. Main thread, while the
+/// host ends: each gets its finish message and then ends by itself. Nearly all have it already, and
+/// the host itself asks twice; one that was created while the host ends may not have it.
+void wait_for_others(const ZMQ* writer) {
+  {
+    std::lock_guard<std::mutex> lock(writers_mutex);
+    for (ZMQ* other : writers)
+      if (other != writer)
+        other->SignalStop();
+  }
+  while (others_have_work(writer))
+    usleep(kPollMicroseconds);
+}
+
 }  // namespace
 
 ZMQ::ZMQ(WriterFrontend* frontend)
@@ -71,10 +85,9 @@ ZMQ::ZMQ(WriterFrontend* frontend)
 
 ZMQ::~ZMQ() {
   // At its end the host destroys writers that have ended while others still have records to write,
-  // and this one takes the worker from all of them. They need no help of the main thread: each has
-  // its finish message by now, and ends by itself.
-  while (::terminating && others_have_work(this))
-    usleep(kPollMicroseconds);
+  // and this one takes the worker from all of them.
+  if (::terminating)
+    wait_for_others(this);
   shared_worker::end();
   // The host drops what a thread posts once it is being ended: this is the way for such reports.
   reports::deliver_pending();

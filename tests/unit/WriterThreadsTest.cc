@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
@@ -314,6 +315,42 @@ TEST_F(WriterThreads, NoRecordIsLostWhenTheHostEndsWithUnevenQueues) {
     ASSERT_EQ(1, FakeWorker::stops());
     ASSERT_THAT(errors(), IsEmpty()) << "round " << round;
   }
+}
+
+// One writer has ended before the host begins to destroy; another has records left.
+TEST_F(InsideTheHost, WriterThatHasEndedLeavesTheWorkerToOneThatStillWrites) {
+  FakeWorker::listen([](const std::string& call) {
+    if (call == "Write")
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  });
+  RecordBuilder record;
+  record.text("ptype", "ftp").text("uid", "CAbc");
+  logging::WriterFrontend* const idle = create_writer("idle", record);
+  logging::WriterFrontend* const busy = create_writer("busy", record);
+  terminating = true;
+  idle->Stop();
+  EXPECT_TRUE(test::wait_until([&] { return idle->backend->Killed(); }));
+  for (int i = 0; i < 10; i++)
+    busy->Write(record.size(), test::copy_values(record));
+  host_->Finish();
+  EXPECT_EQ(10u, FakeWorker::message_count());
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+// The host may create a writer while it ends, which nothing has told to finish.
+TEST_F(InsideTheHost, WriterThatWasNotToldToFinishIsNotWaitedForInVain) {
+  RecordBuilder record;
+  record.text("ptype", "ftp").text("uid", "CAbc");
+  logging::WriterFrontend* const ended = create_writer("ended", record);
+  logging::WriterFrontend* const late = create_writer("late", record);
+  terminating = true;
+  late->Write(record.size(), test::copy_values(record));
+  ended->Stop();
+  EXPECT_TRUE(test::wait_until([&] { return ended->backend->Killed(); }));
+  host_->Pump();  // destroys the one that has ended
+  EXPECT_EQ(1u, FakeWorker::message_count());
+  EXPECT_EQ(1, FakeWorker::stops());
+  host_->Finish();
 }
 
 TEST_F(InsideTheHost, RemovedStreamTakesTheWorkerFromTheOthersAtOnce) {

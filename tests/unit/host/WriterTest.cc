@@ -281,6 +281,21 @@ TEST_F(WriterTest, StoppedWriterIsJoinedAndDeletedWhileTheHostGoesOn) {
   frontend->Stop();
 }
 
+TEST_F(WriterTest, EndedWriterIsDestroyedWhileAnotherStillWritesAtTheEnd) {
+  bool destroyed = false;
+  story_.on_write = [&](WriterBackend*, Value**) {
+    destroyed = test::wait_until([&] { return story_.has("destroy"); });
+    return true;
+  };
+  WriterFrontend* idle = create("idle");
+  WriterFrontend* busy = create("busy");
+  idle->Stop();
+  ASSERT_TRUE(test::wait_until([&] { return idle->backend->Killed(); }));
+  write(busy, 1);
+  host_->Finish();
+  EXPECT_TRUE(destroyed);
+}
+
 TEST_F(WriterTest, KeptPointersReadPoison) {
   std::vector<Value*> kept;
   bool poisoned = false;
