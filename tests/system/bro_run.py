@@ -175,14 +175,16 @@ def each(container):
 class Host:
     """A run of a Program: bro_init is over when it is made."""
 
-    def __init__(self, program, streams, late_streams=()):
-        """`streams` are made at priority 5 of bro_init, `late_streams` by a site's script."""
+    def __init__(self, program, streams, late_streams=(), early=()):
+        """`streams` are made at priority 5 of bro_init, `late_streams` by a site's script. The host
+        writes the (stream, record) pairs of `early` while it starts."""
         self.now = 0.0
         self.queue, self.timers = [], []
         self.sent = []   # (stream, record) of what reaches the writer
         self.asked = []  # connections whose owner was asked for
         self.streams = {}
         self.handlers = {"bro_init": [(4.9, lambda: self.create(streams)),
+                                      (0, lambda: [self.write(*one) for one in early]),
                                       (-5, lambda: self.create(late_streams))]}
         self.names = {name: self.first_value(name, found) for name, found in program.names.items()}
         self.names.update(self.functions())
@@ -221,8 +223,10 @@ class Host:
         return {
             "fmt": lambda form, *values: form % values,
             "network_time": lambda: Time(self.now),
-            "record_fields": lambda record: {name: Record(log=True, value=value)
-                                             for name, value in vars(record).items()},
+            # None stands for a field without a value.
+            "record_fields": lambda record: {
+                name: Record(log=True) if value is None else Record(log=True, value=value)
+                for name, value in vars(record).items()},
             "type_name": lambda value: Text(next(name for type_, name in TYPE_NAMES
                                                  if isinstance(value, type_))),
             "port_to_count": int,

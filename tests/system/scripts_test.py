@@ -183,6 +183,18 @@ class RunTest(unittest.TestCase):
             self.assertEqual(pairs, {"_path": "site", "n": "1",
                                      **({"ts.sec": "3"} if text is None else {"ts": text})})
 
+    def test_ts_and_uid_without_a_value_are_as_if_they_were_not_there(self):
+        stream, record, pairs = self.pairs("Weird::LOG", Record(ts=None, uid=None, name="x", addl=None))
+        self.assertEqual(stream, "LogZMQ::PAIRS_WITHOUT_UID_LOG")
+        self.assertEqual((type(record.ts), record.ts), (Time, 1000.0))
+        self.assertEqual(pairs, {"_path": "weird", "name": "x"})
+
+    def test_records_written_while_the_host_starts_are_sent(self):
+        early = [(log + "::LOG", self.info(log)) for log in self.OWN_KINDS]
+        early.append(("Weird::LOG", Record(ts=Time(1.5), name="x")))
+        host = Host(self.program, [stream for stream, _ in early], early=early)
+        self.assertEqual(len(host.sent), len(early))
+
     def test_record_without_ts_has_the_network_time(self):
         _, record, _ = self.pairs("Site::LOG", Record(n=1))
         self.assertEqual((type(record.ts), record.ts), (Time, 1000.0))

@@ -150,6 +150,18 @@ TEST_F(SpoolErrorsTest, GapThatARollOverLeavesCostsNoRecord) {
   EXPECT_THAT(take_all(), ElementsAre("seven", "six", "five", "four", "three", "two", "one!"));
 }
 
+// Only the highest of the files above stayed where it was moved to.
+TEST_F(SpoolErrorsTest, HighestFileThatCannotGoBackIsNotLost) {
+  start_with_four_files();
+  limit_chunks(0);
+  rename_fails = [](const std::string& from, const std::string& to) {
+    return from == "queue.dat.2" || to == "queue.dat.3";
+  };
+  store("five");
+  rename_fails = nullptr;
+  EXPECT_THAT(take_all(), ElementsAre("five", "four", "three", "two", "one!"));
+}
+
 TEST_F(SpoolErrorsTest, NumberWithoutAFileDoesNotStopARollOver) {
   start_with_four_files();
   limit_chunks(0);

@@ -1,8 +1,9 @@
 ##! Sends the records of every active log that no other script of this folder sends, as key/value
 ##! pairs: extra_fields holds the names of the columns, extra_vals their values, the elements of
-##! sets and vectors joined with a comma. The values are texts as the host writes them into logs,
-##! with two exceptions: times and intervals above 2147483647 seconds have all their digits here,
-##! where the host writes 2.147484e+09; and a file is described, where the host writes its name.
+##! sets and vectors joined with a comma. The values are the texts that the host writes into logs,
+##! with escapes undone and with empty strings, sets and vectors as empty text. Times and intervals
+##! above 2147483647 seconds have all their digits here, where the host writes 2.147484e+09; a file is
+##! described here, where the host writes its name.
 ##!
 ##! The first pair is _path with the path of the log. The time and the uid have columns of their
 ##! own; they and columns without a value are left out of the pairs. A column ts that is not of type
