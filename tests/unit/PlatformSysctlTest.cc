@@ -260,15 +260,6 @@ TEST_F(PlatformSysctlTest, ListThatDoesNotFitIsAnErrorAndStaysWithinItsBuffer) {
   }
 }
 
-TEST_F(PlatformSysctlTest, SizingHasRoomForNewSockets) {
-  std::size_t length = 0;
-  ASSERT_EQ(sysctlbyname(kPcbList, nullptr, &length, nullptr, 0), 0);
-  for (int i = 0; i < 20; ++i)
-    listen_on_loopback();
-  std::vector<char> bytes(length);
-  EXPECT_EQ(sysctlbyname(kPcbList, bytes.data(), &length, nullptr, 0), 0);
-}
-
 TEST_F(PlatformSysctlTest, ThousandSocketsAreAllListed) {
   const int listener = listen_on_loopback();
   std::map<std::uint32_t, bool> wanted;
@@ -317,52 +308,6 @@ TEST_F(PlatformSysctlTest, BothWaysStopWhenThereIsNoMoreRoom) {
   }
 }
 
-TEST_F(PlatformSysctlTest, CountIncludesTheSocketsOfThisTest) {
-  for (int i = 0; i < 20; ++i)
-    listen_on_loopback();
-  EXPECT_GE(platform::count_tcp_sockets(), 20u);
-}
-
-TEST_F(PlatformSysctlTest, UnknownNamesAreRefused) {
-  std::size_t length = 0;
-  EXPECT_EQ(sysctlbyname("net.inet.udp.pcblist", nullptr, &length, nullptr, 0), -1);
-  EXPECT_EQ(errno, ENOENT);
-  int name[3] = {CTL_VM, 99, 0};
-  EXPECT_EQ(sysctl(name, 2, nullptr, &length, nullptr, 0), -1);
-  EXPECT_EQ(errno, ENOENT);
-  name[1] = VM_LOADAVG;
-  EXPECT_EQ(sysctl(name, 3, nullptr, &length, nullptr, 0), -1);
-  EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(PlatformSysctlTest, NothingCanBeSet) {
-  std::size_t length = 0;
-  int name[2] = {CTL_HW, HW_MEMSIZE};
-  int value = 1;
-  EXPECT_EQ(sysctl(name, 2, nullptr, &length, &value, sizeof value), -1);
-  EXPECT_EQ(errno, EPERM);
-  EXPECT_EQ(sysctlbyname(kPcbList, nullptr, &length, &value, sizeof value), -1);
-  EXPECT_EQ(errno, EPERM);
-}
-
-TEST_F(PlatformSysctlTest, ValuesTellTheirSizeAndRefuseTooLittleRoom) {
-  for (const auto& [first, second, size] :
-       {std::tuple(CTL_VM, VM_LOADAVG, sizeof(struct loadavg)),
-        std::tuple(CTL_HW, HW_MEMSIZE, sizeof(std::uint64_t))}) {
-    int name[2] = {first, second};
-    std::size_t length = 0;
-    char buffer[64];
-    ASSERT_EQ(sysctl(name, 2, nullptr, &length, nullptr, 0), 0);
-    EXPECT_EQ(length, size);
-    --length;
-    EXPECT_EQ(sysctl(name, 2, buffer, &length, nullptr, 0), -1);
-    EXPECT_EQ(errno, ENOMEM);
-    length = sizeof buffer;
-    EXPECT_EQ(sysctl(name, 2, buffer, &length, nullptr, 0), 0);
-    EXPECT_EQ(length, size);
-  }
-}
-
 TEST_F(PlatformSysctlTest, PagesAreFreeActiveInactiveOrWired) {
   vm_statistics_data_t pages;
   mach_msg_type_number_t count = HOST_VM_INFO_COUNT;
@@ -375,25 +320,6 @@ TEST_F(PlatformSysctlTest, PagesAreFreeActiveInactiveOrWired) {
   const std::uint64_t physical = static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES));
   EXPECT_LE(all, physical);
   EXPECT_GE(all + 4, physical);  // each of the four is rounded down
-}
-
-TEST_F(PlatformSysctlTest, PageSizeIsTheSystems) {
-  vm_size_t bytes = 0;
-  EXPECT_EQ(host_page_size(mach_host_self(), &bytes), KERN_SUCCESS);
-  EXPECT_EQ(bytes, static_cast<vm_size_t>(sysconf(_SC_PAGESIZE)));
-}
-
-TEST_F(PlatformSysctlTest, WrongMachArgumentsWriteNothing) {
-  vm_size_t bytes = 5;
-  EXPECT_NE(host_page_size(0, &bytes), KERN_SUCCESS);
-  EXPECT_EQ(bytes, 5u);
-  integer_t info[15] = {7};
-  mach_msg_type_number_t count = 14;
-  EXPECT_NE(host_statistics(mach_host_self(), HOST_VM_INFO, info, &count), KERN_SUCCESS);
-  count = 15;
-  EXPECT_NE(host_statistics(mach_host_self(), 99, info, &count), KERN_SUCCESS);
-  EXPECT_NE(host_statistics(0, HOST_VM_INFO, info, &count), KERN_SUCCESS);
-  EXPECT_EQ(info[0], 7);
 }
 
 TEST_F(PlatformSysctlTest, CallsStayInsideTheObjectThatLinksThem) {
