@@ -149,11 +149,12 @@ class CliTest(unittest.TestCase):
         os.close(write_end)
         return collector, reader
 
-    def agent(self, endpoint, server_key=None):
+    def agent(self, endpoint, server_key=None, keys=None, **options):
         """A PUSH socket that is a CURVE client of the collector."""
         socket = self.plain_agent()
-        public, secret = zmq.curve_keypair()
-        socket.curve_publickey, socket.curve_secretkey = public, secret
+        for name, value in options.items():
+            setattr(socket, name, value)
+        socket.curve_publickey, socket.curve_secretkey = keys or zmq.curve_keypair()
         socket.curve_serverkey = server_key or bytes.fromhex(read_file("server.public"))
         socket.connect(endpoint)
         return socket

@@ -30,6 +30,12 @@ def unframed(content):
     return messages
 
 
+def hex_of(keys):
+    """The public key as a list of allowed clients has it."""
+    from zmq.utils import z85
+    return z85.decode(keys[0]).hex()
+
+
 def can_measure_memory():
     """Sanitizers keep shadows of memory, and freed memory."""
     program = read_file(ZMQWRITER, "rb")
@@ -409,31 +415,19 @@ class CollectMetricsTest(CliTest):
 
 @needs_zmq
 class CollectAllowTest(CliTest):
-    def client(self, endpoint, keys):
-        client = self.plain_agent()
-        client.curve_publickey, client.curve_secretkey = keys
-        client.curve_serverkey = bytes.fromhex(read_file("server.public"))
-        client.connect(endpoint)
-        return client
-
-    @staticmethod
-    def hex_of(keys):
-        from zmq.utils import z85
-        return z85.decode(keys[0]).hex()
-
     def test_listed_clients_get_through_and_others_do_not(self):
         known, listed_upper, stranger = (zmq.curve_keypair() for _ in range(3))
         write_file("allowed", "# who may\n\n%s  # the first\r\n%s\n"
-                   % (self.hex_of(known), self.hex_of(listed_upper).upper()))
+                   % (hex_of(known), hex_of(listed_upper).upper()))
         collector = self.collect("--allow", "allowed")
-        denied = self.client(collector.endpoint, stranger)
+        denied = self.agent(collector.endpoint, keys=stranger)
         try:
             denied.send(make_event(uid=b"stranger"), zmq.NOBLOCK)
         except zmq.Again:
             pass  # turned away already, and so without a connection
-        wait_for(lambda: self.hex_of(stranger).upper() in collector.stderr, "the denial")
+        wait_for(lambda: hex_of(stranger).upper() in collector.stderr, "the denial")
         for keys in (known, listed_upper):
-            self.client(collector.endpoint, keys).send(make_event(uid=b"known"))
+            self.agent(collector.endpoint, keys=keys).send(make_event(uid=b"known"))
         wait_for(lambda: len(collector.lines()) == 2, "the listed clients' events")
         collector.popen.send_signal(signal.SIGTERM)
         self.assertEqual(collector.wait(), 0)
@@ -451,9 +445,9 @@ class CollectAllowTest(CliTest):
 
     def test_hangup_signal_reads_the_list_again(self):
         early, late = zmq.curve_keypair(), zmq.curve_keypair()
-        write_file("allowed", self.hex_of(early))
+        write_file("allowed", hex_of(early))
         collector = self.collect("--allow", "allowed")
-        client = self.client(collector.endpoint, early)
+        client = self.agent(collector.endpoint, keys=early)
         client.send(make_event(uid=b"early"))
         wait_for(collector.lines, "the first event")
         write_file("allowed", "nonsense")
@@ -467,13 +461,13 @@ class CollectAllowTest(CliTest):
         collector.popen.send_signal(signal.SIGHUP)
         wait_for(lambda: "stay as they were: allowed: cannot be read: Is a directory" in collector.stderr,
                  "the third refusal")
-        self.client(collector.endpoint, early).send(make_event(uid=b"as before"))
+        self.agent(collector.endpoint, keys=early).send(make_event(uid=b"as before"))
         wait_for(lambda: len(collector.lines()) == 2, "the event of a key that stayed allowed")
         os.rmdir("allowed")
-        write_file("allowed", self.hex_of(late))
+        write_file("allowed", hex_of(late))
         collector.popen.send_signal(signal.SIGHUP)
         wait_for(lambda: "allowed keys read again: 1" in collector.stderr, "the new list")
-        self.client(collector.endpoint, late).send(make_event(uid=b"late"))
+        self.agent(collector.endpoint, keys=late).send(make_event(uid=b"late"))
         wait_for(lambda: len(collector.lines()) == 3, "the late client's event")
         client.send(make_event(uid=b"still"))
         wait_for(lambda: len(collector.lines()) == 4, "the event of the old connection")
@@ -580,11 +574,7 @@ class CollectPressureTest(CliTest):
 
     def test_stalled_reader_costs_neither_memory_nor_events(self):
         collector, reader = self.collect_into_pipe("--format", "raw")
-        agent = self.plain_agent()
-        agent.sndhwm = 1
-        agent.curve_publickey, agent.curve_secretkey = zmq.curve_keypair()
-        agent.curve_serverkey = bytes.fromhex(read_file("server.public"))
-        agent.connect(collector.endpoint)
+        agent = self.agent(collector.endpoint, sndhwm=1)
         details = b"x" * 8000
         events = [make_event(uid=b"C%05d" % number, details=details)
                   for number in range(self.EVENTS)]
@@ -629,7 +619,7 @@ class CollectPressureTest(CliTest):
             agent.send(make_event(uid=b"C%d" % number, details=b"x" * 3000))
         # A full pipe: more than it holds is on its way, so the collector is in the middle of a write.
         wait_for(lambda: readable_bytes(reader) > 32768, "the full pipe")
-        self.wait_until_handed_over(agent, collector)
+        self.wait_until_handed_over(agent)
         collector.popen.send_signal(signal.SIGTERM)
         lines = reader.read().splitlines()
         self.assertEqual(collector.wait(), 0)
@@ -638,7 +628,7 @@ class CollectPressureTest(CliTest):
         self.assertEqual(totals(collector)["events"], 200)
 
     @staticmethod
-    def wait_until_handed_over(agent, collector):
+    def wait_until_handed_over(agent):
         """Closing lingers until everything has left the agent."""
         agent.linger = DEADLINE * 1000
         context = agent.context
@@ -654,7 +644,7 @@ class CollectPressureTest(CliTest):
         stopped = time.monotonic()
         for _ in range(50):
             agent.send(make_event())
-        self.wait_until_handed_over(agent, collector)
+        self.wait_until_handed_over(agent)
         wait_for(lambda: time.monotonic() - stopped > 1.2, "the time-out to pass")
         collector.popen.send_signal(signal.SIGCONT)
         self.assertEqual(collector.wait(), 0)
@@ -687,6 +677,53 @@ class CollectPressureTest(CliTest):
             written = unframed(read_file("events", "rb"))
             self.assertEqual(totals(collector)["events"], len(written))
             self.assertEqual(set(written), {make_event()})
+
+    def lost_at_a_stop(self, collector, agents):
+        """How many events that agents have sent are not in the file after a stop under load."""
+        sent = [0] * len(agents)
+        over = threading.Event()
+
+        def send(number):
+            while not over.is_set():
+                try:
+                    agents[number].send(make_event(uid=b"%d-%d" % (number, sent[number])))
+                    sent[number] += 1
+                except zmq.Again:
+                    pass
+        threads = [threading.Thread(target=send, args=[number]) for number in range(len(agents))]
+        for thread in threads:
+            thread.start()
+        try:
+            wait_for(lambda: min(sent) > 100, "the load")
+            collector.popen.send_signal(signal.SIGTERM)
+            self.assertEqual(collector.wait(), 0)
+        finally:
+            over.set()
+            for thread in threads:
+                thread.join()
+        return sum(sent) - len(set(re.findall(r"\b[0-9]-[0-9]+", read_file("events"))))
+
+    def test_stop_under_load_loses_at_most_one_event_of_each_agent(self):
+        collector = self.collect("--output", "events")
+        # As the plug-in sends.
+        agents = [self.agent(collector.endpoint, sndhwm=1, immediate=1, sndtimeo=3000)
+                  for _ in range(3)]
+        self.assertLessEqual(self.lost_at_a_stop(collector, agents), len(agents))
+
+    def test_no_agent_gets_in_while_a_stop_waits_for_a_frozen_client(self):
+        keys = zmq.curve_keypair()
+        write_file("allowed", hex_of(keys))
+        for arguments in ([], ["--allow", "allowed"]):
+            collector = self.collect(*arguments)
+            port = int(collector.endpoint.rpartition(":")[2])
+            with socket.create_connection(("127.0.0.1", port), DEADLINE) as frozen:
+                collector.popen.send_signal(signal.SIGTERM)
+                while frozen.recv(4096):  # until the collector ends its side
+                    pass
+                late = self.agent(collector.endpoint, keys=keys, immediate=1, sndtimeo=1000)
+                with self.assertRaises(zmq.Again):
+                    late.send(make_event())
+                self.assertEqual(collector.wait(), 0)
 
     def test_second_signal_ends_a_stalled_collector_at_once(self):
         collector, reader = self.collect_into_pipe()
@@ -723,8 +760,7 @@ class CollectPressureTest(CliTest):
             for number in range(500):
                 agent.send(make_event(uid=b"%d-%d" % (index, number)))
         for agent in agents:
-            agent.linger = DEADLINE * 1000
-            threading.Thread(target=agent.close).start()
+            self.wait_until_handed_over(agent)
         collector.popen.send_signal(signal.SIGINT)
         collector.popen.send_signal(signal.SIGCONT)
         self.assertEqual(collector.wait(), 0)

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 #include <utility>
@@ -14,7 +15,6 @@ namespace zmqwriter {
 
 namespace {
 
-constexpr const char* kEndpoint = "inproc://zeromq.zap.01";
 constexpr const char* kVersion = "1.0";
 constexpr std::uint64_t kReportedDenials = 10;
 
@@ -45,8 +45,12 @@ void ClientGate::Replace(AllowList allowed) {
 
 void ClientGate::Serve() {
   std::vector<std::string> request;
-  while (ReceiveRequest(&request))
+  while (ReceiveRequest(&request) && !held_)
     Answer(request);
+  // Nothing comes any more before an answer is given, but libzmq would not ask without this socket.
+  zmq_pollitem_t item = {socket_.get(), 0, ZMQ_POLLIN, 0};
+  while (zmq_poll(&item, 1, -1) >= 0 || zmq_errno() == EINTR) {
+  }
   socket_.Close();
 }
 

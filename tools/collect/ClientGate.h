@@ -20,6 +20,9 @@ namespace zmqwriter {
 
 class ClientGate {
  public:
+  /// Where libzmq asks. While a socket is bound here that does not answer, no client gets through.
+  static constexpr const char* kEndpoint = "inproc://zeromq.zap.01";
+
   /// Throws std::runtime_error when the endpoint cannot be opened. With `quiet`, denied clients are
   /// only counted; else the first few are reported on standard error.
   ClientGate(ZmqContext* context, AllowList allowed, bool quiet);
@@ -30,6 +33,9 @@ class ClientGate {
 
   /// Takes a new list. Any thread.
   void Replace(AllowList allowed);
+
+  /// From now on clients get no answer: they can neither send nor are they turned away. Any thread.
+  void Hold() { held_ = true; }
 
   /// Any thread.
   std::uint64_t accepted() const { return accepted_.load(); }
@@ -47,6 +53,7 @@ class ClientGate {
   ZmqSocket socket_;  // the constructor's until the thread starts, then the thread's
   std::mutex mutex_;
   AllowList allowed_;  // guarded by mutex_
+  std::atomic<bool> held_{false};
   std::atomic<std::uint64_t> accepted_{0};
   std::atomic<std::uint64_t> denied_{0};
   std::thread thread_;

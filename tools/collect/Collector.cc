@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "AllowList.h"
+#include "Connections.h"
 #include "CurveKey.h"
 #include "EventJson.h"
 #include "StopSignals.h"
@@ -21,11 +22,14 @@ constexpr int kPollMs = 100;
 constexpr int kMostAtOnce = 1000;
 // Bad messages beyond these are counted only.
 constexpr std::uint64_t kReportedBadMessages = 10;
-// After a stop signal or a time-out, the connections are ended when nothing has come for kQuietMs,
-// or after kLongestDrain. The collector then ends when libzmq's thread has handed over nothing more
-// for kSettledMs, or after kLongestSettling.
-constexpr int kQuietMs = 300;
-constexpr auto kLongestDrain = std::chrono::seconds(2);
+// The end after a stop signal or a time-out. Connections that are never silent are ended after
+// kLongestLoad. Clients have closed the connections when nothing has come for kLongestQuiet, or
+// after kLongestDrain. What libzmq's thread had read from others has come when nothing has come for
+// kSettledMs, or after kLongestSettling.
+constexpr int kLookMs = 2;
+constexpr auto kLongestLoad = std::chrono::seconds(1);
+constexpr auto kLongestQuiet = std::chrono::seconds(2);
+constexpr auto kLongestDrain = std::chrono::seconds(20);
 constexpr int kSettledMs = 100;
 constexpr auto kLongestSettling = std::chrono::seconds(5);
 
@@ -69,6 +73,7 @@ const SinkOptions& no_input(const CollectOptions& options) {
 Collector::Collector(const CollectOptions& options)
     : options_(options),
       gate_(make_gate(options, &context_)),
+      unanswered_(context_, ZMQ_REP),
       socket_(&context_, read_key_file(options.secret_key_file), gate_ != nullptr),
       metrics_(make_metrics(options, stats_, gate_.get())),
       sink_(no_input(options)) {
@@ -129,22 +134,34 @@ bool Collector::TakeWaiting() {
   return taken > 0;
 }
 
-/// Takes what agents have sent already, because they count it as delivered. Unbinding ends the
-/// connections, so it comes after a quiet moment or a time limit.
+/// Ends the connections and takes all that agents have sent, because they count it as delivered.
+/// Clients that try to connect meanwhile have to wait for another collector.
 void Collector::Drain() {
-  auto end = Clock::now() + kLongestDrain;
-  while (!Done() && Clock::now() < end && socket_.Wait(kQuietMs))
+  if (gate_)
+    gate_->Hold();
+  else
+    zmq_bind(unanswered_.get(), ClientGate::kEndpoint);
+  connections_.emplace(bound_);
+  const auto start = Clock::now();
+  last_message_ = start;
+  while (!Done() && connections_->any() && Clock::now() < start + kLongestDrain &&
+         Clock::now() < last_message_ + kLongestQuiet) {
+    socket_.Wait(kLookMs);
     TakeWaiting();
+    connections_->EndSilent(Clock::now() > start + kLongestLoad);
+  }
   for (const std::string& endpoint : bound_)
     socket_.Unbind(endpoint);
-  TakeWaiting();
-  end = Clock::now() + kLongestSettling;
-  while (!Done() && Clock::now() < end && socket_.Wait(kSettledMs))
-    TakeWaiting();
+  const int settled_ms = connections_->any() ? kSettledMs : 0;
+  const auto end = Clock::now() + kLongestSettling;
+  while (!Done() && Clock::now() < end && (TakeWaiting() || socket_.Wait(settled_ms))) {
+  }
 }
 
 void Collector::TakeMessage() {
   ++messages_;
+  if (connections_)
+    connections_->NoteMessage(zmq_msg_get(&part_, ZMQ_SRCFD));
   if (zmq_msg_more(&part_)) {
     SkipParts();
     stats_.CountMultiPart();

@@ -1,8 +1,8 @@
 // The reference collector: receives events as a CURVE server, verifies, counts and writes them.
 //
 // One thread receives and writes in turn. So a slow output slows down the receiving and, by
-// libzmq's bounded queues, the agents, and memory stays within PullSocket's limits. At a clean end
-// all that libzmq has received is written, except after --count.
+// libzmq's bounded queues, the agents, and memory stays within PullSocket's limits. At a clean end,
+// except after --count, all is written that has left the agents.
 #pragma once
 
 #include <zmq.h>
@@ -10,11 +10,13 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ClientGate.h"
 #include "CollectStats.h"
+#include "Connections.h"
 #include "EventSink.h"
 #include "Metrics.h"
 #include "PullSocket.h"
@@ -71,7 +73,10 @@ class Collector {
   CollectStats stats_;
   ZmqContext context_;
   std::unique_ptr<ClientGate> gate_;  // before the sockets that it guards
+  // Without a gate: bound at the end to hold up new clients.
+  ZmqSocket unanswered_;
   PullSocket socket_;
+  std::optional<Connections> connections_;  // while they are ended
   std::unique_ptr<Metrics> metrics_;
   EventSink sink_;
   std::vector<std::string> bound_;
