@@ -128,9 +128,8 @@ class CheckConfiguration : public test::WorkerFixture {
     worker = new Worker();
     worker->Init(constants["zmq_primary_server"], constants["zmq_public_key"],
                  constants["zmq_secondary_server"]);
-    worker->context = zmq_ctx_new();
-    worker->socket = worker->Connect(worker->server);
-    for (const std::string& secondary : worker->secondary_servers)
+    inside().connect();
+    for (const std::string& secondary : inside().secondary_servers)
       zmq_close(worker->Connect(secondary));
     drive();
   }

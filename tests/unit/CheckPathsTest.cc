@@ -18,6 +18,7 @@
 #include "CallLog.h"
 #include "PathChecks.h"
 #include "PersistentQueue.h"
+#include "SpoolInside.h"
 #include "TempDir.h"
 
 namespace fs = std::filesystem;
@@ -131,7 +132,10 @@ class CheckPaths : public ::testing::Test {
   }
 
   /// Whether the plug-in's own spool is of use, as things are now.
-  static std::string spool_itself() { return PersistentQueue().disabled ? "disabled" : "works"; }
+  static std::string spool_itself() {
+    PersistentQueue spool;
+    return test::SpoolInside(&spool).disabled ? "disabled" : "works";
+  }
 
   test::TempDir dir;
   static AgentIdReport last;

@@ -31,8 +31,8 @@ class PersistentQueueTest : public testing::Test, protected test::SpoolFixture {
 TEST_F(PersistentQueueTest, EmptyFolderGivesNoFilesAndAnEmptySpool) {
   start();
   EXPECT_TRUE(spool().IsEmpty());
-  EXPECT_EQ(spool().file_count, 0);
-  EXPECT_EQ(spool().head_records, 0);
+  EXPECT_EQ(inside().file_count, 0);
+  EXPECT_EQ(inside().head_records, 0);
   EXPECT_TRUE(std::filesystem::is_directory(folder()));
   EXPECT_THAT(names(), IsEmpty());
   EXPECT_THAT(test::reports_of("warning"), IsEmpty());
@@ -88,10 +88,10 @@ TEST_F(PersistentQueueTest, EachReopeningMovesTheUsedSizeByTwelveMore) {
     stop();
     EXPECT_EQ(content().substr(0, 12), header(20 + 12 * reopenings, 1));
     start();
-    EXPECT_EQ(spool().head_bytes, static_cast<std::int32_t>(8 + 12 * reopenings))
+    EXPECT_EQ(inside().head_bytes, static_cast<std::int32_t>(8 + 12 * reopenings))
         << "the scan takes the header's 12 bytes off";
-    spool().openFile();
-    EXPECT_EQ(spool().head_bytes, static_cast<std::int32_t>(20 + 12 * reopenings));
+    inside().openFile();
+    EXPECT_EQ(inside().head_bytes, static_cast<std::int32_t>(20 + 12 * reopenings));
   }
 }
 
@@ -118,8 +118,8 @@ TEST_F(PersistentQueueTest, FileBeyondAGapInTheNumbersIsNotPartOfTheSpool) {
   put("queue.dat", header(20, 1) + record(0, "abcd"));
   put("queue.dat.2", header(20, 1) + record(0, "wxyz"));
   start();
-  EXPECT_EQ(spool().file_count, 1);
-  EXPECT_EQ(spool().total_bytes, 20);
+  EXPECT_EQ(inside().file_count, 1);
+  EXPECT_EQ(inside().total_bytes, 20);
   EXPECT_THAT(take(), Optional(std::string("abcd")));
   EXPECT_EQ(take(), std::nullopt);
   EXPECT_EQ(content("queue.dat.2"), header(20, 1) + record(0, "wxyz"));
@@ -141,16 +141,16 @@ TEST_F(PersistentQueueTest, FolderInTheSequenceEndsIt) {
   std::filesystem::create_directory(path("queue.dat.1"));
   put("queue.dat.2", header(20, 1) + record(0, "wxyz"));
   start();
-  EXPECT_EQ(spool().file_count, 1);
+  EXPECT_EQ(inside().file_count, 1);
 }
 
 TEST_F(PersistentQueueTest, SevenByteFileIsWarnedOfAndCounted) {
   put("queue.dat", "ZMQF123");
   start();
   EXPECT_THAT(test::reports_of("warning"), ElementsAre("Corrupted queue file " + path()));
-  EXPECT_EQ(spool().file_count, 1);
-  EXPECT_EQ(spool().head_records, 0);
-  EXPECT_EQ(spool().total_bytes, 0);
+  EXPECT_EQ(inside().file_count, 1);
+  EXPECT_EQ(inside().head_records, 0);
+  EXPECT_EQ(inside().total_bytes, 0);
   EXPECT_EQ(content(), "ZMQF123");
 }
 
@@ -162,10 +162,10 @@ TEST_F(PersistentQueueTest, ForeignSignatureIsWarnedOfAndCounted) {
   EXPECT_THAT(test::reports_of("warning"),
               ElementsAre("Corrupted queue file " + path() + ", invalid signature",
                           "Corrupted queue file " + path("queue.dat.2") + ", invalid signature"));
-  EXPECT_EQ(spool().file_count, 3);
-  EXPECT_EQ(spool().head_records, 0);
-  EXPECT_EQ(spool().head_bytes, 0);
-  EXPECT_EQ(spool().total_bytes, 84);
+  EXPECT_EQ(inside().file_count, 3);
+  EXPECT_EQ(inside().head_records, 0);
+  EXPECT_EQ(inside().head_bytes, 0);
+  EXPECT_EQ(inside().total_bytes, 84);
 }
 
 TEST_F(PersistentQueueTest, ScanTakesHeadCountsFromTheHeadAndTotalsFromAllFiles) {
@@ -173,10 +173,10 @@ TEST_F(PersistentQueueTest, ScanTakesHeadCountsFromTheHeadAndTotalsFromAllFiles)
   put("queue.dat.1", header(1000, 5));
   put("queue.dat.2", header(10000, 7));
   start();
-  EXPECT_EQ(spool().head_records, 3);
-  EXPECT_EQ(spool().head_bytes, 88);
-  EXPECT_EQ(spool().total_bytes, 11100);
-  EXPECT_EQ(spool().file_count, 3);
+  EXPECT_EQ(inside().head_records, 3);
+  EXPECT_EQ(inside().head_bytes, 88);
+  EXPECT_EQ(inside().total_bytes, 11100);
+  EXPECT_EQ(inside().file_count, 3);
 }
 
 TEST_F(PersistentQueueTest, ForeignHeadIsUsedAsItStandsOnceOpened) {
@@ -190,7 +190,7 @@ TEST_F(PersistentQueueTest, ScanReachesFilesWithNumbersOfTwoDigits) {
   for (int k = 1; k <= 12; ++k)
     put("queue.dat." + std::to_string(k), header(20, 1));
   start();
-  EXPECT_EQ(spool().file_count, 13);
+  EXPECT_EQ(inside().file_count, 13);
 }
 
 TEST_F(PersistentQueueTest, FirstRecordAfterARollBackToAFileWithoutRecordsCarriesTheOldTopLength) {
@@ -260,23 +260,23 @@ TEST_F(PersistentQueueTest, TotalBytesFollowStoresAndTakes) {
   put("queue.dat", header(20, 1) + record(0, "abcd"));
   start();
   store("12345678");
-  EXPECT_EQ(spool().total_bytes, 32);
+  EXPECT_EQ(inside().total_bytes, 32);
   take();
   take();
-  EXPECT_EQ(spool().total_bytes, 12);
+  EXPECT_EQ(inside().total_bytes, 12);
 }
 
 TEST_F(PersistentQueueTest, ProgramsThatTheHostStartsDoNotInheritTheHead) {
-  const auto flags = [this] { return fcntl(fileno(spool().head_file), F_GETFD); };
+  const auto flags = [this] { return fcntl(fileno(inside().head_file), F_GETFD); };
   store("abc");
   EXPECT_TRUE(flags() & FD_CLOEXEC) << "created";
   reopen();
-  spool().openFile();
+  inside().openFile();
   EXPECT_TRUE(flags() & FD_CLOEXEC) << "opened";
 }
 
 TEST_F(PersistentQueueTest, DrainedOrClosedSpoolKeepsNothingInMemory) {
-  const auto is_held = [this] { return spool().reader.window != nullptr; };
+  const auto is_held = [this] { return inside().holds_bytes(); };
   for (const char* payload : {"a", "b", "c", "d"})
     store(payload);
   EXPECT_FALSE(is_held()) << "before the first Get";
@@ -287,7 +287,7 @@ TEST_F(PersistentQueueTest, DrainedOrClosedSpoolKeepsNothingInMemory) {
   EXPECT_FALSE(is_held()) << "after a Store";
   take();
   EXPECT_TRUE(is_held());
-  spool().closeFile();
+  inside().closeFile();
   EXPECT_FALSE(is_held()) << "after closing";
   while (!spool().IsEmpty())
     take();
@@ -316,11 +316,11 @@ TEST_F(PersistentQueueTest, EveryMarkHasReachedTheSystemWhenGetReturns) {
 TEST_F(PersistentQueueTest, HeadRollsOverWhenItsBytesExceedTheLimit) {
   limit_chunks(100);
   store(bytes(60));
-  EXPECT_NE(spool().head_file, nullptr);
+  EXPECT_NE(inside().head_file, nullptr);
   store(bytes(60));
-  EXPECT_EQ(spool().head_bytes, 128);
-  EXPECT_EQ(spool().head_file, nullptr) << "closed by the roll-over";
-  EXPECT_EQ(spool().file_count, 1);
+  EXPECT_EQ(inside().head_bytes, 128);
+  EXPECT_EQ(inside().head_file, nullptr) << "closed by the roll-over";
+  EXPECT_EQ(inside().file_count, 1);
   EXPECT_EQ(content().substr(0, 12), header(140, 2));
 }
 
@@ -328,19 +328,19 @@ TEST_F(PersistentQueueTest, HeadDoesNotRollOverExactlyAtTheLimit) {
   limit_chunks(128);
   store(bytes(60));
   store(bytes(60));
-  EXPECT_EQ(spool().head_bytes, 128);
-  EXPECT_NE(spool().head_file, nullptr);
-  EXPECT_EQ(spool().file_count, 0);
+  EXPECT_EQ(inside().head_bytes, 128);
+  EXPECT_NE(inside().head_file, nullptr);
+  EXPECT_EQ(inside().file_count, 0);
 }
 
 TEST_F(PersistentQueueTest, FirstRollOverOfASpoolWithoutFilesRenamesNothing) {
   limit_chunks(100);
   store(bytes(101, 'a'));
   EXPECT_THAT(names(), ElementsAre("queue.dat"));
-  EXPECT_EQ(spool().file_count, 1);
+  EXPECT_EQ(inside().file_count, 1);
   store(bytes(5, 'b'));
   EXPECT_THAT(names(), ElementsAre("queue.dat.1"));
-  EXPECT_EQ(spool().file_count, 2);
+  EXPECT_EQ(inside().file_count, 2);
   // 12 + 105 at the first closing; 9 and the reopening's 12 more at the second.
   EXPECT_EQ(content("queue.dat.1"),
             header(138, 2) + record(0, bytes(101, 'a')) + record(101, bytes(5, 'b')));
@@ -355,14 +355,14 @@ TEST_F(PersistentQueueTest, ThreeRollOversFromAPresentHeadLeaveFilesOneToThree) 
   store(fuller);
   store(fullest);
   EXPECT_THAT(names(), ElementsAre("queue.dat.1", "queue.dat.2", "queue.dat.3"));
-  EXPECT_EQ(spool().file_count, 4);
+  EXPECT_EQ(inside().file_count, 4);
   EXPECT_EQ(content("queue.dat.1").substr(12), record(0, fullest));
   EXPECT_EQ(content("queue.dat.2").substr(12), record(0, fuller));
   EXPECT_EQ(content("queue.dat.3").substr(12), record(0, "old!") + record(4, full));
 
   store("head");
   EXPECT_EQ(content(), header(0, 0) + record(0, "head"));
-  EXPECT_EQ(spool().file_count, 4);
+  EXPECT_EQ(inside().file_count, 4);
 
   EXPECT_THAT(take(), Optional(std::string("head")));
   EXPECT_THAT(take(), Optional(fullest));
@@ -380,7 +380,7 @@ TEST_F(PersistentQueueTest, StoppingRightAfterTheHeadIsDrainedCutsOffTheOlderFil
   put("queue.dat.2", header(20, 1) + record(0, "old!"));
   EXPECT_THAT(take(), Optional(std::string("new!")));
   reopen();
-  EXPECT_EQ(spool().file_count, 0) << "closing deleted the exhausted head: the numbers have a gap";
+  EXPECT_EQ(inside().file_count, 0) << "closing deleted the exhausted head: the numbers have a gap";
   EXPECT_TRUE(spool().IsEmpty());
   EXPECT_THAT(names(), ElementsAre("queue.dat.1", "queue.dat.2"));
 }
@@ -398,11 +398,11 @@ TEST_F(PersistentQueueTest, NegativeChunkLimitRollsOverAtEveryStore) {
 }
 
 TEST_F(PersistentQueueTest, LimitsAreKeptAndTheTotalIsWidenedWithItsSign) {
-  EXPECT_EQ(spool().chunk_limit, 10485760);
-  EXPECT_EQ(spool().total_limit, 524288000);
+  EXPECT_EQ(inside().chunk_limit, 10485760);
+  EXPECT_EQ(inside().total_limit, 524288000);
   spool().SetLimits(-1, -7);
-  EXPECT_EQ(spool().chunk_limit, -1);
-  EXPECT_EQ(spool().total_limit, std::int64_t{-7});
+  EXPECT_EQ(inside().chunk_limit, -1);
+  EXPECT_EQ(inside().total_limit, std::int64_t{-7});
 }
 
 TEST_F(PersistentQueueTest, TotalLimitStopsNothing) {
@@ -423,13 +423,13 @@ TEST_F(PersistentQueueTest, IsNotEmptyWhileTwoFilesAreCountedEvenWithoutLiveReco
   start();
   EXPECT_FALSE(spool().IsEmpty());
   EXPECT_EQ(take(), std::nullopt);
-  EXPECT_EQ(spool().file_count, 1);
+  EXPECT_EQ(inside().file_count, 1);
   EXPECT_TRUE(spool().IsEmpty());
 }
 
 TEST_F(PersistentQueueTest, IsNotEmptyWhileTheHeadHasRecords) {
   store("a");
-  EXPECT_EQ(spool().file_count, 0);
+  EXPECT_EQ(inside().file_count, 0);
   EXPECT_FALSE(spool().IsEmpty());
 }
 
@@ -437,15 +437,15 @@ TEST_F(PersistentQueueTest, ExhaustedHeadGivesWayToTheNextFileInOneGet) {
   put("queue.dat", header(20, 1) + record(0, "new!"));
   put("queue.dat.1", header(20, 1) + record(0, "old!"));
   EXPECT_THAT(take(), Optional(std::string("new!")));
-  EXPECT_EQ(spool().file_count, 2);
+  EXPECT_EQ(inside().file_count, 2);
   EXPECT_THAT(take(), Optional(std::string("old!")));
-  EXPECT_EQ(spool().file_count, 1);
+  EXPECT_EQ(inside().file_count, 1);
 }
 
 TEST_F(PersistentQueueTest, EveryGetOfAnEmptySpoolTakesTheFileCountOneDown) {
   for (int expected : {-1, -2, -3}) {
     EXPECT_EQ(take(), std::nullopt);
-    EXPECT_EQ(spool().file_count, expected);
+    EXPECT_EQ(inside().file_count, expected);
     EXPECT_THAT(names(), ElementsAre("queue.dat"));
   }
   EXPECT_TRUE(spool().IsEmpty());
@@ -457,25 +457,25 @@ TEST_F(PersistentQueueTest, RollOverWithACountBelowOneOnlyRaisesIt) {
   limit_chunks(0);
   for (int expected : {-1, 0, 1}) {
     store("a");
-    EXPECT_EQ(spool().file_count, expected);
+    EXPECT_EQ(inside().file_count, expected);
     EXPECT_THAT(names(), ElementsAre("queue.dat"));
   }
   store("a");
-  EXPECT_EQ(spool().file_count, 2);
+  EXPECT_EQ(inside().file_count, 2);
   EXPECT_THAT(names(), ElementsAre("queue.dat.1"));
 }
 
 TEST_F(PersistentQueueTest, CursorStateTellsAFreshHeadFromOneWithAKnownTop) {
   start();
-  EXPECT_EQ(spool().cursor_state, -1);
-  spool().openFile();
-  EXPECT_EQ(spool().cursor_state, -1);
+  EXPECT_EQ(inside().cursor_state, -1);
+  inside().openFile();
+  EXPECT_EQ(inside().cursor_state, -1);
   store("a");
-  EXPECT_EQ(spool().cursor_state, -2);
+  EXPECT_EQ(inside().cursor_state, -2);
   reopen();
-  EXPECT_EQ(spool().cursor_state, -1);
-  spool().openFile();
-  EXPECT_EQ(spool().cursor_state, -2);
+  EXPECT_EQ(inside().cursor_state, -1);
+  inside().openFile();
+  EXPECT_EQ(inside().cursor_state, -2);
 }
 
 // Records without payload, and the way through the scan.
@@ -484,11 +484,11 @@ TEST_F(PersistentQueueTest, EmptyRecordOnTopOfAFreshFileComesBackAsNull) {
   start();
   spool().Store(0, nullptr);
   EXPECT_EQ(content(), header(0, 0) + record(0, ""));
-  EXPECT_EQ(spool().top_length, 0);
+  EXPECT_EQ(inside().top_length, 0);
   EXPECT_FALSE(spool().IsEmpty());
   EXPECT_EQ(take(), std::nullopt) << "the header on disk counts no record";
-  EXPECT_EQ(spool().head_records, 0);
-  EXPECT_EQ(spool().head_bytes, 0);
+  EXPECT_EQ(inside().head_records, 0);
+  EXPECT_EQ(inside().head_bytes, 0);
   EXPECT_TRUE(spool().IsEmpty());
 }
 
@@ -498,8 +498,8 @@ TEST_F(PersistentQueueTest, EmptyRecordOnTopOfAFreshFileHidesTheRecordsBelow) {
   EXPECT_EQ(take(), std::nullopt);
   EXPECT_EQ(content(), header(0, 0) + u16(0) + u16(0) + "abc" + record(3, ""))
       << "marked as taken right behind the header";
-  EXPECT_EQ(spool().head_records, 1);
-  EXPECT_EQ(spool().head_bytes, 7);
+  EXPECT_EQ(inside().head_records, 1);
+  EXPECT_EQ(inside().head_bytes, 7);
   store("over");
   EXPECT_EQ(content(), header(0, 0) + record(0, "over") + u16(0).substr(1) + u16(3));
 }
@@ -510,11 +510,11 @@ TEST_F(PersistentQueueTest, ScanTrustsTheCountOfTheLastClose) {
   reopen();
   store("third");
   store("");
-  EXPECT_EQ(spool().head_records, 4);
+  EXPECT_EQ(inside().head_records, 4);
   EXPECT_THAT(take(), Optional(std::string("second")))
       << "the second record is the last that the header on disk counts";
-  EXPECT_EQ(spool().head_records, 3);
-  EXPECT_EQ(spool().top_length, 5) << "and the cursor stands where it was";
+  EXPECT_EQ(inside().head_records, 3);
+  EXPECT_EQ(inside().top_length, 5) << "and the cursor stands where it was";
   EXPECT_THAT(take(), Optional(std::string("first")));
 }
 
@@ -538,7 +538,7 @@ TEST_F(PersistentQueueTest, RecordsOfAHeadCreatedBeforeACrashAreNotCounted) {
   crash();
   EXPECT_EQ(content(), header(0, 0) + record(0, "abc") + record(3, "def"));
   start();
-  EXPECT_EQ(spool().file_count, 1);
+  EXPECT_EQ(inside().file_count, 1);
   EXPECT_TRUE(spool().IsEmpty());
   store("ghi");
   EXPECT_EQ(content(), header(0, 0) + record(0, "ghi") + record(3, "def"));
@@ -550,7 +550,7 @@ TEST_F(PersistentQueueTest, ReopenedHeadKeepsTheCountsOfItsLastCloseAfterACrash)
   store("def");
   crash();
   start();
-  EXPECT_EQ(spool().head_records, 1);
+  EXPECT_EQ(inside().head_records, 1);
   EXPECT_THAT(take(), Optional(std::string("abc")));
   EXPECT_TRUE(spool().IsEmpty());
 }
@@ -563,7 +563,7 @@ TEST_F(PersistentQueueTest, RecordTakenBeforeACrashReadsBackEmptyAndTheWalkStays
   EXPECT_THAT(take(), Optional(std::string("third")));
   crash();
   start();
-  EXPECT_EQ(spool().head_records, 3);
+  EXPECT_EQ(inside().head_records, 3);
   EXPECT_THAT(take(), Optional(std::string()));
   EXPECT_THAT(take(), Optional(std::string("second")));
   EXPECT_THAT(take(), Optional(std::string("first")));
@@ -591,7 +591,7 @@ TEST_F(PersistentQueueTest, MissingParentDisablesTheSpoolWithAnError) {
   start();
   EXPECT_THAT(test::reports_of("error"),
               ElementsAre("Failed to open or create queue folder " + folder()));
-  EXPECT_TRUE(spool().disabled);
+  EXPECT_TRUE(inside().disabled);
   store("abc");
   EXPECT_EQ(take(), std::nullopt);
   EXPECT_TRUE(spool().IsEmpty());
@@ -601,7 +601,7 @@ TEST_F(PersistentQueueTest, MissingParentDisablesTheSpoolWithAnError) {
 TEST_F(PersistentQueueTest, FileInPlaceOfTheFolderDisablesTheSpool) {
   test::write_file(folder(), "in the way");
   start();
-  EXPECT_TRUE(spool().disabled);
+  EXPECT_TRUE(inside().disabled);
   EXPECT_EQ(test::reports_of("error").size(), 1u);
   store("abc");
   EXPECT_EQ(take(), std::nullopt);
@@ -628,7 +628,7 @@ TEST_F(PersistentQueueTest, FolderIsCreatedWithAllPermissionsThatTheUmaskLeaves)
 
 bool create_path(const std::string& path, std::string* afterwards = nullptr) {
   std::string text = path;
-  const bool created = PersistentQueue::CreatePath(&text[0]);
+  const bool created = test::SpoolInside::CreatePath(&text[0]);
   if (afterwards)
     *afterwards = text;
   return created;
@@ -715,29 +715,29 @@ TEST_F(PersistentQueueTest, CreateDirectoryIgnoresItsSecondArgument) {
 
 TEST_F(PersistentQueueTest, CountsHaveTheWidthsThatTheirWrappingDependsOn) {
   EXPECT_FALSE(std::is_polymorphic<PersistentQueue>::value);
-  EXPECT_EQ(sizeof(spool().head_bytes), 4u);
-  EXPECT_EQ(sizeof(spool().total_bytes), 4u);
-  EXPECT_EQ(sizeof(spool().head_records), 4u);
-  EXPECT_EQ(sizeof(spool().file_count), 4u);
-  EXPECT_EQ(sizeof(spool().top_length), 2u);
-  EXPECT_EQ(sizeof(spool().total_limit), 8u);
+  EXPECT_EQ(sizeof(inside().head_bytes), 4u);
+  EXPECT_EQ(sizeof(inside().total_bytes), 4u);
+  EXPECT_EQ(sizeof(inside().head_records), 4u);
+  EXPECT_EQ(sizeof(inside().file_count), 4u);
+  EXPECT_EQ(sizeof(inside().top_length), 2u);
+  EXPECT_EQ(sizeof(inside().total_limit), 8u);
 }
 
 TEST_F(PersistentQueueTest, CountsWrapInsteadOfOverflowing) {
   put("queue.dat", header(0x7fffffff, 1) + record(0, "abcd"));
   start();
-  EXPECT_EQ(spool().head_bytes, 0x7fffffff - 12);
+  EXPECT_EQ(inside().head_bytes, 0x7fffffff - 12);
   store("e");
-  EXPECT_EQ(spool().head_bytes, std::numeric_limits<std::int32_t>::min() + 4);
-  EXPECT_EQ(spool().total_bytes, std::numeric_limits<std::int32_t>::min() + 4);
-  EXPECT_EQ(spool().head_records, 2);
-  EXPECT_NE(spool().head_file, nullptr) << "a negative sum is not above the limit";
+  EXPECT_EQ(inside().head_bytes, std::numeric_limits<std::int32_t>::min() + 4);
+  EXPECT_EQ(inside().total_bytes, std::numeric_limits<std::int32_t>::min() + 4);
+  EXPECT_EQ(inside().head_records, 2);
+  EXPECT_NE(inside().head_file, nullptr) << "a negative sum is not above the limit";
 }
 
 TEST_F(PersistentQueueTest, UsedSizeBelowTwelveMakesTheScanCountBelowZero) {
   put("queue.dat", header(0, 0));
   start();
-  EXPECT_EQ(spool().head_bytes, -12);
+  EXPECT_EQ(inside().head_bytes, -12);
 }
 
 }  // namespace

@@ -23,6 +23,8 @@ class FakeWriter : public threading::MsgThread {
  public:
   bool OnHeartbeat(double, double) override { return true; }
   bool OnFinish(double) override { return true; }
+  using BasicThread::Done;
+  using BasicThread::Kill;
 
   /// What the host's main thread does with what was posted; returns how many there were.
   int process() {

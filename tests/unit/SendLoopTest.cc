@@ -73,7 +73,7 @@ TEST_F(SendLoop, HealthyPrimaryGetsEachRecordOnceInOrder) {
   EXPECT_THAT(run(), Lines("send s1 'a' ok", "send s1 'b' ok", "send s1 'c' ok", kIdle));
   EXPECT_EQ(sent(), 3u);
   EXPECT_EQ(failed(), 0u);
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
 }
 
 TEST_F(SendLoop, EmptyQueueIsPolledEveryTenthOfASecond) {
@@ -84,13 +84,13 @@ TEST_F(SendLoop, EmptyQueueIsPolledEveryTenthOfASecond) {
 TEST_F(SendLoop, ReturnsAtOnceWhenItIsNotToRun) {
   connect();
   write("a");
-  worker->running = false;
-  worker->main_fail_time = 5;
-  worker->secondary_index = 6;
+  inside().running = false;
+  inside().main_fail_time = 5;
+  inside().secondary_index = 6;
   worker->DoWork();
   EXPECT_THAT(log.story(), IsEmpty());
-  EXPECT_EQ(worker->main_fail_time, 0);
-  EXPECT_EQ(worker->secondary_index, 0);
+  EXPECT_EQ(inside().main_fail_time, 0);
+  EXPECT_EQ(inside().secondary_index, 0);
 }
 
 TEST_F(SendLoop, ABodyGoesOutByteForByte) {
@@ -125,7 +125,7 @@ TEST_F(SendLoop, ASecondAttemptAfterASecondIsStillASuccess) {
   EXPECT_THAT(run(), Lines("send s1 'a' failed", kRetryPause, "send s1 'a' ok", kIdle));
   EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(failed(), 0u);
-  EXPECT_EQ(worker->main_fail_time, 0);
+  EXPECT_EQ(inside().main_fail_time, 0);
 }
 
 // -- Primary fails --------------------------------------------------------------------------------
@@ -138,11 +138,11 @@ TEST_F(SendLoop, FirstFailureWarnsRequeuesAndRetriesAtOnce) {
   size_t waiting = 99;
   log.listen([&](const std::string& line) {
     if (line == "send s1 'r' ok") {
-      marked = worker->main_fail_time;
-      waiting = worker->queue.size();
+      marked = inside().main_fail_time;
+      waiting = inside().queue.size();
     }
     if (line == kIdle)
-      worker->running = false;
+      inside().running = false;
   });
   log.clear();
   const int64_t start = clock.now_us() / 1000000;
@@ -151,8 +151,8 @@ TEST_F(SendLoop, FirstFailureWarnsRequeuesAndRetriesAtOnce) {
                                  kNotResponding, "send s1 'r' ok", kIdle));
   EXPECT_EQ(marked, start + 1);
   EXPECT_EQ(waiting, 1u) << "the requeued entry waits while the record is sent again";
-  EXPECT_EQ(worker->main_fail_time, 0);
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_EQ(inside().main_fail_time, 0);
+  EXPECT_TRUE(inside().queue.empty());
   EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(failed(), 1u);
 }
@@ -187,7 +187,7 @@ TEST_F(SendLoop, WithoutSecondariesEveryFurtherPassWarnsAndPushesOneMoreEntry) {
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary, kIdle));
-  EXPECT_EQ(worker->queue.size(), 4u);
+  EXPECT_EQ(inside().queue.size(), 4u);
   EXPECT_EQ(sent(), 0u);
   EXPECT_EQ(failed(), 4u);
 }
@@ -206,7 +206,7 @@ TEST_F(SendLoop, EntriesLeftByFailedPassesAreSkippedOnceTheRecordIsDelivered) {
                     "send s1 'a' failed", kRetryPause, "send s1 'a' failed",
                     kNoSecondary,  //
                     "send s1 'a' ok", kBackOnline, "send s1 'b' ok", "send s1 'c' ok", kIdle));
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
   EXPECT_EQ(sent(), 3u);
   EXPECT_EQ(failed(), 3u);
 }
@@ -231,7 +231,7 @@ TEST_F(SendLoop, BackOnlineAfterNobodyAnswered) {
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed",
                     kNoSecondary,  //
                     "send s1 'r' failed", kRetryPause, "send s1 'r' ok", kBackOnline, kIdle));
-  EXPECT_EQ(worker->main_fail_time, 0);
+  EXPECT_EQ(inside().main_fail_time, 0);
   EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(failed(), 2u);
 }
@@ -246,9 +246,9 @@ TEST_F(SendLoop, SwitchingSendsTheMessageAndThenAnEmptyOne) {
   EXPECT_THAT(rest, Lines(kIdle, "disconnect s2 tcp://a:5555", "close s2"));
   EXPECT_EQ(sent(), 2u) << "both sends to the secondary are counted";
   EXPECT_EQ(failed(), 2u);
-  EXPECT_EQ(worker->secondary_server, "tcp://a:5555");
-  EXPECT_EQ(worker->secondary_index, 0);
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_EQ(inside().secondary_server, "tcp://a:5555");
+  EXPECT_EQ(inside().secondary_index, 0);
+  EXPECT_TRUE(inside().queue.empty());
 }
 
 TEST_F(SendLoop, LaterMessagesFailOnThePrimaryAndGoToTheSecondaryWithoutAWord) {
@@ -308,7 +308,7 @@ TEST_F(SendLoop, ASecondaryThatFailsIsClosedAndTheRecordGoesRoundAgain) {
                   "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
   EXPECT_EQ(sent(), 4u);
   EXPECT_EQ(failed(), 5u);
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
 }
 
 TEST_F(SendLoop, WhenTheEmptySendFailsTheMessageCountsAsDelivered) {
@@ -327,7 +327,7 @@ TEST_F(SendLoop, WhenTheEmptySendFailsTheMessageCountsAsDelivered) {
                     "send s1 'r2' ok", kBackOnline, kIdle));
   EXPECT_EQ(sent(), 2u);
   EXPECT_EQ(failed(), 3u);
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
 }
 
 TEST_F(SendLoop, AfterAFailedEmptySendTheNextFailureOfThePrimarySearches) {
@@ -358,7 +358,7 @@ TEST_F(SendLoop, SecondariesAreSearchedInListOrder) {
                     "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' ok",
                     switched_to("tcp://c:5555"), "send s4 '' ok", kIdle,
                     "disconnect s4 tcp://c:5555", "close s4"));
-  EXPECT_EQ(worker->secondary_index, 2);
+  EXPECT_EQ(inside().secondary_index, 2);
   EXPECT_EQ(sent(), 2u);
   EXPECT_EQ(failed(), 4u);
 }
@@ -378,8 +378,8 @@ TEST_F(SendLoop, WhenNoneOfThreeAcceptsTheRecordIsRequeued) {
             "close s3",  //
             "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' failed", kRetryPause,
             "send s4 'r' failed", "disconnect s4 tcp://c:5555", "close s4", kNoSecondary, kIdle));
-  EXPECT_EQ(worker->queue.size(), 2u);
-  EXPECT_EQ(worker->secondary_index, 3);
+  EXPECT_EQ(inside().queue.size(), 2u);
+  EXPECT_EQ(inside().secondary_index, 3);
   EXPECT_EQ(failed(), 5u);
 }
 
@@ -393,7 +393,7 @@ TEST_F(SendLoop, ASecondaryThatIsListedTwiceIsTriedTwice) {
                     "send s2 'r' failed", "disconnect s2 tcp://a:5555", "close s2", "socket s3",
                     "connect s3 tcp://a:5555 ok", "send s3 'r' ok", switched_to("tcp://a:5555"),
                     "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
-  EXPECT_EQ(worker->secondary_index, 1);
+  EXPECT_EQ(inside().secondary_index, 1);
 }
 
 TEST_F(SendLoop, WithoutASocketForItASecondarySimplyFails) {
@@ -432,7 +432,7 @@ TEST_F(SendLoop, TheMessageThatSwitchesIsDeliveredOnceInSpiteOfItsEntries) {
   const auto story = run();
   EXPECT_THAT(log.starting_with("send s4"), Lines("send s4 'r1' ok", "send s4 '' ok"));
   EXPECT_THAT(story, Contains("send s1 'r2' ok"));
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
 }
 
 // -- A second outage ------------------------------------------------------------------------------
@@ -510,7 +510,7 @@ TEST_F(SendLoop, HoldOffLastsTenSecondsWhenTheLoopComesByWithAFailedPrimary) {
   expected.push_back("send s1 'r' ok");
   expected.push_back(kIdle);
   EXPECT_THAT(rest, ElementsAreArray(expected));
-  EXPECT_EQ(worker->main_fail_time, 0);
+  EXPECT_EQ(inside().main_fail_time, 0);
 }
 
 TEST_F(SendLoop, NoHoldOffOnceTheStateIsAnother) {
@@ -556,7 +556,7 @@ TEST_F(SendLoop, AnAbandonedRecordIsSentFromTheEntryThatAFailedPassLeft) {
               Lines("send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNotResponding,
                     "send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNoSecondary,
                     kInitFailed, kIdle, "send s1 'b' ok", kBackOnline, "send s1 'a' ok", kIdle));
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
 }
 
 // -- The spool ------------------------------------------------------------------------------------
@@ -596,7 +596,7 @@ TEST_F(SendLoop, RefillStopsWithFiveHundredWaiting) {
   // 496 are left after the first; that makes room for four.
   EXPECT_THAT(story, Lines("send s1 'r0' ok", "spool get 'd9'", "spool get 'd8'", "spool get 'd7'",
                            "spool get 'd6'", kIdle));
-  EXPECT_EQ(worker->queue.size(), 500u);
+  EXPECT_EQ(inside().queue.size(), 500u);
   EXPECT_EQ(FakeSpool::contents().size(), 6u);
 }
 
@@ -665,7 +665,7 @@ TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
     if (line == kNoSecondary && ++passes == 499)
       write("late");
     if (line == kIdle)
-      worker->running = false;
+      inside().running = false;
   });
   log.clear();
   worker->DoWork();
@@ -684,10 +684,10 @@ TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
       EXPECT_EQ(status().in_work, 1);
     }
     if (line == kIdle)
-      worker->running = false;
+      inside().running = false;
   });
   log.clear();
-  worker->running = true;
+  inside().running = true;
   worker->DoWork();
   log.listen(nullptr);
   const auto story = log.story();
@@ -695,7 +695,7 @@ TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
   EXPECT_THAT(
       std::vector<std::string>(story.end() - 5, story.end()),
       Lines("send s1 'r' ok", kBackOnline, "spool get 'spooled'", "send s1 'spooled' ok", kIdle));
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
 }
 
 // -- Stop during each step ------------------------------------------------------------------------
@@ -706,7 +706,7 @@ TEST_F(SendLoop, StopDuringTheFirstAttemptGivesTheRecordUpWithoutARetry) {
   write("r");
   EXPECT_THAT(run("send s1 'r' failed"), Lines("send s1 'r' failed", kIdle));
   EXPECT_EQ(failed(), 1u);
-  EXPECT_TRUE(worker->queue.empty()) << "neither sent, requeued nor spooled";
+  EXPECT_TRUE(inside().queue.empty()) << "neither sent, requeued nor spooled";
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
   EXPECT_EQ(zmq.live_contents(), 0u);
 }
@@ -718,7 +718,7 @@ TEST_F(SendLoop, StopDuringTheRetryPauseStillMakesTheSecondAttempt) {
   EXPECT_THAT(run(kRetryPause),
               Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kIdle));
   EXPECT_EQ(failed(), 1u);
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
 }
 
 TEST_F(SendLoop, StopDuringASuccessfulSendStillReleasesAndRefills) {
@@ -727,7 +727,7 @@ TEST_F(SendLoop, StopDuringASuccessfulSendStillReleasesAndRefills) {
   write("a");
   write("b");
   EXPECT_THAT(run("send s1 'a' ok"), Lines("send s1 'a' ok", "spool get 'd'", kIdle));
-  EXPECT_EQ(worker->queue.size(), 2u);
+  EXPECT_EQ(inside().queue.size(), 2u);
 }
 
 TEST_F(SendLoop, StopDuringTheNotRespondingWarningLeavesTheRequeuedRecordToTheFlush) {
@@ -736,7 +736,7 @@ TEST_F(SendLoop, StopDuringTheNotRespondingWarningLeavesTheRequeuedRecordToTheFl
   write("r");
   EXPECT_THAT(run(kNotResponding), Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed",
                                          kNotResponding, kIdle));
-  EXPECT_EQ(worker->queue.size(), 1u);
+  EXPECT_EQ(inside().queue.size(), 1u);
   EXPECT_THAT(stop(),
               Lines("send s1 'r' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
@@ -753,7 +753,7 @@ TEST_F(SendLoop, StopDuringASearchEndsItWithSingleAttempts) {
                     "disconnect s3 tcp://b:5555", "close s3",  //
                     "socket s4", "connect s4 tcp://c:5555 ok", "send s4 'r' failed",
                     "disconnect s4 tcp://c:5555", "close s4", kNoSecondary, kIdle));
-  EXPECT_EQ(worker->queue.size(), 2u);
+  EXPECT_EQ(inside().queue.size(), 2u);
   EXPECT_THAT(stop(),
               Lines("send s1 'r' failed", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"))
       << "one attempt, whatever the number of entries";
@@ -765,7 +765,7 @@ TEST_F(SendLoop, StopAsASecondaryAcceptsStillSendsTheEmptyMessage) {
   write("r");
   const auto rest = after(switched("r"), run("send s2 'r' ok"));
   EXPECT_THAT(rest, Lines(kIdle, "disconnect s2 tcp://a:5555", "close s2"));
-  EXPECT_EQ(worker->queue.size(), 1u) << "the entry of the delivered record";
+  EXPECT_EQ(inside().queue.size(), 1u) << "the entry of the delivered record";
   EXPECT_THAT(stop(), Lines("disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
 
@@ -812,7 +812,7 @@ TEST_F(SendLoop, ARecordAbandonedOnStopIsFlushedFromTheEntriesThatItLeft) {
               Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
                     "send s1 'r' failed", kIdle));
-  EXPECT_EQ(worker->queue.size(), 2u);
+  EXPECT_EQ(inside().queue.size(), 2u);
   EXPECT_THAT(stop(),
               Lines("send s1 'r' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
   EXPECT_EQ(sent(), 1u);
@@ -834,7 +834,7 @@ TEST_F(SendLoop, StopDuringTheRefillFinishesIt) {
   FakeSpool::put("d2");
   write("a");
   EXPECT_THAT(run("spool get"), Lines("send s1 'a' ok", "spool get 'd2'", "spool get 'd1'", kIdle));
-  EXPECT_EQ(worker->queue.size(), 2u);
+  EXPECT_EQ(inside().queue.size(), 2u);
 }
 
 TEST_F(SendLoop, StopWhileAMessageCannotBeInitialisedEndsTheLoop) {
@@ -862,7 +862,7 @@ TEST_F(SendLoop, StopAtAnyStepOfAnEventfulRunLosesAtMostTheRecordInWork) {
     write_many(records);
     log.listen([&, seen = 0](const std::string& line) mutable {
       if (++seen == step || line == kIdle)
-        worker->running = false;
+        inside().running = false;
     });
     log.clear();
     worker->DoWork();

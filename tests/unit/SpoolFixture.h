@@ -1,4 +1,4 @@
-// A spool in a temporary folder, and verbs for it. Needs access to private members.
+// A spool in a temporary folder, and verbs for it.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -18,6 +18,7 @@
 #include "Paths.h"
 #include "PersistentQueue.h"
 #include "SpoolBesideModel.h"
+#include "SpoolInside.h"
 #include "TempDir.h"
 
 namespace test {
@@ -74,6 +75,7 @@ class SpoolFixture {
       start();
     return *spool_;
   }
+  SpoolInside inside() { return SpoolInside(&spool()); }
   void start() { spool_ = std::make_unique<PersistentQueue>(); }
   /// A clean stop: the head file gets its header.
   void stop() { spool_.reset(); }

@@ -103,7 +103,7 @@ TEST_F(SpoolRepairTest, OriginalIsKeptBesideUnderANameThatNoStartLooksAt) {
   EXPECT_EQ(content("queue.dat.before-repair"), before);
   EXPECT_EQ(content(), header(21, 1) + before.substr(12)) << "only the header has changed";
   start();
-  EXPECT_EQ(spool().file_count, 1);
+  EXPECT_EQ(inside().file_count, 1);
   stop();
 
   put("queue.dat", before + "!");

@@ -1,5 +1,5 @@
 // What the tests of the worker share: a worker over fake libzmq, clock and spool, whose send loop
-// runs on the test's own thread. To be compiled with access to private members.
+// runs on the test's own thread.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -15,6 +15,7 @@
 #include "FakeClock.h"
 #include "FakeSpool.h"
 #include "FakeZmq.h"
+#include "WorkerInside.h"
 #include "WriterStatus.h"
 #include "ZmqWorker.h"
 
@@ -58,7 +59,7 @@ class WorkerFixture : public ::testing::Test {
   void TearDown() override {
     log.listen(nullptr);
     if (worker) {
-      if (!worker->running)
+      if (!inside().running)
         drive();
       stop();
       delete worker;
@@ -72,8 +73,7 @@ class WorkerFixture : public ::testing::Test {
   void connect(const std::string& secondaries = "") {
     worker = new Worker();
     worker->Init("p", "", secondaries);
-    worker->context = zmq_ctx_new();
-    worker->socket = worker->Connect(worker->server);
+    inside().connect();
     drive();
     log.clear();
   }
@@ -81,7 +81,7 @@ class WorkerFixture : public ::testing::Test {
   /// Makes the worker believe that it was started.
   void drive() {
     driven = true;
-    worker->running = true;
+    inside().running = true;
   }
 
   void write(const std::string& body) { worker->Write(body.size(), body.data()); }
@@ -106,7 +106,7 @@ class WorkerFixture : public ::testing::Test {
   void stop_at(const std::string& start, int nth = 1) {
     log.listen([this, start, nth](const std::string& line) mutable {
       if (line.compare(0, start.size(), start) == 0 && --nth == 0)
-        worker->running = false;
+        inside().running = false;
     });
   }
 
@@ -114,7 +114,7 @@ class WorkerFixture : public ::testing::Test {
   /// and gives what it did.
   std::vector<std::string> run(const std::string& last = kIdle, int nth = 1) {
     log.clear();
-    worker->running = true;
+    inside().running = true;
     stop_at(last, nth);
     worker->DoWork();
     log.listen(nullptr);
@@ -125,14 +125,14 @@ class WorkerFixture : public ::testing::Test {
   /// ended.
   std::vector<std::string> stop() {
     log.clear();
-    if (driven) {
-      worker->running = true;
-      const auto end_at_once = [](void* nothing) { return nothing; };
-      pthread_create(&worker->thread, nullptr, end_at_once, nullptr);
-    }
-    worker->Stop();
+    if (driven)
+      inside().stop();
+    else
+      worker->Stop();
     return log.story();
   }
+
+  WorkerInside inside() const { return WorkerInside(worker); }
 
   DravenholtZmqWriterStatus status() {
     DravenholtZmqWriterStatus result = {};
@@ -141,14 +141,14 @@ class WorkerFixture : public ::testing::Test {
   }
 
   bool queue_is_locked() {
-    if (pthread_mutex_trylock(&worker->mutex) != 0)
+    if (pthread_mutex_trylock(&inside().mutex) != 0)
       return true;
-    pthread_mutex_unlock(&worker->mutex);
+    pthread_mutex_unlock(&inside().mutex);
     return false;
   }
 
-  uint64_t sent() const { return worker->sent_count; }
-  uint64_t failed() const { return worker->failed_count; }
+  uint64_t sent() const { return inside().sent_count; }
+  uint64_t failed() const { return inside().failed_count; }
 
   CallLog& log = CallLog::instance();
   FakeClock clock;

@@ -35,7 +35,7 @@ class Configuration : public test::WorkerFixture {
 
   /// As Start, up to the connection.
   void open_context() {
-    worker->context = zmq_ctx_new();
+    inside().context = zmq_ctx_new();
     drive();
   }
 
@@ -48,7 +48,7 @@ class Configuration : public test::WorkerFixture {
   std::vector<std::string> secondaries_of(const std::string& list) {
     ZmqWorker other = ZmqWorker();
     other.Init("p", "", list);
-    return other.secondary_servers;
+    return test::WorkerInside(&other).secondary_servers;
   }
 
   std::vector<std::string> limits() { return log.starting_with(".spool_limits"); }
@@ -65,19 +65,22 @@ TEST_F(Configuration, AFreshWorkerIsZeroInEveryMember) {
   // Over memory that is not: what the parentheses promise.
   alignas(ZmqWorker) unsigned char memory[sizeof(ZmqWorker)];
   std::memset(memory, 0xa5, sizeof memory);
-  ZmqWorker* fresh = new (memory) ZmqWorker();
-  EXPECT_EQ(fresh->main_fail_time, 0);
-  EXPECT_EQ(fresh->secondary_index, 0);
-  EXPECT_FALSE(fresh->running);
-  EXPECT_EQ(fresh->context, nullptr);
-  EXPECT_EQ(fresh->socket, nullptr);
-  EXPECT_EQ(fresh->sent_count, 0u);
-  EXPECT_EQ(fresh->failed_count, 0u);
-  EXPECT_EQ(fresh->DroppedByFlush(), 0u);
-  EXPECT_FALSE(fresh->in_work);
-  EXPECT_TRUE(fresh->queue.empty());
-  EXPECT_EQ(fresh->server, "");
-  fresh->~ZmqWorker();
+  ZmqWorker* worker = new (memory) ZmqWorker();
+  const test::WorkerInside fresh(worker);
+  EXPECT_EQ(fresh.main_fail_time, 0);
+  EXPECT_EQ(fresh.secondary_index, 0);
+  EXPECT_FALSE(fresh.running);
+  EXPECT_EQ(fresh.context, nullptr);
+  EXPECT_EQ(fresh.socket, nullptr);
+  EXPECT_EQ(fresh.sent_count, 0u);
+  EXPECT_EQ(fresh.failed_count, 0u);
+  EXPECT_EQ(worker->DroppedByFlush(), 0u);
+  DravenholtZmqWriterStatus status = {};
+  worker->FillStatus(&status);
+  EXPECT_FALSE(status.in_work);
+  EXPECT_TRUE(fresh.queue.empty());
+  EXPECT_EQ(fresh.server, "");
+  worker->~ZmqWorker();
 }
 
 // -- Endpoints ------------------------------------------------------------------------------------
@@ -111,35 +114,35 @@ INSTANTIATE_TEST_SUITE_P(Table, Endpoints,
 TEST_F(Configuration, ArgumentsAreTheDefaultsOfSettingsThatAreNotGiven) {
   set("unrelated = 1\n");
   init("first", "KEY", "second");
-  EXPECT_EQ(worker->server, "tcp://first:5555");
-  EXPECT_EQ(worker->public_key, "KEY");
-  EXPECT_THAT(worker->secondary_servers, Lines("tcp://second:5555"));
-  EXPECT_FALSE(worker->running);
+  EXPECT_EQ(inside().server, "tcp://first:5555");
+  EXPECT_EQ(inside().public_key, "KEY");
+  EXPECT_THAT(inside().secondary_servers, Lines("tcp://second:5555"));
+  EXPECT_FALSE(inside().running);
 }
 
 TEST_F(Configuration, WithoutAnySettingsFileTheArgumentsHold) {
   init("first", "KEY", "second");
-  EXPECT_EQ(worker->server, "tcp://first:5555");
-  EXPECT_EQ(worker->public_key, "KEY");
-  EXPECT_THAT(worker->secondary_servers, Lines("tcp://second:5555"));
+  EXPECT_EQ(inside().server, "tcp://first:5555");
+  EXPECT_EQ(inside().public_key, "KEY");
+  EXPECT_THAT(inside().secondary_servers, Lines("tcp://second:5555"));
 }
 
 TEST_F(Configuration, SettingsWinOverTheArguments) {
   set("zmq.server = a:1\nzmq.public_key = OTHER\nzmq.secondary_servers = b:2,c:3\n");
   init("first", "KEY", "second");
-  EXPECT_EQ(worker->server, "tcp://a:1");
-  EXPECT_EQ(worker->public_key, "OTHER");
-  EXPECT_THAT(worker->secondary_servers, Lines("tcp://b:2", "tcp://c:3"));
+  EXPECT_EQ(inside().server, "tcp://a:1");
+  EXPECT_EQ(inside().public_key, "OTHER");
+  EXPECT_THAT(inside().secondary_servers, Lines("tcp://b:2", "tcp://c:3"));
 }
 
 TEST_F(Configuration, ThePrimaryIsNotTrimmed) {
   init(" a ");
-  EXPECT_EQ(worker->server, "tcp:// a :5555");
+  EXPECT_EQ(inside().server, "tcp:// a :5555");
 }
 
 TEST_F(Configuration, NoPrimaryAtAllIsNormalisedAllTheSame) {
   init("");
-  EXPECT_EQ(worker->server, "tcp://:5555");
+  EXPECT_EQ(inside().server, "tcp://:5555");
 }
 
 TEST_F(Configuration, SecondaryListIsSplitAtCommasAndTrimmed) {
@@ -495,13 +498,7 @@ namespace {
 class Starting : public Configuration {
  protected:
   /// What was written to a worker that stays idle has no owner once that is deleted.
-  void release_idle_worker() {
-    while (!worker->queue.empty()) {
-      free(worker->queue.front()->data);
-      free(worker->queue.front());
-      worker->queue.pop();
-    }
-  }
+  void release_idle_worker() { inside().take_queue(); }
 };
 
 }  // namespace
@@ -513,13 +510,13 @@ TEST_F(Starting, SaysWhereItConnectsBeforeItDoes) {
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "Connecting to tcp://host:5555\nUsing zmq server tcp://host:5555\n"
             "Using zmq public key AB\n");
-  EXPECT_TRUE(worker->running);
+  EXPECT_TRUE(inside().running);
 }
 
 TEST_F(Starting, ZeroesTheCounters) {
   init();
-  worker->sent_count = 7;
-  worker->failed_count = 8;
+  inside().sent_count = 7;
+  inside().failed_count = 8;
   worker->Start();
   EXPECT_EQ(sent(), 0u);
   EXPECT_EQ(failed(), 0u);
@@ -540,8 +537,8 @@ TEST_F(Starting, WithoutAPrimarySocketTheWorkerStaysIdle) {
   worker->Start();
   EXPECT_THAT(log.story(), Lines("ctx_new", "socket failed", "error: Failed to open ZMQ socket",
                                  "error: Failed to open ZMQ socket"));
-  EXPECT_FALSE(worker->running);
-  EXPECT_NE(worker->context, nullptr);
+  EXPECT_FALSE(inside().running);
+  EXPECT_NE(inside().context, nullptr);
 }
 
 TEST_F(Starting, ARefusedPrimaryIsReportedTwice) {
@@ -552,7 +549,7 @@ TEST_F(Starting, ARefusedPrimaryIsReportedTwice) {
   EXPECT_THAT(log.story(), Lines("ctx_new", "socket s1", "connect s1 tcp://bad:5555 failed",
                                  "error: Failed to connect to ZMQ server tcp://bad:5555",
                                  "close s1", "error: Failed to open ZMQ socket"));
-  EXPECT_FALSE(worker->running);
+  EXPECT_FALSE(inside().running);
 }
 
 #ifdef __GLIBC__  // elsewhere the default size of stacks cannot be set
@@ -566,7 +563,7 @@ TEST_F(Starting, WithoutASendThreadTheWorkerStaysIdle) {
   ASSERT_EQ(pthread_setattr_default_np(&too_large), 0);
   worker->Start();
   ASSERT_EQ(pthread_setattr_default_np(&before), 0);
-  EXPECT_FALSE(worker->running);
+  EXPECT_FALSE(inside().running);
   EXPECT_THAT(log.story(), Lines("ctx_new", "socket s1", "connect s1 tcp://p:5555 ok",
                                  "error: Failed to start the send thread"));
   pthread_attr_destroy(&before);
@@ -577,9 +574,9 @@ TEST_F(Starting, WithoutASendThreadTheWorkerStaysIdle) {
 TEST_F(Starting, TheSendThreadEndsWithTheWorkerAsItsResult) {
   init();
   worker->Start();
-  worker->running = false;
+  inside().running = false;
   void* result = nullptr;
-  ASSERT_EQ(pthread_join(worker->thread, &result), 0);
+  ASSERT_EQ(pthread_join(inside().thread, &result), 0);
   EXPECT_EQ(result, worker);
 }
 
@@ -587,8 +584,8 @@ TEST_F(Starting, WithoutAContextTheWorkerStaysIdle) {
   zmq.on_ctx_new = [] { return test::kFail; };
   init();
   worker->Start();
-  EXPECT_FALSE(worker->running);
-  EXPECT_EQ(worker->socket, nullptr);
+  EXPECT_FALSE(inside().running);
+  EXPECT_EQ(inside().socket, nullptr);
 }
 
 TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
@@ -597,7 +594,7 @@ TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
   worker->Start();
   log.clear();
   write_many(502);
-  EXPECT_EQ(worker->queue.size(), 500u);
+  EXPECT_EQ(inside().queue.size(), 500u);
   EXPECT_THAT(test::FakeSpool::contents(), Lines("r500", "r501"));
 
   log.clear();
@@ -605,7 +602,7 @@ TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
   worker->Stop();
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   EXPECT_THAT(log.all(), IsEmpty());
-  EXPECT_EQ(worker->queue.size(), 500u);
+  EXPECT_EQ(inside().queue.size(), 500u);
   EXPECT_EQ(sent() + failed(), 0u);
   release_idle_worker();
 }

@@ -48,11 +48,11 @@ TEST_F(Queue, FiveHundredAndFirstMessageGoesToTheSpool) {
   connect();
   write_many(500);
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
-  EXPECT_EQ(worker->queue.size(), 500u);
+  EXPECT_EQ(inside().queue.size(), 500u);
   write("r500");
   write("r501");
   EXPECT_THAT(FakeSpool::contents(), Lines("r500", "r501"));
-  EXPECT_EQ(worker->queue.size(), 500u);
+  EXPECT_EQ(inside().queue.size(), 500u);
 }
 
 TEST_F(Queue, TheSpoolStoresUnderTheQueuesLock) {
@@ -71,7 +71,7 @@ TEST_F(Queue, TheSpoolStoresUnderTheQueuesLock) {
 TEST_F(Queue, TheSendLoopSendsACopyWithTheQueueUnlocked) {
   connect();
   write("a");
-  const void* const body = worker->queue.front()->data;
+  const void* const body = inside().queue.front()->data;
   int looks = 0;
   zmq.on_send = [&](const std::string&, const std::string&) {
     looks += 1;
@@ -126,12 +126,8 @@ TEST_F(Queue, AfterStopWhatFindsNoRoomInMemoryIsDroppedQuietly) {
   connect();
   stop();
   write_many(501);
-  EXPECT_EQ(worker->queue.size(), 500u);
-  while (!worker->queue.empty()) {
-    free(worker->queue.front()->data);
-    free(worker->queue.front());
-    worker->queue.pop();
-  }
+  EXPECT_EQ(inside().queue.size(), 500u);
+  inside().take_queue();
 }
 
 TEST_F(Queue, WithoutMemoryForTheBodyTheHostIsTold) {
@@ -161,8 +157,8 @@ TEST_F(Stopping, EndsEverythingInOrder) {
                     ".msg_close",  //
                     "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy", ".spool_close",
                     ".deliver_pending"));
-  EXPECT_EQ(worker->socket, nullptr);
-  EXPECT_EQ(worker->context, nullptr);
+  EXPECT_EQ(inside().socket, nullptr);
+  EXPECT_EQ(inside().context, nullptr);
 }
 
 TEST_F(Stopping, WithThePrimaryDownEachRecordGetsOneAttemptAndIsDropped) {
@@ -174,7 +170,7 @@ TEST_F(Stopping, WithThePrimaryDownEachRecordGetsOneAttemptAndIsDropped) {
               Lines("send s1 'r0' failed", "send s1 'r1' failed", "send s1 'r2' failed",
                     "send s1 'r3' failed", "send s1 'r4' failed", "disconnect s1 tcp://p:5555",
                     "close s1", "ctx_destroy"));
-  EXPECT_TRUE(worker->queue.empty());
+  EXPECT_TRUE(inside().queue.empty());
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
   EXPECT_EQ(worker->DroppedByFlush(), 5u);
 }
@@ -191,8 +187,8 @@ TEST_F(Stopping, SaysWhatWasSentAndWhatFailed) {
 
 TEST_F(Stopping, TheFinalLineShowsTheLower32BitsOfTheCounts) {
   connect();
-  worker->sent_count = (1ull << 32) + 7;
-  worker->failed_count = 0x80000000ull;
+  inside().sent_count = (1ull << 32) + 7;
+  inside().failed_count = 0x80000000ull;
   EXPECT_EQ(stop_and_read_stdout(),
             "ZMQ worker finished, sent 7 messages, failed -2147483648 times\n");
 }
@@ -219,8 +215,8 @@ TEST_F(Stopping, TheFlushSendsTheRecordsOwnBodiesWithTheQueueLocked) {
   connect();
   write("a");
   write("b");
-  const void* const first = worker->queue.front()->data;
-  const void* const second = worker->queue.back()->data;
+  const void* const first = inside().queue.front()->data;
+  const void* const second = inside().queue.back()->data;
   int looks = 0;
   zmq.on_send = [&](const std::string&, const std::string&) {
     looks += 1;
@@ -276,7 +272,7 @@ TEST_F(Stopping, ARecordWithManyEntriesIsFlushedOnceAndInItsFirstPlace) {
   write("a");
   write("b");
   run(kNoSecondary, 3);
-  ASSERT_EQ(worker->queue.size(), 5u) << "b and four entries of a";
+  ASSERT_EQ(inside().queue.size(), 5u) << "b and four entries of a";
   zmq.on_send = nullptr;
   EXPECT_THAT(stop(), Lines("send s1 'b' ok", "send s1 'a' ok", "disconnect s1 tcp://p:5555",
                             "close s1", "ctx_destroy"));
@@ -287,9 +283,9 @@ TEST_F(Stopping, EntriesOfDeliveredRecordsAreNotFlushed) {
   sends({kFail, kFail, kFail, kFail});
   write("a");
   run("send s1 'a' ok");
-  ASSERT_EQ(worker->queue.size(), 2u);
-  EXPECT_TRUE(worker->queue.front()->done);
-  EXPECT_EQ(worker->queue.front()->data, nullptr) << "the body goes with the delivery";
+  ASSERT_EQ(inside().queue.size(), 2u);
+  EXPECT_TRUE(inside().queue.front()->done);
+  EXPECT_EQ(inside().queue.front()->data, nullptr) << "the body goes with the delivery";
   EXPECT_THAT(stop(), Lines("disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
 
@@ -297,7 +293,7 @@ TEST_F(Stopping, ARecordWhoseMessageCannotBeInitialisedIsLeftOutOfTheFlush) {
   connect();
   write("a");
   write("b");
-  void* const body = worker->queue.front()->data;
+  void* const body = inside().queue.front()->data;
   zmq.on_init_size = [calls = 0](size_t) mutable { return ++calls != 1; };
   EXPECT_THAT(stop(),
               Lines("send s1 'b' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
@@ -394,7 +390,7 @@ TEST_F(Status, NeverSaysThatAllWasHandedOverWhileSomethingIsLeft) {
     EXPECT_TRUE(delivered == 3 || !all_handed_over(status())) << "at " << line;
     if (line == kIdle) {
       EXPECT_TRUE(all_handed_over(status()));
-      worker->running = false;
+      inside().running = false;
     }
   });
   worker->DoWork();

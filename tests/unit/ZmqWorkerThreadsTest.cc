@@ -12,6 +12,7 @@
 #include "FakeSpool.h"
 #include "FakeZmq.h"
 #include "TempDir.h"
+#include "WorkerInside.h"
 #include "WriterStatus.h"
 #include "ZmqWorker.h"
 
@@ -128,13 +129,7 @@ TEST_F(Threads, WritersMayGoOnWhileTheWorkerStops) {
   worker.Stop();
   for (auto& writer : writers)
     writer.join();
-  std::vector<std::string> left;
-  while (!worker.queue.empty()) {
-    left.emplace_back(static_cast<char*>(worker.queue.front()->data), worker.queue.front()->size);
-    free(worker.queue.front()->data);
-    free(worker.queue.front());
-    worker.queue.pop();
-  }
+  const std::vector<std::string> left = WorkerInside(&worker).take_queue();
   auto all = delivered();
   const size_t sent_count = all.size();
   all.insert(all.end(), left.begin(), left.end());
