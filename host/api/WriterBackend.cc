@@ -10,17 +10,6 @@ namespace logging {
 
 namespace {
 
-class DisableMessage final : public threading::OutputMessage<WriterFrontend> {
- public:
-  explicit DisableMessage(WriterFrontend* frontend)
-      : threading::OutputMessage<WriterFrontend>("Disable", frontend) {}
-
-  bool Process() override {
-    Object()->SetDisable();
-    return true;
-  }
-};
-
 // memset that stays although the memory is freed next.
 void overwrite(void* memory, size_t size) {
   memset(memory, 0xdb, size);
@@ -69,13 +58,9 @@ WriterBackend::WriterInfo::~WriterInfo() {
   }
 }
 
-WriterBackend::WriterBackend(WriterFrontend* arg_frontend)
-    : frontend(arg_frontend),
-      info(new WriterInfo(arg_frontend->Info())),
-      num_fields(0),
-      fields(nullptr),
-      buffering(true) {
-  SetName(arg_frontend->Name());
+WriterBackend::WriterBackend(WriterFrontend* frontend)
+    : info(new WriterInfo(frontend->Info())), num_fields(0), fields(nullptr), buffering(true) {
+  SetName(frontend->Name());
 }
 
 WriterBackend::~WriterBackend() {
@@ -91,13 +76,7 @@ bool WriterBackend::Init(int arg_num_fields, const threading::Field* const* arg_
   SetOSName(("bro: " + std::string(Name())).c_str());
   num_fields = arg_num_fields;
   fields = arg_fields;
-  if (Failed())
-    return true;
-  if (!DoInit(*info, num_fields, fields)) {
-    DisableFrontend();
-    return false;
-  }
-  return true;
+  return Failed() || DoInit(*info, num_fields, fields);
 }
 
 bool WriterBackend::TypesMatch(int arg_num_fields, int num_writes, threading::Value*** vals) {
@@ -123,8 +102,7 @@ bool WriterBackend::TypesMatch(int arg_num_fields, int num_writes, threading::Va
 
 bool WriterBackend::Write(int arg_num_fields, int num_writes, threading::Value*** vals) {
   RequireChild("Write");
-  const bool match = TypesMatch(arg_num_fields, num_writes, vals);
-  bool success = match;
+  bool success = TypesMatch(arg_num_fields, num_writes, vals);
   for (int j = 0; success && !Failed() && j < num_writes; ++j) {
     success = DoWrite(num_fields, fields, vals[j]);
     for (int i = 0; i < num_fields; ++i)
@@ -136,8 +114,6 @@ bool WriterBackend::Write(int arg_num_fields, int num_writes, threading::Value**
     delete[] vals[j];
   }
   delete[] vals;
-  if (!success)
-    DisableFrontend();
   return success;
 }
 
@@ -146,10 +122,7 @@ bool WriterBackend::SetBuf(bool enabled) {
   if (enabled == buffering)
     return true;
   buffering = enabled;
-  if (Failed() || DoSetBuf(enabled))
-    return true;
-  DisableFrontend();
-  return false;
+  return Failed() || DoSetBuf(enabled);
 }
 
 bool WriterBackend::Rotate(const char* rotated_path, double open, double close,
@@ -163,21 +136,12 @@ bool WriterBackend::Rotate(const char* rotated_path, double open, double close,
             Name());
     abort();
   }
-  DisableFrontend();
   return false;
-}
-
-void WriterBackend::DisableFrontend() {
-  SendOut(new DisableMessage(frontend));
 }
 
 bool WriterBackend::OnHeartbeat(double arg_network_time, double arg_current_time) {
   RequireChild("OnHeartbeat");
-  if (Failed() || DoHeartbeat(arg_network_time, arg_current_time))
-    return true;
-  // The host leaves it enabled, with a pointer to a backend that is gone soon.
-  DisableFrontend();
-  return false;
+  return Failed() || DoHeartbeat(arg_network_time, arg_current_time);
 }
 
 bool WriterBackend::OnFinish(double arg_network_time) {

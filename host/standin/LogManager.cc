@@ -15,7 +15,7 @@ WriterBackend* Manager::CreateBackend(WriterFrontend* frontend, EnumVal* writer)
   if (!backend)
     host::any_reporter().InternalError("factory of writer %s returned null",
                                        component->Name().c_str());
-  thread_mgr->Add(backend);
+  thread_mgr->Add(backend, frontend);
   return backend;
 }
 

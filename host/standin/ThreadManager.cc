@@ -5,10 +5,16 @@
 #include <vector>
 
 #include "HostReporter.h"
+#include "logging/WriterFrontend.h"
 
 threading::Manager* thread_mgr = nullptr;
 
 namespace threading {
+
+void Manager::Add(MsgThread* thread, logging::WriterFrontend* frontend) {
+  threads.push_back(thread);
+  frontends[thread] = frontend;
+}
 
 void Manager::Terminate() {
   // Threads that have ended by now are deleted while the others still work off their queues.
@@ -56,6 +62,8 @@ bool Manager::DrainOut() {
 }
 
 void Manager::Delete(MsgThread* thread) {
+  frontends[thread]->SetDisable();
+  frontends.erase(thread);
   threads.remove(thread);
   thread->Join();
   delete thread;

@@ -1,18 +1,24 @@
-// The host's table of threads. All of it belongs to the main thread.
+// The host's table of threads, which are all writers'. All of it belongs to the main thread.
 #pragma once
 
 #include <stdint.h>
 
 #include <list>
+#include <map>
 
 #include "threading/MsgThread.h"
+
+namespace logging {
+class WriterFrontend;
+}
 
 namespace threading {
 
 class Manager {
  public:
-  /// Takes over a thread, which was not started yet.
-  void Add(MsgThread* thread) { threads.push_back(thread); }
+  /// Takes over a thread, which was not started yet. Its frontend, which must outlive it, is
+  /// disabled when the thread is deleted.
+  void Add(MsgThread* thread, logging::WriterFrontend* frontend);
 
   /// Finishes every thread. First handles messages, and joins and deletes threads that have ended,
   /// until nothing more comes, while the others still work. Then signals the rest to stop, waits
@@ -33,6 +39,7 @@ class Manager {
   void Delete(MsgThread* thread);
 
   std::list<MsgThread*> threads;  // in order of creation
+  std::map<MsgThread*, logging::WriterFrontend*> frontends;
 };
 
 }  // namespace threading

@@ -35,8 +35,7 @@ class WriterBackend : public threading::MsgThread {
     const WriterInfo& operator=(const WriterInfo& other);
   };
 
-  /// Main. Copies the frontend's info; the thread has the frontend's name. The frontend must exist
-  /// for as long as messages of the thread are processed.
+  /// Main. Copies the frontend's info; the thread has the frontend's name.
   explicit WriterBackend(WriterFrontend* frontend);
   /// Main. Deletes the fields.
   virtual ~WriterBackend();
@@ -51,9 +50,6 @@ class WriterBackend : public threading::MsgThread {
   /// Ends the process when DoRotate returns true, as the host does with a writer that reports no
   /// finished rotation. Here no writer can report one.
   bool Rotate(const char* rotated_path, double open, double close, bool terminating);
-
-  /// Child. Posts the order to disable the frontend.
-  void DisableFrontend();
 
   /// Any thread. Hides MsgThread::Info.
   const WriterInfo& Info() const { return *info; }
@@ -78,7 +74,6 @@ class WriterBackend : public threading::MsgThread {
  private:
   bool TypesMatch(int num_fields, int num_writes, threading::Value*** vals);
 
-  WriterFrontend* frontend;
   const WriterInfo* info;
   int num_fields;
   const threading::Field* const* fields;

@@ -43,7 +43,7 @@ class WriterFrontend {
 
   void DeleteVals(threading::Value** vals);
 
-  WriterBackend* backend;  // not to be used any more once disabled
+  WriterBackend* backend;  // may be gone once disabled
   bool disabled;
   bool initialized;
   bool buf;
