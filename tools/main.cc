@@ -52,6 +52,8 @@ int main(int argc, char** argv) {
     return kFailure;
   // When the reader of the output has gone, a write fails, which every command checks.
   signal(SIGPIPE, SIG_IGN);
+  // So does a file that has reached the limit of its size.
+  signal(SIGXFSZ, SIG_IGN);
 
   int exit_code = 0;
   CLI::App app("Tools around the log-writer plug-in Dravenholt::ZMQWriter", "zmqwriter");

@@ -1,21 +1,24 @@
 """zmqwriter collect as the reference receiver: files that rotate, rates, metrics, allowed clients, bad
 input, slow outputs."""
 
+import ctypes
 import fcntl
 import glob
 import json
 import os
 import random
 import re
+import resource
 import signal
 import socket
 import struct
+import subprocess
 import threading
 import time
 import unittest
 import urllib.request
 
-from cli_support import (CliTest, DEADLINE, ZMQWRITER, framed, make_event, needs_zmq, read_file,
+from cli_support import (CliTest, DEADLINE, PLUGIN, ZMQWRITER, framed, make_event, needs_zmq, read_file,
                          totals, wait_for, write_file, zmq)
 
 
@@ -204,37 +207,6 @@ class CollectOutputTest(CliTest):
         self.assertEqual(result.returncode, 1)
         self.assertIn("only a regular file can be rotated", result.stderr)
 
-    def test_full_disk_is_a_failure_that_counts_what_did_not_get_out(self):
-        if not os.path.exists("/dev/full"):
-            self.skipTest("needs /dev/full")
-        collector = self.collect("--output", "/dev/full")
-        self.agent(collector.endpoint).send(make_event())
-        self.assertEqual(collector.wait(), 1)
-        self.assertIn("cannot write the output: No space left on device", collector.stderr)
-        self.assertIn("1 of the events received did not get out", collector.stderr)
-
-    def test_file_ends_with_a_whole_event_when_no_more_can_be_written(self):
-        self.keygen()
-        limit = 10000
-        import resource
-        collector = self.collect(
-            "--output", "events", "--format", "raw",
-            preexec_fn=lambda: (signal.signal(signal.SIGXFSZ, signal.SIG_IGN),
-                                resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))))
-        event = make_event(details=b"x" * 333)
-        agent = self.agent(collector.endpoint)
-        try:
-            while collector.popen.poll() is None:
-                agent.send(event, zmq.NOBLOCK)
-        except zmq.Again:
-            pass
-        self.assertEqual(collector.wait(), 1)
-        written = unframed(read_file("events", "rb"))
-        self.assertEqual(len(written), limit // (4 + len(event)))
-        lost = int(re.search(r"(\d+) of the events received did not get out",
-                             collector.stderr).group(1))
-        self.assertEqual(totals(collector)["events"], len(written) + lost)
-
     def test_file_that_cannot_be_moved_aside_goes_on_growing(self):
         os.mkdir("folder")
         collector = self.collect("--output", "folder/events", "--rotate-size", "1000")
@@ -380,7 +352,8 @@ class CollectMetricsTest(CliTest):
             'bad_messages_total{reason="malformed"}': 1,
             'bad_messages_total{reason="multi_part"}': 1,
             'output_bytes_total': printed(),
-            'output_files_finished_total': 0})
+            'output_files_finished_total': 0,
+            'output_stalled': 0})
         collector.popen.send_signal(signal.SIGTERM)
         self.assertEqual(collector.wait(), 0)
 
@@ -555,6 +528,115 @@ class CollectHostileTest(CliTest):
         self.assertEqual((decoded.returncode, decoded.stderr), (0, ""))
         self.assertEqual(decoded.stdout.count(b"\n"), events)
 
+
+class CollectFullDiskTest(CliTest):
+    def mount(self, megabytes):
+        """A small disk in the folder "disk", which only this process and its children see."""
+        new_mounts = 0x20000
+        libc = ctypes.CDLL(None, use_errno=True)
+        if not hasattr(libc, "unshare") or libc.unshare(new_mounts) != 0:
+            self.skipTest("needs a mount namespace of its own: " + os.strerror(ctypes.get_errno()))
+        os.mkdir("disk")
+        for command in (["mount", "--make-rprivate", "/"],
+                        ["mount", "-t", "tmpfs", "-o", "size=%dm" % megabytes, "tmpfs", "disk"]):
+            result = subprocess.run(command, capture_output=True, text=True)
+            if result.returncode != 0:
+                self.skipTest("cannot mount a small disk: " + result.stderr)
+        self.addCleanup(subprocess.run, ["umount", "-l", os.path.abspath("disk")], check=True)
+
+    def test_agents_leave_a_server_with_a_full_disk_and_no_event_is_lost(self):
+        self.mount(1)
+        os.mkdir("orvik-spool")
+        primary = self.collect("--output", "disk/events", "--metrics", "127.0.0.1:0")
+        secondary = self.collect("--output", "events")
+        write_file("settings", "zmq.server = %s\nzmq.secondary_servers = %s\nzmq.public_key = %s"
+                   % (primary.endpoint, secondary.endpoint, read_file("server.public")))
+        count = 10000  # more than the disk and all buffers on the way hold
+        write_file("things.log", "#separator \\x09\n#path\tthings\n#fields\tuid\ttext\n"
+                   "#types\tstring\tstring\n" +
+                   "".join("C%d\t%s\n" % (n, "x" * 2000) for n in range(count)))
+        agent = self.start("replay", "--settings", "settings", "--plugin", PLUGIN, "things.log")
+        wait_for(lambda: "Switched to secondary server" in agent.stderr, "the failover")
+        wait_for(lambda: read_file("events").count("\n") > 1, "events on the secondary")
+        url = re.search(r"metrics on (\S+)", primary.stderr).group(1)
+        stalled = lambda: re.search(r"^zmqwriter_collect_output_stalled (\d)$", urllib.request.urlopen(
+            url, timeout=DEADLINE).read().decode(), re.M).group(1)
+        self.assertEqual(stalled(), "1")
+        content = read_file("disk/events")
+        self.assertTrue(content.endswith("}\n"), "the file ends inside an event: " + content[-60:])
+
+        subprocess.run(["mount", "-o", "remount,size=100m", "disk"], check=True)
+        self.assertEqual(agent.wait(), 0, agent.stderr)
+        self.assertIn("is back online", agent.stderr)
+        self.assertEqual(stalled(), "0")
+        for collector in (primary, secondary):
+            collector.popen.send_signal(signal.SIGTERM)
+            self.assertEqual(collector.wait(), 0, collector.stderr)
+        self.assertEqual(primary.stderr.count("warning: cannot write the output: No space left on "
+                                              "device; receiving pauses"), 1)
+        self.assertEqual(primary.stderr.count("the output accepts events again"), 1)
+
+        uids = [[json.loads(line)["uid"] for line in read_file(name).splitlines()]
+                for name in ("disk/events", "events")]
+        self.assertEqual(sorted(uids[0] + uids[1]), sorted("C%d" % n for n in range(count)))
+        sent = int(re.search(r"^sent: (\d+) messages", agent.stderr, re.M).group(1))
+        self.assertEqual(sent, len(uids[0]) + len(uids[1]) + totals(secondary)["empty messages"])
+
+    @needs_zmq
+    def test_exit_on_full_ends_while_there_is_room_for_all_that_agents_have_sent(self):
+        self.mount(66)
+        collector = self.collect("--output", "disk/events", "--exit-on-full")
+        agent = self.agent(collector.endpoint, sndhwm=1, immediate=1, sndtimeo=1000)
+        sent = 0
+        with self.assertRaises(zmq.Again):
+            while True:
+                agent.send(make_event(uid=b"C%d" % sent, details=b"x" * 10000))
+                sent += 1
+        self.assertEqual(collector.wait(), 1)
+        self.assertIn("disk/events: less than 64 MiB are free", collector.stderr)
+        self.assertLessEqual(sent - read_file("disk/events").count("\n"), 1)
+        again = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                              "server.secret", "--output", "disk/events", "--exit-on-full")
+        self.assertEqual(again.returncode, 1)
+        self.assertNotIn("listening on", again.stderr)
+
+    @needs_zmq
+    def test_exit_on_full_after_a_failure_counts_what_did_not_get_out(self):
+        limit = 10000
+        collector = self.collect(
+            "--output", "events", "--format", "raw", "--exit-on-full",
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
+        event = make_event(details=b"x" * 333)
+        agent = self.agent(collector.endpoint, sndhwm=1, immediate=1, sndtimeo=1000)
+        sent = 0
+        with self.assertRaises(zmq.Again):
+            while True:
+                agent.send(event)
+                sent += 1
+        self.assertEqual(collector.wait(), 1)
+        self.assertIn("cannot write the output: File too large", collector.stderr)
+        written = unframed(read_file("events", "rb"))
+        self.assertEqual(len(written), limit // (4 + len(event)))
+        lost = int(re.search(r"(\d+) of the events received did not get out",
+                             collector.stderr).group(1))
+        self.assertEqual(totals(collector)["events"], len(written) + lost)
+        self.assertLessEqual(sent - len(written) - lost, 1)
+
+    @needs_zmq
+    def test_stop_gives_a_full_disk_up_after_a_while_and_counts_what_did_not_get_out(self):
+        if not os.path.exists("/dev/full"):
+            self.skipTest("needs /dev/full")
+        collector = self.collect("--output", "/dev/full")
+        agent = self.agent(collector.endpoint)
+        for _ in range(3):
+            agent.send(make_event())
+        wait_for(lambda: "warning: cannot write the output" in collector.stderr, "the stall")
+        self.assertIsNone(collector.popen.poll())
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 1)
+        self.assertIn("3 of the events received did not get out", collector.stderr)
+
+
 @needs_zmq
 class CollectPressureTest(CliTest):
     EVENTS = 20000
@@ -582,6 +664,7 @@ class CollectPressureTest(CliTest):
         before = memory_kb(collector.popen) if can_measure_memory() else None
         sent = self.send_until_it_blocks(agent, events)
         self.assertLess(sent, self.EVENTS, "the collector took everything while nobody read")
+        wait_for(lambda: "warning: nobody reads the output" in collector.stderr, "the warning")
         if before is not None:
             # 160 MB were on offer; libzmq's queue of 1000 of them is 8 MB.
             self.assertLess(memory_kb(collector.popen, "VmHWM") - before, 40 * 1024)

@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -53,12 +55,19 @@ class CollectOutputTest : public testing::Test {
 
   /// A sink of raw events into "out".
   static SinkOptions raw(std::uint64_t rotate_size, std::uint64_t keep = 0) {
-    return {"raw", "out", rotate_size, keep};
+    return {"raw", "out", rotate_size, keep, false};
   }
 
   static bool exists(const std::string& file) { return access(file.c_str(), F_OK) == 0; }
 
+  /// Waits until the sink in another thread waits for its output.
+  void await_stall() const {
+    while (!stats_.Counts().stalled)
+      std::this_thread::yield();
+  }
+
   test::TempDir temp_;
+  CollectStats stats_;
 };
 
 TEST_F(CollectOutputTest, WriteGoesOnAfterSignalsAndWhereAPipeIsFull) {
@@ -115,40 +124,40 @@ TEST_F(CollectOutputTest, FileIsExactlyAsLongAsAllowedAndNotAByteMore) {
   const std::string message = event("C1");
   const std::size_t size = framed(message).size();
   {
-    EventSink exact(raw(2 * size));
+    EventSink exact(raw(2 * size), &stats_);
     for (int i = 0; i < 4; ++i)
       write(&exact, message);
     exact.Flush();
-    EXPECT_EQ(exact.finished_files(), 1u);
-    EXPECT_EQ(exact.written_bytes(), 4 * size);
+    EXPECT_EQ(stats_.Counts().finished_files, 1u);
+    EXPECT_EQ(stats_.Counts().written_bytes, 4 * size);
   }
   EXPECT_EQ(test::read_file("out.000001"), framed(message) + framed(message));
   EXPECT_EQ(test::read_file("out"), framed(message) + framed(message));
 
-  EventSink less(raw(2 * size - 1));
+  EventSink less(raw(2 * size - 1), &stats_);
   EXPECT_FALSE(exists("out.000002")) << "the former run's file has moved too soon";
   less.Begin();
   for (int i = 0; i < 2; ++i)
     write(&less, message);
   less.Flush();
-  EXPECT_EQ(less.finished_files(), 1u);
+  EXPECT_EQ(stats_.Counts().finished_files, 1u);
   EXPECT_EQ(test::read_file("out.000003"), framed(message));
   EXPECT_EQ(test::read_file("out"), framed(message));
 }
 
 TEST_F(CollectOutputTest, WhatIsFlushedBetweenCountsTowardsTheSize) {
   const std::string message = event("C1");
-  EventSink sink(raw(framed(message).size()));
+  EventSink sink(raw(framed(message).size()), &stats_);
   for (int i = 0; i < 3; ++i) {
     write(&sink, message);
     sink.Flush();
   }
-  EXPECT_EQ(sink.finished_files(), 2u);
+  EXPECT_EQ(stats_.Counts().finished_files, 2u);
 }
 
 TEST_F(CollectOutputTest, EmptyFileIsNotMovedAside) {
   test::write_file("out", "");
-  EventSink sink(raw(0));
+  EventSink sink(raw(0), &stats_);
   sink.Begin();
   EXPECT_FALSE(exists("out.000001"));
 }
@@ -158,7 +167,7 @@ TEST_F(CollectOutputTest, NumbersGoOnBeyondSixDigits) {
   test::write_file("out.99999", "five digits are not ours");
   test::write_file("out.1000000x", "nor this");
   test::write_file("out", "left over");
-  EventSink sink(raw(0));
+  EventSink sink(raw(0), &stats_);
   sink.Begin();
   EXPECT_EQ(test::read_file("out.1000000"), "left over");
 }
@@ -232,7 +241,7 @@ TEST_F(CollectOutputTest, OldestFilesAreRemovedAndNothingElse) {
   for (const char* const name : {"out.000001", "out.000002", "out.000003", "out.txt", "out.1"})
     test::write_file(name, "x");
   const std::string message = event("C1");
-  EventSink sink(raw(1, 2));
+  EventSink sink(raw(1, 2), &stats_);
   write(&sink, message);
   write(&sink, message);
   sink.Flush();
@@ -286,10 +295,63 @@ TEST_F(CollectOutputTest, CuttingNeverMakesAFileLonger) {
   EXPECT_EQ(test::read_file("out"), "");
 }
 
+TEST_F(CollectOutputTest, FullFileEndsWithAWholeEventAndGoesOnWhenThereIsRoom) {
+  signal(SIGXFSZ, SIG_IGN);
+  const std::string message = event("C1");
+  const std::size_t size = framed(message).size();
+  rlimit before;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit limited = {2 * size + size / 2, before.rlim_max};
+  EventSink sink(raw(0), &stats_);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+  std::string during;
+  std::thread room([&] {
+    await_stall();
+    during = test::read_file("out");
+    setrlimit(RLIMIT_FSIZE, &before);
+  });
+  for (int i = 0; i < 5; ++i)
+    write(&sink, message);
+  sink.Flush();
+  room.join();
+  const std::string two = framed(message) + framed(message);
+  EXPECT_EQ(during, two);
+  EXPECT_EQ(test::read_file("out"), two + two + framed(message));
+  EXPECT_EQ(stats_.Counts().written_bytes, 5 * size);
+  EXPECT_FALSE(stats_.Counts().stalled);
+  EXPECT_FALSE(sink.failed());
+}
+
+TEST_F(CollectOutputTest, SlowReaderOfAPipeGetsEveryEventOnce) {
+  ASSERT_EQ(mkfifo("out", 0600), 0);
+  const int reader = open("out", O_RDONLY | O_NONBLOCK);
+  std::string got;
+  std::thread slow([&] {
+    await_stall();
+    fcntl(reader, F_SETFL, 0);
+    char buffer[4096];
+    for (ssize_t size; (size = read(reader, buffer, sizeof buffer)) > 0;)
+      got.append(buffer, static_cast<std::size_t>(size));
+  });
+  std::string expected;
+  {
+    EventSink sink(raw(0), &stats_);
+    for (int i = 0; i < 5000; ++i) {
+      const std::string message = event("C" + std::to_string(i));
+      write(&sink, message);
+      expected += framed(message);
+    }
+    sink.Flush();
+  }
+  slow.join();
+  close(reader);
+  EXPECT_TRUE(got == expected);
+}
+
 TEST_F(CollectOutputTest, FailureCountsEveryEventThatDidNotGetOut) {
   if (!exists("/dev/full"))
     GTEST_SKIP() << "needs /dev/full";
-  EventSink sink({"json", "/dev/full", 0, 0});
+  EventSink sink({"json", "/dev/full", 0, 0, true}, &stats_);
   for (int i = 0; i < 3; ++i)
     write(&sink, event("C1"));
   EXPECT_FALSE(sink.failed());
@@ -298,7 +360,7 @@ TEST_F(CollectOutputTest, FailureCountsEveryEventThatDidNotGetOut) {
   EXPECT_EQ(sink.lost_events(), 3u);
   write(&sink, event("C2"));
   EXPECT_EQ(sink.lost_events(), 4u);
-  EXPECT_EQ(sink.written_bytes(), 0u);
+  EXPECT_EQ(stats_.Counts().written_bytes, 0u);
 }
 
 }  // namespace

@@ -22,14 +22,22 @@ constexpr const char* kFooter =
     "The bound endpoint is printed on standard error ('listening on ...'), totals at the end.\n"
     "Empty, malformed and multi-part messages are counted; the collector goes on.\n"
     "\n"
-    "A slow output slows the agents down: for each connection at most 64 messages wait in the\n"
-    "collector, the others at the agents. A message of more than 4 MiB is refused: libzmq ends\n"
-    "the connection without a report. So at most 256 MiB wait for each connection. Messages of\n"
-    "several parts count as one and have no limit; agents send none.\n"
+    "While the output accepts nothing (a full disk, a slow reader), receiving pauses: the "
+    "collector\n"
+    "keeps what it has, leaves the connections open and tries again every second. An agent then\n"
+    "sends until the buffers on the way are full, and uses another server or its disk. With\n"
+    "--exit-on-full the collector ends instead (exit status 1) while 64 MiB are still free, after\n"
+    "it has written all that has left the agents.\n"
     "\n"
-    "SIGINT and SIGTERM end the collector cleanly: it writes all that has arrived, and waits for\n"
-    "a stalled reader of the output. A second signal of the same kind ends it at once. Of an agent\n"
-    "that sends without a pause, one event may be lost.\n"
+    "For each connection at most 64 messages wait in the collector. A message of more than 4 MiB "
+    "is\n"
+    "refused: libzmq ends the connection without a report. So at most 256 MiB wait for each\n"
+    "connection. Messages of several parts count as one and have no limit; agents send none.\n"
+    "\n"
+    "SIGINT and SIGTERM end the collector cleanly: it writes all that has left the agents. When "
+    "the\n"
+    "output accepts nothing for 30 s, it gives up and counts what is lost. A second signal of the\n"
+    "same kind ends it at once. Of an agent that sends without a pause, one event may be lost.\n"
     "\n"
     "--output: the current file has the name given; finished files are FILE.000001 (the oldest),\n"
     "FILE.000002 and so on. A run never appends to the file of a former run, it moves it aside.\n"
@@ -117,6 +125,10 @@ void add_output_options(CLI::App* command, SinkOptions* options) {
       ->type_name("N")
       ->check(positive_count())
       ->needs(rotate_size);
+  command
+      ->add_flag("--exit-on-full", options->exit_on_full,
+                 "End when less than 64 MiB are free for the file, or writing it fails")
+      ->needs(output);
 }
 
 void add_watching_options(CLI::App* command, CollectOptions* options) {

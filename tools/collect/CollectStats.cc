@@ -56,10 +56,12 @@ void CollectStats::CountMultiPart() {
   ++counts_.multi_part;
 }
 
-void CollectStats::NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files) {
+void CollectStats::NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files,
+                              bool stalled) {
   const Lock lock(mutex_);
   counts_.written_bytes = written_bytes;
   counts_.finished_files = finished_files;
+  counts_.stalled = stalled;
 }
 
 CollectCounts CollectStats::Counts() const {

@@ -34,6 +34,7 @@ struct CollectCounts {
   std::uint64_t multi_part = 0;
   std::uint64_t written_bytes = 0;
   std::uint64_t finished_files = 0;
+  bool stalled = false;  // the output accepts nothing
 
   std::uint64_t messages() const { return all.events + empty + malformed + multi_part; }
 };
@@ -54,8 +55,8 @@ class CollectStats {
   void CountEmpty();
   void CountMalformed();
   void CountMultiPart();
-  /// Bytes written to the output, and the number of its finished files.
-  void NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files);
+  /// Bytes written to the output, the number of its finished files, and whether it accepts nothing.
+  void NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files, bool stalled);
 
   CollectCounts Counts() const;
 

@@ -23,13 +23,13 @@ constexpr int kMostAtOnce = 1000;
 // Bad messages beyond these are counted only.
 constexpr std::uint64_t kReportedBadMessages = 10;
 // The end after a stop signal or a time-out. Connections that are never silent are ended after
-// kLongestLoad. Clients have closed the connections when nothing has come for kLongestQuiet, or
-// after kLongestDrain. What libzmq's thread had read from others has come when nothing has come for
-// kSettledMs, or after kLongestSettling.
+// kLongestLoad. Clients that have not closed theirs are left behind when nothing has come for
+// kLongestQuiet, or at the last of kMostLooks. What libzmq's thread had read from them has come
+// when nothing has come for kSettledMs, or after kLongestSettling.
 constexpr int kLookMs = 2;
 constexpr auto kLongestLoad = std::chrono::seconds(1);
 constexpr auto kLongestQuiet = std::chrono::seconds(2);
-constexpr auto kLongestDrain = std::chrono::seconds(20);
+constexpr int kMostLooks = 10000;
 constexpr int kSettledMs = 100;
 constexpr auto kLongestSettling = std::chrono::seconds(5);
 
@@ -76,7 +76,7 @@ Collector::Collector(const CollectOptions& options)
       unanswered_(context_, ZMQ_REP),
       socket_(&context_, read_key_file(options.secret_key_file), gate_ != nullptr),
       metrics_(make_metrics(options, stats_, gate_.get())),
-      sink_(no_input(options)) {
+      sink_(no_input(options), &stats_) {
   // Bound last, so that no agent has connected when something else fails.
   for (const std::string& endpoint : options.endpoints)
     bound_.push_back(socket_.Bind(endpoint));
@@ -94,7 +94,7 @@ Collector::~Collector() {
 
 int Collector::Run() {
   last_message_ = Clock::now();
-  while (!Done() && !stop_requested()) {
+  while (!Done() && !OutputEnds() && !stop_requested()) {
     if (gate_ && take_reload_request())
       ReloadAllowList();
     if (TakeWaiting())
@@ -110,7 +110,12 @@ int Collector::Run() {
 }
 
 bool Collector::Done() const {
-  return sink_.failed() || (options_.count > 0 && events_ >= options_.count);
+  return options_.count > 0 && events_ >= options_.count;
+}
+
+bool Collector::OutputEnds() {
+  full_ = sink_.full();
+  return full_ || sink_.failed();
 }
 
 bool Collector::TimedOut() const {
@@ -127,10 +132,8 @@ bool Collector::TakeWaiting() {
     ++taken;
   }
   sink_.Flush();
-  if (taken > 0) {
-    stats_.NoteOutput(sink_.written_bytes(), sink_.finished_files());
+  if (taken > 0)
     last_message_ = Clock::now();
-  }
   return taken > 0;
 }
 
@@ -144,8 +147,9 @@ void Collector::Drain() {
   connections_.emplace(bound_);
   const auto start = Clock::now();
   last_message_ = start;
-  while (!Done() && connections_->any() && Clock::now() < start + kLongestDrain &&
-         Clock::now() < last_message_ + kLongestQuiet) {
+  for (int look = 0; look < kMostLooks && !Done() && connections_->any() &&
+                     Clock::now() < last_message_ + kLongestQuiet;
+       ++look) {
     socket_.Wait(kLookMs);
     TakeWaiting();
     connections_->EndSilent(Clock::now() > start + kLongestLoad);
@@ -215,7 +219,6 @@ void Collector::ReloadAllowList() {
 
 void Collector::Finish() {
   sink_.Flush();
-  stats_.NoteOutput(sink_.written_bytes(), sink_.finished_files());
   if (printer_)
     printer_->Finish();
   if (!options_.quiet)
@@ -241,6 +244,10 @@ int Collector::ExitCode() const {
     std::fprintf(stderr, "zmqwriter: %s\n", sink_.problem().c_str());
     std::fprintf(stderr, "zmqwriter: %llu of the events received did not get out\n",
                  number(sink_.lost_events()));
+    return 1;
+  }
+  if (full_) {
+    std::fprintf(stderr, "zmqwriter: %s\n", sink_.full_problem().c_str());
     return 1;
   }
   if (options_.count > 0 && events_ < options_.count && !stop_requested()) {

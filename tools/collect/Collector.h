@@ -57,6 +57,7 @@ class Collector {
   using Clock = std::chrono::steady_clock;
 
   bool Done() const;
+  bool OutputEnds();
   bool TimedOut() const;
   bool TakeWaiting();
   void Drain();
@@ -85,6 +86,7 @@ class Collector {
   std::uint64_t events_ = 0;
   std::uint64_t messages_ = 0;
   std::uint64_t bad_ = 0;
+  bool full_ = false;  // the output, with exit_on_full
   Clock::time_point last_message_;
 };
 

@@ -1,10 +1,12 @@
 #include "EventSink.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <stdexcept>
 
@@ -12,12 +14,26 @@
 #include "Files.h"
 #include "Output.h"
 #include "RawEvents.h"
+#include "StopSignals.h"
 
 namespace zmqwriter {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::size_t kBufferBytes = 65536;
+// Failed attempts after a stop signal, kPatienceMs apart.
+constexpr int kLastWaits = 30;
+
+/// All failures may pass, except that the reader has gone or that this is no output.
+bool may_pass(int error) {
+  return error != EPIPE && error != ECONNRESET && error != EBADF && error != EINVAL;
+}
+
+std::string problem_of(int error) {
+  return error == EAGAIN ? "nobody reads the output" : output_problem(error);
+}
 
 bool is_writable(int descriptor) {
   const int flags = fcntl(descriptor, F_GETFL);
@@ -26,13 +42,15 @@ bool is_writable(int descriptor) {
 
 }  // namespace
 
-EventSink::EventSink(const SinkOptions& options)
-    : options_(options), rotate_at_(options.rotate_size) {
+EventSink::EventSink(const SinkOptions& options, CollectStats* stats)
+    : options_(options), stats_(stats), rotate_at_(options.rotate_size) {
   if (!options.path.empty())
     file_ =
         std::make_unique<RotatingFile>(options.path, options.rotate_keep, options.rotate_size > 0);
   else if (!is_writable(STDOUT_FILENO))
     throw std::runtime_error("standard output is closed; name a file with --output");
+  if (full())
+    throw std::runtime_error(full_problem());
 }
 
 void EventSink::Begin() {
@@ -64,9 +82,13 @@ void EventSink::Write(const EventMessage& event, std::string_view raw) {
     Flush();
 }
 
+bool EventSink::IsFull(std::size_t next) const {
+  const std::uint64_t size = rotate_at_ == 0 ? 0 : file_->size() + buffer_.size();
+  return size > 0 && size + next > rotate_at_;
+}
+
 void EventSink::RotateIfFull(std::size_t next) {
-  if (rotate_at_ == 0 || file_->size() + buffer_.size() == 0 ||
-      file_->size() + buffer_.size() + next <= rotate_at_)
+  if (!IsFull(next))
     return;
   Flush();
   if (failed())
@@ -82,25 +104,76 @@ void EventSink::RotateIfFull(std::size_t next) {
 }
 
 void EventSink::Flush() {
-  if (failed() || buffer_.empty())
-    return;
-  const std::size_t written = file_ ? file_->Append(buffer_) : write_fully(STDOUT_FILENO, buffer_);
-  written_bytes_ += written;
-  if (written < buffer_.size())
-    Fail(written);
+  const auto start = Clock::now();
+  int error = 0;
+  while (!failed() && (error = WriteOut()) != 0)
+    WaitAfter(error);
+  if (stalled_ && !failed()) {
+    const std::chrono::duration<double> time = Clock::now() - start;
+    std::fprintf(stderr, "the output accepts events again, after %.0f s\n", time.count());
+  }
+  stalled_ = false;
+  NoteOutput();
+}
+
+bool EventSink::full() const {
+  return options_.exit_on_full && file_ && file_->Room() < kReserve;
+}
+
+std::string EventSink::full_problem() const {
+  return options_.path + ": less than " + std::to_string(kReserve >> 20) + " MiB are free";
+}
+
+/// Returns 0, or the errno of a failure; what was not written then stays in the buffer.
+int EventSink::WriteOut() {
+  if (buffer_.empty())
+    return 0;
+  const std::size_t written =
+      file_ ? file_->Append(buffer_) : write_patiently(STDOUT_FILENO, buffer_);
+  if (written == buffer_.size()) {
+    Drop(written);
+    return 0;
+  }
+  const int error = errno;
+  const auto torn = std::upper_bound(ends_.begin(), ends_.end(), written);
+  const std::size_t whole = torn == ends_.begin() ? 0 : *(torn - 1);
+  Drop(file_ && file_->CutLastAppend(whole) ? whole : written);
+  return error;
+}
+
+/// Takes out of the buffer what the output has.
+void EventSink::Drop(std::size_t bytes) {
+  if (bytes > 0)
+    last_waits_ = 0;
+  written_bytes_ += bytes;
+  buffer_.erase(0, bytes);
+  ends_.erase(ends_.begin(), std::upper_bound(ends_.begin(), ends_.end(), bytes));
+  for (std::size_t& end : ends_)
+    end -= bytes;
+}
+
+void EventSink::WaitAfter(int error) {
+  const bool give_up = options_.exit_on_full && error != EAGAIN;
+  if (!may_pass(error) || give_up || (stop_requested() && ++last_waits_ > kLastWaits))
+    return Fail(error);
+  if (!stalled_)
+    std::fprintf(stderr, "warning: %s; receiving pauses until it accepts events again\n",
+                 problem_of(error).c_str());
+  stalled_ = true;
+  NoteOutput();
+  if (error != EAGAIN)  // else the time has passed already
+    poll(nullptr, 0, kPatienceMs);
+}
+
+void EventSink::Fail(int error) {
+  problem_ = problem_of(error);
+  lost_events_ += ends_.size();
   buffer_.clear();
   ends_.clear();
 }
 
-void EventSink::Fail(std::size_t written) {
-  problem_ = output_problem(errno);
-  const auto first_lost = std::upper_bound(ends_.begin(), ends_.end(), written);
-  lost_events_ += static_cast<std::uint64_t>(ends_.end() - first_lost);
-  const std::size_t whole = first_lost == ends_.begin() ? 0 : *(first_lost - 1);
-  if (file_) {
-    file_->CutLastAppend(whole);
-    written_bytes_ -= written - whole;
-  }
+void EventSink::NoteOutput() {
+  stats_->NoteOutput(written_bytes_, file_ ? file_->finished() : 0, stalled_);
 }
 
 }  // namespace zmqwriter

@@ -1,9 +1,11 @@
 // Formats received events and writes them to standard output or to a file that rotates.
 //
-// Events are buffered and written whole: a file neither begins nor ends inside one. Flush blocks
-// while the output accepts nothing; signals do not end that. After a failure (a full disk, a reader
-// that has gone) nothing more is written: part of an event is cut off the file again, and
-// lost_events() counts the events that were not written. One thread.
+// Events are buffered and written whole: a file neither begins nor ends inside one. While the
+// output accepts nothing for a reason that may pass (a full disk, a slow reader), Flush blocks,
+// tries again every second, and reports that once; part of an event is cut off the file meanwhile.
+// After a stop signal it gives up when nothing could be written for 30 s. After giving up, or a
+// failure that does not pass (a reader that has gone), nothing more is written, and lost_events()
+// counts the events that were not. One thread.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "CollectStats.h"
 #include "RotatingFile.h"
 
 namespace zmqwriter {
@@ -23,13 +26,17 @@ struct SinkOptions {
   std::string path;               // empty: standard output
   std::uint64_t rotate_size = 0;  // bytes that a file may have; 0: no rotation
   std::uint64_t rotate_keep = 0;  // finished files to keep; 0: all
+  bool exit_on_full = false;      // give up at once, but for a slow reader
 };
 
 class EventSink {
  public:
-  /// Throws std::runtime_error when the file cannot be opened, or standard output is closed. What a
-  /// former run left in the file stays there until Begin.
-  explicit EventSink(const SinkOptions& options);
+  static constexpr std::uint64_t kReserve = std::uint64_t{64} << 20;
+
+  /// `stats` gets the figures of the output. Throws std::runtime_error when the file cannot be
+  /// opened or is full(), or standard output is closed. What a former run left in the file stays
+  /// there until Begin.
+  EventSink(const SinkOptions& options, CollectStats* stats);
 
   /// To be called before the first Write: moves aside the file of a former run. Throws
   /// std::runtime_error when that is not possible.
@@ -40,20 +47,29 @@ class EventSink {
   void Write(const EventMessage& event, std::string_view raw);
   void Flush();
 
+  /// With exit_on_full: whether less than kReserve bytes are free where the file is. The caller
+  /// then ends, and the reserve takes what it still receives.
+  bool full() const;
+  /// For standard error.
+  std::string full_problem() const;
+
   bool failed() const { return !problem_.empty(); }
   /// Why writing failed, for standard error.
   const std::string& problem() const { return problem_; }
   std::uint64_t lost_events() const { return lost_events_; }
 
-  std::uint64_t written_bytes() const { return written_bytes_; }
-  std::uint64_t finished_files() const { return file_ ? file_->finished() : 0; }
-
  private:
   std::string_view Formatted(const EventMessage& event, std::string_view raw);
+  bool IsFull(std::size_t next) const;
   void RotateIfFull(std::size_t next);
-  void Fail(std::size_t written);
+  int WriteOut();
+  void Drop(std::size_t bytes);
+  void WaitAfter(int error);
+  void Fail(int error);
+  void NoteOutput();
 
   const SinkOptions options_;
+  CollectStats* const stats_;
   std::unique_ptr<RotatingFile> file_;  // none: standard output
   std::string formatted_;
   std::string buffer_;
@@ -61,6 +77,8 @@ class EventSink {
   std::uint64_t rotate_at_;        // file size; grows when a rotation was not possible
   std::uint64_t written_bytes_ = 0;
   std::uint64_t lost_events_ = 0;
+  bool stalled_ = false;
+  int last_waits_ = 0;  // after a stop signal, without progress
   std::string problem_;
 };
 

@@ -42,7 +42,8 @@ class Counts : public prometheus::Collectable {
         BadMessages(counts),
         Single("output_bytes_total", "Bytes written to the output.", counts.written_bytes),
         Single("output_files_finished_total", "Output files moved aside by rotation.",
-               counts.finished_files)};
+               counts.finished_files),
+        Stalled(counts)};
     if (gate_)
       families.push_back(Clients());
     return families;
@@ -75,6 +76,13 @@ class Counts : public prometheus::Collectable {
   static MetricFamily Single(const char* name, const char* help, std::uint64_t value) {
     MetricFamily family = Family(name, help);
     family.metric.push_back(Counter(value));
+    return family;
+  }
+
+  static MetricFamily Stalled(const CollectCounts& counts) {
+    MetricFamily family = Family("output_stalled", "1 while the output accepts nothing.");
+    family.type = prometheus::MetricType::Gauge;
+    family.metric.emplace_back().gauge.value = counts.stalled ? 1 : 0;
     return family;
   }
 

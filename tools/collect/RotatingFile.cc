@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <stdexcept>
 
 #include "Files.h"
@@ -93,21 +95,31 @@ void RotatingFile::Begin() {
 }
 
 std::size_t RotatingFile::Append(std::string_view bytes) {
-  const std::size_t written = write_fully(descriptor_.get(), bytes);
+  const std::size_t written =
+      regular_ ? write_fully(descriptor_.get(), bytes) : write_patiently(descriptor_.get(), bytes);
   last_append_ = written;
   size_ += written;
   return written;
 }
 
-void RotatingFile::CutLastAppend(std::size_t bytes) {
+bool RotatingFile::CutLastAppend(std::size_t bytes) {
   const std::uint64_t surplus = last_append_ - bytes;
   struct stat status;
   if (!regular_ || fstat(descriptor_.get(), &status) != 0)
-    return;
+    return false;
   // Not size_: another program may have cut the file, and ftruncate must not make it longer.
   const off_t size = status.st_size - static_cast<off_t>(surplus);
-  if (size >= 0 && ftruncate(descriptor_.get(), size) == 0)
-    size_ -= surplus;
+  if (size < 0 || ftruncate(descriptor_.get(), size) != 0)
+    return false;
+  size_ -= surplus;
+  return true;
+}
+
+std::uint64_t RotatingFile::Room() const {
+  struct statvfs disk;
+  if (!regular_ || fstatvfs(descriptor_.get(), &disk) != 0)
+    return std::numeric_limits<std::uint64_t>::max();
+  return std::uint64_t{disk.f_bavail} * disk.f_frsize;
 }
 
 std::string RotatingFile::Rotate() {

@@ -35,13 +35,16 @@ class RotatingFile {
   /// Returns how many bytes were appended; after a failure these are fewer, and errno is set.
   std::size_t Append(std::string_view bytes);
 
-  /// Cuts off what the last Append wrote after its first `bytes`. Does nothing to a pipe or a
-  /// device.
-  void CutLastAppend(std::size_t bytes);
+  /// Cuts off what the last Append wrote after its first `bytes`. False when that is not possible,
+  /// as with a pipe or a device.
+  bool CutLastAppend(std::size_t bytes);
 
   /// Moves the file aside and opens a new one. If that is not possible, the old file stays in use
   /// and the result says why; it is empty on success.
   std::string Rotate();
+
+  /// Free bytes of its file system; of a pipe or a device, endless.
+  std::uint64_t Room() const;
 
   std::uint64_t size() const { return size_; }
   /// The number of files that Rotate moved aside.

@@ -5,11 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 namespace zmqwriter {
 
@@ -27,6 +30,10 @@ bool try_again(int descriptor) {
 
 }  // namespace
 
+int FileDescriptor::Release() {
+  return std::exchange(number_, -1);
+}
+
 void FileDescriptor::Reset(int number) {
   if (number_ >= 0)
     close(number_);
@@ -40,6 +47,29 @@ std::size_t write_fully(int descriptor, std::string_view bytes) {
     if (written >= 0)
       done += static_cast<std::size_t>(written);
     else if (!try_again(descriptor))
+      break;
+  }
+  return done;
+}
+
+/// A pipe that is ready accepts PIPE_BUF bytes without blocking.
+std::size_t write_patiently(int descriptor, std::string_view bytes) {
+  constexpr std::size_t kPiece = PIPE_BUF;
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    pollfd output = {descriptor, POLLOUT, 0};
+    const int ready = poll(&output, 1, kPatienceMs);
+    if (ready < 0 && errno == EINTR)
+      continue;
+    if (ready == 0)
+      errno = EAGAIN;
+    if (ready <= 0)
+      break;
+    const ssize_t written =
+        write(descriptor, bytes.data() + done, std::min(kPiece, bytes.size() - done));
+    if (written >= 0)
+      done += static_cast<std::size_t>(written);
+    else if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)
       break;
   }
   return done;

@@ -17,6 +17,8 @@ class FileDescriptor {
   FileDescriptor& operator=(const FileDescriptor&) = delete;
 
   int get() const { return number_; }
+  /// Gives the descriptor away.
+  int Release();
   /// Closes the descriptor and takes another.
   void Reset(int number);
 
@@ -27,6 +29,12 @@ class FileDescriptor {
 /// Writes all bytes to a descriptor, blocking or not, in as many attempts as it takes. Returns how
 /// many were written; fewer than all mean a failure.
 std::size_t write_fully(int descriptor, std::string_view bytes);
+
+constexpr int kPatienceMs = 1000;
+
+/// As write_fully to a pipe or a device, but fails with EAGAIN when it accepts nothing for
+/// kPatienceMs.
+std::size_t write_patiently(int descriptor, std::string_view bytes);
 
 /// The content of a file of at most `longest` bytes. Throws std::runtime_error that names the file.
 std::string read_small_file(const std::string& path, std::size_t longest);
