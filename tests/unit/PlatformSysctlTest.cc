@@ -119,12 +119,18 @@ class PlatformSysctlTest : public testing::Test {
     return client;
   }
 
+  /// Between the two calls other programs may open more sockets than the length has room for.
   static std::vector<char> snapshot() {
-    std::size_t length = 0;
-    EXPECT_EQ(sysctlbyname(kPcbList, nullptr, &length, nullptr, 0), 0);
-    std::vector<char> bytes(length);
-    EXPECT_EQ(sysctlbyname(kPcbList, bytes.data(), &length, nullptr, 0), 0);
-    bytes.resize(length);
+    std::vector<char> bytes;
+    EXPECT_TRUE(test::wait_until([&bytes] {
+      std::size_t length = 0;
+      EXPECT_EQ(sysctlbyname(kPcbList, nullptr, &length, nullptr, 0), 0);
+      bytes.resize(length);
+      const bool done = sysctlbyname(kPcbList, bytes.data(), &length, nullptr, 0) == 0;
+      EXPECT_TRUE(done || errno == ENOMEM) << strerror(errno);
+      bytes.resize(length);
+      return done;
+    }));
     return bytes;
   }
 
