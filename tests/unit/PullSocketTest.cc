@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -159,6 +160,8 @@ TEST_F(PullSocketTest, SocketOfAFormerRunIsReplacedAndNothingElse) {
   ASSERT_EQ(bind(left_over, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   close(left_over);
   EXPECT_EQ(socket_.Bind("ipc://old"), "ipc://old");
+  // libzmq makes a folder for it, whose path may be too long for a socket elsewhere.
+  setenv("TMPDIR", ".", 1);
   EXPECT_NE(socket_.Bind("ipc://*"), "ipc://*");
 }
 
