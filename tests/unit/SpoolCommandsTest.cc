@@ -1,5 +1,8 @@
 #include "Commands.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -7,6 +10,18 @@
 #include "RawEvents.h"
 #include "SpoolFixture.h"
 #include "aggregator_generated.h"
+
+#ifndef __THROW
+#define __THROW
+#endif
+
+static std::size_t stat_calls = 0;
+
+// Takes the place of the system's.
+extern "C" int stat(const char* path, struct stat* status) __THROW {
+  ++stat_calls;
+  return fstatat(AT_FDCWD, path, status, 0);
+}
 
 namespace {
 
@@ -161,6 +176,18 @@ TEST_F(SpoolCommandsTest, DumpPrintsEventsInTheOrderInWhichTheyWouldBeSent) {
     sent.push_back(*payload);
   }
   EXPECT_THAT(sent, ElementsAre(event("C4"), event("C3"), event("C2"), event("C1")));
+}
+
+TEST_F(SpoolCommandsTest, ListAndDumpLookAtEachFileAFewTimesHoweverManyThereAre) {
+  constexpr std::uint32_t kFiles = 100;
+  for (std::uint32_t number = 0; number < kFiles; ++number)
+    put(number == 0 ? "queue.dat" : "queue.dat." + std::to_string(number), header(12, 0));
+  for (const char* command : {"list ", "dump "}) {
+    stat_calls = 0;
+    EXPECT_EQ(run(command + folder()).exit_code, 0);
+    EXPECT_GE(stat_calls, kFiles) << "the calls are counted";
+    EXPECT_LE(stat_calls, 3 * kFiles) << command;
+  }
 }
 
 TEST_F(SpoolCommandsTest, DumpReportsWhatIsNoEventAndGoesOn) {

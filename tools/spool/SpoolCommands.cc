@@ -135,11 +135,12 @@ class Dumper {
 };
 
 int dump_spool(const std::string& folder, bool raw) {
-  const std::vector<std::uint32_t> numbers = find_chunks(folder);
+  std::vector<std::uint32_t> numbers = find_chunks(folder);
+  numbers.resize(count_in_sequence(folder, numbers));
   Output out;
   Dumper dumper(&out, raw);
-  for (std::size_t i = 0; i < count_in_sequence(folder, numbers); ++i)
-    dumper.Dump(ChunkFile(folder, numbers[i]));
+  for (const std::uint32_t number : numbers)
+    dumper.Dump(ChunkFile(folder, number));
   out.Finish();
   return dumper.good() ? kSuccess : kFailure;
 }
