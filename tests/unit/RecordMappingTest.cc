@@ -1,15 +1,35 @@
-// How the records of the host's logs get the names that the plug-in knows.
+// How the records of the host's logs, and their writers, get their names.
 #include "RecordMapping.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
+#include "LogFeed.h"
 #include "ShowValue.h"
+
+static std::size_t allocations = 0;
+
+void* operator new(std::size_t size) {
+  ++allocations;
+  if (void* const memory = std::malloc(size ? size : 1))
+    return memory;
+  throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
 
 namespace {
 
@@ -154,6 +174,20 @@ TEST(RecordMappingTest, LogsOfThePluginsOwnShapePassUnchanged) {
   EXPECT_THAT(map(header("system_stats") + "#fields\tcpu_usage\tpriority\n#types\tdouble\tint\n"
                                            "0.5\t-3\n"),
               ElementsAre("cpu_usage:double=0.5", "priority:int=-3"));
+}
+
+TEST(WriterPathsTest, EachOfManyEqualPathsIsNamedAtTheFirstAttempts) {
+  const std::string path = "a path too long for a string without an allocation";
+  zmqwriter::WriterPaths paths;
+  EXPECT_EQ(paths.Unique(path + "-3"), path + "-3");
+  EXPECT_EQ(paths.Unique(path), path);
+  EXPECT_EQ(paths.Unique(path), path + "-2");
+  EXPECT_EQ(paths.Unique(path), path + "-4");
+  EXPECT_EQ(paths.Unique(path + "-3"), path + "-3-2");
+  allocations = 0;
+  for (int number = 5; number < 1000; ++number)
+    ASSERT_EQ(paths.Unique(path), path + "-" + std::to_string(number));
+  EXPECT_LT(allocations, 20 * 1000u);
 }
 
 }  // namespace

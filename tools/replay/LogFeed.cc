@@ -16,9 +16,10 @@ constexpr std::uint64_t kReportedBrokenLines = 20;
 }  // namespace
 
 std::string WriterPaths::Unique(const std::string& path) {
+  const auto [last, is_new] = last_number_.try_emplace(path, 1);
   std::string candidate = path;
-  for (int number = 2; !used_.insert(candidate).second; ++number)
-    candidate = path + "-" + std::to_string(number);
+  for (bool found = is_new; !found; found = last_number_.try_emplace(candidate, 1).second)
+    candidate = path + "-" + std::to_string(++last->second);
   return candidate;
 }
 

@@ -5,8 +5,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -22,7 +22,7 @@ class WriterPaths {
   std::string Unique(const std::string& path);
 
  private:
-  std::set<std::string> used_;
+  std::map<std::string, int> last_number_;  // for each path in use, the last number tried
 };
 
 class LogFeed {
