@@ -1,8 +1,6 @@
 #include "Commands.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cinttypes>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -15,6 +13,7 @@
 #include "SpoolInUse.h"
 #include "SpoolReader.h"
 #include "SpoolRepair.h"
+#include "SpoolSurvey.h"
 #include "Text.h"
 
 namespace zmqwriter {
@@ -23,10 +22,6 @@ namespace {
 
 constexpr int kSuccess = 0;
 constexpr int kFailure = 1;
-
-bool is_event(const std::string& payload) {
-  return EventMessage(payload.data(), payload.size()).valid();
-}
 
 // Prints a line on standard error, after what was written to standard output.
 void note(Output* out, const std::string& text) {
@@ -37,53 +32,26 @@ void note(Output* out, const std::string& text) {
 // list
 
 int list_spool(const std::string& folder) {
-  const std::vector<std::uint32_t> numbers = find_chunks(folder);
-  const std::size_t in_sequence = count_in_sequence(folder, numbers);
+  const SpoolSurvey survey = survey_spool(folder);
   Output out;
-  const auto line = [&out](const char* name, const std::string& size, const std::string& records,
-                           const std::string& found, const std::string& live,
-                           const std::string& stale, const std::string& damage) {
+  const auto line = [&out](const std::string& name, const std::string& size,
+                           const std::string& records, const std::string& found,
+                           const std::string& live, const std::string& stale,
+                           const std::string& damage) {
     char text[256];
-    std::snprintf(text, sizeof text, "%-20s %12s %10s %10s %12s %12s  ", name, size.c_str(),
+    std::snprintf(text, sizeof text, "%-20s %12s %10s %10s %12s %12s  ", name.c_str(), size.c_str(),
                   records.c_str(), found.c_str(), live.c_str(), stale.c_str());
     out.WriteLine(text + damage);
   };
-
-  bool damaged = false;
-  std::size_t next_start = 0, found = 0;
   line("file", "size", "records", "walked", "live bytes", "stale bytes", "damage");
-  for (std::size_t i = 0; i < numbers.size(); ++i) {
-    const ChunkFile file(folder, numbers[i]);
-    Diagnosis diagnosis = diagnose(file, is_event);
-    if (i >= in_sequence)
-      diagnosis.damage += std::string(diagnosis.damage.empty() ? "" : "; ") +
-                          "after a gap in the numbers, not found by a start";
-    const std::uint64_t live =
-        std::min(file.size(), diagnosis.found.empty() && !file.has_signature()
-                                  ? std::uint64_t{0}
-                                  : bytes_used(diagnosis.found));
-    line(file.name().c_str(), std::to_string(file.size()), std::to_string(file.record_count()),
-         std::to_string(diagnosis.found.size()), std::to_string(live),
-         std::to_string(file.size() - live), diagnosis.damage.empty() ? "-" : diagnosis.damage);
-    damaged = damaged || !diagnosis.damage.empty();
-    found += diagnosis.found.size();
-    // The plug-in does not read a lone head without signature before it stores something.
-    if (i < in_sequence && (in_sequence > 1 || file.has_signature()))
-      next_start += diagnosis.counted.size();
-  }
-  for (const std::string& path : find_set_aside(folder)) {
-    const ChunkFile file(path);
-    const Diagnosis diagnosis = diagnose(file, is_event);
-    const std::string aside = "set aside because it could not be opened, not found by a start";
-    line(file.name().c_str(), std::to_string(file.size()), std::to_string(file.record_count()),
-         std::to_string(diagnosis.found.size()), "-", "-",
-         diagnosis.damage.empty() ? aside : diagnosis.damage + "; " + aside);
-    damaged = true;
-  }
-  note(&out, counted(numbers.size(), "file") + ", " + counted(found, "record") +
-                 "; the next start of the plug-in finds " + std::to_string(next_start));
+  for (const SurveyedFile& file : survey.files)
+    line(file.name, std::to_string(file.size), std::to_string(file.counted),
+         std::to_string(file.records), std::to_string(file.live_bytes),
+         std::to_string(file.size - file.live_bytes), file.damage.empty() ? "-" : file.damage);
+  note(&out, counted(survey.files.size(), "file") + ", " + counted(survey.records, "record") +
+                 "; the next start of the plug-in finds " + std::to_string(survey.next_start));
   out.Finish();
-  return damaged ? kFailure : kSuccess;
+  return survey.damaged ? kFailure : kSuccess;
 }
 
 // dump

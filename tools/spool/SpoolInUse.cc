@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Files.h"
+#include "SpoolReader.h"
 #include "Text.h"
 
 namespace zmqwriter {
@@ -81,6 +82,15 @@ SpoolUsers find_spool_users(const std::vector<std::string>& paths) {
   SpoolUsers users = has_proc ? look_into_proc(files) : ask_lsof(paths);
   std::sort(users.processes.begin(), users.processes.end());
   return users;
+}
+
+std::vector<long> other_spool_users(const std::string& folder) {
+  std::vector<std::string> paths = find_set_aside(folder);
+  for (const std::uint32_t number : find_chunks(folder))
+    paths.push_back(chunk_path(folder, number));
+  std::vector<long> processes = find_spool_users(paths).processes;
+  processes.erase(std::remove(processes.begin(), processes.end(), getpid()), processes.end());
+  return processes;
 }
 
 }  // namespace zmqwriter

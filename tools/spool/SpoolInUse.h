@@ -17,4 +17,8 @@ struct SpoolUsers {
 /// has just begun a new head.
 SpoolUsers find_spool_users(const std::vector<std::string>& paths);
 
+/// The processes but this one that have files of a spool's folder open, as far as this user may see
+/// them. Throws std::runtime_error that names the folder when it cannot be read.
+std::vector<long> other_spool_users(const std::string& folder);
+
 }  // namespace zmqwriter

@@ -1,0 +1,37 @@
+// What a spool's folder holds, file by file, and what the plug-in's next start makes of it. Nothing
+// is changed.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zmqwriter {
+
+/// Whether a record's payload is an event.
+bool is_event(const std::string& payload);
+
+struct SurveyedFile {
+  std::string path;
+  std::string name;          // the path without its folder
+  std::uint64_t size;        // bytes
+  std::uint64_t live_bytes;  // of these, what the records use
+  std::uint32_t counted;     // records by the header
+  std::size_t records;       // records that there are
+  bool in_sequence;          // whether a start finds the file
+  std::string damage;        // in words; empty if a start finds all of the file's records
+  bool repairable;           // whether `spool repair` mends the damage, or there is none
+};
+
+struct SpoolSurvey {
+  std::vector<SurveyedFile> files;  // by their numbers, then those that were set aside
+  std::size_t records = 0;          // in all of them
+  std::size_t next_start = 0;       // of these, what the next start finds
+  bool damaged = false;             // whether any file is
+};
+
+/// Throws std::runtime_error that names the folder when it cannot be read.
+SpoolSurvey survey_spool(const std::string& folder);
+
+}  // namespace zmqwriter
