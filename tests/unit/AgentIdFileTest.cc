@@ -1,8 +1,6 @@
 // The agent's identifier: found in its file, or generated and stored there.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -12,9 +10,11 @@
 #include "AgentIdFile.h"
 
 #include "Conversion.h"
+#include "FileSizeLimit.h"
 #include "TempDir.h"
 
 using logging::writer::AgentIdDetection;
+using test::FileSizeLimit;
 using test::read_file;
 using test::write_file;
 using ::testing::ElementsAre;
@@ -48,25 +48,6 @@ void expect_generated(const std::string& agent_id) {
   EXPECT_GE(agent_id.size(), 2u);
   EXPECT_LE(agent_id.size(), 22u);
 }
-
-/// Lets files grow to `bytes` at most while it exists.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &previous_);
-    rlimit limit = previous_;
-    limit.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &previous_);
-    signal(SIGXFSZ, handler_);
-  }
-
- private:
-  rlimit previous_;
-  void (*handler_)(int);
-};
 
 }  // namespace
 

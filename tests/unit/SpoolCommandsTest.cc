@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "FileSizeLimit.h"
 #include "RawEvents.h"
 #include "SpoolFixture.h"
 #include "aggregator_generated.h"
@@ -256,6 +257,42 @@ TEST_F(SpoolCommandsTest, RepairMakesTheDumpWhole) {
   EXPECT_THAT(uids(run("dump " + folder()).out), ElementsAre("C2", "C1"));
   EXPECT_EQ(run("list " + folder()).exit_code, 0);
   EXPECT_THAT(run("repair " + folder()).out, HasSubstr("nothing to repair in 1 file"));
+}
+
+TEST_F(SpoolCommandsTest, CopiesGoToTheFolderThatIsNamed) {
+  store(event("C1"));
+  crash();
+  const std::string before = content();
+  std::filesystem::create_directory("copies");
+  for (const char* copy : {"copies/queue.dat.before-repair", "copies/queue.dat.before-repair.2"}) {
+    put("queue.dat", before);
+    EXPECT_THAT(run("repair --copy-to copies " + folder()).out,
+                HasSubstr("header set to 1 record, " + std::to_string(before.size()) +
+                          " bytes (a start found 0 records)\n  kept as it was in " + copy + "\n"));
+    EXPECT_EQ(test::read_file(copy), before);
+    EXPECT_THAT(names(), ElementsAre("queue.dat"));
+    EXPECT_THAT(uids(run("dump " + folder()).out), ElementsAre("C1"));
+  }
+}
+
+TEST_F(SpoolCommandsTest, HeaderIsSetOnlyWithACopyAndSaidToBeSetOnlyThen) {
+  store(event(std::string(5000, 'C')));
+  crash();
+  const auto before = files();
+  const test::FileSizeLimit full(4000);
+  for (const std::string& options : {std::string(), std::string("--copy-to nowhere ")}) {
+    const Outcome outcome = run("repair " + options + folder());
+    EXPECT_EQ(outcome.exit_code, 1);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, (options.empty() ? path("queue.dat.before-repair") +
+                                                  ": cannot be written: File too large; "
+                                            : "nowhere/queue.dat.before-repair: cannot be written: "
+                                              "No such file or directory; ") +
+                               path() +
+                               " is not repaired; --copy-to DIR writes the copy to another "
+                               "folder\n");
+  }
+  EXPECT_EQ(files(), before);
 }
 
 TEST_F(SpoolCommandsTest, RepairRefusesWhileAProcessHasTheSpoolOpen) {

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,10 +11,12 @@
 #include <algorithm>
 #include <functional>
 
+#include "FileSizeLimit.h"
 #include "SpoolFixture.h"
 
 namespace {
 
+using test::FileSizeLimit;
 using test::header;
 using test::record;
 using test::u16;
@@ -487,25 +488,6 @@ TEST_F(SpoolDamageTest, HeadInAReadOnlyFolderStillGivesItsRecords) {
     stop();
   });
 }
-
-// A disk with no room, by way of a limit on the size of files.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) : handler_(signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &before_);
-    rlimit limit = before_;
-    limit.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &before_);
-    signal(SIGXFSZ, handler_);
-  }
-
- private:
-  rlimit before_;
-  void (*handler_)(int);
-};
 
 TEST_F(SpoolDamageTest, FullDiskGoesUnnoticedAndTheCountsGoOn) {
   start();

@@ -127,7 +127,7 @@ bool is_in_use(const std::string& folder, const std::vector<std::uint32_t>& numb
   return !users.processes.empty();
 }
 
-int repair_spool(const std::string& folder, bool dry_run) {
+int repair_spool(const std::string& folder, const std::string& copy_folder, bool dry_run) {
   const std::vector<std::uint32_t> numbers = find_chunks(folder);
   if (is_in_use(folder, numbers))
     return kFailure;
@@ -136,16 +136,17 @@ int repair_spool(const std::string& folder, bool dry_run) {
   Output out;
   const std::string would = dry_run ? "would be " : "";
   for (const HeaderRepair& repair : plan.headers) {
+    const std::string copy = dry_run ? "" : repair_header(repair, copy_folder);
     out.WriteLine(repair.path + ": header " + would + "set to " +
                   counted(repair.record_count, "record") + ", " + std::to_string(repair.used_size) +
                   " bytes (a start found " + counted(repair.records_before, "record") + ")");
     if (!dry_run)
-      out.WriteLine("  kept as it was in " + repair_header(repair));
+      out.WriteLine("  kept as it was in " + copy);
   }
   for (const Renaming& renaming : plan.renamings) {
-    out.WriteLine(renaming.from + ": " + would + "renamed to " + renaming.to);
     if (!dry_run)
       rename_chunk(renaming);
+    out.WriteLine(renaming.from + ": " + would + "renamed to " + renaming.to);
   }
   if (plan.headers.empty() && plan.renamings.empty() && plan.refused.empty())
     out.WriteLine("nothing to repair in " + counted(numbers.size(), "file"));
@@ -157,6 +158,7 @@ int repair_spool(const std::string& folder, bool dry_run) {
 
 struct Options {
   std::string folder;
+  std::string copy_folder;
   bool raw = false;
   bool dry_run = false;
 };
@@ -197,11 +199,17 @@ void add_spool_command(CLI::App& app, int* exit_code) {
       "repair", "Repair the files after an unclean stop, so that the next start finds all events");
   repair->footer(
       "Sets the files' headers to the records that the files hold, and closes gaps in the\n"
-      "files' numbers. A copy of each changed file stays in the folder. Stop the agent\n"
-      "first. Exit status 1 when something could not be repaired.");
+      "files' numbers. Keeps a copy of each file whose header it sets, FILE.before-repair.\n"
+      "Stop the agent first. Exit status 1 when something could not be repaired.");
+  repair
+      ->add_option("--copy-to", options->copy_folder,
+                   "Folder for the copies, e.g. on another disk when the spool's is full (default: "
+                   "the spool's)")
+      ->type_name("DIR");
   repair->add_flag("--dry-run", options->dry_run, "Only print what would be done");
-  repair->callback(
-      [options, exit_code] { *exit_code = repair_spool(options->folder, options->dry_run); });
+  repair->callback([options, exit_code] {
+    *exit_code = repair_spool(options->folder, options->copy_folder, options->dry_run);
+  });
 }
 
 }  // namespace zmqwriter

@@ -20,6 +20,11 @@ namespace {
   throw std::runtime_error(path + ": " + what + ": " + std::strerror(errno));
 }
 
+[[noreturn]] void fail_to_copy(const std::string& path, const std::string& copy) {
+  throw std::runtime_error(copy + ": cannot be written: " + std::strerror(errno) + "; " + path +
+                           " is not repaired; --copy-to DIR writes the copy to another folder");
+}
+
 bool copy_bytes(int from, int to) {
   char bytes[65536];
   for (;;) {
@@ -34,10 +39,13 @@ bool copy_bytes(int from, int to) {
   }
 }
 
-/// Creates the first of "PATH.before-repair", "PATH.before-repair.2", ... that is not taken.
-int create_copy(const std::string& path, mode_t mode, std::string* copy) {
+/// Creates the first of "FILE.before-repair", "FILE.before-repair.2", ... that is not taken, in the
+/// folder of the copies.
+int create_copy(const std::string& path, const std::string& copy_folder, mode_t mode,
+                std::string* copy) {
+  const std::string start = copy_folder.empty() ? path : copy_folder + path.substr(path.rfind('/'));
   for (unsigned attempt = 1; attempt < 10000; ++attempt) {
-    *copy = path + ".before-repair" + (attempt == 1 ? "" : "." + std::to_string(attempt));
+    *copy = start + ".before-repair" + (attempt == 1 ? "" : "." + std::to_string(attempt));
     const int fd = open(copy->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     if (fd >= 0 || errno != EEXIST)
       return fd;
@@ -53,19 +61,19 @@ bool sync_folder_of(const std::string& path) {
   return descriptor.get() >= 0 && fsync(descriptor.get()) == 0;
 }
 
-std::string keep_copy(const std::string& path, int from) {
+std::string keep_copy(const std::string& path, const std::string& copy_folder, int from) {
   struct stat status;
   if (fstat(from, &status) != 0)
     fail(path, "cannot be read");
   std::string copy;
-  const FileDescriptor to(create_copy(path, status.st_mode & 0777, &copy));
+  const FileDescriptor to(create_copy(path, copy_folder, status.st_mode & 0777, &copy));
   if (to.get() < 0)
-    fail(copy, "cannot be created");
+    fail_to_copy(path, copy);
   if (!copy_bytes(from, to.get()) || fsync(to.get()) != 0 || !sync_folder_of(copy)) {
     const int error = errno;
     unlink(copy.c_str());
     errno = error;
-    fail(copy, "cannot be written");
+    fail_to_copy(path, copy);
   }
   return copy;
 }
@@ -146,11 +154,11 @@ RepairPlan plan_repair(const std::string& folder, const std::vector<std::uint32_
   return Planner(folder, numbers, is_event).Plan();
 }
 
-std::string repair_header(const HeaderRepair& repair) {
+std::string repair_header(const HeaderRepair& repair, const std::string& copy_folder) {
   const FileDescriptor file(open(repair.path.c_str(), O_RDWR | O_CLOEXEC));
   if (file.get() < 0)
     fail(repair.path, "cannot be opened for writing");
-  const std::string copy = keep_copy(repair.path, file.get());
+  const std::string copy = keep_copy(repair.path, copy_folder, file.get());
 
   unsigned char header[spool_format::kHeaderSize];
   spool_format::encode_header(repair.used_size, repair.record_count, header);

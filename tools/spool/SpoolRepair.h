@@ -35,10 +35,10 @@ struct RepairPlan {
 RepairPlan plan_repair(const std::string& folder, const std::vector<std::uint32_t>& numbers,
                        const std::function<bool(const std::string& payload)>& is_event);
 
-/// Copies the file to a new name in the same folder that no start uses, then replaces its 12 header
-/// bytes. Returns the copy's path. Throws std::runtime_error; the header is not changed before the
-/// copy is complete and on disk.
-std::string repair_header(const HeaderRepair& repair);
+/// Copies the file to a new name that no start uses, in `copy_folder` or, when that is empty, in
+/// the file's own folder. Then replaces the file's 12 header bytes. Returns the copy's path. Throws
+/// std::runtime_error; the header is not changed before the copy is complete and on disk.
+std::string repair_header(const HeaderRepair& repair, const std::string& copy_folder);
 
 /// Throws std::runtime_error, also when the new name is taken.
 void rename_chunk(const Renaming& renaming);
