@@ -21,6 +21,7 @@ namespace {
 std::function<bool(const std::string& from, const std::string& to)> rename_fails;
 std::string unopenable;
 bool lstat_fails = false;
+bool fdopen_fails = false;
 
 std::string name_of(const char* path) {
   const std::string text = path;
@@ -45,17 +46,23 @@ int test_lstat(const char* path, struct stat* status) {
   return lstat_fails ? fail(EIO) : lstat(path, status);
 }
 
+FILE* test_fdopen(int descriptor, const char* mode) {
+  return fdopen_fails ? nullptr : fdopen(descriptor, mode);
+}
+
 }  // namespace
 
 #define rename test_rename
 #define open test_open
 #define lstat test_lstat
+#define fdopen test_fdopen
 #include "ChunkFile.cc"
 #include "HeadReader.cc"
 #include "PersistentQueue.cc"
 #undef rename
 #undef open
 #undef lstat
+#undef fdopen
 
 namespace {
 
@@ -74,6 +81,7 @@ class SpoolErrorsTest : public testing::Test, protected test::SpoolFixture {
     rename_fails = nullptr;
     unopenable.clear();
     lstat_fails = false;
+    fdopen_fails = false;
   }
 
   // One record in each of four files: "four" in the head, "one!" in the oldest.
@@ -218,6 +226,19 @@ TEST_F(SpoolErrorsTest, HeadWhoseNameIsInDoubtIsNotReplaced) {
   const std::map<std::string, std::string> before = files();
   EXPECT_THAT(take_all(), ElementsAre());
   EXPECT_EQ(files(), before);
+}
+
+TEST_F(SpoolErrorsTest, DescriptorThatGetsNoStreamIsClosed) {
+  const auto lowest_free_descriptor = [] {
+    const int descriptor = dup(STDOUT_FILENO);
+    close(descriptor);
+    return descriptor;
+  };
+  start();
+  fdopen_fails = true;
+  const int before = lowest_free_descriptor();
+  store("lost");
+  EXPECT_EQ(lowest_free_descriptor(), before);
 }
 
 }  // namespace
