@@ -125,50 +125,36 @@ TEST_F(RobustConversion, NothingOfAnUnsetValueIsRead) {
 }
 
 TEST_F(RobustConversion, TextWithoutBytesOrWithANegativeLengthIsEmpty) {
-  for (int length : {0, -1, INT32_MIN}) {
-    for (char* data : {static_cast<char*>(nullptr), new char[1]}) {
-      Value* value = new Value(TYPE_STRING);
-      value->val.string_val.data = data;
-      value->val.string_val.length = length;
-      RecordBuilder record;
-      record.text("ptype", "ftp").raw("ftp.user", value);
-      EXPECT_EQ("", text_of(event_of(convert(record))->data_as_FtpData()->user()));
-    }
+  for (int length : {0, -1, INT32_MIN, 5}) {
+    Value* value = new Value(TYPE_STRING);
+    value->val.string_val.data = length == 5 ? nullptr : new char[1];
+    value->val.string_val.length = length;
+    RecordBuilder record;
+    record.text("ptype", "ftp").raw("ftp.user", value);
+    EXPECT_EQ("", text_of(event_of(convert(record))->data_as_FtpData()->user())) << length;
   }
-  Value* null_data = new Value(TYPE_STRING);
-  null_data->val.string_val.length = 5;
-  RecordBuilder record;
-  record.text("ptype", "ftp").raw("ftp.user", null_data);
-  EXPECT_EQ("", text_of(event_of(convert(record))->data_as_FtpData()->user()));
 }
 
 TEST_F(RobustConversion, ListsWithoutElementsOrOfNegativeSizeAreEmpty) {
   for (TypeTag type : {TYPE_TABLE, TYPE_VECTOR}) {
-    for (bro_int_t size : {0, -1}) {
+    for (bro_int_t size : {0, -1, 3}) {
       Value* no_array = new Value(type);
       Value::set_t& list = type == TYPE_TABLE ? no_array->val.set_val : no_array->val.vector_val;
       list.size = size;
       RecordBuilder record;
       record.text("ptype", "smtp").raw("smtp.to", no_array);
       EXPECT_EQ("", text_of(event_of(convert(record))->data_as_SmtpData()->to()));
-      list.size = 0;
+      list.size = 0;  // the host's destructor walks it
     }
-    Value* null_array = new Value(type);
-    Value::set_t& list = type == TYPE_TABLE ? null_array->val.set_val : null_array->val.vector_val;
-    list.size = 3;
-    RecordBuilder record;
-    record.text("ptype", "smtp").raw("smtp.to", null_array);
-    EXPECT_EQ("", text_of(event_of(convert(record))->data_as_SmtpData()->to()));
-    list.size = 0;
   }
 }
 
-TEST_F(RobustConversion, ElementsThatAreUnsetOrNoTextReadAsEmpty) {
+TEST_F(RobustConversion, ElementsThatAreMissingUnsetOrNoTextReadAsEmpty) {
   RecordBuilder smtp;
   smtp.text("ptype", "smtp");
-  smtp.raw("smtp.to", list_value(TYPE_VECTOR, {text_value("a"), new Value(TYPE_STRING, false),
-                                               new Value(TYPE_COUNT), text_value("b")}));
-  EXPECT_EQ("a,,,b", text_of(event_of(convert(smtp))->data_as_SmtpData()->to()));
+  smtp.raw("smtp.to", list_value(TYPE_VECTOR, {nullptr, text_value("a"), new Value(TYPE_COUNT),
+                                               new Value(TYPE_STRING, false), text_value("b")}));
+  EXPECT_EQ(",a,,,b", text_of(event_of(convert(smtp))->data_as_SmtpData()->to()));
 
   RecordBuilder generic;
   generic.raw("extra_fields", list_value(TYPE_TABLE, {new Value(TYPE_STRING, false)}));
@@ -178,13 +164,6 @@ TEST_F(RobustConversion, ElementsThatAreUnsetOrNoTextReadAsEmpty) {
   ASSERT_EQ(1u, pairs->size());
   EXPECT_EQ("", text_of(pairs->Get(0)->key()));
   EXPECT_EQ("", text_of(pairs->Get(0)->value()));
-}
-
-TEST_F(RobustConversion, ElementsMayBeMissingAltogether) {
-  Value* list = list_value(TYPE_VECTOR, {nullptr, text_value("b")});
-  RecordBuilder record;
-  record.text("ptype", "smtp").raw("smtp.to", list);
-  EXPECT_EQ(",b", text_of(event_of(convert(record))->data_as_SmtpData()->to()));
 }
 
 TEST_F(RobustConversion, APtypeThatIsNoTextMatchesNothing) {

@@ -1,10 +1,11 @@
 // docs/wire-format.md against the conversion: its example is the very message that its record
-// becomes, and every column that its tables name fills the field beside it, and no other.
+// becomes, and every column that its tables name fills the field next to it, and no other.
 
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include <cstdio>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -12,6 +13,8 @@
 
 #include "Conversion.h"
 #include "TempDir.h"
+
+#include "util.h"
 
 using test::Bytes;
 using test::convert;
@@ -89,6 +92,15 @@ void add_column(const std::string& name, const std::string& type, const std::str
     record->set(name, {value, "x"});
   else
     ADD_FAILURE() << "no such type: " << type;
+}
+
+TypeTag type_of(const std::string& kind) {
+  static const std::map<std::string, TypeTag> types = {
+      {"string", TYPE_STRING}, {"enum", TYPE_ENUM},   {"addr", TYPE_ADDR},
+      {"port", TYPE_PORT},     {"count", TYPE_COUNT}, {"int", TYPE_INT},
+      {"bool", TYPE_BOOL},     {"time", TYPE_TIME},   {"interval", TYPE_INTERVAL},
+      {"double", TYPE_DOUBLE}, {"set", TYPE_TABLE}};
+  return types.at(kind);
 }
 
 /// A row of a payload's table whose field comes from a column.
@@ -234,14 +246,17 @@ TEST_F(WireFormatDocumentTest, TheExampleNamesItsAgentAndTimeZone) {
             document().find("`tz_minutes_west` " + std::to_string(kMinutesWest)));
 }
 
-TEST_F(WireFormatDocumentTest, EachColumnFillsTheFieldBesideItAndNoOther) {
+TEST_F(WireFormatDocumentTest, EachColumnFillsTheFieldNextToItAndNoOther) {
   const std::vector<Row> rows = rows_with_columns();
   EXPECT_EQ(19u + 5 + 7 + 4 + 5 + 4 + 4 + 7 + 2 + 9, rows.size());
   for (const Row& row : rows) {
     RecordBuilder bare, record;
     make_bare(row.table, &bare);
     make_bare(row.table, &record);
+    // Of columns with the same name the last one counts; names are case-sensitive and whole.
+    record.unset(row.column, type_of(row.kind));
     add_column(row.column, row.kind, value_of(row.kind), &record);
+    record.text(to_upper(row.column), "x").text(row.column + "s", "x").text("x" + row.column, "x");
     const Bytes bare_message = convert(bare), message = convert(record);
     const flatbuffers::voffset_t slot = static_cast<flatbuffers::voffset_t>(4 + 2 * row.number);
     EXPECT_EQ(expected(row), read(*payload_of(message), row.type, slot)) << row;
@@ -257,15 +272,8 @@ TEST_F(WireFormatDocumentTest, AnUnsetColumnReadsAsTheDocumentSays) {
   for (const Row& row : rows_with_columns()) {
     RecordBuilder record;
     make_bare(row.table, &record);
-    record.unset(row.column, row.kind == "addr"       ? TYPE_ADDR
-                             : row.kind == "set"      ? TYPE_TABLE
-                             : row.kind == "count"    ? TYPE_COUNT
-                             : row.kind == "int"      ? TYPE_INT
-                             : row.kind == "port"     ? TYPE_PORT
-                             : row.kind == "bool"     ? TYPE_BOOL
-                             : row.kind == "interval" ? TYPE_INTERVAL
-                             : row.kind == "double"   ? TYPE_DOUBLE
-                                                      : TYPE_STRING);
+    add_column(row.column, row.kind, value_of(row.kind), &record);
+    record.unset(row.column, type_of(row.kind));
     const Bytes message = convert(record);
     const std::string value = read(*payload_of(message), row.type,
                                    static_cast<flatbuffers::voffset_t>(4 + 2 * row.number));
