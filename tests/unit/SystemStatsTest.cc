@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <utility>
 
 #include "FakeDarwin.h"
 #include "FakeDisk.h"
@@ -100,79 +101,51 @@ TEST_F(SystemStatsTest, UnreadableLoadIsMinusOneAndTheRestStays) {
   EXPECT_EQ(real("hdd_volume"), 3.814697265625);
 }
 
-TEST_F(SystemStatsTest, EightGiBOfMemoryAre8192MiB) {
-  sample();
-  EXPECT_EQ(count("ph_mem_total"), 8192u);
-  EXPECT_EQ(count("virt_mem_total"), 8192u);
+TEST_F(SystemStatsTest, MemoryTotalIsInWholeMiBCutTo32BitsWithSign) {
+  const std::pair<std::uint64_t, std::uint64_t> cases[] = {
+      {8 * kGiB, 8192},
+      {8 * kGiB - 1, 8191},
+      {(std::uint64_t{1} << 52) + (5 << 20), 5},
+      {std::uint64_t{0x80000000} << 20, 0xffffffff80000000u},
+      {0xffffffffffffffffu, 0},  // -1 byte: towards zero, not downwards
+  };
+  for (const auto& [bytes, total] : cases) {
+    darwin_.memory_bytes = bytes;
+    sample();
+    EXPECT_EQ(count("ph_mem_total"), total) << bytes;
+    EXPECT_EQ(count("virt_mem_total"), total) << bytes;
+  }
 }
 
-TEST_F(SystemStatsTest, MemoryTotalIsTruncatedToWholeMiB) {
-  darwin_.memory_bytes = 8 * kGiB - 1;
-  sample();
-  EXPECT_EQ(count("ph_mem_total"), 8191u);
+TEST_F(SystemStatsTest, MemoryUsedIsThePagesSummedIn32BitsAndMultipliedIn64) {
+  struct Pages {
+    std::uint32_t active, inactive, wired;
+    std::uint64_t page_bytes, used;
+  };
+  for (const Pages& pages :
+       {Pages{1000000, 500000, 250000, 4096, 6835}, Pages{0xffffffff, 1, 256, 4096, 1},
+        Pages{0x40000000, 0, 0, 16384, 16777216},
+        Pages{0x80000000, 0, 0, 1 << 20, 0xffffffff80000000u}}) {
+    darwin_.active_pages = pages.active;
+    darwin_.inactive_pages = pages.inactive;
+    darwin_.wired_pages = pages.wired;
+    darwin_.page_bytes = pages.page_bytes;
+    sample();
+    EXPECT_EQ(count("ph_mem_used"), pages.used) << pages.active;
+    EXPECT_EQ(count("virt_mem_used"), pages.used) << pages.active;
+  }
 }
 
-TEST_F(SystemStatsTest, MemoryTotalIsCutTo32BitsWithSign) {
-  darwin_.memory_bytes = (std::uint64_t{1} << 52) + (5 << 20);
-  sample();
-  EXPECT_EQ(count("ph_mem_total"), 5u);
-  darwin_.memory_bytes = std::uint64_t{0x80000000} << 20;
-  sample();
-  EXPECT_EQ(count("ph_mem_total"), 0xffffffff80000000u);
-}
-
-TEST_F(SystemStatsTest, MemorySizeIsSigned) {
-  // -1 byte: towards zero, not downwards.
-  darwin_.memory_bytes = 0xffffffffffffffffu;
-  sample();
-  EXPECT_EQ(count("ph_mem_total"), 0u);
-}
-
-TEST_F(SystemStatsTest, PagesInUseAre6835MiB) {
-  sample();
-  EXPECT_EQ(count("ph_mem_used"), 6835u);
-  EXPECT_EQ(count("virt_mem_used"), 6835u);
-}
-
-TEST_F(SystemStatsTest, SumOfPagesWrapsAt32Bits) {
-  darwin_.active_pages = 0xffffffff;
-  darwin_.inactive_pages = 1;
-  darwin_.wired_pages = 256;
-  sample();
-  EXPECT_EQ(count("ph_mem_used"), 1u);
-}
-
-TEST_F(SystemStatsTest, PagesAreMultipliedIn64Bits) {
-  darwin_.active_pages = 0x40000000;
-  darwin_.inactive_pages = 0;
-  darwin_.wired_pages = 0;
-  darwin_.page_bytes = 16384;
-  sample();
-  EXPECT_EQ(count("ph_mem_used"), 16777216u);
-}
-
-TEST_F(SystemStatsTest, MemoryUsedIsCutTo32BitsWithSign) {
-  darwin_.active_pages = 0x80000000;
-  darwin_.inactive_pages = 0;
-  darwin_.wired_pages = 0;
-  darwin_.page_bytes = std::uint64_t{1} << 20;
-  sample();
-  EXPECT_EQ(count("ph_mem_used"), 0xffffffff80000000u);
-}
-
-TEST_F(SystemStatsTest, UnreadablePageCountsAreZeroUsed) {
-  darwin_.page_counts_work = false;
-  sample();
-  EXPECT_EQ(count("ph_mem_used"), 0u);
-  EXPECT_EQ(count("virt_mem_used"), 0u);
-  EXPECT_EQ(count("ph_mem_total"), 8192u);
-  EXPECT_EQ(real("hdd_avail"), 0.95367431640625);
-}
-
-TEST_F(SystemStatsTest, UnreadablePageSizeIsZeroUsed) {
-  darwin_.page_size_works = false;
-  sample();
-  EXPECT_EQ(count("ph_mem_used"), 0u);
+TEST_F(SystemStatsTest, UnreadablePageCountsOrPageSizeAreZeroUsed) {
+  for (bool* works : {&darwin_.page_counts_work, &darwin_.page_size_works}) {
+    *works = false;
+    sample();
+    EXPECT_EQ(count("ph_mem_used"), 0u);
+    EXPECT_EQ(count("virt_mem_used"), 0u);
+    EXPECT_EQ(count("ph_mem_total"), 8192u);
+    EXPECT_EQ(real("hdd_avail"), 0.95367431640625);
+    *works = true;
+  }
 }
 
 TEST_F(SystemStatsTest, UnreadableMemorySizeIsZeroTotal) {
@@ -208,30 +181,24 @@ TEST_F(SystemStatsTest, LargestFiguresOfDarwinAreExact) {
   EXPECT_EQ(real("hdd_used"), 0.0);
 }
 
-TEST_F(SystemStatsTest, FailedStatvfsGivesZeros) {
-  disk_.statvfs_works = false;
-  sample();
-  EXPECT_EQ(real("hdd_volume"), 0.0);
-  EXPECT_EQ(real("hdd_used"), 0.0);
-  EXPECT_EQ(real("hdd_avail"), 0.0);
-  EXPECT_EQ(count("ph_mem_total"), 8192u);
-}
-
-TEST_F(SystemStatsTest, FailedGetcwdGivesZeros) {
-  disk_.working_folder.clear();
-  sample();
-  EXPECT_EQ(real("hdd_volume"), 0.0);
-  EXPECT_EQ(real("hdd_used"), 0.0);
-  EXPECT_EQ(real("hdd_avail"), 0.0);
-}
-
-TEST_F(SystemStatsTest, WorkingFolderMayTakeAll1024Bytes) {
+TEST_F(SystemStatsTest, DiskThatCannotBeMeasuredGivesZeros) {
   disk_.working_folder = std::string(1023, 'd');
   sample();
-  EXPECT_EQ(real("hdd_volume"), 3.814697265625);
-  disk_.working_folder = std::string(1024, 'd');
-  sample();
-  EXPECT_EQ(real("hdd_volume"), 0.0);
+  EXPECT_EQ(real("hdd_volume"), 3.814697265625) << "the longest path";
+  const auto expect_zeros = [this] {
+    sample();
+    EXPECT_EQ(real("hdd_volume"), 0.0);
+    EXPECT_EQ(real("hdd_used"), 0.0);
+    EXPECT_EQ(real("hdd_avail"), 0.0);
+    EXPECT_EQ(count("ph_mem_total"), 8192u);
+  };
+  disk_.statvfs_works = false;
+  expect_zeros();
+  disk_.statvfs_works = true;
+  for (const std::size_t length : {0u, 1024u}) {  // getcwd fails
+    disk_.working_folder = std::string(length, 'd');
+    expect_zeros();
+  }
 }
 
 TEST_F(SystemStatsTest, EveryCallSamplesAfresh) {

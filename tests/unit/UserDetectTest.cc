@@ -103,61 +103,37 @@ class UserDetectTest : public testing::Test {
 
 // The answer, from the connection to the two names.
 
-TEST_F(UserDetectTest, ProcessAndUserAreNamed) {
+TEST_F(UserDetectTest, ProcessAndUserAreNamedWhicheverEndIsTheOriginator) {
   EXPECT_EQ(detect_curl(), Names("curl", "alice"));
-}
-
-TEST_F(UserDetectTest, AnswerIsTheSameWhicheverEndIsTheOriginator) {
   EXPECT_EQ(detect("10.0.0.9", 80, "10.0.0.5", 51000), Names("curl", "alice"));
 }
 
-TEST_F(UserDetectTest, ProcessOfRootHasANameAndNoUser) {
+TEST_F(UserDetectTest, ProcessOfRootOrOfNoKnownUserHasANameAndNoUser) {
   curl().uid = 0;
   EXPECT_EQ(detect_curl(), Names("curl", ""));
   EXPECT_THAT(darwin_.calls, Not(Contains("getpwuid 0")));
-}
-
-TEST_F(UserDetectTest, UserWithoutPasswordEntryIsEmpty) {
   curl().uid = 777;
   EXPECT_EQ(detect_curl(), Names("curl", ""));
   EXPECT_THAT(darwin_.calls, Contains("getpwuid 777"));
 }
 
-TEST_F(UserDetectTest, ConnectionOfAnotherHostHasNoOwner) {
-  EXPECT_EQ(detect("10.0.0.6", 51000, "10.0.0.9", 80), Names("", ""));
-}
-
-TEST_F(UserDetectTest, ClosedConnectionHasNoOwner) {
-  list_ = PcbList().end();
-  EXPECT_EQ(detect_curl(), Names("", ""));
-}
-
-TEST_F(UserDetectTest, UnreadableTaskInformationGivesTwoEmptyTexts) {
-  curl().has_task_information = false;
-  EXPECT_EQ(detect_curl(), Names("", ""));
-}
-
-TEST_F(UserDetectTest, NoConnectionGivesTwoEmptyTexts) {
-  EXPECT_EQ(texts(UserDetect::detectUser(nullptr)), Names("", ""));
+TEST_F(UserDetectTest, WithoutAnOwnerBothNamesAreEmpty) {
+  EXPECT_EQ(texts(UserDetect::detectUser(nullptr)), Names("", "")) << "no connection";
   EXPECT_THAT(darwin_.calls, testing::IsEmpty());
+  EXPECT_EQ(detect("10.0.0.6", 51000, "10.0.0.9", 80), Names("", "")) << "of another host";
+  curl().has_task_information = false;
+  EXPECT_EQ(detect_curl(), Names("", "")) << "unreadable task information";
+  list_ = PcbList().end();
+  ASSERT_EQ(list_.bytes().size(), 48u);
+  EXPECT_EQ(detect_curl(), Names("", "")) << "closed: only a header and a trailer";
 }
 
-TEST_F(UserDetectTest, ConnectionOverIPv6HasNoOwner) {
-  PcbList::Pcb pcb = curl_pcb();
-  pcb.family_flags = 2;
-  list_ = PcbList().add(pcb).end();
-  EXPECT_EQ(detect("fe80::1", 51000, "fe80::2", 80), Names("", ""));
-}
-
-TEST_F(UserDetectTest, AddressOfIPv6IsComparedByItsFirstFourBytes) {
+TEST_F(UserDetectTest, AddressOfIPv6IsComparedByItsFirstFourBytesAMappedOneAsIPv4) {
+  EXPECT_EQ(detect("::ffff:10.0.0.5", 51000, "::ffff:10.0.0.9", 80), Names("curl", "alice"));
   PcbList::Pcb pcb = curl_pcb();
   pcb.local_address = word("32.1.13.184");  // 2001:db8::
   list_ = PcbList().add(pcb).end();
   EXPECT_EQ(detect("2001:db8::5", 51000, "10.0.0.9", 80), Names("curl", "alice"));
-}
-
-TEST_F(UserDetectTest, MappedAddressIsIPv4) {
-  EXPECT_EQ(detect("::ffff:10.0.0.5", 51000, "::ffff:10.0.0.9", 80), Names("curl", "alice"));
 }
 
 TEST_F(UserDetectTest, StringVecThatIsNoVectorIsReportedByTheHost) {
@@ -171,11 +147,6 @@ TEST_F(UserDetectTest, StringVecThatIsNoVectorIsReportedByTheHost) {
 
 // The name.
 
-TEST_F(UserDetectTest, NameOfFifteenBytesIsWhole) {
-  curl().name = "fifteen-letters";
-  EXPECT_EQ(detect_curl().first, "fifteen-letters");
-}
-
 TEST_F(UserDetectTest, NameThatFillsItsFieldIsCutForTheTerminator) {
   curl().name = "sixteen-letters-";
   char buffer[kProcessNameBytes + 1];
@@ -183,60 +154,28 @@ TEST_F(UserDetectTest, NameThatFillsItsFieldIsCutForTheTerminator) {
   EXPECT_EQ(get_uid_for_pid(91, buffer), kAlice);
   EXPECT_STREQ(buffer, "sixteen-letters");
   EXPECT_EQ(buffer[kProcessNameBytes], '!');
-}
-
-TEST_F(UserDetectTest, UnknownPidHasNoNameAndUserIdZero) {
-  char buffer[kProcessNameBytes] = "left over";
   EXPECT_EQ(get_uid_for_pid(4711, buffer), 0u);
-  EXPECT_STREQ(buffer, "");
+  EXPECT_STREQ(buffer, "") << "an unknown pid has no name";
 }
 
 // Which control block matches.
 
-TEST_F(UserDetectTest, BlockNewerThanTheSnapshotIsPassedOver) {
-  PcbList::Pcb pcb = curl_pcb();
-  pcb.generation = 1001;
-  list_ = PcbList(1000).add(pcb).end();
-  EXPECT_EQ(curl_pid(), 0u);
-}
-
-TEST_F(UserDetectTest, BlockAsOldAsTheSnapshotMatches) {
-  PcbList::Pcb pcb = curl_pcb();
-  pcb.generation = 1000;
-  list_ = PcbList(1000).add(pcb).end();
-  EXPECT_EQ(curl_pid(), 91u);
-}
-
-TEST_F(UserDetectTest, GenerationsAreComparedWithoutSign) {
-  PcbList::Pcb pcb = curl_pcb();
-  pcb.generation = 0x8000000000000000u;
-  list_ = PcbList(1000).add(pcb).end();
-  EXPECT_EQ(curl_pid(), 0u);
-  list_ = PcbList(0x8000000000000001u).add(pcb).end();
-  EXPECT_EQ(curl_pid(), 91u);
-}
-
-TEST_F(UserDetectTest, BlocksWithAnIPv6FlagArePassedOver) {
-  for (const std::uint8_t flags : {0, 2, 3}) {
+TEST_F(UserDetectTest, OnlyTcpOverIPv4NoNewerThanTheSnapshotMatches) {
+  const auto pid_with = [this](std::uint64_t generation, int family_flags, int protocol) {
     PcbList::Pcb pcb = curl_pcb();
-    pcb.family_flags = flags;
-    list_ = PcbList().add(pcb).end();
-    EXPECT_EQ(curl_pid(), 0u) << "flags " << int{flags};
-  }
-}
-
-TEST_F(UserDetectTest, OtherFlagBitsBesideIPv4DoNotMatter) {
-  PcbList::Pcb pcb = curl_pcb();
-  pcb.family_flags = 0xfd;
-  list_ = PcbList().add(pcb).end();
-  EXPECT_EQ(curl_pid(), 91u);
-}
-
-TEST_F(UserDetectTest, OtherProtocolsArePassedOver) {
-  PcbList::Pcb pcb = curl_pcb();
-  pcb.protocol = 17;
-  list_ = PcbList().add(pcb).end();
-  EXPECT_EQ(curl_pid(), 0u);
+    pcb.generation = generation;
+    pcb.family_flags = static_cast<std::uint8_t>(family_flags);
+    pcb.protocol = protocol;
+    list_ = PcbList(1000).add(pcb).end();
+    return curl_pid();
+  };
+  EXPECT_EQ(pid_with(1000, 1, 6), 91u);
+  EXPECT_EQ(pid_with(1001, 1, 6), 0u) << "newer";
+  EXPECT_EQ(pid_with(0x8000000000000000u, 1, 6), 0u) << "compared without sign";
+  EXPECT_EQ(pid_with(1000, 0xfd, 6), 91u) << "other flags do not matter";
+  for (const int flags : {0, 2, 3})
+    EXPECT_EQ(pid_with(1000, flags, 6), 0u) << "flags " << flags;
+  EXPECT_EQ(pid_with(1000, 1, 17), 0u) << "UDP";
 }
 
 TEST_F(UserDetectTest, AllZeroBlockNeverMatchesNotEvenAnAllZeroQuery) {
@@ -274,42 +213,32 @@ TEST_F(UserDetectTest, EachOfTheFourValuesCounts) {
   EXPECT_EQ(get_socket_pid(a, q, b, p), 0u);
 }
 
-TEST_F(UserDetectTest, PortIsComparedWithAllBitsOfTheArgument) {
-  darwin_.pcb_list = list_.bytes();
-  EXPECT_EQ(get_socket_pid(word("10.0.0.5"), 0x10000u | htons(51000), word("10.0.0.9"), htons(80)),
-            0u);
-}
-
-TEST_F(UserDetectTest, PortWithTheHighestBitIsWidenedWithoutSign) {
+TEST_F(UserDetectTest, PortIsWidenedWithoutSignAndComparedWithAllBitsOfTheArgument) {
   PcbList::Pcb pcb = curl_pcb();
   pcb.local_port = 0xfedc;
   darwin_.pcb_list = PcbList().add(pcb).end().bytes();
   EXPECT_EQ(get_socket_pid(word("10.0.0.5"), 0xfedc, word("10.0.0.9"), htons(80)), 91u);
+  EXPECT_EQ(get_socket_pid(word("10.0.0.5"), 0x1fedc, word("10.0.0.9"), htons(80)), 0u);
 }
 
-TEST_F(UserDetectTest, FirstMatchingBlockDecides) {
+TEST_F(UserDetectTest, FirstMatchingBlockDecidesEvenIfNobodyOwnsIt) {
   darwin_.processes.emplace_back(92, "other", kAlice).socket(3, 0xbeef);
-  PcbList::Pcb reverse;
-  reverse.local_address = word("10.0.0.9");
-  reverse.local_port = htons(80);
-  reverse.foreign_address = word("10.0.0.5");
-  reverse.foreign_port = htons(51000);
-  reverse.handle = 0xbeef;
-  list_ = PcbList().add(reverse).add(curl_pcb()).end();
+  PcbList::Pcb first = curl_pcb();
+  std::swap(first.local_address, first.foreign_address);
+  std::swap(first.local_port, first.foreign_port);
+  first.handle = 0xbeef;
+  list_ = PcbList().add(first).add(curl_pcb()).end();
   EXPECT_EQ(curl_pid(), 92u);
-}
-
-TEST_F(UserDetectTest, SearchEndsAtTheFirstMatchEvenIfNobodyOwnsIt) {
-  PcbList::Pcb ownerless = curl_pcb();
-  ownerless.handle = 0xdead;
-  list_ = PcbList().add(ownerless).add(curl_pcb()).end();
+  first.handle = 0xdead;
+  list_ = PcbList().add(first).add(curl_pcb()).end();
   EXPECT_EQ(curl_pid(), 0u);
 }
 
-TEST_F(UserDetectTest, MatchBehindOtherBlocksIsFound) {
+TEST_F(UserDetectTest, MatchBehindOtherBlocksOfAnyLengthIsFound) {
   list_ = PcbList();
-  for (int i = 0; i < 500; ++i) {
+  for (std::uint16_t i = 0; i < 500; ++i) {
     PcbList::Pcb pcb = curl_pcb();
+    pcb.length = PcbList::kRecordBytes + i % 3 * 8;
     pcb.local_port = static_cast<std::uint16_t>(i + 1);
     pcb.handle = 0x1111;
     list_.add(pcb);
@@ -318,21 +247,7 @@ TEST_F(UserDetectTest, MatchBehindOtherBlocksIsFound) {
   EXPECT_EQ(curl_pid(), 91u);
 }
 
-TEST_F(UserDetectTest, LongerRecordsAreSteppedOverByTheirOwnLength) {
-  PcbList::Pcb longer;
-  longer.length = PcbList::kRecordBytes + 24;
-  longer.local_port = 1;
-  list_ = PcbList().add(longer).add(curl_pcb()).end();
-  EXPECT_EQ(curl_pid(), 91u);
-}
-
 // Snapshots that fail or are nonsense.
-
-TEST_F(UserDetectTest, ListOfHeaderAndTrailerHasNoOwner) {
-  list_ = PcbList().end();
-  ASSERT_EQ(list_.bytes().size(), 48u);
-  EXPECT_EQ(curl_pid(), 0u);
-}
 
 TEST_F(UserDetectTest, SnapshotOfTwentyFourBytesOrLessHasNoOwner) {
   for (const std::size_t bytes : {0u, 1u, 4u, 23u, 24u, 25u, 27u}) {
@@ -341,18 +256,14 @@ TEST_F(UserDetectTest, SnapshotOfTwentyFourBytesOrLessHasNoOwner) {
   }
 }
 
-TEST_F(UserDetectTest, FailedSizingHasNoOwner) {
-  darwin_.pcb_sizing_works = false;
-  EXPECT_EQ(curl_pid(), 0u);
-}
-
-TEST_F(UserDetectTest, FailedFetchHasNoOwner) {
+TEST_F(UserDetectTest, SnapshotThatCannotBeTakenHasNoOwner) {
+  darwin_.pcb_sizing = list_.bytes().size() - 1;
+  EXPECT_EQ(curl_pid(), 0u) << "the list grew between the calls";
+  darwin_.pcb_sizing.reset();
   darwin_.pcb_fetch_works = false;
   EXPECT_EQ(curl_pid(), 0u);
-}
-
-TEST_F(UserDetectTest, ListThatGrewBetweenTheCallsHasNoOwner) {
-  darwin_.pcb_sizing = list_.bytes().size() - 1;
+  darwin_.pcb_fetch_works = true;
+  darwin_.pcb_sizing_works = false;
   EXPECT_EQ(curl_pid(), 0u);
 }
 
@@ -373,12 +284,9 @@ TEST_F(UserDetectTest, FetchThatTellsMoreThanItHadRoomForIsNotBelieved) {
   EXPECT_EQ(curl_pid(), 0u);
 }
 
-TEST_F(UserDetectTest, NothingBehindTheTrailerIsLookedAt) {
+TEST_F(UserDetectTest, TrailerOrARecordLengthOfZeroEndsTheWalk) {
   list_ = PcbList().end().add(curl_pcb());
   EXPECT_EQ(curl_pid(), 0u);
-}
-
-TEST_F(UserDetectTest, RecordLengthOfZeroEndsTheWalk) {
   PcbList::Pcb broken;
   broken.length = 0;
   list_ = PcbList().add(broken).add(curl_pcb()).end();
@@ -471,14 +379,10 @@ TEST_F(UserDetectTest, HandleIsComparedInItsLowThirtyTwoBits) {
   EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 2), 90u);
 }
 
-TEST_F(UserDetectTest, NoPidsHaveNoOwner) {
-  const std::int32_t pids[] = {90, 91};
-  EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 0), 0u);
-  EXPECT_EQ(find_owning_pid(kCurlHandle, nullptr, 0), 0u);
-}
-
 TEST_F(UserDetectTest, OnlyTheFirstCountPidsAreProbed) {
   const std::int32_t pids[] = {90, 91};
+  EXPECT_EQ(find_owning_pid(kCurlHandle, nullptr, 0), 0u);
+  EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 0), 0u);
   EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 1), 0u);
   EXPECT_THAT(darwin_.calls, Not(Contains("pidinfo 91 fds size")));
   EXPECT_EQ(find_owning_pid(kCurlHandle, pids, 2), 91u);
@@ -491,17 +395,12 @@ TEST_F(UserDetectTest, SharedSocketBelongsToTheProcessListedFirst) {
   EXPECT_EQ(curl_pid(), 92u);
 }
 
-TEST_F(UserDetectTest, DescriptorsThatAreNoSocketsAreNotAsked) {
-  curl().descriptors.clear();
-  curl().other(4, 1, kCurlHandle);
-  EXPECT_EQ(curl_pid(), 0u);
-  EXPECT_THAT(darwin_.calls, Not(Contains("fdinfo 91 4")));
-}
-
-TEST_F(UserDetectTest, SocketAmongManyDescriptorsIsFound) {
+TEST_F(UserDetectTest, OnlySocketsAmongTheDescriptorsAreAsked) {
   curl().descriptors.clear();
   for (int fd = 0; fd < 300; ++fd)
-    curl().other(fd, fd % 2 == 0 ? 1 : 2, 0x2222);
+    curl().other(fd, 1, kCurlHandle);
+  EXPECT_EQ(curl_pid(), 0u);
+  EXPECT_THAT(darwin_.calls, Not(Contains("fdinfo 91 4")));
   curl().socket(300, kCurlHandle);
   EXPECT_EQ(curl_pid(), 91u);
 }
@@ -511,11 +410,9 @@ TEST_F(UserDetectTest, ProcessWithoutReadableDescriptorsIsSkipped) {
     darwin_.processes[0].descriptor_bytes = told;
     EXPECT_EQ(curl_pid(), 91u) << "told " << told;
   }
-}
-
-TEST_F(UserDetectTest, PidThatVanishesBetweenTheCallsIsSkipped) {
+  darwin_.processes[0].descriptor_bytes.reset();
   darwin_.processes[0].list_fetch_works = false;
-  EXPECT_EQ(curl_pid(), 91u);
+  EXPECT_EQ(curl_pid(), 91u) << "it vanished between the calls";
   curl().list_fetch_works = false;
   EXPECT_EQ(curl_pid(), 0u);
 }
@@ -547,21 +444,16 @@ TEST_F(UserDetectTest, FailedSocketInformationNeverMatches) {
 
 // The list of processes.
 
-TEST_F(UserDetectTest, AllOfExactly1024PidsAreProbed) {
+TEST_F(UserDetectTest, AllOf1024PidsAreProbedAndNoneBeyond) {
   darwin_.processes.clear();
   for (int i = 0; i < 1023; ++i)
     darwin_.processes.emplace_back(1000 + i, "idle", 0);
   darwin_.processes.emplace_back(91, "curl", kAlice).socket(5, kCurlHandle);
   EXPECT_EQ(curl_pid(), 91u);
-}
-
-TEST_F(UserDetectTest, PidBeyondThe1024thIsNotProbed) {
-  darwin_.processes.clear();
-  for (int i = 0; i < 1024; ++i)
-    darwin_.processes.emplace_back(1000 + i, "idle", 0);
-  darwin_.processes.emplace_back(91, "curl", kAlice).socket(5, kCurlHandle);
+  darwin_.calls.clear();
+  darwin_.processes.emplace(darwin_.processes.begin(), 2000, "one more", 0);
   EXPECT_EQ(curl_pid(), 0u);
-  EXPECT_THAT(darwin_.calls, Contains("pidinfo 2023 fds size"));
+  EXPECT_THAT(darwin_.calls, Contains("pidinfo 1022 fds size"));
   EXPECT_THAT(darwin_.calls, Not(Contains("pidinfo 91 fds size")));
 }
 
