@@ -110,10 +110,11 @@ TEST_F(PullSocketTest, SignalsDoNotCutWaitingShort) {
 TEST_F(PullSocketTest, SignalsDoNotProlongWaiting) {
   socket_.Bind("tcp://127.0.0.1:*");
   const Interrupted signals;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(socket_.Wait(50));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
-  EXPECT_GT(signals.count(), 1);
+  do {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(socket_.Wait(50));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+  } while (signals.count() < 2);
 }
 
 TEST_F(PullSocketTest, LargestMessageArrivesAndOneByteMoreDoesNot) {
