@@ -41,8 +41,10 @@ class CheckTestCase(CliTest):
         return report
 
     def found(self, report, notes=False):
+        """The findings' ids, but for the room on this machine's disk."""
         return [finding["id"] for finding in report["findings"]
-                if notes or finding["severity"] != "note"]
+                if (notes or finding["severity"] != "note") and
+                finding["id"] not in ("spool-disk-space", "spool-disk-full")]
 
     def setting(self, report, name):
         return next(one for one in report["settings"] if one["name"] == name)

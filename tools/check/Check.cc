@@ -118,6 +118,7 @@ void check_configuration(const CheckOptions& options, const standin::Host& host,
   report->key = configuration.CheckKey(libzmq_takes_key(configuration.DecodedKey()), findings);
   report->spool = check_spool(report->plugin->spool_folder, findings);
   report->disk = configuration.CheckDisk(findings);
+  check_spool_space(*report->spool, report->disk->limit_mb, findings);
   report->agent_id = check_agent_id(configuration.setting("zmq_agent_id"),
                                     report->plugin->install_prefix, findings);
   if (options.connect && report->libzmq.curve) {

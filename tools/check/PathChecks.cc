@@ -1,18 +1,22 @@
 #include "PathChecks.h"
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 #include <vector>
 
 #include "AgentIdFile.h"
+#include "SpoolInUse.h"
 #include "SpoolReader.h"
+#include "SpoolSurvey.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -63,39 +67,60 @@ std::string create_for_host_user(const std::string& folder) {
 
 // -- The spool ------------------------------------------------------------------------------------
 
-/// Checks the chunk files that a start of the plug-in finds. It writes to each of them in turn.
-void check_chunk_files(const std::string& folder, Findings* findings) {
-  const auto warn = [&](const std::string& id, const std::vector<std::string>& files,
-                        const std::string& what, const std::string& remedy) {
-    const std::string others =
-        files.size() > 1 ? " (and " + std::to_string(files.size() - 1) + " more)" : "";
-    if (!files.empty())
-      add_warning(findings, id, "spool file " + files[0] + others + " " + what, remedy);
-  };
+std::string and_more(const std::vector<std::string>& files) {
+  return "spool file " + files[0] +
+         (files.size() > 1 ? " (and " + std::to_string(files.size() - 1) + " more)" : "");
+}
+
+/// Checks the chunk files: whether the agent can use those that its start finds, and whether any is
+/// damaged. Returns whether none is.
+bool check_chunk_files(const std::string& folder, Findings* findings) {
+  const SpoolSurvey survey = survey_spool(folder);
   std::vector<std::string> closed, damaged;
-  std::string reason;
-  for (std::uint32_t number = 0;; ++number) {
-    const std::string path = chunk_path(folder, number);
-    if (kind_of(path) != Kind::kFile)
-      break;
-    if (access(path.c_str(), R_OK | W_OK) != 0) {
+  std::string reason, damage;
+  for (const SurveyedFile& file : survey.files) {
+    if (file.path == chunk_path(folder, 0) && !file.in_sequence) {
+      add_warning(
+          findings, "spool-file",
+          "spool file " + file.path + " is not a regular file, so nothing can be stored" + kLost,
+          "move it away");
+    } else if (file.in_sequence && access(file.path.c_str(), R_OK | W_OK) != 0) {
       reason = std::strerror(errno);
-      closed.push_back(path);
-    } else if (!ChunkFile(path).has_signature()) {
-      damaged.push_back(path);
+      closed.push_back(file.path);
+    } else if (!file.damage.empty()) {
+      damage = damaged.empty() ? file.damage : damage;
+      damaged.push_back(file.path);
     }
   }
-  const std::string head = chunk_path(folder, 0);
-  if (is_taken(head) && kind_of(head) != Kind::kFile)
-    warn("spool-file", {head},
-         std::string("is not a regular file, so nothing can be stored") + kLost, "move it away");
-  warn("spool-file", closed, "cannot be read and written: " + reason,
-       std::string("give it to ") + kHostUser + kCheckAsHostUser);
-  warn("spool-file-damaged", damaged,
-       "does not begin with the spool's signature: the plug-in will report \"Corrupted queue "
-       "file\", send the records that it finds in the file, and delete it",
-       "before the host starts, copy the folder, run 'zmqwriter spool repair " + folder +
-           "', and move away the files that it cannot repair");
+  if (!closed.empty())
+    add_warning(findings, "spool-file", and_more(closed) + " cannot be read and written: " + reason,
+                std::string("give it to ") + kHostUser + kCheckAsHostUser);
+  if (!damaged.empty())
+    add_error(findings, "spool-damaged",
+              and_more(damaged) + ": " + damage + records_at_stake(survey),
+              "before the host starts, " + repair_advice(folder, survey));
+  return damaged.empty();
+}
+
+/// Checks a folder that the agent can write to; returns the spool's state.
+std::string check_spool_files(const std::string& folder, Findings* findings) {
+  try {
+    // The files of a running agent look damaged: its head file's header is written at its stop.
+    const std::string users = other_spool_users(folder);
+    if (!users.empty()) {
+      add_error(findings, "spool-in-use",
+                "the spool " + folder + " is in use by " + users +
+                    ": two processes on one spool destroy each other's records",
+                "start no other before that process has ended, and check again then");
+      return "in use";
+    }
+    return check_chunk_files(folder, findings) ? "ready" : "needs repair";
+  } catch (const std::runtime_error& error) {
+    add_warning(findings, "spool-not-listed",
+                std::string(error.what()) + ", so its files were not checked",
+                std::string("give it to ") + kHostUser + kCheckAsHostUser);
+    return "ready";
+  }
 }
 
 /// Checks whether the plug-in can create the folder; it does not create the parent.
@@ -150,10 +175,29 @@ SpoolReport check_spool(const std::string& folder, Findings* findings) {
               "spool folder " + folder + " cannot be written: " + closed + kLost,
               std::string("give it to ") + kHostUser + kCheckAsHostUser);
   } else {
-    spool.state = "ready";
-    check_chunk_files(folder, findings);
+    spool.state = check_spool_files(folder, findings);
   }
   return spool;
+}
+
+void check_spool_space(const SpoolReport& spool, int limit_mb, Findings* findings) {
+  constexpr double kBytesOfMb = 1048576;
+  constexpr double kNextToNothing_mb = 10;
+  struct statvfs disk;
+  if (statvfs(spool.folder.c_str(), &disk) != 0 && statvfs(spool.parent.c_str(), &disk) != 0)
+    return;
+  const double free_mb =
+      static_cast<double>(disk.f_bavail) * static_cast<double>(disk.f_frsize) / kBytesOfMb;
+  const std::string text =
+      "the disk of the spool " + spool.folder + " has " + formatted("%.1f MB", free_mb) + " free";
+  const std::string remedy = "make room on that disk";
+  if (free_mb < kNextToNothing_mb)
+    add_error(findings, "spool-disk-full", text + kLost, remedy);
+  else if (free_mb < limit_mb)
+    add_warning(findings, "spool-disk-space",
+                text + ", less than the " + std::to_string(limit_mb) +
+                    " MB of the spool's limit; once it is full, events that are stored are lost",
+                remedy);
 }
 
 // -- The agent's identifier -----------------------------------------------------------------------

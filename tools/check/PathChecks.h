@@ -13,10 +13,15 @@ namespace zmqwriter {
 struct SpoolReport {
   std::string folder;
   std::string parent;
-  std::string state;  ///< "ready", "will be made", "disabled" or "not writable"
+  /// "ready", "needs repair", "in use", "will be made", "disabled" or "not writable"
+  std::string state;
 };
 
 SpoolReport check_spool(const std::string& folder, Findings* findings);
+
+/// Checks what is free on the spool's own disk, which need not be the one that the limit is
+/// computed from.
+void check_spool_space(const SpoolReport& spool, int limit_mb, Findings* findings);
 
 struct AgentIdReport {
   std::string source;  ///< "script constant", "file", "generated" or "not known"

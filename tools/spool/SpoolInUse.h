@@ -17,8 +17,9 @@ struct SpoolUsers {
 /// has just begun a new head.
 SpoolUsers find_spool_users(const std::vector<std::string>& paths);
 
-/// The processes but this one that have files of a spool's folder open, as far as this user may see
-/// them. Throws std::runtime_error that names the folder when it cannot be read.
-std::vector<long> other_spool_users(const std::string& folder);
+/// Names the processes that have files of a spool's folder open: "process 12, 13". Empty if there
+/// is none but this one, as far as this user may see. Throws std::runtime_error that names the
+/// folder when it cannot be read.
+std::string other_spool_users(const std::string& folder);
 
 }  // namespace zmqwriter

@@ -4,6 +4,7 @@
 
 #include "EventJson.h"
 #include "SpoolReader.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -38,6 +39,22 @@ SpoolSurvey survey_spool(const std::string& folder) {
   for (const std::string& path : find_set_aside(folder))
     add(ChunkFile(path), "set aside because it could not be opened");
   return survey;
+}
+
+std::string records_at_stake(const SpoolSurvey& survey) {
+  return survey.next_start >= survey.records
+             ? ""
+             : "; the next start finds " + std::to_string(survey.next_start) + " of " +
+                   counted(survey.records, "record") + ", and may write over the others";
+}
+
+std::string repair_advice(const std::string& folder, const SpoolSurvey& survey) {
+  const std::string repair = "zmqwriter spool repair " + folder;
+  return std::all_of(survey.files.begin(), survey.files.end(),
+                     [](const SurveyedFile& file) { return file.repairable; })
+             ? "run '" + repair + "'"
+             : "copy the folder, run '" + repair +
+                   "', and move away the files that it cannot repair";
 }
 
 }  // namespace zmqwriter

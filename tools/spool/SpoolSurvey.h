@@ -34,4 +34,9 @@ struct SpoolSurvey {
 /// Throws std::runtime_error that names the folder when it cannot be read.
 SpoolSurvey survey_spool(const std::string& folder);
 
+/// "; the next start finds 2 of 5 records, ..."; empty if it finds all.
+std::string records_at_stake(const SpoolSurvey& survey);
+/// What an operator has to do about a damaged spool before the next start.
+std::string repair_advice(const std::string& folder, const SpoolSurvey& survey);
+
 }  // namespace zmqwriter
