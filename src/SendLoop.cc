@@ -184,6 +184,8 @@ void SendLoop::forget_secondary() {
 }
 
 void SendLoop::release_and_refill() {
+  if (current->size > 0)
+    ZmqWorker::count_one(worker.delivered_count);
   settle_record(current);
   current = nullptr;
   refill();
@@ -203,6 +205,7 @@ void SendLoop::refill() {
     if (!record)
       out_of_memory("malloc");
     MutexLock lock(&worker.mutex);
+    worker.stored_count -= size > 0;
     worker.queue.push(record);
   }
 }

@@ -28,6 +28,8 @@ ZmqWorker* worker = nullptr;  ///< still set while it is being stopped
 std::uint64_t past_sent = 0;  ///< by workers that are gone
 std::uint64_t past_failed = 0;
 std::uint64_t past_cut = 0;
+std::uint64_t past_delivered = 0;
+std::int64_t past_stored = 0;
 
 /// Whether writes reach the worker. Cleared before `use` is taken for writing: where the lock
 /// prefers readers, a stream of writes could keep the writer out.
@@ -91,6 +93,8 @@ void end() {
   past_sent += last.sent;
   past_failed += last.failed;
   past_cut += last.cut;
+  past_delivered += last.delivered;
+  past_stored += last.stored;
   delete worker;
   worker = nullptr;
 }
@@ -112,4 +116,6 @@ extern "C" void dravenholt_zmqwriter_status(DravenholtZmqWriterStatus* status) {
   status->sent += past_sent;
   status->failed += past_failed;
   status->cut += past_cut;
+  status->delivered += past_delivered;
+  status->stored += past_stored;
 }

@@ -20,6 +20,12 @@ struct DravenholtZmqWriterStatus {
   /// Events longer than 65535 bytes that had to go to the spool and were cut there, of this
   /// process, all workers together.
   uint64_t cut;
+  /// Records that a server's socket accepted, of this process, all workers together: `sent` without
+  /// the empty messages.
+  uint64_t delivered;
+  /// Records given to the spool less those that came back from it, of this process, all workers
+  /// together.
+  int64_t stored;
 };
 
 /// Fills `status`. Any thread; never blocks for longer than the queue's lock is held.

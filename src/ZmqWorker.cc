@@ -36,10 +36,6 @@ namespace {
 
 const useconds_t kRetryPauseUs = 1000000;
 
-void count_one(std::atomic<uint64_t>& counter) {
-  counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-}
-
 /// A progress line on standard output, visible at once even when that is a pipe or a file.
 void print_line(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
@@ -192,6 +188,7 @@ void ZmqWorker::Write(unsigned long size, const void* data) {
     if (zmq_pqueue) {  // gone once stopped
       // A longer message is cut: the spool's lengths have 16 bits.
       cut_count += size > USHRT_MAX;
+      ++stored_count;
       zmq_pqueue->Store(static_cast<unsigned short>(size), data);
     }
   }
@@ -266,6 +263,8 @@ void ZmqWorker::flush_queue() {
     }
     if (!sent)
       count_one(dropped_by_flush);
+    else if (record->size > 0)
+      count_one(delivered_count);
     settle_record(record);
   }
 }
@@ -279,6 +278,8 @@ void ZmqWorker::FillStatus(DravenholtZmqWriterStatus* status) {
   status->sent = sent_count.load(std::memory_order_relaxed);
   status->failed = failed_count.load(std::memory_order_relaxed);
   status->cut = cut_count;
+  status->delivered = delivered_count.load(std::memory_order_relaxed);
+  status->stored = stored_count;
 }
 
 }  // namespace writer

@@ -90,9 +90,9 @@ class ZmqWorker {
   /// state. The text is otherwise taken as it is.
   std::string correct_zmq_uri(std::string uri);
 
-  /// Sets queued, in_work, spooled, running, and sent, failed and cut as this worker's counters
-  /// stand; leaves the other fields alone. With queued, in_work and spooled all zero, everything
-  /// that was written has been handed over. Any thread.
+  /// Sets queued, in_work, spooled, running, and sent, failed, cut, delivered and stored as this
+  /// worker's counters stand; leaves the other fields alone. With queued, in_work and spooled all
+  /// zero, everything that was written has been handed over. Any thread.
   void FillStatus(DravenholtZmqWriterStatus* status);
 
   /// Records that Stop's single attempt could not send, and dropped. A record that the send thread
@@ -103,6 +103,10 @@ class ZmqWorker {
   /// Written by one thread at a time, readable by all; costs no locked instruction.
   typedef std::atomic<uint64_t> Counter;
   friend class SendLoop;
+
+  static void count_one(Counter& counter) {
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
 
   // Constant after Init, except where noted.
   std::string server;
@@ -128,10 +132,13 @@ class ZmqWorker {
 
   // Beyond the basic set.
   Counter dropped_by_flush;
+  Counter delivered_count;
   /// The send thread holds something that is not settled yet. Guarded by `mutex`.
   bool in_work;
   /// Messages of more than 65535 bytes that went to the spool. Guarded by `mutex`.
   uint64_t cut_count;
+  /// Messages given to the spool less those that came back. Guarded by `mutex`.
+  int64_t stored_count;
   /// Secondary sockets that the send loop let go of without closing them. Send thread only, and
   /// Stop once it has joined that.
   std::deque<void*> dropped_sockets;

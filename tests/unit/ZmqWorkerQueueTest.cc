@@ -343,6 +343,21 @@ TEST_F(Status, CountsWhatWaits) {
   EXPECT_EQ(s.running, 1);
 }
 
+TEST_F(Status, TellsRecordsFromEmptyMessagesAndWhatTheSpoolHolds) {
+  connect("a");
+  write_many(503);
+  EXPECT_EQ(status().stored, 3);
+  FakeSpool::promise_nothing(1);                  // as where a full disk did not take a record
+  sends({kFail, kFail, kFail, kFail, kOk, kOk});  // a switch
+  run();
+  EXPECT_EQ(status().sent, 505u) << "with two empty messages";
+  EXPECT_EQ(status().delivered, 503u);
+  EXPECT_EQ(status().stored, 0) << "what came back with nothing in it does not count";
+  write("last");
+  stop();
+  EXPECT_EQ(status().delivered, 504u);
+}
+
 TEST_F(Status, LeavesTheFieldsOfOthersAlone) {
   connect();
   DravenholtZmqWriterStatus s = {};
