@@ -2,8 +2,11 @@
 #include <zmq.h>
 
 #include <cstring>
+#include <functional>
+#include <limits>
 #include <memory>
 #include <regex>
+#include <utility>
 
 #include "FakeDisk.h"
 #include "SettingsFile.h"
@@ -111,148 +114,118 @@ INSTANTIATE_TEST_SUITE_P(Table, Endpoints,
                                            Normalisation{"tcp://h:", "tcp://h:"},
                                            Normalisation{" padded ", "tcp:// padded :5555"}));
 
-TEST_F(Configuration, ArgumentsAreTheDefaultsOfSettingsThatAreNotGiven) {
-  set("unrelated = 1\n");
-  init("first", "KEY", "second");
-  EXPECT_EQ(inside().server, "tcp://first:5555");
+TEST_F(Configuration, ArgumentsHoldWithoutASettingsFile) {
+  init(" first ", "KEY", "second");
+  EXPECT_EQ(inside().server, "tcp:// first :5555") << "the primary is not trimmed";
   EXPECT_EQ(inside().public_key, "KEY");
   EXPECT_THAT(inside().secondary_servers, Lines("tcp://second:5555"));
   EXPECT_FALSE(inside().running);
 }
 
-TEST_F(Configuration, WithoutAnySettingsFileTheArgumentsHold) {
-  init("first", "KEY", "second");
-  EXPECT_EQ(inside().server, "tcp://first:5555");
-  EXPECT_EQ(inside().public_key, "KEY");
-  EXPECT_THAT(inside().secondary_servers, Lines("tcp://second:5555"));
-}
-
-TEST_F(Configuration, SettingsWinOverTheArguments) {
-  set("zmq.server = a:1\nzmq.public_key = OTHER\nzmq.secondary_servers = b:2,c:3\n");
+TEST_F(Configuration, EachSettingThatIsGivenWinsOverItsArgument) {
+  set("zmq.server = a:1\n");
   init("first", "KEY", "second");
   EXPECT_EQ(inside().server, "tcp://a:1");
+  EXPECT_EQ(inside().public_key, "KEY");
+  EXPECT_THAT(inside().secondary_servers, Lines("tcp://second:5555"));
+  delete worker;
+  set("zmq.public_key = OTHER\nzmq.secondary_servers = b:2,c:3\n");
+  init("first", "KEY", "second");
+  EXPECT_EQ(inside().server, "tcp://first:5555");
   EXPECT_EQ(inside().public_key, "OTHER");
   EXPECT_THAT(inside().secondary_servers, Lines("tcp://b:2", "tcp://c:3"));
 }
 
-TEST_F(Configuration, ThePrimaryIsNotTrimmed) {
-  init(" a ");
-  EXPECT_EQ(inside().server, "tcp:// a :5555");
-}
-
-TEST_F(Configuration, NoPrimaryAtAllIsNormalisedAllTheSame) {
-  init("");
-  EXPECT_EQ(inside().server, "tcp://:5555");
-}
-
 TEST_F(Configuration, SecondaryListIsSplitAtCommasAndTrimmed) {
   init();
-  EXPECT_THAT(secondaries_of("a ,   , b ,"), Lines("tcp://a:5555", "tcp://b:5555"));
-  EXPECT_THAT(secondaries_of(",a"), Lines("tcp://a:5555"));
-  EXPECT_THAT(secondaries_of(""), IsEmpty());
-  EXPECT_THAT(secondaries_of(","), IsEmpty());
-  EXPECT_THAT(secondaries_of("   "), IsEmpty());
-  EXPECT_THAT(secondaries_of("\t a:1 \r\n"), Lines("tcp://a:1"));
-  EXPECT_THAT(secondaries_of("a,,b"), Lines("tcp://a:5555", "tcp://b:5555"));
-  EXPECT_THAT(secondaries_of("a,b c,d"), Lines("tcp://a:5555", "tcp://b c:5555", "tcp://d:5555"));
-}
-
-TEST_F(Configuration, SecondaryListKeepsOrderAndDuplicates) {
-  init();
-  EXPECT_THAT(secondaries_of("z,a,z"), Lines("tcp://z:5555", "tcp://a:5555", "tcp://z:5555"));
-}
-
-TEST_F(Configuration, SecondaryListTakesBytesBeyondAsciiAsTheyAre) {
-  init();
-  EXPECT_THAT(secondaries_of("\xe9\xff , b"), Lines("tcp://\xe9\xff:5555", "tcp://b:5555"));
+  const std::pair<std::string, std::vector<std::string>> lists[] = {
+      {"a ,   , b ,", {"a", "b"}},
+      {",a", {"a"}},
+      {"", {}},
+      {",", {}},
+      {"   ", {}},
+      {"\t a \r\n", {"a"}},
+      {"a,b c,d", {"a", "b c", "d"}},
+      {"z,a,,z", {"z", "a", "z"}},
+      {"\xe9\xff , b", {"\xe9\xff", "b"}},
+  };
+  for (const auto& [list, expected] : lists) {
+    std::vector<std::string> servers;
+    for (const std::string& server : expected)
+      servers.push_back("tcp://" + server + ":5555");
+    EXPECT_EQ(secondaries_of(list), servers) << list;
+  }
 }
 
 // -- Spool limits ---------------------------------------------------------------------------------
 
-TEST_F(Configuration, OnAHundredGigabyteDiskTheAbsoluteLimitWins) {
-  disk.blocks = 100u * 1024 * 256;  // of 4096 bytes
-  init();
-  EXPECT_THAT(infos(), Lines("info: Disk size is 102400.00Mb, setting maximum usage to 500Mb"));
-  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 524288000"));
+struct Limits {
+  const char* promise;
+  const char* settings;
+  std::function<void(test::FakeDisk&)> disk;
+  const char* disk_size;  // in the information line
+  int usage_mb;
+  const char* limits;  // of a chunk and of all, in bytes
+};
+
+std::function<void(test::FakeDisk&)> megabytes(std::uint32_t size) {
+  return [size](test::FakeDisk& disk) { disk.blocks = size * 256; };  // of 4096 bytes
 }
 
-TEST_F(Configuration, OnATwoGigabyteDiskTheRelativeLimitWinsTruncated) {
-  disk.blocks = 2048 * 256;
+class SpoolLimits : public Configuration, public ::testing::WithParamInterface<Limits> {};
+
+TEST_P(SpoolLimits, AreTheSmallerOfTheTwo) {
+  const Limits& expected = GetParam();
+  SCOPED_TRACE(expected.promise);
+  set(expected.settings);
+  expected.disk(disk);
   init();
-  EXPECT_THAT(infos(), Lines("info: Disk size is 2048.00Mb, setting maximum usage to 204Mb"));
-  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 213909504"));
+  EXPECT_THAT(infos(),
+              Lines(std::string("info: Disk size is ") + expected.disk_size +
+                    "Mb, setting maximum usage to " + std::to_string(expected.usage_mb) + "Mb"));
+  EXPECT_THAT(limits(), Lines(std::string(".spool_limits ") + expected.limits));
 }
 
-TEST_F(Configuration, EqualLimitsGiveTheAbsoluteOne) {
-  disk.blocks = 5000 * 256;
-  init();
-  EXPECT_THAT(infos(), Lines("info: Disk size is 5000.00Mb, setting maximum usage to 500Mb"));
-}
-
-TEST_F(Configuration, FourGigabytesWrapToZeroInTheShift) {
-  set("disk.usage.absolute = 4096\n");
-  init();
-  EXPECT_THAT(infos(), Lines("info: Disk size is 1048576.00Mb, setting maximum usage to 4096Mb"));
-  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 0"));
-}
-
-TEST_F(Configuration, TwoGigabytesWrapToANegativeLimit) {
-  set("disk.usage.absolute = 2048\npqueue.chunk.size = 2049\n");
-  init();
-  EXPECT_THAT(limits(), Lines(".spool_limits -2146435072 -2147483648"));
-}
-
-TEST_F(Configuration, LimitsComeFromTheSettings) {
-  set("disk.usage.relative = 50\ndisk.usage.absolute = 70\npqueue.chunk.size = 3\n");
-  disk.blocks = 100 * 256;
-  init();
-  EXPECT_THAT(infos(), Lines("info: Disk size is 100.00Mb, setting maximum usage to 50Mb"));
-  EXPECT_THAT(limits(), Lines(".spool_limits 3145728 52428800"));
-}
-
-TEST_F(Configuration, NegativeLimitsAreShiftedAsTheyAre) {
-  set("disk.usage.absolute = -1\npqueue.chunk.size = -1\n");
-  init();
-  EXPECT_THAT(limits(), Lines(".spool_limits -1048576 -1048576"));
-}
-
-TEST_F(Configuration, ARelativeLimitThatNoIntHoldsIsNoUndefinedBehaviour) {
-  set("disk.usage.relative = -2147483648\ndisk.usage.absolute = 2147483647\n");
-  init();
-  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 0"));
-}
-
-TEST_F(Configuration, TheWorkingFoldersDiskIsMeasuredByBlockSizeNotFragmentSize) {
-  disk.block_bytes = 8192;
-  disk.fragment_bytes = 512;
-  disk.blocks = 128 * 10;
-  init();
-  EXPECT_EQ(disk.asked, "/the/working/folder");
-  EXPECT_THAT(infos(), Lines("info: Disk size is 10.00Mb, setting maximum usage to 1Mb"));
-}
-
-TEST_F(Configuration, WithoutAWorkingFolderTheLineAndTheLimitsAreStillGiven) {
-  disk.working_folder.clear();
-  init();
-  EXPECT_THAT(infos(), Lines("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
-  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 0"));
-}
-
-TEST_F(Configuration, AWorkingFolderTooLongForTheBufferCountsAsNone) {
-  disk.working_folder = "/" + std::string(1023, 'x');
-  init();
-  EXPECT_THAT(infos(), Lines("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
-}
-
-TEST_F(Configuration, ADiskThatCannotBeMeasuredCountsAsEmpty) {
-  disk.statvfs_works = false;
-  init();
-  EXPECT_THAT(infos(), Lines("info: Disk size is 0.00Mb, setting maximum usage to 0Mb"));
-  EXPECT_THAT(limits(), Lines(".spool_limits 10485760 0"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Table, SpoolLimits,
+    ::testing::Values(
+        Limits{"100 GB: the absolute limit wins", "", megabytes(102400), "102400.00", 500,
+               "10485760 524288000"},
+        Limits{"2 GB: the relative limit wins, truncated", "", megabytes(2048), "2048.00", 204,
+               "10485760 213909504"},
+        Limits{"equal limits", "", megabytes(5000), "5000.00", 500, "10485760 524288000"},
+        Limits{"all from the settings",
+               "disk.usage.relative = 50\ndisk.usage.absolute = 70\npqueue.chunk.size = 3\n",
+               megabytes(100), "100.00", 50, "3145728 52428800"},
+        Limits{"4 GB wrap to zero in the shift", "disk.usage.absolute = 4096\n", megabytes(1 << 20),
+               "1048576.00", 4096, "10485760 0"},
+        Limits{"2 GB wrap to a negative limit",
+               "disk.usage.absolute = 2048\npqueue.chunk.size = 2049\n", megabytes(1 << 20),
+               "1048576.00", 2048, "-2146435072 -2147483648"},
+        Limits{"negative limits are shifted as they are",
+               "disk.usage.absolute = -1\npqueue.chunk.size = -1\n", megabytes(100), "100.00", -1,
+               "-1048576 -1048576"},
+        Limits{"a relative limit that no int holds",
+               "disk.usage.relative = -2147483648\ndisk.usage.absolute = 2147483647\n",
+               megabytes(1 << 20), "1048576.00", std::numeric_limits<int>::min(), "10485760 0"},
+        Limits{"by block size, not fragment size", "",
+               [](test::FakeDisk& disk) {
+                 disk.block_bytes = 8192;
+                 disk.fragment_bytes = 512;
+                 disk.blocks = 128 * 10;
+               },
+               "10.00", 1, "10485760 1048576"},
+        Limits{"no working folder", "", [](test::FakeDisk& disk) { disk.working_folder.clear(); },
+               "0.00", 0, "10485760 0"},
+        Limits{"a working folder too long for the buffer", "",
+               [](test::FakeDisk& disk) { disk.working_folder = std::string(1024, '/'); }, "0.00",
+               0, "10485760 0"},
+        Limits{"a disk that cannot be measured", "",
+               [](test::FakeDisk& disk) { disk.statvfs_works = false; }, "0.00", 0, "10485760 0"}));
 
 TEST_F(Configuration, ASecondWorkerKeepsTheSpoolAndItsLimits) {
   init();
+  EXPECT_EQ(disk.asked, "/the/working/folder");
   delete worker;  // never started, so the spool is still there
   log.clear();
   disk.blocks = 1;
@@ -403,79 +376,39 @@ TEST_F(Connecting, ServerAndKeyAreSaidOnStandardOutput) {
             "Using zmq server tcp://host:1\nUsing zmq public key AB\n");
 }
 
-TEST_F(Connecting, AnUpperCaseKeyGivesTheRawKey) {
-  keep(connect_with_key(hex_of(raw_key(), kUpperDigits)));
-  EXPECT_EQ(server_key(), raw_key());
-}
-
-TEST_F(Connecting, ALowerCaseKeyGivesAnotherKeyOnPurpose) {
-  const std::string key = raw_key();
-  keep(connect_with_key(hex_of(key, kLowerDigits)));
-  std::string expected = key;
-  for (char& c : expected)
+TEST_F(Connecting, TheKeyIsReadAsHexadecimalInUpperCaseWhateverItIs) {
+  std::string lower_case_key = raw_key();  // as it is decoded
+  for (char& c : lower_case_key)
     if ((c & 0x0f) > 9)
       c = static_cast<char>(c | 0x20);
-  EXPECT_EQ(server_key(), expected);
-  EXPECT_NE(server_key(), key);
-}
-
-TEST_F(Connecting, ALowerCaseLetterIsRightAsAFirstDigitOnly) {
-  keep(
-      connect_with_key("a0b1c2d3e4f5"
-                       "0a0b0c0d0e0f"
-                       "1f"));
-  EXPECT_EQ(server_key(),
-            "\xa0\xb1\xc2\xd3\xe4\xf5"
-            "\x2a\x2b\x2c\x2d\x2e\x2f"
-            "\x3f");
-}
-
-TEST_F(Connecting, AKeyInZ85IsDecodedAsTwentyBytesOfHex) {
+  ASSERT_NE(lower_case_key, raw_key());
   const std::string z85 = "Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hID";
-  ASSERT_EQ(z85.size(), 40u);
-  keep(connect_with_key(z85));
-  const std::string bytes = server_key();
-  ASSERT_EQ(bytes.size(), 20u);
-  // 'Y' (0x59) and 'n' (0x6e): (0x59 - 7 << 4 & 0xff) | 0x6e - 0x37.
-  EXPECT_EQ(static_cast<unsigned char>(bytes[0]), 0x37);
-  // 'e' and '@' (0x40, no letter): (0x65 - 7 << 4 & 0xff) | 0x40 - 0x30.
-  EXPECT_EQ(static_cast<unsigned char>(bytes[1]), 0xf0);
-}
-
-TEST_F(Connecting, AnEmptyKeyIsSetWithLengthZero) {
+  const std::pair<std::string, std::string> keys[] = {
+      {hex_of(raw_key(), kUpperDigits), raw_key()},
+      {hex_of(raw_key(), kLowerDigits), lower_case_key},
+      // A lower-case letter is right as a first digit only.
+      {"a0b1c2d3e4f50a0b0c0d0e0f1f", "\xa0\xb1\xc2\xd3\xe4\xf5\x2a\x2b\x2c\x2d\x2e\x2f\x3f"},
+      {"", ""},
+      {"A", ""},
+      {"ABC", "\xab"},
+      {std::string(81, '1'), std::string(40, '\x11')},
+      {std::string(82, '1'), std::string(41, '\x11')},
+      {std::string(82, '1') + std::string(500, '2'), std::string(41, '\x11')},
+      // Signed characters -1 and -128: neither is above 0x40, so (0xff << 4 & 0xff) | 0x80 - 0x30.
+      {"\xff\x80", "\xf0"},
+      // 'Y' (0x59) and 'n' (0x6e): (0x59 - 7 << 4 & 0xff) | 0x6e - 0x37; 'e' and '@' (0x40, no
+      // letter): (0x65 - 7 << 4 & 0xff) | 0x40 - 0x30.
+      {z85.substr(0, 4), "\x37\xf0"},
+  };
   keep(connect_with_key(""));
-  EXPECT_EQ(server_key(), "");
-}
-
-TEST_F(Connecting, AnOddDigitAtTheEndIsLeftOut) {
-  keep(connect_with_key("ABC"));
-  EXPECT_EQ(server_key(), "\xab");
-}
-
-TEST_F(Connecting, ASingleDigitGivesNoByte) {
-  keep(connect_with_key("A"));
-  EXPECT_EQ(server_key(), "");
-}
-
-TEST_F(Connecting, EightyOneDigitsGiveFortyBytes) {
-  keep(connect_with_key(std::string(81, '1')));
-  EXPECT_EQ(server_key(), std::string(40, '\x11'));
-}
-
-TEST_F(Connecting, EightyTwoDigitsGiveFortyOneBytes) {
-  keep(connect_with_key(std::string(82, '1')));
-  EXPECT_EQ(server_key(), std::string(41, '\x11'));
-}
-
-TEST_F(Connecting, LongerKeysAreCutToFortyOneBytes) {
-  keep(connect_with_key(std::string(82, '1') + std::string(500, '2')));
-  EXPECT_EQ(server_key(), std::string(41, '\x11'));
-}
-
-TEST_F(Connecting, BytesBeyondAsciiAreTakenAsSignedCharacters) {
-  // -1 and -128: neither is above 0x40, so (0xff << 4 & 0xff) | 0x80 - 0x30.
-  keep(connect_with_key("\xff\x80"));
-  EXPECT_EQ(server_key(), "\xf0");
+  for (const auto& [key, bytes] : keys) {
+    inside().public_key = key;
+    keep(worker->Connect("tcp://host:1"));
+    EXPECT_EQ(server_key(), bytes) << key;
+  }
+  inside().public_key = z85;
+  keep(worker->Connect("tcp://host:1"));
+  EXPECT_EQ(server_key().size(), 20u);
 }
 
 TEST_F(Connecting, WithoutASocketThereIsAnErrorAndNull) {
@@ -494,30 +427,19 @@ TEST_F(Connecting, ARefusedEndpointIsReportedAndItsSocketClosed) {
 // -- Start ----------------------------------------------------------------------------------------
 
 namespace {
-
-class Starting : public Configuration {
- protected:
-  /// What was written to a worker that stays idle has no owner once that is deleted.
-  void release_idle_worker() { inside().take_queue(); }
-};
-
+class Starting : public Configuration {};
 }  // namespace
 
-TEST_F(Starting, SaysWhereItConnectsBeforeItDoes) {
+TEST_F(Starting, SaysWhereItConnectsAndZeroesTheCounters) {
   init("host", "AB");
+  inside().sent_count = 7;
+  inside().failed_count = 8;
   ::testing::internal::CaptureStdout();
   worker->Start();
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "Connecting to tcp://host:5555\nUsing zmq server tcp://host:5555\n"
             "Using zmq public key AB\n");
   EXPECT_TRUE(inside().running);
-}
-
-TEST_F(Starting, ZeroesTheCounters) {
-  init();
-  inside().sent_count = 7;
-  inside().failed_count = 8;
-  worker->Start();
   EXPECT_EQ(sent(), 0u);
   EXPECT_EQ(failed(), 0u);
 }
@@ -528,17 +450,6 @@ TEST_F(Starting, ASecondStartDoesNothing) {
   worker->Start();
   EXPECT_THAT(log.starting_with("ctx_new"), Lines("ctx_new"));
   EXPECT_THAT(log.starting_with("socket"), Lines("socket s1"));
-}
-
-TEST_F(Starting, WithoutAPrimarySocketTheWorkerStaysIdle) {
-  zmq.on_socket = [] { return test::kFail; };
-  init();
-  log.clear();
-  worker->Start();
-  EXPECT_THAT(log.story(), Lines("ctx_new", "socket failed", "error: Failed to open ZMQ socket",
-                                 "error: Failed to open ZMQ socket"));
-  EXPECT_FALSE(inside().running);
-  EXPECT_NE(inside().context, nullptr);
 }
 
 TEST_F(Starting, ARefusedPrimaryIsReportedTwice) {
@@ -580,9 +491,16 @@ TEST_F(Starting, TheSendThreadEndsWithTheWorkerAsItsResult) {
   EXPECT_EQ(result, worker);
 }
 
-TEST_F(Starting, WithoutAContextTheWorkerStaysIdle) {
-  zmq.on_ctx_new = [] { return test::kFail; };
+TEST_F(Starting, WithoutAContextOrASocketTheWorkerStaysIdle) {
+  zmq.on_socket = [] { return test::kFail; };
   init();
+  log.clear();
+  worker->Start();
+  EXPECT_THAT(log.story(), Lines("ctx_new", "socket failed", "error: Failed to open ZMQ socket",
+                                 "error: Failed to open ZMQ socket"));
+  EXPECT_FALSE(inside().running);
+  EXPECT_NE(inside().context, nullptr);
+  zmq.on_ctx_new = [] { return test::kFail; };
   worker->Start();
   EXPECT_FALSE(inside().running);
   EXPECT_EQ(inside().socket, nullptr);
@@ -604,5 +522,5 @@ TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
   EXPECT_THAT(log.all(), IsEmpty());
   EXPECT_EQ(inside().queue.size(), 500u);
   EXPECT_EQ(sent() + failed(), 0u);
-  release_idle_worker();
+  inside().take_queue();  // an idle worker does not free it
 }
