@@ -211,24 +211,6 @@ extern "C" {
 
 // -- Library, context -----------------------------------------------------------------------------
 
-int zmq_errno(void) {
-  return errno;
-}
-
-const char* zmq_strerror(int error) {
-  return std::strerror(error);
-}
-
-void zmq_version(int* major, int* minor, int* patch) {
-  *major = ZMQ_VERSION_MAJOR;
-  *minor = ZMQ_VERSION_MINOR;
-  *patch = ZMQ_VERSION_PATCH;
-}
-
-int zmq_has(const char* capability) {
-  return std::strcmp(capability, "curve") == 0;
-}
-
 void* zmq_ctx_new(void) {
   const bool ok = !hooks().on_ctx_new || hooks().on_ctx_new();
   log(ok ? "ctx_new" : "ctx_new failed");
@@ -241,19 +223,7 @@ void* zmq_ctx_new(void) {
   return world().contexts.back().get();
 }
 
-int zmq_ctx_set(void*, int, int) {
-  return 0;
-}
-
-int zmq_ctx_get(void*, int) {
-  return 0;
-}
-
-int zmq_ctx_shutdown(void*) {
-  return 0;
-}
-
-int zmq_ctx_term(void* context) {
+int zmq_ctx_destroy(void* context) {
   log("ctx_destroy");
   Context* ended = static_cast<Context*>(context);
   if (!ended || !ended->open) {
@@ -265,10 +235,6 @@ int zmq_ctx_term(void* context) {
   for (const std::string& name : hooks().open_sockets())
     blame("the context was ended before socket " + name + " was closed");
   return 0;
-}
-
-int zmq_ctx_destroy(void* context) {
-  return zmq_ctx_term(context);
 }
 
 int zmq_curve_keypair(char* z85_public_key, char* z85_secret_key) {
@@ -289,18 +255,6 @@ int zmq_curve_keypair(char* z85_public_key, char* z85_secret_key) {
   fill(z85_public_key, 'P');
   fill(z85_secret_key, 'S');
   return 0;
-}
-
-int zmq_curve_public(char*, const char*) {
-  return fail(ENOTSUP);
-}
-
-char* zmq_z85_encode(char*, const std::uint8_t*, std::size_t) {
-  return nullptr;
-}
-
-std::uint8_t* zmq_z85_decode(std::uint8_t*, const char*) {
-  return nullptr;
 }
 
 // -- Sockets --------------------------------------------------------------------------------------
@@ -361,14 +315,6 @@ int zmq_getsockopt(void* socket, int option, void* value, std::size_t* length) {
   return 0;
 }
 
-int zmq_bind(void*, const char*) {
-  return fail(EPROTONOSUPPORT);
-}
-
-int zmq_unbind(void*, const char*) {
-  return fail(EPROTONOSUPPORT);
-}
-
 int zmq_connect(void* socket, const char* endpoint) {
   const bool ok = !hooks().on_connect || hooks().on_connect(endpoint);
   log("connect " + name_of(socket) + " " + endpoint + (ok ? " ok" : " failed"));
@@ -390,16 +336,7 @@ int zmq_disconnect(void* socket, const char* endpoint) {
   return 0;
 }
 
-int zmq_poll(zmq_pollitem_t*, int, long) {
-  return fail(ENOTSUP);
-}
-
 // -- Messages -------------------------------------------------------------------------------------
-
-int zmq_msg_init(zmq_msg_t* msg) {
-  set(msg, {kOpen, 0});
-  return 0;
-}
 
 int zmq_msg_init_size(zmq_msg_t* msg, std::size_t size) {
   log(".msg_init_size " + std::to_string(size));
@@ -438,23 +375,7 @@ int zmq_msg_close(zmq_msg_t* msg) {
   return 0;
 }
 
-void* zmq_msg_data(zmq_msg_t* msg) {
-  Lock lock(world().mutex);
-  const auto found = world().contents.find(get(msg).content);
-  return found == world().contents.end() ? nullptr : found->second.data;
-}
-
-std::size_t zmq_msg_size(const zmq_msg_t* msg) {
-  Lock lock(world().mutex);
-  const auto found = world().contents.find(get(msg).content);
-  return found == world().contents.end() ? 0 : found->second.size;
-}
-
-int zmq_msg_more(const zmq_msg_t*) {
-  return 0;
-}
-
-int zmq_msg_send(zmq_msg_t* msg, void* socket, int flags) {
+int zmq_sendmsg(void* socket, zmq_msg_t* msg, int flags) {
   if (flags != 0)
     blame("a send with flags " + std::to_string(flags));
   const bool valid = initialised(msg, "send");
@@ -473,25 +394,5 @@ int zmq_msg_send(zmq_msg_t* msg, void* socket, int flags) {
   log("send " + name_of(socket) + " '" + body + "'" + (ok ? " ok" : " failed"));
   errno = error;
   return ok ? static_cast<int>(body.size()) : -1;
-}
-
-int zmq_sendmsg(void* socket, zmq_msg_t* msg, int flags) {
-  return zmq_msg_send(msg, socket, flags);
-}
-
-int zmq_send(void*, const void*, std::size_t, int) {
-  return fail(ENOTSUP);
-}
-
-int zmq_msg_recv(zmq_msg_t*, void*, int) {
-  return fail(ENOTSUP);
-}
-
-int zmq_recvmsg(void*, zmq_msg_t*, int) {
-  return fail(ENOTSUP);
-}
-
-int zmq_recv(void*, void*, std::size_t, int) {
-  return fail(ENOTSUP);
 }
 }

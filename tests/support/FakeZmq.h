@@ -1,5 +1,5 @@
 // A libzmq whose every outcome a test decides. Linking FakeZmq.cc puts it in the place of the real
-// library, for the whole program.
+// library, for the whole program. It has what src/ calls, and no more.
 //
 //     test::FakeZmq zmq;                       // everything succeeds
 //     zmq.on_send = [](const std::string& endpoint, const std::string&) {
