@@ -116,16 +116,12 @@ using PluginDeathTest = PluginTest;
 
 // --- the plug-in object --------------------------------------------------------------------------
 
-TEST_F(PluginTest, NameDescriptionAndApiVersionAreTheRequiredOnes) {
+TEST_F(PluginTest, NameDescriptionAndVersionsAreTheRequiredOnes) {
   configure();
   EXPECT_EQ(plugin_().Name(), "Dravenholt::ZMQWriter");
   EXPECT_EQ(plugin_().Description(), "ZeroMQ log writer");
   EXPECT_EQ(plugin_().APIVersion(), 4);
-}
-
-TEST_F(PluginTest, VersionIsUnset) {
-  configure();
-  EXPECT_FALSE(plugin_().Version());
+  EXPECT_FALSE(plugin_().Version()) << "unset";
   EXPECT_EQ(plugin_().Version().major, -1);
   EXPECT_EQ(plugin_().Version().minor, -1);
 }
@@ -161,6 +157,8 @@ TEST_F(PluginTest, ListsTenScriptItemsTheTypeFirst) {
       kinds, ElementsAre(BifItem::TYPE, BifItem::CONSTANT, BifItem::CONSTANT, BifItem::CONSTANT,
                          BifItem::CONSTANT, BifItem::CONSTANT, BifItem::CONSTANT, BifItem::CONSTANT,
                          BifItem::FUNCTION, BifItem::FUNCTION));
+  for (const char* name : {"LogZMQ::__detect_user", "LogZMQ::__get_system_stats"})
+    EXPECT_FALSE(internal_func(name)->IsPure()) << name;
 }
 
 TEST_F(PluginTest, EachGlobalHoldsTheValueOfItsOwnConstant) {
@@ -178,12 +176,6 @@ TEST_F(PluginTest, EachGlobalHoldsTheValueOfItsOwnConstant) {
   EXPECT_EQ(BifType::Record::system_stats, internal_type("system_stats"));
 }
 
-TEST_F(PluginTest, FunctionsAreNotPure) {
-  bind();
-  for (const char* name : {"LogZMQ::__detect_user", "LogZMQ::__get_system_stats"})
-    EXPECT_FALSE(internal_func(name)->IsPure()) << name;
-}
-
 TEST_F(PluginDeathTest, ConstantThatIsNoStringIsFatal) {
   for (const char* name : kConstants) {
     standin::define_option(name, new Val(uint64_t(7), TYPE_COUNT));
@@ -199,21 +191,19 @@ TEST_F(PluginDeathTest, SystemStatsThatIsNoRecordIsFatal) {
   EXPECT_EXIT(bind(), testing::ExitedWithCode(1), HasSubstr("BroType::AsRecordType"));
 }
 
-// --- __detect_user -------------------------------------------------------------------------------
+// --- the functions -------------------------------------------------------------------------------
 
-TEST_F(PluginTest, DetectUserWithoutArgumentIsRefused) {
+TEST_F(PluginTest, WrongNumberOfArgumentsIsRefused) {
   bind();
   EXPECT_EQ(call("LogZMQ::__detect_user", {}), nullptr);
-  EXPECT_THAT(errors(), ElementsAre("LogZMQ::__detect_user() takes exactly 1 argument(s)"));
-  EXPECT_TRUE(calls.detect_user.empty());
-}
-
-TEST_F(PluginTest, DetectUserWithTwoArgumentsIsRefused) {
-  bind();
   EXPECT_EQ(call("LogZMQ::__detect_user", {connection_record(nullptr), connection_record(nullptr)}),
             nullptr);
-  EXPECT_THAT(errors(), ElementsAre("LogZMQ::__detect_user() takes exactly 1 argument(s)"));
+  EXPECT_EQ(call("LogZMQ::__get_system_stats", {new StringVal("all")}), nullptr);
+  EXPECT_THAT(errors(), ElementsAre("LogZMQ::__detect_user() takes exactly 1 argument(s)",
+                                    "LogZMQ::__detect_user() takes exactly 1 argument(s)",
+                                    "LogZMQ::__get_system_stats() takes exactly 0 argument(s)"));
   EXPECT_TRUE(calls.detect_user.empty());
+  EXPECT_EQ(calls.get_stats, 0);
 }
 
 TEST_F(PluginTest, DetectUserAsksForTheConnectionThatTheRecordWasMadeFrom) {
@@ -239,15 +229,6 @@ TEST_F(PluginDeathTest, DetectUserOfSomethingElseThanARecordIsFatal) {
   bind();
   EXPECT_EXIT(call("LogZMQ::__detect_user", {new StringVal("conn")}), testing::ExitedWithCode(1),
               HasSubstr("Val::CONVERTER (string/record)"));
-}
-
-// --- __get_system_stats --------------------------------------------------------------------------
-
-TEST_F(PluginTest, GetSystemStatsWithAnArgumentIsRefused) {
-  bind();
-  EXPECT_EQ(call("LogZMQ::__get_system_stats", {new StringVal("all")}), nullptr);
-  EXPECT_THAT(errors(), ElementsAre("LogZMQ::__get_system_stats() takes exactly 0 argument(s)"));
-  EXPECT_EQ(calls.get_stats, 0);
 }
 
 TEST_F(PluginTest, GetSystemStatsReturnsTheProbesRecord) {

@@ -263,22 +263,4 @@ TEST(SpoolModelTest, DamagedLengthsAndLinksOfLargeFilesAreTheModels) {
   }
 }
 
-// An exact limit, one below and one above it, for a run of equal records.
-TEST(SpoolModelTest, LimitsAroundTheExactSizeOfRecordsBehaveAsTheModel) {
-  for (std::int32_t limit : {103, 104, 105, 207, 208, 209}) {
-    test::TempDir folder;
-    std::filesystem::create_directory("orvik-spool");
-    test::SpoolBesideModel both;
-    both.SetLimits(limit, limit);
-    for (int i = 0; i < 20; ++i) {
-      both.Store(std::string(100, static_cast<char>('a' + i)));
-      ASSERT_EQ(both.Difference(), "") << "limit " << limit << ", store " << i;
-    }
-    for (int i = 0; i < 25; ++i) {
-      both.Take();
-      ASSERT_EQ(both.Difference(), "") << "limit " << limit << ", take " << i;
-    }
-  }
-}
-
 }  // namespace
