@@ -25,8 +25,7 @@ _zmqwriter() {
         else
             words+=("$word")
         fi
-        glue=
-        [[ $word != [:=]* ]] || glue=yes
+        [[ $word == [:=]* ]] && glue=yes || glue=
     done
     whole=${words[${#words[@]} - 1]}
     [[ $current != [:=]* ]] || current=
@@ -35,16 +34,14 @@ _zmqwriter() {
     COMPREPLY=()
     {
         IFS=$'\t' read -r kind before
-        while IFS=$'\t' read -r line _; do
-            COMPREPLY+=("${line#"$split"}")
-        done
+        while IFS=$'\t' read -r line _; do COMPREPLY+=("$line"); done
     } < <("${COMP_WORDS[0]/#~\//$HOME/}" __complete "${words[@]}" 2>/dev/null)
-    [[ $kind == files || $kind == folders ]] || return 0
-    compopt -o filenames 2>/dev/null
-    while IFS= read -r line; do
-        line=$before$line
-        COMPREPLY+=("${line#"$split"}")
-    done < <(compgen "$([[ $kind == files ]] && echo -f || echo -d)" -- "${whole#"$before"}")
+    if [[ $kind == -[fd] ]]; then
+        compopt -o filenames 2>/dev/null
+        while IFS= read -r line; do COMPREPLY+=("$before$line"); done \
+            < <(compgen "$kind" -- "${whole#"$before"}")
+    fi
+    COMPREPLY=("${COMPREPLY[@]#"$split"}")
 }
 
 complete -F _zmqwriter zmqwriter
@@ -56,14 +53,13 @@ const char kZsh[] = R"script(#compdef zmqwriter
 _zmqwriter() {
     local -a lines candidates
     lines=("${(@f)$(${~words[1]} __complete "${(@Q)words[2,CURRENT]}" 2>/dev/null)}")
-    local before=${lines[1]#*$'\t'}
-    case $lines[1] in
-        files*) compset -P "${(b)before}"; _files ;;
-        folders*) compset -P "${(b)before}"; _files -/ ;;
-        *)
-            candidates=("${(@)${(@)lines[2,-1]//:/\\:}/$'\t'/:}")
-            _describe zmqwriter candidates ;;
-    esac
+    if [[ $lines[1] == -* ]]; then
+        compset -P "${(b)lines[1]#*$'\t'}"
+        _files ${${(M)lines[1]:#-d*}:+-/}
+    else
+        candidates=("${(@)${(@)lines[2,-1]//:/\\:}/$'\t'/:}")
+        _describe zmqwriter candidates
+    fi
 }
 
 # As a file in $fpath this is the function's body.
@@ -83,9 +79,9 @@ function __zmqwriter_complete
     set -l answer (string split -m 1 \t -- $lines[1])
     set -l begun (string sub -s (math (string length -- "$answer[2]") + 1) -- $words[-1])
     switch $answer[1]
-        case files
+        case -f
             printf "$answer[2]%s\n" (__fish_complete_path $begun)
-        case folders
+        case -d
             printf "$answer[2]%s\n" (__fish_complete_directories $begun)
         case '*'
             printf '%s\n' $lines[2..-1]
@@ -95,26 +91,25 @@ end
 complete -c zmqwriter -f -a '(__zmqwriter_complete)'
 )script";
 
-/// "files" or "folders" if that is what --help calls the value, else "words".
-std::string kind_of(const CLI::Option& option) {
-  const std::string label =
-      option.get_positional() ? option.get_name(true) : option.get_type_name();
-  for (const std::string& part : CLI::detail::split(label, ':')) {
-    if (part == "FILE" || part == "LOG")
-      return "files";
-    if (part == "DIR" || part == "FOLDER")
-      return "folders";
-  }
-  return "words";
-}
+/// What --help says of an option's value.
+struct Value {
+  std::string kind;  // "-f" is the name of a file, "-d" of a folder, as bash's compgen has it
+  std::vector<std::string> words;
+};
 
-/// The set of values in a type's name such as "TEXT:{json,text}", where CLI11 keeps it.
-std::vector<std::string> words_of(const std::string& type_name) {
-  const std::size_t open = type_name.find('{');
-  const std::size_t close = type_name.find('}', open == std::string::npos ? 0 : open);
-  if (open == std::string::npos || close == std::string::npos)
-    return {};
-  return CLI::detail::split(type_name.substr(open + 1, close - open - 1), ',');
+Value value_of(const CLI::Option& option) {
+  Value value;
+  // CLI11 names a set of values as in "TEXT:{json,text}".
+  const std::string names = option.get_name(true) + ':' + option.get_type_name();
+  for (const std::string& name : CLI::detail::split(names, ':')) {
+    if (name == "FILE" || name == "LOG")
+      value.kind = "-f";
+    else if (name == "DIR" || name == "FOLDER")
+      value.kind = "-d";
+    else if (name[0] == '{')
+      value.words = CLI::detail::split(name.substr(1, name.size() - 2), ',');
+  }
+  return value;
 }
 
 /// Null for a flag, or when there is no such option.
@@ -151,34 +146,32 @@ std::string complete(const CLI::App& app, const std::vector<std::string>& words)
   }
 
   const std::string current = words.empty() ? "" : words.back();
+  const bool is_option = !asked && current[0] == '-';
   const auto subcommands = command->get_subcommands([](const CLI::App*) { return true; });
   std::string before;
-  if (!asked && current[0] == '-' && current.find('=') != std::string::npos) {
+  if (is_option && current.find('=') != std::string::npos) {
     before = current.substr(0, current.find('=') + 1);
     asked = option_with_value(*command, before.substr(0, before.size() - 1));
-  } else if (!asked && current[0] != '-' && subcommands.empty()) {
+  } else if (!asked && !is_option && subcommands.empty()) {
     asked = next_operand(*command, operands);
   }
-  std::string candidates;
+  const Value value = asked ? value_of(*asked) : Value();
+  std::string answer = value.kind + '\t' + before + '\n';
   const auto add = [&](const std::string& word, const std::string& description) {
     if (word.compare(0, current.size(), current) == 0)
-      candidates += word + '\t' + description + '\n';
+      answer += word + '\t' + description + '\n';
   };
-  if (asked) {
-    for (const std::string& word : words_of(asked->get_type_name()))
-      add(before + word, "");
-  } else if (current[0] != '-' && !subcommands.empty()) {
+  for (const std::string& word : value.words)
+    add(before + word, "");
+  if (!asked && !is_option)
     for (const CLI::App* subcommand : subcommands)
       add(subcommand->get_name(), subcommand->get_description());
-  } else {
-    for (const CLI::Option* option : command->get_options()) {
-      for (const std::string& name : option->get_snames())
-        add("-" + name, option->get_description());
-      for (const std::string& name : option->get_lnames())
-        add("--" + name, option->get_description());
-    }
-  }
-  return (asked ? kind_of(*asked) : std::string("words")) + '\t' + before + '\n' + candidates;
+  if (!asked && (is_option || subcommands.empty()))
+    for (const CLI::Option* option : command->get_options())
+      for (const std::string& name : CLI::detail::split(option->get_name(false, true), ','))
+        if (name[0] == '-')
+          add(name, option->get_description());
+  return answer;
 }
 
 void add_completion_command(CLI::App& app, int* exit_code) {
