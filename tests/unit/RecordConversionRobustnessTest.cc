@@ -138,11 +138,12 @@ TEST_F(RobustConversion, TextWithoutBytesOrWithANegativeLengthIsEmpty) {
 TEST_F(RobustConversion, ListsWithoutElementsOrOfNegativeSizeAreEmpty) {
   for (TypeTag type : {TYPE_TABLE, TYPE_VECTOR}) {
     for (bro_int_t size : {0, -1, 3}) {
-      Value* no_array = new Value(type);
-      Value::set_t& list = type == TYPE_TABLE ? no_array->val.set_val : no_array->val.vector_val;
+      Value* value = new Value(type);
+      Value::set_t& list = type == TYPE_TABLE ? value->val.set_val : value->val.vector_val;
+      list.vals = size < 0 ? new Value*[1]() : nullptr;
       list.size = size;
       RecordBuilder record;
-      record.text("ptype", "smtp").raw("smtp.to", no_array);
+      record.text("ptype", "smtp").raw("smtp.to", value);
       EXPECT_EQ("", text_of(event_of(convert(record))->data_as_SmtpData()->to()));
       list.size = 0;  // the host's destructor walks it
     }

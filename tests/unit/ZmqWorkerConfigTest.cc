@@ -394,6 +394,7 @@ TEST_F(Connecting, TheKeyIsReadAsHexadecimalInUpperCaseWhateverItIs) {
       {std::string(81, '1'), std::string(40, '\x11')},
       {std::string(82, '1'), std::string(41, '\x11')},
       {std::string(82, '1') + std::string(500, '2'), std::string(41, '\x11')},
+      {"@0", std::string(1, '\0')},  // no letter: (0x40 << 4 & 0xff) | 0
       // Signed characters -1 and -128: neither is above 0x40, so (0xff << 4 & 0xff) | 0x80 - 0x30.
       {"\xff\x80", "\xf0"},
       // 'Y' (0x59) and 'n' (0x6e): (0x59 - 7 << 4 & 0xff) | 0x6e - 0x37; 'e' and '@' (0x40, no
