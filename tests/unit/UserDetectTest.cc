@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
 #include <random>
 #include <string>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "FakeDarwin.h"
+#include "TempDir.h"
 
 // The host's headers.
 #include "Conn.h"
@@ -344,9 +344,7 @@ TEST_F(UserDetectTest, HeaderLengthThatIsNonsenseHasNoOwner) {
 
 TEST_F(UserDetectTest, ListsOfRandomLengthsAreNeverReadOutsideTheSnapshot) {
   // The check is the sanitizer's: the snapshot lies in a block of exactly its size.
-  const unsigned seed = std::random_device()();
-  std::printf("seed %u\n", seed);
-  std::mt19937 random(seed);
+  std::mt19937 random(static_cast<unsigned>(test::random_seed()));
   for (int round = 0; round < 3000; ++round) {
     list_ = PcbList();
     for (unsigned records = random() % 4; records > 0; --records) {
