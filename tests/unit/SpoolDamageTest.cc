@@ -86,8 +86,8 @@ TEST_F(SpoolDamageTest, AnyFlippedByteOfAHeaderIsSurvived) {
   }
 }
 
-TEST_F(SpoolDamageTest, CountWithNothingBehindItGivesNothingAndTakesNoTime) {
-  for (std::uint32_t count : {1u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
+TEST_F(SpoolDamageTest, CountThatTheFileHasNoRoomForGivesTheRecordsThatAreThere) {
+  for (std::uint32_t count : {1u, 100u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
     SCOPED_TRACE("count " + std::to_string(count));
     put("queue.dat", header(100, count));
     start();
@@ -96,17 +96,11 @@ TEST_F(SpoolDamageTest, CountWithNothingBehindItGivesNothingAndTakesNoTime) {
     EXPECT_TRUE(spool().IsEmpty());
     stop();
     expect_as_the_model({{"queue.dat", header(100, count)}});
-  }
-}
-
-TEST_F(SpoolDamageTest, CountThatTheFileHasNoRoomForGivesTheRecordsThatAreThere) {
-  for (std::uint32_t count : {100u, 0x7fffffffu, 0x80000000u, 0xffffffffu}) {
-    SCOPED_TRACE("count " + std::to_string(count));
+    if (count == 1)
+      continue;
     put("queue.dat", header(40, count) + kThreeRecords);
-    start();
-    EXPECT_THAT(take(), Optional(std::string("third")));
-    EXPECT_THAT(take(), Optional(std::string("second")));
-    EXPECT_THAT(take(), Optional(std::string("first")));
+    for (const char* payload : {"third", "second", "first"})
+      EXPECT_THAT(take(), Optional(std::string(payload)));
     EXPECT_TRUE(spool().IsEmpty());
     stop();
     expect_as_the_model({{"queue.dat", header(40, count) + kThreeRecords}});
@@ -187,19 +181,25 @@ TEST_F(SpoolDamageTest, LargeFileOfGarbageIsDrainedWithinItsSize) {
   EXPECT_THAT(names(), IsEmpty());
 }
 
-TEST_F(SpoolDamageTest, FolderInPlaceOfTheHeadMakesStoreHarmless) {
-  std::filesystem::create_directories(path("queue.dat"));
-  start();
-  EXPECT_EQ(inside().file_count, 0);
-  store("abc");
-  EXPECT_EQ(inside().head_records, 1);
-  EXPECT_EQ(inside().head_bytes, 7);
-  store("abc");
-  EXPECT_EQ(take(), std::nullopt);
-  EXPECT_TRUE(spool().IsEmpty());
-  stop();
-  EXPECT_TRUE(std::filesystem::is_directory(path("queue.dat")));
-  EXPECT_THAT(names(), IsEmpty());
+TEST_F(SpoolDamageTest, FolderOrPipeInPlaceOfTheHeadMakesStoreHarmless) {
+  for (const bool is_pipe : {false, true}) {
+    std::filesystem::remove_all(folder());
+    std::filesystem::create_directory(folder());
+    if (is_pipe)
+      ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+    else
+      std::filesystem::create_directory(path());
+    start();
+    EXPECT_EQ(inside().file_count, 0);
+    store("abc");
+    EXPECT_EQ(inside().head_records, 1);
+    EXPECT_EQ(inside().head_bytes, 7);
+    EXPECT_EQ(take(), std::nullopt);
+    EXPECT_TRUE(spool().IsEmpty());
+    stop();
+    EXPECT_TRUE(std::filesystem::exists(path()));
+    EXPECT_THAT(names(), IsEmpty());
+  }
 }
 
 TEST_F(SpoolDamageTest, FolderInTheWayOfARollOverLosesNothing) {
@@ -225,14 +225,6 @@ TEST_F(SpoolDamageTest, FolderInTheWayOfARollOverLosesNothing) {
   }
 }
 
-TEST_F(SpoolDamageTest, PipeInPlaceOfTheHeadDoesNotBlock) {
-  std::filesystem::create_directory(folder());
-  ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
-  store("abc");
-  EXPECT_EQ(take(), std::nullopt);
-  EXPECT_TRUE(spool().IsEmpty());
-}
-
 constexpr id_t kNobody = 65534;
 
 // Runs `steps` in a child that is not the superuser, whom no permission stops. The child's failed
@@ -254,15 +246,16 @@ void as_an_ordinary_user(const std::function<void()>& steps) {
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-void set_mode(const std::string& path, mode_t mode) {
-  ASSERT_EQ(chmod(path.c_str(), mode), 0) << path;
+// By their names in the spool's folder, which is "".
+void set_modes(const std::map<std::string, mode_t>& modes) {
+  ASSERT_EQ(chmod(".", 0755), 0);
+  for (const auto& [name, mode] : modes)
+    ASSERT_EQ(chmod(test::SpoolFixture::path(name).c_str(), mode), 0) << name;
 }
 
 TEST_F(SpoolDamageTest, UnreadableHeadIsWarnedOfAndNeverDeleted) {
   put("queue.dat", kHealthy);
-  set_mode(".", 0755);
-  set_mode(folder(), 0777);
-  set_mode(path(), 0);
+  set_modes({{"", 0777}, {"queue.dat", 0}});
   as_an_ordinary_user([this] {
     start();
     EXPECT_THAT(test::reports_of("warning"), ElementsAre("Corrupted queue file " + path()));
@@ -275,33 +268,27 @@ TEST_F(SpoolDamageTest, UnreadableHeadIsWarnedOfAndNeverDeleted) {
     EXPECT_TRUE(spool().IsEmpty());
     stop();
   });
-  set_mode(path(), 0600);
+  set_modes({{"queue.dat", 0600}});
   EXPECT_EQ(content(), kHealthy);
 }
 
 TEST_F(SpoolDamageTest, UnreadableHeadDoesNotBarTheWayToOlderFiles) {
   put("queue.dat", header(20, 1) + record(0, "new!"));
   put("queue.dat.1", kHealthy);
-  set_mode(".", 0755);
-  set_mode(folder(), 0777);
-  set_mode(path(), 0);
-  set_mode(path("queue.dat.1"), 0666);
+  set_modes({{"", 0777}, {"queue.dat", 0}, {"queue.dat.1", 0666}});
   as_an_ordinary_user([this] {
     EXPECT_FALSE(spool().IsEmpty());
     EXPECT_THAT(take(), Optional(std::string("third")));
     stop();
   });
-  set_mode(path("queue.dat.unopened"), 0600);
+  set_modes({{"queue.dat.unopened", 0600}});
   EXPECT_EQ(content("queue.dat.unopened"), header(20, 1) + record(0, "new!"));
 }
 
 TEST_F(SpoolDamageTest, ReadableButNotWritableHeadIsDelivered) {
   put("queue.dat", kHealthy);
   put("queue.dat.1", header(20, 1) + record(0, "old!"));
-  set_mode(".", 0755);
-  set_mode(folder(), 0777);
-  set_mode(path(), 0444);
-  set_mode(path("queue.dat.1"), 0444);
+  set_modes({{"", 0777}, {"queue.dat", 0444}, {"queue.dat.1", 0444}});
   as_an_ordinary_user([this] {
     EXPECT_THAT(take(), Optional(std::string("third")));
     EXPECT_TRUE(fcntl(fileno(inside().head_file), F_GETFD) & FD_CLOEXEC);
@@ -329,9 +316,8 @@ TEST_F(SpoolDamageTest, HeadThatCannotBeSetAsideKeepsTheOlderFilesInTheirPlaces)
     ASSERT_EQ(chown(path(file.first).c_str(), kNobody, kNobody), 0);
   }
   ASSERT_EQ(chown(path().c_str(), 0, 0), 0);
-  set_mode(".", 0755);
-  set_mode(folder(), 01777);  // whoever does not own a file in it cannot rename it
-  set_mode(path(), 0);
+  // whoever does not own a file in it cannot rename it
+  set_modes({{"", 01777}, {"queue.dat", 0}});
   as_an_ordinary_user([this] {
     for (int i = 0; i < 3; ++i)
       EXPECT_EQ(take(), std::nullopt);
@@ -394,9 +380,7 @@ TEST_F(SpoolDamageTest, UnreadableOlderFileIsWarnedOfAndCounted) {
   put("queue.dat", kHealthy);
   put("queue.dat.1", kHealthy);
   put("queue.dat.2", kHealthy);
-  set_mode(".", 0755);
-  set_mode(folder(), 0755);
-  set_mode(path("queue.dat.1"), 0);
+  set_modes({{"", 0755}, {"queue.dat.1", 0}});
   as_an_ordinary_user([this] {
     start();
     EXPECT_THAT(test::reports_of("warning"),
@@ -408,8 +392,7 @@ TEST_F(SpoolDamageTest, UnreadableOlderFileIsWarnedOfAndCounted) {
 
 TEST_F(SpoolDamageTest, ReadOnlyFolderTakesNothingAndGivesNothing) {
   std::filesystem::create_directory(folder());
-  set_mode(".", 0755);
-  set_mode(folder(), 0555);
+  set_modes({{"", 0555}});
   as_an_ordinary_user([this] {
     start();
     EXPECT_FALSE(inside().disabled);
@@ -424,9 +407,7 @@ TEST_F(SpoolDamageTest, ReadOnlyFolderTakesNothingAndGivesNothing) {
 
 TEST_F(SpoolDamageTest, HeadInAReadOnlyFolderStillGivesItsRecords) {
   put("queue.dat", kHealthy);
-  set_mode(".", 0755);
-  set_mode(folder(), 0555);
-  set_mode(path(), 0666);
+  set_modes({{"", 0555}, {"queue.dat", 0666}});
   as_an_ordinary_user([this] {
     EXPECT_THAT(take(), Optional(std::string("third")));
     EXPECT_THAT(take(), Optional(std::string("second")));

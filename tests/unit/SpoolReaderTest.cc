@@ -68,60 +68,63 @@ TEST_F(SpoolReaderTest, ReopeningDriftIsNoDamage) {
   EXPECT_EQ(diagnosis().damage, "");
 }
 
-TEST_F(SpoolReaderTest, StaleRemainsBehindTakenRecordsAreNoDamage) {
-  store("first");
-  store("second");
-  store("third");
-  take();
-  take();
-  stop();
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first"));
-  EXPECT_EQ(diagnosis().damage, "");
-}
-
-TEST_F(SpoolReaderTest, EmptyRecordInACleanlyClosedFileIsNoDamage) {
-  store("first");
-  store("");
-  store("third");
-  stop();
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first", "", "third"));
-  EXPECT_EQ(diagnosis().damage, "");
-}
-
-TEST_F(SpoolReaderTest, FreshFileIsNoDamage) {
-  take();
-  EXPECT_EQ(diagnosis().damage, "");
-  EXPECT_THAT(diagnosis().found, IsEmpty());
-}
-
-TEST_F(SpoolReaderTest, RecordsOfAnUncleanStopAreFoundByTheirLinks) {
-  store("first");
-  store("second");
-  crash();
-  EXPECT_THAT(diagnosis().counted, IsEmpty());
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first", "second"));
-  EXPECT_EQ(diagnosis().damage, "2 records that the header does not count (unclean stop)");
-  EXPECT_TRUE(diagnosis().repairable);
-}
-
-TEST_F(SpoolReaderTest, RecordTakenBeforeAnUncleanStopEndsTheLinkedWalk) {
-  store("first");
-  store("second");
-  store("third");
-  take();
-  crash();
-  EXPECT_EQ(ChunkFile(folder(), 0).LinkedWalk().end, WalkEnd::kTakenRecord);
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first", "second"));
-}
-
-TEST_F(SpoolReaderTest, RemainsOfALongerRecordEndTheLinkedWalk) {
-  store("first");
-  store("second, of many bytes that will stay behind");
-  take();
-  store("2nd");
-  crash();
-  EXPECT_EQ(ChunkFile(folder(), 0).LinkedWalk().end, WalkEnd::kBrokenLink);
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first", "2nd"));
+// "+text" stores, "-" takes, "|" is a clean stop and a start, "!" an unclean stop.
+TEST_F(SpoolReaderTest, RecordsThatWaitAreFoundAfterAnyStop) {
+  const std::string long_text = "+second, of many bytes that will stay behind";
+  const std::string more = " that the header does not count (unclean stop)";
+  const std::string fewer = " counted but no longer there (unclean stop)";
+  struct Case {
+    std::vector<std::string> steps;
+    std::size_t counted;
+    std::vector<std::string> found;
+    std::string damage;
+  };
+  const std::map<std::string, Case> cases = {
+      {"stale remains behind taken records are no damage",
+       {{"+first", "+second", "+third", "-", "-", "|"}, 1, {"first"}, ""}},
+      {"a file never closed is found by its links",
+       {{"+first", "+second", "!"}, 0, {"first", "second"}, "2 records" + more}},
+      {"a taken record ends the linked walk",
+       {{"+first", "+second", "+third", "-", "!"}, 0, {"first", "second"}, "2 records" + more}},
+      {"remains of a longer record end the linked walk",
+       {{"+first", long_text, "-", "+2nd", "!"}, 0, {"first", "2nd"}, "2 records" + more}},
+      {"a reopened file keeps its counted records, an empty one too, and gains the later ones",
+       {{"+first", "+", "|", "+third", "!"}, 2, {"first", "", "third"}, "1 record" + more}},
+      {"records taken after the reopening are not found",
+       {{"+first", "+second", "+third", "|", "-", "-", "!"}, 2, {"first"}, "2 records" + fewer}},
+      {"remains in place of counted records are not found",
+       {{"+first", long_text, "+third", "|", "-", "-", "+2nd", "!"},
+        2,
+        {"first", "2nd"},
+        "1 record" + fewer}},
+      {"a taken record whose bytes pass for the drift of reopening is not found",
+       {{"+first", "+twelve bytes", "|", "-", "!"}, 2, {"first"}, "1 record" + fewer}},
+      {"records replaced after the reopening are found in their new form",
+       {{"+first", "+second", "|", "-", "+another second", "+third", "!"},
+        2,
+        {"first", "another second", "third"},
+        "1 record" + more}},
+  };
+  for (const auto& [promise, one] : cases) {
+    SCOPED_TRACE(promise);
+    stop();
+    std::filesystem::remove_all(folder());
+    for (const std::string& step : one.steps) {
+      if (step[0] == '+')
+        store(step.substr(1));
+      else if (step == "-")
+        take();
+      else if (step == "|")
+        stop();
+      else
+        crash();
+    }
+    const Diagnosis diagnosis = this->diagnosis();
+    EXPECT_EQ(diagnosis.counted.size(), one.counted);
+    EXPECT_EQ(payloads(diagnosis.found), one.found);
+    EXPECT_EQ(diagnosis.damage, one.damage);
+    EXPECT_EQ(diagnosis.repairable, !one.damage.empty());
+  }
 }
 
 TEST_F(SpoolReaderTest, RemainsThatLinkByChanceAreNotFoundWhereTheFileHoldsEvents) {
@@ -134,70 +137,9 @@ TEST_F(SpoolReaderTest, RemainsThatLinkByChanceAreNotFoundWhereTheFileHoldsEvent
   put("queue.dat", header(12 + 12 + 6, 3) + events + record(2, "??"));
   EXPECT_THAT(payloads(diagnosis().found), ElementsAre("E1", "E2", "??"))
       << "a counted record is no remains";
-}
-
-TEST_F(SpoolReaderTest, RecordThatIsNoEventHidesNoEventBehindIt) {
   put("queue.dat", header(0, 0) + record(0, "E1") + record(2, "cut") + record(3, "E3"));
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("E1", "cut", "E3"));
-}
-
-TEST_F(SpoolReaderTest, ReopenedFileKeepsItsCountedRecordsAndGainsTheLaterOnes) {
-  store("first");
-  store("");
-  reopen();
-  store("third");
-  crash();
-  EXPECT_THAT(payloads(diagnosis().counted), ElementsAre("first", ""));
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first", "", "third"))
-      << "an empty record that the header accounts for was not taken";
-}
-
-TEST_F(SpoolReaderTest, RecordsTakenAfterTheReopeningAreNotFound) {
-  store("first");
-  store("second");
-  store("third");
-  reopen();
-  take();
-  take();
-  crash();
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first"));
-  EXPECT_EQ(diagnosis().damage, "2 records counted but no longer there (unclean stop)");
-  EXPECT_TRUE(diagnosis().repairable);
-}
-
-TEST_F(SpoolReaderTest, RemainsInPlaceOfCountedRecordsAreNotFound) {
-  store("first");
-  store("second, of many bytes that will stay behind");
-  store("third");
-  reopen();
-  take();
-  take();
-  store("2nd");
-  crash();
-  EXPECT_EQ(ChunkFile(folder(), 0).record_count(), 3u);
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first", "2nd"));
-  EXPECT_TRUE(diagnosis().repairable);
-}
-
-TEST_F(SpoolReaderTest, TakenRecordWhoseBytesPassForReopeningDriftIsNotFound) {
-  store("first");
-  store("twelve bytes");
-  reopen();
-  take();
-  crash();
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first"));
-  EXPECT_TRUE(diagnosis().repairable);
-}
-
-TEST_F(SpoolReaderTest, RecordsReplacedAfterTheReopeningAreFoundInTheirNewForm) {
-  store("first");
-  store("second");
-  reopen();
-  take();
-  store("another second");
-  store("third");
-  crash();
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first", "another second", "third"));
+  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("E1", "cut", "E3"))
+      << "what is no event hides no event behind it";
 }
 
 TEST_F(SpoolReaderTest, CutFileKeepsItsWholeRecords) {
@@ -214,38 +156,30 @@ TEST_F(SpoolReaderTest, CutFileKeepsItsWholeRecords) {
   }
 }
 
-TEST_F(SpoolReaderTest, HugeCountIsWalkedWithinTheFile) {
-  put("queue.dat", header(40, 0xffffffff) + record(0, "first") + record(5, "second"));
-  EXPECT_EQ(ChunkFile(folder(), 0).CountedWalk().records.size(), 2u);
-  EXPECT_THAT(payloads(diagnosis().found), ElementsAre("first", "second"));
-}
-
-TEST_F(SpoolReaderTest, BrokenLinkAmongCountedRecordsIsNotForTheHeaderToMend) {
-  put("queue.dat", header(40, 3) + record(0, "first") + record(9, "second") + record(6, "third"));
-  EXPECT_EQ(diagnosis().damage, "record 2 does not name the length of the one before it");
-  EXPECT_FALSE(diagnosis().repairable);
-  EXPECT_EQ(diagnosis().counted.size(), 3u);
-}
-
-TEST_F(SpoolReaderTest, WrongUsedSizeIsDamage) {
-  put("queue.dat", header(21, 1) + record(0, "abcd"));
-  EXPECT_EQ(diagnosis().damage, "used_size is 21, the records use 20");
-  EXPECT_TRUE(diagnosis().repairable);
-}
-
-TEST_F(SpoolReaderTest, FileShorterThanItsHeaderHoldsNothing) {
-  put("queue.dat", "ZMQF");
-  EXPECT_EQ(diagnosis().damage, "shorter than its header");
-  EXPECT_FALSE(diagnosis().repairable);
-}
-
-TEST_F(SpoolReaderTest, ForeignFileIsExplainedByRecordsOrNotAtAll) {
-  put("queue.dat", "XXXX" + header(40, 2).substr(4) + record(0, "first") + record(5, "second"));
-  EXPECT_EQ(diagnosis().damage, "invalid signature, 2 records after it");
-  EXPECT_TRUE(diagnosis().repairable);
-  put("queue.dat", "A letter to somebody, in some other format altogether.");
-  EXPECT_EQ(diagnosis().damage, "invalid signature");
-  EXPECT_FALSE(diagnosis().repairable);
+TEST_F(SpoolReaderTest, DamageIsNamedAndRepairableWhereAHeaderExplainsTheRecords) {
+  const std::string two = record(0, "first") + record(5, "second");
+  const struct {
+    std::string content, damage;
+    bool repairable;
+    std::size_t counted, found;
+  } kCases[] = {
+      {header(40, 0xffffffff) + two,
+       "ends after 2 of the 4294967295 records that the header counts", true, 2, 2},
+      {header(40, 3) + record(0, "first") + record(9, "second") + record(6, "third"),
+       "record 2 does not name the length of the one before it", false, 3, 1},
+      {header(21, 1) + record(0, "abcd"), "used_size is 21, the records use 20", true, 1, 1},
+      {"ZMQF", "shorter than its header", false, 0, 0},
+      {"XXXX" + header(40, 2).substr(4) + two, "invalid signature, 2 records after it", true, 2, 2},
+      {"XXXX" + header(40, 1).substr(4) + "somebody, in another format", "invalid signature", false,
+       0, 0},
+  };
+  for (const auto& one : kCases) {
+    put("queue.dat", one.content);
+    EXPECT_EQ(diagnosis().damage, one.damage);
+    EXPECT_EQ(diagnosis().repairable, one.repairable) << one.damage;
+    EXPECT_EQ(diagnosis().counted.size(), one.counted) << one.damage;
+    EXPECT_EQ(diagnosis().found.size(), one.found) << one.damage;
+  }
 }
 
 TEST_F(SpoolReaderTest, WhatCannotBeReadSaysWhy) {
