@@ -64,18 +64,6 @@ TEST_F(SpoolRepairTest, NextStartSendsWhatAnUncleanStopLeftBehind) {
   EXPECT_THAT(drain(), ElementsAre("third", "second", "first"));
 }
 
-TEST_F(SpoolRepairTest, TakenRecordsDoNotComeBack) {
-  store("first");
-  store("second");
-  store("third");
-  reopen();
-  take();
-  take();
-  crash();
-  repair();
-  EXPECT_THAT(drain(), ElementsAre("first"));
-}
-
 TEST_F(SpoolRepairTest, FileWithOnlyTakenRecordsCountsNone) {
   store("first");
   reopen();
@@ -92,35 +80,6 @@ TEST_F(SpoolRepairTest, OlderFilesAreRepairedToo) {
   repair();
   EXPECT_EQ(content(), header(20, 1) + record(0, "new!"));
   EXPECT_THAT(drain(), ElementsAre("new!", "mid2", "mid1", "old2", "old1"));
-}
-
-TEST_F(SpoolRepairTest, OriginalIsKeptBesideUnderANameThatNoStartLooksAt) {
-  const std::string before = header(0, 0) + record(0, "first") + "stale bytes";
-  put("queue.dat", before);
-  const auto todo = plan();
-  ASSERT_EQ(todo.headers.size(), 1u);
-  EXPECT_EQ(repair_header(todo.headers[0], ""), path("queue.dat.before-repair"));
-  EXPECT_EQ(content("queue.dat.before-repair"), before);
-  EXPECT_EQ(content(), header(21, 1) + before.substr(12)) << "only the header has changed";
-  start();
-  EXPECT_EQ(inside().file_count, 1);
-  stop();
-
-  put("queue.dat", before + "!");
-  EXPECT_EQ(repair_header(todo.headers[0], ""), path("queue.dat.before-repair.2"));
-  EXPECT_EQ(content("queue.dat.before-repair"), before) << "an earlier copy stays";
-  EXPECT_EQ(content("queue.dat.before-repair.2"), before + "!");
-}
-
-TEST_F(SpoolRepairTest, PlanningChangesNothing) {
-  store("first");
-  crash();
-  put("queue.dat.5", header(20, 1) + record(0, "abcd"));
-  const auto before = files();
-  const auto todo = plan();
-  EXPECT_EQ(todo.headers.size(), 1u);
-  EXPECT_EQ(todo.renamings.size(), 1u);
-  EXPECT_EQ(files(), before);
 }
 
 TEST_F(SpoolRepairTest, WhatCannotBeExplainedIsLeftAsItIs) {
@@ -141,16 +100,6 @@ TEST_F(SpoolRepairTest, ForeignSignatureBeforeRecordsIsRestored) {
   start();
   EXPECT_THAT(test::reports_of("warning"), IsEmpty());
   EXPECT_THAT(drain(), ElementsAre("second", "first"));
-}
-
-TEST_F(SpoolRepairTest, HealthySpoolNeedsNothing) {
-  limit_chunks(20);
-  for (int i = 0; i < 10; ++i)
-    store("record " + std::to_string(i));
-  stop();
-  EXPECT_THAT(plan().headers, IsEmpty());
-  EXPECT_THAT(plan().renamings, IsEmpty());
-  EXPECT_THAT(plan().refused, IsEmpty());
 }
 
 TEST_F(SpoolRepairTest, FilesBehindAGapMoveDownInTheirOrder) {
