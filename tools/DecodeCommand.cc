@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "EventJson.h"
+#include "OptionChecks.h"
 #include "Output.h"
 #include "RawEvents.h"
 
@@ -18,7 +19,7 @@ namespace zmqwriter {
 namespace {
 
 /// Prints every event of a stream; returns whether all of it could be read and decoded.
-bool decode_stream(std::FILE* stream, const std::string& name, Output* out) {
+bool decode_stream(std::FILE* stream, const std::string& name, JsonBytes bytes, Output* out) {
   RawEventReader reader(stream);
   bool good = true;
   const auto report = [&](const std::string& problem) {
@@ -30,7 +31,7 @@ bool decode_stream(std::FILE* stream, const std::string& name, Output* out) {
   std::string message;
   while (!out->failed() && reader.Next(&message)) {
     std::string problem;
-    const std::string json = event_to_json(message.data(), message.size(), &problem);
+    const std::string json = event_to_json(message.data(), message.size(), &problem, bytes);
     if (problem.empty())
       out->WriteLine(json);
     else
@@ -41,26 +42,26 @@ bool decode_stream(std::FILE* stream, const std::string& name, Output* out) {
   return good;
 }
 
-bool decode_file(const std::string& file, Output* out) {
+bool decode_file(const std::string& file, JsonBytes bytes, Output* out) {
   if (file == "-")
-    return decode_stream(stdin, "standard input", out);
+    return decode_stream(stdin, "standard input", bytes, out);
   std::FILE* const stream = std::fopen(file.c_str(), "rb");
   if (!stream) {
     std::fprintf(stderr, "%s: cannot be opened: %s\n", file.c_str(), std::strerror(errno));
     return false;
   }
-  const bool good = decode_stream(stream, file, out);
+  const bool good = decode_stream(stream, file, bytes, out);
   std::fclose(stream);
   return good;
 }
 
-int decode_files(std::vector<std::string> files) {
+int decode_files(std::vector<std::string> files, JsonBytes bytes) {
   if (files.empty())
     files.push_back("-");
   Output out;
   bool good = true;
   for (const std::string& file : files)
-    good = decode_file(file, &out) && good;
+    good = decode_file(file, bytes, &out) && good;
   out.Finish();
   return good ? 0 : 1;
 }
@@ -78,7 +79,9 @@ void add_decode_command(CLI::App& app, int* exit_code) {
   command
       ->add_option("FILE", *files, "Files of raw messages; standard input without any, and for -")
       ->type_name("");
-  command->callback([files, exit_code] { *exit_code = decode_files(*files); });
+  const auto bytes = std::make_shared<JsonBytes>(JsonBytes::kSurrogate);
+  add_json_bytes_option(command, bytes.get());
+  command->callback([=] { *exit_code = decode_files(*files, *bytes); });
 }
 
 }  // namespace zmqwriter

@@ -3,12 +3,14 @@
 import json
 import os
 import re
+import shutil
 import signal
 import stat
 import subprocess
+import sys
 import unittest
 
-from cli_support import (CliTest, SOURCE_DIR, ZMQWRITER, framed, make_event, needs_zmq, read_file, totals,
+from cli_support import (CliTest, DEADLINE, SOURCE_DIR, ZMQWRITER, framed, make_event, needs_zmq, read_file, totals,
                          wait_for, write_file, zmq)
 
 SUBCOMMANDS = ["keygen", "collect", "replay", "decode", "spool"]
@@ -320,6 +322,26 @@ class CollectKeyTest(CliTest):
             self.assertIn("'%s' must be" % endpoint, result.stderr)
 
 
+# Prints the value at the path argv[1] of the object on standard input, read as PostgreSQL's jsonb.
+# The server does not run as root.
+JSONB = """
+import os, re, subprocess, sys, tempfile
+line = sys.stdin.read().strip()
+with tempfile.TemporaryDirectory() as folder:
+    as_user = {}
+    if os.getuid() == 0:
+        os.chown(folder, 65534, 65534)
+        as_user = {"user": 65534, "group": 65534, "extra_groups": []}
+    subprocess.run(["initdb", "-D", folder + "/db", "-E", "UTF8", "--locale=C", "-N", "-A", "trust"],
+                   check=True, stdout=subprocess.DEVNULL, cwd=folder, **as_user)
+    query = "select $json$%s$json$::jsonb #>> '{%s}' as value" % (line, sys.argv[1])
+    answer = subprocess.run(["postgres", "--single", "-D", folder + "/db", "postgres"], cwd=folder,
+                            input=query.encode() + b"\\n", stdout=subprocess.PIPE, **as_user).stdout
+    value = re.search(rb'value = "(.*)"\\t', answer)
+    print(value.group(1).decode() if value else answer)
+"""
+
+
 @needs_zmq
 class DecodeTest(CliTest):
     def decode(self, content, *arguments):
@@ -378,6 +400,28 @@ class DecodeTest(CliTest):
         result = self.decode(b"\xff\xff\xff\xff" + b"x" * 100)
         self.assertEqual(result.returncode, 1)
         self.assertIn("a message of 4294967295 bytes is announced, 100 are left", result.stderr)
+
+    def test_strict_readers_of_json_take_what_is_no_utf_8(self):
+        self.assertNotEqual(self.run_tool("decode", "--json-bytes", "utf8").returncode, 0)
+        os.chmod(".", 0o755)
+        for form, key, value in (("replace", ["uid"], "C\ufffd\ufffd\u00e9"),
+                                 ("base64", ["uid", "base64"], "QwD/w6k=")):
+            line = self.decode(make_event(uid=b"C\0\xff\xc3\xa9"), "--json-bytes", form, "events").stdout
+            found = json.loads(line.decode("utf-8"))
+            for part in key:
+                found = found[part]
+            self.assertEqual(found, value)
+            for reader, command in (
+                    ("jq", ["jq", "-r", "." + ".".join(key)]),
+                    ("node", ["node", "-e", "console.log(JSON.parse(require('fs').readFileSync(0)).%s)"
+                              % ".".join(key)]),
+                    ("initdb", [sys.executable, "-c", JSONB, ",".join(key)])):
+                with self.subTest(reader, form=form):
+                    if shutil.which(reader):
+                        read = subprocess.run(command, input=line, capture_output=True,
+                                              timeout=DEADLINE)
+                        self.assertEqual(read.stdout.decode("utf-8").strip(), value,
+                                         read.stderr.decode())
 
     def test_missing_file_is_a_failure_and_the_others_are_decoded(self):
         write_file("a", framed(make_event(uid=b"A")))

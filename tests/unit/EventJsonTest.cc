@@ -61,9 +61,9 @@ std::string data_json(schema::Data type, const Payload& payload) {
   return text.substr(start.size(), text.size() - start.size() - 1);
 }
 
-std::string json_string(const std::string& text) {
+std::string json_string(const std::string& text, JsonBytes bytes = JsonBytes::kSurrogate) {
   std::string out;
-  append_json_string(&out, text.data(), text.size());
+  append_json_string(&out, text.data(), text.size(), bytes);
   return out;
 }
 
@@ -263,6 +263,22 @@ TEST(EventJsonTest, BytesThatAreNoUtf8BecomeLoneSurrogates) {
   EXPECT_EQ(json_string("\xe2\x82"), R"("\udce2\udc82")") << "cut";
   EXPECT_EQ(json_string("\xe2\x82z"), R"("\udce2\udc82z")") << "interrupted";
   EXPECT_EQ(json_string("\xc3"), R"("\udcc3")") << "cut";
+}
+
+TEST(EventJsonTest, BytesThatStrictReadersRefuseAreReplacedOrGivenInBase64) {
+  const std::string euro = "\xe2\x82\xac", replaced = "\xef\xbf\xbd";
+  for (const auto& [text, replace, base64] :
+       std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"", R"("")", R"("")"},
+           {euro + "\n", '"' + euro + R"(\n")", '"' + euro + R"(\n")"},
+           {std::string(1, '\0'), '"' + replaced + '"', R"({"base64":"AA=="})"},
+           {"\xfb\xff", '"' + replaced + replaced + '"', R"({"base64":"+/8="})"},
+           {"a\xff\xe2", "\"a" + replaced + replaced + '"', R"({"base64":"Yf/i"})"},
+           {"\"\xc3z", R"("\")" + replaced + "z\"", R"({"base64":"IsN6"})"},
+           {"f\xc0oo", "\"f" + replaced + "oo\"", R"({"base64":"ZsBvbw=="})"}}) {
+    EXPECT_EQ(json_string(text, JsonBytes::kReplace), replace);
+    EXPECT_EQ(json_string(text, JsonBytes::kBase64), base64);
+  }
 }
 
 TEST(EventJsonTest, TextFormIsOneReadableLine) {

@@ -107,6 +107,7 @@ void add_output_options(CLI::App* command, SinkOptions* options) {
       ->check(CLI::IsMember({"json", "text", "raw"}))
       ->type_name("")
       ->capture_default_str();
+  add_json_bytes_option(command, &options->json_bytes);
   CLI::Option* const output =
       command
           ->add_option("--output", options->path, "Write to this file instead of standard output")

@@ -63,7 +63,7 @@ std::string_view EventSink::Formatted(const EventMessage& event, std::string_vie
   if (options_.format == "raw") {
     append_raw_event(&formatted_, raw);
   } else {
-    formatted_ = options_.format == "text" ? event.Text() : event.Json();
+    formatted_ = options_.format == "text" ? event.Text() : event.Json(options_.json_bytes);
     formatted_ += '\n';
   }
   return formatted_;

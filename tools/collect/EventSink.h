@@ -15,11 +15,10 @@
 #include <vector>
 
 #include "CollectStats.h"
+#include "EventJson.h"
 #include "RotatingFile.h"
 
 namespace zmqwriter {
-
-class EventMessage;
 
 struct SinkOptions {
   std::string format = "json";    // or "text", "raw"
@@ -27,6 +26,7 @@ struct SinkOptions {
   std::uint64_t rotate_size = 0;  // bytes that a file may have; 0: no rotation
   std::uint64_t rotate_keep = 0;  // finished files to keep; 0: all
   bool exit_on_full = false;      // give up at once, but for a slow reader
+  JsonBytes json_bytes = JsonBytes::kSurrogate;
 };
 
 class EventSink {

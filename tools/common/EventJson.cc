@@ -71,9 +71,25 @@ std::size_t plain_length(const unsigned char* text, std::size_t size) {
   return length;
 }
 
+/// U+FFFD in UTF-8.
+constexpr char kReplacement[] = "\xef\xbf\xbd";
+
+/// Whether every reader takes the text as a JSON string: valid UTF-8 without NUL.
+bool is_strict(const char* text, std::size_t size) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+  for (std::size_t i = 0; i < size;) {
+    const std::size_t length = utf8_length(bytes + i, size - i);
+    if (length == 0 || bytes[i] == 0)
+      return false;
+    i += length;
+  }
+  return true;
+}
+
 /// Appends a JSON string. `for_terminal` also escapes what JSON allows unescaped: control
-/// characters beyond ASCII and line separators.
-void append_quoted(std::string* out, const char* text, std::size_t size, bool for_terminal) {
+/// characters beyond ASCII and line separators. `replace` is JsonBytes::kReplace.
+void append_quoted(std::string* out, const char* text, std::size_t size, bool for_terminal,
+                   bool replace = false) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(text);
   *out += '"';
   for (std::size_t i = 0; i < size;) {
@@ -83,7 +99,9 @@ void append_quoted(std::string* out, const char* text, std::size_t size, bool fo
     if (i == size)
       break;
     const std::size_t length = utf8_length(bytes + i, size - i);
-    if (length == 1)
+    if (replace && (length == 0 || bytes[i] == 0))
+      *out += kReplacement;
+    else if (length == 1)
       append_ascii(out, bytes[i]);
     else if (length == 0)
       append_escape(out, 0xdc00u + bytes[i]);
@@ -148,7 +166,8 @@ enum class Style { kJson, kText };
 /// a type, which the verifier allows.
 class Printer : private flatbuffers::IterationVisitor {
  public:
-  Printer(Style style, std::string* out) : json_(style == Style::kJson), out_(*out) {}
+  Printer(Style style, std::string* out, JsonBytes bytes = JsonBytes::kSurrogate)
+      : json_(style == Style::kJson), bytes_(bytes), out_(*out) {}
 
   void PrintTable(const void* table, const TypeTable* types) {
     out_ += '{';
@@ -174,7 +193,7 @@ class Printer : private flatbuffers::IterationVisitor {
 
   void PrintText(const char* text, std::size_t size) {
     if (json_)
-      append_json_string(&out_, text, size);
+      append_json_string(&out_, text, size, bytes_);
     else if (is_plain(text, size))
       out_.append(text, size);
     else
@@ -266,6 +285,7 @@ class Printer : private flatbuffers::IterationVisitor {
   }
 
   const bool json_;
+  const JsonBytes bytes_;
   std::string& out_;
 };
 
@@ -286,8 +306,11 @@ std::uint64_t text_of_pairs(const NetworkEvent* event) {
 
 }  // namespace
 
-void append_json_string(std::string* out, const char* text, std::size_t size) {
-  append_quoted(out, text, size, false);
+void append_json_string(std::string* out, const char* text, std::size_t size, JsonBytes bytes) {
+  if (bytes == JsonBytes::kBase64 && !is_strict(text, size))
+    *out += "{\"base64\":\"" + base64(text, size) + "\"}";
+  else
+    append_quoted(out, text, size, false, bytes == JsonBytes::kReplace);
 }
 
 EventMessage::EventMessage(const void* data, std::size_t size)
@@ -310,10 +333,10 @@ EventMessage::EventMessage(const void* data, std::size_t size)
     problem_ = "these " + std::to_string(size) + " bytes are no event message";
 }
 
-std::string EventMessage::Json() const {
+std::string EventMessage::Json(JsonBytes bytes) const {
   std::string out;
   out.reserve(1024);  // that is enough for most events
-  Printer(Style::kJson, &out)
+  Printer(Style::kJson, &out, bytes)
       .PrintTable(root(data_), reflected::Dravenholt::NetworkEventTypeTable());
   return out;
 }
@@ -353,10 +376,10 @@ std::string payload_type_name(std::uint8_t number) {
   return name ? name : std::to_string(number);
 }
 
-std::string event_to_json(const void* data, std::size_t size, std::string* error) {
+std::string event_to_json(const void* data, std::size_t size, std::string* error, JsonBytes bytes) {
   const EventMessage event(data, size);
   if (event.valid())
-    return event.Json();
+    return event.Json(bytes);
   *error = event.problem();
   return "";
 }

@@ -17,9 +17,7 @@
 //   - 64-bit numbers are written in full; readers that keep numbers as doubles round them.
 //   - The pairs of GenericProtocolData are an array, because their order counts and keys may occur
 //     twice.
-//   - A byte that is not part of valid UTF-8 becomes the lone surrogate \udc80 ... \udcff that
-//     Python's "surrogateescape" uses: json.loads(line)[...].encode("utf-8", "surrogateescape")
-//     gives the exact bytes.
+//   - What JSON cannot hold as it is depends on JsonBytes.
 //
 // The text form is one line to read: time, agent, uid, type, then name=value for each field of the
 // payload. Texts with blanks and the like are quoted as in JSON; "-" stands for an absent one.
@@ -36,6 +34,18 @@
 
 namespace zmqwriter {
 
+/// What becomes of bytes that are not part of valid UTF-8, and of NUL, in the texts of JSON.
+enum class JsonBytes {
+  /// The lone surrogates \udc80 to \udcff of Python's "surrogateescape", and \u0000. Nothing is
+  /// lost: json.loads(line)[...].encode("utf-8", "surrogateescape") gives the exact bytes. Readers
+  /// that demand Unicode, such as PostgreSQL's jsonb, refuse them.
+  kSurrogate,
+  /// U+FFFD for each. Every reader takes that, but what was there is lost.
+  kReplace,
+  /// {"base64":"..."} in place of a text that has any. Every reader takes that, nothing is lost.
+  kBase64
+};
+
 /// One received message, verified: every reference in it leads to bytes of it, tables are not
 /// nested deeper than in the schema, and printing it takes memory in proportion to its size. The
 /// bytes that it was made from must outlive it (it copies bytes that are not aligned).
@@ -49,7 +59,7 @@ class EventMessage {
   bool valid() const { return problem_.empty(); }
   const std::string& problem() const { return problem_; }
 
-  std::string Json() const;
+  std::string Json(JsonBytes bytes = JsonBytes::kSurrogate) const;
   std::string Text() const;
   /// As `data_type` in the JSON form, without quotes.
   std::string PayloadType() const;
@@ -68,9 +78,11 @@ class EventMessage {
 std::string payload_type_name(std::uint8_t number);
 
 /// The JSON form of one message. If it is not an event, the result is empty and `error` says why.
-std::string event_to_json(const void* data, std::size_t size, std::string* error);
+std::string event_to_json(const void* data, std::size_t size, std::string* error,
+                          JsonBytes bytes = JsonBytes::kSurrogate);
 
-/// Appends `text` as a JSON string with its quotes.
-void append_json_string(std::string* out, const char* text, std::size_t size);
+/// Appends `text` as a JSON string with its quotes; see JsonBytes::kBase64 for the exception.
+void append_json_string(std::string* out, const char* text, std::size_t size,
+                        JsonBytes bytes = JsonBytes::kSurrogate);
 
 }  // namespace zmqwriter

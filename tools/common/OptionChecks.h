@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "EventJson.h"
 #include "Text.h"
 
 namespace zmqwriter {
@@ -42,6 +43,22 @@ inline CLI::Validator positive_count() {
       return "";
     return "'" + text + "' must be a positive number below 2^64, in plain decimal digits";
   });
+}
+
+inline void add_json_bytes_option(CLI::App* command, JsonBytes* bytes) {
+  command
+      ->add_option_function<std::string>(
+          "--json-bytes",
+          [bytes](const std::string& name) {
+            *bytes = name == "replace"  ? JsonBytes::kReplace
+                     : name == "base64" ? JsonBytes::kBase64
+                                        : JsonBytes::kSurrogate;
+          },
+          "How JSON gives bytes that are not UTF-8, and NUL. surrogate (the default): as "
+          "\\udc80 to \\udcff and \\u0000, which some readers refuse. replace: as U+FFFD. "
+          "base64: a text that has any as {\"base64\":\"...\"}")
+      ->type_name("")
+      ->check(CLI::IsMember({"surrogate", "replace", "base64"}));
 }
 
 }  // namespace zmqwriter

@@ -16,6 +16,20 @@ std::string hex_digits(const void* bytes, std::size_t size, const char* digits) 
   return text;
 }
 
+std::string base64(const void* bytes, std::size_t size) {
+  static const char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  const auto* const from = static_cast<const unsigned char*>(bytes);
+  std::string text;
+  for (std::size_t i = 0; i < size; i += 3) {
+    unsigned group = 0;
+    for (std::size_t j = i; j < i + 3; ++j)
+      group = group << 8 | (j < size ? from[j] : 0u);
+    for (std::size_t j = 0; j < 4; ++j)
+      text += i + j > size ? '=' : kDigits[group >> (18 - 6 * j) & 0x3f];
+  }
+  return text;
+}
+
 std::string counted(std::uint64_t number, const std::string& noun) {
   return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
 }

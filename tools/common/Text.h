@@ -18,6 +18,9 @@ constexpr char kLowerHex[] = "0123456789abcdef";
 /// Two digits for each byte.
 std::string hex_digits(const void* bytes, std::size_t size, const char* digits = kUpperHex);
 
+/// With padding, in one line.
+std::string base64(const void* bytes, std::size_t size);
+
 /// "1 record", "2 records".
 std::string counted(std::uint64_t number, const std::string& noun);
 
