@@ -5,9 +5,9 @@
 
 #include "aggregator_generated.h"
 
-#include "EventJson.h"
 #include "SpoolFixture.h"
 #include "SpoolInUse.h"
+#include "SpoolSurvey.h"
 
 namespace {
 
@@ -17,10 +17,6 @@ using test::record;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Optional;
-
-bool is_event(const std::string& payload) {
-  return EventMessage(payload.data(), payload.size()).valid();
-}
 
 /// An event as the plug-in builds it: the agent first, with a uid of that length.
 std::string event(std::size_t uid_length) {
@@ -172,6 +168,18 @@ TEST_F(SpoolRepairTest, RenamingNeverReplacesAFile) {
   EXPECT_THROW(rename_chunk({path("queue.dat.2"), path("queue.dat.1")}), std::runtime_error);
   EXPECT_EQ(content("queue.dat.1"), "in the way");
   EXPECT_EQ(content("queue.dat.2"), "from");
+}
+
+TEST_F(SpoolRepairTest, SpoolThatIsClosedInTheAgentsPlaceNeedsNoRepairAndKeepsNoCopy) {
+  close_spool(folder());  // there is none
+  for (const char* payload : {"first", "second", "third"})
+    store(payload);
+  take();
+  close_spool(folder());
+  crash();
+  EXPECT_FALSE(survey_spool(folder()).damaged);
+  EXPECT_THAT(names(), ElementsAre("queue.dat"));
+  EXPECT_THAT(drain(), ElementsAre("second", "first"));
 }
 
 TEST_F(SpoolRepairTest, OpenHeadShowsItsProcess) {

@@ -11,6 +11,7 @@
 
 #include "Files.h"
 #include "SpoolFormat.h"
+#include "SpoolSurvey.h"
 
 namespace zmqwriter {
 
@@ -76,6 +77,13 @@ std::string keep_copy(const std::string& path, const std::string& copy_folder, i
     fail_to_copy(path, copy);
   }
   return copy;
+}
+
+bool write_header(int file, std::uint32_t used_size, std::uint32_t record_count) {
+  unsigned char header[spool_format::kHeaderSize];
+  spool_format::encode_header(used_size, record_count, header);
+  const std::string_view bytes(reinterpret_cast<const char*>(header), sizeof header);
+  return lseek(file, 0, SEEK_SET) == 0 && write_fully(file, bytes) == bytes.size();
 }
 
 // Whether a file may be part of the sequence. The plug-in reads a file with damage that no header
@@ -159,14 +167,29 @@ std::string repair_header(const HeaderRepair& repair, const std::string& copy_fo
   if (file.get() < 0)
     fail(repair.path, "cannot be opened for writing");
   const std::string copy = keep_copy(repair.path, copy_folder, file.get());
-
-  unsigned char header[spool_format::kHeaderSize];
-  spool_format::encode_header(repair.used_size, repair.record_count, header);
-  const std::string_view bytes(reinterpret_cast<const char*>(header), sizeof header);
-  if (lseek(file.get(), 0, SEEK_SET) != 0 || write_fully(file.get(), bytes) < bytes.size() ||
-      fsync(file.get()) != 0)
+  if (!write_header(file.get(), repair.used_size, repair.record_count) || fsync(file.get()) != 0)
     fail(repair.path, "cannot be written (its copy is " + copy + ")");
   return copy;
+}
+
+void close_spool(const std::string& folder) {
+  constexpr int kMostLooks = 100;
+  constexpr useconds_t kBetweenLooksUs = 10000;
+  const std::string path = chunk_path(folder, 0);
+  int sound = 0;
+  for (int looks = 0; looks < kMostLooks && sound < 2; ++looks) {
+    const Diagnosis head = diagnose(ChunkFile(path), is_event);
+    if (!head.repairable) {
+      ++sound;
+    } else {
+      sound = 0;
+      const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+      if (!write_header(file.get(), static_cast<std::uint32_t>(bytes_used(head.found)),
+                        static_cast<std::uint32_t>(head.found.size())))
+        fail(path, "cannot be written; 'zmqwriter spool repair " + folder + "' has to repair it");
+    }
+    usleep(kBetweenLooksUs);
+  }
 }
 
 void rename_chunk(const Renaming& renaming) {

@@ -40,6 +40,11 @@ RepairPlan plan_repair(const std::string& folder, const std::vector<std::uint32_
 /// std::runtime_error; the header is not changed before the copy is complete and on disk.
 std::string repair_header(const HeaderRepair& repair, const std::string& copy_folder);
 
+/// Sets the head file's header to its records, without a copy, as the plug-in does when it closes
+/// its spool. For a process that ends without stopping the plug-in in it: returns once the file is
+/// sound and stays so, for the plug-in may still be at work on it. Throws std::runtime_error.
+void close_spool(const std::string& folder);
+
 /// Throws std::runtime_error, also when the new name is taken.
 void rename_chunk(const Renaming& renaming);
 
