@@ -7,46 +7,52 @@ namespace zmqwriter {
 
 namespace {
 
-std::atomic<bool> requested{false};
+std::atomic<int> requests{0};
 std::atomic<bool> reload{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler stores to it");
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
+              "signal handlers store to them");
 
 void request_stop(int) {
-  requested.store(true);
+  ++requests;
 }
 
 void request_reload(int) {
   reload.store(true);
 }
 
-void handle_stop_signals(void (*handler)(int)) {
+void handle(int signal, void (*handler)(int), int flags = 0) {
   struct sigaction action = {};
   action.sa_handler = handler;
-  action.sa_flags = SA_RESETHAND;
+  action.sa_flags = flags;
   sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  sigaction(signal, &action, nullptr);
 }
 
 }  // namespace
 
 void catch_stop_signals() {
-  handle_stop_signals(request_stop);
+  for (const int signal : {SIGINT, SIGTERM})
+    handle(signal, request_stop, SA_RESETHAND);
 }
 
-void release_stop_signals() {
-  handle_stop_signals(SIG_DFL);
+void count_stop_signals() {
+  for (const int signal : {SIGINT, SIGTERM})
+    handle(signal, request_stop);
+  struct sigaction hangup;
+  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
+    handle(SIGHUP, request_stop);
+}
+
+int stop_signals() {
+  return requests.load();
 }
 
 bool stop_requested() {
-  return requested.load();
+  return stop_signals() > 0;
 }
 
 void catch_reload_signal() {
-  struct sigaction action = {};
-  action.sa_handler = request_reload;
-  sigemptyset(&action.sa_mask);
-  sigaction(SIGHUP, &action, nullptr);
+  handle(SIGHUP, request_reload);
 }
 
 bool take_reload_request() {

@@ -1,20 +1,20 @@
-// SIGINT and SIGTERM as a request to end cleanly.
-//
-// The first signal sets a flag and interrupts calls that block (EINTR). A second one of the same
-// kind ends the process at once.
+// Signals as requests to end cleanly. Each interrupts calls that block (EINTR).
 #pragma once
 
 #include <signal.h>
 
 namespace zmqwriter {
 
-/// Installs the handlers. Main thread, before others exist.
+/// Makes SIGINT and SIGTERM requests to stop; a second one of the same kind ends the process at
+/// once. Main thread, before others exist.
 void catch_stop_signals();
 
-/// Restores the default: the next one ends the process. Main thread.
-void release_stop_signals();
+/// Makes SIGINT, SIGTERM and, unless it is ignored, SIGHUP requests to stop, of which none ends the
+/// process. Main thread, before others exist.
+void count_stop_signals();
 
-/// Whether one has arrived. Any thread.
+/// How many requests to stop have arrived. Any thread.
+int stop_signals();
 bool stop_requested();
 
 /// Makes SIGHUP a request to read configuration again. Main thread, before others exist.

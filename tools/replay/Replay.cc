@@ -14,10 +14,12 @@
 #include <vector>
 
 #include "CurveKey.h"
+#include "EndWatch.h"
 #include "LogFeed.h"
 #include "Output.h"
 #include "ProgressLine.h"
 #include "SettingsFile.h"
+#include "SpoolAccount.h"
 #include "StopSignals.h"
 #include "Text.h"
 #include "WorkerSettings.h"
@@ -47,7 +49,10 @@ constexpr auto kQuietWhenAllSent = std::chrono::milliseconds(100);
 constexpr auto kQuietWhenMoreSent = std::chrono::seconds(1);
 constexpr auto kQuietWhenSomeMissing = std::chrono::seconds(5);
 constexpr auto kLongestStart = std::chrono::seconds(5);
-constexpr double kDrainAfterSignal_s = 5;
+constexpr double kLongestDrainAfterSignal_s = 5;
+// What the plug-in gets to stop where --drain is less: one attempt to send takes 3 seconds, but a
+// server that answers needs far less.
+constexpr double kLeastEnd_s = 1;
 
 /// The plug-in's status.
 class PluginStatus {
@@ -109,9 +114,12 @@ class Replay {
     host_.LoadPlugin(options.plugin_folder);
     status_ = std::make_unique<PluginStatus>(host_);
     warn_about_settings(options);
+    spool_ = std::make_unique<SpoolAccount>(status_->Now().spool_folder);
   }
 
   int Run() {
+    spool_->Begin(options_.ignore_spool);
+    watch_ = std::make_unique<EndWatch>(std::max(options_.drain_s, kLeastEnd_s), *spool_);
     OpenLogs();
     start_ = last_progress_ = last_running_ = Clock::now();
     for (const auto& feed : feeds_)
@@ -122,14 +130,15 @@ class Replay {
     for (const auto& feed : feeds_)
       feed->NoteFailure();
     const DravenholtZmqWriterStatus before_end = status_->Now();
-    // Stopping the plug-in may take minutes, and a signal ends it. So the report comes first.
     ReportReading();
     if (!why_stopped_.empty() && !(drained_ && Whole()))
       ReportGivingUp(before_end);
     AnnounceEnd(before_end);
-    release_stop_signals();
+    if (!drained_)
+      watch_->Begin();
     host_.Finish();
-    return Report(before_end);
+    watch_.reset();
+    return Report();
   }
 
  private:
@@ -240,7 +249,13 @@ class Replay {
     if (status.sent != last_sent_)
       last_progress_ = Clock::now();
     last_sent_ = status.sent;
+    watch_->SetUnsent(Unsent(status));
     return status;
+  }
+
+  /// Records read and not delivered; fewer than none when the spool held some before.
+  std::int64_t Unsent(const DravenholtZmqWriterStatus& status) const {
+    return static_cast<std::int64_t>(fed_) - static_cast<std::int64_t>(status.delivered);
   }
 
   /// Decides to stop when nothing was sent for too long.
@@ -287,9 +302,9 @@ class Replay {
 
   void DrainAfterSignal() {
     const auto begin = Clock::now();
-    const Duration longest(std::min(kDrainAfterSignal_s, options_.drain_s));
+    const Duration longest(std::min(kLongestDrainAfterSignal_s, options_.drain_s / 2));
     auto busy = begin;
-    while (!(drained_ = AllSent(&busy)) && Clock::now() - begin < longest)
+    while (!(drained_ = AllSent(&busy)) && Clock::now() - begin < longest && stop_signals() < 2)
       Idle(kPoll);
     why_stopped_ = "stopped by a signal";
   }
@@ -319,7 +334,7 @@ class Replay {
   }
 
   /// When it is stopped, the plug-in tries once more to send what it holds in memory.
-  static void AnnounceEnd(const DravenholtZmqWriterStatus& status) {
+  void AnnounceEnd(const DravenholtZmqWriterStatus& status) const {
     if (status.spooled && status.running)
       std::fprintf(stderr,
                    "left on disk: events in %s, which the next run sends ('zmqwriter spool list' "
@@ -334,41 +349,32 @@ class Replay {
     if (status.running && held > 0)
       std::fprintf(stderr,
                    "stopping with %llu entries in memory (retries count as well): they are tried "
-                   "once more, which takes up to 3 seconds each while no server answers; a signal "
-                   "ends that at once\n",
-                   static_cast<unsigned long long>(held));
+                   "once more, for at most %g seconds\n",
+                   static_cast<unsigned long long>(held), std::max(options_.drain_s, kLeastEnd_s));
   }
 
-  int Report(const DravenholtZmqWriterStatus& before_end) {
+  int Report() const {
     const DravenholtZmqWriterStatus status = status_->Now();
     const std::uint64_t sent = status_->Sent(status);
     std::fprintf(stderr, "sent: %s, failed: %s\n", counted(sent, "message").c_str(),
                  counted(status.failed, "attempt").c_str());
-    // Events of an earlier run may be among those sent, so the number alone is not enough.
-    const bool held = before_end.queued > 0 || before_end.in_work;
-    const bool handed_over = drained_ || (sent >= fed_ && !before_end.spooled && !held);
-    ReportRest(before_end, sent);
+    const bool nothing_left = spool_->End(Unsent(status), status.stored);
+    if (sent > fed_)
+      std::fprintf(stderr,
+                   "more was sent than read: the spool held events of an earlier run, or empty "
+                   "messages were sent after a switch to a secondary server\n");
+    else if (nothing_left)
+      std::fprintf(stderr, "left: nothing\n");
     if (status.cut > 0)
       std::fprintf(stderr, "%s longer than 65535 bytes and %s cut on disk\n",
                    (counted(status.cut, "event") + (status.cut == 1 ? " was" : " were")).c_str(),
                    status.cut == 1 ? "was" : "were");
-    return Whole() && handed_over && status.cut == 0 ? 0 : 1;
-  }
-
-  void ReportRest(const DravenholtZmqWriterStatus& before_end, std::uint64_t sent) const {
-    if (sent < fed_)
-      std::fprintf(stderr, "%s: %s\n",
-                   before_end.spooled ? "not sent, on disk or lost" : "not sent and not on disk",
-                   counted(fed_ - sent, "record").c_str());
-    else if (sent > fed_)
-      std::fprintf(stderr,
-                   "more was sent than read: the spool held events of an earlier run, or empty "
-                   "messages were sent after a switch to a secondary server\n");
-    else if (!before_end.spooled)
-      std::fprintf(stderr, "left: nothing\n");
+    return Whole() && nothing_left && status.cut == 0 ? 0 : 1;
   }
 
   const ReplayOptions options_;
+  std::unique_ptr<SpoolAccount> spool_;
+  std::unique_ptr<EndWatch> watch_;  // until the host has finished
   standin::Host host_;
   std::unique_ptr<PluginStatus> status_;
   WriterPaths paths_;
@@ -411,7 +417,7 @@ void allow_open_files(std::size_t logs) {
 
 int replay(const ReplayOptions& options) {
   allow_open_files(options.logs.size());
-  catch_stop_signals();
+  count_stop_signals();
   return Replay(options).Run();
 }
 

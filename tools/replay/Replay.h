@@ -13,9 +13,11 @@
 //
 // A record of more than 65535 bytes is cut on disk. The plug-in counts these, and the replay fails.
 //
-// SIGINT and SIGTERM end the reading. The records not yet sent get a few seconds, then the plug-in
-// is stopped in the host's order. The report is printed before that, because a signal during that
-// step ends the process at once.
+// SIGINT, SIGTERM and SIGHUP end the reading. The records not yet sent get a few seconds, then the
+// plug-in is stopped in the host's order. EndWatch.h says how long that takes at most.
+//
+// A spool that another process uses, or of which the plug-in would not find all records, is
+// refused. At the end the records on disk are counted and compared with what should be there.
 #pragma once
 
 #include <string>
@@ -30,6 +32,7 @@ struct ReplayOptions : PluginOptions {
   double rate = 0;  ///< records per second, all logs together; 0: no limit
   double drain_s = 60;
   bool pace = true;
+  bool ignore_spool = false;  ///< start although the spool is damaged or in use
 };
 
 /// Replays the logs and reports on standard error. Returns the exit status: 0 if every line of

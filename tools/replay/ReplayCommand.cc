@@ -18,9 +18,10 @@ void add_replay_command(CLI::App& app, int* exit_code) {
       "of the paths conn, http, ftp, smtp, ldap, smb, tds, dce_rpc and tn5250 become events\n"
       "of their own kind, others key/value pairs; a log with a column ptype, extra_fields or\n"
       "cpu_usage is passed on unchanged. Reading pauses while 400 records are not yet sent.\n"
-      "Standard error reports what was read, sent, failed and left on disk. Exit status 0\n"
-      "means that every line was read and every record was sent whole. Standard output\n"
-      "belongs to the plug-in.");
+      "A spool that needs a repair or that another process uses is refused. Standard error\n"
+      "reports what was read, sent, failed, left on disk and lost. Exit status 0 means that\n"
+      "every line was read and every record was sent whole. A signal stops it; a second one\n"
+      "ends it within a second. Standard output belongs to the plug-in.");
   const auto options = std::make_shared<ReplayOptions>();
   const auto no_pace = std::make_shared<bool>(false);
   add_plugin_options(command, options.get());
@@ -29,8 +30,10 @@ void add_replay_command(CLI::App& app, int* exit_code) {
       ->type_name("R")
       ->check(positive_number());
   command
-      ->add_option("--drain", options->drain_s,
-                   "Give up when nothing was sent for this time, at the end or in a pause")
+      ->add_option(
+          "--drain", options->drain_s,
+          "Give up when nothing was sent for this time, at the end or in a pause; stopping "
+          "the plug-in then, or after a signal, takes at most as long again")
       ->type_name("SECONDS")
       ->check(positive_number(true))
       ->capture_default_str();
@@ -38,6 +41,9 @@ void add_replay_command(CLI::App& app, int* exit_code) {
       "--no-pace", *no_pace,
       "Read as fast as possible; records that do not fit into memory go to disk, where "
       "events of 64 KiB and more are cut");
+  command->add_flag("--ignore-spool", options->ignore_spool,
+                    "Start although the spool is damaged or another process uses it; events on "
+                    "disk may be lost");
   CLI::Option* const describe = command->add_flag(
       "-N", "Print the host's description of the plug-in, and end; -NN for details");
   command
