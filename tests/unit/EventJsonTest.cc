@@ -357,6 +357,14 @@ TEST(EventJsonTest, LargeEventThatSharesNothingIsRead) {
   EXPECT_GT(json(message).size(), 3000000u);
 }
 
+TEST(EventJsonTest, EventOfMoreThanAMillionPairsIsRead) {
+  const std::string message = event(schema::Data_GenericProtocolData, [](FlatBufferBuilder& b) {
+    const std::vector<Offset<schema::MapEntry>> pairs(1000001, schema::CreateMapEntry(b));
+    return schema::CreateGenericProtocolDataDirect(b, "p", &pairs).Union();
+  });
+  EXPECT_TRUE(EventMessage(message.data(), message.size()).valid());
+}
+
 TEST(EventJsonTest, MisalignedMessagesAreRead) {
   const std::string message = event(schema::Data_SystemStatsData, [](FlatBufferBuilder& b) {
     return schema::CreateSystemStatsData(b, 1.5).Union();

@@ -31,7 +31,6 @@ constexpr std::size_t kLargestMessage = 0x7fffffff;
 // The schema nests tables three deep (event, payload, pair); the rest is room for a schema that
 // grows.
 constexpr flatbuffers::uoffset_t kDeepest = 8;
-constexpr flatbuffers::uoffset_t kMostTables = 1000000;
 
 // Many pairs may refer to the same string, and a small message would then print as gigabytes. The
 // plug-in's events share no strings, so their texts are never longer than the message.
@@ -327,7 +326,9 @@ EventMessage::EventMessage(const void* data, std::size_t size)
     aligned_.assign(data_, data_ + size);
     data_ = aligned_.data();
   }
-  flatbuffers::Verifier verifier(data_, size, kDeepest, kMostTables);
+  // Each table is referred to, by 4 bytes at least.
+  const auto most_tables = static_cast<flatbuffers::uoffset_t>(size / 4);
+  flatbuffers::Verifier verifier(data_, size, kDeepest, most_tables);
   if (!reflected::Dravenholt::VerifyNetworkEventBuffer(verifier) ||
       text_of_pairs(root(data_)) > 2 * std::uint64_t{size} + kSharedText)
     problem_ = "these " + std::to_string(size) + " bytes are no event message";
