@@ -7,10 +7,15 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <numeric>
+#include <string>
+#include <vector>
 
 #include "Commands.h"
 #include "HelpFormatter.h"
@@ -22,17 +27,63 @@ using namespace zmqwriter;
 constexpr int kFailure = 1;
 constexpr int kWrongUsage = 2;
 
-/// The first word that should be a subcommand and is not; null if there is none.
-const char* unknown_subcommand(const CLI::App& app, int argc, char** argv) {
-  const CLI::App* command = &app;
-  for (int i = 1; i < argc && argv[i][0] != '-'; ++i) {
-    const auto named = command->get_subcommands(
-        [word = argv[i]](const CLI::App* candidate) { return candidate->check_name(word); });
-    if (named.empty())
-      return command->get_require_subcommand_min() > 0 ? argv[i] : nullptr;
-    command = named.front();
+/// How many letters have to be inserted, deleted or replaced to make one word of the other.
+std::size_t edits(const std::string& from, const std::string& to) {
+  std::vector<std::size_t> row(to.size() + 1);
+  std::iota(row.begin(), row.end(), 0);
+  for (std::size_t i = 0; i < from.size(); ++i) {
+    std::size_t diagonal = row[0]++;
+    for (std::size_t j = 0; j < to.size(); ++j) {
+      const std::size_t replaced = diagonal + (from[i] != to[j]);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
+    }
   }
-  return nullptr;
+  return row.back();
+}
+
+/// The message for a word that is none of `words`, with the nearest of these if one is near.
+std::string unknown(const std::string& what, const std::string& word,
+                    const std::vector<std::string>& words) {
+  std::size_t fewest = std::max<std::size_t>(word.size() / 3, 1) + 1;
+  std::string message = "unknown " + what + " '" + word + "'", hint;
+  for (const std::string& candidate : words) {
+    if (const std::size_t count = edits(word, candidate); count < fewest) {
+      fewest = count;
+      hint = "; did you mean '" + candidate + "'?";
+    }
+  }
+  return message + hint;
+}
+
+/// What is wrong with the first word that should be a subcommand or an option and is none; empty if
+/// there is no such word. The parser would first complain of what is missing.
+std::string unknown_word(const CLI::App& app, const std::vector<std::string>& words) {
+  const CLI::App* command = &app;
+  for (const std::string& word : words) {
+    if (word == "--")
+      break;
+    const std::string name = word.substr(0, word.find('='));
+    std::vector<std::string> known;
+    if (word.size() > 1 && word[0] == '-' &&
+        (word[1] == '-' || std::isalpha(static_cast<unsigned char>(word[1])))) {
+      if (command->get_option_no_throw(word[1] == '-' ? name : word.substr(0, 2)))
+        continue;
+      for (const CLI::Option* option : command->get_options())
+        known.push_back(option->get_name());
+      return unknown("option", name, known);
+    }
+    if (command->get_require_subcommand_min() == 0)
+      continue;
+    const auto subcommands = command->get_subcommands({});
+    for (const CLI::App* const subcommand : subcommands)
+      known.push_back(subcommand->get_name());
+    const auto named = std::find(known.begin(), known.end(), word);
+    if (named == known.end())
+      return unknown("subcommand", word, known);
+    command = subcommands[static_cast<std::size_t>(named - known.begin())];
+  }
+  return "";
 }
 
 /// Opens the standard descriptors that are closed, so that no file or socket gets their number and
@@ -57,8 +108,9 @@ int main(int argc, char** argv) {
 
   int exit_code = 0;
   CLI::App app("Tools around the log-writer plug-in Dravenholt::ZMQWriter", "zmqwriter");
-  app.set_version_flag("--version", "zmqwriter " ZMQWRITER_VERSION);
+  app.set_version_flag("-V,--version", "zmqwriter " ZMQWRITER_VERSION);
   app.formatter(std::make_shared<HelpFormatter>());
+  app.footer("'zmqwriter help SUBCOMMAND' is the same as 'zmqwriter SUBCOMMAND --help'.");
   app.require_subcommand(1);
   add_keygen_command(app, &exit_code);
   add_collect_command(app, &exit_code);
@@ -72,12 +124,18 @@ int main(int argc, char** argv) {
     std::fputs(complete(app, {argv + 2, argv + argc}).c_str(), stdout);
     return 0;
   }
-  if (const char* const word = unknown_subcommand(app, argc, argv)) {
-    std::fprintf(stderr, "unknown subcommand '%s'\nRun with --help for more information.\n", word);
+  std::vector<std::string> words(argv + 1, argv + argc);
+  if (!words.empty() && words[0] == "help") {
+    words.erase(words.begin());
+    words.push_back("--help");
+  }
+  if (const std::string mistake = unknown_word(app, words); !mistake.empty()) {
+    std::fprintf(stderr, "%s\nRun with --help for more information.\n", mistake.c_str());
     return kWrongUsage;
   }
   try {
-    app.parse(argc, argv);
+    std::reverse(words.begin(), words.end());  // as the parser expects them
+    app.parse(words);
   } catch (const CLI::ParseError& error) {
     exit_code = app.exit(error) == 0 ? 0 : kWrongUsage;
   } catch (const std::exception& error) {

@@ -18,23 +18,30 @@ SUBCOMMANDS = ["keygen", "collect", "replay", "decode", "spool"]
 
 class UsageTest(CliTest):
     def test_help_goes_to_standard_output(self):
-        for arguments in [["--help"]] + [[name, "--help"] for name in SUBCOMMANDS]:
-            result = self.run_tool(*arguments)
-            self.assertEqual((result.returncode, result.stderr), (0, ""), arguments)
+        for words in [[]] + [[name] for name in SUBCOMMANDS] + [["spool", "list"]]:
+            result = self.run_tool(*words, "--help")
+            self.assertEqual((result.returncode, result.stderr), (0, ""), words)
             self.assertIn(b"Usage: zmqwriter", result.stdout)
+            self.assertEqual(self.run_tool("help", *words).stdout, result.stdout)
 
     def test_version_is_the_projects(self):
         version = read_file(os.path.join(SOURCE_DIR, "VERSION")).split("\n")[0]
-        result = self.run_tool("--version")
-        self.assertEqual((result.returncode, result.stdout.decode()),
-                         (0, "zmqwriter %s\n" % version))
+        for option in ("--version", "-V"):
+            result = self.run_tool(option)
+            self.assertEqual((result.returncode, result.stdout.decode()),
+                             (0, "zmqwriter %s\n" % version))
 
     def test_wrong_usage_is_status_two_with_a_hint_and_no_output(self):
         collect = ["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "x"]
         for arguments, hint in [
                 ([], "subcommand"),
-                (["nonsense"], "unknown subcommand 'nonsense'"),
-                (["spool", "nonsense"], "unknown subcommand 'nonsense'"),
+                (["nonsense"], "unknown subcommand 'nonsense'\n"),
+                (["spool", "nonsense"], "unknown subcommand 'nonsense'\n"),
+                (["colect"], "unknown subcommand 'colect'; did you mean 'collect'?\n"),
+                (["help", "spool", "lst"], "unknown subcommand 'lst'; did you mean 'list'?\n"),
+                (["--versoin"], "unknown option '--versoin'; did you mean '--version'?\n"),
+                (["collect", "--bnd=x"], "unknown option '--bnd'; did you mean '--bind'?\n"),
+                (["collect", "-q"], "unknown option '-q'\n"),
                 (["keygen", "--dir", ""], "the folder's name is empty"),
                 (["keygen", "--nonsense"], "--nonsense"),
                 (["keygen", "extra"], "extra"),
