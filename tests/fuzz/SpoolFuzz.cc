@@ -57,7 +57,7 @@ bool is_event(const std::string& payload) {
 void read_and_repair(const std::string& folder) {
   const RepairPlan plan = plan_repair(folder, find_chunks(folder), is_event);
   for (const HeaderRepair& repair : plan.headers) {
-    std::filesystem::remove(repair_header(repair));
+    std::filesystem::remove(repair_header(repair, ""));
     const auto number = repair.path.find_last_of('.') == repair.path.size() - 2 ? 1u : 0u;
     const Diagnosis after = diagnose(ChunkFile(folder, number), is_event);
     require(after.counted.size() == repair.record_count, "a repaired header counts too few");
