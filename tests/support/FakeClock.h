@@ -1,4 +1,4 @@
-// A clock that only moves when somebody sleeps. Linking FakeClock.cc puts usleep and gettimeofday
+// A clock that only moves when a thread sleeps. Linking FakeClock.cc puts usleep and gettimeofday
 // of the whole program under its control while a FakeClock exists; otherwise they do what they
 // always do.
 //

@@ -1,4 +1,4 @@
-// A Darwin to order: what the probes ask the system, answered as a test says.
+// A fake Darwin: what the probes ask the system, answered as a test says.
 //
 // Linking FakeDarwin.cc puts these calls of the whole program under its control while a FakeDarwin
 // exists: proc_listpids, proc_pidinfo, proc_pidfdinfo, sysctlbyname, sysctl, mach_host_self,

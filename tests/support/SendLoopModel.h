@@ -1,5 +1,5 @@
-// A plain model of the worker's send loop, to run beside the real one: one step after the other as
-// the rules number them, with a queue of entries and no memory of its own to manage.
+// A plain model of the worker's send loop, to run next to the real one: one step after the other in
+// the required order, with a queue of entries and no memory of its own to manage.
 //
 //     LoopScript script(seed);          // all that the world does in one run
 //     SendLoopModel model(script);

@@ -38,7 +38,7 @@ class SpoolModel {
   void Start();
   /// Ends the process properly.
   void Stop();
-  /// Ends the process without a word.
+  /// Ends the process uncleanly.
   void Crash();
 
   void SetChunkLimit(std::int32_t bytes) { chunk_limit_ = bytes; }

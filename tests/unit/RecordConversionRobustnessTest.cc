@@ -1,4 +1,4 @@
-// What no sane script sends: values of the wrong type, unset, damaged, without end.
+// Damaged records: values of the wrong type, unset, out of range, too large.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -62,7 +62,7 @@ std::vector<Value*> one_of_each_type() {
   return values;
 }
 
-/// An unset value whose union nobody has cleared.
+/// An unset value whose union was not cleared.
 Value* unset_with_garbage(TypeTag type) {
   Value* value = new Value(type, false);
   memset(static_cast<void*>(&value->val), 0x5a, sizeof value->val);

@@ -243,8 +243,8 @@ TEST_F(Reports, ScopesMayBeNested) {
 TEST_F(Reports, AreDroppedOnceTheHostHasNoReporter) {
   Reporter* const own = reporter;
   reporter = nullptr;
-  reports::error("nobody hears this");
-  elsewhere([] { reports::error("nor this"); });
+  reports::error("1");
+  elsewhere([] { reports::error("2"); });
   reporter = own;
   EXPECT_THAT(recorder_.Reports(), IsEmpty());
 }
@@ -257,7 +257,7 @@ TEST_F(Reports, OfManyThreadsAllArriveEachThreadsInOrder) {
   for (int t = 0; t < kThreads; t++) {
     threads.emplace_back([&writers, t] {
       for (int i = 0; i < kReports; i++) {
-        // The last thread is none of a writer's.
+        // The last thread is not a writer's.
         if (t == kThreads - 1) {
           reports::warning("%d:%d", t, i);
           continue;

@@ -90,7 +90,7 @@ class RealLoop {
       const int nth = flushed_++;
       const bool works = script_.flush_init_works(nth);
       if (!works)
-        std::free(bodies[static_cast<std::size_t>(nth)]);  // the worker does not, on purpose
+        std::free(bodies[static_cast<std::size_t>(nth)]);  // the worker is required not to
       return works;
     };
     zmq.on_init_data = [this](std::size_t) { return script_.flush_init_data_works(flushed_ - 1); };
@@ -131,7 +131,7 @@ std::string repeated(const std::vector<std::string>& lines) {
   return "";
 }
 
-TEST(SendLoopBesideItsModel, DoesTheSameInEveryRandomWorld) {
+TEST(SendLoopAndItsModel, DoesTheSameInEveryRandomWorld) {
   const std::uint64_t scripts = 1000 * test_factor();
   const std::uint64_t first_seed = random_seed();  // one for each world, from this on
   ::testing::internal::CaptureStdout();            // the worker's own lines

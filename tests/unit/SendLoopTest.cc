@@ -405,16 +405,17 @@ int room_after(int polls, int poll) {
 
 INSTANTIATE_TEST_SUITE_P(
     Table, Spins,
-    ::testing::Values(
-        Spin{"none without a backlog", [](int) { return ZMQ_POLLOUT; }, 1, 0},
-        Spin{"one poll is enough with room", [](int) { return ZMQ_POLLOUT; }, 4, 2},
-        Spin{"given up when polling fails", [](int) { return -1; }, 4, 2},
-        // 68 sends; before the 1st, 2nd, 4th, 8th, 16th, 32nd, 48th and 64th.
-        Spin{"before fewer and fewer sends", [](int) { return 0; }, 70, 8 * 128},
-        // In vain before the 1st, 2nd, 4th and 8th of 22 sends, then before the 16th to the 22nd.
-        Spin{"before each again once one helped", [](int n) { return room_after(4 * 128, n); }, 24,
-             4 * 128 + 7},
-        Spin{"one in vain skips no send", [](int n) { return room_after(128, n); }, 5, 128 + 2}));
+    ::testing::Values(Spin{"none without a backlog", [](int) { return ZMQ_POLLOUT; }, 1, 0},
+                      Spin{"one poll is enough with room", [](int) { return ZMQ_POLLOUT; }, 4, 2},
+                      Spin{"given up when polling fails", [](int) { return -1; }, 4, 2},
+                      // 68 sends; before the 1st, 2nd, 4th, 8th, 16th, 32nd, 48th and 64th.
+                      Spin{"before fewer and fewer sends", [](int) { return 0; }, 70, 8 * 128},
+                      // Without success before the 1st, 2nd, 4th and 8th of 22 sends, then before
+                      // the 16th to the 22nd.
+                      Spin{"before each again once one helped",
+                           [](int n) { return room_after(4 * 128, n); }, 24, 4 * 128 + 7},
+                      Spin{"one that failed skips no send",
+                           [](int n) { return room_after(128, n); }, 5, 128 + 2}));
 
 TEST_F(SendLoop, SpinsForNoSendAfterAFailure) {
   connect("a");

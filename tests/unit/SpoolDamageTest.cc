@@ -30,7 +30,7 @@ const std::string kHealthy = header(12 + 9 + 10 + 9, 3) + kThreeRecords;
 
 class SpoolDamageTest : public testing::Test, protected test::SpoolFixture {
  protected:
-  // Uses a spool on these files in most ways beside the model. A file of n bytes holds at most n/4
+  // Uses a spool on these files in most ways next to the model. A file of n bytes holds at most n/4
   // records, so that many takes and one more for each file must empty any spool.
   void expect_as_the_model(const std::map<std::string, std::string>& damaged) {
     for (const bool store_first : {false, true}) {

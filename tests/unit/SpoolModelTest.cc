@@ -71,7 +71,7 @@ class RandomOperations {
     else if (kind < 5)
       size = Below(65536);
     std::string payload(size, '\0');
-    // Half of them look like lengths and links themselves, which misleads a walk gone astray.
+    // Half of them look like lengths and links, for a walk that reads at a wrong place.
     const std::size_t values = Below(2) ? 256 : 12;
     for (char& c : payload)
       c = static_cast<char>(Below(values));

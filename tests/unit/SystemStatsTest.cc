@@ -1,4 +1,4 @@
-// The figures of the host, over a Darwin to order.
+// The figures of the host, over a fake Darwin.
 
 #include "SystemStats.h"
 

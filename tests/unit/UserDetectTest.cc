@@ -1,4 +1,4 @@
-// Who owns a socket, over a Darwin to order. Lists of control blocks are composed byte by byte.
+// Who owns a socket, over a fake Darwin. Lists of control blocks are composed byte by byte.
 
 #include "UserDetect.h"
 
