@@ -114,40 +114,29 @@ bool has_error(const std::string& uri) {
 }  // namespace
 
 TEST(CheckConnection, IsMadeAndSendsNothing) {
-  Server server;
-  const ConnectResult result = try_connection(server.uri, key_of(server.keys.public_key), kLong);
-  EXPECT_TRUE(result.ok) << result.text;
-  EXPECT_EQ(result.id, "connected");
-  EXPECT_FALSE(server.HasMessage());
-}
-
-TEST(CheckConnection, IsMadeToASocketFileToo) {
   test::TempDir dir;
-  Server server("ipc://sock:5555");
-  EXPECT_EQ(try_connection("ipc://sock:5555", key_of(server.keys.public_key), kLong).id,
-            "connected");
+  for (const char* endpoint : {"tcp://127.0.0.1:*", "ipc://sock:5555"}) {
+    Server server(endpoint);
+    const auto key = key_of(server.keys.public_key);
+    const ConnectResult result = try_connection(server.uri, key, kLong);
+    EXPECT_TRUE(result.ok) << result.text;
+    EXPECT_EQ(result.id, "connected");
+    EXPECT_FALSE(server.HasMessage());
+  }
 }
 
-TEST(CheckConnection, WrongKeyIsTold) {
+TEST(CheckConnection, WrongKeyAndOneThatLibzmqDoesNotTakeAreTold) {
   Server server;
-  EXPECT_EQ(try_connection(server.uri, some_key(), kLong).id, "connect-wrong-key");
+  for (const auto& key : {some_key(), worker_settings::decode_server_key("")})
+    EXPECT_EQ(try_connection(server.uri, key, kLong).id, "connect-wrong-key");
   EXPECT_FALSE(server.HasMessage());
-}
-
-TEST(CheckConnection, KeyThatLibzmqDoesNotTakeIsAWrongOne) {
-  Server server;
-  const auto nothing = worker_settings::decode_server_key("");
-  EXPECT_EQ(try_connection(server.uri, nothing, kLong).id, "connect-wrong-key");
 }
 
 TEST(CheckConnection, RefusalIsTold) {
   const Port nobody(false);
-  EXPECT_EQ(try_connection(nobody.Uri(), some_key(), kLong).id, "connect-refused");
-}
-
-TEST(CheckConnection, MissingSocketFileIsARefusal) {
   test::TempDir dir;
-  EXPECT_EQ(try_connection("ipc://nobody:5555", some_key(), kLong).id, "connect-refused");
+  for (const std::string& uri : {nobody.Uri(), std::string("ipc://nobody:5555")})
+    EXPECT_EQ(try_connection(uri, some_key(), kLong).id, "connect-refused");
 }
 
 TEST(CheckConnection, SilenceIsToldWhenTheTimeIsOver) {
@@ -227,20 +216,15 @@ TEST(CheckConnection, UnknownNameIsToldInTheWordsOfTheNameService) {
   EXPECT_EQ(result.id, "connect-unresolved");
   EXPECT_THAT(result.text, HasSubstr("'typo'"));
   EXPECT_THAT(result.text, HasSubstr("no such typo"));
-}
-
-TEST(CheckConnection, AddressesNeedNoNameService) {
+  // Addresses need none; the plug-in connects by IPv4 only.
   EXPECT_EQ(resolve_ipv4("127.0.0.1").address, "127.0.0.1");
   EXPECT_EQ(resolve_ipv4("127.0.0.1").problem, "");
-  EXPECT_EQ(resolve_ipv4("::1").address, "");  // the plug-in connects by IPv4 only
+  EXPECT_EQ(resolve_ipv4("::1").address, "");
   EXPECT_NE(resolve_ipv4("::1").problem, "");
 }
 
-TEST(CheckConnection, EndpointThatLibzmqRefusesIsTold) {
-  EXPECT_EQ(try_connection("nonsense://a:1", some_key(), kLong).id, "connect-endpoint");
-}
-
 TEST(CheckConnection, WhatLibzmqRefusesIsAnErrorBeforeAnybodyConnects) {
+  EXPECT_EQ(try_connection("nonsense://a:1", some_key(), kLong).id, "connect-endpoint");
   std::vector<std::string> uris = {
       "tcp://127.0.0.1:",   "tcp://127.0.0.1:abc", "tcp://127.0.0.1:+5", "tcp://tcp://h:5",
       "tcp://;127.0.0.1:1", "foo://127.0.0.1:1",   "http://127.0.0.1:1", "udp://127.0.0.1:1",
@@ -287,52 +271,44 @@ TEST(CheckConnection, WhatLibzmqTakesAndCouldReachIsNoError) {
   }
 }
 
-TEST(CheckConnection, HostIsFoundInTheEndpoint) {
-  EXPECT_EQ(host_of("tcp://a.example.net:5555"), "a.example.net");
-  EXPECT_EQ(host_of("tcp://127.0.0.1:0;b:5555"), "b");
-  EXPECT_EQ(host_of("tcp://[::1]:5555"), "::1");
-}
-
-TEST(CheckConnection, HostIsReplacedInTheEndpoint) {
-  EXPECT_EQ(with_host("tcp://a.example.net:5555", "10.0.0.1"), "tcp://10.0.0.1:5555");
-  EXPECT_EQ(with_host("tcp://a:0;a:5555", "10.0.0.1"), "tcp://a:0;10.0.0.1:5555");
-  EXPECT_EQ(with_host("tcp://a", "10.0.0.1"), "tcp://10.0.0.1");
+TEST(CheckConnection, HostIsFoundAndReplacedInTheEndpoint) {
+  const std::vector<std::vector<std::string>> cases = {
+      {"tcp://a.example.net:5555", "a.example.net", "tcp://10.0.0.1:5555"},
+      {"tcp://127.0.0.1:0;b:5555", "b", "tcp://127.0.0.1:0;10.0.0.1:5555"},
+      {"tcp://[::1]:5555", "::1", "tcp://10.0.0.1:5555"},
+      {"tcp://a", "a", "tcp://10.0.0.1"}};
+  for (const auto& one : cases) {
+    EXPECT_EQ(host_of(one[0]), one[1]);
+    EXPECT_EQ(with_host(one[0], "10.0.0.1"), one[2]);
+  }
 }
 
 TEST(CheckConnection, KeysAreTakenByTheirLengthAndAsZ85) {
-  EXPECT_TRUE(libzmq_takes_key(some_key()));
-  EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key("")));
-  EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key(std::string(40, '1'))));
-  EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key(std::string(62, '1'))));
   const std::string z85 = hex_digits("Yne@$w-vo<fVvi]a<NY6T1ed:M$fCG*[IaLV{hID", 40);
-  EXPECT_TRUE(libzmq_takes_key(worker_settings::decode_server_key(z85)));
-  EXPECT_TRUE(libzmq_takes_key(worker_settings::decode_server_key(z85 + "00")));
-  EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key(z85 + "41")));
-  EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key(std::string(80, '0'))));
+  const std::string raw = hex_digits(some_key().bytes, 32);
+  for (const std::string& key : {raw, z85, z85 + "00"})
+    EXPECT_TRUE(libzmq_takes_key(worker_settings::decode_server_key(key))) << key;
+  for (const std::string& key : {std::string(), std::string(40, '1'), std::string(62, '1'),
+                                 z85 + "41", std::string(80, '0')})
+    EXPECT_FALSE(libzmq_takes_key(worker_settings::decode_server_key(key))) << key;
 }
 
-TEST(PeerGreeting, NamesTheMechanismOfAServer) {
+TEST(PeerGreeting, NamesTheMechanismOfAServerOrWhyThereIsNone) {
   Server server;
   const PeerGreeting greeting = fetch_greeting(server.uri, kLong);
   EXPECT_EQ(greeting.connect_problem, "");
   EXPECT_EQ(greeting.mechanism, "CURVE");
   EXPECT_FALSE(server.HasMessage());
-}
 
-TEST(PeerGreeting, TellsWhyThereIsNoConnection) {
   const Port nobody(false);
-  const PeerGreeting greeting = fetch_greeting(nobody.Uri(), kLong);
-  EXPECT_TRUE(greeting.refused);
-  EXPECT_EQ(greeting.connect_problem, std::strerror(ECONNREFUSED));
-}
+  const PeerGreeting refusal = fetch_greeting(nobody.Uri(), kLong);
+  EXPECT_TRUE(refusal.refused);
+  EXPECT_EQ(refusal.connect_problem, std::strerror(ECONNREFUSED));
 
-TEST(PeerGreeting, EndsWithTheTime) {
   const Port frozen(true);
-  const PeerGreeting greeting = fetch_greeting(frozen.Uri(), kShort);
-  EXPECT_EQ(greeting.connect_problem, "");
-  EXPECT_FALSE(greeting.any_byte);
-}
+  const PeerGreeting silence = fetch_greeting(frozen.Uri(), kShort);
+  EXPECT_EQ(silence.connect_problem, "");
+  EXPECT_FALSE(silence.any_byte);
 
-TEST(PeerGreeting, PathThatIsTooLongIsAProblem) {
   EXPECT_NE(fetch_greeting("ipc://" + std::string(500, 'x'), kShort).connect_problem, "");
 }
