@@ -118,13 +118,6 @@ class EndToEndTest(ReplayTestCase):
     def test_every_record_of_further_logs_arrives_once_with_every_value(self):
         self.assert_logs_arrive(sorted(glob.glob(EXTRA_LOGS + "/**/*.log", recursive=True)))
 
-    def test_log_without_records_is_fine(self):
-        write_file("a.log", log_of(0))
-        self.settings_for("tcp://127.0.0.1:9")
-        replay = self.replay("a.log")
-        self.assertEqual(replay.status, 0)
-        self.assertIn("read: 0 records from 1 log", replay.stderr)
-
     def test_header_that_changes_in_the_middle_changes_the_events(self):
         write_file("a.log", log_of(2) + "#separator ;\n#path;http\n#fields;uid;method\n"
                    "#types;string;string\nC2;GET\n" + log_of(1, "more").replace("C0", "C3"))
@@ -171,28 +164,6 @@ class EndToEndTest(ReplayTestCase):
         self.assertEqual(replay.wait(), 1)
         self.assertIn("read: 1 record from 1 log", replay.stderr)
         self.assert_each_once(collector, 1)
-
-
-class WritersTest(ReplayTestCase):
-    def test_every_log_has_a_writer_thread_and_equal_paths_get_numbers(self):
-        if not os.path.isdir("/proc/self/task"):
-            self.skipTest("needs /proc")
-        for name in "abc":
-            write_file(name + ".log", log_of(1000))
-        collector = self.collect()
-        self.settings_for(collector.endpoint)
-        replay = self.start_replay("--rate", "5", "a.log", "b.log", "c.log")
-
-        def thread_names():
-            names = set()
-            for task in os.listdir("/proc/%d/task" % replay.popen.pid):
-                names.add(read_file("/proc/%d/task/%s/comm" % (replay.popen.pid, task)).strip())
-            # What of a name is kept: 15 characters.
-            return {"bro: things/Log", "bro: things-2/L", "bro: things-3/L"} <= names
-
-        wait_for(thread_names, "three writer threads")
-        replay.popen.send_signal(signal.SIGINT)
-        replay.wait()
 
 
 class OpenFilesTest(ReplayTestCase):
@@ -346,7 +317,7 @@ class SpoolTestCase(ReplayTestCase):
         self.settings_for("tcp://127.0.0.1:9")
         replay = self.start_replay("--no-pace", *arguments, "a.log")
         wait_for(lambda: os.path.exists(self.SPOOL + "/queue.dat") and
-                 re.search(r", 1(500|499) records", self.spool("list")[1]), "the events on disk")
+                 re.search(r", (1499|15\d\d) records", self.spool("list")[1]), "the events on disk")
         return replay
 
     def assert_refused(self, finding, *patterns):
@@ -593,29 +564,26 @@ class SettingsTest(ReplayTestCase):
                  ["LogZMQ::zmq_public_key has lower-case digits"])):
             write_file("settings", settings)
             replay = self.replay(*option, "a.log")
+            self.assertEqual(replay.status, 0, replay.stderr)
+            self.assertIn("read: 0 records from 1 log", replay.stderr)
             self.assertEqual(replay.stderr.count("warning: "), len(warnings), replay.stderr)
             for warning in warnings:
                 self.assertIn("warning: " + warning, replay.stderr)
 
-    def test_settings_that_cannot_be_read_are_a_failure_by_line(self):
+    def test_start_that_fails_says_where(self):
         write_file("a.log", log_of(1))
-        self.assertEqual(self.replay("a.log").status, 1)
-        write_file("settings", "zmq.server = x\nnonsense\n")
-        replay = self.replay("a.log")
-        self.assertEqual(replay.status, 1)
-        self.assertIn("settings:2: expected 'key = value'", replay.stderr)
-
-    def test_unknown_script_constant_is_a_failure(self):
-        self.settings_for("tcp://127.0.0.1:9")
-        write_file("a.log", log_of(1))
-        replay = self.replay("--set", "LogZMQ::no_such_option=1", "a.log")
-        self.assertEqual(replay.status, 1)
-        self.assertIn("LogZMQ::no_such_option", replay.stderr)
-
-    def test_folder_that_is_no_plug_in_is_a_failure_by_name(self):
-        result = self.run_tool("replay", "-N", "--plugin", "orvik-spool")
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("orvik-spool", result.stderr)
+        write_file("broken", "zmq.server = x\nnonsense\n")
+        write_file("settings", "")
+        log = ["--plugin", PLUGIN, "a.log"]
+        for arguments, said in (
+                (["--settings", "missing"] + log, "missing"),
+                (["--settings", "broken"] + log, "broken:2: expected 'key = value'"),
+                (["--settings", "settings", "--set", "LogZMQ::no_such_option=1"] + log,
+                 "LogZMQ::no_such_option"),
+                (["-N", "--plugin", "orvik-spool"], "orvik-spool")):
+            result = self.run_tool("replay", *arguments)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn(said, result.stderr)
 
     def test_description_of_the_plug_in(self):
         brief = self.run_tool("replay", "-N", "--plugin", PLUGIN)
