@@ -59,8 +59,8 @@ bool SpoolAccount::End(std::int64_t unsent, std::int64_t stored) const {
     std::fprintf(stderr, "lost: %s, neither sent nor on disk\n", records(lost).c_str());
   if (lost_on_disk > 0)
     std::fprintf(stderr,
-                 "of these, the spool had taken %s: the disk was full, or another process has used "
-                 "the folder\n",
+                 "of these, the spool had taken %s: its disk was full, it is disabled, or another "
+                 "process has used it\n",
                  records(lost_on_disk).c_str());
   return on_disk == 0 && lost <= 0;
 }
