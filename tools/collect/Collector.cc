@@ -24,14 +24,16 @@ constexpr int kMostAtOnce = 1000;
 constexpr std::uint64_t kReportedBadMessages = 10;
 // The end after a stop signal or a time-out. Connections that are never silent are ended after
 // kLongestLoad. Clients that have not closed theirs are left behind when nothing has come for
-// kLongestQuiet, or at the last of kMostLooks. What libzmq's thread had read from them has come
-// when nothing has come for kSettledMs, or after kLongestSettling.
+// kLongestQuiet, or after kLongestDrain. What libzmq's thread had read from them has come when
+// nothing has come for kSettledMs. Messages wait in memory until then, or until there are kMostHeld
+// bytes.
 constexpr int kLookMs = 2;
-constexpr auto kLongestLoad = std::chrono::seconds(1);
+constexpr auto kLongestLoad = std::chrono::milliseconds(250);
 constexpr auto kLongestQuiet = std::chrono::seconds(2);
-constexpr int kMostLooks = 10000;
+constexpr auto kLongestDrain = std::chrono::seconds(20);
 constexpr int kSettledMs = 100;
-constexpr auto kLongestSettling = std::chrono::seconds(5);
+constexpr std::size_t kMostHeld = std::size_t{64} << 20;
+constexpr std::size_t kHeldOverhead = 2 * sizeof(zmq_msg_t);  // of each message
 
 unsigned long long number(std::uint64_t n) {
   return n;
@@ -90,12 +92,14 @@ Collector::Collector(const CollectOptions& options)
 
 Collector::~Collector() {
   zmq_msg_close(&part_);
+  for (zmq_msg_t& part : held_)
+    zmq_msg_close(&part);
 }
 
 int Collector::Run() {
   last_message_ = Clock::now();
   while (!Done() && !OutputEnds() && !stop_requested()) {
-    if (gate_ && take_reload_request())
+    if (take_reload_request() && gate_)
       ReloadAllowList();
     if (TakeWaiting())
       continue;
@@ -127,7 +131,7 @@ bool Collector::TimedOut() const {
 /// before the next wait, so that a reader of a pipe gets each event at once.
 bool Collector::TakeWaiting() {
   int taken = 0;
-  while (taken < kMostAtOnce && !Done() && socket_.Receive(&part_)) {
+  while (taken < kMostAtOnce && !Done() && NextPart()) {
     TakeMessage();
     ++taken;
   }
@@ -137,6 +141,16 @@ bool Collector::TakeWaiting() {
   return taken > 0;
 }
 
+bool Collector::NextPart() {
+  if (held_.empty())
+    return socket_.Receive(&part_);
+  zmq_msg_move(&part_, &held_.front());
+  held_bytes_ -= kHeldOverhead + zmq_msg_size(&part_);
+  zmq_msg_close(&held_.front());
+  held_.pop_front();
+  return true;
+}
+
 /// Ends the connections and takes all that agents have sent, because they count it as delivered.
 /// Clients that try to connect meanwhile have to wait for another collector.
 void Collector::Drain() {
@@ -144,28 +158,49 @@ void Collector::Drain() {
     gate_->Hold();
   else
     zmq_bind(unanswered_.get(), ClientGate::kEndpoint);
-  connections_.emplace(bound_);
-  const auto start = Clock::now();
+  Connections connections(bound_);
+  auto start = Clock::now();
   last_message_ = start;
-  for (int look = 0; look < kMostLooks && !Done() && connections_->any() &&
-                     Clock::now() < last_message_ + kLongestQuiet;
-       ++look) {
+  while (!Done() && connections.any() && Clock::now() < start + kLongestDrain &&
+         Clock::now() < last_message_ + kLongestQuiet) {
     socket_.Wait(kLookMs);
-    TakeWaiting();
-    connections_->EndSilent(Clock::now() > start + kLongestLoad);
+    if (HoldWaiting(&connections, &start))
+      connections.EndSilent(Clock::now() > start + kLongestLoad);
   }
   for (const std::string& endpoint : bound_)
     socket_.Unbind(endpoint);
-  const int settled_ms = connections_->any() ? kSettledMs : 0;
-  const auto end = Clock::now() + kLongestSettling;
-  while (!Done() && Clock::now() < end && (TakeWaiting() || socket_.Wait(settled_ms))) {
+  while (!Done() && Clock::now() < start + kLongestDrain &&
+         (!HoldWaiting(&connections, &start) || (connections.any() && socket_.Wait(kSettledMs)))) {
   }
+  while (TakeWaiting()) {
+  }
+}
+
+/// Takes the messages that have arrived; true when nothing waits any more. Writing them could take
+/// long, and when both sides of a connection are ended and libzmq's queue of it is full, libzmq
+/// gives up the rest. So they are written only when they are too many, and `start` moves on by the
+/// time that this takes.
+bool Collector::HoldWaiting(Connections* connections, Clock::time_point* start) {
+  for (int taken = 0; taken < kMostAtOnce && held_bytes_ < kMostHeld; ++taken) {
+    if (!socket_.Receive(&part_))
+      return true;
+    last_message_ = Clock::now();
+    connections->NoteMessage(zmq_msg_get(&part_, ZMQ_SRCFD));
+    held_bytes_ += kHeldOverhead + zmq_msg_size(&part_);
+    zmq_msg_init(&held_.emplace_back());
+    zmq_msg_move(&held_.back(), &part_);
+  }
+  if (held_bytes_ >= kMostHeld) {
+    const auto full = Clock::now();
+    while (!held_.empty() && TakeWaiting()) {
+    }
+    *start += Clock::now() - full;
+  }
+  return false;
 }
 
 void Collector::TakeMessage() {
   ++messages_;
-  if (connections_)
-    connections_->NoteMessage(zmq_msg_get(&part_, ZMQ_SRCFD));
   if (zmq_msg_more(&part_)) {
     SkipParts();
     stats_.CountMultiPart();
@@ -180,7 +215,7 @@ void Collector::TakeMessage() {
 /// libzmq hands over whole messages, so the further parts have arrived.
 void Collector::SkipParts() {
   while (zmq_msg_more(&part_)) {
-    if (!socket_.Receive(&part_))
+    if (!NextPart())
       return;
   }
 }

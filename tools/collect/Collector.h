@@ -9,8 +9,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,7 +60,9 @@ class Collector {
   bool OutputEnds();
   bool TimedOut() const;
   bool TakeWaiting();
+  bool NextPart();
   void Drain();
+  bool HoldWaiting(Connections* connections, Clock::time_point* start);
   void TakeMessage();
   void SkipParts();
   void TakeEvent();
@@ -77,12 +79,13 @@ class Collector {
   // Without a gate: bound at the end to hold up new clients.
   ZmqSocket unanswered_;
   PullSocket socket_;
-  std::optional<Connections> connections_;  // while they are ended
   std::unique_ptr<Metrics> metrics_;
   EventSink sink_;
   std::vector<std::string> bound_;
   std::unique_ptr<StatsPrinter> printer_;
   zmq_msg_t part_;
+  std::deque<zmq_msg_t> held_;  // received at the end, not yet written
+  std::size_t held_bytes_ = 0;
   std::uint64_t events_ = 0;
   std::uint64_t messages_ = 0;
   std::uint64_t bad_ = 0;
