@@ -9,6 +9,7 @@ import os
 import random
 import re
 import resource
+import shutil
 import signal
 import socket
 import struct
@@ -227,6 +228,75 @@ class CollectOutputTest(CliTest):
                          ["C%d" % number for number in range(60)])
         self.assertGreater(len(names()), 2)
 
+    def test_file_that_was_moved_or_removed_is_opened_anew_at_once(self):
+        collector = self.collect("--output", "events")
+        agent = self.agent(collector.endpoint)
+
+        def send(uid):
+            agent.send(make_event(uid=uid))
+            wait_for(lambda: os.path.exists("events") and uid.decode() in read_file("events"),
+                     "the event in the new file")
+        send(b"C0")
+        os.rename("events", "shipped")
+        wait_for(lambda: os.path.exists("events"), "the new file without an event")
+        send(b"C1")
+        os.remove("events")
+        send(b"C2")
+        os.rename("events", "shipped2")
+        wait_for(lambda: os.path.exists("events"), "the new file")
+        write_file("another", "of somebody else")
+        os.rename("another", "events")
+        send(b"C3")
+        self.assertIn("C0", read_file("shipped"))
+        self.assertIn("C2", read_file("shipped2"))
+        self.assertIn("of somebody else", [read_file(name) for name in glob.glob("events.*")])
+        self.assertEqual(
+            collector.stderr.count("events: was moved or removed, opened anew\n"), 4)
+
+    def test_hangup_signal_opens_a_moved_file_anew(self):
+        collector = self.collect("--output", "events")
+        os.rename("events", "shipped")
+        collector.popen.send_signal(signal.SIGHUP)
+        wait_for(lambda: os.path.exists("events"), "the new file")
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+
+    def test_hangup_signal_ends_a_collector_without_a_file_cleanly(self):
+        collector = self.collect()
+        self.agent(collector.endpoint).send(make_event())
+        wait_for(collector.lines, "the event")
+        collector.popen.send_signal(signal.SIGHUP)
+        self.assertEqual(collector.wait(), 0)
+        self.assertEqual(totals(collector)["events"], 1)
+
+    def test_file_at_its_largest_size_is_left_when_it_is_moved(self):
+        limit = 10000
+        collector = self.collect(
+            "--output", "events", "--format", "raw",
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
+        events = [make_event(uid=b"C%d" % number, details=b"x" * 300) for number in range(40)]
+        agent = self.agent(collector.endpoint)
+        for event in events:
+            agent.send(event)
+        wait_for(lambda: "File too large; receiving pauses" in collector.stderr, "the stall")
+        os.rename("events", "shipped")
+        shipped = unframed(read_file("shipped", "rb"))
+        wait_for(lambda: os.path.exists("events") and
+                 shipped + unframed(read_file("events", "rb")) == events, "the other events")
+
+    def test_events_wait_for_a_removed_folder(self):
+        os.mkdir("folder")
+        collector = self.collect("--output", "folder/events")
+        shutil.rmtree("folder")
+        agent = self.agent(collector.endpoint)
+        agent.send(make_event(uid=b"C1"))
+        wait_for(lambda: "cannot write the output: No such file or directory; receiving pauses"
+                 in collector.stderr, "the stall")
+        os.mkdir("folder")
+        wait_for(lambda: os.path.exists("folder/events") and "C1" in read_file("folder/events"),
+                 "the event")
+
+
 class CollectUsageTest(CliTest):
     def test_wrong_values_are_status_two_with_a_hint(self):
         collect = ["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "x"]
@@ -444,11 +514,6 @@ class CollectAllowTest(CliTest):
         wait_for(lambda: len(collector.lines()) == 3, "the late client's event")
         client.send(make_event(uid=b"still"))
         wait_for(lambda: len(collector.lines()) == 4, "the event of the old connection")
-
-    def test_without_a_list_the_hangup_signal_ends_it_as_ever(self):
-        collector = self.collect()
-        collector.popen.send_signal(signal.SIGHUP)
-        self.assertEqual(collector.wait(), -signal.SIGHUP)
 
     def test_errors_in_the_list_are_told_by_line_before_anything_is_bound(self):
         self.keygen()

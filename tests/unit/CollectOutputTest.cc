@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -272,6 +273,48 @@ TEST_F(CollectOutputTest, FileThatCannotBeMovedIsWrittenOn) {
   ASSERT_EQ(file.Append("second"), 6u);
   EXPECT_EQ(test::read_file("elsewhere"), "first second");
   EXPECT_EQ(file.size(), 12u);
+}
+
+TEST_F(CollectOutputTest, LinkThatLeadsElsewhereIsFollowedWhenItIsOpenedAnew) {
+  std::filesystem::create_directory("old");
+  std::filesystem::create_directory("new");
+  ASSERT_EQ(symlink("old/events", "out"), 0);
+  RotatingFile file("out", 0, true);
+  ASSERT_EQ(file.Append("1"), 1u);
+  EXPECT_TRUE(file.IsInPlace());
+  std::filesystem::remove("out");
+  ASSERT_EQ(symlink("new/events", "out"), 0);
+  EXPECT_FALSE(file.IsInPlace());
+  ASSERT_EQ(file.Reopen(), "");
+  EXPECT_TRUE(file.IsInPlace());
+  ASSERT_EQ(file.Append("2"), 1u);
+  ASSERT_EQ(file.Rotate(), "");
+  ASSERT_EQ(file.Append("3"), 1u);
+  EXPECT_EQ(test::read_file("old/events"), "1");
+  EXPECT_EQ(test::read_file("new/events.000001"), "2");
+  EXPECT_EQ(test::read_file("new/events"), "3");
+}
+
+TEST_F(CollectOutputTest, FileThatCannotBeOpenedAnewStaysInUse) {
+  RotatingFile file("out", 0, true);
+  for (const std::string obstacle : {"pipe", "folder", "lock"}) {
+    ASSERT_EQ(std::rename("out", "moved"), 0);
+    std::unique_ptr<RotatingFile> other;
+    if (obstacle == "pipe") {
+      ASSERT_EQ(mkfifo("out", 0600), 0);
+    } else if (obstacle == "folder") {
+      std::filesystem::create_directory("out");
+    } else {
+      other = std::make_unique<RotatingFile>("out", 0, true);
+    }
+    EXPECT_NE(file.Reopen(), "") << obstacle;
+    EXPECT_FALSE(file.IsRemoved());
+    ASSERT_EQ(file.Append("x"), 1u);
+    std::filesystem::remove("out");
+    ASSERT_EQ(std::rename("moved", "out"), 0);
+  }
+  EXPECT_TRUE(file.IsInPlace());
+  EXPECT_EQ(test::read_file("out"), "xxx");
 }
 
 TEST_F(CollectOutputTest, TornEventIsCutOff) {

@@ -41,7 +41,9 @@ constexpr const char* kFooter =
     "\n"
     "--output: the current file has the name given; finished files are FILE.000001 (the oldest),\n"
     "FILE.000002 and so on. A run never appends to the file of a former run, it moves it aside.\n"
-    "No event is split between files. Data is written at once, but not forced to disk.\n"
+    "No event is split between files. Data is written at once, but not forced to disk. When the\n"
+    "file was moved or removed, the collector opens a new one and reports that; SIGHUP is not\n"
+    "necessary.\n"
     "\n"
     "--allow: one public key per line, 64 hexadecimal digits of either case; '#' starts a "
     "comment.\n"
@@ -59,7 +61,9 @@ void warn_if_readable_by_others(const std::string& file) {
 
 int collect(const CollectOptions& options) {
   catch_stop_signals();
-  if (!options.allow_file.empty())
+  if (options.sink.path.empty() && options.allow_file.empty())
+    catch_hangup_as_stop();
+  else
     catch_reload_signal();
   warn_if_readable_by_others(options.secret_key_file);
   return Collector(options).Run();

@@ -91,7 +91,7 @@ void EventSink::RotateIfFull(std::size_t next) {
   if (!IsFull(next))
     return;
   Flush();
-  if (failed())
+  if (failed() || !IsFull(next))
     return;
   const std::string problem = file_->Rotate();
   rotate_at_ = options_.rotate_size;
@@ -105,6 +105,7 @@ void EventSink::RotateIfFull(std::size_t next) {
 
 void EventSink::Flush() {
   const auto start = Clock::now();
+  FollowPath();
   int error = 0;
   while (!failed() && (error = WriteOut()) != 0)
     WaitAfter(error);
@@ -124,10 +125,28 @@ std::string EventSink::full_problem() const {
   return options_.path + ": less than " + std::to_string(kReserve >> 20) + " MiB are free";
 }
 
+/// Opens a new file when the open one was moved or removed.
+void EventSink::FollowPath() {
+  if (!file_ || file_->IsInPlace()) {
+    out_of_place_ = false;
+    return;
+  }
+  const std::string problem = file_->Reopen();
+  if (problem.empty()) {
+    std::fprintf(stderr, "%s: was moved or removed, opened anew\n", options_.path.c_str());
+    rotate_at_ = options_.rotate_size;
+  } else if (!out_of_place_ && !file_->IsRemoved()) {
+    std::fprintf(stderr, "warning: %s; the moved file stays in use\n", problem.c_str());
+  }
+  out_of_place_ = !problem.empty();
+}
+
 /// Returns 0, or the errno of a failure; what was not written then stays in the buffer.
 int EventSink::WriteOut() {
   if (buffer_.empty())
     return 0;
+  if (out_of_place_ && file_->IsRemoved())
+    return ENOENT;
   const std::size_t written =
       file_ ? file_->Append(buffer_) : write_patiently(STDOUT_FILENO, buffer_);
   if (written == buffer_.size()) {
@@ -163,6 +182,7 @@ void EventSink::WaitAfter(int error) {
   NoteOutput();
   if (error != EAGAIN)  // else the time has passed already
     poll(nullptr, 0, kPatienceMs);
+  FollowPath();
 }
 
 void EventSink::Fail(int error) {

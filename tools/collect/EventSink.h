@@ -62,6 +62,7 @@ class EventSink {
   std::string_view Formatted(const EventMessage& event, std::string_view raw);
   bool IsFull(std::size_t next) const;
   void RotateIfFull(std::size_t next);
+  void FollowPath();
   int WriteOut();
   void Drop(std::size_t bytes);
   void WaitAfter(int error);
@@ -78,7 +79,8 @@ class EventSink {
   std::uint64_t written_bytes_ = 0;
   std::uint64_t lost_events_ = 0;
   bool stalled_ = false;
-  int last_waits_ = 0;  // after a stop signal, without progress
+  bool out_of_place_ = false;  // the open file, and its path cannot be opened
+  int last_waits_ = 0;         // after a stop signal, without progress
   std::string problem_;
 };
 

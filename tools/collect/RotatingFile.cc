@@ -60,38 +60,77 @@ std::vector<std::uint64_t> finished_numbers(const std::string& path) {
 }  // namespace
 
 RotatingFile::RotatingFile(const std::string& path, std::uint64_t keep, bool rotating)
-    : path_(path), keep_(keep) {
-  descriptor_.Reset(open_retrying(path_, O_WRONLY | O_CREAT | O_APPEND));
+    : given_path_(path), keep_(keep), rotating_(rotating) {
+  const std::string problem = Open();
+  if (!problem.empty())
+    throw std::runtime_error(problem);
+}
+
+/// Returns why the path cannot be the output; empty on success. After a failure nothing has
+/// changed.
+std::string RotatingFile::Open() {
+  FileDescriptor fresh(open_retrying(given_path_, O_WRONLY | O_CREAT | O_APPEND));
   struct stat status;
-  if (descriptor_.get() < 0 || fstat(descriptor_.get(), &status) != 0)
-    throw std::runtime_error(path_ + ": cannot open the output: " + std::strerror(errno));
-  regular_ = S_ISREG(status.st_mode);
-  if (!regular_) {
-    if (rotating)
-      throw std::runtime_error(path_ + ": only a regular file can be rotated");
-    return;
-  }
+  if (fresh.get() < 0 || fstat(fresh.get(), &status) != 0)
+    return given_path_ + ": cannot open the output: " + std::strerror(errno);
+  const bool regular = S_ISREG(status.st_mode);
+  if (!regular && rotating_)
+    return given_path_ + ": only a regular file can be rotated";
+  if (regular && flock(fresh.get(), LOCK_EX | LOCK_NB) != 0)
+    return given_path_ + ": " +
+           (errno == EWOULDBLOCK ? "in use by another collector"
+                                 : std::string("cannot lock the output: ") + std::strerror(errno));
+  descriptor_.Reset(fresh.Release());
+  regular_ = regular;
+  size_ = 0;
+  last_append_ = 0;
+  path_ = given_path_;
+  if (!regular_)
+    return "";
   if (std::filesystem::is_symlink(path_))
     path_ = std::filesystem::canonical(path_).string();
-  if (flock(descriptor_.get(), LOCK_EX | LOCK_NB) != 0)
-    throw std::runtime_error(
-        path_ + ": " +
-        (errno == EWOULDBLOCK ? "in use by another collector"
-                              : std::string("cannot lock the output: ") + std::strerror(errno)));
   const std::vector<std::uint64_t> numbers = finished_numbers(path_);
   SkipNumbers(numbers);
   if (keep_ > 0)
     kept_.assign(numbers.begin(), numbers.end());
+  return "";
 }
 
 void RotatingFile::Begin() {
-  struct stat status;
-  if (!regular_ || (fstat(descriptor_.get(), &status) == 0 && status.st_size == 0))
+  if (!regular_ || IsEmpty())
     return;
   const std::string problem = Rotate();
   if (!problem.empty())
     throw std::runtime_error(problem);
   finished_ = 0;
+}
+
+bool RotatingFile::IsEmpty() const {
+  struct stat status;
+  return fstat(descriptor_.get(), &status) == 0 && status.st_size == 0;
+}
+
+bool RotatingFile::IsInPlace() const {
+  struct stat open_file;
+  struct stat at_path;
+  return !regular_ || fstat(descriptor_.get(), &open_file) != 0 ||
+         (stat(given_path_.c_str(), &at_path) == 0 && at_path.st_dev == open_file.st_dev &&
+          at_path.st_ino == open_file.st_ino);
+}
+
+bool RotatingFile::IsRemoved() const {
+  struct stat status;
+  return regular_ && fstat(descriptor_.get(), &status) == 0 && status.st_nlink == 0;
+}
+
+std::string RotatingFile::Reopen() {
+  struct stat at_path;
+  if (stat(given_path_.c_str(), &at_path) == 0 && !S_ISREG(at_path.st_mode))
+    return given_path_ + ": is not a regular file any more";
+  const std::string problem = Open();
+  if (problem.empty() && !IsEmpty())
+    Rotate();
+  return problem;
 }
 
 std::size_t RotatingFile::Append(std::string_view bytes) {

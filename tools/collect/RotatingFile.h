@@ -32,6 +32,16 @@ class RotatingFile {
   /// std::runtime_error when that is not possible.
   void Begin();
 
+  /// Whether the path still leads to the open file. Always so for a pipe or a device.
+  bool IsInPlace() const;
+
+  /// Whether the open file has no name any more: what is appended cannot be found.
+  bool IsRemoved() const;
+
+  /// Opens the path anew, and moves aside a file that is there. Returns why that is not possible,
+  /// and then keeps the open file; empty on success.
+  std::string Reopen();
+
   /// Returns how many bytes were appended; after a failure these are fewer, and errno is set.
   std::size_t Append(std::string_view bytes);
 
@@ -51,13 +61,17 @@ class RotatingFile {
   std::uint64_t finished() const { return finished_; }
 
  private:
+  std::string Open();
+  bool IsEmpty() const;
   bool MoveAside();
   bool MoveToNext();
   void SkipNumbers(const std::vector<std::uint64_t>& numbers);
   void RemoveOldest();
 
-  std::string path_;
+  const std::string given_path_;
   const std::uint64_t keep_;
+  const bool rotating_;
+  std::string path_;  // of the file that a symbolic link leads to
   FileDescriptor descriptor_;
   bool regular_ = true;
   std::uint64_t size_ = 0;

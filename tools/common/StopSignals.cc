@@ -28,6 +28,12 @@ void handle(int signal, void (*handler)(int), int flags = 0) {
   sigaction(signal, &action, nullptr);
 }
 
+void handle_hangup(int flags = 0) {
+  struct sigaction before;
+  if (sigaction(SIGHUP, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+    handle(SIGHUP, request_stop, flags);
+}
+
 }  // namespace
 
 void catch_stop_signals() {
@@ -35,12 +41,14 @@ void catch_stop_signals() {
     handle(signal, request_stop, SA_RESETHAND);
 }
 
+void catch_hangup_as_stop() {
+  handle_hangup(SA_RESETHAND);
+}
+
 void count_stop_signals() {
   for (const int signal : {SIGINT, SIGTERM})
     handle(signal, request_stop);
-  struct sigaction hangup;
-  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN)
-    handle(SIGHUP, request_stop);
+  handle_hangup();
 }
 
 int stop_signals() {

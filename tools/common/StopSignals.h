@@ -9,6 +9,9 @@ namespace zmqwriter {
 /// once. Main thread, before others exist.
 void catch_stop_signals();
 
+/// The same for SIGHUP, unless it is ignored.
+void catch_hangup_as_stop();
+
 /// Makes SIGINT, SIGTERM and, unless it is ignored, SIGHUP requests to stop, of which none ends the
 /// process. Main thread, before others exist.
 void count_stop_signals();
