@@ -23,12 +23,14 @@ constexpr int kMostAtOnce = 1000;
 // Bad messages beyond these are counted only.
 constexpr std::uint64_t kReportedBadMessages = 10;
 // The end after a stop signal or a time-out. Connections that are never silent are ended after
-// kLongestLoad. Clients that have not closed theirs are left behind when nothing has come for
-// kLongestQuiet, or after kLongestDrain. What libzmq's thread had read from them has come when
-// nothing has come for kSettledMs. Messages wait in memory until then, or until there are kMostHeld
-// bytes.
+// kLongestLoad, and those on which something always waits, because clients are faster than this
+// collector, after kLongestOverload. Clients that have not closed theirs are left behind when
+// nothing has come for kLongestQuiet, or after kLongestDrain. What libzmq's thread had read from
+// them has come when nothing has come for kSettledMs. Messages wait in memory until then, or until
+// there are kMostHeld bytes.
 constexpr int kLookMs = 2;
 constexpr auto kLongestLoad = std::chrono::milliseconds(250);
+constexpr auto kLongestOverload = std::chrono::seconds(1);
 constexpr auto kLongestQuiet = std::chrono::seconds(2);
 constexpr auto kLongestDrain = std::chrono::seconds(20);
 constexpr int kSettledMs = 100;
@@ -164,8 +166,10 @@ void Collector::Drain() {
   while (!Done() && connections.any() && Clock::now() < start + kLongestDrain &&
          Clock::now() < last_message_ + kLongestQuiet) {
     socket_.Wait(kLookMs);
-    if (HoldWaiting(&connections, &start))
-      connections.EndSilent(Clock::now() > start + kLongestLoad);
+    const bool all = HoldWaiting(&connections, &start);
+    const auto time = Clock::now() - start;
+    if (all || time > kLongestOverload)
+      connections.EndSilent(time > kLongestLoad, time > kLongestOverload);
   }
   for (const std::string& endpoint : bound_)
     socket_.Unbind(endpoint);

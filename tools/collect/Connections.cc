@@ -91,7 +91,7 @@ void Connections::NoteMessage(int descriptor) {
 }
 
 /// When both sides of a connection are ended, libzmq may give up what waits to be received.
-void Connections::EndSilent(bool all) {
+void Connections::EndSilent(bool all, bool forced) {
   const auto now = Clock::now();
   for (auto each = open_.begin(); each != open_.end();) {
     const auto& [descriptor, connection] = *each;
@@ -99,7 +99,7 @@ void Connections::EndSilent(bool all) {
       each = open_.erase(each);
       continue;
     }
-    if ((all || now >= connection.end_at) && !has_input(descriptor))
+    if (forced || ((all || now >= connection.end_at) && !has_input(descriptor)))
       shutdown(descriptor, SHUT_WR);
     ++each;
   }

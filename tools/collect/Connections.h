@@ -29,9 +29,10 @@ class Connections {
   /// A message has come from this descriptor (ZMQ_SRCFD; -1 if that is not known).
   void NoteMessage(int descriptor);
 
-  /// Ends the sending side of those that are silent, or of `all` on which nothing waits to be
-  /// received. Forgets those that libzmq has closed. To be called every few milliseconds.
-  void EndSilent(bool all);
+  /// Ends the sending side of those that are silent, or of `all`, but not while something waits to
+  /// be received, unless `forced`. Forgets those that libzmq has closed. To be called every few
+  /// milliseconds.
+  void EndSilent(bool all, bool forced);
 
  private:
   using Clock = std::chrono::steady_clock;
