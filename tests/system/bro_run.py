@@ -1,18 +1,23 @@
 """Runs our scripts over a model of the host.
 
-The scripts, whose form bro_scripts.py has checked, are translated to Python statement by statement.
-`Host` has what they use of the host, and behaves as it does where order matters: Log::write hands
-the record itself to the filters' path functions at once, and copies it for a writer; events wait
-until the host has finished what it is doing; timers wait for the network time to go on. A record
-that a stream gets twice is sent twice.
+bro_scripts.py translates them to Python. `Host` has what they use of the host, and behaves as it
+does where order matters: Log::write hands the record itself to the filters' path functions at once,
+and copies it for a writer; events wait until the host has finished what it is doing; timers wait
+for the network time to go on. A record that a stream gets twice is sent twice. Records must have
+the fields of their types.
+
+    bro_run.py SCRIPTS_DIR STUB HOST_DECLARATIONS FOLDER
+
+writes the columns of the log streams into FOLDER as logs without records: of the streams that our
+scripts make, e.g. ours-http.log, and of those that the host makes, e.g. host-http.log.
 """
 
 import copy
+import os
 import re
+import sys
 
-OPERATORS = {"!": " not ", "&&": " and ", "||": " or ", "in": " in ", "!in": " not in ",
-             "T": "True", "F": "False", "vector": "Vector", "set": "Set", "table": "Set"}
-UNITS = {"sec": 1, "min": 60, "hr": 3600, "day": 86400}
+import bro_scripts
 
 
 class Record:
@@ -54,118 +59,15 @@ TYPE_NAMES = [(bool, "bool"), (Time, "time"), (Port, "port"), (float, "double"),
               (Record, "record { }")]
 
 
-class Translator:
-    def __init__(self, program, module, tokens, local_names=()):
-        self.program, self.module = program, module
-        self.tokens, self.at = tokens, 0
-        self.locals = set(local_names)
-        self.lines = []
-
-    @property
-    def word(self):
-        return self.tokens[self.at][1]
-
-    def next(self):
-        self.at += 1
-        return self.tokens[self.at - 1][1]
-
-    def expression(self, *ends):
-        """Up to one of these words, which it skips; gives the Python text."""
-        out, closing = [], []
-        while self.at < len(self.tokens) and (closing or self.word not in ends):
-            kind, word, _ = self.tokens[self.at]
-            self.at += 1
-            if kind == "pattern":
-                out.append("re.compile(%r)" % word[1:-1])
-            elif kind == "number":
-                number, unit = re.fullmatch(r"([\d.]+) ?(\w*?)s?", word).groups()
-                out.append(str(float(number) * UNITS[unit]) if unit else number)
-            elif kind == "string":
-                out.append(word)
-            elif word == "?$":
-                out.append(".has(%r)" % self.next())
-            elif word == "$":
-                out.append(self.next() if out[-1] in ("Record(", ", ") else "." + self.next())
-            elif word == "|" and closing[-1:] != ["|"]:
-                out.append("len(")
-                closing.append("|")
-            elif word in "([{":
-                begin = {"(": "(", "[": "[", "{": "Set("}[word]
-                record = word == "[" and self.word == "$"
-                out.append("Record(" if record else begin)
-                closing.append("]" if begin == "[" and not record else ")")
-            elif word in "|)]}":
-                out.append(closing.pop().replace("|", ")"))
-            elif word == ",":
-                out.append(", ")
-            elif word in OPERATORS:
-                out.append(OPERATORS[word])
-            elif kind == "name" and word not in self.locals:
-                full = self.module + "::" + word
-                out.append("names[%r]" % (full if full in self.program.names else word))
-            else:
-                out.append(word)
-        self.end = self.next() if ends else ""
-        return "".join(out)
-
-    def names_until(self, *ends):
-        found = []
-        while self.word not in ends:
-            if self.tokens[self.at][0] == "name":
-                found.append(self.word)
-            self.at += 1
-        return found
-
-    def statement(self, depth):
-        def line(text):
-            self.lines.append("    " * depth + text)
-
-        word = self.next()
-        if word == "{":
-            line("pass")
-            while self.word != "}":
-                self.statement(depth)
-            self.next()
-        elif word == "local":
-            name = self.names_until("=", ";")[0]
-            self.locals.add(name)
-            if self.next() == "=":
-                line("%s = %s" % (name, self.expression(";")))
-        elif word == "if":
-            self.next()
-            line("if %s:" % self.expression(")"))
-            self.statement(depth + 1)
-            if self.word == "else":
-                self.next()
-                line("else:")
-                self.statement(depth + 1)
-        elif word == "for":
-            names = self.names_until("in")
-            self.locals.update(names)
-            self.next()
-            line("for %s in each(%s):" % (", ".join(names), self.expression(")")))
-            self.statement(depth + 1)
-        elif word in ("next", "break"):
-            line({"next": "continue"}.get(word, word))
-            self.next()
-        elif word == "return":
-            line("return " + self.expression(";"))
-        elif word == "print":
-            self.expression(";")
-        elif word == "add":
-            line(self.expression(";") + " = True")
-        elif word == "delete":
-            line("del " + self.expression(";"))
-        elif word == "event":
-            line("host.queue.append(lambda: %s)" % self.expression(";"))
-        elif word == "schedule":
-            line("host.timers.append((host.now + %s, lambda: %s))" %
-                 (self.expression("{"), self.expression("}")))
-            self.next()
-        else:
-            self.at -= 1
-            target = self.expression(";", "=")
-            line(target + (" = " + self.expression(";") if self.end == "=" else ""))
+def fits(type_, value):
+    """The value, whose fields are those of the record type, if both are records."""
+    if type_ and type_.kind == "record" and isinstance(value, Record):
+        unknown = set(vars(value)) - set(type_.fields)
+        assert not unknown, "there is no field %s" % unknown
+        for name, field in type_.fields.items():
+            assert value.has(name) or not field.needed, "field %s is not given" % name
+            fits(field.type, vars(value).get(name))
+    return value
 
 
 def each(container):
@@ -183,6 +85,7 @@ class Host:
         self.sent = []   # (stream, record) of what reaches the writer
         self.asked = []  # connections whose owner was asked for
         self.streams = {}
+        self.columns = {}  # stream of the scripts -> (path, record type)
         self.handlers = {"bro_init": [(4.9, lambda: self.create(streams)),
                                       (0, lambda: [self.write(*one) for one in early]),
                                       (-5, lambda: self.create(late_streams))]}
@@ -191,33 +94,32 @@ class Host:
         self.scope = {"names": self.names, "host": self, "Record": Record,
                       "Vector": lambda *elements: Vector(elements),
                       "Set": lambda *elements: dict.fromkeys(elements, True),
-                      "re": re, "each": each}
-        for name, module, tokens in program.initial:
-            text = Translator(program, module, tokens).expression()
+                      "re": re, "each": each, "fits": fits, "print": lambda text: None}
+        for name, text in program.initial:
             value = eval(text, self.scope)
             if isinstance(value, dict):
                 self.names[name].update(value)
             else:
                 self.names[name] = value
         for body in program.bodies:
-            self.define(program, body)
+            self.define(*body)
         self.event("bro_init")
         self.run()
 
     def first_value(self, name, found):
         if found.kind == "event":
             return lambda *arguments: self.event(name, *arguments)
+        if found.kind == "type":
+            return found.type
         return {} if found.type and found.type.kind in ("set", "table") else name
 
-    def define(self, program, body):
-        translator = Translator(program, body.module, body.tokens, body.parameters)
-        translator.statement(1)
-        text = "def function(%s):\n%s\n" % (", ".join(body.parameters), "\n".join(translator.lines))
+    def define(self, kind, name, priority, text):
         exec(text, self.scope)
-        if body.kind == "event":
-            self.handlers.setdefault(body.name, []).append((body.priority, self.scope["function"]))
+        function = self.scope["function"]
+        if kind == "event":
+            self.handlers.setdefault(name, []).append((priority, function))
         else:
-            self.names[body.name] = self.scope["function"]
+            self.names[name] = function
 
     def functions(self):
         return {
@@ -232,27 +134,39 @@ class Host:
             "port_to_count": int,
             "get_port_transport_proto": lambda port: port.protocol,
             "Log::active_streams": self.streams,
-            "Log::create_stream": lambda stream, record: self.create([stream]),
+            "Log::create_stream": self.create_stream,
             "Log::remove_default_filter": lambda stream: self.remove_filter(stream, "default"),
             "Log::remove_filter": self.remove_filter,
-            "Log::add_filter": lambda stream, filter_: self.streams[stream].append(filter_),
+            "Log::add_filter": self.add_filter,
             "Log::get_filter": lambda stream, name: next(
                 (filter_ for filter_ in self.streams[stream] if filter_.name == name),
                 Record(name="<not found>")),
             "Log::write": self.write,
             "LogZMQ::__detect_user": self.detect_user,
-            "LogZMQ::__get_system_stats": lambda: Record(cpu_usage=0.5),
+            "LogZMQ::__get_system_stats": lambda: Record(
+                **dict.fromkeys(self.names["system_stats"].fields, 0)),
         }
 
     def create(self, streams):
         for stream in streams:
             self.streams[stream] = [Record(name="default", writer="Log::WRITER_ASCII", interv=0)]
 
+    def create_stream(self, stream, record):
+        fits(self.names["Log::Stream"], record)
+        self.create([stream])
+        self.columns[stream] = record.path, record.columns
+
+    def add_filter(self, stream, filter_):
+        """Of ours, none may rotate."""
+        assert fits(self.names["Log::Filter"], filter_).interv == 0
+        self.streams[stream].append(filter_)
+
     def remove_filter(self, stream, name):
         self.streams[stream][:] = [filter_ for filter_ in self.streams[stream]
                                    if filter_.name != name]
 
     def write(self, stream, record):
+        fits(self.columns.get(stream, ("", None))[1], record)
         for filter_ in self.streams[stream]:
             if filter_.has("path_func"):
                 path = stream.split("::")[0].lower()
@@ -281,3 +195,29 @@ class Host:
             self.timers.remove(due)
             due[1]()
             self.run()
+
+
+def flatten(record, prefix=""):
+    """(column, type) of each logged field."""
+    for name, field in record.fields.items():
+        if field.log and field.type.kind == "record":
+            yield from flatten(field.type, prefix + name + ".")
+        elif field.log:
+            yield prefix + name, field.type.log_name()
+
+
+def main(scripts, stub, host_declarations, folder):
+    program = bro_scripts.Program(scripts, stub, host_declarations)
+    host_logs = ["Conn", "FTP", "HTTP", "SMTP"]
+    host = Host(program, [log + "::LOG" for log in host_logs])
+    logs = [("ours", path, record) for path, record in host.columns.values()]
+    logs += [("host", log.lower(), program.names[log + "::Info"].type) for log in host_logs]
+    for whose, path, record in logs:
+        names, types = zip(*flatten(record))
+        with open(os.path.join(folder, "%s-%s.log" % (whose, path)), "w") as file:
+            print("#separator \\x09", "#path\t" + path, "\t".join(("#fields",) + names),
+                  "\t".join(("#types",) + types), sep="\n", file=file)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])

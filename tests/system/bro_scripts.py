@@ -1,21 +1,13 @@
-"""Reads the subset of Bro's script language that our scripts use, and checks it.
+"""Reads the subset of Bro's script language that our scripts use, and translates it to Python.
 
 There is no host on our machines, so this stands in for its parser: it refuses what is not well
 formed, names that nobody declared before (the host's own names stand in
-tests/data/host-declarations.bro), names of another module that are not exported, fields that a
-record does not have, and records that lack a field they need. `parse` gives a Program, whose
-`streams` tell what each log stream of ours looks like.
-
-    bro_scripts.py SCRIPTS_DIR STUB HOST_DECLARATIONS             checks; says what is wrong
-    bro_scripts.py --columns SCRIPTS_DIR STUB HOST_DECLARATIONS
-
-The latter prints what log streams look like, one column per line with tabs between: whose stream
-("ours" or "host"), path, column, type, and the value where it is always the same text.
+tests/data/host-declarations.bro) and names of another module that are not exported. bro_run.py runs
+the translation; fields and arguments are checked there.
 """
 
 import os
 import re
-import sys
 
 TOKEN = re.compile(
     r"""(?P<space>[ \t\r\n]+|\#[^\n]*)
@@ -35,6 +27,9 @@ KEYWORDS = BASE_TYPES | {
     "module", "export", "const", "global", "local", "redef", "type", "enum", "record", "set",
     "table", "vector", "of", "function", "event", "if", "else", "for", "in", "return", "next",
     "break", "print", "delete", "add", "schedule", "T", "F"}
+PYTHON = {"!": "not", "&&": "and", "||": "or", "!in": "not in", "T": "True", "F": "False",
+          "vector": "Vector", "set": "Set", "table": "Set"}
+UNITS = {"usec": 1e-6, "msec": 1e-3, "sec": 1, "min": 60, "hr": 3600, "day": 86400}
 
 
 class ScriptError(Exception):
@@ -42,15 +37,13 @@ class ScriptError(Exception):
 
 
 class Type:
-    def __init__(self, kind, name="", fields=None, element=None, parameters=None, index=None):
+    def __init__(self, kind, fields=None, element=None, parameters=None, index=None):
         # A base type, record, enum, set, table, vector, function or event.
         self.kind = kind
-        self.name = name              # of a record or enum
         self.fields = fields or {}    # record: name -> Field
         self.element = element        # of a set or vector; yield of a table; result of a function
         self.parameters = parameters  # function or event: list of (name, Type)
         self.index = index            # set or table: list of Type
-        self.constants = {}           # record: field -> its value in literals, as written
 
     def log_name(self):
         if self.kind == "set":
@@ -58,12 +51,6 @@ class Type:
         if self.kind == "vector":
             return "vector[%s]" % self.element.kind
         return self.kind
-
-
-class Body:
-    def __init__(self, kind, name, priority, module, parameters, tokens):
-        self.kind, self.name, self.priority, self.module = kind, name, priority, module
-        self.parameters, self.tokens = parameters, tokens
 
 
 class Field:
@@ -76,83 +63,46 @@ class Field:
 
 
 class Name:
-    def __init__(self, kind, type_, exported, redefinable=False):
-        self.kind = kind  # const, global, type, enumerator, function, event
+    def __init__(self, kind, type_, exported=True, redefinable=False):
+        self.kind = kind  # const, global, type, enumerator, function or event
         self.type = type_
         self.exported = exported
         self.redefinable = redefinable
 
 
 class Program:
-    def __init__(self):
+    """All of the plug-in's scripts, read in the host's order."""
+
+    def __init__(self, scripts, stub, host_declarations):
         self.names = {}
-        self.streams = {}     # id -> (path, record Type)
-        self.writes = []      # (where, id, Type)
-        self.filters = []     # (where, RecordValue) of every Log::add_filter with a literal
         self.loaded = set()
-        self.bodies = []      # of functions and events, outside of @ifdef
-        self.initial = []     # (full name, tokens) of the values of variables and of redefs
+        self.bodies = []   # (function or event, name, priority, Python) outside of @ifdef
+        self.initial = []  # (name, Python) of the values of variables and of redefs
+        for path in [host_declarations, os.path.join(scripts, "__preload__.bro"), stub,
+                     os.path.join(scripts, "__load__.bro")]:
+            self.load(path)
+        for folder, _, names in sorted(os.walk(scripts)):
+            for name in sorted(names):
+                self.load(os.path.join(folder, name))
 
-    def columns(self):
-        for path, record in self.streams.values():
-            for name, type_ in flatten(record):
-                value = record.constants.get(name, "")
-                yield "ours", path, name, type_, value.strip('"') if value.startswith('"') else ""
-        for module in ("Conn", "FTP", "HTTP", "SMTP"):
-            for name, type_ in flatten(self.names[module + "::Info"].type):
-                yield "host", module.lower(), name, type_, ""
-
-    def check_writes(self):
-        for where, stream, what in self.writes:
-            if stream not in self.streams:
-                raise ScriptError("%s: %s is written, but nobody creates it" % (where, stream))
-            record = self.streams[stream][1]
-            if isinstance(what, RecordValue):
-                check_fields(where, record, set(what.given))
-                record.constants.update(what.constants)
-            elif what is not record:
-                raise ScriptError("%s: %s has other columns" % (where, stream))
+    def load(self, path):
+        path = os.path.normpath(path)
+        if path not in self.loaded:
+            self.loaded.add(path)
+            with open(path) as file:
+                Reader(self, path, file.read()).read()
 
 
-def flatten(record, prefix="", all_logged=False):
-    for name, field in record.fields.items():
-        if not (field.log or all_logged):
-            continue
-        if field.type.kind == "record":
-            yield from flatten(field.type, prefix + name + ".")
-        else:
-            yield prefix + name, field.type.log_name()
-
-
-def check_fields(where, record, given):
-    unknown = sorted(given - set(record.fields))
-    if unknown:
-        raise ScriptError("%s: %s has no field %s" %
-                          (where, record.name or "the record", unknown[0]))
-    missing = [name for name, field in record.fields.items() if field.needed and name not in given]
-    if missing:
-        raise ScriptError("%s: field %s of %s is not given" % (where, missing[0], record.name))
-
-
-class RecordValue(Type):
-    """The type of a [$a=..., $b=...] expression: not known before it is used."""
-
-    def __init__(self, fields, constants):
-        super().__init__("record literal")
-        self.given = fields
-        self.constants = constants
-
-
-class Parser:
+class Reader:
     def __init__(self, program, path, text):
         self.program, self.path = program, path
         self.tokens = self.tokenize(text)
         self.at = 0
         self.module = ""
         self.exporting = False
-        self.optional_names = set()  # what the enclosing @ifdef asks for
-        self.locals = None
-        self.result = None
+        self.optional_name = None  # what the enclosing @ifdef asks for
+        self.locals = set()
+        self.lines = []            # of the Python function that is being made
 
     # --- tokens ----------------------------------------------------------------------------------
 
@@ -178,16 +128,12 @@ class Parser:
     def word(self):
         return self.tokens[self.at][1]
 
-    def where(self):
-        return "%s:%d" % (self.path, self.tokens[self.at][2])
-
     def fail(self, message):
-        raise ScriptError("%s: %s" % (self.where(), message))
+        raise ScriptError("%s:%d: %s" % (self.path, self.tokens[self.at][2], message))
 
     def next(self):
-        word = self.word
         self.at += 1
-        return word
+        return self.tokens[self.at - 1][1]
 
     def take(self, *words):
         if self.kind not in ("string", "end") and self.word in words:
@@ -198,48 +144,61 @@ class Parser:
         if not self.take(word):
             self.fail("expected '%s', found '%s'" % (word, self.word))
 
+    def listed(self, end, read_one):
+        """What `read_one` gives for each element of a list with commas up to `end`."""
+        found = []
+        while not self.take(end):
+            found.append(read_one())
+            if not self.take(","):
+                self.expect(end)
+                break
+        return found
+
+    # --- names -----------------------------------------------------------------------------------
+
     def new_name(self, scoped=False):
         if self.kind != "name" or self.word in KEYWORDS or ("::" in self.word and not scoped):
             self.fail("expected a name, found '%s'" % self.word)
         return self.next()
 
-    # --- names -----------------------------------------------------------------------------------
-
     def full(self, name):
-        return name if "::" in name or not self.module else self.module + "::" + name
+        own = name if "::" in name or not self.module else self.module + "::" + name
+        return own if own in self.program.names or own == self.optional_name else name
 
     def declare(self, name, kind, type_, redefinable=False):
-        full = self.full(name)
+        full = self.module + "::" + name if self.module else name
         if full in self.program.names:
             self.fail("%s is declared twice" % full)
-        self.program.names[full] = Name(kind, type_, self.exporting or not self.module, redefinable)
+        exported = self.exporting or not self.module
+        self.program.names[full] = Name(kind, type_, exported, redefinable)
         return full
 
     def lookup(self, name):
-        if self.locals is not None and name in self.locals:
-            return Name("local", self.locals[name], True)
-        full = self.full(name) if self.full(name) in self.program.names else name
-        if full in self.optional_names or self.full(name) in self.optional_names:
-            return Name("global", None, True)
-        if full not in self.program.names:
+        full = self.full(name)
+        if full == self.optional_name:
+            return Name("global", None)
+        found = self.program.names.get(full)
+        if not found:
             self.fail("'%s' is not declared" % name)
-        found = self.program.names[full]
-        if "::" in full and not found.exported and full.split("::")[0] != self.module:
+        if not found.exported and full.split("::")[0] != self.module:
             self.fail("'%s' is not exported" % full)
         return found
 
     # --- declarations ----------------------------------------------------------------------------
 
-    def parse(self):
+    def read(self):
         while self.kind != "end":
             self.declaration()
 
     def declaration(self):
         if self.kind == "load":
-            self.load(self.word.split()[1])
-            self.next()
-        elif self.kind == "directive":
-            self.directive()
+            self.load(self.next().split()[1])
+        elif self.take("@ifdef"):
+            self.expect("(")
+            self.optional_name = self.module + "::" + self.new_name()
+            self.expect(")")
+        elif self.optional_name and self.take("@endif"):
+            self.optional_name = None
         elif self.take("module"):
             name = self.new_name()
             self.module = "" if name == "GLOBAL" else name
@@ -251,173 +210,112 @@ class Parser:
                 # The stubs of .bif files name their module in here.
                 self.declaration()
             self.exporting = False
-        elif self.take("const"):
-            self.variable("const")
-        elif self.take("global"):
-            self.variable("global")
+        elif self.word in ("const", "global"):
+            self.variable(self.next())
         elif self.take("redef"):
             self.redefinition()
         elif self.take("type"):
             self.type_declaration()
-        elif self.take("function"):
-            self.function("function")
-        elif self.take("event"):
-            self.function("event")
+        elif self.word in ("function", "event"):
+            self.function(self.next())
         else:
             self.fail("expected a declaration, found '%s'" % self.word)
 
-    def directive(self):
-        directive = self.next()
-        if directive == "@ifdef":
-            self.expect("(")
-            self.optional_names.add(self.full(self.new_name(scoped=True)))
-            self.expect(")")
-        elif directive == "@endif":
-            if not self.optional_names:
-                self.fail("@endif without @ifdef")
-            self.optional_names.clear()
-        else:
-            self.fail("unknown directive '%s'" % directive)
-
     def load(self, target):
-        if not target.startswith("."):
-            if not re.fullmatch(r"base/protocols/(conn|http|ftp|smtp)", target):
-                self.fail("@load %s: no such script" % target)
-            return
-        path = os.path.join(os.path.dirname(self.path), target)
-        if not os.path.isfile(path):
+        if target.startswith("."):
+            self.program.load(os.path.join(os.path.dirname(self.path), target))
+        elif not re.fullmatch(r"base/protocols/(conn|http|ftp|smtp)", target):
             self.fail("@load %s: no such script" % target)
-        load_file(self.program, path)
 
     def variable(self, kind):
-        where = self.where()
         name = self.new_name()
         type_ = self.type() if self.take(":") else None
-        value = None
-        if self.take("="):
-            value = self.initializer(self.full(name), type_)
-        attributes = self.attributes()
+        value = self.take("=")
+        if not value and (kind == "const" or not type_):
+            self.fail("%s has no value" % name)
+        text = self.expression(";", "&redef") if value else ""
+        redefinable = "&redef" in self.attributes()
         self.expect(";")
-        if type_ is None and value is None:
-            raise ScriptError("%s: %s has neither a type nor a value" % (where, name))
-        if kind == "const" and value is None:
-            raise ScriptError("%s: the constant %s has no value" % (where, name))
-        if type_ is not None and type_.kind in ("function", "event"):
+        if type_ and type_.kind in ("function", "event"):
             kind = type_.kind
-        self.declare(name, kind, type_ or value, "&redef" in attributes)
-
-    def initializer(self, full, type_):
-        first = self.at
-        value = type_
-        if self.take("{"):
-            while not self.take("}"):
-                self.expression()
-                if not self.take(","):
-                    self.expect("}")
-                    break
-        else:
-            value = self.expression()
-            self.fits(type_, value)
-        self.program.initial.append((full, self.module, self.tokens[first:self.at]))
-        return value
+        full = self.declare(name, kind, type_, redefinable)
+        if value:
+            self.program.initial.append((full, text))
 
     def redefinition(self):
-        if self.take("enum"):
-            where = self.where()
-            enum = self.lookup(self.new_name(scoped=True))
-            if enum.kind != "type" or enum.type.kind != "enum":
-                raise ScriptError("%s: this is no enum" % where)
-            self.expect("+=")
-            self.enumerators(enum.type)
-            self.expect(";")
-            return
+        enum = self.take("enum")
         name = self.new_name(scoped=True)
         found = self.lookup(name)
-        if not found.redefinable:
-            self.fail("%s is not redefinable" % name)
-        if not self.take("+=", "="):
-            self.fail("expected '=' or '+=', found '%s'" % self.word)
-        full = self.full(name)
-        self.initializer(full if full in self.program.names else name, found.type)
+        if enum:
+            self.expect("+=")
+            self.enumerators(found.type)
+        else:
+            if not found.redefinable:
+                self.fail("%s is not redefinable" % name)
+            if not self.take("="):
+                self.expect("+=")
+            self.program.initial.append((self.full(name), self.expression(";")))
         self.expect(";")
 
     def enumerators(self, enum):
         self.expect("{")
-        while not self.take("}"):
-            self.declare(self.new_name(), "enumerator", enum)
-            if not self.take(","):
-                self.expect("}")
-                break
+        self.listed("}", lambda: self.declare(self.new_name(), "enumerator", enum))
 
     def type_declaration(self):
         name = self.new_name()
         self.expect(":")
         if self.take("enum"):
-            enum = Type("enum", name)
+            enum = Type("enum")
             self.declare(name, "type", enum)
             self.enumerators(enum)
         else:
             type_ = self.type()
-            attributes = self.attributes()
-            if type_.kind == "record":
-                type_.name = self.full(name)
-                if "&log" in attributes:
-                    for field in type_.fields.values():
-                        field.log = True
+            if "&log" in self.attributes():
+                for field in type_.fields.values():
+                    field.log = True
             self.declare(name, "type", type_)
         self.expect(";")
 
     def attributes(self):
-        found = []
+        """Attribute -> Python of its value."""
+        found = {}
         while self.kind == "attribute":
-            found.append(self.next())
-            if self.take("="):
-                self.expression()
+            name = self.next()
+            found[name] = self.expression(";", "{", "&log") if self.take("=") else ""
         return found
 
     def function(self, kind):
-        where = self.where()
         name = self.new_name(scoped=True)
         parameters = self.parameters()
         result = self.type() if self.take(":") else None
-        first = self.at
-        self.attributes()
-        priority = int("".join(word for _, word, _ in self.tokens[first + 2:self.at]) or 0)
-        full = self.full(name)
-        if full not in self.program.names and kind == "event" and "::" not in name:
-            full = name
-        declared = self.program.names.get(full)
-        if declared is None:
-            if kind == "event" or "::" in name:
-                raise ScriptError("%s: '%s' is not declared" % (where, name))
-            self.declare(name, "function", Type("function", parameters=parameters, element=result))
-        else:
-            if declared.kind != kind:
-                raise ScriptError("%s: '%s' is no %s" % (where, name, kind))
-            wanted = [t.kind for _, t in declared.type.parameters]
-            if [t.kind for _, t in parameters] != wanted:
-                raise ScriptError("%s: '%s' takes other arguments" % (where, name))
-        self.locals = dict(parameters)
-        self.result = result
-        first = self.at
-        self.block()
-        self.locals = None
-        if not self.optional_names:
-            self.program.bodies.append(Body(kind, full, priority, self.module,
-                                            [name for name, _ in parameters],
-                                            self.tokens[first:self.at]))
+        priority = int(self.attributes().get("&priority", "0").replace(" ", ""))
+        declared = self.program.names.get(self.full(name))
+        if not declared and kind == "event":
+            self.fail("'%s' is not declared" % name)
+        if not declared:
+            self.declare(name, kind, Type(kind, parameters=parameters, element=result))
+        elif (declared.kind, [t.kind for _, t in declared.type.parameters]) != (
+                kind, [t.kind for _, t in parameters]):
+            self.fail("'%s' is declared in another way" % name)
+        self.locals = {parameter for parameter, _ in parameters}
+        self.lines = ["def function(%s):" % ", ".join(parameter for parameter, _ in parameters)]
+        self.expect("{")
+        self.at -= 1
+        self.statement(1)
+        self.locals = set()
+        text = "\n".join(self.lines)
+        compile(text, "%s: %s" % (self.path, name), "exec")
+        if not self.optional_name:
+            self.program.bodies.append((kind, self.full(name), priority, text))
+
+    def parameter(self):
+        name = self.new_name()
+        self.expect(":")
+        return name, self.type()
 
     def parameters(self):
         self.expect("(")
-        found = []
-        while not self.take(")"):
-            name = self.new_name()
-            self.expect(":")
-            found.append((name, self.type()))
-            if not self.take(","):
-                self.expect(")")
-                break
-        return found
+        return self.listed(")", self.parameter)
 
     # --- types -----------------------------------------------------------------------------------
 
@@ -426,14 +324,13 @@ class Parser:
         if self.take("set", "table"):
             self.expect("[")
             index = [self.type()]
-            while self.take(","):
-                index.append(self.type())
-            self.expect("]")
-            element = None
-            if word == "table":
-                self.expect("of")
-                element = self.type()
-            return Type(word, index=index, element=element)
+            if not self.take("]"):
+                self.expect(",")
+                index += self.listed("]", self.type)
+            if word == "set":
+                return Type(word, index=index)
+            self.expect("of")
+            return Type(word, index=index, element=self.type())
         if self.take("vector"):
             self.expect("of")
             return Type("vector", element=self.type())
@@ -455,285 +352,124 @@ class Parser:
         fields = {}
         self.expect("{")
         while not self.take("}"):
-            name = self.new_name()
+            name, type_ = self.parameter()
             if name in fields:
                 self.fail("field %s occurs twice" % name)
-            self.expect(":")
-            type_ = self.type()
             fields[name] = Field(type_, self.attributes())
             self.expect(";")
         return Type("record", fields=fields)
 
-    # --- statements ------------------------------------------------------------------------------
+    # --- statements and expressions --------------------------------------------------------------
 
-    def block(self):
-        self.expect("{")
-        while not self.take("}"):
-            self.statement()
+    def statement(self, depth):
+        def line(text):
+            self.lines.append("    " * depth + text)
 
-    def statement(self):
-        if self.word == "{" and self.kind == "operator":
-            self.block()
+        def rest(end=";"):
+            text = self.expression(end)
+            self.expect(end)
+            return text
+
+        if self.take("{"):
+            line("pass")
+            while not self.take("}"):
+                self.statement(depth)
         elif self.take("local"):
-            name = self.new_name()
-            type_ = self.type() if self.take(":") else None
-            value = None
-            if self.take("="):
-                value = self.expression()
-                self.fits(type_, value)
-            if name in self.locals:
-                self.fail("%s is declared twice" % name)
-            self.locals[name] = type_ or value
-            self.expect(";")
+            self.local(line)
         elif self.take("if"):
             self.expect("(")
-            self.expression()
-            self.expect(")")
-            self.statement()
+            line("if %s:" % rest(")"))
+            self.statement(depth + 1)
             if self.take("else"):
-                self.statement()
+                line("else:")
+                self.statement(depth + 1)
         elif self.take("for"):
-            self.for_statement()
-        elif self.take("return"):
-            if self.word != ";":
-                self.fits(self.result, self.expression())
-            elif self.result is not None:
-                self.fail("a value must be returned")
-            self.expect(";")
-        elif self.take("next", "break"):
-            self.expect(";")
-        elif self.take("print", "add", "delete"):
-            self.expression()
-            self.expect(";")
-        elif self.take("event"):
-            self.event_call()
-            self.expect(";")
-        elif self.take("schedule"):
-            self.expression()
-            self.expect("{")
-            self.event_call()
-            self.expect("}")
-            self.expect(";")
-        else:
-            target = self.expression()
-            if self.take("=", "+="):
-                self.fits(target, self.expression())
-            self.expect(";")
-
-    def for_statement(self):
-        self.expect("(")
-        names = []
-        if self.take("["):
-            names.append(self.new_name())
-            while self.take(","):
-                names.append(self.new_name())
-            self.expect("]")
-        else:
-            names.append(self.new_name())
-        for name in names:
-            # The host refuses a global here.
-            if self.full(name) in self.program.names or name in self.program.names:
-                self.fail("the global %s is used as a loop variable" % name)
-        self.expect("in")
-        container = self.expression()
-        self.expect(")")
-        types = None
-        if container is not None and container.kind in ("set", "table"):
-            types = container.index
-        elif container is not None and container.kind == "vector":
-            types = [Type("count")]
-        if types is not None and len(types) != len(names):
-            self.fail("%d loop variables for %d indices" % (len(names), len(types)))
-        for i, name in enumerate(names):
-            self.locals[name] = types[i] if types else None
-        self.statement()
-
-    def event_call(self):
-        name = self.new_name(scoped=True)
-        found = self.lookup(name)
-        if found.kind != "event":
-            self.fail("'%s' is no event" % name)
-        self.arguments(name, found.type)
-
-    # --- expressions: each gives its Type, or None where it is not known -------------------------
-
-    def fits(self, wanted, value):
-        """Whether a record literal suits where it goes."""
-        if isinstance(value, RecordValue):
-            if wanted is not None and wanted.kind == "record":
-                check_fields(self.where(), wanted, set(value.given))
-                wanted.constants.update(value.constants)
-            elif wanted is not None and wanted.kind != "any":
-                self.fail("a record is not expected here")
-
-    LEVELS = [("||",), ("&&",), ("==", "!=", "<", ">", "<=", ">=", "in", "!in"), ("+", "-"),
-              ("*", "/", "%")]
-
-    def expression(self, level=0):
-        if level == len(self.LEVELS):
-            return self.unary()
-        left = self.expression(level + 1)
-        while self.kind in ("operator", "name") and self.word in self.LEVELS[level]:
-            self.next()
-            self.expression(level + 1)
-            left = left if level > 2 else Type("bool")
-        return left
-
-    def unary(self):
-        if self.take("!"):
-            self.unary()
-            return Type("bool")
-        if self.take("-", "+"):
-            return self.unary()
-        return self.postfix(self.primary())
-
-    def primary(self):
-        kind, word = self.kind, self.word
-        if kind == "string":
-            self.next()
-            return Type("string")
-        if kind == "pattern":
-            self.next()
-            return Type("pattern")
-        if kind == "number":
-            self.next()
-            return Type("interval" if word[-1].isalpha() else "double" if "." in word else "count")
-        if self.take("T", "F"):
-            return Type("bool")
-        if self.take("("):
-            value = self.expression()
-            self.expect(")")
-            return value
-        if self.take("|"):
-            # The size of something: its own parsing must stop before the closing bar.
-            self.unary()
-            self.expect("|")
-            return Type("count")
-        if self.take("set", "table", "vector"):
             self.expect("(")
-            self.expressions(")")
-            return None
-        if self.take("["):
-            return self.bracketed()
-        if kind == "name":
-            name = self.new_name(scoped=True)
-            found = self.lookup(name)
-            if self.word == "(" and found.kind in ("function", "local"):
-                return self.call(name, found)
-            if found.kind == "type":
-                return Type("type", element=found.type)
-            return found.type
-        return self.fail("expected an expression, found '%s'" % word)
+            names = self.listed("]", self.new_name) if self.take("[") else [self.new_name()]
+            for name in names:
+                # The host refuses a global here.
+                if self.full(name) in self.program.names:
+                    self.fail("the global %s is used as a loop variable" % name)
+            self.locals.update(names)
+            self.expect("in")
+            line("for %s in each(%s):" % (", ".join(names), rest(")")))
+            self.statement(depth + 1)
+        elif self.word in ("next", "break"):
+            line({"next": "continue"}.get(self.word, self.next()))
+            self.expect(";")
+        elif self.word in ("return", "print"):
+            word = self.next()
+            line(word + ("(%s)" % rest() if not self.take(";") else ""))
+        elif self.take("add"):
+            line(rest() + " = True")
+        elif self.take("delete"):
+            line("del " + rest())
+        elif self.take("event"):
+            line("host.queue.append(lambda: %s)" % self.event_call(rest))
+        elif self.take("schedule"):
+            line("host.timers.append((host.now + %s, lambda: %s))" %
+                 (rest("{"), self.event_call(lambda: rest("}"))))
+            self.expect(";")
+        else:
+            text = self.expression(";", "=")
+            line(text + (" = " + self.expression(";") if self.take("=") else ""))
+            self.expect(";")
 
-    def bracketed(self):
-        """[$a=1, $b=2], a record; or [a, b], several indices at once."""
-        if self.word != "$":
-            self.expressions("]")
-            return None
-        fields, constants = {}, {}
-        while True:
-            self.expect("$")
-            name = self.new_name()
-            if name in fields:
-                self.fail("field %s is given twice" % name)
-            self.expect("=")
-            first = self.at
-            fields[name] = self.expression()
-            if self.at == first + 1:
-                constants[name] = self.tokens[first][1]
-            if not self.take(","):
-                break
-        self.expect("]")
-        return RecordValue(fields, constants)
+    def local(self, line):
+        name = self.new_name()
+        if name in self.locals:
+            self.fail("%s is declared twice" % name)
+        record = None
+        if self.take(":"):
+            # The name of a record is needed again to check the value.
+            record = self.full(self.word)
+            record = record if self.type().kind == "record" else None
+        if self.take("="):
+            text = self.expression(";")
+            line("%s = %s" % (name, "fits(names[%r], %s)" % (record, text) if record else text))
+        self.expect(";")
+        self.locals.add(name)
 
-    def expressions(self, end):
-        found = []
-        while not self.take(end):
-            found.append(self.expression())
-            if not self.take(","):
-                self.expect(end)
-                break
-        return found
+    def event_call(self, read):
+        if self.lookup(self.word).kind != "event":
+            self.fail("'%s' is no event" % self.word)
+        return read()
 
-    def arguments(self, name, type_):
-        first = self.at + 1
-        self.expect("(")
-        given = self.expressions(")")
-        wanted = type_.parameters
-        variable = [p for p, _ in wanted] == ["va_args"]
-        if not variable and len(given) != len(wanted):
-            self.fail("%s takes %d arguments, not %d" % (name, len(wanted), len(given)))
-        for (_, parameter), value in zip(wanted, given):
-            if not variable:
-                self.fits(parameter, value)
-        return given, self.tokens[first][1]
+    BRACKETS = {"(": ("(", ")", ")"), "[": ("[", "]", "]"), "{": ("Set(", "}", ")"),
+                "|": ("len(", "|", ")"), "[$": ("Record(", "]", ")")}
 
-    def call(self, name, found):
-        where = self.where()
-        if found.type is None or found.type.kind != "function":
-            self.fail("'%s' is no function" % name)
-        given, first_word = self.arguments(name, found.type)
-        if name == "Log::create_stream":
-            self.program.streams[first_word] = (given[1].constants["path"].strip('"'),
-                                                given[1].given["columns"].element)
-        elif name == "Log::write":
-            self.program.writes.append((where, first_word, given[1]))
-        elif name == "Log::add_filter" and isinstance(given[1], RecordValue):
-            self.program.filters.append((where, given[1]))
-        return found.type.element
-
-    def postfix(self, value):
-        while self.kind == "operator" and self.word in ("$", "?$", "["):
-            operator = self.next()
-            if operator == "[":
-                self.expressions("]")
-                has_elements = value is not None and value.kind in ("table", "vector")
-                value = value.element if has_elements else None
-                continue
-            name = self.new_name()
-            if value is None or value.kind != "record":
-                self.fail("$%s of something that is not known to be a record" % name)
-            if name not in value.fields:
-                self.fail("%s has no field %s" % (value.name or "the record", name))
-            value = Type("bool") if operator == "?$" else value.fields[name].type
-        return value
-
-
-def load_file(program, path):
-    path = os.path.normpath(path)
-    if path in program.loaded:
-        return
-    program.loaded.add(path)
-    with open(path) as file:
-        Parser(program, path, file.read()).parse()
-
-
-def parse(scripts, stub, host_declarations):
-    """All of the plug-in's scripts in the host's order; raises ScriptError."""
-    program = Program()
-    load_file(program, host_declarations)
-    load_file(program, os.path.join(scripts, "__preload__.bro"))
-    load_file(program, stub)
-    load_file(program, os.path.join(scripts, "__load__.bro"))
-    for folder, _, names in sorted(os.walk(scripts)):
-        for name in sorted(names):
-            load_file(program, os.path.join(folder, name))
-    program.check_writes()
-    return program
-
-
-def main(words):
-    columns = words[:1] == ["--columns"]
-    try:
-        program = parse(*words[1 if columns else 0:])
-    except (ScriptError, OSError) as error:
-        print(error, file=sys.stderr)
-        return 1
-    if columns:
-        for row in program.columns():
-            print("\t".join(row))
-    return 0
-
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    def expression(self, *ends):
+        """The Python text of what stands before one of these words."""
+        out, closing = [], []
+        while closing or self.word not in ends:
+            kind, word = self.kind, self.word
+            if kind == "end" or word == ";":
+                self.fail("unexpected '%s'" % word)
+            self.next()
+            if kind == "pattern":
+                out.append("re.compile(%r)" % word[1:-1])
+            elif kind == "number":
+                number, unit = re.fullmatch(r"([\d.]+) ?(\w*?)s?", word).groups()
+                out.append(str(float(number) * UNITS[unit]) if unit else number)
+            elif kind == "string" and self.kind != "string":
+                out.append(word)
+            elif word == "?$":
+                out.append(".has(%r)" % self.new_name())
+            elif word == "$":
+                out.append(("" if out[-1:] in (["Record("], [","]) else ".") + self.new_name())
+            elif closing and word == closing[-1][0]:
+                out.append(closing.pop()[1])
+            elif word in self.BRACKETS:
+                begin, *end = self.BRACKETS["[$" if word + self.word == "[$" else word]
+                out.append(begin)
+                closing.append(end)
+            elif word in ")]}" or kind == "string":
+                self.fail("unexpected '%s'" % word)
+            elif kind == "name" and word not in PYTHON and word != "in" and word not in self.locals:
+                self.lookup(word)
+                out.append("names[%r]" % self.full(word))
+            else:
+                out.append(PYTHON.get(word, word))
+        if not out:
+            self.fail("expected an expression, found '%s'" % self.word)
+        return " ".join(out)

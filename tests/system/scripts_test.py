@@ -19,45 +19,6 @@ CONSTANTS = ["zmq_primary_server", "zmq_secondary_server", "zmq_public_key", "zm
              "set_separator", "empty_field", "unset_field"]
 
 
-class ScriptsTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.program = bro_scripts.parse(SCRIPTS, STUB, HOST)
-
-    def test_every_script_was_read(self):
-        read = {os.path.relpath(path, SCRIPTS) for path in self.program.loaded}
-        for folder, _, names in os.walk(SCRIPTS):
-            for name in names:
-                self.assertIn(os.path.relpath(os.path.join(folder, name), SCRIPTS), read)
-
-    def test_seven_constants_are_redefinable_strings(self):
-        for name in CONSTANTS:
-            constant = self.program.names["LogZMQ::" + name]
-            self.assertEqual((constant.kind, constant.type.kind), ("const", "string"), name)
-            self.assertTrue(constant.redefinable and constant.exported, name)
-
-    def test_system_stats_has_the_nine_fields_in_order_all_logged(self):
-        fields = self.program.names["system_stats"].type.fields
-        self.assertEqual([(name, field.type.kind) for name, field in fields.items()], [
-            ("cpu_usage", "double"), ("priority", "int"), ("ph_mem_total", "count"),
-            ("ph_mem_used", "count"), ("virt_mem_total", "count"), ("virt_mem_used", "count"),
-            ("hdd_volume", "double"), ("hdd_used", "double"), ("hdd_avail", "double")])
-        self.assertTrue(all(field.log for field in fields.values()))
-
-    def test_every_filter_switches_rotation_off(self):
-        self.assertEqual(len(self.program.filters), 2)
-        for where, literal in self.program.filters:
-            self.assertEqual(literal.constants.get("interv"), "0secs", where)
-
-    def test_pairs_never_carry_a_ptype_nor_an_unset_uid(self):
-        pairs = self.program.names["LogZMQ::Pairs"].type.fields
-        without = self.program.names["LogZMQ::PairsWithoutUID"].type.fields
-        self.assertEqual(list(pairs), ["ts", "uid", "extra_fields", "extra_vals"])
-        for name, field in pairs.items():
-            self.assertTrue(field.needed or field.type.kind == "vector", name)
-        self.assertEqual(list(without), ["ts", "extra_fields", "extra_vals"])
-
-
 def sample(type_, name):
     """A value of that type, another one for each name."""
     number = sum(map(ord, name))
@@ -81,15 +42,15 @@ def flat(record, prefix=""):
     return columns
 
 
-class RunTest(unittest.TestCase):
+class ScriptsTest(unittest.TestCase):
     """All scripts in the model of the host, after its start."""
 
-    OWN_KINDS = {"Conn": ("CONNECTIONS_LOG", ""), "FTP": ("FTP_LOG", "ftp."),
-                 "HTTP": ("HTTP_LOG", "http."), "SMTP": ("SMTP_LOG", "smtp.")}
+    OWN_KINDS = {"Conn": ("CONNECTIONS_LOG", "general", ""), "FTP": ("FTP_LOG", "ftp", "ftp."),
+                 "HTTP": ("HTTP_LOG", "http", "http."), "SMTP": ("SMTP_LOG", "smtp", "smtp.")}
 
     @classmethod
     def setUpClass(cls):
-        cls.program = bro_scripts.parse(SCRIPTS, STUB, HOST)
+        cls.program = bro_scripts.Program(SCRIPTS, STUB, HOST)
 
     def setUp(self):
         self.host = Host(self.program, [log + "::LOG" for log in self.OWN_KINDS] +
@@ -117,12 +78,40 @@ class RunTest(unittest.TestCase):
     def connection(self, uid, protocol):
         return Record(uid=uid, id=Record(resp_p=Port(80, protocol)))
 
+    def test_every_script_was_read(self):
+        read = {os.path.relpath(path, SCRIPTS) for path in self.program.loaded}
+        for folder, _, names in os.walk(SCRIPTS):
+            for name in names:
+                self.assertIn(os.path.relpath(os.path.join(folder, name), SCRIPTS), read)
+
+    def test_seven_constants_are_redefinable_strings(self):
+        for name in CONSTANTS:
+            constant = self.program.names["LogZMQ::" + name]
+            self.assertEqual((constant.kind, type(self.host.names["LogZMQ::" + name])), ("const", str), name)
+            self.assertTrue(constant.redefinable and constant.exported, name)
+
+    def test_system_stats_has_the_nine_fields_in_order_all_logged(self):
+        fields = self.program.names["system_stats"].type.fields
+        self.assertEqual([(name, field.type.kind) for name, field in fields.items()], [
+            ("cpu_usage", "double"), ("priority", "int"), ("ph_mem_total", "count"),
+            ("ph_mem_used", "count"), ("virt_mem_total", "count"), ("virt_mem_used", "count"),
+            ("hdd_volume", "double"), ("hdd_used", "double"), ("hdd_avail", "double")])
+        self.assertTrue(all(field.log for field in fields.values()))
+
+    def test_pairs_never_carry_a_ptype_nor_an_unset_uid(self):
+        pairs = self.program.names["LogZMQ::Pairs"].type.fields
+        without = self.program.names["LogZMQ::PairsWithoutUID"].type.fields
+        self.assertEqual(list(pairs), ["ts", "uid", "extra_fields", "extra_vals"])
+        for name, field in pairs.items():
+            self.assertTrue(field.needed or field.type.kind == "vector", name)
+        self.assertEqual(list(without), ["ts", "extra_fields", "extra_vals"])
+
     def test_record_that_is_changed_after_its_write_is_sent_as_it_was(self):
-        for log, (stream, prefix) in self.OWN_KINDS.items():
+        for log, (stream, ptype, prefix) in self.OWN_KINDS.items():
             info = self.info(log)
             expected = flat(info)
             (sent, record), = self.write(log + "::LOG", info)
-            self.assertEqual(sent, "LogZMQ::" + stream)
+            self.assertEqual((sent, record.ptype), ("LogZMQ::" + stream, ptype))
             columns = flat(record)
             for name, value in expected.items():
                 kept = prefix == "" or name in ("ts", "uid") or name.startswith("id.")
