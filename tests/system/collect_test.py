@@ -69,11 +69,6 @@ class CollectOutputTest(CliTest):
         """All files of the output, the oldest first."""
         return sorted(glob.glob("events.*")) + ["events"]
 
-    def test_events_go_to_the_file_and_nothing_to_standard_output(self):
-        self.collect_events([make_event(uid=b"A"), make_event(uid=b"B")])
-        self.assertEqual([json.loads(line)["uid"] for line in read_file("events").splitlines()],
-                         ["A", "B"])
-
     def test_rotation_neither_loses_nor_splits_an_event_in_any_format(self):
         events = [make_event(uid=b"C%d" % number, details=b"x" * (number % 700))
                   for number in range(300)]
@@ -243,6 +238,7 @@ class CollectOutputTest(CliTest):
         os.remove("events")
         send(b"C2")
         os.rename("events", "shipped2")
+        collector.popen.send_signal(signal.SIGHUP)
         wait_for(lambda: os.path.exists("events"), "the new file")
         write_file("another", "of somebody else")
         os.rename("another", "events")
@@ -252,12 +248,6 @@ class CollectOutputTest(CliTest):
         self.assertIn("of somebody else", [read_file(name) for name in glob.glob("events.*")])
         self.assertEqual(
             collector.stderr.count("events: was moved or removed, opened anew\n"), 4)
-
-    def test_hangup_signal_opens_a_moved_file_anew(self):
-        collector = self.collect("--output", "events")
-        os.rename("events", "shipped")
-        collector.popen.send_signal(signal.SIGHUP)
-        wait_for(lambda: os.path.exists("events"), "the new file")
         collector.popen.send_signal(signal.SIGTERM)
         self.assertEqual(collector.wait(), 0)
 
@@ -405,7 +395,7 @@ class CollectMetricsTest(CliTest):
     def test_scrape_has_the_counts_of_the_moment(self):
         collector = self.collect_with_metrics()
         agent = self.agent(collector.endpoint)
-        event = make_event(agent=b"agent-1")
+        event = make_event(agent=b'a"b\\c\nd\xff')
         for message in (event, b"", b"no event", event):
             agent.send(message)
         agent.send_multipart([event, event])
@@ -416,8 +406,8 @@ class CollectMetricsTest(CliTest):
         self.assertEqual(self.scrape(collector), {
             'events_total{type="Tn5250Data"}': 3,
             'event_bytes_total{type="Tn5250Data"}': 3 * len(event),
-            'agent_events_total{agent="agent-1"}': 3,
-            'agent_event_bytes_total{agent="agent-1"}': 3 * len(event),
+            r'agent_events_total{agent="a\"b\\x5cc\\x0ad\\xff"}': 3,
+            r'agent_event_bytes_total{agent="a\"b\\x5cc\\x0ad\\xff"}': 3 * len(event),
             'bad_messages_total{reason="empty"}': 1,
             'bad_messages_total{reason="malformed"}': 1,
             'bad_messages_total{reason="multi_part"}': 1,
@@ -427,26 +417,6 @@ class CollectMetricsTest(CliTest):
         collector.popen.send_signal(signal.SIGTERM)
         self.assertEqual(collector.wait(), 0)
 
-    def test_agents_beyond_a_hundred_are_lumped_and_hostile_names_escaped(self):
-        collector = self.collect_with_metrics("--quiet")
-        agent = self.agent(collector.endpoint)
-        hostile = [b"", b"(others)", b"(none)", b'a"b\\c\nd', b"\xff\xfe", "caf\u00e9".encode(),
-                   b"x" * 100000, b"\xc2\x9b31m"]
-        for name in hostile:
-            agent.send(make_event(agent=name))
-        for number in range(500):
-            agent.send(make_event(agent=b"agent-%d" % number))
-        wait_for(lambda: len(collector.lines()) == 508, "the events")
-        values = {name: value for name, value in self.scrape(collector).items()
-                  if name.startswith("agent_events_total")}
-        self.assertEqual(len(values), 101)
-        self.assertEqual(sum(values.values()), 508)
-        for label, count in [("(none)", 1), ("(others)", 408), (r"\\x28others)", 1),
-                             (r"\\x28none)", 1), (r"a\"b\\x5cc\\x0ad", 1), (r"\\xff\\xfe", 1),
-                             ("caf\u00e9", 1), ("x" * 64, 1), (r"\\xc2\\x9b31m", 1),
-                             ("agent-91", 1)]:
-            self.assertEqual(values.get('agent_events_total{agent="%s"}' % label), count, label)
-
     def test_many_half_requests_do_not_shut_out_a_scrape(self):
         collector = self.collect_with_metrics()
         port = int(re.search(r":(\d+)/", collector.url).group(1))
@@ -455,6 +425,7 @@ class CollectMetricsTest(CliTest):
             self.addCleanup(half.close)
             half.sendall(b"GET /metr")
         self.assertIn("output_bytes_total", self.scrape(collector))
+
 
 @needs_zmq
 class CollectAllowTest(CliTest):
@@ -478,13 +449,7 @@ class CollectAllowTest(CliTest):
         self.assertEqual(totals(collector)["clients let in"], 2)
         self.assertGreaterEqual(totals(collector)["clients turned away"], 1)
         self.assertIn("client at 127.0.0.1 turned away", collector.stderr)
-
-    def test_warns_that_agents_are_shut_out(self):
-        self.keygen()
-        write_file("allowed", "0" * 64)
-        collector = self.collect("--allow", "allowed", "--timeout", "0.1", "--quiet")
-        self.assertEqual(collector.wait(), 0)
-        self.assertIn("warning: only clients with one of 1 keys may connect", collector.stderr)
+        self.assertIn("warning: only clients with one of 2 keys may connect", collector.stderr)
 
     def test_hangup_signal_reads_the_list_again(self):
         early, late = zmq.curve_keypair(), zmq.curve_keypair()
@@ -493,17 +458,13 @@ class CollectAllowTest(CliTest):
         client = self.agent(collector.endpoint, keys=early)
         client.send(make_event(uid=b"early"))
         wait_for(collector.lines, "the first event")
-        write_file("allowed", "nonsense")
-        collector.popen.send_signal(signal.SIGHUP)
-        wait_for(lambda: "stay as they were: allowed:1: " in collector.stderr, "the refusal")
-        os.remove("allowed")
-        collector.popen.send_signal(signal.SIGHUP)
-        wait_for(lambda: "stay as they were: allowed: cannot be read: No such file"
-                 in collector.stderr, "the second refusal")
-        os.mkdir("allowed")
-        collector.popen.send_signal(signal.SIGHUP)
-        wait_for(lambda: "stay as they were: allowed: cannot be read: Is a directory" in collector.stderr,
-                 "the third refusal")
+        for change, refusal in [
+                (lambda: write_file("allowed", "nonsense"), "allowed:1: "),
+                (lambda: os.remove("allowed"), "allowed: cannot be read: No such file"),
+                (lambda: os.mkdir("allowed"), "allowed: cannot be read: Is a directory")]:
+            change()
+            collector.popen.send_signal(signal.SIGHUP)
+            wait_for(lambda: "stay as they were: " + refusal in collector.stderr, "the refusal")
         self.agent(collector.endpoint, keys=early).send(make_event(uid=b"as before"))
         wait_for(lambda: len(collector.lines()) == 2, "the event of a key that stayed allowed")
         os.rmdir("allowed")
@@ -514,20 +475,6 @@ class CollectAllowTest(CliTest):
         wait_for(lambda: len(collector.lines()) == 3, "the late client's event")
         client.send(make_event(uid=b"still"))
         wait_for(lambda: len(collector.lines()) == 4, "the event of the old connection")
-
-    def test_errors_in_the_list_are_told_by_line_before_anything_is_bound(self):
-        self.keygen()
-        write_file("allowed", "0" * 64 + "\n" + "0" * 63)
-        write_file("empty", "# nobody\n")
-        for name, message in [("allowed", "allowed:2: a key has 64 hexadecimal digits"),
-                              ("empty", "empty: holds no key"), ("nowhere", "No such file"),
-                              (".", "Is a directory")]:
-            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                                   "server.secret", "--allow", name)
-            self.assertEqual(result.returncode, 1)
-            self.assertIn(name + ":", result.stderr)
-            self.assertIn(message, result.stderr)
-            self.assertNotIn("listening on", result.stderr)
 
 
 @needs_zmq
@@ -704,8 +651,6 @@ class CollectFullDiskTest(CliTest):
 
 @needs_zmq
 class CollectPressureTest(CliTest):
-    EVENTS = 20000
-
     @staticmethod
     def send_until_it_blocks(agent, messages):
         """How many could be sent before nothing was taken for a whole second."""
@@ -720,45 +665,29 @@ class CollectPressureTest(CliTest):
         return sent
 
     def test_stalled_reader_costs_neither_memory_nor_events(self):
-        collector, reader = self.collect_into_pipe("--format", "raw")
-        agent = self.agent(collector.endpoint, sndhwm=1)
-        details = b"x" * 8000
-        events = [make_event(uid=b"C%05d" % number, details=details)
-                  for number in range(self.EVENTS)]
-        size = len(events[0])
-        before = memory_kb(collector.popen) if can_measure_memory() else None
-        sent = self.send_until_it_blocks(agent, events)
-        self.assertLess(sent, self.EVENTS, "the collector took everything while nobody read")
-        wait_for(lambda: "warning: nobody reads the output" in collector.stderr, "the warning")
-        if before is not None:
-            # 160 MB were on offer; libzmq's queue of 1000 of them is 8 MB.
-            self.assertLess(memory_kb(collector.popen, "VmHWM") - before, 40 * 1024)
-
-        received = []
-        thread = threading.Thread(target=lambda: received.append(
-            reader.read(self.EVENTS * (4 + size))))
-        thread.start()
-        agent.sndtimeo = DEADLINE * 1000
-        for event in events[sent:]:
-            agent.send(event)
-        thread.join(DEADLINE)
-        self.assertEqual(unframed(received[0]), events)
-        if before is not None:
-            self.assertLess(memory_kb(collector.popen, "VmHWM") - before, 40 * 1024)
-
-    def test_stalled_reader_costs_bounded_memory_with_large_events_too(self):
-        collector, reader = self.collect_into_pipe("--format", "raw")
-        agent = self.agent(collector.endpoint)
-        agent.sndhwm = 1
-        event = make_event(details=b"x" * 1000000)
-        before = memory_kb(collector.popen) if can_measure_memory() else None
-        sent = self.send_until_it_blocks(agent, [event] * 400)
-        self.assertLess(sent, 400, "the collector took everything while nobody read")
-        if before is not None:
-            # 64 of them wait, in the worst case beside what they were decrypted from.
-            self.assertLess(memory_kb(collector.popen, "VmHWM") - before, 200 * 1024)
-        for _ in range(sent):
-            self.assertEqual(reader.read(4 + len(event)), framed(event))
+        # 160 MB are on offer, of which 64 events wait in libzmq; of the large ones, in the worst
+        # case beside what they were decrypted from.
+        for size, count, most_kb in [(8000, 20000, 40 * 1024), (1000000, 160, 200 * 1024)]:
+            collector, reader = self.collect_into_pipe("--format", "raw")
+            agent = self.agent(collector.endpoint, sndhwm=1)
+            details = b"x" * size
+            events = [make_event(uid=b"C%05d" % number, details=details)
+                      for number in range(count)]
+            before = memory_kb(collector.popen) if can_measure_memory() else None
+            sent = self.send_until_it_blocks(agent, events)
+            self.assertLess(sent, count, "the collector took everything while nobody read")
+            wait_for(lambda: "warning: nobody reads the output" in collector.stderr, "the warning")
+            received = []
+            thread = threading.Thread(
+                target=lambda: received.append(reader.read(count * (4 + len(events[0])))))
+            thread.start()
+            agent.sndtimeo = DEADLINE * 1000
+            for event in events[sent:]:
+                agent.send(event)
+            thread.join(DEADLINE)
+            self.assertEqual(unframed(received[0]), events)
+            if before is not None:
+                self.assertLess(memory_kb(collector.popen, "VmHWM") - before, most_kb)
 
     def test_stop_signal_during_a_stall_loses_nothing_that_was_received(self):
         collector, reader = self.collect_into_pipe()
@@ -798,35 +727,7 @@ class CollectPressureTest(CliTest):
         self.assertEqual(collector.wait(), 0)
         self.assertEqual(totals(collector)["events"], 51)
 
-    def test_stop_signal_under_unending_load_ends_and_counts_what_is_written(self):
-        for numbers in ((signal.SIGTERM,), (signal.SIGINT, signal.SIGTERM)):
-            collector = self.collect("--output", "events", "--format", "raw")
-            agents = [self.agent(collector.endpoint) for _ in range(3)]
-            over = threading.Event()
-
-            def send(agent):
-                while not over.is_set():
-                    try:
-                        agent.send(make_event(), zmq.NOBLOCK)
-                    except zmq.Again:
-                        agent.poll(10, zmq.POLLOUT)
-            threads = [threading.Thread(target=send, args=[agent]) for agent in agents]
-            for thread in threads:
-                thread.start()
-            try:
-                wait_for(lambda: os.path.getsize("events") > 10000, "the load")
-                for number in numbers:
-                    collector.popen.send_signal(number)
-                self.assertEqual(collector.wait(), 0)
-            finally:
-                over.set()
-                for thread in threads:
-                    thread.join()
-            written = unframed(read_file("events", "rb"))
-            self.assertEqual(totals(collector)["events"], len(written))
-            self.assertEqual(set(written), {make_event()})
-
-    def lost_at_a_stop(self, collector, details, output):
+    def lost_at_a_stop(self, collector, details, output, signals=(signal.SIGTERM,)):
         """How many events that agents have sent are not in `output` after a stop under load."""
         agents = [self.agent(collector.endpoint, sndhwm=1, immediate=1, sndtimeo=3000)
                   for _ in range(3)]  # as the plug-in sends
@@ -845,18 +746,22 @@ class CollectPressureTest(CliTest):
             thread.start()
         try:
             wait_for(lambda: min(sent) > 100, "the load")
-            collector.popen.send_signal(signal.SIGTERM)
+            for number in signals:
+                collector.popen.send_signal(number)
             self.assertEqual(collector.wait(), 0)
         finally:
             over.set()
             for thread in threads:
                 thread.join()
-        return sum(sent) - len(set(re.findall(br"<[0-9]-[0-9]+>", output())))
+        written = unframed(output())
+        self.assertEqual(totals(collector)["events"], len(written))
+        return sum(sent) - len(set(re.findall(br"<[0-9]-[0-9]+>", b"".join(written))))
 
     def test_stop_under_load_loses_at_most_one_event_of_each_agent(self):
-        collector = self.collect("--output", "events", "--format", "raw")
-        self.assertLessEqual(
-            self.lost_at_a_stop(collector, b"", lambda: read_file("events", "rb")), 3)
+        for signals in ((signal.SIGTERM,), (signal.SIGINT, signal.SIGTERM)):
+            collector = self.collect("--output", "events", "--format", "raw")
+            self.assertLessEqual(self.lost_at_a_stop(
+                collector, b"", lambda: read_file("events", "rb"), signals), 3)
 
     def test_stop_with_a_slow_reader_loses_at_most_what_an_agent_has_not_handed_over(self):
         collector, reader = self.collect_into_pipe("--format", "raw")
