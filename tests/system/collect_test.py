@@ -116,48 +116,6 @@ class CollectOutputTest(CliTest):
         self.collect_events([make_event()], "--format", "raw")
         self.assertEqual(unframed(read_file("events.000002", "rb")), [make_event()])
 
-    def test_output_that_cannot_be_opened_is_a_failure_by_name(self):
-        self.keygen()
-        for name in ("no/such/folder/events", "."):
-            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                                   "server.secret", "--output", name)
-            self.assertEqual(result.returncode, 1)
-            self.assertIn(name + ": cannot open the output: ", result.stderr)
-
-    def test_start_that_fails_leaves_the_output_of_the_former_run(self):
-        self.keygen()
-        write_file("bad.secret", "no key")
-        write_file("events", "former run")
-        with socket.socket() as taken:
-            taken.bind(("127.0.0.1", 0))
-            taken.listen()
-            in_use = "127.0.0.1:%d" % taken.getsockname()[1]
-            for secret, arguments in [("nowhere", []), ("bad.secret", []),
-                                      ("server.secret", ["--allow", "nowhere"]),
-                                      ("server.secret", ["--metrics", in_use]),
-                                      ("server.secret", ["--bind", "tcp://" + in_use])]:
-                result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                                       secret, "--output", "events", *arguments)
-                self.assertEqual(result.returncode, 1, result.stderr)
-                self.assertEqual(glob.glob("events*"), ["events"])
-                self.assertNotIn("listening on", result.stderr)
-        self.assertEqual(read_file("events"), "former run")
-
-    def test_output_into_a_file_of_keys_is_refused(self):
-        self.keygen()
-        secret = read_file("server.secret")
-        write_file("allowed", "0" * 64)
-        os.link("server.secret", "hard")
-        os.symlink("allowed", "soft")
-        for output in ("server.secret", "./hard", "allowed", "soft"):
-            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                                   "server.secret", "--allow", "allowed", "--output", output)
-            self.assertEqual(result.returncode, 1)
-            self.assertIn(output + ": is a file of keys, so it cannot be the output",
-                          result.stderr)
-        self.assertEqual((read_file("server.secret"), read_file("allowed")), (secret, "0" * 64))
-        self.assertEqual(glob.glob("*.0*"), [])
-
     def test_stop_signal_ends_the_wait_for_a_reader_of_a_pipe(self):
         self.keygen()
         os.mkfifo("pipe")
@@ -192,16 +150,6 @@ class CollectOutputTest(CliTest):
             self.assertEqual(result.returncode, 1)
             self.assertIn(message, result.stderr)
             self.assertNotIn("listening on", result.stderr)
-
-    def test_device_is_written_but_not_rotated(self):
-        self.keygen()
-        collector = self.collect("--output", "/dev/null", "--count", "1")
-        self.agent(collector.endpoint).send(make_event())
-        self.assertEqual(collector.wait(), 0)
-        result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                               "server.secret", "--output", "/dev/null", "--rotate-size", "10")
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("only a regular file can be rotated", result.stderr)
 
     def test_file_that_cannot_be_moved_aside_goes_on_growing(self):
         os.mkdir("folder")
@@ -305,24 +253,46 @@ class CollectUsageTest(CliTest):
             self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
             self.assertIn(hint, result.stderr)
 
-    def test_endpoint_in_use_or_not_of_this_machine_is_a_failure_by_name(self):
+    def test_start_that_fails_says_why_and_changes_nothing(self):
         self.keygen()
-        write_file("file.txt", "precious")
+        kept = {name: read_file(name) for name in ("server.secret", "server.public")}
+        for name, content in [("bad.secret", "no key"), ("allowed", "0" * 64),
+                              ("events", "former run"), ("file.txt", "precious")]:
+            write_file(name, content)
+            kept[name] = content
+        os.link("server.secret", "hard")
+        os.symlink("allowed", "soft")
         with socket.socket() as taken:
             taken.bind(("127.0.0.1", 0))
             taken.listen()
-            in_use = "tcp://127.0.0.1:%d" % taken.getsockname()[1]
-            for endpoint, message in [(in_use, "Address already in use"),
-                                      ("tcp://[::1]:*", "must be an IPv4 address of this machine"),
-                                      ("tcp://localhost:*", "must be an IPv4 address"),
-                                      ("ipc://file.txt", "there is a file of this name")]:
-                result = self.run_tool("collect", "--bind", endpoint, "--secret-key",
-                                       "server.secret")
-                self.assertEqual((result.returncode, result.stdout), (1, b""))
-                self.assertIn("cannot listen on '%s': " % endpoint, result.stderr)
+            in_use = "127.0.0.1:%d" % taken.getsockname()[1]
+            cases = [(["--bind", endpoint], "cannot listen on '%s': %s" % (endpoint, message))
+                     for endpoint, message in [
+                         ("tcp://" + in_use, "Address already in use"),
+                         ("tcp://192.0.2.1:5555", "Cannot assign requested address"),
+                         ("tcp://[::1]:*", "No such device; the host must be an IPv4 address of"),
+                         ("tcp://localhost:*", "No such device; the host must be an IPv4 address"),
+                         ("ipc://file.txt", "there is a file of this name")]]
+            cases += [(["--output", output], output + ": is a file of keys, so it cannot be")
+                      for output in ("server.secret", "./hard", "allowed", "soft")]
+            cases += [(["--output", output], output + ": cannot open the output: ")
+                      for output in ("no/such/folder/events", ".")]
+            cases += [(["--secret-key", "nowhere"], "nowhere: "),
+                      (["--secret-key", "bad.secret"], "bad.secret: "),
+                      (["--allow", "nowhere"], "nowhere: "),
+                      (["--metrics", in_use], "cannot serve metrics on '%s'" % in_use),
+                      (["--output", "/dev/null", "--rotate-size", "10"],
+                       "only a regular file can be rotated")]
+            for arguments, message in cases:
+                options = {"--bind": "tcp://127.0.0.1:*", "--secret-key": "server.secret",
+                           "--allow": "allowed", "--output": "events"}
+                options.update(zip(arguments[::2], arguments[1::2]))
+                result = self.run_tool("collect", *sum(options.items(), ()))
+                self.assertEqual((result.returncode, result.stdout), (1, b""), arguments)
                 self.assertIn(message, result.stderr)
                 self.assertNotIn("listening on tcp", result.stderr)
-        self.assertEqual(read_file("file.txt"), "precious")
+        self.assertEqual({name: read_file(name) for name in kept}, kept)
+        self.assertEqual(glob.glob("*.0*"), [])
 
 
 @needs_zmq

@@ -31,7 +31,6 @@ std::string endpoint_end(int descriptor) {
   union {
     sockaddr any;
     sockaddr_in ipv4;
-    sockaddr_in6 ipv6;
     sockaddr_un local;
   } address = {};
   socklen_t size = sizeof address;
@@ -39,8 +38,6 @@ std::string endpoint_end(int descriptor) {
     return "";
   if (address.any.sa_family == AF_INET)
     return ':' + std::to_string(ntohs(address.ipv4.sin_port));
-  if (address.any.sa_family == AF_INET6)
-    return ':' + std::to_string(ntohs(address.ipv6.sin6_port));
   if (address.any.sa_family != AF_UNIX || size <= offsetof(sockaddr_un, sun_path))
     return "";
   std::string path(address.local.sun_path, size - offsetof(sockaddr_un, sun_path));
