@@ -162,6 +162,7 @@ class CollectOutputTest(CliTest):
             agent.send(make_event(uid=b"C%d" % number))
         wait_for(lambda: read_file("elsewhere/events").count("\n") == 20, "all events")
         self.assertIn("folder/events: cannot be moved aside", collector.stderr)
+        self.assertEqual(collector.stderr.count("the moved file stays in use"), 1)
         os.rename("elsewhere", "folder")
         for number in range(20, 60):
             agent.send(make_event(uid=b"C%d" % number))

@@ -228,6 +228,7 @@ TEST_F(CollectOutputTest, FilesLieBesideWhatALinkLeadsToAlsoWhenItChanges) {
   ASSERT_EQ(symlink("new/events", "out"), 0);
   EXPECT_FALSE(file.IsInPlace());
   ASSERT_EQ(file.Reopen(), "");
+  EXPECT_EQ(file.size(), 0u);
   EXPECT_TRUE(file.IsInPlace());
   ASSERT_EQ(file.Append("3"), 1u);
   ASSERT_EQ(file.Rotate(), "");

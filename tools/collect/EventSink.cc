@@ -134,7 +134,6 @@ void EventSink::FollowPath() {
   const std::string problem = file_->Reopen();
   if (problem.empty()) {
     std::fprintf(stderr, "%s: was moved or removed, opened anew\n", options_.path.c_str());
-    rotate_at_ = options_.rotate_size;
   } else if (!out_of_place_ && !file_->IsRemoved()) {
     std::fprintf(stderr, "warning: %s; the moved file stays in use\n", problem.c_str());
   }
