@@ -1,5 +1,6 @@
 #include "SpoolRepair.h"
 
+#include <fstream>
 #include <random>
 #include <stdexcept>
 
@@ -33,9 +34,12 @@ class SpoolRepairTest : public testing::Test, protected test::SpoolFixture {
  protected:
   static RepairPlan plan() { return plan_repair(folder(), find_chunks(folder()), is_event); }
   static void repair() {
+    repair([](const HeaderRepair& one) { repair_header(one, ""); });
+  }
+  static void repair(const std::function<void(const HeaderRepair&)>& set_header) {
     const RepairPlan todo = plan();
     for (const auto& one : todo.headers)
-      repair_header(one, "");
+      set_header(one);
     for (const auto& one : todo.renamings)
       rename_chunk(one);
   }
@@ -191,21 +195,23 @@ TEST_F(SpoolRepairTest, OpenHeadShowsItsProcess) {
 }
 
 // The walk by the header meets a taken record, whose length is 0, and its payload begins like the
-// header of the record behind it.
+// header of the record behind it. Of an event of 64 KiB or more only the beginning is stored.
 TEST_F(SpoolRepairTest, TakenEventIsNotReadAsRecords) {
-  std::vector<std::string> stack;
-  for (std::size_t i = 0; i < 300; ++i) {
-    stack.push_back(event(18));
-    store(stack.back());
+  EXPECT_EQ(event(18).substr(0, 4), std::string("\x14\0\0\0", 4));
+  for (const std::size_t kept :
+       {event(18).size(), std::size_t{60}, std::size_t{64}, std::size_t{68}}) {
+    for (std::size_t i = 0; i < 299; ++i)
+      store(event(18));
+    store(event(18).substr(0, kept));
+    store(event(18));
+    reopen();
+    take();
+    take();
+    crash();
+    repair();
+    start();
+    EXPECT_EQ(299u, drain().size()) << kept;
   }
-  EXPECT_EQ(stack[0].substr(0, 4), std::string("\x14\0\0\0", 4));
-  reopen();
-  take();
-  take();
-  crash();
-  repair();
-  start();
-  EXPECT_EQ(298u, drain().size());
 }
 
 // After any run of stores and takes that ends in a crash, the repaired spool gives what was stored
@@ -214,13 +220,18 @@ TEST_F(SpoolRepairTest, RepairedSpoolGivesExactlyWhatWasNotTakenYet) {
   const unsigned long seed = test::random_seed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
-  for (unsigned long round = 0; round < 40 * test::test_factor(); ++round) {
+  const auto set_header = [](const HeaderRepair& one) {  // does not wait for the disk
+    std::fstream(one.path, std::ios::in | std::ios::out | std::ios::binary)
+        << header(one.used_size, one.record_count);
+  };
+  unsigned long crashes = 0;
+  for (unsigned long round = 0; crashes < 5000 * test::test_factor(); ++round) {
     std::filesystem::remove_all(folder());
     start();
     limit_chunks(round % 2 ? 1000 : 10485760);
     std::vector<std::string> stack;
     for (unsigned lives = 1 + random() % 3; lives > 0; --lives) {
-      for (unsigned operations = random() % 60; operations > 0; --operations) {
+      for (unsigned operations = random() % 24; operations > 0; --operations) {
         if (random() % 5 < 3 || stack.empty()) {
           stack.push_back(event(random() % 200));
           store(stack.back());
@@ -230,7 +241,8 @@ TEST_F(SpoolRepairTest, RepairedSpoolGivesExactlyWhatWasNotTakenYet) {
         }
       }
       crash();
-      repair();
+      ++crashes;
+      repair(set_header);
       start();
     }
     std::reverse(stack.begin(), stack.end());

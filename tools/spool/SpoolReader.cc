@@ -186,9 +186,18 @@ bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& coun
   if (counted.size() != file.record_count() || !links_hold(counted) ||
       !used_size_fits(file, counted))
     return false;
-  for (const SpoolRecord& record : counted)
-    if (is_taken_event(file, record, is_event))
+  // Of an event of 64 KiB or more only the beginning is stored, so that it is known, when it was
+  // taken, by the record only that seems to be behind it.
+  std::size_t odd = 0;
+  for (std::size_t i = 0; i < counted.size(); ++i) {
+    if (is_taken_event(file, counted[i], is_event))
       return false;
+    if (i > 0 && counted[i - 1].length == 0 && counted[i].length > 0 &&
+        !is_event(file.Payload(counted[i])))
+      odd = i;
+  }
+  if (odd > 0 && is_phantom(file, counted, odd, is_event))
+    return false;
   return counted.empty() || counted.back().length > 0 || file.used_size() == bytes_used(counted);
 }
 
