@@ -44,6 +44,7 @@ class StartTest(CliTest):
                 ("empty", {}, 0, "nothing to repair in 0 files"),
                 ("sound", {"queue.dat": chunk(1, [b"one"])}, 1, "nothing to repair in 1 file"),
                 ("unclean", unclean, 2, "header set to 2 records"),
+                ("just created", {"queue.dat": b""}, 0, "header set to 0 records"),
                 ("gap", {"queue.dat.1": chunk(1, [b"one"])}, 1, "renamed to a spool/queue.dat"),
                 ("in use", unclean, 0, "in use by process %d" % os.getpid()),
                 ("damaged", {"queue.dat": b"ZMQF"}, 0, "left as it is: queue.dat"),

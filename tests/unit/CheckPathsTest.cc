@@ -235,14 +235,12 @@ TEST(CheckPaths, SpoolFilesAreJudgedAsSpoolListDoes) {
            "start; the next start finds 0 of 1 record, and may write over the others" +
            run,
        0},
-      {{{"queue.dat", sound}, {"queue.dat.1", ""}},
-       damaged + "queue.dat.1: shorter than its header" + move,
-       1},
+      {{{"queue.dat", sound}, {"queue.dat.1", ""}}, damaged + "queue.dat.1: empty" + run, 1},
       {{{"queue.dat", sound}, {"queue.dat.1", header(0, 0).substr(1)}},
        damaged + "queue.dat.1: shorter than its header" + move,
        1},
       {{{"queue.dat", ""}, {"queue.dat.1", sound}, {"queue.dat.2", "this is no queue at all"}},
-       damaged + "queue.dat (and 1 more): shorter than its header" + move,
+       damaged + "queue.dat (and 1 more): empty" + move,
        2}};
   for (const auto& [files, expected, corrupted] : cases) {
     SCOPED_TRACE(expected);

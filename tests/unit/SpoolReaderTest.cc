@@ -169,6 +169,7 @@ TEST_F(SpoolReaderTest, DamageIsNamedAndRepairableWhereAHeaderExplainsTheRecords
        "record 2 does not name the length of the one before it", false, 3, 1},
       {header(21, 1) + record(0, "abcd"), "used_size is 21, the records use 20", true, 1, 1},
       {header(0, 0), "", false, 0, 0},  // as created
+      {"", "empty", true, 0, 0},
       {"ZMQF", "shorter than its header", false, 0, 0},
       {"XXXX" + header(40, 2).substr(4) + two, "invalid signature, 2 records after it", true, 2, 2},
       {"XXXX" + header(40, 1).substr(4) + "somebody, in another format", "invalid signature", false,

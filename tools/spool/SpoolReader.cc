@@ -248,7 +248,9 @@ Diagnosis diagnose(const ChunkFile& file,
     return diagnosis;
   }
   if (!file.has_header()) {
-    diagnosis.damage = "shorter than its header";
+    // After an unclean stop just behind the creation; so no record can be missing.
+    diagnosis.repairable = file.size() == 0;
+    diagnosis.damage = file.size() == 0 ? "empty" : "shorter than its header";
     return diagnosis;
   }
   diagnosis.counted = file.CountedWalk().records;
