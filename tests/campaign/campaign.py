@@ -280,9 +280,7 @@ class Outages(Trial):
         self.catch_up()
         for self.done in range(1, self.rounds + 1):
             self.outage(self.done)
-            if self.catches_up:
-                self.catch_up()
-        self.catch_up()
+            self.catch_up()
         for agent in self.agents:
             agent.process.popen.terminate()
         read = [agent.finish() for agent in self.agents]
@@ -315,7 +313,7 @@ class Outages(Trial):
             newest_now, missing_now = look()
             return missing == missing_now and all(newest_now[log] > newest.get(log, newest_now[log])
                                                   for agent in self.agents for log in agent.logs)
-        cli.wait_for(caught_up, "the agents to catch up")
+        cli.wait_for(caught_up if self.catches_up else lambda: look()[0], "the agents to catch up")
 
     def hold(self, seconds, fails_over=False):
         """Lets an outage last for a random time, or until the agent has failed over."""
@@ -354,7 +352,7 @@ class CollectorRestarted(Outages):
     rates, catches_up, patience = (50, 500, 5000), False, 2
 
     def outage(self, _):
-        self.hold(0.6)
+        self.hold(1)
         self.primary.stop()
         self.primary.start()
 
@@ -552,6 +550,7 @@ def main():
     parser.add_argument("--seed", type=int, default=random.randrange(10 ** 6))
     options = parser.parse_args()
     print("seed", options.seed, flush=True)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     no_root = enter_own_network()
     begin = time.monotonic()
     with tempfile.TemporaryDirectory(prefix="zmqwriter-campaign-") as folder:
