@@ -214,7 +214,7 @@ class Agent:
 class Trial:
     """The outages of one kind, and their account. An event is a pair: its log, its number."""
 
-    notes = ""
+    notes, ended = "", False
 
     def __init__(self, folder, options):
         self.folder = f"{folder}/{type(self).__name__}"
@@ -227,6 +227,7 @@ class Trial:
         self.disk = self.damaged = set()
 
     def start(self, *arguments, **options):
+        assert not self.ended
         process = cli.Process(list(arguments), **{"cwd": self.folder, **options})
         self.cleanups.append(process.stop)
         return process
@@ -568,6 +569,8 @@ def main():
                         f"{trial.title} {trial.done}/{trial.rounds}" for trial in trials),
                           flush=True)
         finally:
+            signal.signal(signal.SIGTERM, signal.SIG_IGN)
+            Trial.ended = True
             for trial in trials:
                 trial.clean()
     problems = print_account(trials)
