@@ -1,4 +1,5 @@
-// Writers of the stand-in host: what crosses the threads, in which order, and who owns it.
+// Writers of the stand-in host: what crosses the threads, in which order, and who owns it. How they
+// end while others still write, WriterThreadsTest shows.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,7 +10,6 @@
 #include <mutex>
 #include <thread>
 
-#include "Net.h"
 #include "TempDir.h"
 #include "logging/Manager.h"
 #include "logging/WriterFrontend.h"
@@ -37,6 +37,12 @@ struct Story {
   bool init_result = true;
   bool heartbeat_result = true;
 
+  void reset() {
+    events.clear();
+    written.clear();
+    on_write = nullptr;
+    init_result = heartbeat_result = true;
+  }
   void add(const std::string& event) {
     std::lock_guard<std::mutex> lock(mutex);
     events.push_back(event);
@@ -102,14 +108,20 @@ const std::vector<Field>& columns() {
 
 class WriterTest : public testing::Test {
  protected:
-  explicit WriterTest(double heartbeat_seconds = 0) {
+  WriterTest() {
     story = &story_;
+    start(0);
+  }
+  ~WriterTest() override { host_.reset(); }
+
+  void start(double heartbeat_seconds) {
+    component_.reset();
+    host_.reset();
     standin::Host::Options options;
     options.heartbeat_seconds = heartbeat_seconds;
     host_.reset(new standin::Host(options));
     component_.reset(new logging::Component("Probe", &ProbeWriter::make));
   }
-  ~WriterTest() override { host_.reset(); }
 
   WriterFrontend* create(const char* path = "conn") {
     return host_->CreateWriter("Probe", path, columns());
@@ -147,11 +159,6 @@ class WriterTest : public testing::Test {
   Story story_;
   std::unique_ptr<logging::Component> component_;
   std::unique_ptr<standin::Host> host_;
-};
-
-class WriterWithHeartbeatTest : public WriterTest {
- protected:
-  WriterWithHeartbeatTest() : WriterTest(0.001) {}
 };
 
 class WriterDeathTest : public WriterTest {
@@ -196,104 +203,44 @@ TEST_F(WriterTest, ThousandRecordsMakeABatchWithoutBeingAsked) {
   ASSERT_TRUE(until([&] { return story_.numbers().size() == 1000; }));
 }
 
-TEST_F(WriterTest, ManyWritersAtOnceKeepOrderAndLoseNothing) {
-  std::vector<WriterFrontend*> frontends = {create("a"), create("b"), create("c")};
-  for (WriterFrontend* frontend : frontends)
-    write_many(frontend, 1500);
-  host_->Finish();
-  EXPECT_EQ(story_.numbers().size(), 4500u);
-  const auto events = story_.all();
-  EXPECT_EQ(std::count(events.begin(), events.end(), "finish"), 3);
-  EXPECT_EQ(std::count(events.begin(), events.end(), "destroy"), 3);
-}
-
-TEST_F(WriterTest, RecordsGoAtOnceWhileTheHostIsEnding) {
-  WriterFrontend* frontend = create();
-  terminating = true;
-  write(frontend, 1);
-  EXPECT_TRUE(until([&] { return story_.numbers().size() == 1; }));
-}
-
-TEST_F(WriterTest, TypeMismatchFreesTheBatchAndDisablesTheFrontend) {
-  WriterFrontend* frontend = create();
-  write(frontend, 1);
-  write(frontend, 2, TYPE_INT);
-  frontend->FlushWriteBuffer();
-  ASSERT_TRUE(until_destroyed());
-  EXPECT_TRUE(frontend->Disabled());
-  EXPECT_TRUE(story_.numbers().empty()) << "no DoWrite before all values were checked";
-  EXPECT_FALSE(story_.has("finish"));
-  EXPECT_THAT(recorder_.Texts(ReportKind::kError),
-              ElementsAre("conn/Log::WRITER_PROBE: terminating thread"));
-}
-
-TEST_F(WriterTest, FalseFromDoWriteDropsTheRestAndEndsTheWriter) {
-  story_.on_write = [](WriterBackend*, Value** vals) { return vals[0]->val.uint_val != 1; };
-  WriterFrontend* frontend = create();
-  write_many(frontend, 4);
-  frontend->FlushWriteBuffer();
-  ASSERT_TRUE(until_destroyed());
-  write_many(frontend, 2);  // silently discarded
-  frontend->FlushWriteBuffer();
-  host_->Finish();
-  EXPECT_THAT(story_.numbers(), ElementsAre(0u, 1u));
-  EXPECT_FALSE(story_.has("finish"));
-}
-
-TEST_F(WriterTest, FalseFromDoInitEndsTheWriterBeforeAnyRecord) {
-  story_.init_result = false;
-  WriterFrontend* frontend = create();
-  write(frontend, 1);
-  frontend->FlushWriteBuffer();
-  ASSERT_TRUE(until_destroyed());
-  EXPECT_TRUE(story_.numbers().empty());
-}
-
-TEST_F(WriterWithHeartbeatTest, FalseFromDoHeartbeatEndsTheWriter) {
-  story_.heartbeat_result = false;
-  WriterFrontend* frontend = create();
-  ASSERT_TRUE(until_destroyed());
-  write(frontend, 1);  // nobody is there any more
-  host_->Finish();
-  EXPECT_TRUE(story_.numbers().empty());
-}
-
-TEST_F(WriterWithHeartbeatTest, RecordsThatWaitedComeAfterTheHeartbeat) {
-  bool after_heartbeat = false;
-  story_.on_write = [&](WriterBackend*, Value**) {
-    after_heartbeat = story_.has("heartbeat");
-    return true;
+TEST_F(WriterTest, FailureOfACallbackEndsTheWriterAndDropsTheRest) {
+  const struct {
+    const char* what;
+    void (*fail)(Story*);
+    TypeTag last;  // of the last of three records
+    std::vector<uint64_t> written;
+  } cases[] = {
+      {"DoInit", [](Story* s) { s->init_result = false; }, TYPE_COUNT, {}},
+      {"DoHeartbeat", [](Story* s) { s->heartbeat_result = false; }, TYPE_COUNT, {}},
+      {"DoWrite",
+       [](Story* s) {
+         s->on_write = [](WriterBackend*, Value** vals) { return vals[0]->val.uint_val != 1; };
+       },
+       TYPE_COUNT,
+       {0, 1}},
+      {"a record of another type", [](Story*) {}, TYPE_INT, {}},
   };
-  write(create(), 1);
-  ASSERT_TRUE(until([&] { return story_.numbers().size() == 1; }));
-  host_->Finish();
-  EXPECT_TRUE(after_heartbeat);
-}
-
-TEST_F(WriterTest, StoppedWriterIsJoinedAndDeletedWhileTheHostGoesOn) {
-  WriterFrontend* frontend = create();
-  write(frontend, 7);
-  frontend->Stop();
-  ASSERT_TRUE(until_destroyed());
-  EXPECT_THAT(story_.numbers(), ElementsAre(7u));
-  EXPECT_TRUE(story_.has("finish"));
-  write(frontend, 8);
-  frontend->Stop();
-}
-
-TEST_F(WriterTest, EndedWriterIsDestroyedWhileAnotherStillWritesAtTheEnd) {
-  bool destroyed = false;
-  story_.on_write = [&](WriterBackend*, Value**) {
-    destroyed = test::wait_until([&] { return story_.has("destroy"); });
-    return true;
-  };
-  WriterFrontend* idle = create("idle");
-  WriterFrontend* busy = create("busy");
-  idle->Stop();
-  ASSERT_TRUE(test::wait_until([&] { return idle->backend->Killed(); }));
-  write(busy, 1);
-  host_->Finish();
-  EXPECT_TRUE(destroyed);
+  for (const auto& one : cases) {
+    SCOPED_TRACE(one.what);
+    const bool heartbeat = std::string(one.what) == "DoHeartbeat";
+    start(heartbeat ? 0.001 : 0);
+    story_.reset();
+    recorder_.Clear();
+    one.fail(&story_);
+    WriterFrontend* frontend = create();
+    ASSERT_TRUE(!heartbeat || until_destroyed());
+    write_many(frontend, 2);
+    write(frontend, 2, one.last);
+    frontend->FlushWriteBuffer();
+    ASSERT_TRUE(until_destroyed());
+    EXPECT_TRUE(frontend->Disabled());
+    write(frontend, 3);  // silently discarded
+    host_->Finish();
+    EXPECT_EQ(story_.numbers(), one.written);
+    EXPECT_FALSE(story_.has("finish"));
+    EXPECT_THAT(recorder_.Texts(ReportKind::kError),
+                ElementsAre("conn/Log::WRITER_PROBE: terminating thread"));
+  }
 }
 
 TEST_F(WriterTest, KeptPointersReadPoison) {
@@ -345,16 +292,13 @@ TEST_F(WriterDeathTest, RotationEndsTheProcess) {
       "internal error in thread: writer conn/Log::WRITER_PROBE did not call FinishedRotation");
 }
 
-TEST_F(WriterDeathTest, WritingFromAnotherThreadAborts) {
+TEST_F(WriterDeathTest, CallsFromAnotherThreadAbort) {
   EXPECT_DEATH(
       {
         WriterFrontend* frontend = create();
         std::thread([frontend] { write(frontend, 1); }).join();
       },
       "wrong thread: WriterFrontend::Write belongs to the host's main thread");
-}
-
-TEST_F(WriterDeathTest, PostingFromAnotherThreadAborts) {
   EXPECT_DEATH(
       {
         std::thread::id ran_on;
