@@ -1,8 +1,10 @@
 #include "ScriptReader.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <string.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -10,7 +12,6 @@
 #include <memory>
 
 #include "PluginFolder.h"
-#include "ScriptTokens.h"
 #include "Val.h"
 #include "standin/Host.h"
 #include "standin/Scripts.h"
@@ -21,6 +22,146 @@ namespace standin {
 namespace fs = std::filesystem;
 
 namespace {
+
+bool is_word_char(char c) {
+  return isalnum(static_cast<unsigned char>(c)) || c == '_';
+}
+
+bool is_blank(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f';
+}
+
+struct Token {
+  enum Kind {
+    kEnd,
+    kWord,       // identifiers with their ::, keywords, numbers and what sticks to them
+    kString,     // text: the content with its escapes undone
+    kDirective,  // @load ...: text is the whole line
+    kAttribute,  // &redef: text with the &
+    kSymbol      // one character; ":" "=" "{" ...
+  };
+
+  Kind kind;
+  std::string text;
+  int line;
+
+  bool is(const char* symbol_or_word) const {
+    return (kind == kSymbol || kind == kWord || kind == kAttribute) && text == symbol_or_word;
+  }
+};
+
+/// Splits a script into tokens. Comments and blanks vanish. Throws HostError ("NAME:LINE: ...")
+/// for a string that does not end.
+class Tokens {
+ public:
+  Tokens(const std::string& text, const std::string& name) : text_(text), name_(name) {
+    next_ = Scan();
+  }
+
+  /// The token that is next, without taking it.
+  const Token& Peek() const { return next_; }
+
+  Token Take() {
+    Token token = next_;
+    next_ = Scan();
+    return token;
+  }
+
+  [[noreturn]] void Fail(int line, const std::string& what) const {
+    throw HostError(name_ + ":" + std::to_string(line) + ": " + what);
+  }
+
+ private:
+  bool More() const { return at_ < text_.size(); }
+  /// The character that is next; NUL at the end.
+  char Here() const { return More() ? text_[at_] : '\0'; }
+
+  /// Skips, and gives, everything before one of these characters.
+  std::string Until(const char* characters) {
+    const size_t begin = at_;
+    at_ = std::min(text_.find_first_of(characters, begin), text_.size());
+    return text_.substr(begin, at_ - begin);
+  }
+
+  void SkipBlanks() {
+    while (Here() == '#' || is_blank(Here())) {
+      if (Here() == '#')
+        Until("\n");
+      line_ += Here() == '\n';
+      at_ += More();
+    }
+  }
+
+  Token Scan() {
+    SkipBlanks();
+    const int line = line_;
+    if (!More())
+      return {Token::kEnd, "", line};
+    if (is_word_char(Here()))
+      return {Token::kWord, ScanWord(), line};
+    if (Here() == '@') {
+      const std::string directive = Until("#\n");
+      return {Token::kDirective, directive.substr(0, directive.find_last_not_of(" \t\r\f") + 1),
+              line};
+    }
+    const char c = text_[at_++];
+    if (c == '"')
+      return {Token::kString, ScanString(), line};
+    if (c == '&' && isalpha(static_cast<unsigned char>(Here())))
+      return {Token::kAttribute, "&" + ScanWord(), line};
+    return {Token::kSymbol, std::string(1, c), line};
+  }
+
+  /// Behind the quotation mark that begins it.
+  std::string ScanString() {
+    std::string content;
+    for (;;) {
+      content += Until("\"\\\n");
+      if (!More() || Here() == '\n')
+        Fail(line_, "the string that begins here does not end on this line");
+      if (text_[at_++] == '"')
+        return content;
+      content += ScanEscape();
+    }
+  }
+
+  /// Behind the backslash of an escape.
+  char ScanEscape() {
+    const bool hex = Here() == 'x' && at_ + 1 < text_.size() &&
+                     isxdigit(static_cast<unsigned char>(text_[at_ + 1]));
+    if (hex || (Here() >= '0' && Here() <= '7')) {
+      at_ += hex;
+      size_t used = 0;
+      const auto byte = std::stoul(text_.substr(at_, hex ? 2 : 3), &used, hex ? 16 : 8);
+      at_ += used;
+      return static_cast<char>(byte);
+    }
+    static const char names[] = "ntvbrfa";
+    static const char bytes[] = "\n\t\v\b\r\f\a";
+    const char c = Here();
+    at_ += More();
+    const char* found = c ? strchr(names, c) : nullptr;
+    return found ? bytes[found - names] : c;
+  }
+
+  /// Words may hold "::" (module names) and "." (numbers, addresses).
+  std::string ScanWord() {
+    const size_t begin = at_;
+    const bool number = isdigit(static_cast<unsigned char>(Here()));
+    while (is_word_char(Here()) || (number && Here() == '.'))
+      at_ += text_.compare(at_ + 1, 2, "::") == 0 && at_ + 3 < text_.size() &&
+                     is_word_char(text_[at_ + 3])
+                 ? 3
+                 : 1;
+    return text_.substr(begin, at_ - begin);
+  }
+
+  const std::string text_;
+  const std::string name_;
+  size_t at_ = 0;
+  int line_ = 1;
+  Token next_;
+};
 
 const std::map<std::string, TypeTag>& plain_types() {
   static const std::map<std::string, TypeTag> types = {
@@ -45,7 +186,7 @@ class ScriptParser {
 
   void Parse() {
     bool exporting = false;
-    while (Next().kind != ScriptToken::kEnd) {
+    while (Next().kind != Token::kEnd) {
       if (Accept("export")) {
         Expect("{");
         exporting = true;
@@ -61,7 +202,7 @@ class ScriptParser {
 
  private:
   void Item() {
-    if (Next().kind == ScriptToken::kDirective)
+    if (Next().kind == Token::kDirective)
       Directive(tokens_.Take());
     else if (Accept("module"))
       Module();
@@ -77,7 +218,7 @@ class ScriptParser {
       SkipItem();
   }
 
-  void Directive(const ScriptToken& directive) {
+  void Directive(const Token& directive) {
     const size_t space = directive.text.find_first_of(" \t");
     const std::string word = directive.text.substr(0, space);
     if (word.compare(0, 3, "@if") == 0) {
@@ -95,10 +236,10 @@ class ScriptParser {
   // Conditions are not evaluated: neither branch counts.
   void SkipConditional(int line) {
     for (int open = 1; open > 0;) {
-      const ScriptToken token = tokens_.Take();
-      if (token.kind == ScriptToken::kEnd)
+      const Token token = tokens_.Take();
+      if (token.kind == Token::kEnd)
         tokens_.Fail(line, "this @if has no @endif");
-      if (token.kind == ScriptToken::kDirective)
+      if (token.kind == Token::kDirective)
         open += (token.text.compare(0, 3, "@if") == 0) - (token.text.compare(0, 6, "@endif") == 0);
     }
   }
@@ -113,7 +254,7 @@ class ScriptParser {
     const std::string name = Qualified(Word("the name of a constant"));
     if (Accept(":") && !Accept("string"))
       return SkipItem();
-    if (!Accept("=") || Next().kind != ScriptToken::kString)
+    if (!Accept("=") || Next().kind != Token::kString)
       return SkipItem();
     const std::string text = tokens_.Take().text;
     const bool redefinable = Accept("&redef");
@@ -165,10 +306,10 @@ class ScriptParser {
     const bool ends_with_block = with_block.count(Next().text) > 0;
     const int line = Next().line;
     std::string open;  // brackets that wait for their other half
-    while (Next().kind != ScriptToken::kEnd) {
+    while (Next().kind != Token::kEnd) {
       if (open.empty() && Next().is("}"))
         return;  // the enclosing block ends without a ';'
-      const ScriptToken token = tokens_.Take();
+      const Token token = tokens_.Take();
       if (token.is("(") || token.is("[") || token.is("{")) {
         open += token.text;
       } else if (token.is(")") || token.is("]") || token.is("}")) {
@@ -184,14 +325,14 @@ class ScriptParser {
                              "' is never closed");
   }
 
-  void Close(std::string* open, const ScriptToken& token) {
+  void Close(std::string* open, const Token& token) {
     const char partner = token.is(")") ? '(' : token.is("]") ? '[' : '{';
     if (open->empty() || open->back() != partner)
       tokens_.Fail(token.line, "a '" + token.text + "' without its '" + partner + "'");
     open->pop_back();
   }
 
-  const ScriptToken& Next() const { return tokens_.Peek(); }
+  const Token& Next() const { return tokens_.Peek(); }
 
   bool Accept(const char* symbol) {
     const bool there = Next().is(symbol);
@@ -207,7 +348,7 @@ class ScriptParser {
   }
 
   std::string Word(const char* what) {
-    if (Next().kind != ScriptToken::kWord)
+    if (Next().kind != Token::kWord)
       tokens_.Fail(Next().line,
                    std::string("expected ") + what + " instead of '" + Next().text + "'");
     return tokens_.Take().text;
@@ -219,7 +360,7 @@ class ScriptParser {
   }
 
   ScriptReader* reader_;
-  ScriptTokens tokens_;
+  Tokens tokens_;
   std::string name_;
   std::string module_;
 };
@@ -248,6 +389,14 @@ std::string ScriptReader::Resolve(const std::string& target, const std::string& 
     }
   }
   return "";
+}
+
+std::string unescaped(const std::string& text, const std::string& name) {
+  Tokens tokens("\"" + text + "\";", name + "=" + text);
+  const Token content = tokens.Take();
+  if (!tokens.Peek().is(";"))
+    throw HostError(name + ": a quotation mark in the value has to be written as \\\"");
+  return content.text;
 }
 
 }  // namespace standin

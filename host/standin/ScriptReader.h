@@ -38,4 +38,8 @@ class ScriptReader {
   std::set<std::string> seen_;
 };
 
+/// `text` as if it stood between quotation marks in a script: escapes count. Throws HostError,
+/// which begins with `name`, where that is not possible.
+std::string unescaped(const std::string& text, const std::string& name);
+
 }  // namespace standin

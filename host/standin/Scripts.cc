@@ -1,7 +1,7 @@
 #include "standin/Scripts.h"
 
 #include "MainThread.h"
-#include "ScriptTokens.h"
+#include "ScriptReader.h"
 #include "Val.h"
 #include "Var.h"
 #include "standin/Host.h"
@@ -61,12 +61,9 @@ void redefine(const std::string& name, const std::string& text) {
     throw HostError(name + ": there is no such option; the plug-in's scripts declare them");
   if (!id->IsRedefinable())
     throw HostError(name + ": its declaration does not carry &redef");
-  // The host puts the text between quotes and parses it, so escapes count.
-  ScriptTokens tokens("\"" + text + "\";", name + "=" + text);
-  const ScriptToken content = tokens.Take();
-  if (content.kind != ScriptToken::kString || !tokens.Peek().is(";"))
-    throw HostError(name + ": a quotation mark in the value has to be written as \\\"");
-  id->SetVal(new StringVal(static_cast<int>(content.text.size()), content.text.data()));
+  // The host puts the text between quotes and parses it.
+  const std::string content = unescaped(text, name);
+  id->SetVal(new StringVal(static_cast<int>(content.size()), content.data()));
 }
 
 }  // namespace standin
