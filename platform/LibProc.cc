@@ -1,6 +1,5 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <inttypes.h>
 #include <libproc.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -174,9 +173,9 @@ bool read_file_of(int pid, const char* name, char (&text)[kSize]) {
   return procfs::read_text(path, text, kSize) > 0;
 }
 
-/// What /proc/PID/stat tells. The command name in it is enclosed in brackets and may itself contain
-/// brackets and blanks, so its end is the last bracket of the file.
-bool fill_from_stat(int pid, struct proc_taskallinfo* info) {
+/// Takes the name and the parent from /proc/PID/stat. The name stands in brackets and may itself
+/// contain brackets and blanks, so its end is the last bracket of the file.
+bool fill_from_stat(int pid, struct proc_bsdinfo* info) {
   char text[1024];
   if (!read_file_of(pid, "stat", text))
     return false;
@@ -185,41 +184,18 @@ bool fill_from_stat(int pid, struct proc_taskallinfo* info) {
   if (name == nullptr || name_end == nullptr || name_end < name)
     return false;
   const size_t length = static_cast<size_t>(name_end - name - 1);
-  memcpy(info->pbsd.pbi_comm, name + 1, std::min(length, sizeof info->pbsd.pbi_comm - 1));
-  memcpy(info->pbsd.pbi_name, name + 1, std::min(length, sizeof info->pbsd.pbi_name - 1));
-
-  unsigned ppid = 0, pgid = 0;
-  int terminal_pgid = 0, priority = 0, nice = 0, threads = 0;
-  uint64_t user_ticks = 0, system_ticks = 0, virtual_bytes = 0, resident_pages = 0;
-  const int found = sscanf(name_end + 1,
-                           " %*c %u %u %*d %*d %d %*u %*u %*u %*u %*u %" SCNu64 " %" SCNu64
-                           " %*d %*d %d %d %d %*d %*u %" SCNu64 " %" SCNu64,
-                           &ppid, &pgid, &terminal_pgid, &user_ticks, &system_ticks, &priority,
-                           &nice, &threads, &virtual_bytes, &resident_pages);
-  if (found != 10)
-    return false;
-  info->pbsd.pbi_pid = static_cast<uint32_t>(pid);
-  info->pbsd.pbi_ppid = ppid;
-  info->pbsd.pbi_pgid = pgid;
-  info->pbsd.e_tpgid = static_cast<uint32_t>(terminal_pgid);
-  info->pbsd.pbi_nice = nice;
-  const uint64_t tick_ns = 1000000000u / static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
-  info->ptinfo.pti_total_user = user_ticks * tick_ns;
-  info->ptinfo.pti_total_system = system_ticks * tick_ns;
-  info->ptinfo.pti_virtual_size = virtual_bytes;
-  info->ptinfo.pti_resident_size = resident_pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-  info->ptinfo.pti_threadnum = threads;
-  info->ptinfo.pti_priority = priority;
-  return true;
+  memcpy(info->pbi_comm, name + 1, std::min(length, sizeof info->pbi_comm - 1));
+  memcpy(info->pbi_name, name + 1, std::min(length, sizeof info->pbi_name - 1));
+  info->pbi_pid = static_cast<uint32_t>(pid);
+  return sscanf(name_end + 1, " %*c %u", &info->pbi_ppid) == 1;
 }
 
-bool fill_ids_from_status(int pid, struct proc_taskallinfo* info) {
+bool fill_ids_from_status(int pid, struct proc_bsdinfo* bsd) {
   char text[4096];
   if (!read_file_of(pid, "status", text))
     return false;
   const char* uids = strstr(text, "\nUid:");
   const char* gids = strstr(text, "\nGid:");
-  struct proc_bsdinfo* bsd = &info->pbsd;
   return uids != nullptr && gids != nullptr &&
          sscanf(uids, "\nUid: %u %u %u", &bsd->pbi_ruid, &bsd->pbi_uid, &bsd->pbi_svuid) == 3 &&
          sscanf(gids, "\nGid: %u %u %u", &bsd->pbi_rgid, &bsd->pbi_gid, &bsd->pbi_svgid) == 3;
@@ -230,7 +206,7 @@ int task_information(int pid, void* buffer, int buffersize) {
   if (buffer == nullptr || buffersize < static_cast<int>(sizeof info))
     return fail(ENOMEM);
   memset(&info, 0, sizeof info);
-  if (!fill_from_stat(pid, &info) || !fill_ids_from_status(pid, &info))
+  if (!fill_from_stat(pid, &info.pbsd) || !fill_ids_from_status(pid, &info.pbsd))
     return fail(ESRCH);
   memcpy(buffer, &info, sizeof info);
   return static_cast<int>(sizeof info);
@@ -299,10 +275,8 @@ int proc_pidfdinfo(int pid, int fd, int flavor, void* buffer, int buffersize) {
   if (inode == 0)
     return 0;
   memset(&info, 0, sizeof info);
-  info.psi.soi_stat.vst_ino = inode;
   info.psi.soi_so = inode;
   info.psi.soi_pcb = inode;
-  info.psi.soi_kind = SOCKINFO_GENERIC;
   memcpy(buffer, &info, sizeof info);
   return static_cast<int>(sizeof info);
 }

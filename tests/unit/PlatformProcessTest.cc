@@ -133,12 +133,21 @@ TEST_F(PlatformProcessTest, ShortBufferGetsTheHighestPids) {
   }));
 }
 
-TEST_F(PlatformProcessTest, NothingIsWrittenBehindThePidBuffer) {
-  std::int32_t pids[3] = {-1, -1, -1};
-  EXPECT_EQ(proc_listpids(PROC_ALL_PIDS, 0, pids, 7), 4);
-  EXPECT_GT(pids[0], 0);
-  EXPECT_EQ(pids[1], -1);
-  EXPECT_EQ(proc_listpids(PROC_ALL_PIDS, 0, pids, 3), 0);
+TEST_F(PlatformProcessTest, NothingIsWrittenBehindTheBuffer) {
+  const auto list_pids = [](void* buffer, int room) {
+    return proc_listpids(PROC_ALL_PIDS, 0, buffer, room);
+  };
+  const auto list_descriptors = [](void* buffer, int room) {
+    return proc_pidinfo(getpid(), PROC_PIDLISTFDS, 0, buffer, room);
+  };
+  for (const auto& [list, entry] :
+       std::map<int (*)(void*, int), int>{{list_pids, 4}, {list_descriptors, 8}}) {
+    std::string buffer(32, '\x5a');
+    EXPECT_EQ(list(buffer.data(), entry - 1), 0);
+    EXPECT_EQ(list(buffer.data(), 2 * entry - 1), entry);
+    EXPECT_EQ(buffer.find_first_not_of('\x5a', static_cast<std::size_t>(entry)), std::string::npos);
+    EXPECT_NE(buffer.find_first_not_of('\x5a'), std::string::npos);
+  }
 }
 
 TEST_F(PlatformProcessTest, DescriptorsHaveTheirTypes) {
@@ -158,15 +167,6 @@ TEST_F(PlatformProcessTest, DescriptorsHaveTheirTypes) {
   EXPECT_EQ(types[ends[1]], static_cast<std::uint32_t>(PROX_FDTYPE_PIPE));
   EXPECT_EQ(types[file_fd], static_cast<std::uint32_t>(PROX_FDTYPE_VNODE));
   EXPECT_EQ(types[poll_fd], static_cast<std::uint32_t>(PROX_FDTYPE_KQUEUE));
-}
-
-TEST_F(PlatformProcessTest, NothingIsWrittenBehindTheDescriptorBuffer) {
-  unsigned char buffer[32];
-  std::memset(buffer, 0xa5, sizeof buffer);
-  EXPECT_EQ(proc_pidinfo(getpid(), PROC_PIDLISTFDS, 0, buffer, 15), 8);
-  for (std::size_t i = 8; i < sizeof buffer; ++i)
-    EXPECT_EQ(buffer[i], 0xa5) << i;
-  EXPECT_EQ(proc_pidinfo(getpid(), PROC_PIDLISTFDS, 0, buffer, 7), 0);
 }
 
 TEST_F(PlatformProcessTest, HandleOfASocketIsItsInode) {
@@ -202,10 +202,6 @@ TEST_F(PlatformProcessTest, TaskInformationIsThatOfTheProcess) {
   EXPECT_EQ(info.pbsd.pbi_uid, geteuid());
   EXPECT_EQ(info.pbsd.pbi_ruid, getuid());
   EXPECT_EQ(info.pbsd.pbi_gid, getegid());
-  EXPECT_EQ(info.pbsd.pbi_pgid, static_cast<std::uint32_t>(getpgrp()));
-  EXPECT_GE(info.ptinfo.pti_threadnum, 1);
-  EXPECT_GT(info.ptinfo.pti_resident_size, 0u);
-  EXPECT_GT(info.ptinfo.pti_virtual_size, info.ptinfo.pti_resident_size);
 }
 
 TEST_F(PlatformProcessTest, NameWithBracketsAndBlanksIsWhole) {

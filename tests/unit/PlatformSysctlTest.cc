@@ -201,12 +201,19 @@ TEST_F(PlatformSysctlTest, BothEndsOfAConnectionAreListed) {
   }
 }
 
-TEST_F(PlatformSysctlTest, ListenerIsListedWithoutAForeignEnd) {
-  const int listener = listen_on_loopback();
-  const std::vector<xtcpcb> found = records_of(listener);
-  ASSERT_EQ(found.size(), 1u);
-  EXPECT_EQ(std::uint16_t{found[0].xt_inp.inp_fport}, 0);
-  EXPECT_EQ(std::uint16_t{found[0].xt_inp.inp_lport}, own_address<sockaddr_in>(listener).sin_port);
+TEST_F(PlatformSysctlTest, ListenersOfBothFamiliesAreListedWithoutAForeignEnd) {
+  for (const auto& [listener, family] :
+       {std::pair(listen_on_loopback(), INP_IPV4), std::pair(listen_on_v6_loopback(), INP_IPV6)}) {
+    if (listener < 0)
+      GTEST_SKIP() << "no IPv6 here";
+    const std::vector<xtcpcb> found = records_of(listener);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(int{found[0].xt_inp.inp_vflag}, family);
+    EXPECT_EQ(std::uint16_t{found[0].xt_inp.inp_fport}, 0);
+    // The port stands in the same place of an IPv6 address.
+    EXPECT_EQ(std::uint16_t{found[0].xt_inp.inp_lport},
+              own_address<sockaddr_in6>(listener).sin6_port);
+  }
 }
 
 TEST_F(PlatformSysctlTest, ConnectionThatNobodyHoldsIsLeftOut) {
@@ -222,15 +229,6 @@ TEST_F(PlatformSysctlTest, ConnectionThatNobodyHoldsIsLeftOut) {
             (pcb.inp_lport == far && pcb.inp_fport == near);
   }
   EXPECT_EQ(ends, 1u);
-}
-
-TEST_F(PlatformSysctlTest, IPv6IsFlaggedAsSuch) {
-  const int listener = listen_on_v6_loopback();
-  if (listener < 0)
-    GTEST_SKIP() << "no IPv6 here";
-  const std::vector<xtcpcb> found = records_of(listener);
-  ASSERT_EQ(found.size(), 1u);
-  EXPECT_EQ(int{found[0].xt_inp.inp_vflag}, INP_IPV6);
 }
 
 TEST_F(PlatformSysctlTest, IPv4ConnectionOfAnIPv6SocketIsIPv4) {
@@ -266,7 +264,7 @@ TEST_F(PlatformSysctlTest, ListThatDoesNotFitIsAnErrorAndStaysWithinItsBuffer) {
   }
 }
 
-TEST_F(PlatformSysctlTest, ThousandSocketsAreAllListed) {
+TEST_F(PlatformSysctlTest, FiveHundredSocketsAreAllListed) {
   const int listener = listen_on_loopback();
   std::map<std::uint32_t, bool> wanted;
   for (int i = 0; i < 250; ++i) {
@@ -288,18 +286,12 @@ TEST_F(PlatformSysctlTest, NetlinkAndTheTextTableTellTheSame) {
   }));
 }
 
-TEST_F(PlatformSysctlTest, ErrorAtTheEndOfANetlinkAnswerLeadsToTheTextTable) {
+TEST_F(PlatformSysctlTest, NetlinkAnswerThatEndsWithAnErrorLeadsToTheTextTable) {
   const int listener = listen_on_loopback();
-  for (const std::int32_t error : {ENOENT, ENOMEM}) {
+  for (const std::int32_t error : {0, ENOENT, ENOMEM}) {
     netlink_end = -error;
-    EXPECT_EQ(records_of(listener).size(), 1u) << strerror(error);
+    EXPECT_EQ(records_of(listener).size(), error == 0 ? 0u : 1u) << strerror(error);
   }
-}
-
-TEST_F(PlatformSysctlTest, NetlinkAnswerThatEndsWithoutAnErrorIsTheWholeList) {
-  listen_on_loopback();
-  netlink_end = 0;
-  EXPECT_EQ(records(snapshot()).size(), 0u);
 }
 
 TEST_F(PlatformSysctlTest, BothWaysStopWhenThereIsNoMoreRoom) {

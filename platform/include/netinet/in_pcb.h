@@ -56,31 +56,7 @@ struct inpcb {
     struct in_addr_4in6 inp46_local;
     struct in6_addr inp6_local;
   } inp_dependladdr;
-  union {
-    uint8_t inp4_route[20];
-    uint8_t inp6_route[32];
-  } inp_dependroute;
-  struct {
-    uint8_t inp4_ip_tos;
-    uint32_t inp4_options;
-    uint32_t inp4_moptions;
-  } inp_depend4;
-  struct {
-    uint32_t inp6_options;
-    uint8_t inp6_hlim;
-    uint8_t unused_uint8_1;
-    uint16_t unused_uint16_1;
-    uint32_t inp6_outputopts;
-    uint32_t inp6_moptions;
-    uint32_t inp6_icmp6filt;
-    int32_t inp6_cksum;
-    uint16_t inp6_ifindex;
-    int16_t inp6_hops;
-  } inp_depend6;
-  int32_t hash_element;
-  uint32_t inp_saved_ppcb;
-  uint32_t inp_sp;
-  uint32_t reserved[3];
+  uint32_t inp_unread[24];
 };
 
 /// Opens and closes the list.

@@ -12,16 +12,6 @@
 
 typedef uint64_t so_gen_t;
 
-struct xsockbuf {
-  uint32_t sb_cc;
-  uint32_t sb_hiwat;
-  uint32_t sb_mbcnt;
-  uint32_t sb_mbmax;
-  int32_t sb_lowat;
-  int16_t sb_flags;
-  int16_t sb_timeo;
-};
-
 struct xsocket {
   uint32_t xso_len;
   uint32_t xso_so;
@@ -32,16 +22,7 @@ struct xsocket {
   uint32_t so_pcb;  ///< handle of the control block: its low 32 bits
   int32_t xso_protocol;
   int32_t xso_family;
-  int16_t so_qlen;
-  int16_t so_incqlen;
-  int16_t so_qlimit;
-  int16_t so_timeo;
-  uint16_t so_error;
-  int32_t so_pgid;
-  uint32_t so_oobmark;
-  struct xsockbuf so_rcv;
-  struct xsockbuf so_snd;
-  uint32_t so_uid;
+  uint32_t so_unread[18];
 };
 
 #pragma pack(pop)
