@@ -17,7 +17,7 @@
 
 namespace {
 
-/// What is told beyond the present number when a caller asks how much room a list needs.
+/// Spare entries that are added when a caller asks for the size of a list.
 constexpr int kRoomForNewPids = 20;
 constexpr int kRoomForNewDescriptors = 8;
 
@@ -32,8 +32,8 @@ struct Descriptor {
   uint64_t inode;
 };
 
-/// What the text of a link in /proc/PID/fd says, such as "socket:[4711]". The file itself is never
-/// touched: it may lie on a file system that does not answer.
+/// Reads the target of a link in /proc/PID/fd, e.g. "socket:[4711]". The file itself is never
+/// opened: its file system may not answer.
 Descriptor describe(const char* link) {
   static const char kSocket[] = "socket:[";
   if (strncmp(link, kSocket, sizeof kSocket - 1) == 0)
@@ -45,8 +45,8 @@ Descriptor describe(const char* link) {
   return {PROX_FDTYPE_VNODE, 0};
 }
 
-/// Looks at an entry of /proc/PID/fd; false when it is not there or may not be seen.
-bool look_at(int folder, const char* name, Descriptor* descriptor) {
+/// Reads the link `name` in the folder /proc/PID/fd. False if it is gone or may not be read.
+bool read_link(int folder, const char* name, Descriptor* descriptor) {
   char link[32];
   const ssize_t length = readlinkat(folder, name, link, sizeof link - 1);
   if (length < 0)
@@ -56,14 +56,13 @@ bool look_at(int folder, const char* name, Descriptor* descriptor) {
   return true;
 }
 
-/// The descriptors of the process that this thread looked at last. To look at a descriptor is most
-/// of the cost of a query, and whoever sizes the list of a process fetches it right afterwards, and
-/// then asks for the information of each socket. So all three are answered from one look, which is
-/// good for a moment.
+/// The descriptors of the process that this thread read last. Reading the links is most of the cost
+/// of a query. A caller asks for the size of the list, then for the list, then for each socket, so
+/// one reading answers all three. It is valid for 20 ms.
 class Listing {
  public:
-  /// Looks at every descriptor of a process; an empty listing where that is not possible.
-  void look(int pid) {
+  /// Reads every descriptor of a process. Empty if that is not possible.
+  void read(int pid) {
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/fd", pid);
     entries_.clear();
@@ -76,7 +75,7 @@ class Listing {
       char name[16];
       Descriptor descriptor;
       *std::to_chars(name, name + sizeof name - 1, fd).ptr = '\0';
-      if (look_at(folder.fd(), name, &descriptor))  // else closed since the folder was read
+      if (read_link(folder.fd(), name, &descriptor))  // else it was closed meanwhile
         entries_.push_back({fd, descriptor});
     }
   }
@@ -85,7 +84,7 @@ class Listing {
 
   int count() const { return static_cast<int>(entries_.size()); }
 
-  /// Lays as many descriptors into the buffer as fit, and returns their number.
+  /// Copies at most `most` descriptors into the buffer; returns their number.
   int copy(char* buffer, int most) const {
     const int copied = std::min(most, count());
     for (int i = 0; i < copied; ++i) {
@@ -96,8 +95,8 @@ class Listing {
     return copied;
   }
 
-  /// Null when the process had no such descriptor. They are asked for in the list's order, so the
-  /// search goes on where the one before has ended.
+  /// Null if the process had no such descriptor. Callers ask in the order of the list, so the
+  /// search begins where the last one ended.
   const Descriptor* find(int32_t fd) {
     for (size_t tried = 0; tried < entries_.size(); ++tried) {
       const Entry& entry = entries_[next_];
@@ -129,33 +128,33 @@ class Listing {
 };
 
 thread_local Listing listing;
-/// Whether the listing was made to size the list, which is not fetched yet.
+/// Whether the listing was made for the size of the list, and the list was not asked for yet.
 thread_local bool listing_is_for_fetch = false;
 
 int list_descriptors(int pid, void* buffer, int buffersize) {
   const int entry_bytes = static_cast<int>(sizeof(struct proc_fdinfo));
   const bool sizing = buffer == nullptr;
   if (sizing || !listing_is_for_fetch || !listing.is_of(pid))
-    listing.look(pid);
+    listing.read(pid);
   listing_is_for_fetch = sizing;
   if (!sizing)
     return listing.copy(static_cast<char*>(buffer), buffersize / entry_bytes) * entry_bytes;
-  // A process without descriptors (a kernel thread, a zombie) is left at that: room for new ones
-  // would only make the caller ask again for nothing.
+  // No spare room for a process without descriptors (a kernel thread, a zombie): the caller would
+  // ask again for nothing.
   return listing.count() == 0 ? 0 : (listing.count() + kRoomForNewDescriptors) * entry_bytes;
 }
 
-/// The inode of a socket; 0 and errno when it is none or cannot be looked at.
+/// The inode of a socket. 0 and errno if the descriptor is no socket or cannot be read.
 uint64_t socket_inode(int pid, int fd) {
   Descriptor descriptor;
   const Descriptor* seen = listing.is_of(pid) ? listing.find(fd) : nullptr;
-  // What was no socket may be one by now; nobody asks in a hurry for those.
+  // A descriptor that was no socket may be one by now.
   if (seen != nullptr && seen->type == PROX_FDTYPE_SOCKET) {
     descriptor = *seen;
   } else {
     char path[48];
     snprintf(path, sizeof path, "/proc/%d/fd/%d", pid, fd);
-    if (!look_at(AT_FDCWD, path, &descriptor))
+    if (!read_link(AT_FDCWD, path, &descriptor))
       return 0;
   }
   if (descriptor.type != PROX_FDTYPE_SOCKET) {
@@ -165,7 +164,7 @@ uint64_t socket_inode(int pid, int fd) {
   return descriptor.inode;
 }
 
-/// Reads /proc/PID/NAME whole.
+/// Reads the whole of /proc/PID/NAME.
 template <size_t kSize>
 bool read_file_of(int pid, const char* name, char (&text)[kSize]) {
   char path[32];
@@ -219,8 +218,7 @@ int proc_listpids(uint32_t type, uint32_t, void* buffer, int buffersize) {
     return fail(EINVAL);
   const int pid_bytes = static_cast<int>(sizeof(int32_t));
   if (buffer == nullptr) {
-    // To list them costs much more than to ask the kernel, which counts processes as links of
-    // /proc.
+    // The link count of /proc is the kernel's count of processes. It costs far less than a listing.
     struct stat status;
     return stat("/proc", &status) != 0
                ? 0
@@ -230,9 +228,9 @@ int proc_listpids(uint32_t type, uint32_t, void* buffer, int buffersize) {
   if (entries.fd() < 0)
     return 0;
   int32_t pid = 0;
-  // Darwin lists the newest process first; here that is roughly the highest pid. So where the
-  // buffer is too short, it is the long-lived kernel threads that are left out. The buffer serves
-  // as a heap with its lowest pid at the front.
+  // Darwin lists the newest process first; here that is roughly the highest pid. A short buffer
+  // leaves out the lowest pids, which are the kernel's threads. The buffer is a heap with the
+  // lowest pid at the front.
   int32_t* const begin = static_cast<int32_t*>(buffer);
   int32_t* end = begin;
   const int room = buffersize / pid_bytes;

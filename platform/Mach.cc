@@ -7,7 +7,7 @@
 
 namespace {
 
-/// Any name but 0, which is Darwin's "no port".
+/// Any number but 0, which means "no port" on Darwin.
 constexpr mach_port_t kThisHost = 1;
 
 uint64_t page_bytes() {
@@ -23,7 +23,7 @@ bool read_page_counts(struct vm_statistics* counts) {
       !procfs::find_number(text, "Active:", &active) ||
       !procfs::find_number(text, "Inactive:", &inactive))
     return false;
-  // The lines are not read at one instant, so their sum may exceed the total by a little.
+  // The kernel takes these counts at different moments, so their sum may exceed the total a little.
   const uint64_t known = free + active + inactive;
   const uint64_t wired = total > known ? total - known : 0;
   const uint64_t page_kib = page_bytes() / 1024;

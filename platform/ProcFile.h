@@ -1,4 +1,4 @@
-// Reading of /proc, without allocation: every buffer lies in the object or with the caller.
+// Reads files and folders of /proc. Nothing is allocated.
 #pragma once
 
 #include <dirent.h>
@@ -8,12 +8,12 @@
 
 namespace procfs {
 
-/// Reads a small file whole, cut to `size` - 1 bytes, and ends it with NUL. Returns the bytes read,
-/// or -1 and errno.
+/// Reads at most `size` - 1 bytes of a file and adds a NUL. Returns the bytes read, or -1 and
+/// errno.
 ssize_t read_text(const char* path, char* buffer, size_t size);
 
-/// Reads "name value" or "name: value" in `text`; `name` stands at the beginning of a line and
-/// includes the colon. False when it is not there.
+/// Finds the line that begins with `name` (e.g. "MemTotal:") and reads the decimal number after it.
+/// False if there is none.
 bool find_number(const char* text, const char* name, uint64_t* value);
 
 /// The lines of a file of any length.
@@ -24,10 +24,10 @@ class Lines {
   Lines(const Lines&) = delete;
   Lines& operator=(const Lines&) = delete;
 
-  /// The next line, ended with NUL, valid until the next call; null at the end of the file and on
-  /// failure. A line longer than the buffer comes in pieces.
+  /// The next line, with a NUL at its end; valid until the next call. Null at the end of the file
+  /// and on failure. A line longer than the buffer comes in pieces.
   const char* next();
-  /// Whether the file could not be opened or read to its end (errno says why).
+  /// Whether opening or reading has failed (errno).
   bool failed() const { return failed_; }
 
  private:
@@ -41,7 +41,7 @@ class Lines {
   char buffer_[16384];
 };
 
-/// The names in a folder that are numbers, in the folder's order.
+/// The entries of a folder whose names are numbers, in the folder's order.
 class NumberedEntries {
  public:
   explicit NumberedEntries(const char* path);
@@ -51,7 +51,7 @@ class NumberedEntries {
 
   /// False at the end and on failure.
   bool next(int32_t* number);
-  /// Descriptor of the folder, -1 when it could not be opened (errno says why).
+  /// The folder's descriptor, -1 if it could not be opened (errno).
   int fd() const { return fd_; }
 
  private:

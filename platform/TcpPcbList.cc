@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t kRoomForNewSockets = 64;
 
-/// Lays the list into the caller's buffer.
+/// Writes the list into the caller's buffer.
 class ListWriter : public TcpSocketSink {
  public:
   ListWriter(char* buffer, size_t size) : buffer_(buffer), size_(size) {}
@@ -47,7 +47,7 @@ class ListWriter : public TcpSocketSink {
     return append_bytes(&record, sizeof record);
   }
 
-  /// Closes the list and completes its header, which was written before the count was known.
+  /// Writes the trailer, and the header again: now the count is known.
   bool end() {
     if (!append_generation(count_))
       return false;
@@ -82,7 +82,7 @@ class ListWriter : public TcpSocketSink {
   uint32_t count_ = 0;
 };
 
-/// One list by one of the two ways.
+/// Writes the list with one of the two functions that read sockets.
 int write_list(int (*read_sockets)(TcpSocketSink*), char* buffer, size_t size, size_t* written) {
   ListWriter list(buffer, size);
   if (!list.begin())

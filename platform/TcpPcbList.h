@@ -6,12 +6,12 @@
 
 namespace platform {
 
-/// Bytes that the list needs now, with room for some new sockets. Never fails.
+/// The size of the list in bytes, with room for some new sockets. Never fails.
 size_t tcp_pcb_list_size();
 
-/// Writes a list to `buffer`, which has room for `size` bytes, and sets *written. A socket's inode
-/// is its handle. Sockets that no process holds are left out. Returns 0, ENOMEM when the list does
-/// not fit, or what reading failed with.
+/// Writes the list into `buffer` of `size` bytes; *written is its size in bytes. A socket's handle
+/// is its inode. Sockets without a process are left out. Returns 0, ENOMEM if the list does not
+/// fit, or the error of reading the sockets.
 int write_tcp_pcb_list(char* buffer, size_t size, size_t* written);
 
 }  // namespace platform

@@ -16,7 +16,7 @@ namespace platform {
 
 namespace {
 
-// States of <netinet/tcp.h> and the kernel's own 12, a request in the accept queue.
+// TCP states as in <netinet/tcp.h>; 12 is the kernel's own for a request in the accept queue.
 constexpr unsigned kSynReceived = 3;
 constexpr unsigned kTimeWait = 6;
 constexpr unsigned kNewSynReceived = 12;
@@ -29,7 +29,7 @@ bool is_v4_mapped(const uint32_t* address) {
   return address[0] == 0 && address[1] == 0 && address[2] == htonl(0xffff);
 }
 
-/// An IPv4 connection of an IPv6 socket counts as IPv4, as Darwin has it.
+/// An IPv4 connection of an IPv6 socket counts as IPv4, as on Darwin.
 void settle_family(TcpSocket* socket) {
   if (!socket->is_v6 || !is_v4_mapped(socket->foreign))
     return;
@@ -48,8 +48,8 @@ class NetlinkSocket {
   NetlinkSocket(const NetlinkSocket&) = delete;
   NetlinkSocket& operator=(const NetlinkSocket&) = delete;
 
-  /// Asks for all TCP sockets. The older of the two requests: it alone gives both address families
-  /// in one walk over the kernel's table, and that walk is most of the cost.
+  /// Requests all TCP sockets. This older kind of request gives both address families in one walk
+  /// over the kernel's table, and the walk is most of the cost.
   int ask() {
     struct {
       struct nlmsghdr header;
@@ -65,7 +65,7 @@ class NetlinkSocket {
     return 0;
   }
 
-  /// The next piece of the answer.
+  /// Receives the next part of the answer.
   int receive(char* buffer, size_t size, size_t* length) {
     ssize_t count;
     do
@@ -99,8 +99,8 @@ int add_message(const struct nlmsghdr* header, TcpSocketSink* sink) {
   return sink->add(socket) ? 0 : ENOMEM;
 }
 
-/// The error that a message of type NLMSG_ERROR or NLMSG_DONE carries, 0 for none. The kernel's
-/// ENOMEM becomes EIO, since here it means that the sink has no room.
+/// The error in a message of type NLMSG_ERROR or NLMSG_DONE, 0 for none. The kernel's ENOMEM
+/// becomes EIO: here ENOMEM means that the sink has no room.
 int error_of(const struct nlmsghdr* header) {
   int32_t error = 0;
   if (header->nlmsg_len >= NLMSG_LENGTH(sizeof error))
@@ -110,7 +110,7 @@ int error_of(const struct nlmsghdr* header) {
   return error == -ENOMEM ? EIO : -error;
 }
 
-/// Takes one piece of the answer; *done at its end.
+/// Reads one part of the answer. *done: it was the last.
 int add_messages(const char* buffer, size_t length, TcpSocketSink* sink, bool* done) {
   const struct nlmsghdr* header = reinterpret_cast<const struct nlmsghdr*>(buffer);
   for (; NLMSG_OK(header, length); header = NLMSG_NEXT(header, length)) {
@@ -223,7 +223,7 @@ int read_table(const char* path, bool is_v6, TcpSocketSink* sink) {
   return lines.failed() ? errno : 0;
 }
 
-/// The kernel's own count. 0 where it has none.
+/// The kernel's own count, 0 if it has none.
 size_t sockets_in_use(const char* path, const char* name) {
   char text[1024];
   uint64_t count = 0;

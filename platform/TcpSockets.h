@@ -1,4 +1,4 @@
-// The machine's TCP sockets, as the kernel tells them.
+// Reads the machine's TCP sockets from the kernel.
 #pragma once
 
 #include <stddef.h>
@@ -8,7 +8,7 @@ namespace platform {
 
 /// A TCP socket that a process holds. Addresses and ports are in network byte order.
 struct TcpSocket {
-  bool is_v6;         ///< false for IPv4 connections of IPv6 sockets, too
+  bool is_v6;         ///< false also for an IPv4 connection of an IPv6 socket
   uint32_t local[4];  ///< IPv4: the first word
   uint32_t foreign[4];
   uint16_t local_port;
@@ -16,24 +16,24 @@ struct TcpSocket {
   uint32_t inode;  ///< never 0
 };
 
-/// Takes the sockets one by one.
+/// Receives the sockets one by one.
 class TcpSocketSink {
  public:
   virtual ~TcpSocketSink() {}
-  /// False: there is no room for more.
+  /// False if there is no room.
   virtual bool add(const TcpSocket& socket) = 0;
 };
 
-/// Hands every socket that a process holds to `sink`: not those that are still being accepted, nor
-/// those that were closed and wait out their time. Return 0, ENOMEM when the sink had no room, or
-/// what reading failed with. Thread-safe, without allocation.
+/// Gives every socket that a process holds to `sink`. Connections that are not accepted yet and
+/// those in TIME_WAIT have no process. Return 0, ENOMEM if the sink had no room, or the error of
+/// reading. Thread-safe; nothing is allocated.
 ///
-/// The first asks the kernel by netlink, which is many times faster, but not possible everywhere;
-/// the second reads /proc/net/tcp and /proc/net/tcp6.
+/// The first uses netlink, which is many times faster but not permitted everywhere. The second
+/// reads /proc/net/tcp and /proc/net/tcp6.
 int read_tcp_sockets_by_netlink(TcpSocketSink* sink);
 int read_tcp_sockets_from_proc(TcpSocketSink* sink);
 
-/// About how many there are. Costs far less than reading them.
+/// The approximate number of sockets. Far cheaper than reading them.
 size_t count_tcp_sockets();
 
 }  // namespace platform

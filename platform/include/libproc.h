@@ -1,9 +1,8 @@
-// Darwin's <libproc.h>: processes and their descriptors, here out of /proc.
+// Darwin's <libproc.h>: processes and their descriptors, read from /proc.
 //
-// All functions are thread-safe. The sockets of the process that a thread listed last are kept for
-// 20 ms, for its calls of proc_pidfdinfo. What the caller may not look at (processes of other
-// users, for an ordinary user) is as if it had no descriptors. Hidden, so that they stay inside the
-// object that links them.
+// All functions are thread-safe. Each thread keeps the sockets of the process that it listed last
+// for 20 ms, for its calls of proc_pidfdinfo. A process that the caller may not inspect seems to
+// have no descriptors. The functions are hidden: only the object that links them can call them.
 #pragma once
 
 #include <stdint.h>
@@ -15,18 +14,19 @@
 extern "C" {
 #endif
 
-/// The pids of all processes (`type` PROC_ALL_PIDS), highest first, as 32-bit integers into a
-/// buffer of `buffersize` bytes; what does not fit is left out. Returns the bytes written; without
-/// a buffer the bytes needed, with room for some new processes. 0 and errno on failure.
+/// Writes the pids of all processes (`type` PROC_ALL_PIDS) as 32-bit integers, highest first, into
+/// a buffer of `buffersize` bytes; pids that do not fit are left out. Returns the bytes written, or
+/// for a null buffer the bytes needed with room for some new processes. 0 and errno on failure.
 int proc_listpids(uint32_t type, uint32_t typeinfo, void* buffer, int buffersize);
 
-/// PROC_PIDLISTFDS: one struct proc_fdinfo per open descriptor, as many as fit; without a buffer
-/// the bytes needed, with room for some new ones. PROC_PIDTASKALLINFO: one struct proc_taskallinfo.
-/// Returns the bytes written; 0 and errno when the process cannot be read.
+/// PROC_PIDLISTFDS: writes a struct proc_fdinfo for each open descriptor, as many as fit; for a
+/// null buffer only returns the bytes needed, with room for some new ones. PROC_PIDTASKALLINFO:
+/// writes a struct proc_taskallinfo. Returns the bytes written; 0 and errno if the process cannot
+/// be read.
 int proc_pidinfo(int pid, int flavor, uint64_t arg, void* buffer, int buffersize);
 
-/// PROC_PIDFDSOCKETINFO: one struct socket_fdinfo, in which the handle psi.soi_pcb is the same as
-/// in the record of the socket's control block. Returns the bytes written; 0 and errno when the
+/// PROC_PIDFDSOCKETINFO: writes a struct socket_fdinfo, whose handle psi.soi_pcb is also that of
+/// the socket's record in the list of TCP sockets. Returns the bytes written; 0 and errno if the
 /// descriptor cannot be read or is no socket.
 int proc_pidfdinfo(int pid, int fd, int flavor, void* buffer, int buffersize);
 

@@ -1,6 +1,6 @@
-// Darwin's <mach/mach.h>: page size and page counts of this machine, here out of /proc/meminfo.
+// Darwin's <mach/mach.h>: page size and page counts of this machine, read from /proc/meminfo.
 //
-// All functions are thread-safe and hidden, so that they stay inside the object that links them.
+// All functions are thread-safe. They are hidden: only the object that links them can call them.
 #pragma once
 
 #include <stdint.h>
@@ -22,10 +22,9 @@ typedef integer_t* host_info_t;
 /// host_statistics
 #define HOST_VM_INFO 2
 
-/// Page counts. Linux's figures are laid onto them so that, as on Darwin, every page of physical
-/// memory is exactly one of free, active, inactive and wired: active and inactive are the kernel's
-/// lists of that name (programs' memory and file cache), wired is everything else that is not free
-/// (the kernel's own, page tables, locked pages).
+/// Page counts. As on Darwin, every page of physical memory is free, active, inactive or wired.
+/// Active and inactive are the kernel's lists of that name (programs' memory and file cache). Wired
+/// is all the rest (the kernel's own memory, page tables, locked pages).
 struct vm_statistics {
   natural_t free_count;
   natural_t active_count;
@@ -58,14 +57,14 @@ static_assert(HOST_VM_INFO_COUNT == 15, "page counts");
 extern "C" {
 #endif
 
-/// A name for this machine, for the two functions below.
+/// The port of this machine, for the two functions below.
 mach_port_t mach_host_self(void);
 
 /// Bytes per page of virtual memory.
 kern_return_t host_page_size(host_t host, vm_size_t* page_size);
 
-/// HOST_VM_INFO: fills a struct vm_statistics; *count is its size in integers, and must be at least
-/// HOST_VM_INFO_COUNT. Anything but KERN_SUCCESS means that nothing was written.
+/// HOST_VM_INFO: fills a struct vm_statistics. *count is its size in integers, at least
+/// HOST_VM_INFO_COUNT. On failure (not KERN_SUCCESS) nothing is written.
 kern_return_t host_statistics(host_t host, host_flavor_t flavor, host_info_t info,
                               mach_msg_type_number_t* count);
 

@@ -3,8 +3,8 @@
 // Known here: {CTL_VM, VM_LOADAVG} (struct loadavg), {CTL_HW, HW_MEMSIZE} (a 64-bit byte count) and
 // "net.inet.tcp.pcblist" (see <netinet/tcp_var.h>). Everything else fails with ENOENT.
 //
-// The functions are hidden: libc may export a function named sysctl too, and neither the host nor
-// another library may end up with this one.
+// The functions are hidden: libc may export a function named sysctl, too, and no other library may
+// be linked to this one.
 #pragma once
 
 #include <stddef.h>
@@ -29,10 +29,9 @@ struct loadavg {
 extern "C" {
 #endif
 
-/// Both: without `oldp` *oldlenp becomes the size needed (for a list that changes: with some room
-/// to grow); with it the value is copied to `oldp`, which has room for *oldlenp bytes, and *oldlenp
-/// becomes the bytes written. A value that does not fit is an error (ENOMEM). Nothing can be set
-/// (EPERM). 0 on success, else -1 and errno. Thread-safe.
+/// Both write the value into `oldp` of *oldlenp bytes and set *oldlenp to the bytes written. For a
+/// null `oldp` they set *oldlenp to the bytes needed (for the list: with some room to grow). Return
+/// 0, or -1 and errno: ENOMEM if the value does not fit, EPERM for a new value. Thread-safe.
 int sysctl(int* name, unsigned int namelen, void* oldp, size_t* oldlenp, void* newp, size_t newlen);
 int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void* newp, size_t newlen);
 
