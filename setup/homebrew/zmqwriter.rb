@@ -37,6 +37,7 @@ class Zmqwriter < Formula
       The host finds the plug-in if BRO_PLUGIN_PATH has this folder:
         #{opt_lib}/bro/plugins
       The agent's identifier and the spool lie in #{folder}.
+      For zmqwriter-start, set ZMQWRITER_SPOOL=#{folder}/spool.
       If the host runs as another user than you, give it to that user:
         sudo chown USER #{folder}
     EOS

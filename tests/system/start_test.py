@@ -40,7 +40,7 @@ class StartTest(CliTest):
     def test_spool_in_any_state_is_repaired_as_far_as_possible_before_the_host_starts(self):
         unclean = {"queue.dat": chunk(0, [b"one", b"two"])}
         for name, files, found, said in (
-                ("missing", None, None, "there is no folder a spool"),
+                ("missing", None, None, "there is no folder a spool, so nothing to repair; ZMQWRITER_SPOOL"),
                 ("empty", {}, 0, "nothing to repair in 0 files"),
                 ("sound", {"queue.dat": chunk(1, [b"one"])}, 1, "nothing to repair in 1 file"),
                 ("unclean", unclean, 2, "header set to 2 records"),
