@@ -10,6 +10,7 @@ import re
 import resource
 import shutil
 import signal
+import struct
 import time
 import unittest
 
@@ -374,6 +375,23 @@ class EndTest(SpoolTestCase):
                 self.assertIn("\nsent so far: 0 messages, failed: ", replay.stderr)
                 self.assert_spool_is_closed(replay)
             shutil.rmtree(self.SPOOL)
+
+    def test_signal_while_the_spool_is_looked_at_ends_at_once(self):
+        write_file("a.log", log_of(1))
+        self.settings_for("tcp://127.0.0.1:9")
+        os.mkdir(self.SPOOL)
+        records = 1 << 20  # without a byte; looking at them takes seconds
+        with open(self.SPOOL + "/queue.dat", "wb") as file:
+            file.write(b"ZMQF" + struct.pack("<II", 12 + 4 * records, records))
+            file.truncate(12 + 4 * records)
+        replay = self.start_replay("a.log")
+        descriptors = "/proc/%d/fd/" % replay.popen.pid
+        if not os.path.exists(descriptors):
+            self.skipTest("needs /proc")
+        wait_for(lambda: any(os.readlink(descriptors + name).endswith("queue.dat")
+                             for name in os.listdir(descriptors)), "the look")
+        replay.popen.send_signal(signal.SIGINT)
+        self.assertEqual(replay.wait(), -signal.SIGINT)
 
     def test_second_signal_closes_the_spool_and_ends_at_once(self):
         replay = self.start_without_server("--drain", "600")

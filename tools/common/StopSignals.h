@@ -13,7 +13,7 @@ void catch_stop_signals();
 void catch_hangup_as_stop();
 
 /// Makes SIGINT, SIGTERM and, unless it is ignored, SIGHUP requests to stop, of which none ends the
-/// process. Main thread, before others exist.
+/// process. Main thread.
 void count_stop_signals();
 
 /// How many requests to stop have arrived. Any thread.

@@ -119,6 +119,7 @@ class Replay {
 
   int Run() {
     spool_->Begin(options_.ignore_spool);
+    count_stop_signals();  // before this, nothing has begun, and a signal ends the process
     watch_ = std::make_unique<EndWatch>(std::max(options_.drain_s, kLeastEnd_s), *spool_);
     OpenLogs();
     start_ = last_progress_ = last_running_ = Clock::now();
@@ -417,7 +418,6 @@ void allow_open_files(std::size_t logs) {
 
 int replay(const ReplayOptions& options) {
   allow_open_files(options.logs.size());
-  count_stop_signals();
   return Replay(options).Run();
 }
 
