@@ -618,6 +618,7 @@ class CollectFullDiskTest(CliTest):
         self.assertIsNone(collector.popen.poll())
         collector.popen.send_signal(signal.SIGTERM)
         self.assertEqual(collector.wait(), 1)
+        self.assertIn("stopping: the output has 30 s more", collector.stderr)
         self.assertIn("3 of the events received did not get out", collector.stderr)
 
 

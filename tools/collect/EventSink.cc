@@ -174,6 +174,14 @@ void EventSink::WaitAfter(int error) {
   const bool give_up = options_.exit_on_full && error != EAGAIN;
   if (!may_pass(error) || give_up || (stop_requested() && ++last_waits_ > kLastWaits))
     return Fail(error);
+  if (stop_requested() && !told_end_) {
+    std::fprintf(
+        stderr,
+        "stopping: the output has %d s more to accept what is received; a second signal of "
+        "the same kind loses that at once\n",
+        kLastWaits);
+    told_end_ = true;
+  }
   if (!stalled_)
     std::fprintf(stderr, "warning: %s; receiving pauses until it accepts events again\n",
                  problem_of(error).c_str());

@@ -81,6 +81,7 @@ class EventSink {
   bool stalled_ = false;
   bool out_of_place_ = false;  // the open file, and its path cannot be opened
   int last_waits_ = 0;         // after a stop signal, without progress
+  bool told_end_ = false;      // that they have begun
   std::string problem_;
 };
 
