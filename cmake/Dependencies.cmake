@@ -2,7 +2,7 @@
 #   ZMQWriter::zmq          libzmq with CURVE
 #   ZMQWriter::flatbuffers  the FlatBuffers runtime headers
 #   ZMQWRITER_FLATC         the FlatBuffers compiler
-#   prometheus-cpp::pull    the server of metrics, for the tools (tools/CMakeLists.txt looks for it)
+# tools/CMakeLists.txt looks for what the tools alone need.
 
 function(zmqwriter_need variable what debian homebrew)
   if(NOT ${variable})

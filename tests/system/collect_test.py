@@ -365,7 +365,7 @@ class CollectMetricsTest(CliTest):
         return values
 
     def test_scrape_has_the_counts_of_the_moment(self):
-        collector = self.collect_with_metrics()
+        collector = self.collect_with_metrics("--most-agents", "1")
         agent = self.agent(collector.endpoint)
         event = make_event(agent=b'a"b\\c\nd\xff')
         for message in (event, b"", b"no event", event):
@@ -375,7 +375,9 @@ class CollectMetricsTest(CliTest):
         wait_for(lambda: len(collector.lines()) == 3, "the events")
         printed = lambda: sum(len(line) + 1 for line in collector.lines())
         wait_for(lambda: self.scrape(collector)["output_bytes_total"] == printed(), "the output")
-        self.assertEqual(self.scrape(collector), {
+        found = {name: value for name, value in self.scrape(collector).items()
+                 if value and not name.startswith(("agent_last", "build_info", "connections"))}
+        self.assertEqual(found, {
             'events_total{type="Tn5250Data"}': 3,
             'event_bytes_total{type="Tn5250Data"}': 3 * len(event),
             r'agent_events_total{agent="a\"b\\x5cc\\x0ad\\xff"}': 3,
@@ -383,20 +385,12 @@ class CollectMetricsTest(CliTest):
             'bad_messages_total{reason="empty"}': 1,
             'bad_messages_total{reason="malformed"}': 1,
             'bad_messages_total{reason="multi_part"}': 1,
-            'output_bytes_total': printed(),
-            'output_files_finished_total': 0,
-            'output_stalled': 0})
+            'output_bytes_total': printed()})
+        agent.send(make_event(agent=b"another"))
+        wait_for(lambda: self.scrape(collector).get('agent_events_total{agent="(others)"}') == 3,
+                 "the first agent to make room")
         collector.popen.send_signal(signal.SIGTERM)
         self.assertEqual(collector.wait(), 0)
-
-    def test_many_half_requests_do_not_shut_out_a_scrape(self):
-        collector = self.collect_with_metrics()
-        port = int(re.search(r":(\d+)/", collector.url).group(1))
-        for _ in range(10):
-            half = socket.create_connection(("127.0.0.1", port))
-            self.addCleanup(half.close)
-            half.sendall(b"GET /metr")
-        self.assertIn("output_bytes_total", self.scrape(collector))
 
 
 @needs_zmq

@@ -20,12 +20,12 @@ namespace schema = Dravenholt;
 
 /// Counts an event of `size` bytes.
 void count(CollectStats* stats, const char* agent, std::size_t size = 10,
-           schema::Data type = schema::Data_NONE) {
+           schema::Data type = schema::Data_NONE, double now = 1000) {
   flatbuffers::FlatBufferBuilder builder;
   const auto agent_id =
       agent ? builder.CreateString(agent) : flatbuffers::Offset<flatbuffers::String>();
   builder.Finish(schema::CreateNetworkEvent(builder, 0, 1.0, 0, agent_id, type));
-  stats->CountEvent(EventMessage(builder.GetBufferPointer(), builder.GetSize()), size);
+  stats->CountEvent(EventMessage(builder.GetBufferPointer(), builder.GetSize()), size, now);
 }
 
 TEST(CollectStatsTest, EventsAreCountedByTypeAndAgent) {
@@ -54,17 +54,40 @@ TEST(CollectStatsTest, AbsentAndEmptyAgentsAreOne) {
   EXPECT_EQ(stats.Counts().by_agent.at(kNoAgent).events, 2u);
 }
 
-TEST(CollectStatsTest, HundredAgentsAreToldApartAndTheRestIsLumped) {
-  CollectStats stats;
-  for (int number = 0; number < 150; ++number)
-    count(&stats, ("agent-" + std::to_string(number)).c_str());
-  count(&stats, "agent-99");
-  count(&stats, "agent-100");
+TEST(CollectStatsTest, AgentThatWasNotSeenForLongestMakesRoom) {
+  CollectStats stats(3);
+  double now = 1000;
+  for (const char* const agent : {"a", "b", "c", "a", "d", "e", "c"})
+    count(&stats, agent, 10, schema::Data_NONE, now++);
   const CollectCounts counts = stats.Counts();
-  EXPECT_EQ(counts.by_agent.size(), 101u);
-  EXPECT_EQ(counts.by_agent.at("agent-99").events, 2u);
-  EXPECT_EQ(counts.by_agent.count("agent-100"), 0u);
-  EXPECT_EQ(counts.by_agent.at(kOtherAgents).events, 51u);
+  ASSERT_EQ(counts.by_agent.size(), 4u);
+  for (const char* const agent : {"d", "e", "c"})
+    EXPECT_EQ(counts.by_agent.at(agent).events, 1u) << agent;
+  EXPECT_EQ(counts.by_agent.at(kOtherAgents).events, 4u);
+  EXPECT_EQ(counts.by_agent.at(kOtherAgents).bytes, 40u);
+}
+
+TEST(CollectStatsTest, TrafficIsGivenByMinuteAndAsRates) {
+  Traffic traffic;
+  EXPECT_EQ(traffic.Rates(6000).first, 0);
+  traffic.Add(100, 6010);
+  EXPECT_EQ(traffic.Rates(6010), std::pair(1.0, 100.0)) << "over a second at least";
+  EXPECT_EQ(traffic.Rates(6030), std::pair(1 / 20.0, 100 / 20.0));
+  traffic.Add(300, 6070);
+  traffic.Add(300, 6065);  // the clock was set back
+  EXPECT_EQ(traffic.last(), 6070);
+  EXPECT_EQ(traffic.Rates(6070), std::pair(3 / 60.0, 700 / 60.0));
+  EXPECT_EQ(traffic.Rates(6140), std::pair(2 / 80.0, 600 / 80.0)) << "the minute before and 20 s";
+  EXPECT_EQ(traffic.Rates(7000).first, 0);
+  traffic.Add(1, 6000 + 59 * 60);
+  const auto minutes = traffic.Minutes(6000 + 60 * 60);
+  EXPECT_EQ(minutes[0].events, 2u);
+  EXPECT_EQ(minutes[1].events + minutes[57].events, 0u);
+  EXPECT_EQ(minutes[58].bytes, 1u);
+  EXPECT_EQ(minutes[59].events, 0u);
+  traffic.Add(5, 6000 + 200 * 60);
+  EXPECT_EQ(traffic.Minutes(6000 + 200 * 60)[58].events, 0u) << "older hours are forgotten";
+  EXPECT_EQ(traffic.events, 5u);
 }
 
 TEST(CollectStatsTest, AgentThatCallsItselfOthersIsNotTakenForThem) {

@@ -52,7 +52,13 @@ constexpr const char* kFooter =
     "keys, such as forwarding collectors. Agents of this plug-in cannot connect, because they\n"
     "make a new key pair for each connection.\n"
     "\n"
-    "--metrics and --stats count at most 100 agents by name, all others as '(others)'.";
+    "--metrics serves a page for a person at http://HOST:PORT/, the same as JSON at /status.json,\n"
+    "counts for Prometheus at /metrics, and /healthz, whose status is 503 while the output "
+    "accepts\n"
+    "nothing. Anyone who reaches the port can read them.\n"
+    "\n"
+    "--metrics and --stats tell --most-agents agents apart. Where another one comes, the one that\n"
+    "was not seen for longest makes room; its counts go to '(others)'.";
 
 void warn_if_readable_by_others(const std::string& file) {
   struct stat status;
@@ -147,10 +153,15 @@ void add_watching_options(CLI::App* command, CollectOptions* options) {
       ->check(interval());
   command
       ->add_option("--metrics", options->metrics_address,
-                   "Serve counts for Prometheus over HTTP, e.g. on 127.0.0.1:9100; with port 0 the "
-                   "system chooses one. The address is printed ('metrics on http://...')")
+                   "Show the collector over HTTP, e.g. on 127.0.0.1:9155: a page, and counts for "
+                   "Prometheus (see below). With port 0 the system chooses one; the addresses are "
+                   "printed")
       ->type_name("HOST:PORT")
       ->check(option_check(metrics_address_problem));
+  command->add_option("--most-agents", options->most_agents, "Tell at most N agents apart by name")
+      ->type_name("N")
+      ->check(positive_count())
+      ->capture_default_str();
   command->add_option("--count", options->count, "Stop after N events")
       ->type_name("N")
       ->check(positive_count());

@@ -1,5 +1,8 @@
 #include "CollectStats.h"
 
+#include <algorithm>
+#include <chrono>
+
 #include "EventJson.h"
 #include "Text.h"
 
@@ -9,12 +12,50 @@ namespace {
 
 using Lock = std::lock_guard<std::mutex>;
 
-void add(Tally* tally, std::size_t size) {
-  ++tally->events;
-  tally->bytes += size;
+void add(Tally* tally, const Tally& more) {
+  tally->events += more.events;
+  tally->bytes += more.bytes;
 }
 
+constexpr double kMinute = 60;
+
 }  // namespace
+
+void Traffic::Add(std::uint64_t size, double now) {
+  if (events == 0)
+    first_ = last_ = now;
+  last_ = std::max(last_, now);
+  const auto minute = static_cast<std::int64_t>(last_ / kMinute);
+  for (auto passed = std::max(minute_ + 1, minute - kMinutes + 1); passed <= minute; ++passed)
+    minutes_[static_cast<std::size_t>(passed % kMinutes)] = {};
+  minute_ = minute;
+  add(&minutes_[static_cast<std::size_t>(minute % kMinutes)], {1, size});
+  add(this, {1, size});
+}
+
+Tally Traffic::Minute(std::int64_t minute) const {
+  return minute <= minute_ && minute > minute_ - kMinutes
+             ? minutes_[static_cast<std::size_t>(minute % kMinutes)]
+             : Tally();
+}
+
+std::array<Tally, Traffic::kMinutes> Traffic::Minutes(double now) const {
+  std::array<Tally, kMinutes> minutes;
+  const auto newest = static_cast<std::int64_t>(now / kMinute);
+  for (int i = 0; i < kMinutes; ++i)
+    minutes[static_cast<std::size_t>(i)] = Minute(newest - kMinutes + 1 + i);
+  return minutes;
+}
+
+std::pair<double, double> Traffic::Rates(double now) const {
+  const auto minute = static_cast<std::int64_t>(now / kMinute);
+  Tally recent = Minute(minute - 1);
+  add(&recent, Minute(minute));
+  const double since = std::max(first_, static_cast<double>(minute - 1) * kMinute);
+  const double seconds = std::max(now - since, 1.0);
+  return {static_cast<double>(recent.events) / seconds,
+          static_cast<double>(recent.bytes) / seconds};
+}
 
 std::string agent_label(std::string_view name) {
   const auto escape = [](char c) { return "\\x" + hex_digits(&c, 1, kLowerHex); };
@@ -24,21 +65,30 @@ std::string agent_label(std::string_view name) {
   return printable(text, escape);
 }
 
-Tally* CollectStats::AgentTally(std::string_view agent) {
+double CollectStats::Now() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+Traffic* CollectStats::AgentTraffic(std::string_view agent) {
   agent = agent.substr(0, kLongestAgent);
   const auto known = by_agent_.find(agent);
   if (known != by_agent_.end())
     return &known->second;
-  if (by_agent_.size() >= kMostAgents)
-    return &other_agents_;
+  if (by_agent_.size() >= most_agents_) {
+    const auto oldest = std::min_element(
+        by_agent_.begin(), by_agent_.end(),
+        [](const auto& a, const auto& b) { return a.second.last() < b.second.last(); });
+    add(&other_agents_, oldest->second);
+    by_agent_.erase(oldest);
+  }
   return &by_agent_[std::string(agent)];
 }
 
-void CollectStats::CountEvent(const EventMessage& event, std::size_t size) {
+void CollectStats::CountEvent(const EventMessage& event, std::size_t size, double now) {
   const Lock lock(mutex_);
-  add(&counts_.all, size);
-  add(&by_type_[event.PayloadNumber()], size);
-  add(AgentTally(event.AgentId()), size);
+  counts_.all.Add(size, now);
+  add(&by_type_[event.PayloadNumber()], {1, size});
+  AgentTraffic(event.AgentId())->Add(size, now);
 }
 
 void CollectStats::CountEmpty() {
@@ -56,6 +106,16 @@ void CollectStats::CountMultiPart() {
   ++counts_.multi_part;
 }
 
+void CollectStats::CountRefusal(Refusal reason) {
+  const Lock lock(mutex_);
+  ++counts_.refused[static_cast<std::size_t>(reason)];
+}
+
+void CollectStats::NoteConnections(std::uint64_t open) {
+  const Lock lock(mutex_);
+  counts_.connections = open;
+}
+
 void CollectStats::NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files,
                               bool stalled) {
   const Lock lock(mutex_);
@@ -71,8 +131,8 @@ CollectCounts CollectStats::Counts() const {
     if (by_type_[number].events > 0)
       counts.by_type[payload_type_name(static_cast<std::uint8_t>(number))] = by_type_[number];
   }
-  for (const auto& [name, tally] : by_agent_)
-    counts.by_agent[name.empty() ? kNoAgent : agent_label(name)] = tally;
+  for (const auto& [name, traffic] : by_agent_)
+    counts.by_agent[name.empty() ? kNoAgent : agent_label(name)] = traffic;
   if (other_agents_.events > 0)
     counts.by_agent[kOtherAgents] = other_agents_;
   return counts;

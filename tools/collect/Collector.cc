@@ -53,13 +53,16 @@ std::unique_ptr<ClientGate> make_gate(const CollectOptions& options, ZmqContext*
   return std::make_unique<ClientGate>(context, std::move(allowed), options.quiet);
 }
 
-std::unique_ptr<Metrics> make_metrics(const CollectOptions& options, const CollectStats& stats,
-                                      const ClientGate* gate) {
+std::unique_ptr<StatusServer> make_server(const CollectOptions& options, const CollectStats& stats,
+                                          const ClientGate* gate) {
   if (options.metrics_address.empty())
     return nullptr;
-  auto metrics = std::make_unique<Metrics>(options.metrics_address, stats, gate);
-  std::fprintf(stderr, "metrics on %s\n", metrics->url().c_str());
-  return metrics;
+  const Watched collector = {stats, gate, options.endpoints, options.sink.path,
+                             options.sink.format};
+  auto server = std::make_unique<StatusServer>(options.metrics_address, collector);
+  std::fprintf(stderr, "status on %s\nmetrics on %smetrics\n", server->url().c_str(),
+               server->url().c_str());
+  return server;
 }
 
 /// The options of the output. A file of keys is refused, because it would be moved aside.
@@ -76,10 +79,11 @@ const SinkOptions& no_input(const CollectOptions& options) {
 
 Collector::Collector(const CollectOptions& options)
     : options_(options),
+      stats_(options.most_agents),
       gate_(make_gate(options, &context_)),
       unanswered_(context_, ZMQ_REP),
       socket_(&context_, read_key_file(options.secret_key_file), gate_ != nullptr),
-      metrics_(make_metrics(options, stats_, gate_.get())),
+      server_(make_server(options, stats_, gate_.get())),
       sink_(no_input(options), &stats_) {
   // Bound last, so that no agent has connected when something else fails.
   for (const std::string& endpoint : options.endpoints)

@@ -18,9 +18,9 @@
 #include "CollectStats.h"
 #include "Connections.h"
 #include "EventSink.h"
-#include "Metrics.h"
 #include "PullSocket.h"
 #include "StatsPrinter.h"
+#include "StatusServer.h"
 #include "Zmq.h"
 
 namespace zmqwriter {
@@ -31,9 +31,10 @@ struct CollectOptions {
   std::string allow_file;  // empty: every client may connect
   SinkOptions sink;
   std::string metrics_address;  // empty: none
-  double stats_s = 0;           // 0: none
-  std::uint64_t count = 0;      // 0: no limit
-  double timeout_s = 0;         // 0: none
+  std::size_t most_agents = CollectStats::kMostAgents;
+  double stats_s = 0;       // 0: none
+  std::uint64_t count = 0;  // 0: no limit
+  double timeout_s = 0;     // 0: none
   bool quiet = false;
 };
 
@@ -79,7 +80,7 @@ class Collector {
   // Without a gate: bound at the end to hold up new clients.
   ZmqSocket unanswered_;
   PullSocket socket_;
-  std::unique_ptr<Metrics> metrics_;
+  std::unique_ptr<StatusServer> server_;
   EventSink sink_;
   std::vector<std::string> bound_;
   std::unique_ptr<StatsPrinter> printer_;

@@ -34,13 +34,12 @@ std::string bind_endpoint_problem(const std::string& endpoint) {
          "port that the system chooses, or ipc://PATH";
 }
 
-// The HTTP server also accepts lists of ports, and letters after them for TLS and redirection.
 std::string metrics_address_problem(const std::string& address) {
   const std::size_t colon = address.rfind(':');
   if (colon != std::string::npos && is_host(address.substr(0, colon)) &&
       number_in<std::uint16_t>(address.substr(colon + 1)))
     return "";
-  return "'" + address + "' must be HOST:PORT, like 127.0.0.1:9100, or port 0 for one that the " +
+  return "'" + address + "' must be HOST:PORT, like 127.0.0.1:9155, or port 0 for one that the " +
          "system chooses";
 }
 

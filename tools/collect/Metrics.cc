@@ -1,17 +1,21 @@
 #include "Metrics.h"
 
-#include <prometheus/collectable.h>
-#include <prometheus/exposer.h>
 #include <prometheus/metric_family.h>
+#include <prometheus/text_serializer.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <cctype>
 #include <cstdint>
-#include <exception>
-#include <stdexcept>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
-#include <vector>
 
 #include "ClientGate.h"
-#include "StopSignals.h"
+#include "EventJson.h"
 
 namespace zmqwriter {
 
@@ -19,119 +23,200 @@ namespace {
 
 using prometheus::ClientMetric;
 using prometheus::MetricFamily;
+using prometheus::MetricType;
+using Json = nlohmann::ordered_json;
+using Labels = std::vector<ClientMetric::Label>;
 
-// Clients that keep their connection open block a thread each, until their time limit.
-constexpr const char* kServerThreads = "4";
-constexpr const char* kRequestTimeoutMs = "2000";
-
-class Counts : public prometheus::Collectable {
+class Families {
  public:
-  Counts(const CollectStats& stats, const ClientGate* gate) : stats_(stats), gate_(gate) {}
-
-  std::vector<MetricFamily> Collect() const override {
-    const CollectCounts counts = stats_.Counts();
-    std::vector<MetricFamily> families = {
-        Tallies("events_total", "Events received, by payload type.", "type", counts.by_type,
-                &Tally::events),
-        Tallies("event_bytes_total", "Bytes of these events.", "type", counts.by_type,
-                &Tally::bytes),
-        Tallies("agent_events_total", "Events received, by agent.", "agent", counts.by_agent,
-                &Tally::events),
-        Tallies("agent_event_bytes_total", "Bytes of these events.", "agent", counts.by_agent,
-                &Tally::bytes),
-        BadMessages(counts),
-        Single("output_bytes_total", "Bytes written to the output.", counts.written_bytes),
-        Single("output_files_finished_total", "Output files moved aside by rotation.",
-               counts.finished_files),
-        Stalled(counts)};
-    if (gate_)
-      families.push_back(Clients());
-    return families;
+  void Add(const std::string& name, const std::string& help, MetricType type) {
+    MetricFamily& family = families_.emplace_back();
+    family.name = name;
+    family.help = help;
+    family.type = type;
   }
+  void Counter(const std::string& name, const std::string& help) {
+    Add("zmqwriter_collect_" + name, help, MetricType::Counter);
+  }
+  void Gauge(const std::string& name, const std::string& help) {
+    Add("zmqwriter_collect_" + name, help, MetricType::Gauge);
+  }
+
+  /// A value of the family that was added last.
+  template <typename Number>
+  void Value(Number number, const char* label = nullptr, const std::string& value = "") {
+    ClientMetric& metric = families_.back().metric.emplace_back();
+    metric.counter.value = metric.gauge.value = static_cast<double>(number);
+    if (label) {
+      metric.label.resize(1);
+      metric.label[0].name = label;
+      metric.label[0].value = value;
+    }
+  }
+
+  template <typename Tallies>
+  void Values(const char* label, const Tallies& tallies, std::uint64_t Tally::*figure) {
+    for (const auto& [name, tally] : tallies)
+      Value(tally.*figure, label, name);
+  }
+
+  std::string Text() const { return prometheus::TextSerializer().Serialize(families_); }
 
  private:
-  static MetricFamily Family(const std::string& name, const std::string& help) {
-    MetricFamily family;
-    family.name = "zmqwriter_collect_" + name;
-    family.help = help;
-    family.type = prometheus::MetricType::Counter;
-    return family;
-  }
-
-  static ClientMetric Counter(std::uint64_t value) {
-    ClientMetric metric;
-    metric.counter.value = static_cast<double>(value);
-    return metric;
-  }
-
-  static ClientMetric Counter(const char* label, const std::string& name, std::uint64_t value) {
-    ClientMetric metric = Counter(value);
-    ClientMetric::Label named;
-    named.name = label;
-    named.value = name;
-    metric.label.push_back(named);
-    return metric;
-  }
-
-  static MetricFamily Single(const char* name, const char* help, std::uint64_t value) {
-    MetricFamily family = Family(name, help);
-    family.metric.push_back(Counter(value));
-    return family;
-  }
-
-  static MetricFamily Stalled(const CollectCounts& counts) {
-    MetricFamily family = Family("output_stalled", "1 while the output accepts nothing.");
-    family.type = prometheus::MetricType::Gauge;
-    family.metric.emplace_back().gauge.value = counts.stalled ? 1 : 0;
-    return family;
-  }
-
-  using Figure = std::uint64_t Tally::*;
-  static MetricFamily Tallies(const char* name, const char* help, const char* label,
-                              const std::map<std::string, Tally>& tallies, Figure figure) {
-    MetricFamily family = Family(name, help);
-    for (const auto& [key, tally] : tallies)
-      family.metric.push_back(Counter(label, key, tally.*figure));
-    return family;
-  }
-
-  static MetricFamily BadMessages(const CollectCounts& counts) {
-    MetricFamily family = Family("bad_messages_total", "Messages that are not events, by reason.");
-    family.metric = {Counter("reason", "empty", counts.empty),
-                     Counter("reason", "malformed", counts.malformed),
-                     Counter("reason", "multi_part", counts.multi_part)};
-    return family;
-  }
-
-  MetricFamily Clients() const {
-    MetricFamily family = Family("clients_total", "Clients that asked to connect, by answer.");
-    family.metric = {Counter("answer", "accepted", gate_->accepted()),
-                     Counter("answer", "denied", gate_->denied())};
-    return family;
-  }
-
-  const CollectStats& stats_;
-  const ClientGate* const gate_;
+  std::vector<MetricFamily> families_;
 };
+
+/// By type, those of the schema that have not come too.
+std::map<std::string, Tally> all_types(const CollectCounts& counts) {
+  std::map<std::string, Tally> types = counts.by_type;
+  for (unsigned number = 1; number < 256; ++number) {
+    const std::string name = payload_type_name(static_cast<std::uint8_t>(number));
+    if (!std::isdigit(static_cast<unsigned char>(name[0])))
+      types[name];
+  }
+  return types;
+}
+
+/// What Prometheus' own clients tell of their process, as far as the system says it.
+void add_process(Families* families, double started) {
+  families->Add("process_start_time_seconds", "Start of the process, since 1970.",
+                MetricType::Gauge);
+  families->Value(started);
+  struct rusage usage;
+  if (getrusage(RUSAGE_SELF, &usage) == 0) {
+    families->Add("process_cpu_seconds_total", "Processor time spent.", MetricType::Counter);
+    families->Value(static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                    static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6);
+  }
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    families->Add("process_max_fds", "Limit of open files.", MetricType::Gauge);
+    families->Value(limit.rlim_cur);
+  }
+  std::error_code error;
+  std::filesystem::directory_iterator files("/dev/fd", error);
+  if (!error) {
+    families->Add("process_open_fds", "Open files.", MetricType::Gauge);
+    families->Value(std::distance(begin(files), end(files)) - 1);  // without the one that lists
+  }
+  std::uint64_t virtual_pages, pages;
+  if (std::ifstream("/proc/self/statm") >> virtual_pages >> pages) {
+    families->Add("process_resident_memory_bytes", "Memory in use.", MetricType::Gauge);
+    families->Value(pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)));
+  }
+}
+
+/// Null where it is not known, and for standard output.
+Json disk_free(const std::string& path) {
+  if (path.empty())
+    return nullptr;
+  std::error_code error;
+  const auto folder = std::filesystem::absolute(path, error).parent_path();
+  const auto space = std::filesystem::space(folder, error);
+  return error ? Json() : Json(space.available);
+}
+
+Json traffic_json(const Traffic& traffic, double now) {
+  const auto [events, bytes] = traffic.Rates(now);
+  return {{"events", traffic.events},
+          {"bytes", traffic.bytes},
+          {"events_per_s", events},
+          {"bytes_per_s", bytes}};
+}
+
+Json agent_json(const std::string& name, const Traffic& traffic, double now) {
+  Json agent = {{"name", name}, {"last_event", traffic.last()}};
+  agent.update(traffic_json(traffic, now));
+  for (const Tally& minute : traffic.Minutes(now))
+    agent["minutes"].push_back(minute.events);
+  return agent;
+}
 
 }  // namespace
 
-Metrics::Metrics(const std::string& address, const CollectStats& stats, const ClientGate* gate)
-    : counts_(std::make_shared<Counts>(stats, gate)) {
-  const SignalsHeldBack held_back;
-  try {
-    server_ = std::make_unique<prometheus::Exposer>(
-        std::vector<std::string>{"listening_ports", address, "num_threads", kServerThreads,
-                                 "request_timeout_ms", kRequestTimeoutMs});
-  } catch (const std::exception&) {
-    throw std::runtime_error("cannot serve metrics on '" + address +
-                             "': not an address of this machine, or in use by another program");
+std::string metrics_text(const Watched& collector) {
+  const CollectCounts counts = collector.stats.Counts();
+  const auto types = all_types(counts);
+  Families families;
+  families.Counter("events_total", "Events received, by payload type.");
+  families.Values("type", types, &Tally::events);
+  families.Counter("event_bytes_total", "Bytes of these events.");
+  families.Values("type", types, &Tally::bytes);
+  families.Counter("agent_events_total", "Events received, by agent.");
+  families.Values("agent", counts.by_agent, &Tally::events);
+  families.Counter("agent_event_bytes_total", "Bytes of these events.");
+  families.Values("agent", counts.by_agent, &Tally::bytes);
+  families.Gauge("agent_last_event_seconds", "Time of the agent's last event, since 1970.");
+  for (const auto& [name, traffic] : counts.by_agent)
+    if (name != kOtherAgents)
+      families.Value(traffic.last(), "agent", name);
+  families.Counter("bad_messages_total", "Messages that are not events, by reason.");
+  families.Value(counts.empty, "reason", "empty");
+  families.Value(counts.malformed, "reason", "malformed");
+  families.Value(counts.multi_part, "reason", "multi_part");
+  families.Counter("output_bytes_total", "Bytes written to the output.");
+  families.Value(counts.written_bytes);
+  families.Counter("output_files_finished_total", "Output files moved aside by rotation.");
+  families.Value(counts.finished_files);
+  families.Gauge("output_stalled", "1 while the output accepts nothing.");
+  families.Value(counts.stalled);
+  families.Gauge("connections", "Open connections.");
+  families.Value(counts.connections);
+  families.Counter("handshakes_failed_total", "Connections that were refused, by reason.");
+  for (std::size_t i = 0; i < kRefusals.size(); ++i)
+    families.Value(counts.refused[i], "reason", kRefusals[i]);
+  if (collector.gate) {
+    families.Counter("clients_total", "Clients that asked to connect, by answer.");
+    families.Value(collector.gate->accepted(), "answer", "accepted");
+    families.Value(collector.gate->denied(), "answer", "denied");
   }
-  server_->RegisterCollectable(counts_);
-  url_ = "http://" + address.substr(0, address.rfind(':') + 1) +
-         std::to_string(server_->GetListeningPorts().at(0)) + "/metrics";
+  families.Gauge("build_info", "1, with the program's version.");
+  families.Value(1, "version", ZMQWRITER_VERSION);
+  add_process(&families, collector.started);
+  return families.Text();
 }
 
-Metrics::~Metrics() = default;
+std::string status_json(const Watched& collector) {
+  const CollectCounts counts = collector.stats.Counts();
+  const double now = CollectStats::Now();
+  Json types = Json::array(), agents = Json::array(), refused = Json::object();
+  for (const auto& [name, tally] : counts.by_type)
+    types.push_back({{"name", name}, {"events", tally.events}, {"bytes", tally.bytes}});
+  Tally others;
+  for (const auto& [name, traffic] : counts.by_agent) {
+    if (name == kOtherAgents)
+      others = traffic;
+    else
+      agents.push_back(agent_json(name, traffic, now));
+  }
+  for (std::size_t i = 0; i < kRefusals.size(); ++i)
+    refused[kRefusals[i]] = counts.refused[i];
+  const std::string& path = collector.output_path;
+  const Json status = {
+      {"version", ZMQWRITER_VERSION},
+      {"started", collector.started},
+      {"now", now},
+      {"endpoints", collector.endpoints},
+      {"output",
+       {{"path", path.empty() ? Json() : Json(path)},
+        {"format", collector.format},
+        {"stalled", counts.stalled},
+        {"bytes", counts.written_bytes},
+        {"files_finished", counts.finished_files},
+        {"disk_free", disk_free(path)}}},
+      {"totals", traffic_json(counts.all, now)},
+      {"types", types},
+      {"bad_messages",
+       {{"empty", counts.empty},
+        {"malformed", counts.malformed},
+        {"multi_part", counts.multi_part}}},
+      {"connections", {{"open", counts.connections}, {"failed_handshakes", refused}}},
+      {"clients", collector.gate ? Json({{"accepted", collector.gate->accepted()},
+                                         {"denied", collector.gate->denied()}})
+                                 : Json()},
+      {"agents", agents},
+      {"other_agents", {{"events", others.events}, {"bytes", others.bytes}}}};
+  return status.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
 
 }  // namespace zmqwriter

@@ -32,12 +32,15 @@ Tally difference(const Tally& after, const Tally& before) {
 }
 
 /// The tallies that have grown, and by how much.
-std::vector<Named> grown(const std::map<std::string, Tally>& before,
-                         const std::map<std::string, Tally>& after) {
+template <typename Counted>
+std::vector<Named> grown(const std::map<std::string, Counted>& before,
+                         const std::map<std::string, Counted>& after) {
   std::vector<Named> result;
   for (const auto& [name, tally] : after) {
     const auto old = before.find(name);
-    const Tally more = difference(tally, old == before.end() ? Tally() : old->second);
+    // An agent that made room for another and came back counts anew.
+    const bool anew = old == before.end() || tally.events < old->second.events;
+    const Tally more = difference(tally, anew ? Counted() : old->second);
     if (more.events > 0)
       result.emplace_back(name, more);
   }

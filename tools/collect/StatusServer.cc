@@ -1,0 +1,142 @@
+#include "StatusServer.h"
+
+#include <microhttpd.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "StopSignals.h"
+
+namespace zmqwriter {
+
+namespace {
+
+constexpr char kPage[] =
+#include "page.inc"
+    ;
+
+constexpr unsigned kMostConnections = 512;
+constexpr unsigned kQuietSeconds = 5;  // then a connection is ended
+
+struct Answer {
+  unsigned status;
+  const char* type;
+  std::string body;
+};
+
+Answer answer_to(const std::string& path, const Watched& collector) {
+  if (path == "/")
+    return {MHD_HTTP_OK, "text/html; charset=utf-8", kPage};
+  if (path == "/status.json")
+    return {MHD_HTTP_OK, "application/json", status_json(collector)};
+  if (path == "/metrics")
+    return {MHD_HTTP_OK, "text/plain; version=0.0.4; charset=utf-8", metrics_text(collector)};
+  if (path == "/healthz" && collector.stats.Counts().stalled)
+    return {MHD_HTTP_SERVICE_UNAVAILABLE, "text/plain", "the output accepts nothing\n"};
+  if (path == "/healthz")
+    return {MHD_HTTP_OK, "text/plain", "ok\n"};
+  return {MHD_HTTP_NOT_FOUND, "text/plain", "try /, /status.json, /metrics or /healthz\n"};
+}
+
+MHD_Result answer_request(void* collector, MHD_Connection* connection, const char* path,
+                          const char* method, const char*, const char*, std::size_t* upload_size,
+                          void** begun) {
+  if (!*begun) {
+    *begun = connection;
+    return MHD_YES;  // the answer follows the request's body
+  }
+  if (*upload_size > 0) {
+    *upload_size = 0;
+    return MHD_YES;
+  }
+  const bool reads = std::strcmp(method, "GET") == 0 || std::strcmp(method, "HEAD") == 0;
+  Answer answer = reads ? answer_to(path, *static_cast<const Watched*>(collector))
+                        : Answer{MHD_HTTP_METHOD_NOT_ALLOWED, "text/plain", "GET or HEAD only\n"};
+  MHD_Response* const response = MHD_create_response_from_buffer(
+      answer.body.size(), answer.body.data(), MHD_RESPMEM_MUST_COPY);
+  if (!response)
+    return MHD_NO;
+  MHD_add_response_header(response, "Content-Type", answer.type);
+  MHD_add_response_header(response, "Cache-Control", "no-store");
+  MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");
+  // The page loads nothing but /status.json, whatever an agent's name may look like.
+  MHD_add_response_header(response, "Content-Security-Policy",
+                          "default-src 'none'; style-src 'unsafe-inline'; script-src "
+                          "'unsafe-inline'; connect-src 'self'; img-src data:; "
+                          "frame-ancestors 'none'");
+  if (!reads)
+    MHD_add_response_header(response, "Allow", "GET, HEAD");
+  const MHD_Result queued = MHD_queue_response(connection, answer.status, response);
+  MHD_destroy_response(response);
+  return queued;
+}
+
+/// A listening socket; its port becomes `port`. -1 with errno when there is none.
+int listen_on(const addrinfo& address, std::uint16_t* port) {
+  const int fd = socket(address.ai_family, SOCK_STREAM, 0);
+  const int yes = 1;
+  sockaddr_storage bound = {};
+  socklen_t size = sizeof bound;
+  if (fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
+      bind(fd, address.ai_addr, address.ai_addrlen) == 0 && listen(fd, SOMAXCONN) == 0 &&
+      getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) == 0) {
+    *port =
+        ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6&>(bound).sin6_port
+                                          : reinterpret_cast<const sockaddr_in&>(bound).sin_port);
+    return fd;
+  }
+  if (fd >= 0) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return -1;
+}
+
+}  // namespace
+
+StatusServer::StatusServer(const std::string& address, const Watched& collector)
+    : collector_(collector) {
+  const auto fail = [&address](const char* why) {
+    throw std::runtime_error("cannot serve metrics on '" + address + "': " + why);
+  };
+  const std::size_t colon = address.rfind(':');
+  std::string host = address.substr(0, colon);
+  if (host.front() == '[')
+    host = host.substr(1, host.size() - 2);
+  addrinfo hints = {};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE;
+  addrinfo* found = nullptr;
+  if (const int error =
+          getaddrinfo(host.c_str(), address.substr(colon + 1).c_str(), &hints, &found))
+    fail(gai_strerror(error));
+  std::uint16_t port = 0;
+  const int fd = listen_on(*found, &port);
+  const int error = errno;
+  freeaddrinfo(found);
+  if (fd < 0)
+    fail(std::strerror(error));
+  url_ = "http://" + address.substr(0, colon + 1) + std::to_string(port) + "/";
+
+  const SignalsHeldBack held_back;
+  daemon_ = MHD_start_daemon(
+      MHD_USE_AUTO | MHD_USE_INTERNAL_POLLING_THREAD, 0, nullptr, nullptr, answer_request,
+      const_cast<Watched*>(&collector_), MHD_OPTION_LISTEN_SOCKET, fd, MHD_OPTION_CONNECTION_LIMIT,
+      kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kQuietSeconds, MHD_OPTION_END);
+  if (!daemon_) {
+    close(fd);
+    fail("the HTTP server does not start");
+  }
+}
+
+StatusServer::~StatusServer() {
+  MHD_stop_daemon(daemon_);
+}
+
+}  // namespace zmqwriter
