@@ -73,11 +73,12 @@ class CollectOutputTest(CliTest):
         events = [make_event(uid=b"C%d" % number, details=b"x" * (number % 700))
                   for number in range(300)]
         for form in ("json", "text", "raw"):
-            self.collect_events(events, "--format", form, "--rotate-size", "5000")
+            self.collect_events(events, "--format", form, "--rotate-size", "5K")
             names = self.files()
             self.assertGreater(len(names), 10)
             for name in names:
-                self.assertLessEqual(os.path.getsize(name), 5000)
+                self.assertLessEqual(os.path.getsize(name), 5120)
+            self.assertGreater(max(map(os.path.getsize, names)), 4300)
             contents = [read_file(name, "rb") for name in names]
             if form == "raw":
                 self.assertEqual([m for content in contents for m in unframed(content)], events)
@@ -246,6 +247,9 @@ class CollectUsageTest(CliTest):
                 (["--rotate-size", "10"], "--output"),
                 (["--output", "o", "--rotate-keep", "2"], "--rotate-size"),
                 (["--output", "o", "--rotate-size", "0"], "positive number"),
+                (["--output", "o", "--rotate-size", "-1"], "'-1' must be a positive number"),
+                (["--output", "o", "--rotate-size", "10X"], "like 5000000 or 10M"),
+                (["--output", "o", "--rotate-size", "99999999999T"], "like 5000000 or 10M"),
                 (["--output", "o", "--rotate-size", "1", "--rotate-keep", "0"], "positive number"),
                 (["--stats", "inf"], "finite positive number"),
                 (["--stats", "0.0099"], "must be 0.01 or more"),

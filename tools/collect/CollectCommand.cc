@@ -127,9 +127,9 @@ void add_output_options(CLI::App* command, SinkOptions* options) {
   CLI::Option* const rotate_size =
       command
           ->add_option("--rotate-size", options->rotate_size,
-                       "Begin a new file before the current one gets longer than this")
+                       "Begin a new file before the current one gets longer than this, e.g. 10M")
           ->type_name("BYTES")
-          ->check(positive_count())
+          ->transform(byte_size())
           ->needs(output);
   command
       ->add_option("--rotate-keep", options->rotate_keep,

@@ -45,6 +45,21 @@ inline CLI::Validator positive_count() {
   });
 }
 
+/// A number of bytes above 0, with K, M, G or T behind it for powers of 1024; as plain digits.
+inline CLI::Validator byte_size() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        const std::size_t unit = std::string("KMGT").find(text.empty() ? '-' : text.back());
+        const int shift = unit == std::string::npos ? 0 : 10 * (static_cast<int>(unit) + 1);
+        const auto size = number_in<std::uint64_t>(text.substr(0, text.size() - (shift > 0)));
+        if (!size || *size == 0 || *size > UINT64_MAX >> shift)
+          return "'" + text + "' must be a positive number of bytes, like 5000000 or 10M";
+        text = std::to_string(*size << shift);
+        return "";
+      },
+      "");
+}
+
 inline void add_json_bytes_option(CLI::App* command, JsonBytes* bytes) {
   command
       ->add_option_function<std::string>(
