@@ -68,6 +68,14 @@ int make_keys(const std::string& folder) {
   return 0;
 }
 
+int derive(const std::string& secret_file) {
+  const CurveKey key = read_secret_key_file(secret_file);
+  Output out;
+  out.WriteLine(to_hex(public_key_of(key)));
+  out.Finish();
+  return 0;
+}
+
 }  // namespace
 
 void add_keygen_command(CLI::App& app, int* exit_code) {
@@ -80,7 +88,13 @@ void add_keygen_command(CLI::App& app, int* exit_code) {
       ->type_name("DIR")
       ->check(not_empty("the folder's name is empty; '.' is the current folder"))
       ->capture_default_str();
-  command->callback([folder, exit_code] { *exit_code = make_keys(*folder); });
+  const auto secret = std::make_shared<std::string>();
+  command
+      ->add_option("--public", *secret,
+                   "Make no keys, print the public key of the secret key in this file")
+      ->type_name("FILE")
+      ->check(not_empty());
+  command->callback([=] { *exit_code = secret->empty() ? make_keys(*folder) : derive(*secret); });
 }
 
 }  // namespace zmqwriter

@@ -91,6 +91,19 @@ class KeygenTest(CliTest):
         self.run_tool("keygen", "--dir", "b")
         self.assertNotEqual(read_file("a/server.secret"), read_file("b/server.secret"))
 
+    def test_public_key_is_derived_from_the_secret_one_and_not_from_itself(self):
+        self.run_tool("keygen", "--dir", "keys")
+        result = self.run_tool("keygen", "--public", "keys/server.secret")
+        self.assertEqual((result.returncode, result.stdout.decode()),
+                         (0, read_file("keys/server.public")))
+        write_file("keys/copy", read_file("keys/server.public"))
+        for public in ("keys/server.public", "keys/copy"):
+            for arguments in (["keygen", "--public"],
+                              ["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key"]):
+                result = self.run_tool(*arguments, public)
+                self.assertEqual(result.returncode, 1)
+                self.assertIn(public + ": this is the public key", result.stderr)
+
     def test_never_prints_the_secret(self):
         result = self.run_tool("keygen")
         secret = read_file("server.secret").strip()

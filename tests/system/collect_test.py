@@ -398,6 +398,58 @@ class CollectMetricsTest(CliTest):
 
 
 @needs_zmq
+class CollectRefusalsTest(CliTest):
+    def test_refused_connections_are_told_by_reason_and_counted(self):
+        collector = self.collect("--metrics", "127.0.0.1:0")
+        url = re.search(r"metrics on (\S+)", collector.stderr).group(1)
+        address = ("127.0.0.1", int(collector.endpoint.split(":")[-1]))
+        self.assertIn("zmq.public_key = " + read_file("server.public"), collector.stderr)
+
+        def raw(text):
+            client = socket.create_connection(address, DEADLINE)
+            self.addCleanup(client.close)
+            client.sendall(text)
+
+        def without_curve():
+            client = self.plain_agent()
+            client.reconnect_ivl = -1
+            client.connect(collector.endpoint)
+
+        def refused(reason):
+            with urllib.request.urlopen(url, timeout=DEADLINE) as answer:
+                return int(re.search(r'handshakes_failed_total\{reason="%s"\} (\d+)' % reason,
+                                     answer.read().decode()).group(1))
+
+        idle = socket.create_connection(address, DEADLINE)
+        self.addCleanup(idle.close)
+        good = self.agent(collector.endpoint)
+        good.send(make_event())
+        wait_for(collector.lines, "the good agent's event")
+        for reason, connect, told in (
+                ("other_key", lambda: self.agent(collector.endpoint, zmq.curve_keypair()[0],
+                                                 reconnect_ivl=-1), "another public key"),
+                ("no_curve", without_curve, "does not use CURVE"),
+                ("protocol", lambda: raw(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n"), "is no sender of ZeroMQ"),
+                ("timed_out", lambda: None, "did not finish the handshake")):
+            connect()
+            wait_for(lambda: refused(reason) == 1, reason)
+            # The address of a client that was refused at once may be gone.
+            wait_for(lambda: re.search(r"connection from (127\.0\.0\.1:\d+|a client that has gone) "
+                                       "refused: it .*" + told, collector.stderr), reason)
+        self.assertIn(":%d refused: it did not" % idle.getsockname()[1], collector.stderr)
+        for _ in range(20):
+            raw(b"x" * 100)
+        wait_for(lambda: refused("protocol") == 21, "the others")
+        self.assertEqual(collector.stderr.count(" refused: "), 10)
+        with urllib.request.urlopen(url, timeout=DEADLINE) as answer:
+            self.assertIn(b"\nzmqwriter_collect_connections 1\n", answer.read())
+        good.send(b"rubbish")
+        wait_for(lambda: "message 2 from 127.0.0.1 skipped: " in collector.stderr, "the peer's name")
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+
+
+@needs_zmq
 class CollectAllowTest(CliTest):
     def test_listed_clients_get_through_and_others_do_not(self):
         known, listed_upper, stranger = (zmq.curve_keypair() for _ in range(3))

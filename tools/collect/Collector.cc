@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "AllowList.h"
 #include "Connections.h"
@@ -82,13 +83,17 @@ Collector::Collector(const CollectOptions& options)
       stats_(options.most_agents),
       gate_(make_gate(options, &context_)),
       unanswered_(context_, ZMQ_REP),
-      socket_(&context_, read_key_file(options.secret_key_file), gate_ != nullptr),
+      secret_key_(read_secret_key_file(options.secret_key_file)),
+      socket_(&context_, secret_key_, gate_ != nullptr),
+      monitor_(std::in_place, context_, &socket_, &stats_, options.quiet),
       server_(make_server(options, stats_, gate_.get())),
       sink_(no_input(options), &stats_) {
   // Bound last, so that no agent has connected when something else fails.
   for (const std::string& endpoint : options.endpoints)
     bound_.push_back(socket_.Bind(endpoint));
   sink_.Begin();
+  if (!options.quiet)
+    std::fprintf(stderr, "zmq.public_key = %s\n", to_hex(public_key_of(secret_key_)).c_str());
   for (const std::string& endpoint : bound_)
     std::fprintf(stderr, "listening on %s\n", endpoint.c_str());
   if (options.stats_s > 0)
@@ -160,6 +165,7 @@ bool Collector::NextPart() {
 /// Ends the connections and takes all that agents have sent, because they count it as delivered.
 /// Clients that try to connect meanwhile have to wait for another collector.
 void Collector::Drain() {
+  monitor_.reset();
   if (gate_)
     gate_->Hold();
   else
@@ -245,7 +251,9 @@ void Collector::ReportBad(const std::string& problem) {
   ++bad_;
   if (options_.quiet || bad_ > kReportedBadMessages)
     return;
-  std::fprintf(stderr, "message %llu skipped: %s%s\n", number(messages_), problem.c_str(),
+  const char* const peer = zmq_msg_gets(&part_, "Peer-Address");
+  std::fprintf(stderr, "message %llu from %s skipped: %s%s\n", number(messages_),
+               peer ? peer : "a client", problem.c_str(),
                bad_ == kReportedBadMessages ? " (further ones are only counted)" : "");
 }
 

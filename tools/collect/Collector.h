@@ -11,11 +11,13 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "ClientGate.h"
 #include "CollectStats.h"
+#include "ConnectionMonitor.h"
 #include "Connections.h"
 #include "EventSink.h"
 #include "PullSocket.h"
@@ -79,7 +81,9 @@ class Collector {
   std::unique_ptr<ClientGate> gate_;  // before the sockets that it guards
   // Without a gate: bound at the end to hold up new clients.
   ZmqSocket unanswered_;
+  const CurveKey secret_key_;
   PullSocket socket_;
+  std::optional<ConnectionMonitor> monitor_;  // not while it ends
   std::unique_ptr<StatusServer> server_;
   EventSink sink_;
   std::vector<std::string> bound_;

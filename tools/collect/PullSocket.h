@@ -21,6 +21,8 @@ namespace zmqwriter {
 class PullSocket {
  public:
   static constexpr int kReceiveHighWater = 64;
+  /// Then a client that has not finished its handshake is cut off.
+  static constexpr int kHandshakeMs = 10000;
   /// No event of an agent is nearly as long.
   static constexpr std::size_t kLargestMessage = std::size_t{4} << 20;
 
@@ -33,6 +35,9 @@ class PullSocket {
 
   /// Closes the endpoint and its connections. Received messages can still be taken.
   void Unbind(const std::string& endpoint) { zmq_unbind(socket_.get(), endpoint.c_str()); }
+
+  /// For libzmq's monitor.
+  void* get() const { return socket_.get(); }
 
   /// Waits for a message, at most `timeout_ms`. A signal does not end the wait.
   bool Wait(int timeout_ms);

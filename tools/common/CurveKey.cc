@@ -2,7 +2,9 @@
 
 #include <cctype>
 #include <charconv>
+#include <filesystem>
 #include <stdexcept>
+#include <system_error>
 
 #include <zmq.h>
 
@@ -62,6 +64,28 @@ CurveKey read_key_file(const std::string& path) {
   if (!problem.empty())
     throw std::runtime_error(path + ": " + problem + "; 'zmqwriter keygen' makes key files");
   return key;
+}
+
+CurveKey read_secret_key_file(const std::string& path) {
+  const CurveKey key = read_key_file(path);
+  const std::filesystem::path file(path), twin = file.parent_path() / "server.public";
+  std::error_code none;
+  if (file.extension() == ".public" ||
+      (std::filesystem::is_regular_file(twin, none) && read_key_file(twin.string()) == key))
+    throw std::runtime_error(path +
+                             ": this is the public key, for the agents; the secret one is in "
+                             "server.secret");
+  return key;
+}
+
+CurveKey public_key_of(const CurveKey& secret_key) {
+  char public_text[kZ85Digits + 1];
+  char secret_text[kZ85Digits + 1];
+  zmq_z85_encode(secret_text, secret_key.data(), secret_key.size());
+  if (zmq_curve_public(public_text, secret_text) != 0)
+    throw std::runtime_error(std::string("cannot derive the public key: ") +
+                             zmq_strerror(zmq_errno()));
+  return from_z85(public_text);
 }
 
 KeyProblem key_problem(const std::string& key) {

@@ -30,6 +30,13 @@ std::string parse_key(std::string_view text, const std::string& holder, CurveKey
 /// Throws std::runtime_error that names the file and does not quote its content.
 CurveKey read_key_file(const std::string& path);
 
+/// As read_key_file, for a server's secret key. Refuses a file that holds the public one: its name
+/// ends with ".public", or server.public in the same folder has the same content.
+CurveKey read_secret_key_file(const std::string& path);
+
+/// The public key of the pair. Throws std::runtime_error when libzmq was built without CURVE.
+CurveKey public_key_of(const CurveKey& secret_key);
+
 /// All parts are empty when the text has the form that the plug-in reads.
 struct KeyProblem {
   std::string id;    ///< a fixed word for programs, e.g. "key-lower-case"
