@@ -78,6 +78,7 @@ class CollectOutputTest(CliTest):
             self.assertGreater(len(names), 10)
             for name in names:
                 self.assertLessEqual(os.path.getsize(name), 5120)
+                self.assertEqual(os.stat(name).st_mode & 0o777, 0o600)
             self.assertGreater(max(map(os.path.getsize, names)), 4300)
             contents = [read_file(name, "rb") for name in names]
             if form == "raw":
@@ -345,8 +346,8 @@ class CollectStatsTest(CliTest):
 
 @needs_zmq
 class CollectMetricsTest(CliTest):
-    def collect_with_metrics(self, *arguments):
-        collector = self.collect("--metrics", "127.0.0.1:0", *arguments)
+    def collect_with_metrics(self, *arguments, **options):
+        collector = self.collect("--metrics", "127.0.0.1:0", *arguments, **options)
         collector.url = re.search(r"metrics on (http://127\.0\.0\.1:[1-9]\d*/metrics)\n",
                                   collector.stderr).group(1)
         return collector
@@ -367,6 +368,12 @@ class CollectMetricsTest(CliTest):
             assert name + labels not in values, "twice: " + line
             values[name[len("zmqwriter_collect_"):] + labels] = float(value)
         return values
+
+    def test_limit_of_open_files_is_raised(self):
+        collector = self.collect_with_metrics(
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (100, 300)))
+        with urllib.request.urlopen(collector.url, timeout=DEADLINE) as answer:
+            self.assertIn(b"\nprocess_max_fds 300\n", answer.read())
 
     def test_scrape_has_the_counts_of_the_moment(self):
         collector = self.collect_with_metrics("--most-agents", "1")

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Collector.h"
+#include "Files.h"
 #include "ListenAddress.h"
 #include "OptionChecks.h"
 #include "StopSignals.h"
@@ -72,6 +73,7 @@ int collect(const CollectOptions& options) {
     catch_hangup_as_stop();
   else
     catch_reload_signal();
+  raise_open_files();  // each connection takes one
   warn_if_readable_by_others(options.secret_key_file);
   return Collector(options).Run();
 }

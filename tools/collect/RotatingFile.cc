@@ -22,7 +22,7 @@ namespace zmqwriter {
 
 namespace {
 
-constexpr mode_t kMode = 0666;  // less the umask
+constexpr mode_t kMode = 0600;  // events tell of people
 constexpr std::size_t kDigits = 6;
 constexpr std::uint64_t kHighestNumber = 9999999;
 

@@ -1,7 +1,9 @@
 #include "Files.h"
 
 #include <dirent.h>
+#include <limits.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -96,6 +98,21 @@ bool rename_without_replacing(const std::string& from, const std::string& to) {
     return std::rename(from.c_str(), to.c_str()) == 0;
   errno = EEXIST;
   return false;
+}
+
+std::uint64_t raise_open_files() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+    return UINT64_MAX;
+  rlimit raised = limit;
+  raised.rlim_cur = limit.rlim_max;
+#ifdef __APPLE__
+  // On macOS the hard limit may be more than the system accepts.
+  raised.rlim_cur = std::min<rlim_t>(raised.rlim_cur, OPEN_MAX);
+#endif
+  if (raised.rlim_cur > limit.rlim_cur && setrlimit(RLIMIT_NOFILE, &raised) == 0)
+    limit = raised;
+  return limit.rlim_cur;
 }
 
 bool list_folder(const std::string& folder, std::vector<std::string>* names) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +43,9 @@ std::string read_small_file(const std::string& path, std::size_t longest);
 /// Renames a file, but fails with EEXIST where the new name is taken. (Where the file system has no
 /// hard links, another program could take the name between the look and the renaming.)
 bool rename_without_replacing(const std::string& from, const std::string& to);
+
+/// Raises the limit of open files of this process as far as the system lets it; returns the limit.
+std::uint64_t raise_open_files();
 
 /// Appends the names of a folder's entries, in no order. False when it cannot be read.
 bool list_folder(const std::string& folder, std::vector<std::string>* names);

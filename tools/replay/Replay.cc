@@ -1,7 +1,5 @@
 #include "Replay.h"
 
-#include <limits.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,6 +13,7 @@
 
 #include "CurveKey.h"
 #include "EndWatch.h"
+#include "Files.h"
 #include "LogFeed.h"
 #include "Output.h"
 #include "ProgressLine.h"
@@ -392,25 +391,15 @@ class Replay {
   Clock::time_point last_running_;   // the send thread was seen running
 };
 
-/// Raises the limit of open files as far as possible; throws if it is too low for the logs.
+/// Throws if too few files may be open for the logs.
 void allow_open_files(std::size_t logs) {
-  constexpr rlim_t kOtherFiles = 64;  // of the spool, the sockets and the process
-  rlimit limit;
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-    return;
-  rlimit raised = limit;
-  raised.rlim_cur = limit.rlim_max;
-#ifdef __APPLE__
-  // On macOS the hard limit may be more than the system accepts.
-  raised.rlim_cur = std::min<rlim_t>(raised.rlim_cur, OPEN_MAX);
-#endif
-  if (raised.rlim_cur > limit.rlim_cur && setrlimit(RLIMIT_NOFILE, &raised) == 0)
-    limit = raised;
-  const rlim_t needed = logs + kOtherFiles;
-  if (limit.rlim_cur < needed)
+  constexpr std::uint64_t kOtherFiles = 64;  // of the spool, the sockets and the process
+  const std::uint64_t limit = raise_open_files();
+  const std::uint64_t needed = logs + kOtherFiles;
+  if (limit < needed)
     throw std::runtime_error(counted(logs, "log") + " need " + std::to_string(needed) +
                              " open files, but the system allows only " +
-                             std::to_string(limit.rlim_cur) +
+                             std::to_string(limit) +
                              ": replay fewer at a time or raise the limit (ulimit -n)");
 }
 
