@@ -1,6 +1,5 @@
 #include "Replay.h"
 
-
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -398,8 +397,7 @@ void allow_open_files(std::size_t logs) {
   const std::uint64_t needed = logs + kOtherFiles;
   if (limit < needed)
     throw std::runtime_error(counted(logs, "log") + " need " + std::to_string(needed) +
-                             " open files, but the system allows only " +
-                             std::to_string(limit) +
+                             " open files, but the system allows only " + std::to_string(limit) +
                              ": replay fewer at a time or raise the limit (ulimit -n)");
 }
 
