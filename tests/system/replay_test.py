@@ -476,6 +476,8 @@ class SpoolBeforeAStartTest(SpoolTestCase):
     def test_spool_that_another_process_uses_is_refused_by_its_number(self):
         replay = self.start_without_server("--drain", "600")
         self.assert_refused("spool-in-use", "in use by process %d" % replay.popen.pid)
+        self.assertIn("\nin use by process %d: what it has stored" % replay.popen.pid,
+                      self.spool("list")[1])
 
     @staticmethod
     def open_if_read(fifo):

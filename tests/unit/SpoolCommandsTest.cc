@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -20,7 +21,7 @@ static std::size_t stat_calls = 0;
 
 // Takes the place of the system's.
 extern "C" int stat(const char* path, struct stat* status) __THROW {
-  ++stat_calls;
+  stat_calls += std::strstr(path, "/queue.dat") != nullptr;
   return fstatat(AT_FDCWD, path, status, 0);
 }
 

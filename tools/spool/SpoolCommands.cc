@@ -50,6 +50,10 @@ int list_spool(const std::string& folder) {
          std::to_string(file.size - file.live_bytes), file.damage.empty() ? "-" : file.damage);
   note(&out, counted(survey.files.size(), "file") + ", " + counted(survey.records, "record") +
                  "; the next start of the plug-in finds " + std::to_string(survey.next_start));
+  const std::string users = other_spool_users(folder);
+  if (!users.empty())
+    note(&out,
+         "in use by " + users + ": what it has stored is counted in the header when it stops");
   out.Finish();
   return survey.damaged ? kFailure : kSuccess;
 }
