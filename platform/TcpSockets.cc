@@ -5,7 +5,7 @@
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
-#include <stdlib.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -124,89 +124,24 @@ int add_messages(const char* buffer, size_t length, TcpSocketSink* sink, bool* d
   return 0;
 }
 
-/// Reads the fields of a line one after the other.
-class Fields {
- public:
-  explicit Fields(const char* line) : at_(line) {}
-
-  /// Exactly `digits` hexadecimal digits.
-  uint32_t hex(int digits) {
-    uint32_t value = 0;
-    for (; digits > 0; --digits) {
-      const int digit = hex_digit(*at_);
-      if (digit < 0) {
-        valid_ = false;
-        return 0;
-      }
-      value = value << 4 | static_cast<uint32_t>(digit);
-      ++at_;
-    }
-    return value;
-  }
-
-  void expect(char c) {
-    if (*at_ == c)
-      ++at_;
-    else
-      valid_ = false;
-  }
-
-  void skip_blanks() {
-    while (*at_ == ' ')
-      ++at_;
-  }
-
-  /// Skips `count` fields and the blanks around them.
-  void skip(int count) {
-    skip_blanks();
-    for (; count > 0; --count) {
-      while (*at_ != ' ' && *at_ != '\0')
-        ++at_;
-      skip_blanks();
-    }
-  }
-
-  uint32_t decimal() {
-    if (*at_ < '0' || *at_ > '9')
-      valid_ = false;
-    return static_cast<uint32_t>(strtoul(at_, nullptr, 10));
-  }
-
-  bool valid() const { return valid_; }
-
- private:
-  static int hex_digit(char c) {
-    if (c >= '0' && c <= '9')
-      return c - '0';
-    if (c >= 'A' && c <= 'F')
-      return c - 'A' + 10;
-    return -1;
-  }
-
-  const char* at_;
-  bool valid_ = true;
-};
-
-void read_endpoint(Fields* fields, int words, uint32_t* address, uint16_t* port) {
-  for (int i = 0; i < words; ++i)
-    address[i] = fields->hex(8);
-  fields->expect(':');
-  *port = htons(static_cast<uint16_t>(fields->hex(4)));
-  fields->skip_blanks();
-}
-
-/// "  sl: local:port foreign:port st tx:rx tr:when retransmits uid timeout inode ..."
+/// "  sl: local:port foreign:port st tx:rx tr:when retransmits uid timeout inode ..."; an address
+/// is one or four words of 8 hexadecimal digits.
 bool parse_line(const char* line, bool is_v6, TcpSocket* socket) {
-  const int words = is_v6 ? 4 : 1;
-  Fields fields(line);
-  fields.skip(1);
-  read_endpoint(&fields, words, socket->local, &socket->local_port);
-  read_endpoint(&fields, words, socket->foreign, &socket->foreign_port);
-  fields.skip(6);
-  socket->inode = fields.decimal();
+  uint32_t* const local = socket->local;
+  uint32_t* const foreign = socket->foreign;
+  unsigned ports[2] = {0, 0};
+  const int wanted = is_v6 ? 11 : 5;
+  const int found =
+      is_v6 ? sscanf(line, "%*d: %8x%8x%8x%8x:%4x %8x%8x%8x%8x:%4x %*x %*s %*s %*x %*u %*u %u",
+                     &local[0], &local[1], &local[2], &local[3], &ports[0], &foreign[0],
+                     &foreign[1], &foreign[2], &foreign[3], &ports[1], &socket->inode)
+            : sscanf(line, "%*d: %8x:%4x %8x:%4x %*x %*s %*s %*x %*u %*u %u", &local[0], &ports[0],
+                     &foreign[0], &ports[1], &socket->inode);
+  socket->local_port = htons(static_cast<uint16_t>(ports[0]));
+  socket->foreign_port = htons(static_cast<uint16_t>(ports[1]));
   socket->is_v6 = is_v6;
   settle_family(socket);
-  return fields.valid();
+  return found == wanted;
 }
 
 int read_table(const char* path, bool is_v6, TcpSocketSink* sink) {

@@ -4,71 +4,10 @@
 
 #include <string>
 
+#include "Call.h"
 #include "HostReporter.h"
 
 namespace threading {
-
-// Messages to the child.
-
-class HeartbeatMessage final : public InputMessage<MsgThread> {
- public:
-  HeartbeatMessage(MsgThread* thread, double arg_network_time, double arg_current_time)
-      : InputMessage<MsgThread>("Heartbeat", thread),
-        network_time_(arg_network_time),
-        current_time_(arg_current_time) {}
-
-  bool Process() override { return Object()->OnHeartbeat(network_time_, current_time_); }
-
- private:
-  double network_time_;
-  double current_time_;
-};
-
-class FinishMessage final : public InputMessage<MsgThread> {
- public:
-  FinishMessage(MsgThread* thread, double arg_network_time)
-      : InputMessage<MsgThread>("Finish", thread), network_time_(arg_network_time) {}
-
-  // The thread ends anyway: failing makes an error report, nothing else.
-  bool Process() override {
-    if (!Object()->OnFinish(network_time_))
-      Object()->Error("terminating thread");
-    Object()->finished = true;
-    return true;
-  }
-
- private:
-  double network_time_;
-};
-
-// Messages to the main thread.
-
-class KillMeMessage final : public OutputMessage<MsgThread> {
- public:
-  explicit KillMeMessage(MsgThread* thread) : OutputMessage<MsgThread>("KillMe", thread) {}
-
-  bool Process() override {
-    Object()->Kill();
-    return true;
-  }
-};
-
-class ReporterMessage final : public OutputMessage<MsgThread> {
- public:
-  typedef void (Reporter::*Method)(const char* fmt, ...);
-
-  ReporterMessage(Method method, MsgThread* thread, const char* text)
-      : OutputMessage<MsgThread>("Reporter", thread), method_(method), text_(text) {}
-
-  bool Process() override {
-    (host::any_reporter().*method_)("%s: %s", Object()->Name(), text_.c_str());
-    return true;
-  }
-
- private:
-  Method method_;
-  std::string text_;
-};
 
 Message::Message(const char* arg_name) : name(copy_string(arg_name)) {}
 
@@ -107,11 +46,17 @@ void MsgThread::SendOut(BasicOutputMessage* msg, bool force) {
 }
 
 void MsgThread::Error(const char* msg) {
-  SendOut(new ReporterMessage(&Reporter::Error, this, msg));
+  SendOut(new host::OutputCall("Reporter", [this, text = std::string(msg)] {
+    host::any_reporter().Error("%s: %s", Name(), text.c_str());
+    return true;
+  }));
 }
 
 void MsgThread::InternalWarning(const char* msg) {
-  SendOut(new ReporterMessage(&Reporter::InternalWarning, this, msg));
+  SendOut(new host::OutputCall("Reporter", [this, text = std::string(msg)] {
+    host::any_reporter().InternalWarning("%s: %s", Name(), text.c_str());
+    return true;
+  }));
 }
 
 void MsgThread::GetStats(Stats* stats) {
@@ -122,7 +67,9 @@ void MsgThread::GetStats(Stats* stats) {
 }
 
 void MsgThread::Heartbeat() {
-  SendIn(new HeartbeatMessage(this, network_time, current_time()));
+  SendIn(new host::InputCall("Heartbeat", [this, network = network_time, now = current_time()] {
+    return OnHeartbeat(network, now);
+  }));
 }
 
 void MsgThread::Run() {
@@ -143,14 +90,25 @@ void MsgThread::Fail() {
     return;
   failed = true;
   Error("terminating thread");
-  SendOut(new KillMeMessage(this), true);
+  const auto kill = [this] {
+    Kill();
+    return true;
+  };
+  SendOut(new host::OutputCall("KillMe", kill), true);
 }
 
 void MsgThread::OnSignalStop() {
   if (stop_signaled || Killed())
     return;
   stop_signaled = true;
-  SendIn(new FinishMessage(this, network_time), true);
+  const auto finish = [this, network = network_time] {
+    // The thread ends anyway: a failure is reported, nothing else.
+    if (!OnFinish(network))
+      Error("terminating thread");
+    finished = true;
+    return true;
+  };
+  SendIn(new host::InputCall("Finish", finish), true);
 }
 
 void MsgThread::OnWaitForStop() {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "Call.h"
 #include "HostReporter.h"
 #include "MainThread.h"
 #include "Net.h"
@@ -70,38 +71,6 @@ class WriteMessage final : public BackendMessage {
   int num_fields_;
   int num_writes_;
   threading::Value*** vals_;  // null once the backend has them
-};
-
-class SetBufMessage final : public BackendMessage {
- public:
-  SetBufMessage(WriterBackend* backend, bool enabled)
-      : BackendMessage("SetBuf", backend), enabled_(enabled) {}
-
-  bool Process() override { return Object()->SetBuf(enabled_); }
-
- private:
-  bool enabled_;
-};
-
-class RotateMessage final : public BackendMessage {
- public:
-  RotateMessage(WriterBackend* backend, const char* rotated_path, double open, double close,
-                bool terminating)
-      : BackendMessage("Rotate", backend),
-        rotated_path_(rotated_path),
-        open_(open),
-        close_(close),
-        terminating_(terminating) {}
-
-  bool Process() override {
-    return Object()->Rotate(rotated_path_.c_str(), open_, close_, terminating_);
-  }
-
- private:
-  std::string rotated_path_;
-  double open_;
-  double close_;
-  bool terminating_;
 };
 
 std::string make_name(const char* path, EnumVal* writer) {
@@ -181,7 +150,8 @@ void WriterFrontend::SetBuf(bool enabled) {
   if (disabled)
     return;
   buf = enabled;
-  backend->SendIn(new SetBufMessage(backend, enabled));
+  backend->SendIn(new host::InputCall(
+      "SetBuf", [writer = backend, enabled] { return writer->SetBuf(enabled); }));
   if (!enabled)
     FlushWriteBuffer();
 }
@@ -192,7 +162,10 @@ void WriterFrontend::Rotate(const char* rotated_path, double open, double close,
   if (disabled)
     return;
   FlushWriteBuffer();
-  backend->SendIn(new RotateMessage(backend, rotated_path, open, close, arg_terminating));
+  const std::string to = rotated_path;
+  backend->SendIn(new host::InputCall("Rotate", [=, writer = backend] {
+    return writer->Rotate(to.c_str(), open, close, arg_terminating);
+  }));
 }
 
 void WriterFrontend::DeleteVals(threading::Value** vals) {

@@ -16,9 +16,6 @@ namespace threading {
 
 class BasicInputMessage;
 class BasicOutputMessage;
-class FinishMessage;
-class HeartbeatMessage;
-class KillMeMessage;
 class Manager;
 
 class MsgThread : public BasicThread {
@@ -46,9 +43,6 @@ class MsgThread : public BasicThread {
 
  protected:
   friend class Manager;
-  friend class HeartbeatMessage;
-  friend class FinishMessage;
-  friend class KillMeMessage;
 
   /// Deletes what was not handled.
   virtual ~MsgThread();
