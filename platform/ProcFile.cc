@@ -55,50 +55,6 @@ bool find_number(const char* text, const char* name, uint64_t* value) {
   return false;
 }
 
-Lines::Lines(const char* path) : fd_(open(path, O_RDONLY | O_CLOEXEC)), failed_(fd_ < 0) {}
-
-Lines::~Lines() {
-  if (fd_ >= 0)
-    close(fd_);
-}
-
-bool Lines::fill() {
-  if (failed_ || at_end_)
-    return false;
-  memmove(buffer_, buffer_ + begin_, end_ - begin_);
-  end_ -= begin_;
-  begin_ = 0;
-  const ssize_t count = read_some(fd_, buffer_ + end_, sizeof buffer_ - 1 - end_);
-  if (count < 0)
-    failed_ = true;
-  else if (count == 0)
-    at_end_ = true;
-  else
-    end_ += static_cast<size_t>(count);
-  return count > 0;
-}
-
-const char* Lines::next() {
-  for (;;) {
-    char* line = buffer_ + begin_;
-    char* newline = static_cast<char*>(memchr(line, '\n', end_ - begin_));
-    if (newline != nullptr) {
-      *newline = '\0';
-      begin_ = static_cast<size_t>(newline - buffer_) + 1;
-      return line;
-    }
-    const bool full = end_ - begin_ == sizeof buffer_ - 1;
-    if (!full && fill())
-      continue;
-    if (failed_ || begin_ == end_)
-      return nullptr;
-    line = buffer_ + begin_;
-    buffer_[end_] = '\0';
-    begin_ = end_;
-    return line;
-  }
-}
-
 NumberedEntries::NumberedEntries(const char* path)
     : fd_(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
 

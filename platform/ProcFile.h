@@ -16,31 +16,6 @@ ssize_t read_text(const char* path, char* buffer, size_t size);
 /// False if there is none.
 bool find_number(const char* text, const char* name, uint64_t* value);
 
-/// The lines of a file of any length.
-class Lines {
- public:
-  explicit Lines(const char* path);
-  ~Lines();
-  Lines(const Lines&) = delete;
-  Lines& operator=(const Lines&) = delete;
-
-  /// The next line, with a NUL at its end; valid until the next call. Null at the end of the file
-  /// and on failure. A line longer than the buffer comes in pieces.
-  const char* next();
-  /// Whether opening or reading has failed (errno).
-  bool failed() const { return failed_; }
-
- private:
-  bool fill();
-
-  int fd_;
-  bool failed_;
-  bool at_end_ = false;
-  size_t begin_ = 0;
-  size_t end_ = 0;
-  char buffer_[16384];
-};
-
 /// The entries of a folder whose names are numbers, in the folder's order.
 class NumberedEntries {
  public:

@@ -5,10 +5,11 @@
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cstdio>
 
 #include "ProcFile.h"
 
@@ -132,11 +133,11 @@ bool parse_line(const char* line, bool is_v6, TcpSocket* socket) {
   unsigned ports[2] = {0, 0};
   const int wanted = is_v6 ? 11 : 5;
   const int found =
-      is_v6 ? sscanf(line, "%*d: %8x%8x%8x%8x:%4x %8x%8x%8x%8x:%4x %*x %*s %*s %*x %*u %*u %u",
-                     &local[0], &local[1], &local[2], &local[3], &ports[0], &foreign[0],
-                     &foreign[1], &foreign[2], &foreign[3], &ports[1], &socket->inode)
-            : sscanf(line, "%*d: %8x:%4x %8x:%4x %*x %*s %*s %*x %*u %*u %u", &local[0], &ports[0],
-                     &foreign[0], &ports[1], &socket->inode);
+      is_v6 ? std::sscanf(line, "%*d: %8x%8x%8x%8x:%4x %8x%8x%8x%8x:%4x %*x %*s %*s %*x %*u %*u %u",
+                          &local[0], &local[1], &local[2], &local[3], &ports[0], &foreign[0],
+                          &foreign[1], &foreign[2], &foreign[3], &ports[1], &socket->inode)
+            : std::sscanf(line, "%*d: %8x:%4x %8x:%4x %*x %*s %*s %*x %*u %*u %u", &local[0],
+                          &ports[0], &foreign[0], &ports[1], &socket->inode);
   socket->local_port = htons(static_cast<uint16_t>(ports[0]));
   socket->foreign_port = htons(static_cast<uint16_t>(ports[1]));
   socket->is_v6 = is_v6;
@@ -145,17 +146,22 @@ bool parse_line(const char* line, bool is_v6, TcpSocket* socket) {
 }
 
 int read_table(const char* path, bool is_v6, TcpSocketSink* sink) {
-  procfs::Lines lines(path);
-  lines.next();  // the headings
-  while (const char* line = lines.next()) {
+  std::FILE* const file = std::fopen(path, "re");
+  if (file == nullptr)
+    return errno;
+  int error = 0;
+  char line[512];
+  while (error == 0 && std::fgets(line, sizeof line, file) != nullptr) {
     TcpSocket socket;
     memset(&socket, 0, sizeof socket);
-    if (!parse_line(line, is_v6, &socket) || socket.inode == 0)
-      continue;
-    if (!sink->add(socket))
-      return ENOMEM;
+    // The headings are no socket.
+    if (parse_line(line, is_v6, &socket) && socket.inode != 0 && !sink->add(socket))
+      error = ENOMEM;
   }
-  return lines.failed() ? errno : 0;
+  if (std::ferror(file))
+    error = EIO;
+  std::fclose(file);
+  return error;
 }
 
 /// The kernel's own count, 0 if it has none.

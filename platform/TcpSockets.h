@@ -26,10 +26,10 @@ class TcpSocketSink {
 
 /// Gives every socket that a process holds to `sink`. Connections that are not accepted yet and
 /// those in TIME_WAIT have no process. Return 0, ENOMEM if the sink had no room, or the error of
-/// reading. Thread-safe; nothing is allocated.
+/// reading. Thread-safe.
 ///
-/// The first uses netlink, which is many times faster but not permitted everywhere. The second
-/// reads /proc/net/tcp and /proc/net/tcp6.
+/// The first uses netlink, which is many times faster but not permitted everywhere; it allocates
+/// nothing. The second reads /proc/net/tcp and /proc/net/tcp6.
 int read_tcp_sockets_by_netlink(TcpSocketSink* sink);
 int read_tcp_sockets_from_proc(TcpSocketSink* sink);
 
