@@ -102,6 +102,7 @@ class Reader:
         self.exporting = False
         self.optional_name = None  # what the enclosing @ifdef asks for
         self.locals = set()
+        self.result = None
         self.lines = []            # of the Python function that is being made
 
     # --- tokens ----------------------------------------------------------------------------------
@@ -281,14 +282,15 @@ class Reader:
         found = {}
         while self.kind == "attribute":
             name = self.next()
-            found[name] = self.expression(";", "{", "&log") if self.take("=") else ""
+            found[name] = self.expression(";", "{", "&log") if self.take("=") else "True"
+            compile(found[name], "%s: %s" % (self.path, name), "eval")
         return found
 
     def function(self, kind):
         name = self.new_name(scoped=True)
         parameters = self.parameters()
         result = self.type() if self.take(":") else None
-        priority = int(self.attributes().get("&priority", "0").replace(" ", ""))
+        priority = int(self.attributes().get("&priority", "0").replace("- ", "-"))
         declared = self.program.names.get(self.full(name))
         if not declared and kind == "event":
             self.fail("'%s' is not declared" % name)
@@ -298,6 +300,7 @@ class Reader:
                 kind, [t.kind for _, t in parameters]):
             self.fail("'%s' is declared in another way" % name)
         self.locals = {parameter for parameter, _ in parameters}
+        self.result = result
         self.lines = ["def function(%s):" % ", ".join(parameter for parameter, _ in parameters)]
         self.expect("{")
         self.at -= 1
@@ -399,7 +402,8 @@ class Reader:
             self.expect(";")
         elif self.word in ("return", "print"):
             word = self.next()
-            line(word + ("(%s)" % rest() if not self.take(";") else ""))
+            without_value = self.result is None and self.take(";")
+            line(word if without_value else "%s(%s)" % (word, rest()))
         elif self.take("add"):
             line(rest() + " = True")
         elif self.take("delete"):
