@@ -621,7 +621,7 @@ class CollectFullDiskTest(CliTest):
 
     @needs_zmq
     def test_exit_on_full_ends_while_there_is_room_for_all_that_agents_have_sent(self):
-        self.mount(66)
+        self.mount(76)
         collector = self.collect("--output", "disk/events", "--exit-on-full")
         agent = self.agent(collector.endpoint, sndhwm=1, immediate=1, sndtimeo=1000)
         sent = 0
@@ -630,8 +630,9 @@ class CollectFullDiskTest(CliTest):
                 agent.send(make_event(uid=b"C%d" % sent, details=b"x" * 10000))
                 sent += 1
         self.assertEqual(collector.wait(), 1)
-        self.assertIn("disk/events: less than 64 MiB are free", collector.stderr)
-        self.assertLessEqual(sent - read_file("disk/events").count("\n"), 1)
+        self.assertIn("disk/events: less than 72 MiB are free", collector.stderr)
+        # One in the agent's queue, one on its way to the socket.
+        self.assertLessEqual(sent - read_file("disk/events").count("\n"), 2)
         again = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
                               "server.secret", "--output", "disk/events", "--exit-on-full")
         self.assertEqual(again.returncode, 1)
@@ -657,7 +658,8 @@ class CollectFullDiskTest(CliTest):
         lost = int(re.search(r"(\d+) of the events received did not get out",
                              collector.stderr).group(1))
         self.assertEqual(totals(collector)["events"], len(written) + lost)
-        self.assertLessEqual(sent - len(written) - lost, 1)
+        # One in the agent's queue, one on its way to the socket.
+        self.assertLessEqual(sent - len(written) - lost, 2)
 
     @needs_zmq
     def test_stop_gives_a_full_disk_up_after_a_while_and_counts_what_did_not_get_out(self):

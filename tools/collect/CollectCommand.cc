@@ -27,9 +27,8 @@ constexpr const char* kFooter =
     "collector\n"
     "keeps what it has, leaves the connections open and tries again every second. An agent then\n"
     "sends until the buffers on the way are full, and uses another server or its disk. With\n"
-    "--exit-on-full the collector ends instead (exit status 1) while 64 MiB are still free, after\n"
-    "it has written all that has left the agents. More than ten busy agents may have more under\n"
-    "way than fits into that; the rest is lost and counted.\n"
+    "--exit-on-full the collector ends instead (exit status 1) while 64 MiB and 8 MiB for each\n"
+    "connection are still free, after it has written all that has left the agents.\n"
     "\n"
     "For each connection at most 64 messages wait in the collector. A message of more than 4 MiB "
     "is\n"
@@ -142,7 +141,7 @@ void add_output_options(CLI::App* command, SinkOptions* options) {
       ->needs(rotate_size);
   command
       ->add_flag("--exit-on-full", options->exit_on_full,
-                 "End when less than 64 MiB are free for the file, or writing it fails")
+                 "End while there is still room for what agents have sent, or when writing fails")
       ->needs(output);
 }
 

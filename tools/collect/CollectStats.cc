@@ -124,6 +124,11 @@ void CollectStats::NoteOutput(std::uint64_t written_bytes, std::uint64_t finishe
   counts_.stalled = stalled;
 }
 
+std::uint64_t CollectStats::Connections() const {
+  const Lock lock(mutex_);
+  return counts_.connections;
+}
+
 CollectCounts CollectStats::Counts() const {
   const Lock lock(mutex_);
   CollectCounts counts = counts_;

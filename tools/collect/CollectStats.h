@@ -93,6 +93,7 @@ class CollectStats {
   void NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files, bool stalled);
 
   CollectCounts Counts() const;
+  std::uint64_t Connections() const;
   /// Seconds since 1970.
   static double Now();
 

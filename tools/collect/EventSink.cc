@@ -117,12 +117,16 @@ void EventSink::Flush() {
   NoteOutput();
 }
 
+std::uint64_t EventSink::reserve() const {
+  return kReserve + stats_->Connections() * kReserveEach;
+}
+
 bool EventSink::full() const {
-  return options_.exit_on_full && file_ && file_->Room() < kReserve;
+  return options_.exit_on_full && file_ && file_->Room() < reserve();
 }
 
 std::string EventSink::full_problem() const {
-  return options_.path + ": less than " + std::to_string(kReserve >> 20) + " MiB are free";
+  return options_.path + ": less than " + std::to_string(reserve() >> 20) + " MiB are free";
 }
 
 /// Opens a new file when the open one was moved or removed.

@@ -31,7 +31,9 @@ struct SinkOptions {
 
 class EventSink {
  public:
+  /// What agents may have under way at the end: with exit_on_full, room for it is kept.
   static constexpr std::uint64_t kReserve = std::uint64_t{64} << 20;
+  static constexpr std::uint64_t kReserveEach = std::uint64_t{8} << 20;  // for each connection
 
   /// `stats` gets the figures of the output. Throws std::runtime_error when the file cannot be
   /// opened or is full(), or standard output is closed. What a former run left in the file stays
@@ -47,7 +49,7 @@ class EventSink {
   void Write(const EventMessage& event, std::string_view raw);
   void Flush();
 
-  /// With exit_on_full: whether less than kReserve bytes are free where the file is. The caller
+  /// With exit_on_full: whether less than the reserve is free where the file is. The caller
   /// then ends, and the reserve takes what it still receives.
   bool full() const;
   /// For standard error.
@@ -59,6 +61,7 @@ class EventSink {
   std::uint64_t lost_events() const { return lost_events_; }
 
  private:
+  std::uint64_t reserve() const;
   std::string_view Formatted(const EventMessage& event, std::string_view raw);
   bool IsFull(std::size_t next) const;
   void RotateIfFull(std::size_t next);
