@@ -633,6 +633,7 @@ class CollectFullDiskTest(CliTest):
         self.assertIn("disk/events: less than 72 MiB are free", collector.stderr)
         # One in the agent's queue, one on its way to the socket.
         self.assertLessEqual(sent - read_file("disk/events").count("\n"), 2)
+        write_file("disk/other", b"x" * (8 << 20))
         again = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
                               "server.secret", "--output", "disk/events", "--exit-on-full")
         self.assertEqual(again.returncode, 1)
