@@ -270,3 +270,8 @@ def quoted(text):
 def draw(points, output):
     """Runs gnuplot. Raises OSError or subprocess.CalledProcessError when that does not work."""
     subprocess.run(["gnuplot"], input=plot_script(points, output), text=True, check=True)
+    with open(output, "r+", encoding="utf-8") as plot:
+        text = re.sub(r"\s*\n\s*", " ", re.sub(r">\s+<", "><", plot.read()))
+        plot.seek(0)
+        plot.truncate()
+        plot.write(text + "\n")
