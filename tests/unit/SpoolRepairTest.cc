@@ -214,6 +214,17 @@ TEST_F(SpoolRepairTest, TakenEventIsNotReadAsRecords) {
   }
 }
 
+// Remains of an event behind the top may look like one, and the header's size fit by chance.
+TEST_F(SpoolRepairTest, TopThatNamesAWrongLengthIsLeftOut) {
+  const std::string first = event(1), second = event(2), remains = event(3);
+  const std::size_t used = 12 + 12 + first.size() + second.size() + remains.size();
+  put("queue.dat", header(static_cast<std::uint32_t>(used + 300), 3) + record(0, first) +
+                       record(first.size(), second) + record(0, remains));
+  repair();
+  start();
+  EXPECT_THAT(drain(), ElementsAre(second, first));
+}
+
 // After any run of stores and takes that ends in a crash, the repaired spool gives what was stored
 // and not taken.
 TEST_F(SpoolRepairTest, RepairedSpoolGivesExactlyWhatWasNotTakenYet) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <map>
 #include <stdexcept>
@@ -216,10 +217,13 @@ void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& by_
     diagnosis->damage =
         counted(found - promised, "record") + " that the header does not count (unclean stop)";
     diagnosis->repairable = true;
-  } else if (found < promised && linked.end == WalkEnd::kBrokenLink &&
+  } else if (found + 1 < promised && linked.end == WalkEnd::kBrokenLink &&
              by_header.size() == promised && used_size_fits(file, by_header) &&
+             links_hold(
+                 {by_header.begin() + static_cast<std::ptrdiff_t>(found), by_header.end()}) &&
              !is_phantom(file, by_header, found, is_event)) {
-    // Number and size of the records are right, so the link is wrong.
+    // Number and size of the records are right, and so are the links behind it, so the link is
+    // wrong. A top that alone is wrong may be the remains of an event that look like one.
     diagnosis->damage =
         "record " + std::to_string(found + 1) + " does not name the length of the one before it";
   } else if (found < promised &&
