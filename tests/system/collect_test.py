@@ -278,7 +278,7 @@ class CollectUsageTest(CliTest):
                          ("tcp://" + in_use, "Address already in use"),
                          ("tcp://192.0.2.1:5555", "Cannot assign requested address"),
                          ("tcp://[::1]:*", "No such device; the host must be an IPv4 address of"),
-                         ("tcp://localhost:*", "No such device; the host must be an IPv4 address"),
+                         ("tcp://no-such-interface:*", "No such device; the host must be an IPv4 address"),
                          ("ipc://file.txt", "there is a file of this name")]]
             cases += [(["--output", output], output + ": is a file of keys, so it cannot be")
                       for output in ("server.secret", "./hard", "allowed", "soft")]

@@ -167,7 +167,7 @@ TEST_F(PullSocketTest, SocketOfAFormerRunIsReplacedAndNothingElse) {
 }
 
 TEST_F(PullSocketTest, HostsThatCannotBeListenedOnAreExplained) {
-  for (const char* const host : {"[::1]", "localhost", "no-such-interface"}) {
+  for (const char* const host : {"[::1]", "no-such-interface"}) {
     try {
       socket_.Bind("tcp://" + std::string(host) + ":*");
       FAIL() << host;
