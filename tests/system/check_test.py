@@ -104,6 +104,13 @@ class ConfigurationTest(CheckTestCase):
         write_file("settings", "")
         self.assertEqual(self.found(self.report())[:2], ["server-missing", "key-missing"])
 
+    def test_rotation_is_noted_where_it_is_on(self):
+        self.settings()
+        for interval, noted in ((None, False), ("1hr", True), ("0secs", False), ("0.5 days", True),
+                                ("", False)):
+            more = [] if interval is None else ["--set", "Log::default_rotation_interval=" + interval]
+            self.assertEqual("rotation" in self.found(self.report(*more), notes=True), noted, interval)
+
     def test_disk_limit_is_the_one_that_the_plug_in_reports(self):
         self.settings("127.0.0.1:9", KEY, "disk.usage.relative = 1\ndisk.usage.absolute = 100000\n")
         write_file("a.log", "#separator \\x09\n#path\tt\n#fields\tts\n#types\ttime\n1.5\n")
@@ -168,7 +175,7 @@ class ConfigurationTest(CheckTestCase):
         # A user who may neither read the build folder nor the temporary one gets copies.
         options = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
         self.assertEqual(self.found(self.installed("plugin", **options), notes=True),
-                         ["spool-parent-not-writable", "agent-id-not-kept", "rotation"])
+                         ["spool-parent-not-writable", "agent-id-not-kept"])
 
     def test_installed_program_finds_the_plugin_installed_with_it(self):
         report = self.installed("lib/zmqwriter/plugin")

@@ -62,9 +62,11 @@ TEST(CheckReport, NotesAloneAreAllWell) {
   EXPECT_FALSE(all_well(report_with(Severity::kError)));
 }
 
-TEST(CheckReport, RotationIsAlwaysNoted) {
+TEST(CheckReport, RotationIsNotedWhereItIsOn) {
   Findings findings;
-  check_environment({"4.3.4", true}, false, &findings);
+  check_environment({"4.3.4", true}, false, false, &findings);
+  EXPECT_THAT(ids(findings), ElementsAre());
+  check_environment({"4.3.4", true}, false, true, &findings);
   EXPECT_THAT(ids(findings), ElementsAre("rotation"));
   EXPECT_EQ(findings[0].severity, Severity::kNote);
   EXPECT_THAT(findings[0].remedy, HasSubstr("$interv=0secs"));
@@ -72,15 +74,15 @@ TEST(CheckReport, RotationIsAlwaysNoted) {
 
 TEST(CheckReport, LibzmqWithoutCurveIsAnError) {
   Findings findings;
-  check_environment({"4.3.4", false}, false, &findings);
-  EXPECT_THAT(ids(findings), ElementsAre("libzmq-without-curve", "rotation"));
+  check_environment({"4.3.4", false}, false, false, &findings);
+  EXPECT_THAT(ids(findings), ElementsAre("libzmq-without-curve"));
   EXPECT_EQ(findings[0].severity, Severity::kError);
 }
 
 TEST(CheckReport, CheckingAsRootIsNoted) {
   Findings findings;
-  check_environment({"4.3.4", true}, true, &findings);
-  EXPECT_THAT(ids(findings), ElementsAre("checked-as-root", "rotation"));
+  check_environment({"4.3.4", true}, true, false, &findings);
+  EXPECT_THAT(ids(findings), ElementsAre("checked-as-root"));
   EXPECT_EQ(findings[0].severity, Severity::kNote);
 }
 

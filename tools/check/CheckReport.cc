@@ -249,7 +249,7 @@ void check_connections(const std::vector<TriedEndpoint>& tried, Findings* findin
   }
 }
 
-void check_environment(const LibzmqReport& libzmq, bool is_root, Findings* findings) {
+void check_environment(const LibzmqReport& libzmq, bool is_root, bool rotates, Findings* findings) {
   if (!libzmq.curve)
     add_error(findings, "libzmq-without-curve",
               "libzmq " + libzmq.version + " has no CURVE security, so the plug-in sends nothing",
@@ -258,11 +258,13 @@ void check_environment(const LibzmqReport& libzmq, bool is_root, Findings* findi
     add_note(findings, "checked-as-root",
              "write access was checked as root, who may write everywhere",
              "check as the user that the host runs as");
-  add_note(findings, "rotation",
-           "log rotation must stay off for this writer: it has nothing to rotate, and the host "
-           "aborts when a writer does not report a finished rotation",
-           "give filters of this writer $interv=0secs; the plug-in's scripts set other intervals "
-           "to 0 when the host starts and print \"the ZeroMQ writer cannot rotate: ...\" for each");
+  if (rotates)
+    add_note(
+        findings, "rotation",
+        "log rotation must stay off for this writer: it has nothing to rotate, and the host "
+        "aborts when a writer does not report a finished rotation",
+        "give filters of this writer $interv=0secs; the plug-in's scripts set other intervals "
+        "to 0 when the host starts and print \"the ZeroMQ writer cannot rotate: ...\" for each");
 }
 
 std::string report_as_text(const CheckReport& report) {

@@ -48,8 +48,8 @@ bool all_well(const CheckReport& report);
 /// Adds an error for each endpoint that could not be connected.
 void check_connections(const std::vector<TriedEndpoint>& tried, Findings* findings);
 
-/// Adds findings about libzmq, the user who checks, and rotation.
-void check_environment(const LibzmqReport& libzmq, bool is_root, Findings* findings);
+/// Adds findings about libzmq, the user who checks, and the rotation of logs.
+void check_environment(const LibzmqReport& libzmq, bool is_root, bool rotates, Findings* findings);
 
 /// Tables, then the findings: errors, warnings, notes.
 std::string report_as_text(const CheckReport& report);
