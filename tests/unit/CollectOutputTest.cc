@@ -1,5 +1,5 @@
 // The outputs: streams that are interrupted, files that rotate.
-#include "EventSink.h"
+#include "FileSink.h"
 #include "Output.h"
 #include "RotatingFile.h"
 
@@ -44,7 +44,7 @@ std::string event(const std::string& uid) {
 
 class CollectOutputTest : public testing::Test {
  protected:
-  static void write(EventSink* sink, const std::string& message) {
+  static void write(FileSink* sink, const std::string& message) {
     sink->Write(EventMessage(message.data(), message.size()), message);
   }
 
@@ -55,7 +55,7 @@ class CollectOutputTest : public testing::Test {
   }
 
   /// A sink of raw events into "out".
-  static SinkOptions raw(std::uint64_t rotate_size, std::uint64_t keep = 0) {
+  static FileSinkOptions raw(std::uint64_t rotate_size, std::uint64_t keep = 0) {
     return {"raw", "out", rotate_size, keep, false};
   }
 
@@ -125,7 +125,7 @@ TEST_F(CollectOutputTest, FileIsExactlyAsLongAsAllowedAndNotAByteMore) {
   const std::string message = event("C1");
   const std::size_t size = framed(message).size();
   {
-    EventSink exact(raw(2 * size), &stats_);
+    FileSink exact(raw(2 * size), &stats_);
     for (int i = 0; i < 4; ++i) {
       write(&exact, message);
       if (i % 2 == 1)
@@ -137,7 +137,7 @@ TEST_F(CollectOutputTest, FileIsExactlyAsLongAsAllowedAndNotAByteMore) {
   EXPECT_EQ(test::read_file("out.000001"), framed(message) + framed(message));
   EXPECT_EQ(test::read_file("out"), framed(message) + framed(message));
 
-  EventSink less(raw(2 * size - 1), &stats_);
+  FileSink less(raw(2 * size - 1), &stats_);
   EXPECT_FALSE(exists("out.000002")) << "the former run's file has moved too soon";
   less.Begin();
   for (int i = 0; i < 2; ++i)
@@ -150,7 +150,7 @@ TEST_F(CollectOutputTest, FileIsExactlyAsLongAsAllowedAndNotAByteMore) {
 
 TEST_F(CollectOutputTest, EmptyFileIsNotMovedAside) {
   test::write_file("out", "");
-  EventSink sink(raw(0), &stats_);
+  FileSink sink(raw(0), &stats_);
   sink.Begin();
   EXPECT_FALSE(exists("out.000001"));
 }
@@ -280,7 +280,7 @@ TEST_F(CollectOutputTest, FullFileEndsWithAWholeEventAndGoesOnWhenThereIsRoom) {
   rlimit before;
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
   const rlimit limited = {2 * size + size / 2, before.rlim_max};
-  EventSink sink(raw(0), &stats_);
+  FileSink sink(raw(0), &stats_);
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
   std::string during;
   std::thread room([&] {

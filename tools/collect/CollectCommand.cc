@@ -69,7 +69,7 @@ void warn_if_readable_by_others(const std::string& file) {
 
 int collect(const CollectOptions& options) {
   catch_stop_signals();
-  if (options.sink.path.empty() && options.allow_file.empty())
+  if (options.output.path.empty() && options.allow_file.empty())
     catch_hangup_as_stop();
   else
     catch_reload_signal();
@@ -112,7 +112,7 @@ void add_input_options(CLI::App* command, CollectOptions* options) {
       ->check(not_empty());
 }
 
-void add_output_options(CLI::App* command, SinkOptions* options) {
+void add_output_options(CLI::App* command, FileSinkOptions* options) {
   command
       ->add_option("--format", options->format,
                    "json: one object per line. text: one line to read. raw: each message as "
@@ -186,7 +186,7 @@ void add_collect_command(CLI::App& app, int* exit_code) {
   command->footer(kFooter);
   const auto options = std::make_shared<CollectOptions>();
   add_input_options(command, options.get());
-  add_output_options(command, &options->sink);
+  add_output_options(command, &options->output);
   add_watching_options(command, options.get());
   command->callback([options, exit_code] { *exit_code = collect(*options); });
 }

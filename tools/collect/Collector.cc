@@ -58,8 +58,8 @@ std::unique_ptr<StatusServer> make_server(const CollectOptions& options, const C
                                           const ClientGate* gate) {
   if (options.metrics_address.empty())
     return nullptr;
-  const Watched collector = {stats, gate, options.endpoints, options.sink.path,
-                             options.sink.format};
+  const Watched collector = {stats, gate, options.endpoints, options.output.path,
+                             options.output.format};
   auto server = std::make_unique<StatusServer>(options.metrics_address, collector);
   std::fprintf(stderr, "status on %s\nmetrics on %smetrics\n", server->url().c_str(),
                server->url().c_str());
@@ -67,13 +67,13 @@ std::unique_ptr<StatusServer> make_server(const CollectOptions& options, const C
 }
 
 /// The options of the output. A file of keys is refused, because it would be moved aside.
-const SinkOptions& no_input(const CollectOptions& options) {
+const FileSinkOptions& no_input(const CollectOptions& options) {
   std::error_code ignored;
   for (const std::string& input : {options.secret_key_file, options.allow_file})
-    if (std::filesystem::equivalent(options.sink.path, input, ignored))
-      throw std::runtime_error(options.sink.path +
+    if (std::filesystem::equivalent(options.output.path, input, ignored))
+      throw std::runtime_error(options.output.path +
                                ": is a file of keys, so it cannot be the output");
-  return options.sink;
+  return options.output;
 }
 
 }  // namespace
@@ -86,12 +86,13 @@ Collector::Collector(const CollectOptions& options)
       secret_key_(read_secret_key_file(options.secret_key_file)),
       socket_(&context_, secret_key_, gate_ != nullptr),
       monitor_(std::in_place, context_, &socket_, &stats_, options.quiet),
-      server_(make_server(options, stats_, gate_.get())),
-      sink_(no_input(options), &stats_) {
+      server_(make_server(options, stats_, gate_.get())) {
+  sinks_.push_back(std::make_unique<FileSink>(no_input(options), &stats_));
   // Bound last, so that no agent has connected when something else fails.
   for (const std::string& endpoint : options.endpoints)
     bound_.push_back(socket_.Bind(endpoint));
-  sink_.Begin();
+  for (const auto& sink : sinks_)
+    sink->Begin();
   if (!options.quiet)
     std::fprintf(stderr, "zmq.public_key = %s\n", to_hex(public_key_of(secret_key_)).c_str());
   for (const std::string& endpoint : bound_)
@@ -109,7 +110,7 @@ Collector::~Collector() {
 
 int Collector::Run() {
   last_message_ = Clock::now();
-  while (!Done() && !OutputEnds() && !stop_requested()) {
+  while (!Done() && !SinkEnds() && !stop_requested()) {
     if (take_reload_request() && gate_)
       ReloadAllowList();
     if (TakeWaiting())
@@ -128,9 +129,13 @@ bool Collector::Done() const {
   return options_.count > 0 && events_ >= options_.count;
 }
 
-bool Collector::OutputEnds() {
-  full_ = sink_.full();
-  return full_ || sink_.failed();
+bool Collector::SinkEnds() {
+  for (const auto& sink : sinks_) {
+    full_ = sink->full();
+    if (!full_.empty() || sink->failed())
+      return true;
+  }
+  return false;
 }
 
 bool Collector::TimedOut() const {
@@ -146,7 +151,8 @@ bool Collector::TakeWaiting() {
     TakeMessage();
     ++taken;
   }
-  sink_.Flush();
+  for (const auto& sink : sinks_)
+    sink->Flush();
   if (taken > 0)
     last_message_ = Clock::now();
   return taken > 0;
@@ -244,7 +250,8 @@ void Collector::TakeEvent() {
   }
   ++events_;
   stats_.CountEvent(event, raw.size());
-  sink_.Write(event, raw);
+  for (const auto& sink : sinks_)
+    sink->Write(event, raw);
 }
 
 void Collector::ReportBad(const std::string& problem) {
@@ -269,7 +276,8 @@ void Collector::ReloadAllowList() {
 }
 
 void Collector::Finish() {
-  sink_.Flush();
+  for (const auto& sink : sinks_)
+    sink->Finish();
   if (printer_)
     printer_->Finish();
   if (!options_.quiet)
@@ -291,14 +299,16 @@ void Collector::PrintTotals() const {
 }
 
 int Collector::ExitCode() const {
-  if (sink_.failed()) {
-    std::fprintf(stderr, "zmqwriter: %s\n", sink_.problem().c_str());
-    std::fprintf(stderr, "zmqwriter: %llu of the events received did not get out\n",
-                 number(sink_.lost_events()));
-    return 1;
+  for (const auto& sink : sinks_) {
+    if (sink->failed()) {
+      std::fprintf(stderr, "zmqwriter: %s\n", sink->problem().c_str());
+      std::fprintf(stderr, "zmqwriter: %llu of the events received did not get out\n",
+                   number(sink->lost_events()));
+      return 1;
+    }
   }
-  if (full_) {
-    std::fprintf(stderr, "zmqwriter: %s\n", sink_.full_problem().c_str());
+  if (!full_.empty()) {
+    std::fprintf(stderr, "zmqwriter: %s\n", full_.c_str());
     return 1;
   }
   if (options_.count > 0 && events_ < options_.count && !stop_requested()) {

@@ -19,7 +19,7 @@
 #include "CollectStats.h"
 #include "ConnectionMonitor.h"
 #include "Connections.h"
-#include "EventSink.h"
+#include "FileSink.h"
 #include "PullSocket.h"
 #include "StatsPrinter.h"
 #include "StatusServer.h"
@@ -31,7 +31,7 @@ struct CollectOptions {
   std::vector<std::string> endpoints;
   std::string secret_key_file;
   std::string allow_file;  // empty: every client may connect
-  SinkOptions sink;
+  FileSinkOptions output;
   std::string metrics_address;  // empty: none
   std::size_t most_agents = CollectStats::kMostAgents;
   double stats_s = 0;       // 0: none
@@ -60,7 +60,7 @@ class Collector {
   using Clock = std::chrono::steady_clock;
 
   bool Done() const;
-  bool OutputEnds();
+  bool SinkEnds();
   bool TimedOut() const;
   bool TakeWaiting();
   bool NextPart();
@@ -85,7 +85,7 @@ class Collector {
   PullSocket socket_;
   std::optional<ConnectionMonitor> monitor_;  // not while it ends
   std::unique_ptr<StatusServer> server_;
-  EventSink sink_;
+  std::vector<std::unique_ptr<EventSink>> sinks_;
   std::vector<std::string> bound_;
   std::unique_ptr<StatsPrinter> printer_;
   zmq_msg_t part_;
@@ -94,7 +94,7 @@ class Collector {
   std::uint64_t events_ = 0;
   std::uint64_t messages_ = 0;
   std::uint64_t bad_ = 0;
-  bool full_ = false;  // the output, with exit_on_full
+  std::string full_;  // why, when a sink is
   Clock::time_point last_message_;
 };
 

@@ -1,4 +1,4 @@
-#include "EventSink.h"
+#include "FileSink.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -42,23 +42,23 @@ bool is_writable(int descriptor) {
 
 }  // namespace
 
-EventSink::EventSink(const SinkOptions& options, CollectStats* stats)
+FileSink::FileSink(const FileSinkOptions& options, CollectStats* stats)
     : options_(options), stats_(stats), rotate_at_(options.rotate_size) {
   if (!options.path.empty())
     file_ =
         std::make_unique<RotatingFile>(options.path, options.rotate_keep, options.rotate_size > 0);
   else if (!is_writable(STDOUT_FILENO))
     throw std::runtime_error("standard output is closed; name a file with --output");
-  if (full())
-    throw std::runtime_error(full_problem());
+  if (const std::string problem = full(); !problem.empty())
+    throw std::runtime_error(problem);
 }
 
-void EventSink::Begin() {
+void FileSink::Begin() {
   if (file_)
     file_->Begin();
 }
 
-std::string_view EventSink::Formatted(const EventMessage& event, std::string_view raw) {
+std::string_view FileSink::Formatted(const EventMessage& event, std::string_view raw) {
   formatted_.clear();
   if (options_.format == "raw") {
     append_raw_event(&formatted_, raw);
@@ -69,7 +69,7 @@ std::string_view EventSink::Formatted(const EventMessage& event, std::string_vie
   return formatted_;
 }
 
-void EventSink::Write(const EventMessage& event, std::string_view raw) {
+void FileSink::Write(const EventMessage& event, std::string_view raw) {
   const std::string_view text = Formatted(event, raw);
   RotateIfFull(text.size());
   if (failed()) {
@@ -82,12 +82,12 @@ void EventSink::Write(const EventMessage& event, std::string_view raw) {
     Flush();
 }
 
-bool EventSink::IsFull(std::size_t next) const {
+bool FileSink::IsFull(std::size_t next) const {
   const std::uint64_t size = rotate_at_ == 0 ? 0 : file_->size() + buffer_.size();
   return size > 0 && size + next > rotate_at_;
 }
 
-void EventSink::RotateIfFull(std::size_t next) {
+void FileSink::RotateIfFull(std::size_t next) {
   if (!IsFull(next))
     return;
   Flush();
@@ -103,7 +103,7 @@ void EventSink::RotateIfFull(std::size_t next) {
   rotate_at_ += file_->size();
 }
 
-void EventSink::Flush() {
+void FileSink::Flush() {
   const auto start = Clock::now();
   FollowPath();
   int error = 0;
@@ -117,20 +117,18 @@ void EventSink::Flush() {
   NoteOutput();
 }
 
-std::uint64_t EventSink::reserve() const {
+std::uint64_t FileSink::reserve() const {
   return kReserve + stats_->Connections() * kReserveEach;
 }
 
-bool EventSink::full() const {
-  return options_.exit_on_full && file_ && file_->Room() < reserve();
-}
-
-std::string EventSink::full_problem() const {
+std::string FileSink::full() const {
+  if (!options_.exit_on_full || !file_ || file_->Room() >= reserve())
+    return "";
   return options_.path + ": less than " + std::to_string(reserve() >> 20) + " MiB are free";
 }
 
 /// Opens a new file when the open one was moved or removed.
-void EventSink::FollowPath() {
+void FileSink::FollowPath() {
   if (!file_ || file_->IsInPlace()) {
     out_of_place_ = false;
     return;
@@ -145,7 +143,7 @@ void EventSink::FollowPath() {
 }
 
 /// Returns 0, or the errno of a failure; what was not written then stays in the buffer.
-int EventSink::WriteOut() {
+int FileSink::WriteOut() {
   if (buffer_.empty())
     return 0;
   if (out_of_place_ && file_->IsRemoved())
@@ -164,7 +162,7 @@ int EventSink::WriteOut() {
 }
 
 /// Takes out of the buffer what the output has.
-void EventSink::Drop(std::size_t bytes) {
+void FileSink::Drop(std::size_t bytes) {
   if (bytes > 0)
     last_waits_ = 0;
   written_bytes_ += bytes;
@@ -174,7 +172,7 @@ void EventSink::Drop(std::size_t bytes) {
     end -= bytes;
 }
 
-void EventSink::WaitAfter(int error) {
+void FileSink::WaitAfter(int error) {
   const bool give_up = options_.exit_on_full && error != EAGAIN;
   if (!may_pass(error) || give_up || (stop_requested() && ++last_waits_ > kLastWaits))
     return Fail(error);
@@ -196,14 +194,14 @@ void EventSink::WaitAfter(int error) {
   FollowPath();
 }
 
-void EventSink::Fail(int error) {
+void FileSink::Fail(int error) {
   problem_ = problem_of(error);
   lost_events_ += ends_.size();
   buffer_.clear();
   ends_.clear();
 }
 
-void EventSink::NoteOutput() {
+void FileSink::NoteOutput() {
   stats_->NoteOutput(written_bytes_, file_ ? file_->finished() : 0, stalled_);
 }
 
