@@ -596,6 +596,8 @@ class SettingsTest(ReplayTestCase):
                 ("", [], ["settings sets no zmq.server, nor", "settings sets no zmq.public_key"]),
                 ("zmq.server =\n" + key, [], ["settings: zmq.server is empty: the plug-in will try "
                                               "tcp://:5555"]),
+                (server + key + "LogZMQ::server = a\nzmq.secondary_servers = a # b\n", [],
+                 ["settings: 'LogZMQ::server' is not read", "settings: zmq.secondary_servers: '# b'"]),
                 (server, ["--set", "LogZMQ::zmq_public_key=" + "0a" * 32],
                  ["LogZMQ::zmq_public_key has lower-case digits"])):
             write_file("settings", settings)

@@ -87,7 +87,8 @@ class CheckConfiguration : public test::WorkerFixture {
   }
 
   std::string name_findings(const std::string& lines) {
-    return found(lines, [&](const Configuration& seen) { seen.CheckNames(&findings); });
+    return found(lines,
+                 [&](const Configuration&) { check_names(options.settings_file, &findings); });
   }
 
   std::string key_findings(const std::string& lines, bool accepted = false) {
@@ -279,6 +280,36 @@ TEST_F(CheckConfiguration, MistypedNameOfASettingIsFound) {
                     "disk.usage.relative = 1\ndisk.usage.absolute = 1\npqueue.chunk.size = 1\n"
                     "sensor.zmq.name = a\ndisk.name = b\nzmqx = c\n\xef\xbb\xbfother = d\n"),
       "");
+}
+
+TEST_F(CheckConfiguration, ScriptNamesAndNotesBehindValuesAreCalledWhatTheyAre) {
+  const std::string script = "warning setting-script-name", note = "warning setting-note";
+  // line, finding, and what its text and what to do about it say
+  const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
+      {"LogZMQ::zmq_primary_server = a", script, "'LogZMQ::zmq_primary_server'", "zmq.server"},
+      {"redef LogZMQ::zmq_public_key = \"b\";", script, "not read", "zmq.public_key"},
+      {"zmq_secondary_server = c", script, "not read", "zmq.secondary_servers"},
+      {"LogZMQ::server = d", script, "'LogZMQ::server'", "zmq.server"},
+      {"logzmq::ZMQ.Server = d", script, "not read", "zmq.server"},
+      {"LogZMQ::zmq_agent_id = e", script, "not read", "--set LogZMQ::zmq_agent_id="},
+      {"LogZMQ::nothing = e", "warning setting-unknown", "'LogZMQ::nothing'", "zmq.server"},
+      {"redef LogZMQ::set_separator = ;", script, "not read", "--set LogZMQ::set_separator="},
+      {"zmq.server = tcp://a:1 # primary", note, "zmq.server: '# primary'", "line of its own"},
+      {"zmq.server = a\t;b", note, "';b'", "line of its own"},
+      {"zmq.secondary_servers = # none", note, "zmq.secondary_servers: '# none'", "of its own"},
+      {"disk.usage.absolute = 500 // MB", note, "'// MB'", "line of its own"},
+      {"zmq.server = tcp://127.0.0.1:0;10.0.0.1:6000", "", "", ""},
+      {"zmq.secondary_servers = tcp://a:1, ipc:///tmp/#1", "", "", ""},
+      {"other.server = a # b", "", "", ""},
+      {"set_separator = b", "", "", ""}};
+  for (const auto& [line, finding, what, remedy] : cases) {
+    SCOPED_TRACE(line);
+    EXPECT_EQ(name_findings(line + "\n"), finding);
+    EXPECT_THAT(text(), HasSubstr(what));
+    if (!findings.empty()) {
+      EXPECT_THAT(findings[0].remedy, HasSubstr(remedy));
+    }
+  }
 }
 
 TEST_F(CheckConfiguration, SettingsThatCameThroughAPipeAreNotReadOnceMore) {

@@ -130,7 +130,7 @@ void check_configuration(const CheckOptions& options, const standin::Host& host,
   report->plugin = plugin_report(options, host);
   report->configuration.emplace(options, script_constants());
   const Configuration& configuration = *report->configuration;
-  configuration.CheckNames(findings);
+  check_names(options.settings_file, findings);
   configuration.CheckNumbers(findings);
   configuration.CheckEndpoints(findings);
   report->key = configuration.CheckKey(libzmq_takes_key(configuration.DecodedKey()), findings);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -84,30 +85,98 @@ std::string quoted(const std::string& text) {
 
 // -- Names of settings ----------------------------------------------------------------------------
 
-/// The keys that the plug-in reads.
-std::vector<std::string> known_keys() {
-  std::vector<std::string> keys;
-  for (const TextSetting& setting : kConnection)
-    keys.emplace_back(setting.key);
+/// Those that a line of the settings file may mean; with an empty key, those of the scripts only.
+std::vector<TextSetting> known_settings() {
+  std::vector<TextSetting> known(std::begin(kConnection), std::end(kConnection));
   for (const NumberSetting& setting : kNumbers)
-    keys.emplace_back(setting.key);
+    known.push_back({setting.key, "", ""});
+  known.insert(known.end(), std::begin(kScriptsOnly), std::end(kScriptsOnly));
+  return known;
+}
+
+/// What to write in place of a name that is none.
+std::string known_keys() {
+  std::string keys;
+  for (const TextSetting& setting : known_settings())
+    keys += *setting.key ? (keys.empty() ? "" : ", ") + std::string(setting.key) : "";
   return keys;
 }
 
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words)
-    text += (text.empty() ? "" : ", ") + word;
+std::string lower(std::string text) {
+  for (char& c : text)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
 }
 
+bool begins_with(const std::string& text, const std::string& beginning) {
+  return text.rfind(beginning, 0) == 0;
+}
+
 /// The file also holds settings of the host and of other plug-ins.
-bool looks_like_ours(std::string key) {
-  std::transform(key.begin(), key.end(), key.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  const char* const beginnings[] = {"zmq.", "disk.usage.", "pqueue."};
+bool looks_like_ours(const std::string& key) {
+  const char* const beginnings[] = {"zmq.", "disk.usage.", "pqueue.", "logzmq::"};
   return std::any_of(std::begin(beginnings), std::end(beginnings),
-                     [&](const char* beginning) { return key.rfind(beginning, 0) == 0; });
+                     [&](const char* beginning) { return begins_with(lower(key), beginning); });
+}
+
+/// The setting that a key means which is written as in a script, with or without "redef".
+std::optional<TextSetting> meant_by_script_name(const std::string& key) {
+  std::string name = lower(key);
+  if (begins_with(name, "redef "))
+    name.erase(0, std::strlen("redef "));
+  const bool in_module = begins_with(name, "logzmq::");
+  if (in_module)
+    name.erase(0, std::strlen("logzmq::"));
+  for (const TextSetting& setting : known_settings()) {
+    if ((name == setting.constant && (in_module || begins_with(name, "zmq_"))) ||
+        (in_module && (name == setting.key || "zmq." + name == setting.key)))
+      return setting;
+  }
+  return std::nullopt;
+}
+
+/// A note behind a value, which is a part of it; empty if there is none.
+std::string note_in(const std::string& value) {
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if ((i == 0 || std::isspace(static_cast<unsigned char>(value[i - 1]))) &&
+        (value[i] == '#' || value[i] == ';' || value.compare(i, 2, "//") == 0))
+      return value.substr(i);
+  }
+  return "";
+}
+
+void check_name(const std::string& file, const std::string& key, Findings* findings) {
+  const std::string kByteOrderMark = "\xef\xbb\xbf";
+  const std::vector<TextSetting> known = known_settings();
+  const bool marked = begins_with(key, kByteOrderMark);
+  const std::string name = marked ? key.substr(kByteOrderMark.size()) : key;
+  const std::string what = file + ": " + quoted(name);
+  if (std::any_of(known.begin(), known.end(),
+                  [&](const TextSetting& setting) { return key == setting.key; })) {
+    const std::string note = note_in(settings->getStringVal(key.c_str(), ""));
+    if (!note.empty())
+      add_warning(findings, "setting-note",
+                  file + ": " + key + ": " + quoted(note) +
+                      " is a part of the value: the settings file has no notes behind values",
+                  "write it in a line of its own that begins with '#'");
+  } else if (const auto meant = meant_by_script_name(name)) {
+    add_warning(findings, "setting-script-name",
+                what + " is not read: script constants are not set in the settings file",
+                *meant->key ? "write " + std::string(meant->key) + " in its place"
+                            : "redef it in a script of your site, and give --set LogZMQ::" +
+                                  std::string(meant->constant) + "=... here");
+  } else if (!looks_like_ours(name)) {
+    return;
+  } else if (marked) {
+    add_warning(findings, "setting-unknown",
+                what +
+                    " is not read: the file begins with a byte order mark, which becomes part "
+                    "of the name",
+                "save the file without a byte order mark");
+  } else {
+    add_warning(findings, "setting-unknown", what + " is not a setting of the plug-in",
+                "remove the line, or write one of " + known_keys());
+  }
 }
 
 /// The keys that were loaded, in the order of the file.
@@ -244,6 +313,11 @@ void check_endpoint(const Endpoint& endpoint, Findings* findings) {
   }
 }
 
+void check_names(const std::string& settings_file, Findings* findings) {
+  for (const std::string& key : keys_in(settings_file))
+    check_name(settings_file, key, findings);
+}
+
 // -- Configuration --------------------------------------------------------------------------------
 
 Configuration::Configuration(const PluginOptions& options, const ConstantValues& constants)
@@ -287,28 +361,6 @@ void Configuration::CheckNumbers(Findings* findings) const {
                       " is not a whole 32-bit number, so its default " +
                       std::to_string(what.default_value) + " is used",
                   "write a whole number, or remove the line");
-  }
-}
-
-void Configuration::CheckNames(Findings* findings) const {
-  const std::string kByteOrderMark = "\xef\xbb\xbf";
-  const std::vector<std::string> known = known_keys();
-  for (const std::string& key : keys_in(settings_file_)) {
-    const bool marked = key.rfind(kByteOrderMark, 0) == 0;
-    const std::string name = marked ? key.substr(kByteOrderMark.size()) : key;
-    const bool is_read = std::find(known.begin(), known.end(), key) != known.end();
-    if (is_read || !looks_like_ours(name))
-      continue;
-    const std::string what = settings_file_ + ": " + quoted(name);
-    if (marked)
-      add_warning(findings, "setting-unknown",
-                  what +
-                      " is not read: the file begins with a byte order mark, which becomes part "
-                      "of the name",
-                  "save the file without a byte order mark");
-    else
-      add_warning(findings, "setting-unknown", what + " is not a setting of the plug-in",
-                  "remove the line, or write one of " + joined(known));
   }
 }
 

@@ -59,8 +59,6 @@ class Configuration {
   const std::vector<Endpoint>& endpoints() const { return endpoints_; }
 
   // Each check adds what it finds.
-  /// Names in the settings file that look like the plug-in's but are not.
-  void CheckNames(Findings* findings) const;
   void CheckNumbers(Findings* findings) const;
   void CheckEndpoints(Findings* findings) const;
   /// `accepted`: whether libzmq accepts the decoded bytes as a key.
@@ -77,6 +75,10 @@ class Configuration {
   int absolute_;
   int chunk_;
 };
+
+/// Checks the settings file: names that look like the plug-in's but are not, and notes behind its
+/// values. The global `settings` must have been loaded from it.
+void check_names(const std::string& settings_file, Findings* findings);
 
 /// Checks the text of one endpoint; adds one finding at most.
 void check_endpoint(const Endpoint& endpoint, Findings* findings);

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "Configuration.h"
 #include "CurveKey.h"
 #include "EndWatch.h"
 #include "Files.h"
@@ -97,6 +98,10 @@ void warn_about_settings(const ReplayOptions& options) {
   else if (const KeyProblem problem = key_problem(key.value))
     std::fprintf(stderr, "warning: %s %s; %s; no event leaves the plug-in this way\n",
                  key.name.c_str(), problem.what.c_str(), problem.remedy.c_str());
+  Findings findings;
+  check_names(options.settings_file, &findings);
+  for (const Finding& finding : findings)
+    std::fprintf(stderr, "warning: %s; %s\n", finding.text.c_str(), finding.remedy.c_str());
 }
 
 standin::Host::Options host_options(const ReplayOptions& options) {
