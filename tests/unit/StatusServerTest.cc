@@ -117,7 +117,7 @@ TEST_F(StatusServerTest, EverySeriesIsThereFromTheStart) {
         "zmqwriter_collect_connections 0\n", "zmqwriter_collect_output_stalled 0\n",
         "zmqwriter_collect_build_info{version=\"" ZMQWRITER_VERSION "\"} 1\n",
         "# TYPE process_cpu_seconds_total counter\n", "\nprocess_start_time_seconds 1",
-        "\nprocess_open_fds ", "\nprocess_max_fds "})
+        "\nzmqwriter_collect_output_disk_free_bytes ", "\nprocess_open_fds ", "\nprocess_max_fds "})
     EXPECT_THAT(metrics, HasSubstr(series));
   EXPECT_THAT(metrics, Not(HasSubstr("clients_total")));
   EXPECT_THAT(metrics, Not(HasSubstr("type=\"NONE\"")));

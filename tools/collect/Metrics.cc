@@ -1,7 +1,5 @@
 #include "Metrics.h"
 
-#include <prometheus/metric_family.h>
-#include <prometheus/text_serializer.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -16,55 +14,15 @@
 
 #include "ClientGate.h"
 #include "EventJson.h"
+#include "Files.h"
+#include "MetricFamilies.h"
 
 namespace zmqwriter {
 
 namespace {
 
-using prometheus::ClientMetric;
-using prometheus::MetricFamily;
 using prometheus::MetricType;
 using Json = nlohmann::ordered_json;
-using Labels = std::vector<ClientMetric::Label>;
-
-class Families {
- public:
-  void Add(const std::string& name, const std::string& help, MetricType type) {
-    MetricFamily& family = families_.emplace_back();
-    family.name = name;
-    family.help = help;
-    family.type = type;
-  }
-  void Counter(const std::string& name, const std::string& help) {
-    Add("zmqwriter_collect_" + name, help, MetricType::Counter);
-  }
-  void Gauge(const std::string& name, const std::string& help) {
-    Add("zmqwriter_collect_" + name, help, MetricType::Gauge);
-  }
-
-  /// A value of the family that was added last.
-  template <typename Number>
-  void Value(Number number, const char* label = nullptr, const std::string& value = "") {
-    ClientMetric& metric = families_.back().metric.emplace_back();
-    metric.counter.value = metric.gauge.value = static_cast<double>(number);
-    if (label) {
-      metric.label.resize(1);
-      metric.label[0].name = label;
-      metric.label[0].value = value;
-    }
-  }
-
-  template <typename Tallies>
-  void Values(const char* label, const Tallies& tallies, std::uint64_t Tally::*figure) {
-    for (const auto& [name, tally] : tallies)
-      Value(tally.*figure, label, name);
-  }
-
-  std::string Text() const { return prometheus::TextSerializer().Serialize(families_); }
-
- private:
-  std::vector<MetricFamily> families_;
-};
 
 /// By type, those of the schema that have not come too.
 std::map<std::string, Tally> all_types(const CollectCounts& counts) {
@@ -78,7 +36,7 @@ std::map<std::string, Tally> all_types(const CollectCounts& counts) {
 }
 
 /// What Prometheus' own clients tell of their process, as far as the system says it.
-void add_process(Families* families, double started) {
+void add_process(MetricFamilies* families, double started) {
   families->Add("process_start_time_seconds", "Start of the process, since 1970.",
                 MetricType::Gauge);
   families->Value(started);
@@ -106,14 +64,12 @@ void add_process(Families* families, double started) {
   }
 }
 
-/// Null where it is not known, and for standard output.
-Json disk_free(const std::string& path) {
-  if (path.empty())
-    return nullptr;
+/// Of the output's disk; nothing where it is not known, and for standard output.
+std::optional<std::uint64_t> output_disk_free(const std::string& path) {
   std::error_code error;
-  const auto folder = std::filesystem::absolute(path, error).parent_path();
-  const auto space = std::filesystem::space(folder, error);
-  return error ? Json() : Json(space.available);
+  if (path.empty())
+    return std::nullopt;
+  return disk_free(std::filesystem::absolute(path, error).parent_path().string());
 }
 
 Json traffic_json(const Traffic& traffic, double now) {
@@ -137,7 +93,7 @@ Json agent_json(const std::string& name, const Traffic& traffic, double now) {
 std::string metrics_text(const Watched& collector) {
   const CollectCounts counts = collector.stats.Counts();
   const auto types = all_types(counts);
-  Families families;
+  MetricFamilies families("zmqwriter_collect_");
   families.Counter("events_total", "Events received, by payload type.");
   families.Values("type", types, &Tally::events);
   families.Counter("event_bytes_total", "Bytes of these events.");
@@ -160,6 +116,10 @@ std::string metrics_text(const Watched& collector) {
   families.Value(counts.finished_files);
   families.Gauge("output_stalled", "1 while the output accepts nothing.");
   families.Value(counts.stalled);
+  if (const auto free = output_disk_free(collector.output_path)) {
+    families.Gauge("output_disk_free_bytes", "Room on the disk of the output.");
+    families.Value(*free);
+  }
   families.Gauge("connections", "Open connections.");
   families.Value(counts.connections);
   families.Counter("handshakes_failed_total", "Connections that were refused, by reason.");
@@ -192,6 +152,7 @@ std::string status_json(const Watched& collector) {
   for (std::size_t i = 0; i < kRefusals.size(); ++i)
     refused[kRefusals[i]] = counts.refused[i];
   const std::string& path = collector.output_path;
+  const auto free = output_disk_free(path);
   const Json status = {
       {"version", ZMQWRITER_VERSION},
       {"started", collector.started},
@@ -203,7 +164,7 @@ std::string status_json(const Watched& collector) {
         {"stalled", counts.stalled},
         {"bytes", counts.written_bytes},
         {"files_finished", counts.finished_files},
-        {"disk_free", disk_free(path)}}},
+        {"disk_free", free ? Json(*free) : Json()}}},
       {"totals", traffic_json(counts.all, now)},
       {"types", types},
       {"bad_messages",

@@ -12,8 +12,10 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace zmqwriter {
@@ -123,6 +125,12 @@ bool list_folder(const std::string& folder, std::vector<std::string>* names) {
     names->push_back(entry->d_name);
   closedir(listing);
   return true;
+}
+
+std::optional<std::uint64_t> disk_free(const std::string& path) {
+  std::error_code error;
+  const auto space = std::filesystem::space(path, error);
+  return error ? std::nullopt : std::optional<std::uint64_t>(space.available);
 }
 
 }  // namespace zmqwriter

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -49,5 +50,8 @@ std::uint64_t raise_open_files();
 
 /// Appends the names of a folder's entries, in no order. False when it cannot be read.
 bool list_folder(const std::string& folder, std::vector<std::string>* names);
+
+/// Bytes that are free on the disk of a path; nothing when that is not known.
+std::optional<std::uint64_t> disk_free(const std::string& path);
 
 }  // namespace zmqwriter
