@@ -101,6 +101,35 @@ TEST_F(SpoolCommandsTest, ListShowsEachFileWithItsFigures) {
   EXPECT_THAT(lines[3], MatchesRegex("queue.dat.3 +20 +1 +1 +20 +0 +after a gap in the numbers, "
                                      "not found by a start"));
   EXPECT_EQ(outcome.err, "3 files, 4 records; the next start of the plug-in finds 1\n");
+
+  const Outcome json = run("list --json " + folder());
+  EXPECT_EQ(json.exit_code, 1);
+  auto spool = nlohmann::json::parse(json.out);
+  EXPECT_GT(spool["disk_free"], 0);
+  spool.erase("disk_free");
+  EXPECT_EQ(spool, nlohmann::json::parse(R"json({"files":[
+    {"name":"queue.dat","size":50,"counted":1,"walked":1,"live_bytes":20,"stale_bytes":30,
+     "in_sequence":true,"damage":null,"repairable":true},
+    {"name":"queue.dat.1","size":27,"counted":0,"walked":2,"live_bytes":27,"stale_bytes":0,
+     "in_sequence":true,"damage":"2 records that the header does not count (unclean stop)",
+     "repairable":true},
+    {"name":"queue.dat.3","size":20,"counted":1,"walked":1,"live_bytes":20,"stale_bytes":0,
+     "in_sequence":false,"damage":"after a gap in the numbers, not found by a start",
+     "repairable":true}],
+    "records":4,"next_start":1,"damaged":true,"processes":[],"folder":")json" +
+                                         folder() + "\"}"));
+
+  // The exit status must not keep the figures of a damaged spool from Prometheus.
+  const Outcome metrics = run("list --prometheus " + folder());
+  EXPECT_EQ(metrics.exit_code, 0);
+  for (const char* value :
+       {"files 3", "size_bytes 97", "live_bytes 67", "records 4", "next_start_records 1",
+        "damaged_files 2", "processes 0", "disk_free_bytes "}) {
+    std::string line = std::string("\nzmqwriter_spool_") + value;
+    line.insert(line.find(' '), "{folder=\"" + folder() + "\"}");
+    EXPECT_THAT(metrics.out, HasSubstr(line));
+  }
+  EXPECT_EQ(json.err + metrics.err, "");
   EXPECT_EQ(files(), before);
 }
 
@@ -168,6 +197,15 @@ TEST_F(SpoolCommandsTest, DumpPrintsEventsInTheOrderInWhichTheyWouldBeSent) {
     sent.push_back(*payload);
   }
   EXPECT_THAT(sent, ElementsAre(event("C4"), event("C3"), event("C2"), event("C1")));
+}
+
+TEST_F(SpoolCommandsTest, DumpGivesBytesThatAreNotTextAsAsked) {
+  put("queue.dat", header(0, 1) + record(0, event("C\xff")));
+  for (const auto& [option, uid] :
+       std::map<std::string, std::string>{{"", "\"C\\udcff\""},
+                                          {"--json-bytes replace ", "\"C\xef\xbf\xbd\""},
+                                          {"--json-bytes base64 ", "{\"base64\":\"Q/8=\"}"}})
+    EXPECT_THAT(run("dump " + option + folder()).out, HasSubstr("{\"uid\":" + uid + ","));
 }
 
 TEST_F(SpoolCommandsTest, ListAndDumpLookAtEachFileAFewTimesHoweverManyThereAre) {
@@ -308,7 +346,8 @@ TEST_F(SpoolCommandsTest, EmptyFolderIsAnEmptySpool) {
 }
 
 TEST_F(SpoolCommandsTest, WrongUsageIsTheParsersBusiness) {
-  for (const char* arguments : {"", "list", "mend .", "dump --dry-run .", "list a b"})
+  for (const char* arguments :
+       {"", "list", "mend .", "dump --dry-run .", "list a b", "list --json --prometheus ."})
     EXPECT_LT(run(arguments).exit_code, 0) << arguments;
 }
 

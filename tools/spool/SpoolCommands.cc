@@ -8,11 +8,13 @@
 #include <vector>
 
 #include "EventJson.h"
+#include "OptionChecks.h"
 #include "Output.h"
 #include "RawEvents.h"
 #include "SpoolInUse.h"
 #include "SpoolReader.h"
 #include "SpoolRepair.h"
+#include "SpoolReport.h"
 #include "SpoolSurvey.h"
 #include "Text.h"
 
@@ -31,9 +33,25 @@ void note(Output* out, const std::string& text) {
 
 // list
 
-int list_spool(const std::string& folder) {
+struct Options {
+  std::string folder;
+  std::string copy_folder;
+  JsonBytes json_bytes = JsonBytes::kSurrogate;
+  bool json = false;
+  bool prometheus = false;
+  bool raw = false;
+  bool dry_run = false;
+};
+
+int list_spool(const Options& options) {
+  const std::string& folder = options.folder;
   const SpoolSurvey survey = survey_spool(folder);
   Output out;
+  if (options.json || options.prometheus) {
+    out.Write(options.json ? spool_as_json(folder, survey) : spool_as_metrics(folder, survey));
+    out.Finish();
+    return survey.damaged && options.json ? kFailure : kSuccess;
+  }
   const auto line = [&out](const std::string& name, const std::string& size,
                            const std::string& records, const std::string& found,
                            const std::string& live, const std::string& stale,
@@ -62,7 +80,7 @@ int list_spool(const std::string& folder) {
 
 class Dumper {
  public:
-  Dumper(Output* out, bool raw) : out_(out), raw_(raw) {}
+  Dumper(Output* out, const Options& options) : out_(out), options_(options) {}
 
   /// Whether every record was complete and, without --raw, an event.
   bool good() const { return good_; }
@@ -82,13 +100,14 @@ class Dumper {
  private:
   void Dump(const ChunkFile& file, const SpoolRecord& record) {
     const std::string payload = file.Payload(record);
-    if (raw_) {
+    if (options_.raw) {
       std::string framed;
       append_raw_event(&framed, payload);
       return out_->Write(framed);
     }
     std::string problem;
-    const std::string json = event_to_json(payload.data(), payload.size(), &problem);
+    const std::string json =
+        event_to_json(payload.data(), payload.size(), &problem, options_.json_bytes);
     if (problem.empty())
       out_->WriteLine(json);
     else
@@ -102,15 +121,16 @@ class Dumper {
   }
 
   Output* out_;
-  bool raw_;
+  const Options& options_;
   bool good_ = true;
 };
 
-int dump_spool(const std::string& folder, bool raw) {
+int dump_spool(const Options& options) {
+  const std::string& folder = options.folder;
   std::vector<std::uint32_t> numbers = find_chunks(folder);
   numbers.resize(count_in_sequence(folder, numbers));
   Output out;
-  Dumper dumper(&out, raw);
+  Dumper dumper(&out, options);
   for (const std::uint32_t number : numbers)
     dumper.Dump(ChunkFile(folder, number));
   out.Finish();
@@ -160,13 +180,6 @@ int repair_spool(const std::string& folder, const std::string& copy_folder, bool
   return plan.refused.empty() ? kSuccess : kFailure;
 }
 
-struct Options {
-  std::string folder;
-  std::string copy_folder;
-  bool raw = false;
-  bool dry_run = false;
-};
-
 }  // namespace
 
 void add_spool_command(CLI::App& app, int* exit_code) {
@@ -186,18 +199,28 @@ void add_spool_command(CLI::App& app, int* exit_code) {
   list->footer(
       "The columns: size of the file; 'records' that its header counts; 'walked', those\n"
       "that the file holds; bytes of records that wait to be sent (live) and other bytes\n"
-      "(stale); damage, or '-'. Exit status 1 when there is damage. Changes nothing.");
-  list->callback([options, exit_code] { *exit_code = list_spool(options->folder); });
+      "(stale); damage, or '-'. Exit status 1 when there is damage, but not with\n"
+      "--prometheus. Changes nothing.");
+  CLI::Option* const json =
+      list->add_flag("--json", options->json,
+                     "Print one JSON object: for each file the records that are 'counted' and "
+                     "'walked' (see below), what the next start finds, processes that use the "
+                     "spool, free bytes of its disk");
+  list->add_flag("--prometheus", options->prometheus,
+                 "Print metrics for the text files of Prometheus' node exporter")
+      ->excludes(json);
+  list->callback([options, exit_code] { *exit_code = list_spool(*options); });
 
   CLI::App* const dump =
       add("dump", "Print the events that the agent's next start finds, newest first");
   dump->footer(
       "One JSON object per line, in the order in which they would be sent. Exit status 1 when\n"
       "a record is not an event. Changes nothing.");
+  add_json_bytes_option(dump, &options->json_bytes);
   dump->add_flag("--raw", options->raw,
                  "Write the bytes instead: each record after its length, a 32-bit little-endian "
                  "number (zmqwriter decode reads this)");
-  dump->callback([options, exit_code] { *exit_code = dump_spool(options->folder, options->raw); });
+  dump->callback([options, exit_code] { *exit_code = dump_spool(*options); });
 
   CLI::App* const repair = add(
       "repair", "Repair the files after an unclean stop, so that the next start finds all events");

@@ -84,14 +84,19 @@ SpoolUsers find_spool_users(const std::vector<std::string>& paths) {
   return users;
 }
 
-std::string other_spool_users(const std::string& folder) {
+std::vector<long> other_spool_processes(const std::string& folder) {
   std::vector<std::string> paths = find_set_aside(folder);
   for (const std::uint32_t number : find_chunks(folder))
     paths.push_back(chunk_path(folder, number));
+  std::vector<long> processes = find_spool_users(paths).processes;
+  processes.erase(std::remove(processes.begin(), processes.end(), getpid()), processes.end());
+  return processes;
+}
+
+std::string other_spool_users(const std::string& folder) {
   std::string named;
-  for (const long process : find_spool_users(paths).processes)
-    if (process != getpid())
-      named += (named.empty() ? "process " : ", ") + std::to_string(process);
+  for (const long process : other_spool_processes(folder))
+    named += (named.empty() ? "process " : ", ") + std::to_string(process);
   return named;
 }
 

@@ -17,9 +17,11 @@ struct SpoolUsers {
 /// has just begun a new head.
 SpoolUsers find_spool_users(const std::vector<std::string>& paths);
 
-/// Names the processes that have files of a spool's folder open: "process 12, 13". Empty if there
-/// is none but this one, as far as this user may see. Throws std::runtime_error that names the
-/// folder when it cannot be read.
+/// The processes other than this one that have files of a spool's folder open, as far as this user
+/// may see. Throws std::runtime_error that names the folder when it cannot be read.
+std::vector<long> other_spool_processes(const std::string& folder);
+
+/// The same in words: "process 12, 13". Empty if there is none.
 std::string other_spool_users(const std::string& folder);
 
 }  // namespace zmqwriter
