@@ -46,6 +46,7 @@ def status(*agents, **changes):
         "version": "0.1.0", "started": NOW - 90000, "now": NOW, "endpoints": ["tcp://0.0.0.0:5555"],
         "output": {"path": "/var/spool/zmqwriter/events.json", "format": "json", "stalled": False,
                    "bytes": 123456789012, "files_finished": 41, "disk_free": 2.5e12},
+        "memory": {"used": 51000000, "limit": 1 << 30, "connections_ended": 0},
         "totals": {"events": 41234567, "bytes": 9876543210, "events_per_s": 477.25,
                    "bytes_per_s": 114312.4},
         "types": [{"name": "HttpData", "events": 31234567, "bytes": 9000000000},
@@ -70,6 +71,7 @@ THOUSAND = status(*[agent("sensor-%d" % at, age=4 if at % 40 else 181 + 60 * at,
                     for at in range(1000 - len(HOSTILE))], *[agent(name) for name in HOSTILE],
                   other_agents__events=123)
 ALL_WRONG = status(agent("a", age=400000), output__stalled=True, output__disk_free=5e8,
+                   memory__connections_ended=1,
                    bad_messages__multi_part=1, connections__failed_handshakes={
                        "other_key": 1, "no_curve": 2, "protocol": 3, "timed_out": 4})
 
@@ -161,7 +163,8 @@ class PageTest(CliTest):
                         " failed handshakes (other key)."),
                 (ALL_WRONG, "Needs a look: the output takes no events; less than 1 GB is free on the"
                             " disk of the output; 1 of 1 agents is silent; bad messages (multi part);"
-                            " failed handshakes (other key, no curve, protocol, timed out).")]:
+                            " failed handshakes (other key, no curve, protocol, timed out); connections"
+                            " were ended that filled the memory.")]:
             self.open(value)
             self.assertEqual(self.verdict(), wanted)
             self.assertEqual(self.browser.title.startswith("Needs a look"),

@@ -19,6 +19,7 @@ import time
 import unittest
 import urllib.request
 
+import curve_client
 from cli_support import (CliTest, DEADLINE, PLUGIN, ZMQWRITER, framed, make_event, needs_zmq, read_file,
                          totals, wait_for, write_file, zmq)
 
@@ -717,6 +718,36 @@ class CollectPressureTest(CliTest):
             self.assertEqual(unframed(received[0]), events)
             if before is not None:
                 self.assertLess(memory_kb(collector.popen, "VmHWM") - before, most_kb)
+
+    @unittest.skipUnless(curve_client.sodium and can_measure_memory(), "needs libsodium and /proc")
+    def test_endless_messages_end_their_connections_at_the_memory_limit_even_during_a_stall(self):
+        collector, reader = self.collect_into_pipe("--max-memory", "100M", "--metrics",
+                                                   "127.0.0.1:0")
+        agent = self.agent(collector.endpoint, sndhwm=1)
+        events = [make_event(uid=b"C%03d" % number, details=b"x" * 3000) for number in range(2000)]
+        sent = self.send_until_it_blocks(agent, events)
+        key = bytes.fromhex(read_file("server.public"))
+        for part, most in [(bytes(100000), 4000), (b"", 2000000)]:
+            client = curve_client.CurveClient(int(collector.endpoint.split(":")[-1]), key)
+            self.addCleanup(client.socket.close)
+            with self.assertRaises(OSError):
+                for _ in range(most // 100):
+                    client.socket.sendall(b"".join(client.sealed(part, curve_client.MORE)
+                                                   for _ in range(100)))
+            wait_for(lambda: memory_kb(collector.popen) < 60 * 1024, "the memory to be free")
+        self.assertLess(memory_kb(collector.popen, "VmHWM"), 160 * 1024)
+        self.assertIn(" ended: more than --max-memory is in use", collector.stderr)
+        address = re.search(r"status on (\S+)", collector.stderr).group(1)
+        with urllib.request.urlopen(address + "status.json", timeout=DEADLINE) as answer:
+            memory = json.load(answer)["memory"]
+        self.assertGreaterEqual(memory["connections_ended"], 2)
+        self.assertEqual(memory["limit"], 100 << 20)
+        agent.sndtimeo = DEADLINE * 1000
+        thread = threading.Thread(target=lambda: [agent.send(event) for event in events[sent:]])
+        thread.start()
+        lines = [json.loads(reader.readline())["uid"] for _ in events]
+        thread.join(DEADLINE)
+        self.assertEqual(lines, ["C%03d" % number for number in range(len(events))])
 
     def test_stop_signal_during_a_stall_loses_nothing_that_was_received(self):
         collector, reader = self.collect_into_pipe()

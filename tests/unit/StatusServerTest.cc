@@ -47,7 +47,7 @@ class StatusServerTest : public testing::Test {
 
   void Serve(const ClientGate* gate = nullptr) {
     server_ = std::make_unique<StatusServer>(
-        "127.0.0.1:0", Watched{stats_, gate, {"tcp://*:5555"}, "events.json", "json"});
+        "127.0.0.1:0", Watched{stats_, gate, {"tcp://*:5555"}, "events.json", "json", 5000});
   }
 
   std::uint16_t port() const {
@@ -114,7 +114,8 @@ TEST_F(StatusServerTest, EverySeriesIsThereFromTheStart) {
         "zmqwriter_collect_bad_messages_total{reason=\"multi_part\"} 0\n",
         "zmqwriter_collect_handshakes_failed_total{reason=\"other_key\"} 0\n",
         "zmqwriter_collect_handshakes_failed_total{reason=\"timed_out\"} 0\n",
-        "zmqwriter_collect_connections 0\n", "zmqwriter_collect_output_stalled 0\n",
+        "zmqwriter_collect_memory_limit_total 0\n", "zmqwriter_collect_connections 0\n",
+        "zmqwriter_collect_output_stalled 0\n",
         "zmqwriter_collect_build_info{version=\"" ZMQWRITER_VERSION "\"} 1\n",
         "# TYPE process_cpu_seconds_total counter\n", "\nprocess_start_time_seconds 1",
         "\nzmqwriter_collect_output_disk_free_bytes ", "\nprocess_open_fds ", "\nprocess_max_fds "})
@@ -132,21 +133,26 @@ TEST_F(StatusServerTest, MetricsAndJsonTellTheSame) {
   count(&stats_, "<b>\"\\\n");
   stats_.CountMalformed();
   stats_.CountRefusal(Refusal::kNoCurve);
+  stats_.CountMemoryLimit();
   stats_.NoteConnections(3);
   stats_.NoteOutput(500, 2, false);
-  EXPECT_THAT(Body("/metrics"),
-              testing::AllOf(HasSubstr("agent_events_total{agent=\"sensor-7\"} 2\n"),
-                             HasSubstr("agent_event_bytes_total{agent=\"sensor-7\"} 200\n"),
-                             HasSubstr("agent_last_event_seconds{agent=\"sensor-7\"} 1"),
-                             HasSubstr("clients_total{answer=\"denied\"} 0\n"),
-                             HasSubstr("failed_total{reason=\"no_curve\"} 1\n"),
-                             HasSubstr("collect_connections 3\n")));
+  EXPECT_THAT(
+      Body("/metrics"),
+      testing::AllOf(HasSubstr("agent_events_total{agent=\"sensor-7\"} 2\n"),
+                     HasSubstr("agent_event_bytes_total{agent=\"sensor-7\"} 200\n"),
+                     HasSubstr("agent_last_event_seconds{agent=\"sensor-7\"} 1"),
+                     HasSubstr("clients_total{answer=\"denied\"} 0\n"),
+                     HasSubstr("failed_total{reason=\"no_curve\"} 1\n"),
+                     HasSubstr("memory_limit_total 1\n"), HasSubstr("collect_connections 3\n")));
   const auto status = nlohmann::json::parse(Body("/status.json"));
   EXPECT_EQ(status["version"], ZMQWRITER_VERSION);
   EXPECT_EQ(status["endpoints"][0], "tcp://*:5555");
   EXPECT_EQ(status["output"]["path"], "events.json");
   EXPECT_EQ(status["output"]["bytes"], 500);
   EXPECT_GT(status["output"]["disk_free"], 0);
+  EXPECT_GT(status["memory"]["used"], 0);
+  EXPECT_EQ(status["memory"]["limit"], 5000);
+  EXPECT_EQ(status["memory"]["connections_ended"], 1);
   EXPECT_EQ(status["totals"]["events"], 3);
   EXPECT_EQ(status["types"],
             nlohmann::json::parse(R"([{"name":"HttpData","events":3,"bytes":300}])"));

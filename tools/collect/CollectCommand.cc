@@ -33,7 +33,10 @@ constexpr const char* kFooter =
     "For each connection at most 64 messages wait in the collector. A message of more than 4 MiB "
     "is\n"
     "refused: libzmq ends the connection without a report. So at most 256 MiB wait for each\n"
-    "connection. Messages of several parts count as one and have no limit; agents send none.\n"
+    "connection. Messages of several parts count as one; agents send none. At --max-memory the\n"
+    "connections that have received most without the end of a message are ended, until half of\n"
+    "it is free. While that is not enough, new connections are refused. An agent takes 15 KiB,\n"
+    "100 KiB while events of 300 bytes wait, so the default is enough for 10,000.\n"
     "\n"
     "SIGINT and SIGTERM end the collector cleanly: it writes all that has left the agents. When "
     "the\n"
@@ -164,6 +167,12 @@ void add_watching_options(CLI::App* command, CollectOptions* options) {
       ->type_name("N")
       ->check(positive_count())
       ->capture_default_str();
+  command
+      ->add_option("--max-memory", options->max_memory,
+                   "End the connections that hold most when the collector uses this much memory "
+                   "(default: 1G; see below)")
+      ->type_name("BYTES")
+      ->transform(byte_size());
   command->add_option("--count", options->count, "Stop after N events")
       ->type_name("N")
       ->check(positive_count());

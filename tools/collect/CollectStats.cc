@@ -111,6 +111,11 @@ void CollectStats::CountRefusal(Refusal reason) {
   ++counts_.refused[static_cast<std::size_t>(reason)];
 }
 
+void CollectStats::CountMemoryLimit() {
+  const Lock lock(mutex_);
+  ++counts_.ended_for_memory;
+}
+
 void CollectStats::NoteConnections(std::uint64_t open) {
   const Lock lock(mutex_);
   counts_.connections = open;

@@ -67,6 +67,7 @@ struct CollectCounts {
   bool stalled = false;  // the output accepts nothing
   std::uint64_t connections = 0;
   std::array<std::uint64_t, kRefusals.size()> refused = {};  // by Refusal
+  std::uint64_t ended_for_memory = 0;                        // connections
 
   std::uint64_t messages() const { return all.events + empty + malformed + multi_part; }
 };
@@ -88,6 +89,7 @@ class CollectStats {
   void CountMalformed();
   void CountMultiPart();
   void CountRefusal(Refusal reason);
+  void CountMemoryLimit();
   void NoteConnections(std::uint64_t open);
   /// Bytes written to the output, the number of its finished files, and whether it accepts nothing.
   void NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files, bool stalled);

@@ -58,8 +58,12 @@ std::unique_ptr<StatusServer> make_server(const CollectOptions& options, const C
                                           const ClientGate* gate) {
   if (options.metrics_address.empty())
     return nullptr;
-  const Watched collector = {stats, gate, options.endpoints, options.output.path,
-                             options.output.format};
+  const Watched collector = {stats,
+                             gate,
+                             options.endpoints,
+                             options.output.path,
+                             options.output.format,
+                             options.max_memory};
   auto server = std::make_unique<StatusServer>(options.metrics_address, collector);
   std::fprintf(stderr, "status on %s\nmetrics on %smetrics\n", server->url().c_str(),
                server->url().c_str());
@@ -85,7 +89,7 @@ Collector::Collector(const CollectOptions& options)
       unanswered_(context_, ZMQ_REP),
       secret_key_(read_secret_key_file(options.secret_key_file)),
       socket_(&context_, secret_key_, gate_ != nullptr),
-      monitor_(std::in_place, context_, &socket_, &stats_, options.quiet),
+      monitor_(std::in_place, context_, &socket_, &stats_, options.quiet, options.max_memory),
       server_(make_server(options, stats_, gate_.get())) {
   sinks_.push_back(std::make_unique<FileSink>(no_input(options), &stats_));
   // Bound last, so that no agent has connected when something else fails.
@@ -221,6 +225,8 @@ bool Collector::HoldWaiting(Connections* connections, Clock::time_point* start) 
 
 void Collector::TakeMessage() {
   ++messages_;
+  if (monitor_)
+    monitor_->NoteMessage(zmq_msg_get(&part_, ZMQ_SRCFD));
   if (zmq_msg_more(&part_)) {
     SkipParts();
     stats_.CountMultiPart();

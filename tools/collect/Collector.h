@@ -34,6 +34,7 @@ struct CollectOptions {
   FileSinkOptions output;
   std::string metrics_address;  // empty: none
   std::size_t most_agents = CollectStats::kMostAgents;
+  std::uint64_t max_memory = std::uint64_t{1} << 30;
   double stats_s = 0;       // 0: none
   std::uint64_t count = 0;  // 0: no limit
   double timeout_s = 0;     // 0: none

@@ -2,15 +2,31 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <zmq.h>
+#ifdef __linux__
+#include <linux/tcp.h>  // glibc's own has an older tcp_info
+#else
+#include <netinet/tcp.h>
+#endif
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <optional>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
+#include "Metrics.h"
 #include "StopSignals.h"
 
 namespace zmqwriter {
@@ -22,6 +38,36 @@ constexpr int kEvents = ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_HANDSHAKE_SUCCEEDED |
                         ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL |
                         ZMQ_EVENT_HANDSHAKE_FAILED_AUTH | ZMQ_EVENT_DISCONNECTED |
                         ZMQ_EVENT_MONITOR_STOPPED;
+
+// The memory is looked at in this interval. The connections too when half of what is allowed is in
+// use, else at each kRareLook-th look, because there may be thousands.
+constexpr int kLookMs = 100;
+constexpr unsigned kRareLook = 10;
+// A connection that holds less is not ended. While the output accepts nothing, that of an agent
+// holds PullSocket::kReceiveHighWater events.
+constexpr std::uint64_t kLeastHeld = std::uint64_t{128} << 10;
+
+/// What libzmq has read from the connection. None for other sockets than those of TCP.
+std::optional<std::uint64_t> bytes_read(int descriptor) {
+#ifdef __linux__
+  tcp_info info = {};
+  constexpr int kOption = TCP_INFO;
+  constexpr std::size_t kNeeded =
+      offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received;
+  const auto& received = info.tcpi_bytes_received;
+#else
+  tcp_connection_info info = {};
+  constexpr int kOption = TCP_CONNECTION_INFO;
+  constexpr std::size_t kNeeded = sizeof info;
+  const auto& received = info.tcpi_rxbytes;
+#endif
+  socklen_t size = sizeof info;
+  int unread = 0;
+  if (getsockopt(descriptor, IPPROTO_TCP, kOption, &info, &size) != 0 || size < kNeeded ||
+      ioctl(descriptor, FIONREAD, &unread) != 0)
+    return std::nullopt;
+  return received - std::min<std::uint64_t>(received, static_cast<std::uint64_t>(unread));
+}
 
 /// "192.0.2.1:50000", or "a local process".
 std::string peer_name(int descriptor) {
@@ -74,11 +120,16 @@ const char* explanation(Refusal reason) {
 }  // namespace
 
 ConnectionMonitor::ConnectionMonitor(const ZmqContext& context, PullSocket* socket,
-                                     CollectStats* stats, bool quiet)
-    : socket_(socket), stats_(stats), quiet_(quiet), events_(context, ZMQ_PAIR) {
+                                     CollectStats* stats, bool quiet, std::uint64_t max_memory)
+    : socket_(socket),
+      stats_(stats),
+      quiet_(quiet),
+      max_memory_(max_memory),
+      events_(context, ZMQ_PAIR) {
   // Without a limit, because libzmq would wait for room, and with it all connections.
   const int unlimited = 0;
   if (zmq_setsockopt(events_.get(), ZMQ_RCVHWM, &unlimited, sizeof unlimited) != 0 ||
+      zmq_setsockopt(events_.get(), ZMQ_RCVTIMEO, &kLookMs, sizeof kLookMs) != 0 ||
       zmq_socket_monitor(socket->get(), kEndpoint, kEvents) != 0 ||
       zmq_connect(events_.get(), kEndpoint) != 0)
     throw std::runtime_error(std::string("cannot watch the connections: ") +
@@ -92,13 +143,24 @@ ConnectionMonitor::~ConnectionMonitor() {
   thread_.join();
 }
 
+void ConnectionMonitor::NoteMessage(int descriptor) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  spoke_.insert(descriptor);
+}
+
 void ConnectionMonitor::Run() {
+  using Clock = std::chrono::steady_clock;
+  auto look_at = Clock::now();
   for (;;) {
+    if (Clock::now() >= look_at) {
+      LookAtMemory();
+      look_at = Clock::now() + std::chrono::milliseconds(kLookMs);
+    }
     // Two parts: the event with its value, and the endpoint.
     char event[6], endpoint[1];
     if (zmq_recv(events_.get(), event, sizeof event, 0) < 0 ||
         zmq_recv(events_.get(), endpoint, sizeof endpoint, 0) < 0) {
-      if (zmq_errno() == EINTR)
+      if (zmq_errno() == EINTR || zmq_errno() == EAGAIN)
         continue;
       return;
     }
@@ -116,7 +178,9 @@ void ConnectionMonitor::Note(std::uint16_t event, std::uint32_t value) {
   const auto known = connections_.find(value);
   switch (event) {
     case ZMQ_EVENT_ACCEPTED:
-      connections_[value] = {peer_name(static_cast<int>(value)), ++accepted_, false};
+      connections_[value] = {peer_name(static_cast<int>(value)), ++accepted_, false, 0, false};
+      if (memory_full_)
+        EndForMemory(static_cast<int>(value), &connections_[value]);
       break;
     case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
       if (const auto newest = NewestUnknown(); newest != connections_.end())
@@ -159,7 +223,72 @@ void ConnectionMonitor::End(Connections::iterator connection) {
     stats_->NoteConnections(--connected_);
     return;
   }
-  Report(ended, refusal(failure_));
+  if (!ended.ended)
+    Report(ended, refusal(failure_));
+}
+
+void ConnectionMonitor::LookAtMemory() {
+  std::uint64_t used = memory_in_use();
+#ifdef __GLIBC__
+  if (memory_full_) {
+    malloc_trim(0);  // what the connections held that were ended
+    used = memory_in_use();
+  }
+#endif
+  const bool was_full = memory_full_;
+  memory_full_ = used >= max_memory_;
+  if (used < max_memory_ / 2 && ++looks_ % kRareLook != 0)
+    return;
+  std::set<int> spoke;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    spoke.swap(spoke_);
+  }
+  std::vector<std::pair<std::uint64_t, std::int64_t>> holders;
+  for (auto& [descriptor, connection] : connections_) {
+    const int number = static_cast<int>(descriptor);
+    const std::uint64_t held = Held(number, &connection, spoke.count(number) > 0);
+    if (held >= kLeastHeld && !connection.ended)
+      holders.emplace_back(held, descriptor);
+  }
+  if (!memory_full_)
+    return;
+  std::sort(holders.begin(), holders.end(), std::greater<>());
+  std::uint64_t freed = 0;
+  for (const auto& [held, descriptor] : holders) {
+    if (used < max_memory_ / 2 + freed)
+      break;
+    EndForMemory(static_cast<int>(descriptor), &connections_[descriptor]);
+    freed += held;
+  }
+  if (freed == 0 && !was_full)
+    std::fprintf(
+        stderr,
+        "warning: %llu MiB of memory are in use, more than --max-memory, and no connection "
+        "holds much of it; new connections are refused\n",
+        static_cast<unsigned long long>(used >> 20));
+}
+
+/// What libzmq has read since the connection's last message was taken. Of a silent connection for
+/// which that is not known, it is taken to be enough.
+std::uint64_t ConnectionMonitor::Held(int descriptor, Connection* connection, bool spoke) {
+  const std::uint64_t read = bytes_read(descriptor).value_or(connection->taken + kLeastHeld);
+  if (spoke)
+    connection->taken = read;
+  return read - std::min(read, connection->taken);
+}
+
+/// libzmq closes the connection when it comes to the end of what has been received.
+void ConnectionMonitor::EndForMemory(int descriptor, Connection* connection) {
+  if (peer_name(descriptor) != connection->peer)
+    return;  // libzmq has closed it already
+  shutdown(descriptor, SHUT_RDWR);
+  connection->ended = true;
+  stats_->CountMemoryLimit();
+  if (++ended_ <= kReported && !quiet_)
+    std::fprintf(stderr, "connection from %s ended: more than --max-memory is in use%s\n",
+                 connection->peer.c_str(),
+                 ended_ == kReported ? " (further ones are only counted)" : "");
 }
 
 void ConnectionMonitor::Report(const Connection& connection, Refusal reason) {

@@ -1,6 +1,12 @@
 // Watches who connects to a collector's socket, and counts and reports the connections that are
 // refused: without that, an agent with a wrong key leaves no trace on the server.
 //
+// It also bounds the memory of the process. libzmq keeps the parts of a message until the last one
+// has come, however many they are. So when the process uses max_memory, the connections that have
+// received most since their last message was taken are ended, until half of it is free; what they
+// hold is freed, and a message that was received whole is kept. New connections are ended at once
+// while that is not enough. A thread of its own does this even while the output blocks.
+//
 // libzmq does not say which connection has finished its handshake. The newest one whose outcome is
 // not known is taken for it; so the counts are right, and the address in a report may be that of
 // another client that connected at the same moment.
@@ -8,6 +14,8 @@
 
 #include <cstdint>
 #include <map>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -23,16 +31,22 @@ class ConnectionMonitor {
 
   /// Reports on standard error unless `quiet`. `socket` and `stats` must outlive this. Call it
   /// before the socket is bound. Throws std::runtime_error.
-  ConnectionMonitor(const ZmqContext& context, PullSocket* socket, CollectStats* stats, bool quiet);
+  ConnectionMonitor(const ZmqContext& context, PullSocket* socket, CollectStats* stats, bool quiet,
+                    std::uint64_t max_memory);
   ~ConnectionMonitor();
   ConnectionMonitor(const ConnectionMonitor&) = delete;
   ConnectionMonitor& operator=(const ConnectionMonitor&) = delete;
+
+  /// A message of this descriptor (ZMQ_SRCFD) was taken. From any thread.
+  void NoteMessage(int descriptor);
 
  private:
   struct Connection {
     std::string peer;
     std::uint64_t number;  // counted from the first
     bool connected;        // as far as is known
+    std::uint64_t taken;   // bytes received before its last message was taken
+    bool ended;            // because of the memory
   };
   using Connections = std::map<std::int64_t, Connection>;  // by descriptor
 
@@ -40,11 +54,17 @@ class ConnectionMonitor {
   void Note(std::uint16_t event, std::uint32_t value);
   Connections::iterator NewestUnknown();
   void End(Connections::iterator connection);
+  void LookAtMemory();
+  std::uint64_t Held(int descriptor, Connection* connection, bool spoke);
+  void EndForMemory(int descriptor, Connection* connection);
   void Report(const Connection& connection, Refusal reason);
 
   PullSocket* const socket_;
   CollectStats* const stats_;
   const bool quiet_;
+  const std::uint64_t max_memory_;
+  std::mutex mutex_;
+  std::set<int> spoke_;  // guarded by mutex_: descriptors of messages that were taken
   ZmqSocket events_;
   // Used by thread_ alone.
   Connections connections_;
@@ -53,6 +73,9 @@ class ConnectionMonitor {
   std::uint64_t refused_ = 0;
   std::uint32_t failure_ = 0;  // of the connection that ends next: a code of libzmq's, or errno
   bool denied_ = false;        // by the gate, which counts it
+  unsigned looks_ = 0;
+  bool memory_full_ = false;
+  std::uint64_t ended_ = 0;  // because of the memory
   std::thread thread_;
 };
 

@@ -2,6 +2,9 @@
 
 #include <sys/resource.h>
 #include <unistd.h>
+#ifdef __APPLE__
+#include <mach/mach.h>
+#endif
 
 #include <cctype>
 #include <cstdint>
@@ -57,10 +60,9 @@ void add_process(MetricFamilies* families, double started) {
     families->Add("process_open_fds", "Open files.", MetricType::Gauge);
     families->Value(std::distance(begin(files), end(files)) - 1);  // without the one that lists
   }
-  std::uint64_t virtual_pages, pages;
-  if (std::ifstream("/proc/self/statm") >> virtual_pages >> pages) {
+  if (const std::uint64_t memory = memory_in_use()) {
     families->Add("process_resident_memory_bytes", "Memory in use.", MetricType::Gauge);
-    families->Value(pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)));
+    families->Value(memory);
   }
 }
 
@@ -89,6 +91,22 @@ Json agent_json(const std::string& name, const Traffic& traffic, double now) {
 }
 
 }  // namespace
+
+std::uint64_t memory_in_use() {
+#ifdef __APPLE__
+  mach_task_basic_info info = {};
+  mach_msg_type_number_t count = MACH_TASK_BASIC_INFO_COUNT;
+  return task_info(mach_task_self(), MACH_TASK_BASIC_INFO, reinterpret_cast<task_info_t>(&info),
+                   &count) == KERN_SUCCESS
+             ? info.resident_size
+             : 0;
+#else
+  std::uint64_t virtual_pages, pages;
+  return std::ifstream("/proc/self/statm") >> virtual_pages >> pages
+             ? pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE))
+             : 0;
+#endif
+}
 
 std::string metrics_text(const Watched& collector) {
   const CollectCounts counts = collector.stats.Counts();
@@ -125,6 +143,8 @@ std::string metrics_text(const Watched& collector) {
   families.Counter("handshakes_failed_total", "Connections that were refused, by reason.");
   for (std::size_t i = 0; i < kRefusals.size(); ++i)
     families.Value(counts.refused[i], "reason", kRefusals[i]);
+  families.Counter("memory_limit_total", "Connections that were ended because of --max-memory.");
+  families.Value(counts.ended_for_memory);
   if (collector.gate) {
     families.Counter("clients_total", "Clients that asked to connect, by answer.");
     families.Value(collector.gate->accepted(), "answer", "accepted");
@@ -165,6 +185,10 @@ std::string status_json(const Watched& collector) {
         {"bytes", counts.written_bytes},
         {"files_finished", counts.finished_files},
         {"disk_free", free ? Json(*free) : Json()}}},
+      {"memory",
+       {{"used", memory_in_use()},
+        {"limit", collector.max_memory},
+        {"connections_ended", counts.ended_for_memory}}},
       {"totals", traffic_json(counts.all, now)},
       {"types", types},
       {"bad_messages",

@@ -3,6 +3,7 @@
 // The counts are taken at each call, from any thread. CollectStats limits the number of agents.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -19,15 +20,19 @@ struct Watched {
   std::vector<std::string> endpoints;
   std::string output_path;  // empty: standard output
   std::string format;
+  std::uint64_t max_memory = 0;
   double started = CollectStats::Now();
 };
+
+/// Resident memory of this process in bytes, 0 if the system does not tell.
+std::uint64_t memory_in_use();
 
 /// In Prometheus' text format.
 std::string metrics_text(const Watched& collector);
 
-/// One object: version, started and now (seconds since 1970), endpoints, output, totals, types,
-/// bad_messages, connections, clients (null without a gate), agents (with the events of each minute
-/// of the last hour), other_agents.
+/// One object: version, started and now (seconds since 1970), endpoints, output, memory, totals,
+/// types, bad_messages, connections, clients (null without a gate), agents (with the events of each
+/// minute of the last hour), other_agents.
 std::string status_json(const Watched& collector);
 
 }  // namespace zmqwriter

@@ -3,9 +3,9 @@
 // Memory is bounded, so that a slow output does not exhaust it: for each connection at most
 // kReceiveHighWater messages wait inside libzmq, and the sender of a message of more than
 // kLargestMessage bytes is disconnected. So at most 256 MiB wait, and with events of 1 KiB about
-// 64 KiB. The other messages wait at the agents, whose sends then block. Messages of several parts
-// are not bounded: libzmq counts one as a single message and limits only each part. Agents send
-// none. One thread.
+// 64 KiB. The other messages wait at the agents, whose sends then block. libzmq counts a message of
+// several parts as a single one and limits only each part; agents send none, and ConnectionMonitor
+// bounds the memory. One thread.
 #pragma once
 
 #include <cstddef>
