@@ -12,7 +12,7 @@ using namespace spool_format;
 
 namespace {
 
-constexpr mode_t kFileMode = 0666;
+constexpr mode_t kFileMode = 0600;
 
 // The one place that opens a file. Close-on-exec: a program that the host starts and that outlives
 // it must not keep the spool open.

@@ -146,11 +146,14 @@ class LinksTest(unittest.TestCase):
 
 
 class ServiceExamplesTest(unittest.TestCase):
-    def test_services_start_the_collector_with_options_that_it_has(self):
+    def test_services_start_the_collector_for_its_user_only_with_options_that_it_has(self):
         unit = read_file(os.path.join(EXAMPLES, "zmqwriter-collect.service")).replace("\\\n", " ")
         unit_command = shlex.split(re.search(r"(?m)^ExecStart=(.*)$", unit).group(1))
         with open(os.path.join(EXAMPLES, "org.example.zmqwriter-collect.plist"), "rb") as file:
-            plist_command = plistlib.load(file)["ProgramArguments"]
+            plist = plistlib.load(file)
+        plist_command = plist["ProgramArguments"]
+        self.assertRegex(unit, r"(?m)^UMask=0077$")
+        self.assertEqual(plist["Umask"], 0o077)
         known = subprocess.check_output([ZMQWRITER, "collect", "--help"], text=True).split()
         for words in (unit_command, plist_command):
             self.assertEqual([os.path.basename(words[0]), words[1]], ["zmqwriter", "collect"])

@@ -288,6 +288,31 @@ TEST(CheckPaths, ProcessThatUsesTheSpoolIsNamedUnlessItIsThisOne) {
   EXPECT_EQ(spool(), "ready:");
 }
 
+TEST(CheckPaths, SpoolThatOthersReachIsFound) {
+  const std::string open =
+      "ready: warning spool-open-to-others\nthe spool folder orvik-spool/work ";
+  const std::string remedy = "\nTo do: chmod o-rwx orvik-spool/work";
+  // modes of the folder and of its parent, and what the check says
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {"0700", "0755", "ready:"},
+      {"0770", "0755", "ready:"},
+      {"0777", "0750", "ready:"},
+      {"0755", "0755", open + "may be read by every user" + remedy},
+      {"0701", "0711", open + "may be read by every user" + remedy},
+      {"0757", "0755", open + "may be changed by every user" + remedy}};
+  for (const auto& [folder, parent, expected] : cases) {
+    SCOPED_TRACE(folder + " in " + parent);
+    const Sandbox sandbox;
+    make({"orvik-spool/work/", folder + " orvik-spool/work", parent + " orvik-spool"});
+    Findings findings;
+    check_spool_access(kSpool, &findings);
+    EXPECT_EQ(told("ready", findings), expected);
+  }
+  Findings findings;
+  check_spool_access("no/spool", &findings);
+  EXPECT_EQ(told("", findings), ":");
+}
+
 TEST(CheckPaths, SpoolDiskWithLessRoomThanTheLimitOrNoneIsFound) {
   // free KiB, limit in MB, and what the check says
   const std::tuple<std::uint32_t, int, std::string> cases[] = {

@@ -421,7 +421,7 @@ TEST_F(PersistentQueueTest, FileInPlaceOfTheFolderDisablesTheSpool) {
   EXPECT_EQ(test::read_file(folder()), "in the way");
 }
 
-TEST_F(PersistentQueueTest, FolderAndFilesAreCreatedWithAllPermissionsThatTheUmaskLeaves) {
+TEST_F(PersistentQueueTest, FolderIsCreatedAsTheUmaskLeavesItAndFilesForTheirOwnerOnly) {
   const mode_t before = umask(002);
   store("a");
   umask(before);
@@ -429,7 +429,7 @@ TEST_F(PersistentQueueTest, FolderAndFilesAreCreatedWithAllPermissionsThatTheUma
   ASSERT_EQ(stat(folder().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0775u);
   ASSERT_EQ(stat(path().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0664u);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
 }
 
 struct PathToCreate {

@@ -135,6 +135,7 @@ void check_configuration(const CheckOptions& options, const standin::Host& host,
   configuration.CheckEndpoints(findings);
   report->key = configuration.CheckKey(libzmq_takes_key(configuration.DecodedKey()), findings);
   report->spool = check_spool(report->plugin->spool_folder, findings);
+  check_spool_access(report->plugin->spool_folder, findings);
   report->disk = configuration.CheckDisk(findings);
   check_spool_space(*report->spool, report->disk->limit_mb, findings);
   report->agent_id = check_agent_id(configuration.setting("zmq_agent_id"),

@@ -180,6 +180,24 @@ SpoolReport check_spool(const std::string& folder, Findings* findings) {
   return spool;
 }
 
+void check_spool_access(const std::string& folder, Findings* findings) {
+  std::error_code error;
+  const fs::path path = fs::canonical(folder, error);
+  struct stat status;
+  if (error || stat(path.c_str(), &status) != 0 || (status.st_mode & S_IRWXO) == 0)
+    return;
+  for (fs::path above = path; above.has_relative_path();) {
+    above = above.parent_path();
+    struct stat closed;
+    if (stat(above.c_str(), &closed) != 0 || (closed.st_mode & S_IXOTH) == 0)
+      return;  // others do not get as far as the folder
+  }
+  add_warning(findings, "spool-open-to-others",
+              "the spool folder " + folder + " may be " +
+                  (status.st_mode & S_IWOTH ? "changed" : "read") + " by every user",
+              "chmod o-rwx " + folder);
+}
+
 void check_spool_space(const SpoolReport& spool, int limit_mb, Findings* findings) {
   constexpr double kBytesOfMb = 1048576;
   constexpr double kNextToNothing_mb = 10;

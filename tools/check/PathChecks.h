@@ -19,6 +19,9 @@ struct SpoolReport {
 
 SpoolReport check_spool(const std::string& folder, Findings* findings);
 
+/// Checks whether users other than its owner and group reach the folder.
+void check_spool_access(const std::string& folder, Findings* findings);
+
 /// Checks what is free on the spool's own disk, which need not be the one that the limit is
 /// computed from.
 void check_spool_space(const SpoolReport& spool, int limit_mb, Findings* findings);
