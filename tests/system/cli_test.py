@@ -328,6 +328,24 @@ with tempfile.TemporaryDirectory() as folder:
     print(value.group(1).decode() if value else answer)
 """
 
+# Prints the value at the path in the arguments of the object on standard input.
+GO = """
+package main
+
+import ("encoding/json"; "fmt"; "os")
+
+func main() {
+	var value interface{}
+	if err := json.NewDecoder(os.Stdin).Decode(&value); err != nil {
+		panic(err)
+	}
+	for _, name := range os.Args[1:] {
+		value = value.(map[string]interface{})[name]
+	}
+	fmt.Println(value)
+}
+"""
+
 
 @needs_zmq
 class DecodeTest(CliTest):
@@ -391,6 +409,9 @@ class DecodeTest(CliTest):
     def test_strict_readers_of_json_take_what_is_no_utf_8(self):
         self.assertNotEqual(self.run_tool("decode", "--json-bytes", "utf8").returncode, 0)
         os.chmod(".", 0o755)
+        write_file("reader.go", GO)
+        environment = dict(os.environ, HOME=os.getcwd(), GOCACHE=os.getcwd(), GO111MODULE="off",
+                           GOTOOLCHAIN="local")
         for form, key, value in (("replace", ["uid"], "C\ufffd\ufffd\u00e9"),
                                  ("base64", ["uid", "base64"], "QwD/w6k=")):
             line = self.decode(make_event(uid=b"C\0\xff\xc3\xa9"), "--json-bytes", form, "events").stdout
@@ -402,11 +423,12 @@ class DecodeTest(CliTest):
                     ("jq", ["jq", "-r", "." + ".".join(key)]),
                     ("node", ["node", "-e", "console.log(JSON.parse(require('fs').readFileSync(0)).%s)"
                               % ".".join(key)]),
+                    ("go", ["go", "run", "reader.go", *key]),
                     ("initdb", [sys.executable, "-c", JSONB, ",".join(key)])):
                 with self.subTest(reader, form=form):
                     if shutil.which(reader):
                         read = subprocess.run(command, input=line, capture_output=True,
-                                              timeout=DEADLINE)
+                                              env=environment, timeout=DEADLINE)
                         self.assertEqual(read.stdout.decode("utf-8").strip(), value,
                                          read.stderr.decode())
 
