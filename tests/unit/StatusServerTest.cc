@@ -47,7 +47,7 @@ class StatusServerTest : public testing::Test {
 
   void Serve(const ClientGate* gate = nullptr) {
     server_ = std::make_unique<StatusServer>(
-        "127.0.0.1:0", Watched{stats_, gate, {"tcp://*:5555"}, "events.json", "json", 5000});
+        "127.0.0.1:0", Watched{stats_, gate, {"tcp://*:5555"}, true, "events.json", "json", 5000});
   }
 
   std::uint16_t port() const {
@@ -198,7 +198,7 @@ TEST_F(StatusServerTest, AddressesThatCannotBeServedAreNamed) {
   const std::string in_use = "127.0.0.1:" + std::to_string(port());
   for (const std::string& address : {in_use, std::string("192.0.2.1:0")}) {
     try {
-      const StatusServer second(address, Watched{stats_, nullptr, {}, "", "json"});
+      const StatusServer second(address, Watched{stats_, nullptr, {}, true, "", "json"});
       FAIL() << address;
     } catch (const std::runtime_error& error) {
       EXPECT_THAT(error.what(), StartsWith("cannot serve metrics on '" + address + "': "));

@@ -10,6 +10,7 @@
 #include "Collector.h"
 #include "Files.h"
 #include "ListenAddress.h"
+#include "NatsFlags.h"
 #include "OptionChecks.h"
 #include "StopSignals.h"
 
@@ -44,6 +45,14 @@ constexpr const char* kFooter =
     "same kind ends it at once. Of an agent that sends without a pause, one event may be lost,\n"
     "and up to 8 KiB of events where the collector is slower than the agent.\n"
     "\n"
+    "--to: each event is published as one message, with the subject PREFIX.<data_type>.<agent>. "
+    "It\n"
+    "is held until the engine has acknowledged it; when as many wait as --window says, the "
+    "collector\n"
+    "receives nothing more, for as long as it takes, and tries again. At the end it waits --drain\n"
+    "seconds for acknowledgements; what is left then goes to the file of --unsent, which the next\n"
+    "start publishes first. No secret belongs on the command line: see --nats-user and others.\n"
+    "\n"
     "--output: the current file has the name given; finished files are FILE.000001 (the oldest),\n"
     "FILE.000002 and so on. A run never appends to the file of a former run, it moves it aside.\n"
     "No event is split between files. Data is written at once, but not forced to disk. When the\n"
@@ -67,7 +76,7 @@ constexpr const char* kFooter =
 void warn_if_readable_by_others(const std::string& file) {
   struct stat status;
   if (stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & 077) != 0)
-    std::fprintf(stderr, "warning: others may read the secret key: chmod 600 %s\n", file.c_str());
+    std::fprintf(stderr, "warning: others may read this secret: chmod 600 %s\n", file.c_str());
 }
 
 int collect(const CollectOptions& options) {
@@ -78,6 +87,11 @@ int collect(const CollectOptions& options) {
     catch_reload_signal();
   raise_open_files();  // each connection takes one
   warn_if_readable_by_others(options.secret_key_file);
+  if (options.stream) {
+    const NatsOptions& engine = options.stream->engine;
+    for (const std::string& file : {engine.user, engine.token, engine.credentials, engine.key})
+      warn_if_readable_by_others(file);
+  }
   return Collector(options).Run();
 }
 
@@ -115,7 +129,68 @@ void add_input_options(CLI::App* command, CollectOptions* options) {
       ->check(not_empty());
 }
 
-void add_output_options(CLI::App* command, FileSinkOptions* options) {
+/// Whether `text` is N or N,BYTES; sets what it says.
+bool parse_window(const std::string& text, JetStreamOptions* options) {
+  const std::size_t comma = text.find(',');
+  const auto events = number_in<std::uint64_t>(text.substr(0, comma));
+  std::string bytes = comma == std::string::npos ? "16M" : text.substr(comma + 1);
+  if (!events || *events == 0 || !byte_size()(bytes).empty())
+    return false;
+  options->window_events = *events;
+  options->window_bytes = *number_in<std::uint64_t>(bytes);
+  return true;
+}
+
+CLI::Option* add_stream_options(CLI::App* command, JetStreamOptions* options) {
+  CLI::Option* const to = add_nats_options(
+      command, "--to",
+      "Publish to a JetStream engine: the servers of a cluster, any of which will do",
+      &options->engine);
+  command
+      ->add_option_function<std::string>(
+          "--window", [options](const std::string& text) { parse_window(text, options); },
+          "Events and bytes that may wait for acknowledgement (default: 4096,16M)")
+      ->type_name("N[,BYTES]")
+      ->needs(to)
+      ->check(option_check([](const std::string& text) -> std::string {
+        JetStreamOptions ignored;
+        return parse_window(text, &ignored) ? "" : "'" + text + "' must be like 4096 or 4096,16M";
+      }));
+  command
+      ->add_option("--drain", options->drain_s, "How long to wait for acknowledgements at the end")
+      ->type_name("SECONDS")
+      ->needs(to)
+      ->check(positive_number(true))
+      ->capture_default_str();
+  command
+      ->add_option(
+          "--unsent", options->unsent_file,
+          "Keep here what is not acknowledged at the end; the next start publishes it first")
+      ->type_name("FILE")
+      ->needs(to)
+      ->check(not_empty());
+  command
+      ->add_option_function<std::string>(
+          "--create-stream",
+          [options](const std::string& text) { options->create = stream_limits(text); },
+          "Make the stream if there is none, e.g. replicas=3,max-age=7d,max-bytes=100G; an "
+          "existing "
+          "one is not changed")
+      ->type_name("LIMITS")
+      ->needs(to)
+      ->expected(0, 1)
+      ->check(option_check([](const std::string& text) -> std::string {
+        try {
+          stream_limits(text);
+          return "";
+        } catch (const std::invalid_argument& problem) {
+          return problem.what();
+        }
+      }));
+  return to;
+}
+
+CLI::Option* add_output_options(CLI::App* command, FileSinkOptions* options) {
   command
       ->add_option("--format", options->format,
                    "json: one object per line. text: one line to read. raw: each message as "
@@ -146,6 +221,7 @@ void add_output_options(CLI::App* command, FileSinkOptions* options) {
       ->add_flag("--exit-on-full", options->exit_on_full,
                  "End while there is still room for what agents have sent, or when writing fails")
       ->needs(output);
+  return output;
 }
 
 void add_watching_options(CLI::App* command, CollectOptions* options) {
@@ -195,9 +271,22 @@ void add_collect_command(CLI::App& app, int* exit_code) {
   command->footer(kFooter);
   const auto options = std::make_shared<CollectOptions>();
   add_input_options(command, options.get());
-  add_output_options(command, &options->output);
+  const CLI::Option* const output = add_output_options(command, &options->output);
+  const auto stream = std::make_shared<JetStreamOptions>();
+  const CLI::Option* const to = add_stream_options(command, stream.get());
   add_watching_options(command, options.get());
-  command->callback([options, exit_code] { *exit_code = collect(*options); });
+  const CLI::Option* const format = command->get_option("--format");
+  command->callback([=] {
+    if (!to->empty()) {
+      options->writes = !output->empty();
+      stream->json = !format->empty() && options->output.format == "json";
+      stream->json_bytes = options->output.json_bytes;
+      if (options->output.format == "text" && !options->writes)
+        throw CLI::ValidationError("--format", "events are published as raw or json");
+      options->stream = *stream;
+    }
+    *exit_code = collect(*options);
+  });
 }
 
 }  // namespace zmqwriter

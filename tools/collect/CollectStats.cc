@@ -129,6 +129,11 @@ void CollectStats::NoteOutput(std::uint64_t written_bytes, std::uint64_t finishe
   counts_.stalled = stalled;
 }
 
+void CollectStats::NoteStream(const StreamFigures& figures) {
+  const Lock lock(mutex_);
+  counts_.stream = figures;
+}
+
 std::uint64_t CollectStats::Connections() const {
   const Lock lock(mutex_);
   return counts_.connections;

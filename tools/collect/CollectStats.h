@@ -14,9 +14,11 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace zmqwriter {
 
@@ -50,9 +52,30 @@ class Traffic : public Tally {
   std::array<Tally, kMinutes> minutes_ = {};  // by minute modulo kMinutes
 };
 
+/// Why a JetStream engine does not take events.
+enum class StreamTrouble { kNoStream, kFull, kNotAuthorised, kNoQuorum, kConnectionLost, kOther };
+constexpr std::array<const char*, 6> kStreamTroubles = {
+    "no_stream", "full", "not_authorised", "no_quorum", "connection_lost", "other"};
+
 /// Why a client's connection was refused.
 enum class Refusal { kOtherKey, kNoCurve, kProtocol, kTimedOut };
 constexpr std::array<const char*, 4> kRefusals = {"other_key", "no_curve", "protocol", "timed_out"};
+
+/// Of a JetStreamSink.
+struct StreamFigures {
+  std::uint64_t acknowledged = 0;
+  std::uint64_t stored_before = 0;  // of these: the engine had them from an earlier publication
+  std::uint64_t repeated = 0;       // publications of an event that had been published before
+  std::uint64_t too_large = 0;      // events that were dropped
+  std::array<std::uint64_t, kStreamTroubles.size()> refused = {};  // publications, by StreamTrouble
+  std::uint64_t window_events = 0;                                 // not acknowledged
+  std::uint64_t window_bytes = 0;
+  double oldest_s = 0;   // age of the oldest of these
+  double stalled_s = 0;  // time in which nothing was received because the window was full
+  std::uint64_t reconnections = 0;
+  std::string trouble;                                // now, one of kStreamTroubles; empty: none
+  std::vector<std::pair<std::string, bool>> servers;  // true: connected to it
+};
 
 /// A consistent view of the counts.
 struct CollectCounts {
@@ -65,10 +88,13 @@ struct CollectCounts {
   std::uint64_t written_bytes = 0;
   std::uint64_t finished_files = 0;
   bool stalled = false;  // the output accepts nothing
+  std::optional<StreamFigures> stream;
   std::uint64_t connections = 0;
   std::array<std::uint64_t, kRefusals.size()> refused = {};  // by Refusal
   std::uint64_t ended_for_memory = 0;                        // connections
 
+  /// Whether a sink takes nothing.
+  bool blocked() const { return stalled || (stream && !stream->trouble.empty()); }
   std::uint64_t messages() const { return all.events + empty + malformed + multi_part; }
 };
 
@@ -93,6 +119,7 @@ class CollectStats {
   void NoteConnections(std::uint64_t open);
   /// Bytes written to the output, the number of its finished files, and whether it accepts nothing.
   void NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files, bool stalled);
+  void NoteStream(const StreamFigures& figures);
 
   CollectCounts Counts() const;
   std::uint64_t Connections() const;

@@ -61,6 +61,7 @@ std::unique_ptr<StatusServer> make_server(const CollectOptions& options, const C
   const Watched collector = {stats,
                              gate,
                              options.endpoints,
+                             options.writes,
                              options.output.path,
                              options.output.format,
                              options.max_memory};
@@ -91,7 +92,10 @@ Collector::Collector(const CollectOptions& options)
       socket_(&context_, secret_key_, gate_ != nullptr),
       monitor_(std::in_place, context_, &socket_, &stats_, options.quiet, options.max_memory),
       server_(make_server(options, stats_, gate_.get())) {
-  sinks_.push_back(std::make_unique<FileSink>(no_input(options), &stats_));
+  if (options.writes)
+    sinks_.push_back(std::make_unique<FileSink>(no_input(options), &stats_));
+  if (options.stream)
+    sinks_.push_back(make_jetstream_sink(*options.stream, &stats_));
   // Bound last, so that no agent has connected when something else fails.
   for (const std::string& endpoint : options.endpoints)
     bound_.push_back(socket_.Bind(endpoint));

@@ -20,6 +20,7 @@
 #include "ConnectionMonitor.h"
 #include "Connections.h"
 #include "FileSink.h"
+#include "JetStreamOptions.h"
 #include "PullSocket.h"
 #include "StatsPrinter.h"
 #include "StatusServer.h"
@@ -31,8 +32,10 @@ struct CollectOptions {
   std::vector<std::string> endpoints;
   std::string secret_key_file;
   std::string allow_file;  // empty: every client may connect
+  bool writes = true;      // to `output`
   FileSinkOptions output;
-  std::string metrics_address;  // empty: none
+  std::optional<JetStreamOptions> stream;  // to publish to
+  std::string metrics_address;             // empty: none
   std::size_t most_agents = CollectStats::kMostAgents;
   std::uint64_t max_memory = std::uint64_t{1} << 30;
   double stats_s = 0;       // 0: none

@@ -66,6 +66,56 @@ void add_process(MetricFamilies* families, double started) {
   }
 }
 
+void add_stream(MetricFamilies* families, const StreamFigures& stream) {
+  families->Counter("stream_acknowledged_total", "Events that the engine has acknowledged.");
+  families->Value(stream.acknowledged);
+  families->Counter("stream_repeated_total", "Publications of events published before.");
+  families->Value(stream.repeated);
+  families->Counter("stream_refused_total", "Publications without acknowledgement, by reason.");
+  for (std::size_t i = 0; i < kStreamTroubles.size(); ++i)
+    families->Value(stream.refused[i], "reason", kStreamTroubles[i]);
+  families->Counter("stream_too_large_total", "Events dropped: larger than the engine takes.");
+  families->Value(stream.too_large);
+  families->Gauge("stream_window_events", "Events that are not acknowledged.");
+  families->Value(stream.window_events);
+  families->Gauge("stream_window_bytes", "Bytes of these events.");
+  families->Value(stream.window_bytes);
+  families->Gauge("stream_oldest_seconds", "Age of the oldest of these events.");
+  families->Value(stream.oldest_s);
+  families->Counter("stream_stalled_seconds_total", "Time with a full window.");
+  families->Value(stream.stalled_s);
+  families->Counter("stream_reconnections_total", "Connections to the engine after the first.");
+  families->Value(stream.reconnections);
+  families->Gauge("stream_trouble", "1 while the engine takes nothing, by reason.");
+  for (const char* const trouble : kStreamTroubles)
+    families->Value(stream.trouble == trouble, "reason", trouble);
+  families->Gauge("stream_server", "The engine's known servers; 1: connected to it.");
+  for (const auto& [server, connected] : stream.servers)
+    families->Value(connected, "server", server);
+}
+
+/// Null without a stream.
+Json stream_json(const std::optional<StreamFigures>& stream) {
+  if (!stream)
+    return nullptr;
+  Json refused = Json::object(), servers = Json::array();
+  for (std::size_t i = 0; i < kStreamTroubles.size(); ++i)
+    refused[kStreamTroubles[i]] = stream->refused[i];
+  for (const auto& [server, connected] : stream->servers)
+    servers.push_back({{"url", server}, {"connected", connected}});
+  return {{"trouble", stream->trouble.empty() ? Json() : Json(stream->trouble)},
+          {"acknowledged", stream->acknowledged},
+          {"stored_before", stream->stored_before},
+          {"repeated", stream->repeated},
+          {"refused", refused},
+          {"too_large", stream->too_large},
+          {"window", {{"events", stream->window_events}, {"bytes", stream->window_bytes}}},
+          {"oldest_s", stream->oldest_s},
+          {"stalled_s", stream->stalled_s},
+          {"reconnections", stream->reconnections},
+          {"servers", servers}};
+}
+
 /// Of the output's disk; nothing where it is not known, and for standard output.
 std::optional<std::uint64_t> output_disk_free(const std::string& path) {
   std::error_code error;
@@ -138,6 +188,8 @@ std::string metrics_text(const Watched& collector) {
     families.Gauge("output_disk_free_bytes", "Room on the disk of the output.");
     families.Value(*free);
   }
+  if (counts.stream)
+    add_stream(&families, *counts.stream);
   families.Gauge("connections", "Open connections.");
   families.Value(counts.connections);
   families.Counter("handshakes_failed_total", "Connections that were refused, by reason.");
@@ -173,18 +225,21 @@ std::string status_json(const Watched& collector) {
     refused[kRefusals[i]] = counts.refused[i];
   const std::string& path = collector.output_path;
   const auto free = output_disk_free(path);
+  Json output;
+  if (collector.writes)
+    output = {{"path", path.empty() ? Json() : Json(path)},
+              {"format", collector.format},
+              {"stalled", counts.stalled},
+              {"bytes", counts.written_bytes},
+              {"files_finished", counts.finished_files},
+              {"disk_free", free ? Json(*free) : Json()}};
   const Json status = {
       {"version", ZMQWRITER_VERSION},
       {"started", collector.started},
       {"now", now},
       {"endpoints", collector.endpoints},
-      {"output",
-       {{"path", path.empty() ? Json() : Json(path)},
-        {"format", collector.format},
-        {"stalled", counts.stalled},
-        {"bytes", counts.written_bytes},
-        {"files_finished", counts.finished_files},
-        {"disk_free", free ? Json(*free) : Json()}}},
+      {"output", output},
+      {"stream", stream_json(counts.stream)},
       {"memory",
        {{"used", memory_in_use()},
         {"limit", collector.max_memory},

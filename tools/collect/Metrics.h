@@ -18,6 +18,7 @@ struct Watched {
   const CollectStats& stats;
   const ClientGate* gate;  // may be null
   std::vector<std::string> endpoints;
+  bool writes;              // to a file or to standard output
   std::string output_path;  // empty: standard output
   std::string format;
   std::uint64_t max_memory = 0;
@@ -30,7 +31,8 @@ std::uint64_t memory_in_use();
 /// In Prometheus' text format.
 std::string metrics_text(const Watched& collector);
 
-/// One object: version, started and now (seconds since 1970), endpoints, output, memory, totals,
+/// One object: version, started and now (seconds since 1970), endpoints, output (null if there is
+/// none), stream (the same), memory, totals,
 /// types, bad_messages, connections, clients (null without a gate), agents (with the events of each
 /// minute of the last hour), other_agents.
 std::string status_json(const Watched& collector);

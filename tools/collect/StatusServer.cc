@@ -36,7 +36,7 @@ Answer answer_to(const std::string& path, const Watched& collector) {
     return {MHD_HTTP_OK, "application/json", status_json(collector)};
   if (path == "/metrics")
     return {MHD_HTTP_OK, "text/plain; version=0.0.4; charset=utf-8", metrics_text(collector)};
-  if (path == "/healthz" && collector.stats.Counts().stalled)
+  if (path == "/healthz" && collector.stats.Counts().blocked())
     return {MHD_HTTP_SERVICE_UNAVAILABLE, "text/plain", "the output accepts nothing\n"};
   if (path == "/healthz")
     return {MHD_HTTP_OK, "text/plain", "ok\n"};

@@ -1,0 +1,152 @@
+#include "EventStream.h"
+
+#include <algorithm>
+
+namespace zmqwriter {
+
+namespace {
+
+constexpr std::int64_t kNanoseconds = 1000000000;
+// How long an engine recognises the id of an event that is published again.
+constexpr std::int64_t kRepeatWindow = 120 * kNanoseconds;
+constexpr const char* kRetentions[] = {"limits", "interest", "workqueue"};
+
+using StreamInfo = NatsPtr<jsStreamInfo, jsStreamInfo_Destroy>;
+
+[[noreturn]] void fail(const NatsConnection& engine, natsStatus status, int error_code) {
+  if (engine.refused())
+    throw StreamError({StreamTrouble::kNotAuthorised, engine.last_problem()});
+  throw StreamError(stream_problem(status, error_code, nats_problem(status)));
+}
+
+}  // namespace
+
+StreamProblem stream_problem(natsStatus status, int error_code, const std::string& words) {
+  const std::string text = words.empty() ? natsStatus_GetText(status) : words;
+  switch (error_code) {
+    case JSStreamNotFoundErr:
+      return {StreamTrouble::kNoStream, text};
+    case JSStreamStoreFailedErr:
+    case JSAccountResourcesExceededErr:
+    case JSInsufficientResourcesErr:
+    case JSMemoryResourcesExceededErr:
+    case JSStorageResourcesExceededErr:
+      return {StreamTrouble::kFull, "the stream is full (" + text + ")"};
+    case JSClusterNotAvailErr:
+    case JSClusterNotLeaderErr:
+    case JSClusterIncompleteErr:
+    case JSStreamOfflineErr:
+      return {StreamTrouble::kNoQuorum, "too few servers of the cluster run (" + text + ")"};
+    case JSNotEnabledErr:
+    case JSNotEnabledForAccountErr:
+      return {StreamTrouble::kOther, text + "; start the servers with --jetstream"};
+    default:
+      break;
+  }
+  switch (status) {
+    case NATS_NO_RESPONDERS:
+      return {StreamTrouble::kNoStream, "no stream takes these subjects, or JetStream is off"};
+    case NATS_TIMEOUT:
+      return {StreamTrouble::kNoQuorum, "no answer in time, as when too few servers run"};
+    case NATS_NOT_PERMITTED:
+    case NATS_CONNECTION_AUTH_FAILED:
+      return {StreamTrouble::kNotAuthorised, text};
+    case NATS_CONNECTION_CLOSED:
+    case NATS_CONNECTION_DISCONNECTED:
+    case NATS_INSUFFICIENT_BUFFER:
+    case NATS_STALE_CONNECTION:
+    case NATS_IO_ERROR:
+    case NATS_NO_SERVER:
+      return {StreamTrouble::kConnectionLost, text};
+    default:
+      return {StreamTrouble::kOther, text};
+  }
+}
+
+FoundStream find_stream(const NatsConnection& engine, const std::string& prefix) {
+  const std::string subjects = prefix + ".>";
+  jsOptions options;
+  jsOptions_Init(&options);
+  options.Stream.Info.SubjectsFilter = subjects.c_str();
+  jsErrCode code = static_cast<jsErrCode>(0);
+  jsStreamNamesList* names = nullptr;
+  natsStatus status = js_StreamNames(&names, engine.stream(), &options, &code);
+  const NatsPtr<jsStreamNamesList, jsStreamNamesList_Destroy> held(names);
+  FoundStream found;
+  if (status == NATS_NOT_FOUND || (status == NATS_OK && names->Count == 0))
+    return found;
+  if (status != NATS_OK)
+    fail(engine, status, code);
+  found.name = names->List[0];
+  jsStreamInfo* about = nullptr;
+  status = js_GetStreamInfo(&about, engine.stream(), found.name.c_str(), nullptr, &code);
+  if (status != NATS_OK)
+    fail(engine, status, code);
+  const StreamInfo info(about);
+  const jsStreamConfig& config = *info->Config;
+  found.limits = {config.Replicas, std::max<std::int64_t>(config.MaxAge / kNanoseconds, 0),
+                  std::max<std::int64_t>(config.MaxBytes, 0),
+                  std::max<std::int64_t>(config.MaxMsgs, 0)};
+  found.retention = kRetentions[config.Retention];
+  found.discards_old = config.Discard == js_DiscardOld;
+  found.in_memory = config.Storage == js_MemoryStorage;
+  found.max_message = config.MaxMsgSize;
+  found.messages = info->State.Msgs;
+  found.bytes = info->State.Bytes;
+  if (info->Cluster) {
+    found.leader = info->Cluster->Leader ? info->Cluster->Leader : "";
+    for (int i = 0; i < info->Cluster->ReplicasLen; ++i)
+      found.replicas_behind += !info->Cluster->Replicas[i]->Current;
+  }
+  return found;
+}
+
+void create_stream(const NatsConnection& engine, const std::string& prefix,
+                   const StreamLimits& limits) {
+  std::string name = prefix;
+  std::replace(name.begin(), name.end(), '.', '-');
+  const std::string subjects = prefix + ".>";
+  const char* subject = subjects.c_str();
+  jsStreamConfig config;
+  jsStreamConfig_Init(&config);
+  config.Name = name.c_str();
+  config.Subjects = &subject;
+  config.SubjectsLen = 1;
+  config.Storage = js_FileStorage;
+  config.Discard = js_DiscardNew;  // to delete what nobody has read yet would lose it
+  config.Replicas = limits.replicas;
+  config.MaxAge = limits.max_age_s * kNanoseconds;
+  config.MaxBytes = limits.max_bytes > 0 ? limits.max_bytes : -1;
+  config.MaxMsgs = limits.max_msgs > 0 ? limits.max_msgs : -1;
+  config.Duplicates = config.MaxAge > 0 ? std::min(config.MaxAge, kRepeatWindow) : kRepeatWindow;
+  jsErrCode code = static_cast<jsErrCode>(0);
+  const natsStatus status = js_AddStream(nullptr, engine.stream(), &config, nullptr, &code);
+  if (status != NATS_OK)
+    fail(engine, status, code);
+}
+
+std::vector<std::string> stream_differences(const FoundStream& stream, const StreamLimits& limits) {
+  std::vector<std::string> differences;
+  const auto differs = [&](const char* what, std::int64_t has, std::int64_t wanted) {
+    if (has != wanted)
+      differences.push_back("the stream " + stream.name + " has " + what + "=" +
+                            std::to_string(has) + ", not " + std::to_string(wanted) +
+                            ": it stays as it is");
+  };
+  if (stream.limits.replicas < limits.replicas)
+    differs("replicas", stream.limits.replicas, limits.replicas);
+  if (stream.retention != "limits")
+    differences.push_back("the stream " + stream.name + " has the retention " + stream.retention +
+                          ": events may be removed when consumers have them");
+  if (stream.discards_old)
+    differences.push_back("the stream " + stream.name +
+                          " deletes its oldest events when it is full");
+  if (stream.in_memory)
+    differences.push_back("the stream " + stream.name + " is not on disk");
+  differs("max-age (s)", stream.limits.max_age_s, limits.max_age_s);
+  differs("max-bytes", stream.limits.max_bytes, limits.max_bytes);
+  differs("max-msgs", stream.limits.max_msgs, limits.max_msgs);
+  return differences;
+}
+
+}  // namespace zmqwriter

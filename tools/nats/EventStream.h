@@ -1,0 +1,53 @@
+// The stream of a JetStream engine that takes a collector's events.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "CollectStats.h"
+#include "JetStreamOptions.h"
+#include "NatsConnection.h"
+
+namespace zmqwriter {
+
+struct StreamProblem {
+  StreamTrouble trouble;
+  std::string words;
+};
+
+/// Of what js_ functions return; `words` may be empty.
+StreamProblem stream_problem(natsStatus status, int error_code, const std::string& words);
+
+struct FoundStream {
+  std::string name;  // empty: none takes the subjects
+  StreamLimits limits;
+  std::string retention;  // "limits", "interest", "workqueue"
+  bool discards_old = false;
+  bool in_memory = false;
+  std::int32_t max_message = -1;  // bytes; -1: no limit
+  std::uint64_t messages = 0;
+  std::uint64_t bytes = 0;
+  std::string leader;  // empty: none, or a single server
+  int replicas_behind = 0;
+};
+
+/// The stream that takes the subjects PREFIX.>. Throws StreamError when the engine does not tell.
+FoundStream find_stream(const NatsConnection& engine, const std::string& prefix);
+
+/// Makes one for them, named as the prefix with '-' for dots: on disk, and one that refuses events
+/// when it is full. Throws StreamError.
+void create_stream(const NatsConnection& engine, const std::string& prefix,
+                   const StreamLimits& limits);
+
+/// How an existing stream differs from what was asked for, to the worse: a sentence each.
+std::vector<std::string> stream_differences(const FoundStream& stream, const StreamLimits& limits);
+
+class StreamError : public std::runtime_error {
+ public:
+  explicit StreamError(const StreamProblem& problem)
+      : std::runtime_error(problem.words), trouble(problem.trouble) {}
+  const StreamTrouble trouble;
+};
+
+}  // namespace zmqwriter

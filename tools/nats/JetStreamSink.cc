@@ -1,0 +1,496 @@
+#include "JetStreamSink.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "EventJson.h"
+#include "EventSubject.h"
+#include "StopSignals.h"
+#include "UnsentFile.h"
+
+namespace zmqwriter {
+
+namespace {
+
+constexpr char kIdHeader[] = "Nats-Msg-Id";
+// Of a message's headers, more than there are.
+constexpr std::size_t kHeaderBytes = 128;
+// Then an event that is not acknowledged is published again.
+constexpr int kAnswerMs = 5000;
+constexpr auto kShortestPause = std::chrono::milliseconds(100);
+constexpr auto kLongestPause = std::chrono::milliseconds(5000);
+constexpr auto kLook = std::chrono::milliseconds(50);
+constexpr auto kFiguresEvery = std::chrono::milliseconds(200);
+// Once the window is full, events are received again when this share of it is in use.
+constexpr double kRoomAgain = 0.875;
+// Events too large beyond these are counted only.
+constexpr std::uint64_t kReportedTooLarge = 10;
+
+using Message = NatsPtr<natsMsg, natsMsg_Destroy>;
+
+/// Unlike any other run's, and behind those of former runs in the order of text.
+std::string new_run() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+  char text[kIdLength];
+  std::snprintf(text, sizeof text, "%011" PRIx64 "%05x", static_cast<std::uint64_t>(ms),
+                std::random_device()() & 0xfffff);
+  return text;
+}
+
+std::string event_id(const std::string& run, std::uint64_t number) {
+  char digits[17];
+  std::snprintf(digits, sizeof digits, "%016" PRIx64, number);
+  return run + '-' + digits;
+}
+
+double seconds(std::chrono::steady_clock::duration time) {
+  return std::chrono::duration<double>(time).count();
+}
+
+unsigned long long number(std::uint64_t n) {
+  return n;
+}
+
+}  // namespace
+
+std::unique_ptr<EventSink> make_jetstream_sink(const JetStreamOptions& options,
+                                               CollectStats* stats) {
+  return std::make_unique<JetStreamSink>(options, stats);
+}
+
+JetStreamSink::JetStreamSink(const JetStreamOptions& options, CollectStats* stats)
+    : options_(options), stats_(stats), run_(new_run()), pause_(kShortestPause) {
+  Connect();
+  FindStream();
+  NoteFigures(Clock::now());
+}
+
+JetStreamSink::~JetStreamSink() = default;
+
+void JetStreamSink::Connect() {
+  engine_ = std::make_unique<NatsConnection>(options_.engine, OnAnswer, this);
+  const std::int64_t largest = natsConnection_GetMaxPayload(engine_->get());
+  largest_ = largest > 0 ? static_cast<std::size_t>(largest) : SIZE_MAX;
+}
+
+void JetStreamSink::FindStream() {
+  const std::string& prefix = options_.engine.prefix;
+  try {
+    FoundStream stream = find_stream(*engine_, prefix);
+    if (!stream.name.empty()) {
+      if (options_.create)
+        for (const std::string& difference : stream_differences(stream, *options_.create))
+          std::fprintf(stderr, "warning: %s\n", difference.c_str());
+    } else if (!options_.create) {
+      throw std::runtime_error("no stream takes the subjects '" + prefix +
+                               ".>'; make one with --create-stream replicas=N,max-age=DAYSd");
+    } else {
+      create_stream(*engine_, prefix, *options_.create);
+      stream = find_stream(*engine_, prefix);
+      std::fprintf(stderr, "made the stream %s for the subjects %s.>\n", stream.name.c_str(),
+                   prefix.c_str());
+    }
+    if (stream.max_message >= 0)
+      largest_ = std::min(largest_, static_cast<std::size_t>(stream.max_message));
+  } catch (const StreamError& error) {
+    if (error.trouble != StreamTrouble::kNotAuthorised || options_.create)
+      throw std::runtime_error(std::string("cannot look for the stream: ") + error.what());
+    // Who may publish need not be allowed to look.
+    std::fprintf(stderr, "warning: not allowed to look whether there is a stream: %s\n",
+                 error.what());
+    engine_->ForgetProblem();
+  }
+}
+
+void JetStreamSink::Begin() {
+  if (options_.unsent_file.empty())
+    return;
+  const std::vector<UnsentEvent> events = read_unsent_file(options_.unsent_file);
+  if (!events.empty())
+    std::fprintf(stderr, "publishing %zu events of %s first\n", events.size(),
+                 options_.unsent_file.c_str());
+  for (const UnsentEvent& event : events)
+    Hold(event.id, EventMessage(event.raw.data(), event.raw.size()), event.raw, true);
+  former_published_ = !events.empty();
+}
+
+void JetStreamSink::Write(const EventMessage& event, std::string_view raw) {
+  Hold(event_id(run_, count_++), event, raw, false);
+}
+
+void JetStreamSink::Hold(const std::string& id, const EventMessage& event, std::string_view raw,
+                         bool former) {
+  AwaitRoom();
+  bool waits;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    waits = problem_now_ || !engine_;
+    window_.emplace(id, Held{std::string(raw), Clock::now(), former, waits, !waits});
+    window_bytes_ += raw.size();
+    waiting_ += waits;
+    former_left_ += former;
+  }
+  if (!waits)
+    Publish(id, event, raw);
+}
+
+/// Whether no more than this share of the window is in use. `mutex_` is held.
+bool JetStreamSink::IsBelow(double share) const {
+  return static_cast<double>(window_.size()) <
+             share * static_cast<double>(options_.window_events) &&
+         static_cast<double>(window_bytes_) < share * static_cast<double>(options_.window_bytes);
+}
+
+JetStreamSink::Clock::duration JetStreamSink::drain() const {
+  return std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(options_.drain_s));
+}
+
+bool JetStreamSink::GivesUp() {
+  if (!give_up_at_ && stop_requested())
+    give_up_at_ = Clock::now() + drain();
+  return give_up_at_ && Clock::now() >= *give_up_at_;
+}
+
+void JetStreamSink::AwaitRoom() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (IsBelow(1))
+    return;
+  auto since = Clock::now();
+  while (!window_.empty() && !IsBelow(kRoomAgain) && !GivesUp()) {
+    lock.unlock();
+    Attend();
+    lock.lock();
+    if (!window_.empty() && !IsBelow(kRoomAgain))
+      answered_.wait_for(lock, kLook);
+    const auto now = Clock::now();
+    figures_.stalled_s += seconds(now - std::exchange(since, now));
+  }
+}
+
+void JetStreamSink::Publish(const std::string& id, const EventMessage& event,
+                            std::string_view raw) {
+  std::string json;
+  if (options_.json)
+    json = event.Json(options_.json_bytes);
+  const std::string_view payload = options_.json ? json : raw;
+  if (payload.size() + kHeaderBytes > largest_) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Remove(window_.find(id));
+    DropTooLarge(event, payload.size());
+    return;
+  }
+  natsMsg* made = nullptr;
+  const std::string subject = event_subject(options_.engine.prefix, event);
+  natsStatus status = natsMsg_Create(&made, subject.c_str(), nullptr, payload.data(),
+                                     static_cast<int>(payload.size()));
+  Message message(made);
+  if (status == NATS_OK)
+    status = natsMsgHeader_Set(made, kIdHeader, id.c_str());
+  if (status == NATS_OK) {
+    jsPubOptions options;
+    jsPubOptions_Init(&options);
+    options.MaxWait = kAnswerMs;
+    natsMsg* given = message.release();
+    status = js_PublishMsgAsync(engine_->stream(), &given, &options);
+    message.reset(given);
+  }
+  if (status != NATS_OK)
+    NoteProblem(id, stream_problem(status, 0, nats_problem(status)));
+}
+
+/// `mutex_` is held.
+void JetStreamSink::DropTooLarge(const EventMessage& event, std::size_t size) {
+  ++lost_events_;
+  if (++figures_.too_large > kReportedTooLarge)
+    return;
+  std::fprintf(stderr,
+               "warning: dropped an event of %s: %zu bytes are more than the engine takes%s\n",
+               agent_token(event.AgentId()).c_str(), size,
+               figures_.too_large == kReportedTooLarge ? " (further ones are only counted)" : "");
+}
+
+/// `mutex_` is held.
+void JetStreamSink::SetWaiting(Held* held, bool waits) {
+  waiting_ += waits;
+  waiting_ -= held->waiting;
+  held->waiting = waits;
+}
+
+/// `mutex_` is held.
+void JetStreamSink::Remove(Window::iterator held) {
+  if (held == window_.end())
+    return;
+  SetWaiting(&held->second, false);
+  window_bytes_ -= held->second.raw.size();
+  former_left_ -= held->second.former;
+  window_.erase(held);
+}
+
+void JetStreamSink::NoteProblem(const std::string& id, const StreamProblem& problem) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  problem_now_ = problem;
+  ++figures_.refused[static_cast<std::size_t>(problem.trouble)];
+  const auto held = window_.find(id);
+  if (held != window_.end())
+    SetWaiting(&held->second, true);
+}
+
+/// On a thread of the library.
+void JetStreamSink::OnAnswer(jsCtx*, natsMsg* message, jsPubAck* good, jsPubAckErr* bad,
+                             void* self) {
+  const Message owned(message);
+  auto* const sink = static_cast<JetStreamSink*>(self);
+  const char* id = nullptr;
+  if (natsMsgHeader_Get(message, kIdHeader, &id) != NATS_OK)
+    return;
+  if (!good) {
+    sink->NoteProblem(id, stream_problem(bad->Err, bad->ErrCode, bad->ErrText ? bad->ErrText : ""));
+    return;
+  }
+  const std::lock_guard<std::mutex> lock(sink->mutex_);
+  sink->problem_now_.reset();
+  const auto held = sink->window_.find(id);
+  if (held == sink->window_.end())
+    return;  // of an earlier publication
+  sink->Remove(held);
+  ++sink->figures_.acknowledged;
+  sink->figures_.stored_before += good->Duplicate;
+  if (sink->window_.empty() || sink->IsBelow(kRoomAgain))
+    sink->answered_.notify_one();
+}
+
+void JetStreamSink::Attend() {
+  const auto now = Clock::now();
+  KeepConnected(now);
+  PublishAgain(now);
+  Report(now);
+  RemoveUnsentFile();
+  if (now >= next_figures_)
+    NoteFigures(now);
+}
+
+/// The library connects again by itself, except where it was refused.
+void JetStreamSink::KeepConnected(Clock::time_point now) {
+  const bool closed = !engine_ || engine_->closed();
+  const std::uint64_t reconnections = engine_ ? engine_->reconnections() : 0;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!closed && figures_.reconnections == reconnections_ + reconnections)
+      return;
+    figures_.reconnections = reconnections_ + reconnections;
+    // What was under way will not be answered.
+    for (auto& [id, held] : window_)
+      SetWaiting(&held, true);
+  }
+  if (engine_) {
+    natsMsgList forgotten = {};
+    if (js_PublishAsyncGetPendingList(&forgotten, engine_->stream()) == NATS_OK)
+      natsMsgList_Destroy(&forgotten);
+  }
+  if (closed) {
+    if (now < next_try_)
+      return;
+    if (engine_) {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      problem_now_ = StreamProblem{
+          engine_->refused() ? StreamTrouble::kNotAuthorised : StreamTrouble::kConnectionLost,
+          engine_->last_problem()};
+      reconnections_ += reconnections;
+    }
+    engine_.reset();
+    try {
+      Connect();
+      ++reconnections_;
+    } catch (const std::exception& error) {
+      next_try_ = Clock::now() + pause_;
+      pause_ = std::min(2 * pause_, kLongestPause);
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (!problem_now_)
+        problem_now_ = StreamProblem{StreamTrouble::kConnectionLost, error.what()};
+      return;
+    }
+  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  problem_now_.reset();
+  figures_.reconnections = reconnections_ + engine_->reconnections();
+  next_try_ = now;
+  pause_ = kShortestPause;
+}
+
+/// While there is trouble, only the first of what waits is tried.
+void JetStreamSink::PublishAgain(Clock::time_point now) {
+  if (!engine_ || !engine_->connected())
+    return;
+  bool trouble, any;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    trouble = problem_now_.has_value();
+    any = waiting_ > 0;
+  }
+  if (!any) {
+    if (now >= next_try_)
+      pause_ = kShortestPause;
+    return;
+  }
+  if (now < next_try_ && !(probing_ && !trouble))
+    return;
+  PublishWaiting(trouble);
+  probing_ = trouble;
+  next_try_ = now + pause_;
+  pause_ = std::min(2 * pause_, kLongestPause);
+}
+
+void JetStreamSink::PublishWaiting(bool only_first) {
+  std::string id, raw;
+  do {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      auto next = window_.upper_bound(id);
+      while (next != window_.end() && !next->second.waiting)
+        ++next;
+      if (next == window_.end())
+        return;
+      SetWaiting(&next->second, false);
+      id = next->first;
+      raw = next->second.raw;
+      figures_.repeated += std::exchange(next->second.published, true);
+    }
+    Publish(id, EventMessage(raw.data(), raw.size()), raw);
+  } while (!only_first);
+}
+
+/// No answer and no receiver can have several reasons.
+StreamProblem JetStreamSink::Diagnosed(const StreamProblem& problem) {
+  if (!engine_)
+    return problem;
+  if (engine_->refused())
+    return {StreamTrouble::kNotAuthorised, engine_->last_problem()};
+  if (!engine_->connected()) {
+    const std::string why = engine_->last_problem();
+    return {StreamTrouble::kConnectionLost, why.empty() ? "the connection is lost" : why};
+  }
+  if (problem.trouble != StreamTrouble::kNoStream && problem.trouble != StreamTrouble::kNoQuorum)
+    return problem;
+  try {
+    const FoundStream stream = find_stream(*engine_, options_.engine.prefix);
+    if (stream.name.empty())
+      return {StreamTrouble::kNoStream,
+              "no stream takes the subjects '" + options_.engine.prefix +
+                  ".>'; make one (--create-stream does at the next start)"};
+    return {StreamTrouble::kNoQuorum, stream.leader.empty()
+                                          ? "the stream has no leader: too few of its servers run"
+                                          : problem.words};
+  } catch (const StreamError& error) {
+    return {error.trouble, error.what()};
+  }
+}
+
+/// Each kind of trouble is reported when it begins, and once that it is over.
+void JetStreamSink::Report(Clock::time_point now) {
+  std::optional<StreamProblem> problem;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    problem = problem_now_;
+  }
+  if (engine_ && !engine_->connected() && !problem)
+    problem = StreamProblem{StreamTrouble::kConnectionLost, ""};
+  if (!problem) {
+    if (reported_)
+      std::fprintf(stderr, "the engine takes events again, after %.0f s\n",
+                   seconds(now - trouble_since_));
+    if (reported_ && engine_)
+      engine_->ForgetProblem();
+    reported_.reset();
+    return;
+  }
+  const bool known = reported_ && (*reported_ == problem->trouble ||
+                                   problem->trouble == StreamTrouble::kNoStream ||
+                                   problem->trouble == StreamTrouble::kNoQuorum);
+  if (known)
+    return;
+  const StreamProblem found = Diagnosed(*problem);
+  if (!reported_)
+    trouble_since_ = now;
+  if (reported_ != found.trouble)
+    std::fprintf(stderr,
+                 "warning: the engine takes no events: %s; receiving pauses when %llu events or "
+                 "%llu bytes wait\n",
+                 found.words.c_str(), number(options_.window_events),
+                 number(options_.window_bytes));
+  reported_ = found.trouble;
+}
+
+void JetStreamSink::NoteFigures(Clock::time_point now) {
+  next_figures_ = now + kFiguresEvery;
+  const auto servers = engine_ ? engine_->servers() : figures_.servers;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  figures_.servers = servers;
+  figures_.trouble = reported_ ? kStreamTroubles[static_cast<std::size_t>(*reported_)] : "";
+  figures_.window_events = window_.size();
+  figures_.window_bytes = window_bytes_;
+  figures_.oldest_s = window_.empty() ? 0 : seconds(now - window_.begin()->second.since);
+  stats_->NoteStream(figures_);
+}
+
+/// When the engine has all that is in it.
+void JetStreamSink::RemoveUnsentFile() {
+  if (!former_published_)
+    return;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (former_left_ > 0)
+      return;
+  }
+  former_published_ = false;
+  unlink(options_.unsent_file.c_str());
+  std::fprintf(stderr, "%s: published and removed\n", options_.unsent_file.c_str());
+}
+
+void JetStreamSink::Finish() {
+  if (!GivesUp() && !give_up_at_)
+    give_up_at_ = Clock::now() + drain();
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!window_.empty() && !GivesUp()) {
+    lock.unlock();
+    Attend();
+    lock.lock();
+    if (!window_.empty())
+      answered_.wait_for(lock, kLook);
+  }
+  lock.unlock();
+  Attend();
+  NoteFigures(Clock::now());
+  std::vector<UnsentEvent> unsent;
+  lock.lock();
+  for (const auto& [id, held] : window_)
+    unsent.push_back({id, held.raw});
+  lock.unlock();
+  if (lost_events_ > 0)
+    problem_ = "the engine takes no events as large as some were";
+  if (unsent.empty())
+    return;
+  const std::string counted = std::to_string(unsent.size()) + " events were not acknowledged";
+  if (options_.unsent_file.empty()) {
+    lost_events_ += unsent.size();
+    problem_ = counted + "; with --unsent FILE they would have been kept";
+    return;
+  }
+  try {
+    write_unsent_file(options_.unsent_file, unsent);
+    std::fprintf(stderr, "%s: they are in %s, which the next start publishes first\n",
+                 counted.c_str(), options_.unsent_file.c_str());
+  } catch (const std::exception& error) {
+    lost_events_ += unsent.size();
+    problem_ = counted + ": " + error.what();
+  }
+}
+
+}  // namespace zmqwriter

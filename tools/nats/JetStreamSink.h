@@ -1,0 +1,109 @@
+// Publishes received events to a JetStream engine.
+//
+// An event is held until the engine has acknowledged it. The window of these is bounded, and while
+// it is full, Write blocks. What is not acknowledged is published again under the same id, so that
+// the engine stores it once: at once after a reconnection, else with growing pauses, for ever. One
+// thread, beside the library's.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "CollectStats.h"
+#include "EventSink.h"
+#include "EventStream.h"
+#include "JetStreamOptions.h"
+#include "NatsConnection.h"
+
+namespace zmqwriter {
+
+class JetStreamSink : public EventSink {
+ public:
+  /// Connects, and looks for the stream or makes it. `stats` gets the figures. Throws
+  /// std::runtime_error that says what to do.
+  JetStreamSink(const JetStreamOptions& options, CollectStats* stats);
+  ~JetStreamSink() override;
+
+  /// Publishes what a former run left in the file of unsent events.
+  void Begin() override;
+  /// An event that is larger than the engine takes is reported, counted and dropped.
+  void Write(const EventMessage& event, std::string_view raw) override;
+  void Flush() override { Attend(); }
+  /// Waits for acknowledgements, at most drain_s since the request to stop. What is left then goes
+  /// to the file of unsent events.
+  void Finish() override;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  struct Held {
+    std::string raw;
+    Clock::time_point since;
+    bool former;     // of a run before this
+    bool waiting;    // to be published (again)
+    bool published;  // at least once
+  };
+  using Window = std::map<std::string, Held>;  // by id: oldest first, former runs before this one
+
+  static void OnAnswer(jsCtx*, natsMsg* message, jsPubAck* good, jsPubAckErr* bad, void* self);
+  void NoteProblem(const std::string& id, const StreamProblem& problem);
+  void SetWaiting(Held* held, bool waits);
+  void Remove(Window::iterator held);
+
+  void Connect();
+  void FindStream();
+  void Hold(const std::string& id, const EventMessage& event, std::string_view raw, bool former);
+  void AwaitRoom();
+  bool IsBelow(double share) const;
+  Clock::duration drain() const;
+  bool GivesUp();
+  void Publish(const std::string& id, const EventMessage& event, std::string_view raw);
+  void DropTooLarge(const EventMessage& event, std::size_t size);
+
+  void Attend();
+  void KeepConnected(Clock::time_point now);
+  void PublishAgain(Clock::time_point now);
+  void PublishWaiting(bool only_first);
+  StreamProblem Diagnosed(const StreamProblem& problem);
+  void Report(Clock::time_point now);
+  void NoteFigures(Clock::time_point now);
+  void RemoveUnsentFile();
+
+  const JetStreamOptions options_;
+  CollectStats* const stats_;
+  const std::string run_;
+  std::uint64_t count_ = 0;
+  std::size_t largest_ = 0;  // payload that the engine takes
+
+  std::mutex mutex_;
+  std::condition_variable answered_;
+  // Guarded by mutex_.
+  Window window_;
+  std::size_t window_bytes_ = 0;
+  std::size_t waiting_ = 0;  // of the window
+  std::size_t former_left_ = 0;
+  std::optional<StreamProblem> problem_now_;  // since the last good answer
+  StreamFigures figures_;
+
+  bool former_published_ = false;
+  std::optional<StreamTrouble> reported_;
+  Clock::time_point trouble_since_;
+  Clock::time_point next_try_;
+  std::chrono::milliseconds pause_;
+  bool probing_ = false;  // what waits follows at once when the first is taken
+  std::uint64_t reconnections_ = 0;
+  std::optional<Clock::time_point> give_up_at_;
+  Clock::time_point next_figures_;
+  // Last, since its threads use what is above.
+  NatsLibrary library_;
+  std::unique_ptr<NatsConnection> engine_;
+};
+
+}  // namespace zmqwriter

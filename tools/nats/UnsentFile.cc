@@ -1,0 +1,66 @@
+#include "UnsentFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#include "EventJson.h"
+#include "Files.h"
+#include "RawEvents.h"
+
+namespace zmqwriter {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& path, const std::string& what) {
+  throw std::runtime_error(path + ": " + what + ": " + std::strerror(errno));
+}
+
+}  // namespace
+
+void write_unsent_file(const std::string& path, const std::vector<UnsentEvent>& events) {
+  const std::string fresh = path + ".new";
+  unlink(fresh.c_str());
+  FileDescriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (file.get() < 0)
+    fail(fresh, "cannot be made");
+  std::string record;
+  for (const UnsentEvent& event : events) {
+    record.clear();
+    append_raw_event(&record, event.raw + event.id);
+    if (write_fully(file.get(), record) != record.size())
+      fail(fresh, "cannot be written");
+  }
+  if (fsync(file.get()) != 0 || std::rename(fresh.c_str(), path.c_str()) != 0)
+    fail(path, "cannot be written");
+}
+
+std::vector<UnsentEvent> read_unsent_file(const std::string& path) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
+                                                             std::fclose);
+  std::vector<UnsentEvent> events;
+  if (!file) {
+    if (errno != ENOENT)
+      fail(path, "cannot be read");
+    return events;
+  }
+  RawEventReader reader(file.get());
+  for (std::string record; reader.Next(&record);) {
+    const std::size_t size = record.size() < kIdLength ? 0 : record.size() - kIdLength;
+    if (!EventMessage(record.data(), size).valid())
+      throw std::runtime_error(path +
+                               ": is not a file of unsent events; name another one with "
+                               "--unsent");
+    events.push_back({record.substr(size), record.substr(0, size)});
+  }
+  if (!reader.problem().empty())
+    throw std::runtime_error(path + ": " + reader.problem());
+  return events;
+}
+
+}  // namespace zmqwriter

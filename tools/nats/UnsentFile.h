@@ -1,0 +1,28 @@
+// Events that a collector received and could not hand on before it ended.
+//
+// The file has the form of 'collect --format raw', so 'zmqwriter decode' reads it. Each event is
+// followed by kIdLength characters within its record, which readers of the event do not see: the id
+// that it was published under, so that one that is published again is stored once.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace zmqwriter {
+
+constexpr std::size_t kIdLength = 33;
+
+struct UnsentEvent {
+  std::string id;
+  std::string raw;
+};
+
+/// Replaces the file, mode 0600, and has it on disk before it returns. Throws std::runtime_error;
+/// the former file is then unchanged.
+void write_unsent_file(const std::string& path, const std::vector<UnsentEvent>& events);
+
+/// None if there is no such file. Throws std::runtime_error when it cannot be read or is none of
+/// these.
+std::vector<UnsentEvent> read_unsent_file(const std::string& path);
+
+}  // namespace zmqwriter

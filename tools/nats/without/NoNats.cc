@@ -1,0 +1,15 @@
+// In place of what needs libnats, where the program is built without it.
+
+#include <stdexcept>
+
+#include "JetStreamOptions.h"
+
+namespace zmqwriter {
+
+std::unique_ptr<EventSink> make_jetstream_sink(const JetStreamOptions&, CollectStats*) {
+  throw std::runtime_error(
+      "this zmqwriter was built without NATS; install libnats-dev (Debian, Ubuntu) or cnats "
+      "(Homebrew) and build it again");
+}
+
+}  // namespace zmqwriter
