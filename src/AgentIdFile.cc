@@ -1,10 +1,8 @@
 #include "AgentIdFile.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "Paths.h"
 #include "Reports.h"
@@ -17,7 +15,6 @@ namespace {
 
 const std::size_t kMaxPathLength = 1024;
 const mode_t kFolderMode = 0770;
-const mode_t kFileMode = 0600;
 
 std::string generate() {
   Bro::UID uid;
@@ -26,12 +23,11 @@ std::string generate() {
 }
 
 bool store(const char* path, const std::string& agent_id) {
-  const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode);
-  if (file < 0)
+  FILE* file = fopen(path, "wb");
+  if (!file)
     return false;
-  const bool written =
-      write(file, agent_id.data(), agent_id.size()) == static_cast<ssize_t>(agent_id.size());
-  return close(file) == 0 && written;
+  const bool written = fwrite(agent_id.data(), 1, agent_id.size(), file) == agent_id.size();
+  return fclose(file) == 0 && written;
 }
 
 }  // namespace
