@@ -46,6 +46,7 @@ def status(*agents, **changes):
         "version": "0.1.0", "started": NOW - 90000, "now": NOW, "endpoints": ["tcp://0.0.0.0:5555"],
         "output": {"path": "/var/spool/zmqwriter/events.json", "format": "json", "stalled": False,
                    "bytes": 123456789012, "files_finished": 41, "disk_free": 2.5e12},
+        "stream": None,
         "memory": {"used": 51000000, "limit": 1 << 30, "connections_ended": 0},
         "totals": {"events": 41234567, "bytes": 9876543210, "events_per_s": 477.25,
                    "bytes_per_s": 114312.4},
@@ -64,14 +65,23 @@ def status(*agents, **changes):
     return value
 
 
+def stream(**changes):
+    """What a collector says of a stream that takes events."""
+    return {"trouble": None, "acknowledged": 41234567, "stored_before": 2, "repeated": 71, "too_large": 0,
+            "window": {"events": 12, "bytes": 4800}, "oldest_s": 0.2, "stalled_s": 3.5,
+            "reconnections": 1, "servers": [{"url": "nats://10.1.1.%d:4222" % at, "connected": at == 2}
+                                            for at in (1, 2, 3)], **changes}
+
+
 NOBODY = status()
 THREE = status(agent("sensor-10"), agent("sensor-7", age=200), agent("sensor-2", events=12),
                bad_messages__empty=3, connections__failed_handshakes__other_key=16)
 THOUSAND = status(*[agent("sensor-%d" % at, age=4 if at % 40 else 181 + 60 * at, events=at * 977)
                     for at in range(1000 - len(HOSTILE))], *[agent(name) for name in HOSTILE],
                   other_agents__events=123)
+STREAMS = status(agent("sensor-1"), output=None, stream=stream())
 ALL_WRONG = status(agent("a", age=400000), output__stalled=True, output__disk_free=5e8,
-                   memory__connections_ended=1,
+                   memory__connections_ended=1, stream=stream(trouble="no_quorum", too_large=1),
                    bad_messages__multi_part=1, connections__failed_handshakes={
                        "other_key": 1, "no_curve": 2, "protocol": 3, "timed_out": 4})
 
@@ -159,9 +169,11 @@ class PageTest(CliTest):
                 (status(agent("a", age=180.6)), "Needs a look: 1 of 1 agents is silent."),
                 (status(*fine, output__path=None, output__disk_free=None),
                  "All is well: all 2 agents are sending."),
+                (STREAMS, "All is well: the one agent is sending."),
                 (THREE, "Needs a look: 1 of 3 agents is silent; bad messages (empty);"
                         " failed handshakes (other key)."),
-                (ALL_WRONG, "Needs a look: the output takes no events; less than 1 GB is free on the"
+                (ALL_WRONG, "Needs a look: the output takes no events; the stream takes no"
+                            " events (no quorum); events too large for the stream were dropped; less than 1 GB is free on the"
                             " disk of the output; 1 of 1 agents is silent; bad messages (multi part);"
                             " failed handshakes (other key, no curve, protocol, timed out); connections"
                             " were ended that filled the memory.")]:
@@ -170,6 +182,8 @@ class PageTest(CliTest):
             self.assertEqual(self.browser.title.startswith("Needs a look"),
                              wanted.startswith("Needs a look"))
         self.assertIn("stalled", self.text("#output"))
+        self.assertIn("no quorum. Too few servers", self.text("#stream"))
+        self.assertIn("10.1.1.1:4222, 10.1.1.2:4222 (connected)", self.text("#stream"))
         self.assertIn("64 upper-case hexadecimal digits", self.text("#failed"))
         self.assertEqual(self.text("#agents tbody td:nth-child(2)"), "silent for 4 days")
 
@@ -229,7 +243,7 @@ class PageTest(CliTest):
 
     def test_every_text_has_contrast_and_the_page_fits_each_screen(self):
         for name, value in [("0-agents", NOBODY), ("3-agents", THREE), ("1000-agents", THOUSAND),
-                            ("all-wrong", ALL_WRONG)]:
+                            ("stream", STREAMS), ("all-wrong", ALL_WRONG)]:
             for width in (1280, 360):
                 for scheme in ("light", "dark"):
                     with self.subTest(state=name, width=width, scheme=scheme):
