@@ -10,6 +10,7 @@ import unittest
 import urllib.request
 
 from cli_support import CliTest, DEADLINE, SOURCE_DIR, make_event, needs_zmq, read_file, wait_for, write_file
+from nats_support import NatsServer, needs_nats
 
 EXAMPLES = os.path.join(SOURCE_DIR, "setup", "examples")
 ALERTS = os.path.join(EXAMPLES, "alerts.yml")
@@ -19,6 +20,7 @@ NOT_OURS = {"up", "node_textfile_mtime_seconds"}
 COLLECTOR, SPOOL = '{job="zmqwriter",instance="c"}', '{instance="a",folder="/spool"}'
 LABELS = {"process_open_fds": COLLECTOR, "process_max_fds": COLLECTOR, "up": COLLECTOR,
           "zmqwriter_collect_agent_last_event_seconds": '{instance="c",agent="sensor-7"}',
+          "zmqwriter_collect_stream_trouble": '{instance="c",reason="no_quorum"}',
           "zmqwriter_collect_bad_messages_total": '{instance="c",reason="malformed"}',
           "zmqwriter_collect_handshakes_failed_total": '{instance="c",reason="other_key"}',
           "node_textfile_mtime_seconds": '{instance="a",file="/var/lib/x/zmqwriter.prom"}'}
@@ -29,6 +31,7 @@ WELL = {"up": "1x120", "zmqwriter_collect_events_total": "0+60x120",
         "zmqwriter_collect_agent_last_event_seconds": "0+60x120",
         "zmqwriter_collect_output_stalled": "0x120",
         "zmqwriter_collect_output_disk_free_bytes": "1e12-1e7x120",
+        "zmqwriter_collect_stream_trouble": "0x120", "zmqwriter_collect_stream_too_large_total": "2x120",
         "zmqwriter_collect_bad_messages_total": "7x120", EMPTY: "7x120",
         "zmqwriter_collect_handshakes_failed_total": "0+0.1x120",
         "zmqwriter_collect_memory_limit_total": "2x120", "process_open_fds": "500x120", "process_max_fds": "1000x120",
@@ -41,6 +44,8 @@ CAUSES = {"ZmqwriterCollectorDown": {"up": "1x110 0x10"},
           "ZmqwriterAgentSilent": {"zmqwriter_collect_agent_last_event_seconds": "0+60x105 6300x15"},
           "ZmqwriterOutputStalled": {"zmqwriter_collect_output_stalled": "0x110 1x10"},
           "ZmqwriterOutputDiskFills": {"zmqwriter_collect_output_disk_free_bytes": "1e12-2e9x120"},
+          "ZmqwriterStreamTakesNothing": {"zmqwriter_collect_stream_trouble": "0x110 1x10"},
+          "ZmqwriterStreamTooLarge": {"zmqwriter_collect_stream_too_large_total": "2x115 3x5"},
           "ZmqwriterBadMessages": {"zmqwriter_collect_bad_messages_total": "7x115 8x5"},
           "ZmqwriterEmptyMessages": {EMPTY: "7x115 8x5"},
           "ZmqwriterHandshakesFail": {"zmqwriter_collect_handshakes_failed_total": "0+2x120"},
@@ -74,8 +79,12 @@ def promtool(*arguments):
 
 class AlertsTest(CliTest):
     @needs_zmq
+    @needs_nats
     def test_every_metric_named_is_one_that_there_is(self):
-        collector = self.collect("--metrics", "127.0.0.1:0", "--output", "events")
+        server = NatsServer(".").start()
+        self.addCleanup(server.kill)
+        collector = self.collect("--metrics", "127.0.0.1:0", "--output", "events", "--to",
+                                 server.url, "--create-stream")
         self.agent(collector.endpoint).send(make_event())
         wait_for(lambda: os.path.getsize("events"), "the event")
         url = re.search(r"metrics on (\S+)", collector.stderr).group(1)
