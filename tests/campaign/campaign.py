@@ -104,8 +104,8 @@ def identity(line):
 class Server:
     """A collector that can be started again on the same endpoint; each run has its own output."""
 
-    def __init__(self, trial, name, host="127.0.0.1", **options):
-        self.trial, self.name, self.options = trial, name, options
+    def __init__(self, trial, name, host="127.0.0.1", arguments=(), **options):
+        self.trial, self.name, self.arguments, self.options = trial, name, arguments, options
         self.endpoint = f"tcp://{host}:*"
         self.runs = self.messages = 0
         self.start()
@@ -115,7 +115,8 @@ class Server:
         path, bound = f"{self.trial.folder}/{self.name}.{self.runs}", None
         while not bound:  # another process may have been given the port meanwhile
             self.process = self.trial.start("collect", "--bind", self.endpoint, "--secret-key",
-                                            "server.secret", "--output", path, **self.options)
+                                            "server.secret", "--output", path, *self.arguments,
+                                            **self.options)
             cli.wait_for(lambda: "listening on" in self.process.stderr
                          or self.process.popen.poll() is not None, "the collector")
             bound = re.search(r"listening on (\S+)\n", self.process.stderr)
