@@ -55,9 +55,9 @@ def write_file(name, content):
 class Process:
     """A running zmqwriter; its output is collected on the side, so that it never blocks."""
 
-    def __init__(self, arguments, stdout=subprocess.PIPE, **options):
-        self.popen = subprocess.Popen([ZMQWRITER] + arguments, stdout=stdout,
-                                      stderr=subprocess.PIPE, **options)
+    def __init__(self, arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options):
+        self.popen = subprocess.Popen([ZMQWRITER] + arguments, stdout=stdout, stderr=stderr,
+                                      **options)
         self.out, self.err = bytearray(), bytearray()
         self.readers = [threading.Thread(target=self._read, args=pair, daemon=True)
                         for pair in ((self.popen.stdout, self.out), (self.popen.stderr, self.err))

@@ -6,6 +6,7 @@ import fcntl
 import glob
 import json
 import os
+import pty
 import random
 import re
 import resource
@@ -14,14 +15,15 @@ import signal
 import socket
 import struct
 import subprocess
+import termios
 import threading
 import time
 import unittest
 import urllib.request
 
 import curve_client
-from cli_support import (CliTest, DEADLINE, PLUGIN, ZMQWRITER, framed, make_event, needs_zmq, read_file,
-                         totals, wait_for, write_file, zmq)
+from cli_support import (CliTest, DEADLINE, PLUGIN, Process, ZMQWRITER, framed, make_event, needs_zmq,
+                         read_file, totals, wait_for, write_file, zmq)
 
 
 def unframed(content):
@@ -343,6 +345,76 @@ class CollectStatsTest(CliTest):
         wait_for(lambda: " 1 events" in collector.stderr, "the event's report")
         reports = collector.stderr.count("[stats]")
         wait_for(lambda: collector.stderr.count("[stats]") > reports + 3, "further reports")
+
+    def on_terminal(self, terminal, output, rows=8, columns=70):
+        """A collector whose standard output and error are a terminal, and what it has written."""
+        self.keygen()
+        main, side = pty.openpty()
+        fcntl.ioctl(side, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        collector = self.start(
+            "collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "server.secret", "--stats",
+            "0.05", *output, stdout=side, stderr=side, env={**os.environ, "TERM": terminal})
+        os.close(side)
+        written = bytearray()
+        reader = os.fdopen(main, "rb", 0)
+        self.addCleanup(reader.close)
+        threading.Thread(target=Process._read, args=(reader, written), daemon=True).start()
+        collector.endpoint = wait_for(lambda: re.search(rb"listening on (\S+)\r\n", written),
+                                      "the endpoint").group(1).decode()
+        return collector, written
+
+    @staticmethod
+    def screen(written, rows=8):
+        """The lines that a terminal shows after this, and those above that have left it."""
+        lines, at, column = [""], 0, 0
+        for text in re.findall(r"\x1b\[[?\d]*[A-Za-z]|[^\x1b]", written.decode()):
+            if text == "\x1b[J":
+                lines[at:] = [lines[at][:column]]
+            elif text[0] == "\x1b" and text[-1] == "A":
+                up = int(text[2:-1])
+                assert up < rows, "the table is higher than the terminal"
+                at -= up
+            elif text == "\r":
+                column = 0
+            elif text == "\n":
+                at += 1
+                lines += [""] * (at + 1 - len(lines))
+            elif text[0] != "\x1b":
+                lines[at] = lines[at][:column].ljust(column) + text + lines[at][column + 1:]
+                column += 1
+        return lines
+
+    def test_table_on_a_terminal_is_drawn_in_place_below_other_messages(self):
+        collector, written = self.on_terminal("xterm", ["--output", "events"])
+        agent = self.agent(collector.endpoint)
+        for number in range(20):
+            agent.send(make_event(agent=b"agent-%d-" % number + b"x" * 60))
+        wait_for(lambda: b"all: 20 agents, 0 bad" in written, "the agents")
+        agent.send(b"no event")
+        wait_for(lambda: b"all: 20 agents, 1 bad" in written, "the bad message")
+        drawn = written.count(b"events/s")
+        wait_for(lambda: written.count(b"events/s") > drawn + 3, "further tables")
+        collector.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(collector.wait(), 0)
+        wait_for(lambda: b"multi-part messages: 0" in written, "the totals")
+        lines = self.screen(written)
+        self.assertNotIn("[stats]", "\n".join(lines))
+        table = lines.index("    events/s       bytes/s         events  agent")
+        self.assertIn("message 21 from 127.0.0.1 skipped: ", lines[table - 2])
+        self.assertEqual(lines[table - 1], "")
+        self.assertEqual(lines[table + 5], "and 17 agents more")
+        self.assertEqual(lines[table + 6][:12], "events: 20 (")
+        self.assertEqual(max(map(len, lines[table:table + 6])), 70)
+        self.assertEqual("\n".join(lines).count("events/s"), 1)
+
+    def test_lines_take_the_place_of_the_table_where_it_cannot_be_drawn(self):
+        for terminal, output in [("dumb", ["--output", "events"]), ("", ["--output", "events"]),
+                                 ("xterm", [])]:
+            with self.subTest(terminal=terminal, output=output):
+                collector, written = self.on_terminal(terminal, output)
+                wait_for(lambda: written.count(b"[stats] ") > 2, "the reports")
+                self.assertNotIn(b"\x1b", written)
+                collector.stop()
 
 
 @needs_zmq

@@ -1,6 +1,7 @@
 // The counts of a collector, their labels, and the reports made of them.
 #include "CollectStats.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -16,6 +17,7 @@
 namespace {
 
 using namespace zmqwriter;
+using testing::ElementsAre;
 namespace schema = Dravenholt;
 
 /// Counts an event of `size` bytes.
@@ -182,6 +184,34 @@ TEST(StatsReportTest, NamesTheTenBusiestAgents) {
   EXPECT_NE(report.find("agent agent-5: 6 events"), std::string::npos);
   EXPECT_EQ(report.find("agent agent-4:"), std::string::npos);
   EXPECT_NE(report.find("[stats]   and 5 agents more\n"), std::string::npos);
+}
+
+TEST(StatsTableTest, ShowsTheBusiestAgentsThatFitTheTerminal) {
+  CollectStats stats;
+  count(&stats, "quiet");
+  const CollectCounts before = stats.Counts();
+  for (int i = 0; i < 4; ++i)
+    count(&stats, "b\xc3\xa4r", 50);
+  count(&stats, "a", 50);
+  stats.CountEmpty();
+  const auto table = [&](std::size_t rows, std::size_t columns) {
+    return stats_table(before, stats.Counts(), 2.0, rows, columns);
+  };
+  const std::vector<std::string> all = {
+      "",
+      "    events/s       bytes/s         events  agent",
+      "         2.5           125              6  all: 3 agents, 1 bad message",
+      "         2.0           100              4  b\xc3\xa4r",
+      "         0.5            25              1  a",
+      "         0.0             0              1  quiet"};
+  EXPECT_EQ(table(6, 80), all);
+  EXPECT_EQ(table(7, 80), all);
+  EXPECT_THAT(table(5, 80), ElementsAre(all[0], all[1], all[2], all[3], "and 2 agents more"));
+  EXPECT_THAT(table(4, 80), ElementsAre(all[0], all[1], all[2], "and 3 agents more"));
+  EXPECT_THAT(table(2, 80), ElementsAre(all[0], all[1]));
+  EXPECT_EQ(table(6, 45)[3], "         2.0           100              4  b\xc3\xa4")
+      << "no half letter";
+  EXPECT_EQ(table(6, 3)[1], "   ");
 }
 
 }  // namespace

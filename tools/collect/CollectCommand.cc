@@ -228,7 +228,8 @@ void add_watching_options(CLI::App* command, CollectOptions* options) {
   command
       ->add_option("--stats", options->stats_s,
                    "Print rates on standard error at this interval (0.01 or more): events and "
-                   "bytes, by payload type and agent, and bad messages")
+                   "bytes, by payload type and agent, and bad messages. On a terminal on which no "
+                   "events are printed, as a table of the agents that is drawn in place")
       ->type_name("SECONDS")
       ->check(positive_number())
       ->check(interval());

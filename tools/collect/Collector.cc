@@ -1,5 +1,7 @@
 #include "Collector.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -105,8 +107,9 @@ Collector::Collector(const CollectOptions& options)
     std::fprintf(stderr, "zmq.public_key = %s\n", to_hex(public_key_of(secret_key_)).c_str());
   for (const std::string& endpoint : bound_)
     std::fprintf(stderr, "listening on %s\n", endpoint.c_str());
+  const bool prints = options.writes && options.output.path.empty() && isatty(STDOUT_FILENO) == 1;
   if (options.stats_s > 0)
-    printer_ = std::make_unique<StatsPrinter>(stats_, options.stats_s);
+    printer_ = std::make_unique<StatsPrinter>(stats_, options.stats_s, !prints);
   zmq_msg_init(&part_);
 }
 

@@ -7,6 +7,9 @@
 // The figures count from the report before, so those of all reports add up to the totals. Types and
 // agents without new events are left out. Of the agents only the busiest kMostAgents are named, and
 // the number of the others is given. A thread of its own reports even while the output blocks.
+//
+// On a terminal a table of all agents, the busiest first, is drawn over the one before. The cursor
+// stays on its first line, which is empty, so that other messages come to stand above the table.
 #pragma once
 
 #include <chrono>
@@ -14,6 +17,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "CollectStats.h"
 
@@ -23,8 +27,8 @@ class StatsPrinter {
  public:
   static constexpr std::size_t kMostAgents = 10;
 
-  /// `stats` must outlive this.
-  StatsPrinter(const CollectStats& stats, double interval_s);
+  /// `stats` must outlive this. `draws`: draw the table if standard error is a terminal that can.
+  StatsPrinter(const CollectStats& stats, double interval_s, bool draws);
   /// Calls Finish.
   ~StatsPrinter();
   StatsPrinter(const StatsPrinter&) = delete;
@@ -37,10 +41,11 @@ class StatsPrinter {
   using Clock = std::chrono::steady_clock;
 
   void Run();
-  void Report();
+  void Report(bool last);
 
   const CollectStats& stats_;
   const std::chrono::duration<double> interval_;
+  const bool draws_;
   CollectCounts reported_;         // the thread's; the caller's once it has ended
   Clock::time_point reported_at_;  // as reported_
   std::mutex mutex_;
@@ -51,5 +56,9 @@ class StatsPrinter {
 
 /// The text of a report: what was counted between the two, in so many seconds.
 std::string stats_report(const CollectCounts& before, const CollectCounts& after, double seconds);
+
+/// The lines of the table, at most `rows` of at most `columns` characters.
+std::vector<std::string> stats_table(const CollectCounts& before, const CollectCounts& after,
+                                     double seconds, std::size_t rows, std::size_t columns);
 
 }  // namespace zmqwriter

@@ -3,11 +3,18 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace zmqwriter {
 
+bool can_overwrite_lines() {
+  const char* const kind = std::getenv("TERM");
+  return isatty(STDERR_FILENO) == 1 && kind && *kind && std::strcmp(kind, "dumb") != 0;
+}
+
 ProgressLine::ProgressLine()
-    : on_terminal_(isatty(STDERR_FILENO) == 1),
+    : on_terminal_(can_overwrite_lines()),
       next_(std::chrono::steady_clock::now() + std::chrono::seconds(2)) {}
 
 ProgressLine::~ProgressLine() {

@@ -1,11 +1,14 @@
-// A line on standard error with the progress of a job. It is printed only on a terminal, and only
-// when the job takes more than two seconds. One thread.
+// A line on standard error with the progress of a job. It is printed only on a terminal that can
+// overwrite it, and only when the job takes more than two seconds. One thread.
 #pragma once
 
 #include <chrono>
 #include <string>
 
 namespace zmqwriter {
+
+/// Whether standard error is a terminal that can overwrite a line; TERM=dumb says that it cannot.
+bool can_overwrite_lines();
 
 class ProgressLine {
  public:
