@@ -2,9 +2,10 @@
 # pages and shell completions, and the plug-in that `zmqwriter replay` and `check` load. No host can
 # load it, so it lies where hosts do not look for plug-ins; ./configure builds the one for a host.
 
-install(TARGETS zmqwriter_program RUNTIME DESTINATION bin)
+install(TARGETS zmqwriter_program RUNTIME DESTINATION bin COMPONENT server)
 install(DIRECTORY ${CMAKE_BINARY_DIR}/plugin/
-        DESTINATION lib/zmqwriter/plugin USE_SOURCE_PERMISSIONS)
+        DESTINATION lib/zmqwriter/plugin COMPONENT replay USE_SOURCE_PERMISSIONS)
 include(ManualPages)
 include(ShellCompletion)
 include(InstallFolders)
+include(Packages)

@@ -21,4 +21,5 @@ add_custom_command(
   COMMENT "Generating the manual pages"
   VERBATIM)
 add_custom_target(manual_pages ALL DEPENDS ${manual_folder}/zmqwriter.1)
-install(DIRECTORY ${manual_folder}/ DESTINATION share/man/man1 FILES_MATCHING PATTERN "*.1")
+install(DIRECTORY ${manual_folder}/ DESTINATION share/man/man1 COMPONENT server
+        FILES_MATCHING PATTERN "*.1")
