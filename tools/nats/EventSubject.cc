@@ -1,5 +1,7 @@
 #include "EventSubject.h"
 
+#include <algorithm>
+
 #include "EventJson.h"
 #include "Text.h"
 
@@ -19,8 +21,11 @@ std::string agent_token(std::string_view agent) {
     return "_";
   if (agent == "_")
     return "%5F";
+  agent = agent.substr(0, kLongestAgentToken);
+  if (std::all_of(agent.begin(), agent.end(), is_plain))
+    return std::string(agent);
   std::string token;
-  for (const char c : agent.substr(0, kLongestAgentToken)) {
+  for (const char c : agent) {
     if (is_plain(c)) {
       token += c;
       continue;
@@ -31,7 +36,10 @@ std::string agent_token(std::string_view agent) {
 }
 
 std::string event_subject(const std::string& prefix, const EventMessage& event) {
-  return prefix + '.' + event.PayloadType() + '.' + agent_token(event.AgentId());
+  std::string subject;
+  subject.reserve(128);
+  subject.append(prefix).append(1, '.').append(event.PayloadType());
+  return subject.append(1, '.').append(agent_token(event.AgentId()));
 }
 
 }  // namespace zmqwriter

@@ -26,9 +26,12 @@ constexpr int kAnswerMs = 5000;
 constexpr auto kShortestPause = std::chrono::milliseconds(100);
 constexpr auto kLongestPause = std::chrono::milliseconds(5000);
 constexpr auto kLook = std::chrono::milliseconds(50);
+constexpr auto kFlushEvery = std::chrono::milliseconds(5);
 constexpr auto kFiguresEvery = std::chrono::milliseconds(200);
 // Once the window is full, events are received again when this share of it is in use.
 constexpr double kRoomAgain = 0.875;
+// Memory of larger events is given back.
+constexpr std::size_t kLargestKept = 4096;
 // Events too large beyond these are counted only.
 constexpr std::uint64_t kReportedTooLarge = 10;
 
@@ -42,12 +45,6 @@ std::string new_run() {
   std::snprintf(text, sizeof text, "%011" PRIx64 "%05x", static_cast<std::uint64_t>(ms),
                 std::random_device()() & 0xfffff);
   return text;
-}
-
-std::string event_id(const std::string& run, std::uint64_t number) {
-  char digits[17];
-  std::snprintf(digits, sizeof digits, "%016" PRIx64, number);
-  return run + '-' + digits;
 }
 
 double seconds(std::chrono::steady_clock::duration time) {
@@ -122,7 +119,11 @@ void JetStreamSink::Begin() {
 }
 
 void JetStreamSink::Write(const EventMessage& event, std::string_view raw) {
-  Hold(event_id(run_, count_++), event, raw, false);
+  id_.assign(run_).append(1, '-').append(16, '0');
+  std::uint64_t left = count_++;
+  for (std::size_t at = id_.size(); left > 0; left >>= 4)
+    id_[--at] = "0123456789abcdef"[left & 15];
+  Hold(id_, event, raw, false);
 }
 
 void JetStreamSink::Hold(const std::string& id, const EventMessage& event, std::string_view raw,
@@ -132,13 +133,31 @@ void JetStreamSink::Hold(const std::string& id, const EventMessage& event, std::
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     waits = problem_now_ || !engine_;
-    window_.emplace(id, Held{std::string(raw), Clock::now(), former, waits, !waits});
+    AddHeld(id, raw, former, waits);
     window_bytes_ += raw.size();
     waiting_ += waits;
     former_left_ += former;
   }
   if (!waits)
     Publish(id, event, raw);
+}
+
+/// In the place of a finished event, if there is one. `mutex_` is held.
+void JetStreamSink::AddHeld(const std::string& id, std::string_view raw, bool former, bool waits) {
+  if (finished_.empty()) {
+    window_.emplace(id, Held{std::string(raw), Clock::now(), former, waits, !waits});
+    return;
+  }
+  Window::node_type place = std::move(finished_.back());
+  finished_.pop_back();
+  Held& held = place.mapped();
+  place.key() = id;
+  held.raw = raw;
+  held.since = Clock::now();
+  held.former = former;
+  held.waiting = waits;
+  held.published = !waits;
+  window_.insert(window_.end(), std::move(place));
 }
 
 /// Whether no more than this share of the window is in use. `mutex_` is held.
@@ -231,7 +250,9 @@ void JetStreamSink::Remove(Window::iterator held) {
   SetWaiting(&held->second, false);
   window_bytes_ -= held->second.raw.size();
   former_left_ -= held->second.former;
-  window_.erase(held);
+  Window::node_type place = window_.extract(held);
+  if (place.mapped().raw.capacity() <= kLargestKept)
+    finished_.push_back(std::move(place));
 }
 
 void JetStreamSink::NoteProblem(const std::string& id, const StreamProblem& problem) {
@@ -265,6 +286,15 @@ void JetStreamSink::OnAnswer(jsCtx*, natsMsg* message, jsPubAck* good, jsPubAckE
   sink->figures_.stored_before += good->Duplicate;
   if (sink->window_.empty() || sink->IsBelow(kRoomAgain))
     sink->answered_.notify_one();
+}
+
+/// A collector that is faster than its agents flushes after each event.
+void JetStreamSink::Flush() {
+  const auto now = Clock::now();
+  if (now < next_flush_)
+    return;
+  next_flush_ = now + kFlushEvery;
+  Attend();
 }
 
 void JetStreamSink::Attend() {

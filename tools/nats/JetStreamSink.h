@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "CollectStats.h"
 #include "EventSink.h"
@@ -35,7 +36,7 @@ class JetStreamSink : public EventSink {
   void Begin() override;
   /// An event that is larger than the engine takes is reported, counted and dropped.
   void Write(const EventMessage& event, std::string_view raw) override;
-  void Flush() override { Attend(); }
+  void Flush() override;
   /// Waits for acknowledgements, at most drain_s since the request to stop. What is left then goes
   /// to the file of unsent events.
   void Finish() override;
@@ -60,6 +61,7 @@ class JetStreamSink : public EventSink {
   void Connect();
   void FindStream();
   void Hold(const std::string& id, const EventMessage& event, std::string_view raw, bool former);
+  void AddHeld(const std::string& id, std::string_view raw, bool former, bool waits);
   void AwaitRoom();
   bool IsBelow(double share) const;
   Clock::duration drain() const;
@@ -79,6 +81,7 @@ class JetStreamSink : public EventSink {
   const JetStreamOptions options_;
   CollectStats* const stats_;
   const std::string run_;
+  std::string id_;  // of the last event
   std::uint64_t count_ = 0;
   std::size_t largest_ = 0;  // payload that the engine takes
 
@@ -86,6 +89,7 @@ class JetStreamSink : public EventSink {
   std::condition_variable answered_;
   // Guarded by mutex_.
   Window window_;
+  std::vector<Window::node_type> finished_;  // for the next events, so that none takes new memory
   std::size_t window_bytes_ = 0;
   std::size_t waiting_ = 0;  // of the window
   std::size_t former_left_ = 0;
@@ -101,6 +105,7 @@ class JetStreamSink : public EventSink {
   std::uint64_t reconnections_ = 0;
   std::optional<Clock::time_point> give_up_at_;
   Clock::time_point next_figures_;
+  Clock::time_point next_flush_;
   // Last, since its threads use what is above.
   NatsLibrary library_;
   std::unique_ptr<NatsConnection> engine_;
