@@ -54,7 +54,8 @@ def status(*agents, **changes):
                   {"name": "SystemStatsData", "events": 12, "bytes": 2400}],
         "bad_messages": {"empty": 0, "malformed": 0, "multi_part": 0},
         "connections": {"open": len(agents), "failed_handshakes": {
-            "other_key": 0, "no_curve": 0, "protocol": 0, "timed_out": 0}},
+            "other_key": 0, "no_curve": 0, "protocol": 0, "timed_out": 0,
+            "too_many": 0}},
         "agents": list(agents), "other_agents": {"events": 0, "bytes": 0}}
     for path, new in changes.items():
         *above, last = path.split("__")
@@ -83,7 +84,8 @@ STREAMS = status(agent("sensor-1"), output=None, stream=stream())
 ALL_WRONG = status(agent("a", age=400000), output__stalled=True, output__disk_free=5e8,
                    memory__connections_ended=1, stream=stream(trouble="no_quorum", too_large=1),
                    bad_messages__multi_part=1, connections__failed_handshakes={
-                       "other_key": 1, "no_curve": 2, "protocol": 3, "timed_out": 4})
+                       "other_key": 1, "no_curve": 2, "protocol": 3, "timed_out": 4,
+                       "too_many": 5})
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -175,8 +177,8 @@ class PageTest(CliTest):
                 (ALL_WRONG, "Needs a look: the output takes no events; the stream takes no"
                             " events (no quorum); events too large for the stream were dropped; less than 1 GB is free on the"
                             " disk of the output; 1 of 1 agents is silent; bad messages (multi part);"
-                            " failed handshakes (other key, no curve, protocol, timed out); connections"
-                            " were ended that filled the memory.")]:
+                            " failed handshakes (other key, no curve, protocol, timed out, too"
+                            " many); connections were ended that filled the memory.")]:
             self.open(value)
             self.assertEqual(self.verdict(), wanted)
             self.assertEqual(self.browser.title.startswith("Needs a look"),

@@ -448,6 +448,30 @@ class CollectMetricsTest(CliTest):
         with urllib.request.urlopen(collector.url, timeout=DEADLINE) as answer:
             self.assertIn(b"\nprocess_max_fds 300\n", answer.read())
 
+    def test_connections_leave_open_files_for_the_output_and_for_scrapes(self):
+        collector = self.collect_with_metrics(
+            "--output", "events", "--rotate-size", "300",
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (200, 200)))
+        agent, event = self.agent(collector.endpoint), make_event()
+        agent.send(event)
+        wait_for(lambda: self.scrape(collector)['events_total{type="Tn5250Data"}'] == 1, "the event")
+        address = ("127.0.0.1", int(collector.endpoint.split(":")[-1]))
+        idle = [socket.create_connection(address, DEADLINE) for _ in range(250)]
+        for client in idle:
+            self.addCleanup(client.close)
+        refused = 'handshakes_failed_total{reason="too_many"}'
+        wait_for(lambda: self.scrape(collector)[refused] >= 80, "the refusals")
+        for _ in range(5):
+            agent.send(event)
+        wait_for(lambda: self.scrape(collector)["output_files_finished_total"] >= 2, "the rotation")
+        self.assertNotIn("warning", collector.stderr)
+        self.assertIn("refused: there are too many connections", collector.stderr)
+        for client in idle:
+            client.close()
+        another = self.agent(collector.endpoint)
+        another.send(event)
+        wait_for(lambda: self.scrape(collector)['events_total{type="Tn5250Data"}'] == 7, "the events")
+
     def test_scrape_has_the_counts_of_the_moment(self):
         collector = self.collect_with_metrics("--most-agents", "1")
         agent = self.agent(collector.endpoint)

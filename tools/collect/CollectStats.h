@@ -58,8 +58,9 @@ constexpr std::array<const char*, 6> kStreamTroubles = {
     "no_stream", "full", "not_authorised", "no_quorum", "connection_lost", "other"};
 
 /// Why a client's connection was refused.
-enum class Refusal { kOtherKey, kNoCurve, kProtocol, kTimedOut };
-constexpr std::array<const char*, 4> kRefusals = {"other_key", "no_curve", "protocol", "timed_out"};
+enum class Refusal { kOtherKey, kNoCurve, kProtocol, kTimedOut, kTooMany };
+constexpr std::array<const char*, 5> kRefusals = {"other_key", "no_curve", "protocol", "timed_out",
+                                                  "too_many"};
 
 /// Of a JetStreamSink.
 struct StreamFigures {

@@ -26,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "Files.h"
 #include "Metrics.h"
 #include "StopSignals.h"
 
@@ -46,6 +47,15 @@ constexpr unsigned kRareLook = 10;
 // A connection that holds less is not ended. While the output accepts nothing, that of an agent
 // holds PullSocket::kReceiveHighWater events.
 constexpr std::uint64_t kLeastHeld = std::uint64_t{128} << 10;
+
+// Open files that are kept free, of a low limit a quarter: for the output and the clients of the
+// status server.
+constexpr std::uint64_t kSpareFiles = 640;
+
+std::uint64_t highest_descriptor() {
+  const std::uint64_t limit = raise_open_files();
+  return limit - std::min(kSpareFiles, limit / 4);
+}
 
 /// What libzmq has read from the connection. None for other sockets than those of TCP.
 std::optional<std::uint64_t> bytes_read(int descriptor) {
@@ -111,6 +121,8 @@ const char* explanation(Refusal reason) {
       return "it does not use CURVE; agents need zmq.public_key";
     case Refusal::kTimedOut:
       return "it did not finish the handshake in time";
+    case Refusal::kTooMany:
+      return "there are too many connections for the limit of open files";
     case Refusal::kProtocol:
       break;
   }
@@ -125,6 +137,7 @@ ConnectionMonitor::ConnectionMonitor(const ZmqContext& context, PullSocket* sock
       stats_(stats),
       quiet_(quiet),
       max_memory_(max_memory),
+      highest_(highest_descriptor()),
       events_(context, ZMQ_PAIR) {
   // Without a limit, because libzmq would wait for room, and with it all connections.
   const int unlimited = 0;
@@ -178,8 +191,11 @@ void ConnectionMonitor::Note(std::uint16_t event, std::uint32_t value) {
   const auto known = connections_.find(value);
   switch (event) {
     case ZMQ_EVENT_ACCEPTED:
-      connections_[value] = {peer_name(static_cast<int>(value)), ++accepted_, false, 0, false};
-      if (memory_full_)
+      connections_[value] = {peer_name(static_cast<int>(value)), ++accepted_, false, 0,
+                             value > highest_ ? Ended::kTooMany : Ended::kNot};
+      if (value > highest_)
+        shutdown(static_cast<int>(value), SHUT_RDWR);
+      else if (memory_full_)
         EndForMemory(static_cast<int>(value), &connections_[value]);
       break;
     case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
@@ -204,7 +220,7 @@ void ConnectionMonitor::Note(std::uint16_t event, std::uint32_t value) {
 ConnectionMonitor::Connections::iterator ConnectionMonitor::NewestUnknown() {
   auto newest = connections_.end();
   for (auto at = connections_.begin(); at != connections_.end(); ++at)
-    if (!at->second.connected &&
+    if (!at->second.connected && at->second.ended == Ended::kNot &&
         (newest == connections_.end() || at->second.number > newest->second.number))
       newest = at;
   return newest;
@@ -223,8 +239,8 @@ void ConnectionMonitor::End(Connections::iterator connection) {
     stats_->NoteConnections(--connected_);
     return;
   }
-  if (!ended.ended)
-    Report(ended, refusal(failure_));
+  if (ended.ended != Ended::kMemory)
+    Report(ended, ended.ended == Ended::kTooMany ? Refusal::kTooMany : refusal(failure_));
 }
 
 void ConnectionMonitor::LookAtMemory() {
@@ -248,7 +264,7 @@ void ConnectionMonitor::LookAtMemory() {
   for (auto& [descriptor, connection] : connections_) {
     const int number = static_cast<int>(descriptor);
     const std::uint64_t held = Held(number, &connection, spoke.count(number) > 0);
-    if (held >= kLeastHeld && !connection.ended)
+    if (held >= kLeastHeld && connection.ended == Ended::kNot)
       holders.emplace_back(held, descriptor);
   }
   if (!memory_full_)
@@ -283,7 +299,7 @@ void ConnectionMonitor::EndForMemory(int descriptor, Connection* connection) {
   if (peer_name(descriptor) != connection->peer)
     return;  // libzmq has closed it already
   shutdown(descriptor, SHUT_RDWR);
-  connection->ended = true;
+  connection->ended = Ended::kMemory;
   stats_->CountMemoryLimit();
   if (++ended_ <= kReported && !quiet_)
     std::fprintf(stderr, "connection from %s ended: more than --max-memory is in use%s\n",

@@ -5,7 +5,9 @@
 // has come, however many they are. So when the process uses max_memory, the connections that have
 // received most since their last message was taken are ended, until half of it is free; what they
 // hold is freed, and a message that was received whole is kept. New connections are ended at once
-// while that is not enough. A thread of its own does this even while the output blocks.
+// while that is not enough. New connections that take the last open files are ended too, because
+// the output and the status server need some, and libzmq's thread would not rest without any. A
+// thread of its own does this even while the output blocks.
 //
 // libzmq does not say which connection has finished its handshake. The newest one whose outcome is
 // not known is taken for it; so the counts are right, and the address in a report may be that of
@@ -41,12 +43,13 @@ class ConnectionMonitor {
   void NoteMessage(int descriptor);
 
  private:
+  enum class Ended { kNot, kMemory, kTooMany };
   struct Connection {
     std::string peer;
     std::uint64_t number;  // counted from the first
     bool connected;        // as far as is known
     std::uint64_t taken;   // bytes received before its last message was taken
-    bool ended;            // because of the memory
+    Ended ended;           // by this class
   };
   using Connections = std::map<std::int64_t, Connection>;  // by descriptor
 
@@ -63,6 +66,7 @@ class ConnectionMonitor {
   CollectStats* const stats_;
   const bool quiet_;
   const std::uint64_t max_memory_;
+  const std::uint64_t highest_;  // descriptor that a connection may have
   std::mutex mutex_;
   std::set<int> spoke_;  // guarded by mutex_: descriptors of messages that were taken
   ZmqSocket events_;
