@@ -74,7 +74,8 @@ void add_decode_command(CLI::App& app, int* exit_code) {
   command->footer(
       "A file holds messages as 'collect --format raw' writes them, each after its length\n"
       "as a 32-bit little-endian number, or one message and nothing else. A message that is\n"
-      "not an event is reported with file and offset; the others are decoded.");
+      "not an event is reported with file and offset; the others are decoded. A length of\n"
+      "more than 64 MiB ends the file.");
   const auto files = std::make_shared<std::vector<std::string>>();
   command
       ->add_option("FILE", *files, "Files of raw messages; standard input without any, and for -")

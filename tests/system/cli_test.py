@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import resource
 import shutil
 import signal
 import stat
@@ -404,7 +405,11 @@ class DecodeTest(CliTest):
     def test_length_of_four_gigabytes_is_no_reason_to_claim_them(self):
         result = self.decode(b"\xff\xff\xff\xff" + b"x" * 100)
         self.assertEqual(result.returncode, 1)
-        self.assertIn("a message of 4294967295 bytes is announced, 100 are left", result.stderr)
+        self.assertIn("a message of 4294967295 bytes is announced; none has more", result.stderr)
+        result = subprocess.run(["sh", "-c", "(printf '\\377\\377\\377\\077'; yes) | exec %s decode" %
+                                 ZMQWRITER], capture_output=True, text=True, timeout=DEADLINE)
+        self.assertIn("a message of 1073741823 bytes is announced; none has more", result.stderr)
+        self.assertLess(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, 600000)
 
     def test_strict_readers_of_json_take_what_is_no_utf_8(self):
         self.assertNotEqual(self.run_tool("decode", "--json-bytes", "utf8").returncode, 0)

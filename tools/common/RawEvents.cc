@@ -48,7 +48,8 @@ void RawEventReader::Fill(std::size_t size) {
 
 bool RawEventReader::IsSingleEvent() {
   const std::size_t length = read_length(buffer_);
-  Fill(kLengthBytes + length);
+  if (length <= kLargestEvent)
+    Fill(kLengthBytes + length);
   if (buffer_.size() == kLengthBytes + length && is_event(&buffer_[kLengthBytes], length))
     return false;
   Fill(kLargestEvent);  // a file of one bare event is read as a whole
@@ -71,6 +72,9 @@ bool RawEventReader::Next(std::string* message) {
     return Take(buffer_.size(), message);
 
   const std::size_t length = read_length(buffer_);
+  if (length > kLargestEvent)
+    return Fail("a message of " + std::to_string(length) +
+                " bytes is announced; none has more than " + std::to_string(kLargestEvent));
   Fill(kLengthBytes + length);
   if (buffer_.size() < kLengthBytes + length)
     return Fail("truncated: a message of " + std::to_string(length) + " bytes is announced, " +

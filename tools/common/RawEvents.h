@@ -12,7 +12,7 @@
 
 namespace zmqwriter {
 
-/// A longer file is not read as a single message. No event is nearly as long.
+/// A longer message is not read, nor a longer file as a single one. No event is nearly as long.
 constexpr std::size_t kLargestEvent = std::size_t{64} << 20;
 
 /// Appends one message with its length before it.
