@@ -249,6 +249,7 @@ class CollectUsageTest(CliTest):
                 (["--output", ""], "the name is empty"),
                 (["--allow", ""], "the name is empty"),
                 (["--rotate-size", "10"], "--output"),
+                (["--output", "-", "--rotate-size", "10"], "standard output takes neither"),
                 (["--output", "o", "--rotate-keep", "2"], "--rotate-size"),
                 (["--output", "o", "--rotate-size", "0"], "positive number"),
                 (["--output", "o", "--rotate-size", "-1"], "'-1' must be a positive number"),

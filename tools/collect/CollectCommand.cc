@@ -201,7 +201,8 @@ CLI::Option* add_output_options(CLI::App* command, FileSinkOptions* options) {
   add_json_bytes_option(command, &options->json_bytes);
   CLI::Option* const output =
       command
-          ->add_option("--output", options->path, "Write to this file instead of standard output")
+          ->add_option("--output", options->path,
+                       "Write to this file instead of standard output, which - names too")
           ->type_name("FILE")
           ->check(not_empty());
   CLI::Option* const rotate_size =
@@ -278,6 +279,12 @@ void add_collect_command(CLI::App& app, int* exit_code) {
   add_watching_options(command, options.get());
   const CLI::Option* const format = command->get_option("--format");
   command->callback([=] {
+    if (options->output.path == "-") {
+      if (options->output.rotate_size > 0 || options->output.exit_on_full)
+        throw CLI::ValidationError(
+            "--output", "standard output takes neither --rotate-size nor --exit-on-full");
+      options->output.path.clear();
+    }
     if (!to->empty()) {
       options->writes = !output->empty();
       stream->json = !format->empty() && options->output.format == "json";
