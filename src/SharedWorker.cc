@@ -30,6 +30,7 @@ std::uint64_t past_failed = 0;
 std::uint64_t past_cut = 0;
 std::uint64_t past_delivered = 0;
 std::int64_t past_stored = 0;
+std::uint64_t past_written = 0;
 
 /// Whether writes reach the worker. Cleared before `use` is taken for writing: where the lock
 /// prefers readers, a stream of writes could keep the writer out.
@@ -95,6 +96,7 @@ void end() {
   past_cut += last.cut;
   past_delivered += last.delivered;
   past_stored += last.stored;
+  past_written += last.written;
   delete worker;
   worker = nullptr;
 }
@@ -118,4 +120,5 @@ extern "C" void dravenholt_zmqwriter_status(DravenholtZmqWriterStatus* status) {
   status->cut += past_cut;
   status->delivered += past_delivered;
   status->stored += past_stored;
+  status->written += past_written;
 }

@@ -26,6 +26,8 @@ struct DravenholtZmqWriterStatus {
   /// Records given to the spool less those that came back from it, of this process, all workers
   /// together.
   int64_t stored;
+  /// Records that the writers have given to a worker, of this process, all workers together.
+  uint64_t written;
 };
 
 /// Fills `status`. Any thread; never blocks for longer than the queue's lock is held.

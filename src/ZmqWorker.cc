@@ -178,6 +178,7 @@ void ZmqWorker::Write(unsigned long size, const void* data) {
     memcpy(body, data, size);
   {
     MutexLock lock(&mutex);
+    ++written_count;
     if (queue.size() < kQueueBound) {
       if (record)
         queue.push(record);
@@ -280,6 +281,7 @@ void ZmqWorker::FillStatus(DravenholtZmqWriterStatus* status) {
   status->cut = cut_count;
   status->delivered = delivered_count.load(std::memory_order_relaxed);
   status->stored = stored_count;
+  status->written = written_count;
 }
 
 }  // namespace writer

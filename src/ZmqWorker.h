@@ -90,9 +90,9 @@ class ZmqWorker {
   /// state. The text is otherwise taken as it is.
   std::string correct_zmq_uri(std::string uri);
 
-  /// Sets queued, in_work, spooled, running, and sent, failed, cut, delivered and stored as this
-  /// worker's counters stand; leaves the other fields alone. With queued, in_work and spooled all
-  /// zero, everything that was written has been handed over. Any thread.
+  /// Sets queued, in_work, spooled, running, and sent, failed, cut, delivered, stored and written
+  /// as this worker's counters stand; leaves the other fields alone. With queued, in_work and
+  /// spooled all zero, everything that was written has been handed over. Any thread.
   void FillStatus(DravenholtZmqWriterStatus* status);
 
   /// Records that Stop's single attempt could not send, and dropped. A record that the send thread
@@ -139,6 +139,8 @@ class ZmqWorker {
   uint64_t cut_count;
   /// Messages given to the spool less those that came back. Guarded by `mutex`.
   int64_t stored_count;
+  /// Messages given to Write. Guarded by `mutex`.
+  uint64_t written_count;
   /// Secondary sockets that the send loop let go of without closing them. Send thread only, and
   /// Stop once it has joined that.
   std::deque<void*> dropped_sockets;

@@ -3,19 +3,24 @@
 import collections
 import contextlib
 import ctypes
+import datetime
 import glob
+import gzip
 import json
 import os
+import pty
 import re
 import resource
 import shutil
 import signal
 import struct
+import subprocess
 import time
 import unittest
 
-from bro_log import BroLog, expected_event
-from cli_support import (CliTest, PLUGIN, SOURCE_DIR, read_file, totals, wait_for, write_file)
+from bro_log import BroLog, PAYLOADS, expected_event
+from cli_support import (CliTest, PLUGIN, SOURCE_DIR, ZMQWRITER, read_file, totals, wait_for,
+                         write_file)
 
 SAMPLES = os.path.join(SOURCE_DIR, "samples")
 EXTRA_LOGS = os.environ.get("ZMQWRITER_EXTRA_LOGS", "")
@@ -166,6 +171,150 @@ class EndToEndTest(ReplayTestCase):
         self.assertEqual(replay.wait(), 1)
         self.assertIn("read: 1 record from 1 log", replay.stderr)
         self.assert_each_once(collector, 1)
+
+
+def json_value(log, type_, raw, iso):
+    """A column as the host writes it in JSON."""
+    if "[" in type_:
+        parts = [] if raw == log.empty else raw.split(log.set_separator)
+        return [json_value(log, type_[type_.index("[") + 1:-1], part, iso) for part in parts]
+    text = log.text(type_, raw)
+    if type_ == "time" and iso:
+        time_of = datetime.datetime.fromtimestamp(float(text), datetime.timezone.utc)
+        return time_of.strftime("%Y-%m-%dT%H:%M:%S.%fZ")
+    return {"bool": lambda: text == "T", "count": lambda: int(text), "port": lambda: int(text),
+            "int": lambda: int(text), "time": lambda: float(text), "double": lambda: float(text),
+            "interval": lambda: float(text)}.get(type_, lambda: text)()
+
+
+class JsonLogTest(ReplayTestCase):
+    def write_as_json(self, name, file, iso, extra):
+        """Returns the events that are to come; dns has intervals, whose text JSON does not keep."""
+        log = BroLog(read_file(file, "rb"))
+        expected, lines = [], []
+        for record in log.records:
+            objects = {name: json_value(log, *column, iso)
+                       for name, column in log.columns(record).items() if column[1] is not None}
+            try:
+                line = json.dumps({**objects, **extra}, ensure_ascii=False).encode()
+            except UnicodeEncodeError:
+                continue  # no text in JSON
+            if iso and "id.orig_h" in objects:
+                nested = {key[3:]: objects.pop(key) for key in list(objects) if key[:3] == "id."}
+                if log.path in PAYLOADS:  # the order of pairs is that of the fields
+                    line = json.dumps({"id": nested, **objects, **extra}).encode()
+            lines.append(line + b"\n")
+            expected.append(expected_event(log, record, AGENT, minutes_west()))
+        content = b"".join(lines)
+        half = len(content) // 2  # two members, as appending gives
+        write_file(name, gzip.compress(content[:half]) + gzip.compress(content[half:]) if iso
+                   else content)
+        return expected
+
+    def test_json_gives_the_events_that_ascii_gives(self):
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        files = [file for file in glob.glob(SAMPLES + "/*.log") if "dns" not in file]
+        for iso in (False, True):
+            logs, expected = [], []
+            for file in files:
+                path = os.path.basename(file)[:-4]
+                logs.append("%s.%s" % (path, "2024-01-01-00-00-00.log.gz" if iso else "log"))
+                expected += self.write_as_json(logs[-1], file, iso, {})
+            # Of all paths one after the other.
+            expected += self.write_as_json("all.json", SAMPLES + "/http.log", iso,
+                                           {"_path": "http", "user_agent": None})
+            before = len(collector.lines())
+            replay = self.replay(*logs, "all.json")
+            self.assertEqual(replay.status, 0, replay.stderr)
+            events = self.events(collector, before + len(expected))[before:]
+            for event in events + expected:
+                if event["data_type"] == "SystemStatsData":
+                    event["ts"] = None
+            self.assertEqual(sorted(map(canonical, events)), sorted(map(canonical, expected)))
+
+    def test_lines_that_are_no_records_are_named_counted_and_skipped(self):
+        lines = ['{"ts":1.5,"uid":"C0"}', "nonsense", "[1]", '{"ts":"soon"}', '{"id.orig_p":"x"}',
+                 '{"a":' * 20 + "1" + "}" * 20, "{" + ",".join('"%d":1' % n for n in range(2000)) +
+                 "}", "", '{"ts":"2015-06-04T12:00:00+02:00","uid":"C1"}', '{"ts":1.5']
+        write_file("conn.log", "\n".join(lines))
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        replay = self.replay("conn.log")
+        self.assertEqual(replay.status, 1)
+        for number, reason in ((2, "not a JSON object: wrong at byte 2"), (3, "not a JSON object"),
+                               (4, "column 'ts': 'soon' is not a time in the form of ISO 8601"),
+                               (5, "column 'id.orig_p': 'x' is not a valid port"),
+                               (6, "nested in more than 8 levels"), (7, "more than 1000 fields"),
+                               (8, "not a JSON object"), (10, "the last line has no line end")):
+            self.assertIn("conn.log:%d: %s" % (number, reason), replay.stderr)
+        self.assertIn("read: 2 records from 1 log, 8 broken lines skipped\n", replay.stderr)
+        self.assertEqual([(event["uid"], event["ts"]) for event in self.events(collector, 2)],
+                         [("C0", 1.5), ("C1", 1433412000.0)])
+
+
+class StreamTest(ReplayTestCase):
+    def replay_of(self, content, name="-"):
+        collector = self.collect("--output", "-")
+        self.settings_for(collector.endpoint)
+        if name != "-":
+            write_file(name, content)
+        replay = self.start_replay(name, stdin=subprocess.PIPE)
+        with contextlib.suppress(BrokenPipeError):
+            if name == "-":
+                replay.popen.stdin.write(content)
+            replay.popen.stdin.close()
+        return collector, replay.wait(), replay.stderr
+
+    def test_standard_input_is_read_compressed_or_not(self):
+        for content in (log_of(3).encode(), gzip.compress(log_of(3).encode()),
+                        b'{"uid":"C0","_path":"x"}\n{"uid":"C1","_path":"y"}\n{"uid":"C2"}\n'):
+            collector, status, said = self.replay_of(content)
+            count = 2 if content[0] == ord("{") else 3
+            self.assertEqual(status, 3 - count, said)
+            self.assert_each_once(collector, count)
+        self.assertIn("standard input:3: no field _path tells which log it is of\n", said)
+
+    def test_compressed_log_that_is_cut_or_damaged_is_told_and_read_as_far_as_possible(self):
+        content = gzip.compress("".join([log_of(2000)]).encode())
+        for damaged, reason in ((content[:-9], "the compressed data ends early"),
+                                (content + b"x" * 20, "the compressed data is damaged")):
+            _, status, said = self.replay_of(damaged, "a.log")
+            self.assertEqual(status, 1)
+            self.assertIn("a.log: " + reason, said)
+            self.assertIn("2000 records, could not be read to its end", said)
+
+    def test_line_without_end_is_refused_in_little_memory(self):
+        self.settings_for("tcp://127.0.0.1:9")
+        for start, reason in (("", "file without header: the line is longer than 16 MiB"),
+                              ('{"_path":"x"}\n', ":2: the line is longer than 16 MiB")):
+            write_file("start", start)
+            replay = subprocess.run(
+                ["sh", "-c", "(cat start; yes | tr -d '\\n' | head -c 600000000) | exec %s replay "
+                 "--settings settings --drain 1 --plugin %s -" % (ZMQWRITER, PLUGIN)],
+                capture_output=True, text=True, timeout=120)
+            self.assertEqual(replay.returncode, 1)
+            self.assertIn(reason, replay.stderr)
+        self.assertLess(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, 400000)
+
+    def test_progress_is_for_terminals_that_can_overwrite_a_line(self):
+        write_file("a.log", log_of(100))
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        for kind, shown in (("xterm", True), ("dumb", False)):
+            master, slave = pty.openpty()
+            replay = subprocess.Popen(
+                [ZMQWRITER, "replay", "--settings", "settings", "--plugin", PLUGIN, "--rate", "30",
+                 "a.log"], stdout=subprocess.DEVNULL, stderr=slave, env={**os.environ, "TERM": kind})
+            os.close(slave)
+            said = b""
+            with contextlib.suppress(OSError), os.fdopen(master, "rb", 0) as terminal:
+                while data := terminal.read(4096):
+                    said += data
+            self.assertEqual(replay.wait(), 0, said)
+            self.assertEqual(bool(re.search(rb"\r\x1b\[K\d+% read, \d+ sent, \d+/s, \d+ s left ",
+                                            said)), shown, said)
+            self.assertEqual(b"\x1b" in said, shown)
 
 
 class OpenFilesTest(ReplayTestCase):

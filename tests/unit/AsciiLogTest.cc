@@ -16,7 +16,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using zmqwriter::AsciiLog;
-using zmqwriter::AsciiLogError;
+using zmqwriter::LogError;
 using Step = AsciiLog::Step;
 
 const std::string kHeader =
@@ -77,7 +77,7 @@ class AsciiLogTest : public testing::Test {
   static std::string refusal(const std::string& file) {
     try {
       AsciiLog log(file);
-    } catch (const AsciiLogError& error) {
+    } catch (const LogError& error) {
       return error.what();
     }
     return "accepted";
@@ -237,7 +237,7 @@ TEST_F(AsciiLogTest, ColumnsAndPathComeFromTheHeader) {
                                 "#types\ttime\taddr\tset[enum]\tvector[interval]\n");
   AsciiLog log("x.log");
   EXPECT_EQ(log.path(), "test");
-  EXPECT_EQ(log.file(), "x.log");
+  EXPECT_EQ(log.lines().name(), "x.log");
   EXPECT_THAT(log.columns(), ElementsAre(AsciiLog::Column{"ts", TYPE_TIME, TYPE_VOID},
                                          AsciiLog::Column{"id.orig_h", TYPE_ADDR, TYPE_VOID},
                                          AsciiLog::Column{"tags", TYPE_TABLE, TYPE_ENUM},
@@ -412,15 +412,6 @@ TEST_F(AsciiLogTest, IsUnsetTellsUnsetFromEmptyAndFromADash) {
   EXPECT_TRUE(log.IsUnset(0));
   EXPECT_FALSE(log.IsUnset(1));
   EXPECT_FALSE(log.IsUnset(2));
-}
-
-TEST_F(AsciiLogTest, ReadsFromAStreamUnderAGivenName) {
-  std::string content = one_column("count", "1\nx\n");
-  AsciiLog log(fmemopen(content.data(), content.size(), "r"), "stream");
-  EXPECT_EQ(log.Next(), Step::kRecord);
-  EXPECT_EQ(log.Next(), Step::kBroken);
-  EXPECT_EQ(log.problem(), "stream:10: column 'x': 'x' is not a valid count");
-  EXPECT_EQ(log.bytes_read(), content.size());
 }
 
 }  // namespace

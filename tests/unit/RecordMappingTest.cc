@@ -11,8 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "AsciiLog.h"
 #include "LogFeed.h"
 #include "ShowValue.h"
+#include "TempDir.h"
 
 static std::size_t allocations = 0;
 
@@ -37,8 +39,10 @@ using testing::ElementsAre;
 using zmqwriter::AsciiLog;
 
 /// The first record of a log, mapped: one "name:type=value" per field.
-std::vector<std::string> map(std::string content) {
-  AsciiLog log(fmemopen(content.data(), content.size(), "r"), "x.log");
+std::vector<std::string> map(const std::string& content) {
+  const test::TempDir dir;
+  test::write_file("x.log", content);
+  AsciiLog log("x.log");
   const zmqwriter::RecordMapping mapping(log.path(), log.columns());
   EXPECT_EQ(log.Next(), AsciiLog::Step::kRecord);
   const std::vector<threading::Field>& fields =

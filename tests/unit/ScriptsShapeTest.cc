@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "AsciiLog.h"
 #include "RecordMapping.h"
 #include "TempDir.h"
 

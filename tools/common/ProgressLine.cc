@@ -31,6 +31,14 @@ void ProgressLine::Show(const std::string& text) {
   shown_ = true;
 }
 
+double ProgressLine::Rate(double number) {
+  numbers_.emplace_back(std::chrono::steady_clock::now(), number);
+  if (numbers_.size() > 10)
+    numbers_.pop_front();
+  const std::chrono::duration<double> time = numbers_.back().first - numbers_.front().first;
+  return time.count() > 0 ? (number - numbers_.front().second) / time.count() : 0;
+}
+
 void ProgressLine::Clear() {
   if (shown_)
     std::fputs("\r\033[K", stderr);

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <chrono>
+#include <deque>
 #include <string>
+#include <utility>
 
 namespace zmqwriter {
 
@@ -20,6 +22,8 @@ class ProgressLine {
   /// Whether it is time to call Show; cheap.
   bool IsDue() const;
   void Show(const std::string& text);
+  /// How fast a number grows a second since the last calls, for Show. Numbers must not fall.
+  double Rate(double number);
   /// Removes the line, so that something else can be printed.
   void Clear();
 
@@ -27,6 +31,8 @@ class ProgressLine {
   const bool on_terminal_;
   bool shown_ = false;
   std::chrono::steady_clock::time_point next_;
+  // Of the last ten calls of Rate.
+  std::deque<std::pair<std::chrono::steady_clock::time_point, double>> numbers_;
 };
 
 }  // namespace zmqwriter

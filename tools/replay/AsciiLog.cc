@@ -1,73 +1,11 @@
 #include "AsciiLog.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <string.h>
-
-#include <cerrno>
 #include <charconv>
 #include <filesystem>
-#include <limits>
-
-#include "Text.h"
-
-using threading::Value;
 
 namespace zmqwriter {
 
 namespace {
-
-/// A problem of one value. Caught in this file.
-class BadValue : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
-struct NamedType {
-  const char* name;
-  TypeTag tag;
-};
-
-// The atomic types that the host can log.
-constexpr NamedType kAtomicTypes[] = {
-    {"bool", TYPE_BOOL},         {"int", TYPE_INT},       {"count", TYPE_COUNT},
-    {"counter", TYPE_COUNTER},   {"double", TYPE_DOUBLE}, {"time", TYPE_TIME},
-    {"interval", TYPE_INTERVAL}, {"string", TYPE_STRING}, {"enum", TYPE_ENUM},
-    {"port", TYPE_PORT},         {"addr", TYPE_ADDR},     {"subnet", TYPE_SUBNET},
-    {"file", TYPE_FILE},         {"func", TYPE_FUNC},
-};
-
-constexpr NamedType kContainerTypes[] = {{"set", TYPE_TABLE}, {"vector", TYPE_VECTOR}};
-
-template <std::size_t N>
-TypeTag find_type(const NamedType (&types)[N], std::string_view name) {
-  for (const NamedType& type : types) {
-    if (name == type.name)
-      return type.tag;
-  }
-  return TYPE_ERROR;
-}
-
-/// Reads "count", "set[addr]", ...; false for types that no log can hold.
-bool parse_type(std::string_view text, TypeTag* type, TypeTag* subtype) {
-  *subtype = TYPE_VOID;
-  const auto bracket = text.find('[');
-  if (bracket == std::string_view::npos || text.back() != ']') {
-    *type = find_type(kAtomicTypes, text);
-    return *type != TYPE_ERROR;
-  }
-  *type = find_type(kContainerTypes, text.substr(0, bracket));
-  *subtype = find_type(kAtomicTypes, text.substr(bracket + 1, text.size() - bracket - 2));
-  return *type != TYPE_ERROR && *subtype != TYPE_ERROR;
-}
-
-bool is_container(TypeTag type) {
-  return type == TYPE_TABLE || type == TYPE_VECTOR;
-}
-
-bool is_text(TypeTag type) {
-  return type == TYPE_STRING || type == TYPE_ENUM || type == TYPE_FILE || type == TYPE_FUNC;
-}
 
 /// Whether there is \xHH at `i`; sets `byte`.
 bool hex_escape_at(std::string_view text, std::size_t i, char* byte) {
@@ -98,169 +36,27 @@ std::string unescape(std::string_view text, bool in_header) {
   return plain;
 }
 
-/// A value's text for a message: short, and printable on one line.
-std::string in_quotes(std::string_view text) {
-  constexpr std::size_t kLongest = 60;
-  std::string result = "'";
-  for (const char c : text.substr(0, kLongest)) {
-    const auto byte = static_cast<unsigned char>(c);
-    result +=
-        byte < 0x20 || byte >= 0x7f ? "\\x" + hex_digits(&c, 1, kLowerHex) : std::string(1, c);
-  }
-  return result + (text.size() > kLongest ? "...'" : "'");
-}
-
-template <typename Number>
-Number parse_integer(std::string_view text, const char* what) {
-  Number value = 0;
-  const char* const end = text.data() + text.size();
-  const auto parsed = std::from_chars(text.data(), end, value);
-  if (parsed.ec == std::errc::result_out_of_range && parsed.ptr == end)
-    throw BadValue(in_quotes(text) + " is out of range for " + what);
-  if (parsed.ec != std::errc() || parsed.ptr != end)
-    throw BadValue(in_quotes(text) + " is not a valid " + what);
-  return value;
-}
-
-double parse_double(std::string_view text) {
-  // strtod accepts more than a log holds: leading blanks, hexadecimal, "nan(...)". It uses the C
-  // locale, because no program of this project calls setlocale.
-  if (text.empty() || text.find_first_not_of("0123456789+-.eEinfa") != std::string_view::npos)
-    throw BadValue(in_quotes(text) + " is not a number");
-  const std::string terminated(text);
-  char* end = nullptr;
-  errno = 0;
-  const double value = strtod(terminated.c_str(), &end);
-  if (*end != '\0')
-    throw BadValue(in_quotes(text) + " is not a number");
-  // A result that is too small for a double is rounded to 0 or a tiny number, which is fine.
-  if (errno == ERANGE && (value > 1 || value < -1))
-    throw BadValue(in_quotes(text) + " is out of range for a double");
-  return value;
-}
-
-constexpr unsigned char kMappedPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
-
-/// Reads an address of either family as 128 bits, IPv4 mapped into IPv6. Returns the number of
-/// bits before the address's own, 96 or 0, or -1 if it is not an address.
-int parse_address_bits(std::string_view text, unsigned char (&bits)[16]) {
-  const std::string terminated(text);
-  if (terminated.size() != strlen(terminated.c_str()))
-    return -1;
-  if (inet_pton(AF_INET6, terminated.c_str(), bits) == 1)
-    return 0;
-  memcpy(bits, kMappedPrefix, sizeof kMappedPrefix);
-  return inet_pton(AF_INET, terminated.c_str(), bits + 12) == 1 ? 96 : -1;
-}
-
-Value::addr_t to_addr(const unsigned char (&bits)[16]) {
-  Value::addr_t addr;
-  memset(&addr, 0, sizeof addr);
-  if (memcmp(bits, kMappedPrefix, sizeof kMappedPrefix) == 0) {
-    addr.family = IPv4;
-    memcpy(&addr.in.in4, bits + 12, 4);
-  } else {
-    addr.family = IPv6;
-    memcpy(&addr.in.in6, bits, 16);
-  }
-  return addr;
-}
-
-Value::addr_t parse_addr(std::string_view text) {
-  unsigned char bits[16];
-  if (parse_address_bits(text, bits) < 0)
-    throw BadValue(in_quotes(text) + " is not an address");
-  return to_addr(bits);
-}
-
-Value::subnet_t parse_subnet(std::string_view text) {
-  const auto slash = text.find('/');
-  unsigned char bits[16];
-  const int offset =
-      slash == std::string_view::npos ? -1 : parse_address_bits(text.substr(0, slash), bits);
-  if (offset < 0)
-    throw BadValue(in_quotes(text) + " is not a subnet");
-  const auto length = parse_integer<unsigned>(text.substr(slash + 1), "prefix length");
-  if (length > static_cast<unsigned>(128 - offset))
-    throw BadValue(in_quotes(text) + " has a prefix that is longer than the address");
-
-  const unsigned total = length + static_cast<unsigned>(offset);
-  for (unsigned bit = total; bit < 128; ++bit)
-    bits[bit / 8] = static_cast<unsigned char>(bits[bit / 8] & ~(0x80 >> (bit % 8)));
-  Value::subnet_t subnet;
-  memset(&subnet, 0, sizeof subnet);
-  subnet.prefix = to_addr(bits);
-  subnet.length = static_cast<uint8_t>(total);
-  return subnet;
-}
-
-/// Gives `value` a text as the host stores it: enum, file and func texts are terminated.
-void set_text(Value* value, const std::string& text) {
-  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
-    throw BadValue("the text is longer than a value can hold");
-  const bool terminated = value->type != TYPE_STRING;
-  value->val.string_val.data = new char[text.size() + (terminated ? 1 : 0)];
-  value->val.string_val.length = static_cast<int>(text.size());
-  memcpy(value->val.string_val.data, text.data(), text.size());
-  if (terminated)
-    value->val.string_val.data[text.size()] = '\0';
-}
-
-ValuePtr new_value(TypeTag type, bool present = true) {
-  return std::make_unique<Value>(type, present);
-}
-
 std::string default_path(const std::string& file) {
   return std::filesystem::path(file).stem().string();
 }
 
-std::FILE* open_log(const std::string& file) {
-  std::error_code ignored;
-  if (std::filesystem::is_directory(file, ignored))
-    throw AsciiLogError(file + ": this is a folder, not a log");
-  std::FILE* const stream = std::fopen(file.c_str(), "rb");
-  if (!stream)
-    throw AsciiLogError(file + ": cannot be read: " + strerror(errno));
-  return stream;
-}
-
 }  // namespace
 
-AsciiLog::AsciiLog(const std::string& file) : AsciiLog(open_log(file), file) {}
-
-AsciiLog::AsciiLog(std::FILE* stream, const std::string& name)
-    : file_(name), stream_(stream, std::fclose) {
-  ReadFirstHeader();
+AsciiLog::AsciiLog(const std::string& file) : AsciiLog(std::make_unique<LineReader>(file)) {
+  ReadHeader();
 }
 
 void AsciiLog::Refuse(const std::string& reason) const {
-  throw AsciiLogError(file_ + ":" + std::to_string(line_number_) + ": " + reason);
-}
-
-AsciiLog::Step AsciiLog::Broken(const std::string& reason) {
-  problem_ = file_ + ":" + std::to_string(line_number_) + ": " + reason;
-  return Step::kBroken;
+  throw LogError(AtLine(reason));
 }
 
 /// Reads the next line into line_; false at the end of the file.
 bool AsciiLog::ReadLine() {
-  errno = 0;
-  char* buffer = buffer_.release();
-  const ssize_t length = getline(&buffer, &buffer_size_, stream_.get());
-  buffer_.reset(buffer);
-  if (length < 0) {
-    if (std::ferror(stream_.get()))
-      throw AsciiLogError(file_ + ": cannot be read: " + strerror(errno));
+  if (!lines_->Next())
     return false;
-  }
-  ++line_number_;
-  bytes_read_ += static_cast<std::uint64_t>(length);
-  line_ = std::string_view(buffer, static_cast<std::size_t>(length));
-  line_complete_ = line_.back() == '\n';
-  if (line_complete_)
-    line_.remove_suffix(1);
+  line_ = lines_->line();
   // Inside a record a carriage return is always escaped, so this one belongs to the line end.
-  if (line_complete_ && !line_.empty() && line_.back() == '\r')
+  if (lines_->complete() && !line_.empty() && line_.back() == '\r')
     line_.remove_suffix(1);
   return true;
 }
@@ -269,10 +65,27 @@ bool AsciiLog::IsMeta() const {
   return line_.compare(0, header_.prefix.size(), header_.prefix) == 0;
 }
 
-void AsciiLog::ReadFirstHeader() {
+bool AsciiLog::ReadHeader() {
+  if (!begun_ && !ReadFirstLine())
+    return false;
+  ReadMetaLines();
+  if (RestMayFollow())
+    return false;
+  const std::string problem = UseHeader();
+  if (!problem.empty())
+    Refuse("file without a usable header: " + problem);
+  return true;
+}
+
+bool AsciiLog::ReadFirstLine() {
   constexpr std::string_view kFirst = "separator ";
-  if (!ReadLine())
-    throw AsciiLogError(file_ + ": file without header: it is empty");
+  if (!ReadLine()) {
+    if (lines_->growing())
+      return false;
+    throw LogError(lines_->name() + ": file without header: it is empty");
+  }
+  if (lines_->too_long())
+    Refuse("file without header: " + LineProblem());
   // Some editors begin a UTF-8 file with a byte order mark.
   constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
   if (line_.compare(0, kByteOrderMark.size(), kByteOrderMark) == 0)
@@ -284,21 +97,20 @@ void AsciiLog::ReadFirstHeader() {
   else if (IsMeta())
     TakeMetaLine();
   else
-    Refuse("file without header: a log begins with '#separator', '#fields' and '#types' lines");
-
-  ReadMetaLines();
-  const std::string problem = UseHeader();
-  if (!problem.empty())
-    Refuse("file without a usable header: " + problem);
+    Refuse(
+        "file without header: a log begins with '#separator', '#fields' and '#types' lines, or "
+        "with a JSON object");
+  begun_ = true;
+  return true;
 }
 
-/// Takes the meta lines up to the next record, which then waits in line_, or up to the end.
+/// Takes the meta lines up to the next record, which then is put back, or up to the end.
 void AsciiLog::ReadMetaLines() {
-  while (!line_pending_ && ReadLine()) {
+  while (!lines_->pending() && ReadLine()) {
     if (IsMeta())
       TakeMetaLine();
-    else
-      line_pending_ = true;
+    else if (!lines_->skipping())
+      lines_->PutBack();
   }
 }
 
@@ -369,7 +181,7 @@ std::string AsciiLog::UseHeader() {
              ", but the set separator is empty";
     columns.push_back(column);
   }
-  path_ = header_.path.empty() ? default_path(file_) : header_.path;
+  path_ = header_.path.empty() ? default_path(lines_->name()) : header_.path;
   columns_ = columns;
   header_usable_ = true;
   return "";
@@ -379,22 +191,22 @@ AsciiLog::Step AsciiLog::Next() {
   values_.clear();
   tokens_.clear();
   ReadMetaLines();
-  if (header_changed_) {
+  if (header_changed_ && !RestMayFollow()) {
     // The header is complete: a record follows, which waits, or the end of the file.
     const std::string problem = UseHeader();
     return problem.empty() ? Step::kHeader : Broken("unusable header: " + problem);
   }
-  if (!line_pending_)
+  if (!lines_->pending())
     return Step::kEnd;
-  line_pending_ = false;
+  ReadLine();
   return ParseRecord();
 }
 
 AsciiLog::Step AsciiLog::ParseRecord() {
   if (!header_usable_)
     return Broken("no record can be read after an unusable header");
-  if (!line_complete_)
-    return Broken("the last line has no line end, so it may be cut");
+  if (const std::string problem = LineProblem(); !problem.empty())
+    return Broken(problem);
   tokens_ = Split(line_, header_.separator);
   if (tokens_.size() != columns_.size())
     return Broken(std::to_string(tokens_.size()) + " columns instead of " +
@@ -408,10 +220,6 @@ AsciiLog::Step AsciiLog::ParseRecord() {
     }
   }
   return Step::kRecord;
-}
-
-std::vector<ValuePtr> AsciiLog::TakeValues() {
-  return std::move(values_);
 }
 
 std::vector<std::string_view> AsciiLog::Split(std::string_view text,
@@ -465,65 +273,23 @@ std::string AsciiLog::Text(std::size_t column) const {
 
 ValuePtr AsciiLog::ParseValue(std::string_view token, const Column& column) const {
   if (IsUnsetMarker(token))
-    return new_value(column.type, false);
-  if (is_container(column.type))
-    return ParseContainer(token, column);
-  return ParseAtomic(token, column.type);
-}
-
-ValuePtr AsciiLog::ParseContainer(std::string_view token, const Column& column) const {
+    return unset_value(column.type);
+  if (!is_container(column.type))
+    return ParseAtomic(token, column.type);
   std::vector<ValuePtr> elements;
   if (!IsEmptyMarker(token)) {
     for (const std::string_view element : Split(token, header_.set_separator)) {
-      elements.push_back(IsUnsetMarker(element) ? new_value(column.subtype, false)
+      elements.push_back(IsUnsetMarker(element) ? unset_value(column.subtype)
                                                 : ParseAtomic(element, column.subtype));
     }
   }
-  ValuePtr value = new_value(column.type);
-  auto& list = column.type == TYPE_TABLE ? value->val.set_val : value->val.vector_val;
-  list.vals = new Value*[elements.size()];
-  list.size = static_cast<bro_int_t>(elements.size());
-  for (std::size_t i = 0; i < elements.size(); ++i)
-    list.vals[i] = elements[i].release();
-  return value;
+  return container_value(column.type, std::move(elements));
 }
 
 ValuePtr AsciiLog::ParseAtomic(std::string_view token, TypeTag type) const {
-  ValuePtr value = new_value(type, false);  // present only when whole, as its destructor trusts it
-  switch (type) {
-    case TYPE_BOOL:
-      if (token != "T" && token != "F")
-        throw BadValue(in_quotes(token) + " is not a bool, which is T or F");
-      value->val.int_val = token == "T";
-      break;
-    case TYPE_INT:
-      value->val.int_val = parse_integer<bro_int_t>(token, "int");
-      break;
-    case TYPE_COUNT:
-    case TYPE_COUNTER:
-      value->val.uint_val = parse_integer<bro_uint_t>(token, "count");
-      break;
-    case TYPE_DOUBLE:
-    case TYPE_TIME:
-    case TYPE_INTERVAL:
-      value->val.double_val = parse_double(token);
-      break;
-    case TYPE_PORT:
-      value->val.port_val.port = parse_integer<uint16_t>(token, "port");
-      value->val.port_val.proto = TRANSPORT_UNKNOWN;
-      break;
-    case TYPE_ADDR:
-      value->val.addr_val = parse_addr(token);
-      break;
-    case TYPE_SUBNET:
-      value->val.subnet_val = parse_subnet(token);
-      break;
-    default:
-      set_text(value.get(), IsEmptyMarker(token) ? "" : unescape(token, false));
-      break;
-  }
-  value->present = true;
-  return value;
+  if (is_text(type))
+    return text_value(type, IsEmptyMarker(token) ? "" : unescape(token, false));
+  return plain_value(type, token);
 }
 
 }  // namespace zmqwriter

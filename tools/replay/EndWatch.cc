@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "ProgressLine.h"
 #include "SpoolRepair.h"
 #include "StopSignals.h"
 
@@ -54,7 +55,7 @@ void EndWatch::Watch() {
 
 void EndWatch::AnswerSignals() {
   // Over the line with the progress, if there is one.
-  const char* const new_line = isatty(STDERR_FILENO) == 1 ? "\r\033[K" : "";
+  const char* const new_line = can_overwrite_lines() ? "\r\033[K" : "";
   const int signals = stop_signals();
   if (signals > 0 && answered_ == 0) {
     Begin();
@@ -73,7 +74,8 @@ void EndWatch::AnswerSignals() {
 }
 
 void EndWatch::EndProcess() {
-  std::fprintf(stderr, "the plug-in has not stopped in time; what it held in memory is lost\n");
+  std::fprintf(stderr, "the plug-in has not stopped in time; what it held in memory is %s\n",
+               spool_.read_again() ? "read again by the next start" : "lost");
   try {
     close_spool(spool_.folder());
     spool_.EndWithoutStop(unsent_);

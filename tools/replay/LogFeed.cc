@@ -23,7 +23,7 @@ std::string WriterPaths::Unique(const std::string& path) {
   return candidate;
 }
 
-LogFeed::LogFeed(const std::string& file) : log_(file) {
+LogFeed::LogFeed(const std::string& file) : own_(open_log(file)), log_(own_.get()) {
   std::error_code no_size;
   bytes_total_ = std::filesystem::file_size(file, no_size);
   if (no_size)
@@ -33,78 +33,87 @@ LogFeed::LogFeed(const std::string& file) : log_(file) {
 void LogFeed::Connect(standin::Host* host, WriterPaths* paths) {
   host_ = host;
   paths_ = paths;
-  MakeWriter();
+  if (own_)
+    ChooseTarget();
 }
 
-void LogFeed::MakeWriter() {
-  if (mapping_ && log_.path() == mapped_path_ && log_.columns() == mapped_columns_)
+/// Sets target_ for what the reader gives.
+void LogFeed::ChooseTarget() {
+  chosen_for_ = log_;
+  const auto found = std::find_if(targets_.begin(), targets_.end(), [this](const auto& target) {
+    return target->path == log_->path() && target->columns == log_->columns();
+  });
+  if (found != targets_.end()) {
+    target_ = found->get();
     return;
+  }
   Flush();
-  mapped_path_ = log_.path();
-  mapped_columns_ = log_.columns();
-  mapping_ = std::make_unique<RecordMapping>(mapped_path_, mapped_columns_);
-  writer_ = NewWriter(mapping_->fields());
-  writer_without_uid_ = nullptr;
+  RecordMapping mapping(log_->path(), log_->columns());
+  target_ =
+      targets_.emplace_back(new Target{log_->path(), log_->columns(), mapping, nullptr, nullptr})
+          .get();
+  target_->writer = NewWriter(mapping.fields());
 }
 
 logging::WriterFrontend* LogFeed::NewWriter(const std::vector<threading::Field>& fields) {
-  writers_.push_back(host_->CreateWriter("ZMQ", paths_->Unique(mapped_path_), fields));
+  writers_.push_back(host_->CreateWriter("ZMQ", paths_->Unique(target_->path), fields));
   return writers_.back();
 }
 
 /// A writer's records all have the same columns.
 void LogFeed::WriteRecord() {
-  const bool lacks_uid = mapping_->LacksUid(log_);
-  const auto& fields = lacks_uid ? mapping_->fields_without_uid() : mapping_->fields();
-  if (lacks_uid && !writer_without_uid_)
-    writer_without_uid_ = NewWriter(fields);
-  (lacks_uid ? writer_without_uid_ : writer_)
-      ->Write(static_cast<int>(fields.size()), mapping_->Map(&log_));
+  const RecordMapping& mapping = target_->mapping;
+  const bool lacks_uid = mapping.LacksUid(*log_);
+  const auto& fields = lacks_uid ? mapping.fields_without_uid() : mapping.fields();
+  if (lacks_uid && !target_->writer_without_uid)
+    target_->writer_without_uid = NewWriter(fields);
+  (lacks_uid ? target_->writer_without_uid : target_->writer)
+      ->Write(static_cast<int>(fields.size()), mapping.Map(log_));
   ++records_;
 }
 
 LogFeed::Step LogFeed::Feed() {
   switch (NextStep()) {
-    case AsciiLog::Step::kRecord:
+    case LogReader::Step::kRecord:
+      if (log_ != chosen_for_)
+        ChooseTarget();
       WriteRecord();
       return Step::kRecord;
-    case AsciiLog::Step::kHeader:
-      MakeWriter();
+    case LogReader::Step::kHeader:
+      ChooseTarget();
       return Step::kOther;
-    case AsciiLog::Step::kBroken:
+    case LogReader::Step::kBroken:
       ReportBroken();
       return Step::kOther;
-    case AsciiLog::Step::kEnd:
+    case LogReader::Step::kEnd:
       break;
   }
-  ended_ = true;
+  ended_ = !followed_;
   return Step::kEnd;
 }
 
-AsciiLog::Step LogFeed::NextStep() {
+LogReader::Step LogFeed::NextStep() {
   try {
-    return log_.Next();
-  } catch (const AsciiLogError& error) {
+    return followed_ ? followed_->Next(&log_) : log_->Next();
+  } catch (const LogError& error) {
     std::fprintf(stderr, "%s\n", error.what());
     unreadable_ = true;
-    return AsciiLog::Step::kEnd;
+    return LogReader::Step::kEnd;
   }
 }
 
 void LogFeed::ReportBroken() {
   ++broken_;
   if (broken_ <= kReportedBrokenLines)
-    std::fprintf(stderr, "%s%s\n", log_.problem().c_str(),
+    std::fprintf(stderr, "%s%s\n", log_->problem().c_str(),
                  broken_ == kReportedBrokenLines
                      ? " (further broken lines of this log are only counted)"
                      : "");
 }
 
 void LogFeed::Flush() {
-  for (logging::WriterFrontend* const writer : {writer_, writer_without_uid_}) {
-    if (writer)
-      writer->FlushWriteBuffer();
-  }
+  for (logging::WriterFrontend* const writer : writers_)
+    writer->FlushWriteBuffer();
 }
 
 void LogFeed::NoteFailure() {
@@ -112,15 +121,19 @@ void LogFeed::NoteFailure() {
                                [](logging::WriterFrontend* writer) { return writer->Disabled(); });
 }
 
+std::string LogFeed::Name() const {
+  return followed_ ? followed_->path() : own_->lines().name();
+}
+
 std::string LogFeed::Account() const {
-  std::string text = log_.file() + ": " + counted(records_, "record");
+  std::string text = Name() + ": " + counted(records_, "record");
   if (broken_ > 0)
     text += ", " + counted(broken_, "broken line");
   if (writer_failed_)
     text += ", its writer failed";
   if (unreadable_)
     text += ", could not be read to its end";
-  else if (!ended_)
+  else if (!ended_ && !followed_)
     text += ", not read to its end";
   return text;
 }

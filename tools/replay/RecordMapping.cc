@@ -1,5 +1,6 @@
 #include "RecordMapping.h"
 
+#include <algorithm>
 #include <cstring>
 
 using threading::Value;
@@ -33,7 +34,7 @@ bool keeps_name(const std::string& name) {
 }
 
 /// Whether a column is kept as a column, and is not among the pairs.
-bool is_envelope(const AsciiLog::Column& column) {
+bool is_envelope(const LogReader::Column& column) {
   return column.name == "uid" || (column.name == "ts" && column.type == TYPE_TIME);
 }
 
@@ -44,47 +45,36 @@ std::string mapped_name(const Protocol& protocol, const std::string& name) {
   return protocol.prefix + (http_user ? "user" : name);
 }
 
-bool has_own_shape(const std::vector<AsciiLog::Column>& columns) {
-  for (const AsciiLog::Column& column : columns) {
-    if (column.name == "ptype" || column.name == "extra_fields" || column.name == "cpu_usage")
-      return true;
-  }
-  return false;
+bool has_own_shape(const std::vector<LogReader::Column>& columns) {
+  return std::any_of(columns.begin(), columns.end(),
+                     [](const LogReader::Column& column) { return is_own_column(column.name); });
 }
 
 ValuePtr new_string(const std::string& text) {
-  auto value = std::make_unique<Value>(TYPE_STRING, true);
-  value->val.string_val.data = new char[text.size()];
-  std::memcpy(value->val.string_val.data, text.data(), text.size());
-  value->val.string_val.length = static_cast<int>(text.size());
-  return value;
-}
-
-ValuePtr new_vector(std::vector<ValuePtr> elements) {
-  auto value = std::make_unique<Value>(TYPE_VECTOR, true);
-  value->val.vector_val.vals = new Value*[elements.size()];
-  for (ValuePtr& element : elements)
-    value->val.vector_val.vals[value->val.vector_val.size++] = element.release();
-  return value;
+  return text_value(TYPE_STRING, text);
 }
 
 }  // namespace
 
-RecordMapping::RecordMapping(const std::string& path, const std::vector<AsciiLog::Column>& columns)
+bool is_own_column(const std::string& name) {
+  return name == "ptype" || name == "extra_fields" || name == "cpu_usage";
+}
+
+RecordMapping::RecordMapping(const std::string& path, const std::vector<LogReader::Column>& columns)
     : path_(path), columns_(columns), shape_(Shape::kPairs) {
   const Protocol* const protocol = find_protocol(path);
   if (has_own_shape(columns)) {
     shape_ = Shape::kAsIs;
-    for (const AsciiLog::Column& column : columns)
+    for (const LogReader::Column& column : columns)
       AddField(column.name, column.type, column.subtype);
   } else if (protocol) {
     shape_ = Shape::kProtocol;
     ptype_ = protocol->ptype;
     AddField("ptype", TYPE_STRING, TYPE_VOID);
-    for (const AsciiLog::Column& column : columns)
+    for (const LogReader::Column& column : columns)
       AddField(mapped_name(*protocol, column.name), column.type, column.subtype);
   } else {
-    for (const AsciiLog::Column& column : columns) {
+    for (const LogReader::Column& column : columns) {
       if (is_envelope(column))
         AddField(column.name, column.type, column.subtype);
     }
@@ -99,7 +89,7 @@ void RecordMapping::AddField(const std::string& name, TypeTag type, TypeTag subt
     fields_without_uid_.push_back(fields_.back());
 }
 
-bool RecordMapping::LacksUid(const AsciiLog& log) const {
+bool RecordMapping::LacksUid(const LogReader& log) const {
   for (std::size_t i = 0; i < columns_.size(); ++i) {
     if (columns_[i].name == "uid" && log.IsUnset(i))
       return true;
@@ -107,7 +97,7 @@ bool RecordMapping::LacksUid(const AsciiLog& log) const {
   return false;
 }
 
-Value** RecordMapping::Map(AsciiLog* log) const {
+Value** RecordMapping::Map(LogReader* log) const {
   const bool lacks_uid = LacksUid(*log);
   std::vector<ValuePtr> values;
   switch (shape_) {
@@ -131,7 +121,7 @@ Value** RecordMapping::Map(AsciiLog* log) const {
   return record;
 }
 
-std::vector<ValuePtr> RecordMapping::Pairs(AsciiLog* log) const {
+std::vector<ValuePtr> RecordMapping::Pairs(LogReader* log) const {
   std::vector<ValuePtr> keys;
   std::vector<ValuePtr> texts;
   keys.push_back(new_string("_path"));
@@ -142,6 +132,10 @@ std::vector<ValuePtr> RecordMapping::Pairs(AsciiLog* log) const {
     keys.push_back(new_string(columns_[i].name));
     texts.push_back(new_string(log->Text(i)));
   }
+  for (std::size_t i = 0; i < log->extra_names().size(); ++i) {
+    keys.push_back(new_string(log->extra_names()[i]));
+    texts.push_back(new_string(log->Text(columns_.size() + i)));
+  }
 
   std::vector<ValuePtr> values = log->TakeValues();
   std::vector<ValuePtr> record;
@@ -149,8 +143,8 @@ std::vector<ValuePtr> RecordMapping::Pairs(AsciiLog* log) const {
     if (is_envelope(columns_[i]))
       record.push_back(std::move(values[i]));
   }
-  record.push_back(new_vector(std::move(keys)));
-  record.push_back(new_vector(std::move(texts)));
+  record.push_back(container_value(TYPE_VECTOR, std::move(keys)));
+  record.push_back(container_value(TYPE_VECTOR, std::move(texts)));
   return record;
 }
 

@@ -32,13 +32,16 @@
 #include <string>
 #include <vector>
 
-#include "AsciiLog.h"
+#include "LogReader.h"
 
 namespace zmqwriter {
 
+/// Whether a column of that name shows that a log has the plug-in's own columns.
+bool is_own_column(const std::string& name);
+
 class RecordMapping {
  public:
-  RecordMapping(const std::string& path, const std::vector<AsciiLog::Column>& columns);
+  RecordMapping(const std::string& path, const std::vector<LogReader::Column>& columns);
 
   /// The columns of a mapped record.
   const std::vector<threading::Field>& fields() const { return fields_; }
@@ -46,21 +49,21 @@ class RecordMapping {
   const std::vector<threading::Field>& fields_without_uid() const { return fields_without_uid_; }
 
   /// Whether the record that `log` has just read has a column uid without a value.
-  bool LacksUid(const AsciiLog& log) const;
+  bool LacksUid(const LogReader& log) const;
 
   /// The record that `log` has just read, whose values are taken: a new[] array of new values, as
   /// WriterFrontend::Write takes them over, one for each of fields(), or of fields_without_uid() if
   /// the record lacks a uid.
-  threading::Value** Map(AsciiLog* log) const;
+  threading::Value** Map(LogReader* log) const;
 
  private:
   enum class Shape { kAsIs, kProtocol, kPairs };
 
   void AddField(const std::string& name, TypeTag type, TypeTag subtype);
-  std::vector<ValuePtr> Pairs(AsciiLog* log) const;
+  std::vector<ValuePtr> Pairs(LogReader* log) const;
 
   std::string path_;
-  std::vector<AsciiLog::Column> columns_;
+  std::vector<LogReader::Column> columns_;
   Shape shape_;
   std::string ptype_;
   std::vector<threading::Field> fields_;

@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,6 +16,7 @@
 #include "CurveKey.h"
 #include "EndWatch.h"
 #include "Files.h"
+#include "Handover.h"
 #include "LogFeed.h"
 #include "Output.h"
 #include "ProgressLine.h"
@@ -41,6 +44,7 @@ constexpr std::uint64_t kBurst = 25;
 constexpr std::size_t kMostPendingBatches = 8;
 constexpr auto kPoll = std::chrono::milliseconds(2);
 constexpr auto kPollForRoom = std::chrono::microseconds(200);
+constexpr auto kPollForGrowth = std::chrono::milliseconds(20);
 // A writer thread may still be converting a batch that it took, which no status shows. So an empty
 // queue counts only when it stays empty for a while.
 constexpr auto kQuietWhenAllSent = std::chrono::milliseconds(100);
@@ -117,7 +121,7 @@ class Replay {
     host_.LoadPlugin(options.plugin_folder);
     status_ = std::make_unique<PluginStatus>(host_);
     warn_about_settings(options);
-    spool_ = std::make_unique<SpoolAccount>(status_->Now().spool_folder);
+    spool_ = std::make_unique<SpoolAccount>(status_->Now().spool_folder, Following());
   }
 
   int Run() {
@@ -125,14 +129,13 @@ class Replay {
     count_stop_signals();  // before this, nothing has begun, and a signal ends the process
     watch_ = std::make_unique<EndWatch>(std::max(options_.drain_s, kLeastEnd_s), *spool_);
     OpenLogs();
-    start_ = last_progress_ = last_running_ = Clock::now();
+    start_ = rate_start_ = last_progress_ = last_running_ = Clock::now();
     for (const auto& feed : feeds_)
       feed->Connect(&host_, &paths_);
     FeedAll();
     Drain();
     progress_.Clear();
-    for (const auto& feed : feeds_)
-      feed->NoteFailure();
+    NoteFailures();
     const DravenholtZmqWriterStatus before_end = status_->Now();
     ReportReading();
     if (!why_stopped_.empty() && !(drained_ && Whole()))
@@ -142,19 +145,53 @@ class Replay {
       watch_->Begin();
     host_.Finish();
     watch_.reset();
+    if (handover_)
+      handover_->End(status_->Now(), fed_);
     return Report();
   }
 
  private:
+  bool Following() const { return !options_.state_file.empty(); }
+
   void OpenLogs() {
+    if (Following())
+      return FollowLogs();
     for (const std::string& file : options_.logs) {
       try {
         feeds_.push_back(std::make_unique<LogFeed>(file));
-      } catch (const AsciiLogError& error) {
+      } catch (const LogError& error) {
         std::fprintf(stderr, "%s\n", error.what());
         ++refused_;
       }
     }
+  }
+
+  void FollowLogs() {
+    std::vector<std::string> logs;
+    for (const std::string& log : options_.logs)
+      logs.push_back(std::filesystem::absolute(log).lexically_normal().string());
+    state_ = std::make_unique<FollowState>(options_.state_file, logs);
+    if (!state_->exact())
+      std::fprintf(stderr,
+                   "the last run did not hand over all that it had read: at most %llu records are "
+                   "sent again\n",
+                   static_cast<unsigned long long>(Handover::kMostRepeated));
+    for (const std::string& log : logs) {
+      const auto known = state_->positions().find(log);
+      const bool is_new = known == state_->positions().end();
+      if (is_new && !state_->is_new())
+        std::fprintf(stderr, "%s: not in %s yet: it is read from its start\n", log.c_str(),
+                     options_.state_file.c_str());
+      feeds_.push_back(std::make_unique<LogFeed>(std::make_unique<FollowedLog>(
+          log, is_new ? std::vector<FilePosition>() : known->second)));
+    }
+    handover_ = std::make_unique<Handover>(state_.get(), [this] {
+      FollowState::Positions positions;
+      for (const auto& feed : feeds_)
+        positions[feed->followed()->path()] = feed->followed()->Positions();
+      return positions;
+    });
+    handover_->Begin();
   }
 
   /// Reads the logs in turn until all have ended or there is a reason to stop.
@@ -162,26 +199,45 @@ class Replay {
     std::uint64_t steps = 0;
     for (bool any = true; any;) {
       any = false;
+      bool idle = Following();
       for (const auto& feed : feeds_) {
         if (feed->ended())
           continue;
         if (Stopping())
           return;
         any = true;
-        if (feed->Feed() == LogFeed::Step::kRecord) {
+        const LogFeed::Step step = feed->Feed();
+        idle = idle && step == LogFeed::Step::kEnd;
+        if (step == LogFeed::Step::kRecord) {
           ++fed_;
           WaitForRate();
         }
         if (++steps % kBurst == 0)
           WaitForRoom();
       }
+      if (idle)
+        WaitForGrowth();
     }
+  }
+
+  void WaitForGrowth() {
+    FlushAll();
+    Look();
+    last_progress_ = rate_start_ = Clock::now();  // a pause saves up no records for later
+    rate_fed_ = fed_;
+    StopIfStuck(options_.drain_s);
+    Idle(kPollForGrowth);
   }
 
   bool Stopping() {
     if (why_stopped_.empty() && stop_requested())
       why_stopped_ = "stopped by a signal";
     return !why_stopped_.empty();
+  }
+
+  void NoteFailures() {
+    for (const auto& feed : feeds_)
+      feed->NoteFailure();
   }
 
   void FlushAll() {
@@ -193,16 +249,15 @@ class Replay {
     if (options_.rate <= 0)
       return;
     // As doubles, because the clock's own type cannot hold the pause of a tiny rate.
-    const Duration due(static_cast<double>(fed_) / options_.rate);
-    if (Elapsed() < due)
+    const Duration due(static_cast<double>(fed_ - rate_fed_) / options_.rate);
+    const auto elapsed = [this] { return Duration(Clock::now() - rate_start_); };
+    if (elapsed() < due)
       FlushAll();
-    while (Elapsed() < due && !Stopping()) {
-      host_.Pump();
-      Idle(std::min<Duration>(kPoll, due - Elapsed()));
+    while (elapsed() < due && !Stopping()) {
+      Look();
+      Idle(std::min<Duration>(kPoll, due - elapsed()));
     }
   }
-
-  Duration Elapsed() const { return Clock::now() - start_; }
 
   void WaitForRoom() {
     if (options_.pace)
@@ -210,6 +265,8 @@ class Replay {
     // The time spent reading does not count as time without progress.
     last_progress_ = Clock::now();
     while (!HasRoom() && !Stopping()) {
+      if (Following())
+        last_progress_ = Clock::now();  // however long the server is away
       StopIfStuck(options_.drain_s);
       Idle(kPollForRoom);
     }
@@ -221,6 +278,8 @@ class Replay {
       return false;
     if (!options_.pace)
       return true;
+    if (handover_ && fed_ - handover_->covered() + kBurst > Handover::kMostRepeated)
+      return false;
     const std::uint64_t sent = std::min(status_->Sent(status), fed_);
     return fed_ - sent + kBurst <= kMostUnderWay && status.queued + kBurst <= kMostUnderWay;
   }
@@ -236,12 +295,21 @@ class Replay {
     std::uint64_t read = 0;
     std::uint64_t total = 0;
     for (const auto& feed : feeds_) {
-      read += feed->bytes_read();
+      read += feed->bytes_done();
       total += feed->bytes_total();
     }
-    const std::uint64_t percent = total > 0 ? std::min<std::uint64_t>(100, read * 100 / total) : 0;
-    progress_.Show(std::to_string(percent) + "% read, " +
-                   std::to_string(status_->Sent(status_->Now())) + " sent");
+    const std::uint64_t sent = status_->Sent(status_->Now());
+    const double elapsed_s = Duration(Clock::now() - start_).count();
+    const double fraction =
+        total > 0 ? std::min(1.0, static_cast<double>(read) / static_cast<double>(total)) : 0;
+    std::string text;
+    if (total > 0)
+      text = formatted("%.0f%% read, ", 100 * fraction);
+    text += std::to_string(sent) + " sent, " +
+            formatted("%.0f/s", progress_.Rate(static_cast<double>(sent)));
+    if (fraction > 0 && fraction < 1)
+      text += ", " + formatted("%.0f s left", elapsed_s / fraction - elapsed_s);
+    progress_.Show(text);
   }
 
   /// Runs the host's pending work, and notes whether the plug-in makes progress.
@@ -254,6 +322,8 @@ class Replay {
       last_progress_ = Clock::now();
     last_sent_ = status.sent;
     watch_->SetUnsent(Unsent(status));
+    if (handover_)
+      handover_->Look(status, fed_);
     return status;
   }
 
@@ -265,8 +335,12 @@ class Replay {
   /// Decides to stop when nothing was sent for too long.
   void StopIfStuck(double patience_s) {
     const auto now = Clock::now();
+    if (Following())
+      NoteFailures();
     if (now - last_running_ > kLongestStart)
       why_stopped_ = "the plug-in sends nothing at all, see what it reported";
+    else if (Following() && AnyWriterFailed())
+      why_stopped_ = "a writer has failed";
     else if (now - last_progress_ > Duration(patience_s))
       why_stopped_ = "no record was sent for " + formatted("%g seconds", patience_s);
   }
@@ -311,6 +385,11 @@ class Replay {
     while (!(drained_ = AllSent(&busy)) && Clock::now() - begin < longest && stop_signals() < 2)
       Idle(kPoll);
     why_stopped_ = "stopped by a signal";
+  }
+
+  bool AnyWriterFailed() const {
+    return std::any_of(feeds_.begin(), feeds_.end(),
+                       [](const auto& feed) { return feed->writer_failed(); });
   }
 
   bool Whole() const {
@@ -363,6 +442,9 @@ class Replay {
     std::fprintf(stderr, "sent: %s, failed: %s\n", counted(sent, "message").c_str(),
                  counted(status.failed, "attempt").c_str());
     const bool nothing_left = spool_->End(Unsent(status), status.stored);
+    if (handover_ && handover_->covered() < fed_)
+      std::fprintf(stderr, "the next start sends again what was read last: at most %s\n",
+                   counted(fed_ - handover_->covered(), "record").c_str());
     if (sent > fed_)
       std::fprintf(stderr,
                    "more was sent than read: the spool held events of an earlier run, or empty "
@@ -383,6 +465,8 @@ class Replay {
   std::unique_ptr<PluginStatus> status_;
   WriterPaths paths_;
   std::vector<std::unique_ptr<LogFeed>> feeds_;
+  std::unique_ptr<FollowState> state_;  // of followed logs
+  std::unique_ptr<Handover> handover_;
   ProgressLine progress_;
   std::uint64_t refused_ = 0;
   std::uint64_t fed_ = 0;
@@ -391,6 +475,8 @@ class Replay {
   bool all_taken_ = false;
   std::uint64_t last_sent_ = 0;
   Clock::time_point start_;
+  Clock::time_point rate_start_;
+  std::uint64_t rate_fed_ = 0;       // records read at rate_start_
   Clock::time_point last_progress_;  // something was sent, or a wait began
   Clock::time_point last_running_;   // the send thread was seen running
 };

@@ -16,6 +16,10 @@
 // SIGINT, SIGTERM and SIGHUP end the reading. The records not yet sent get a few seconds, then the
 // plug-in is stopped in the host's order. EndWatch.h says how long that takes at most.
 //
+// Follow. The logs grow and rotate, and reading goes on until a signal or a failure of the plug-in;
+// it waits for a server as long as it takes. The logs on disk are the buffer: with pace nothing
+// goes to the spool. Handover.h says when positions are written.
+//
 // A spool that another process uses, or of which the plug-in would not find all records, is
 // refused. At the end the records on disk are counted and compared with what should be there.
 #pragma once
@@ -32,6 +36,7 @@ struct ReplayOptions : PluginOptions {
   double rate = 0;  ///< records per second, all logs together; 0: no limit
   double drain_s = 60;
   bool pace = true;
+  std::string state_file;     ///< follow the logs, with their positions in this file
   bool ignore_spool = false;  ///< start although the spool is damaged or in use
 };
 

@@ -56,7 +56,7 @@ bool SpoolAccount::End(std::int64_t unsent, std::int64_t stored) const {
   const std::int64_t lost = records_before_ + unsent - on_disk;
   const std::int64_t lost_on_disk = std::min(lost, records_before_ + stored - on_disk);
   if (lost > 0)
-    std::fprintf(stderr, "lost: %s, neither sent nor on disk\n", records(lost).c_str());
+    std::fprintf(stderr, "%s: %s, neither sent nor on disk\n", LostWord(), records(lost).c_str());
   if (lost_on_disk > 0)
     std::fprintf(stderr,
                  "of these, the spool had taken %s: its disk was full, it is disabled, or another "
@@ -68,7 +68,12 @@ bool SpoolAccount::End(std::int64_t unsent, std::int64_t stored) const {
 void SpoolAccount::EndWithoutStop(std::int64_t unsent) const {
   const std::int64_t on_disk = PrintRecordsOnDisk();
   const std::int64_t lost = std::max<std::int64_t>(records_before_ + unsent - on_disk, 0);
-  std::fprintf(stderr, "lost: at most %s, neither sent nor on disk\n", records(lost).c_str());
+  std::fprintf(stderr, "%s: at most %s, neither sent nor on disk\n", LostWord(),
+               records(lost).c_str());
+}
+
+const char* SpoolAccount::LostWord() const {
+  return read_again_ ? "to be read again" : "lost";
 }
 
 std::int64_t SpoolAccount::PrintRecordsOnDisk() const {

@@ -10,7 +10,9 @@ namespace zmqwriter {
 
 class SpoolAccount {
  public:
-  explicit SpoolAccount(const std::string& folder) : folder_(folder) {}
+  /// `read_again`: what is neither sent nor on disk is not lost, as the next start reads it again.
+  SpoolAccount(const std::string& folder, bool read_again)
+      : folder_(folder), read_again_(read_again) {}
 
   /// Looks at the spool before the plug-in opens it. Throws std::runtime_error with what to do when
   /// it is damaged or another process uses it; with `ignore` it only warns of that.
@@ -25,11 +27,14 @@ class SpoolAccount {
   void EndWithoutStop(std::int64_t unsent) const;
 
   const std::string& folder() const { return folder_; }
+  bool read_again() const { return read_again_; }
 
  private:
+  const char* LostWord() const;
   std::int64_t PrintRecordsOnDisk() const;
 
   const std::string folder_;
+  const bool read_again_;
   std::int64_t records_before_ = 0;
 };
 

@@ -1,0 +1,60 @@
+// The positions of the logs that `replay --follow` ships, in a file.
+//
+// The file is replaced as a whole by each write, so it is never half written while the system runs.
+// It is locked (flock) as long as this object lives. One thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Files.h"
+
+namespace zmqwriter {
+
+/// How far a file was read.
+struct FilePosition {
+  std::uint64_t inode = 0;
+  std::uint64_t offset = 0;  ///< of the first byte that is not handled yet
+  std::uint32_t start = 0;   ///< start_checksum() of the bytes before the offset
+  bool done = false;         ///< it was rotated, and had no more for a while
+
+  bool operator==(const FilePosition& other) const {
+    return inode == other.inode && offset == other.offset && start == other.start &&
+           done == other.done;
+  }
+};
+
+/// Tells a file from another one with the same inode: of at most its first 1024 bytes.
+std::uint32_t start_checksum(int descriptor, std::uint64_t offset);
+
+class FollowState {
+ public:
+  /// For each log, by its absolute path, the files that it consisted of last, the oldest first.
+  using Positions = std::map<std::string, std::vector<FilePosition>>;
+
+  /// Reads the file, if there is one, and locks it. Throws std::runtime_error that says what to do
+  /// when that fails, when the content is damaged, or when it holds the position of none of `logs`.
+  FollowState(const std::string& file, const std::vector<std::string>& logs);
+
+  const Positions& positions() const { return positions_; }
+  /// Whether there was no file.
+  bool is_new() const { return is_new_; }
+  /// Whether all that was read up to the positions, and nothing behind them, was handed over.
+  bool exact() const { return exact_; }
+
+  /// Replaces the positions of the logs given. Returns why that is not possible; "" on success.
+  std::string Write(const Positions& positions, bool exact);
+
+ private:
+  void Read(const std::string& content);
+
+  const std::string file_;
+  FileDescriptor descriptor_;
+  Positions positions_;
+  bool is_new_ = false;
+  bool exact_ = true;
+};
+
+}  // namespace zmqwriter

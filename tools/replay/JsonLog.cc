@@ -1,0 +1,317 @@
+#include "JsonLog.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
+
+#include "RecordMapping.h"
+
+namespace zmqwriter {
+
+namespace {
+
+struct KnownLog {
+  const char* path;
+  const char* stock;  // columns that the host's own log has
+  const char* more;   // columns that scripts may add
+};
+
+// What the payloads of src/ are made from.
+constexpr KnownLog kKnownLogs[] = {
+    {"conn",
+     "id.orig_h:addr id.orig_p:port id.resp_h:addr id.resp_p:port proto:enum service:string "
+     "duration:interval orig_bytes:count resp_bytes:count conn_state:string local_orig:bool "
+     "local_resp:bool missed_bytes:count orig_pkts:count orig_ip_bytes:count resp_pkts:count "
+     "resp_ip_bytes:count",
+     "username:string process:string"},
+    {"http",
+     "method:string host:string uri:string request_body_len:count response_body_len:count "
+     "status_code:count username:string",
+     ""},
+    {"ftp", "user:string command:string arg:string file_size:count reply_code:count", ""},
+    {"smtp", "from:string to:set[string] subject:string", "reqSize:count"},
+    {"ldap", "", "user:string message:string resultCode:count base:string"},
+    {"smb", "", "user:string share:string filename:string action:string filesize:count"},
+    {"tds", "", "user:string database:string app:string sql:string"},
+    {"dce_rpc", "",
+     "request_type:string interface_uuid:string interface_name:string opnum:count method:string "
+     "arguments:string raw_args:string"},
+    {"tn5250", "", "protocol:string details:string"},
+    {"system_stats",
+     "cpu_usage:double priority:int ph_mem_total:count ph_mem_used:count virt_mem_total:count "
+     "virt_mem_used:count hdd_volume:double hdd_used:double hdd_avail:double",
+     ""},
+};
+
+// Each layout of each path has a writer, which is a thread.
+constexpr std::size_t kMostPaths = 256;
+constexpr std::size_t kMostOwnColumns = 64;
+constexpr int kMostLevels = 8;
+constexpr std::size_t kMostFields = 1000;
+
+using Json = nlohmann::ordered_json;
+using Column = LogReader::Column;
+
+const KnownLog* find_known(const std::string& path) {
+  for (const KnownLog& log : kKnownLogs) {
+    if (path == log.path)
+      return &log;
+  }
+  return nullptr;
+}
+
+std::vector<Column> columns_in(const std::string& list) {
+  std::vector<Column> columns;
+  std::istringstream words(list);
+  for (std::string word; words >> word;) {
+    const auto colon = word.find(':');
+    Column column{word.substr(0, colon), TYPE_ERROR, TYPE_VOID};
+    parse_type(word.substr(colon + 1), &column.type, &column.subtype);
+    columns.push_back(column);
+  }
+  return columns;
+}
+
+/// The type that a value shows.
+Column shown_type(const std::string& name, const Json& value) {
+  switch (value.type()) {
+    case Json::value_t::boolean:
+      return {name, TYPE_BOOL, TYPE_VOID};
+    case Json::value_t::number_unsigned:
+      return {name, TYPE_COUNT, TYPE_VOID};
+    case Json::value_t::number_integer:
+      return {name, TYPE_INT, TYPE_VOID};
+    case Json::value_t::number_float:
+      return {name, TYPE_DOUBLE, TYPE_VOID};
+    case Json::value_t::array:
+      return {name, TYPE_VECTOR, TYPE_STRING};
+    default:
+      return {name, TYPE_STRING, TYPE_VOID};
+  }
+}
+
+bool has_column(const std::vector<Column>& columns, const std::string& name) {
+  return std::any_of(columns.begin(), columns.end(),
+                     [&](const Column& column) { return column.name == name; });
+}
+
+/// As the host's ASCII logs have it.
+std::string text_of(const Json& value) {
+  if (value.is_string())
+    return value.get_ref<const std::string&>();
+  if (value.is_boolean())
+    return value.get<bool>() ? "T" : "F";
+  if (value.is_null())
+    return "-";
+  if (!value.is_array())
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  std::string text;
+  for (const Json& element : value)
+    text += (&element == &value.front() ? "" : ",") + text_of(element);
+  return text;
+}
+
+ValuePtr atomic_value(TypeTag type, const Json& value) {
+  if (value.is_null())
+    return unset_value(type);
+  if (is_text(type))
+    return text_value(type, text_of(value));
+  if (value.is_structured())
+    throw BadValue("a list or an object is not a single value");
+  if (type == TYPE_TIME && value.is_string()) {
+    auto time = std::make_unique<threading::Value>(TYPE_TIME, true);
+    time->val.double_val = parse_iso_time(value.get_ref<const std::string&>());
+    return time;
+  }
+  return plain_value(type, text_of(value));
+}
+
+ValuePtr make_value(const Column& column, const Json* value) {
+  if (!value)
+    return unset_value(column.type);
+  if (!is_container(column.type))
+    return atomic_value(column.type, *value);
+  std::vector<ValuePtr> elements;
+  if (!value->is_array())
+    elements.push_back(atomic_value(column.subtype, *value));
+  else
+    for (const Json& element : *value)
+      elements.push_back(atomic_value(column.subtype, element));
+  return container_value(column.type, std::move(elements));
+}
+
+/// Days since 1970 of a date in the Gregorian calendar.
+long long days_of(long long year, int month, int day) {
+  // Years that begin in March have their leap day at the end.
+  const long long from_march = month > 2 ? year : year - 1;
+  const int month_from_march = month > 2 ? month - 3 : month + 9;
+  return from_march * 365 + from_march / 4 - from_march / 100 + from_march / 400 +
+         (153 * month_from_march + 2) / 5 + day - 1 - 719468;
+}
+
+}  // namespace
+
+double parse_iso_time(std::string_view text) {
+  const std::string terminated(text);
+  int year, month, day, hour, minute, used = 0;
+  const bool read = std::sscanf(terminated.c_str(), "%4d-%2d-%2d%*1[T ]%2d:%2d:%n", &year, &month,
+                                &day, &hour, &minute, &used) == 5 &&
+                    used > 0;
+  const BadValue bad(in_quotes(text) + " is not a time in the form of ISO 8601");
+  if (!read || terminated.size() != std::string(terminated.c_str()).size())
+    throw bad;
+  const std::size_t end = std::min(terminated.find_first_not_of("0123456789.", used), text.size());
+  const double second = parse_double(text.substr(used, end - used));
+  const std::string zone = terminated.substr(end);
+  int zone_hour = 0, zone_minute = 0, zone_used = 0;
+  if (zone != "" && zone != "Z") {
+    const bool zone_read =
+        (zone[0] == '+' || zone[0] == '-') &&
+        (std::sscanf(zone.c_str() + 1, "%2d:%2d%n", &zone_hour, &zone_minute, &zone_used) == 2 ||
+         std::sscanf(zone.c_str() + 1, "%2d%2d%n", &zone_hour, &zone_minute, &zone_used) == 2);
+    if (!zone_read || zone.size() != static_cast<std::size_t>(zone_used) + 1)
+      throw bad;
+  }
+  if (month < 1 || month > 12 || day < 1 || day > 31 || hour < 0 || hour > 24 || minute < 0 ||
+      minute > 59 || second > 60 || year < 0 || zone_hour < 0 || zone_minute < 0)
+    throw bad;
+  const long long east_s = (zone_hour * 60 + zone_minute) * (zone[0] == '-' ? -60 : 60);
+  return static_cast<double>(days_of(year, month, day) * 86400 + hour * 3600 + minute * 60 -
+                             east_s) +
+         second;
+}
+
+JsonLog::JsonLog(std::unique_ptr<LineReader> lines) : LogReader(std::move(lines)) {
+  const std::string name = std::filesystem::path(lines_->name()).filename().string();
+  if (lines_->name() != LineReader::kStandardInput)
+    default_path_ = name.substr(0, name.find('.'));
+  path_ = default_path_;
+  columns_ = columns_in("ts:time uid:string");
+}
+
+LogReader::Step JsonLog::Next() {
+  values_.clear();
+  while (lines_->Next()) {
+    if (!lines_->skipping())
+      return ReadRecord();
+  }
+  return Step::kEnd;
+}
+
+LogReader::Step JsonLog::ReadRecord() {
+  if (const std::string problem = LineProblem(); !problem.empty())
+    return Broken(problem);
+  try {
+    Parse();
+    if (ChooseLayout()) {
+      lines_->PutBack();
+      return Step::kHeader;
+    }
+    cells_.clear();
+    for (const Column& column : columns_) {
+      cells_.push_back(Find(column.name));
+      try {
+        values_.push_back(make_value(column, cells_.back()));
+      } catch (const BadValue& error) {
+        throw BadValue("column '" + column.name + "': " + error.what());
+      }
+    }
+    for (const std::string& name : extra_names_)
+      cells_.push_back(Find(name));
+  } catch (const BadValue& error) {
+    values_.clear();
+    return Broken(error.what());
+  }
+  return Step::kRecord;
+}
+
+/// Reads the line into fields_.
+void JsonLog::Parse() {
+  std::size_t fields = 0;
+  const auto check = [&fields](int depth, Json::parse_event_t event, Json&) {
+    if (depth > kMostLevels)
+      throw BadValue("nested in more than " + std::to_string(kMostLevels) + " levels");
+    fields += event == Json::parse_event_t::key;
+    if (fields > kMostFields)
+      throw BadValue("more than " + std::to_string(kMostFields) + " fields");
+    return true;
+  };
+  try {
+    object_ = Json::parse(lines_->line().begin(), lines_->line().end(), check);
+  } catch (const Json::parse_error& error) {
+    throw BadValue("not a JSON object: wrong at byte " + std::to_string(error.byte));
+  }
+  if (!object_.is_object())
+    throw BadValue("not a JSON object");
+  fields_.clear();
+  Flatten(object_, "");
+}
+
+void JsonLog::Flatten(const Json& object, const std::string& prefix) {
+  for (const auto& [name, value] : object.items()) {
+    if (name.find('\0') != std::string::npos)
+      throw BadValue("a field's name holds NUL");
+    if (value.is_object())
+      Flatten(value, prefix + name + ".");
+    else if (!value.is_null())
+      fields_.emplace_back(prefix + name, &value);
+  }
+}
+
+const JsonLog::Json* JsonLog::Find(const std::string& name) const {
+  const auto found = std::find_if(fields_.begin(), fields_.end(),
+                                  [&](const auto& field) { return field.first == name; });
+  return found == fields_.end() ? nullptr : found->second;
+}
+
+/// Sets path_ and columns_ for the record in fields_; returns whether its writer is another one.
+bool JsonLog::ChooseLayout() {
+  const Json* const path = Find("_path");
+  const std::string name = path ? text_of(*path) : default_path_;
+  if (name.empty() || name.find('\0') != std::string::npos)
+    throw BadValue("no field _path tells which log it is of");
+  const KnownLog* const known = find_known(name);
+  const bool own = !known && std::any_of(fields_.begin(), fields_.end(), [](const auto& field) {
+    return is_own_column(field.first);
+  });
+  const LayoutKey key(name, own);
+  if (layouts_.size() == kMostPaths && layouts_.count(key) == 0)
+    throw BadValue("of more than " + std::to_string(kMostPaths) + " paths in one file");
+
+  const auto [entry, is_new] = layouts_.try_emplace(key);
+  Layout& layout = entry->second;
+  if (is_new) {
+    layout.columns = columns_in(std::string("ts:time uid:string ") + (known ? known->stock : ""));
+    layout.more = columns_in(known ? known->more : "");
+  }
+  const std::size_t columns_before = layout.columns.size();
+  for (const auto& [field, value] : fields_) {
+    if (has_column(layout.columns, field))
+      continue;
+    if (own && layout.columns.size() < kMostOwnColumns && field != "_path")
+      layout.columns.push_back(shown_type(field, *value));
+    for (const Column& column : layout.more)
+      if (column.name == field)
+        layout.columns.push_back(column);
+  }
+  const bool other = is_new || key != layout_key_ || layout.columns.size() != columns_before;
+  path_ = name;
+  layout_key_ = key;
+  columns_ = layout.columns;
+  extra_names_.clear();
+  for (const auto& field : fields_)
+    if (!known && !own && field.first != "_path" && !has_column(columns_, field.first))
+      extra_names_.push_back(field.first);
+  return other;
+}
+
+bool JsonLog::IsUnset(std::size_t column) const {
+  return !cells_.at(column);
+}
+
+std::string JsonLog::Text(std::size_t column) const {
+  return cells_.at(column) ? text_of(*cells_[column]) : "";
+}
+
+}  // namespace zmqwriter
