@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -67,6 +69,22 @@ TEST(CollectStatsTest, AgentThatWasNotSeenForLongestMakesRoom) {
     EXPECT_EQ(counts.by_agent.at(agent).events, 1u) << agent;
   EXPECT_EQ(counts.by_agent.at(kOtherAgents).events, 4u);
   EXPECT_EQ(counts.by_agent.at(kOtherAgents).bytes, 40u);
+
+  // As a list that each agent moves to the end of.
+  std::vector<std::string> newest;
+  CollectStats many(20);
+  std::mt19937 random(4);
+  for (int i = 0; i < 5000; ++i) {
+    const std::string agent = std::to_string(random() % (i % 500 < 250 ? 25 : 100));
+    count(&many, agent.c_str(), 10, schema::Data_NONE, now++);
+    newest.erase(std::remove(newest.begin(), newest.end(), agent), newest.end());
+    newest.push_back(agent);
+    if (newest.size() > 20)
+      newest.erase(newest.begin());
+    const auto told_apart = many.Counts().by_agent;
+    for (const std::string& name : newest)
+      ASSERT_EQ(told_apart.count(name), 1u) << name << " at " << i;
+  }
 }
 
 TEST(CollectStatsTest, TrafficIsGivenByMinuteAndAsRates) {

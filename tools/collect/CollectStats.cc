@@ -74,14 +74,29 @@ Traffic* CollectStats::AgentTraffic(std::string_view agent) {
   const auto known = by_agent_.find(agent);
   if (known != by_agent_.end())
     return &known->second;
-  if (by_agent_.size() >= most_agents_) {
-    const auto oldest = std::min_element(
-        by_agent_.begin(), by_agent_.end(),
-        [](const auto& a, const auto& b) { return a.second.last() < b.second.last(); });
-    add(&other_agents_, oldest->second);
-    by_agent_.erase(oldest);
-  }
+  if (by_agent_.size() >= most_agents_)
+    MakeRoom();
   return &by_agent_[std::string(agent)];
+}
+
+/// A walk over all agents for each name would cost more than the event, so one fills oldest_:
+/// agents that come or are seen later are younger than all in it.
+void CollectStats::MakeRoom() {
+  for (;;) {
+    if (oldest_.empty()) {
+      for (auto agent = by_agent_.begin(); agent != by_agent_.end(); ++agent)
+        oldest_.emplace_back(agent->second.last(), agent);
+      std::sort(oldest_.begin(), oldest_.end(),
+                [](const auto& a, const auto& b) { return a.first > b.first; });
+    }
+    const auto [seen, agent] = oldest_.back();
+    oldest_.pop_back();
+    if (agent->second.last() > seen)
+      continue;
+    add(&other_agents_, agent->second);
+    by_agent_.erase(agent);
+    return;
+  }
 }
 
 void CollectStats::CountEvent(const EventMessage& event, std::size_t size, double now) {

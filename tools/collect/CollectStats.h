@@ -128,14 +128,19 @@ class CollectStats {
   static double Now();
 
  private:
+  using Agents = std::map<std::string, Traffic, std::less<>>;
+
   Traffic* AgentTraffic(std::string_view agent);
+  void MakeRoom();
 
   mutable std::mutex mutex_;
   // All below guarded by mutex_. The parts of counts_ by type and agent stay empty here.
   CollectCounts counts_;
   Tally by_type_[256];
-  std::map<std::string, Traffic, std::less<>> by_agent_;  // by name, cut
-  Traffic other_agents_;                                  // without their minutes
+  Agents by_agent_;       // by name, cut
+  Traffic other_agents_;  // without their minutes
+  // When these agents had been seen last; the oldest comes last. They may have been seen since.
+  std::vector<std::pair<double, Agents::iterator>> oldest_;
   const std::size_t most_agents_;
 };
 
