@@ -52,7 +52,8 @@ std::vector<UnsentEvent> read_unsent_file(const std::string& path) {
   RawEventReader reader(file.get());
   for (std::string record; reader.Next(&record);) {
     const std::size_t size = record.size() < kIdLength ? 0 : record.size() - kIdLength;
-    if (!EventMessage(record.data(), size).valid())
+    const bool has_id = record.find_first_not_of("0123456789abcdef-", size) == std::string::npos;
+    if (!has_id || !EventMessage(record.data(), size).valid())
       throw std::runtime_error(path +
                                ": is not a file of unsent events; name another one with "
                                "--unsent");
