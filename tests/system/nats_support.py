@@ -19,25 +19,29 @@ needs_nats = unittest.skipUnless(NATS_SERVER, "needs nats-server")
 
 
 class Port:
-    """A free port. Linux gives it to nobody else while this socket is bound to it."""
+    """A free port. Linux gives it to nobody else while a socket of this process is bound to it."""
 
     def __init__(self, host="127.0.0.1"):
-        self.socket = socket.socket()
-        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.socket.bind((host, 0))
-        self.number = self.socket.getsockname()[1]
-        if sys.platform != "linux":
-            self.socket.close()
+        bound = socket.socket()
+        bound.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        bound.bind((host, 0))
+        self.number = bound.getsockname()[1]
+        if sys.platform == "linux":
+            self.descriptor = bound.detach()
+        else:
+            bound.close()
 
 
 class NatsServer:
     """Keeps its port and its store in a folder of its own, however often it is started."""
 
-    def __init__(self, folder, config="", name="nats", host="127.0.0.1", **options):
+    def __init__(self, folder, config="", name="nats", host="127.0.0.1", jetstream=True,
+                 **options):
         """`config` is further text of its configuration file, `options` are those of Popen."""
         self.folder = os.path.abspath(os.path.join(folder, name))
         os.makedirs(self.folder)
         self.name, self.host, self.options, self.process = name, host, options, None
+        self.store = f'jetstream {{ store_dir: "{self.folder}" }}\n' if jetstream else ""
         self.reserved = Port()
         self.port = self.reserved.number
         self.url = f"nats://{host}:{self.port}"
@@ -46,8 +50,7 @@ class NatsServer:
     def configure(self, config):
         """For the next start or reload()."""
         write_file(self.folder + "/config", f'server_name: {self.name}\n'
-                   f'listen: "{self.host}:{self.port}"\njetstream {{ store_dir: "{self.folder}" }}\n'
-                   + config)
+                   f'listen: "{self.host}:{self.port}"\n{self.store}{config}')
 
     def launch(self):
         with open(self.folder + "/log", "ab") as log:
@@ -109,18 +112,20 @@ class NatsCluster:
         self.url = ",".join(server.url for server in self.servers)
 
     def start(self):
-        """Those that do not run. Waits until they have agreed on a leader."""
+        """Those that do not run. Waits until each answers, and all together take a stream."""
         for server in self.servers:
             if not server.process:
                 server.launch()
-        wait_for(lambda: all(self._ready(server) for server in self.servers), "the cluster")
+        wait_for(lambda: all(map(self._ready, self.servers)), "the cluster")
         return self
 
-    @staticmethod
-    def _ready(server):
+    def _ready(self, server):
         try:
             with server.client() as client:
-                return client.request("$JS.API.INFO", timeout=1)
+                client.request("$JS.API.STREAM.CREATE.ready", {
+                    "name": "ready", "subjects": ["ready"], "num_replicas": len(self.servers)},
+                               timeout=1)
+                return client.delete_stream("ready")
         except OSError:
             return None
 
@@ -156,7 +161,8 @@ class NatsClient:
     def __init__(self, port, host="127.0.0.1", tls=None, **connect):
         self.socket = socket.create_connection((host, port), 10)
         self.requests = 0
-        self.info = json.loads(self._line(self.socket.makefile("rb", 0))[5:])
+        with self.socket.makefile("rb", 0) as first:
+            self.info = json.loads(self._line(first)[5:])
         if tls:
             self.socket = tls.wrap_socket(self.socket, server_hostname=host)
         self.file = self.socket.makefile("rb")
@@ -174,6 +180,7 @@ class NatsClient:
         self.close()
 
     def close(self):
+        self.file.close()
         self.socket.close()
 
     @staticmethod

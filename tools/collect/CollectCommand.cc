@@ -41,8 +41,9 @@ constexpr const char* kFooter =
     "\n"
     "SIGINT and SIGTERM end the collector cleanly: it writes all that has left the agents. When "
     "the\n"
-    "output accepts nothing for 30 s, it gives up and counts what is lost. A second signal of the\n"
-    "same kind ends it at once. Of an agent that sends without a pause, one event may be lost,\n"
+    "output accepts nothing for 30 s, it gives up and counts what is lost. Without --to, a second\n"
+    "signal of the same kind ends it at once. Of an agent that sends without a pause, one event "
+    "may be lost,\n"
     "and up to 8 KiB of events where the collector is slower than the agent.\n"
     "\n"
     "--to: each event is published as one message, with the subject PREFIX.<data_type>.<agent>. "
@@ -50,8 +51,10 @@ constexpr const char* kFooter =
     "is held until the engine has acknowledged it; when as many wait as --window says, the "
     "collector\n"
     "receives nothing more, for as long as it takes, and tries again. At the end it waits --drain\n"
-    "seconds for acknowledgements; what is left then goes to the file of --unsent, which the next\n"
-    "start publishes first. No secret belongs on the command line: see --nats-user and others.\n"
+    "seconds for acknowledgements, or until a second signal; what is left then goes to the file "
+    "of\n"
+    "--unsent, which the next start publishes first. No secret belongs on the command line: see\n"
+    "--nats-user and others.\n"
     "\n"
     "--output: the current file has the name given; finished files are FILE.000001 (the oldest),\n"
     "FILE.000002 and so on. A run never appends to the file of a former run, it moves it aside.\n"
@@ -80,7 +83,7 @@ void warn_if_readable_by_others(const std::string& file) {
 }
 
 int collect(const CollectOptions& options) {
-  catch_stop_signals();
+  options.stream ? count_stop_signals() : catch_stop_signals();
   if (options.output.path.empty() && options.allow_file.empty())
     catch_hangup_as_stop();
   else

@@ -63,10 +63,11 @@ StreamProblem stream_problem(natsStatus status, int error_code, const std::strin
   }
 }
 
-FoundStream find_stream(const NatsConnection& engine, const std::string& prefix) {
+FoundStream find_stream(const NatsConnection& engine, const std::string& prefix, int wait_ms) {
   const std::string subjects = prefix + ".>";
   jsOptions options;
   jsOptions_Init(&options);
+  options.Wait = wait_ms;
   options.Stream.Info.SubjectsFilter = subjects.c_str();
   jsErrCode code = static_cast<jsErrCode>(0);
   jsStreamNamesList* names = nullptr;
@@ -79,7 +80,8 @@ FoundStream find_stream(const NatsConnection& engine, const std::string& prefix)
     fail(engine, status, code);
   found.name = names->List[0];
   jsStreamInfo* about = nullptr;
-  status = js_GetStreamInfo(&about, engine.stream(), found.name.c_str(), nullptr, &code);
+  options.Stream.Info.SubjectsFilter = nullptr;
+  status = js_GetStreamInfo(&about, engine.stream(), found.name.c_str(), &options, &code);
   if (status != NATS_OK)
     fail(engine, status, code);
   const StreamInfo info(about);
@@ -95,6 +97,7 @@ FoundStream find_stream(const NatsConnection& engine, const std::string& prefix)
   found.bytes = info->State.Bytes;
   if (info->Cluster) {
     found.leader = info->Cluster->Leader ? info->Cluster->Leader : "";
+    found.led = !found.leader.empty();
     for (int i = 0; i < info->Cluster->ReplicasLen; ++i)
       found.replicas_behind += !info->Cluster->Replicas[i]->Current;
   }

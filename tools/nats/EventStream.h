@@ -28,12 +28,15 @@ struct FoundStream {
   std::int32_t max_message = -1;  // bytes; -1: no limit
   std::uint64_t messages = 0;
   std::uint64_t bytes = 0;
+  bool led = true;
   std::string leader;  // empty: none, or a single server
   int replicas_behind = 0;
 };
 
-/// The stream that takes the subjects PREFIX.>. Throws StreamError when the engine does not tell.
-FoundStream find_stream(const NatsConnection& engine, const std::string& prefix);
+/// The stream that takes the subjects PREFIX.>. Throws StreamError when the engine does not tell,
+/// also when each of two answers takes longer than `wait_ms`.
+FoundStream find_stream(const NatsConnection& engine, const std::string& prefix,
+                        int wait_ms = NatsConnection::kAnswerMs);
 
 /// Makes one for them, named as the prefix with '-' for dots: on disk, and one that refuses events
 /// when it is full. Throws StreamError.

@@ -19,15 +19,18 @@ namespace zmqwriter {
 namespace {
 
 constexpr char kIdHeader[] = "Nats-Msg-Id";
-// Of a message's headers, more than there are.
-constexpr std::size_t kHeaderBytes = 128;
 // Then an event that is not acknowledged is published again.
 constexpr int kAnswerMs = 5000;
+constexpr int kMessageTooLarge = JSStreamMessageExceedsMaximumErr;
 constexpr auto kShortestPause = std::chrono::milliseconds(100);
 constexpr auto kLongestPause = std::chrono::milliseconds(5000);
 constexpr auto kLook = std::chrono::milliseconds(50);
+// A connection that is lost for a shorter time is not reported.
+constexpr auto kPatience = std::chrono::seconds(1);
 constexpr auto kFlushEvery = std::chrono::milliseconds(5);
 constexpr auto kFiguresEvery = std::chrono::milliseconds(200);
+// To look why there is no answer, which nothing is received meanwhile.
+constexpr int kDiagnosisMs = 500;
 // Once the window is full, events are received again when this share of it is in use.
 constexpr double kRoomAgain = 0.875;
 // Memory of larger events is given back.
@@ -55,6 +58,11 @@ unsigned long long number(std::uint64_t n) {
   return n;
 }
 
+/// Whether it takes a look at the stream to tell.
+bool is_unclear(const StreamProblem& problem) {
+  return problem.trouble == StreamTrouble::kNoStream || problem.trouble == StreamTrouble::kNoQuorum;
+}
+
 }  // namespace
 
 std::unique_ptr<EventSink> make_jetstream_sink(const JetStreamOptions& options,
@@ -73,8 +81,6 @@ JetStreamSink::~JetStreamSink() = default;
 
 void JetStreamSink::Connect() {
   engine_ = std::make_unique<NatsConnection>(options_.engine, OnAnswer, this);
-  const std::int64_t largest = natsConnection_GetMaxPayload(engine_->get());
-  largest_ = largest > 0 ? static_cast<std::size_t>(largest) : SIZE_MAX;
 }
 
 void JetStreamSink::FindStream() {
@@ -94,8 +100,6 @@ void JetStreamSink::FindStream() {
       std::fprintf(stderr, "made the stream %s for the subjects %s.>\n", stream.name.c_str(),
                    prefix.c_str());
     }
-    if (stream.max_message >= 0)
-      largest_ = std::min(largest_, static_cast<std::size_t>(stream.max_message));
   } catch (const StreamError& error) {
     if (error.trouble != StreamTrouble::kNotAuthorised || options_.create)
       throw std::runtime_error(std::string("cannot look for the stream: ") + error.what());
@@ -132,7 +136,7 @@ void JetStreamSink::Hold(const std::string& id, const EventMessage& event, std::
   bool waits;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    waits = problem_now_ || !engine_;
+    waits = problem_now_ || !connected_;
     AddHeld(id, raw, former, waits);
     window_bytes_ += raw.size();
     waiting_ += waits;
@@ -145,7 +149,7 @@ void JetStreamSink::Hold(const std::string& id, const EventMessage& event, std::
 /// In the place of a finished event, if there is one. `mutex_` is held.
 void JetStreamSink::AddHeld(const std::string& id, std::string_view raw, bool former, bool waits) {
   if (finished_.empty()) {
-    window_.emplace(id, Held{std::string(raw), Clock::now(), former, waits, !waits});
+    window_.emplace(id, Held{std::string(raw), Clock::now(), former, waits, !waits, false});
     return;
   }
   Window::node_type place = std::move(finished_.back());
@@ -157,6 +161,7 @@ void JetStreamSink::AddHeld(const std::string& id, std::string_view raw, bool fo
   held.former = former;
   held.waiting = waits;
   held.published = !waits;
+  held.refused = false;
   window_.insert(window_.end(), std::move(place));
 }
 
@@ -175,7 +180,7 @@ JetStreamSink::Clock::duration JetStreamSink::drain() const {
 bool JetStreamSink::GivesUp() {
   if (!give_up_at_ && stop_requested())
     give_up_at_ = Clock::now() + drain();
-  return give_up_at_ && Clock::now() >= *give_up_at_;
+  return stop_signals() > 1 || (give_up_at_ && Clock::now() >= *give_up_at_);
 }
 
 void JetStreamSink::AwaitRoom() {
@@ -200,12 +205,6 @@ void JetStreamSink::Publish(const std::string& id, const EventMessage& event,
   if (options_.json)
     json = event.Json(options_.json_bytes);
   const std::string_view payload = options_.json ? json : raw;
-  if (payload.size() + kHeaderBytes > largest_) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    Remove(window_.find(id));
-    DropTooLarge(event, payload.size());
-    return;
-  }
   natsMsg* made = nullptr;
   const std::string subject = event_subject(options_.engine.prefix, event);
   natsStatus status = natsMsg_Create(&made, subject.c_str(), nullptr, payload.data(),
@@ -220,20 +219,23 @@ void JetStreamSink::Publish(const std::string& id, const EventMessage& event,
     natsMsg* given = message.release();
     status = js_PublishMsgAsync(engine_->stream(), &given, &options);
     message.reset(given);
+    any_published_ |= status == NATS_OK;
   }
   if (status != NATS_OK)
-    NoteProblem(id, stream_problem(status, 0, nats_problem(status)));
+    NoteRefusal(id, payload.size(), status, 0, nats_problem(status));
 }
 
 /// `mutex_` is held.
-void JetStreamSink::DropTooLarge(const EventMessage& event, std::size_t size) {
+void JetStreamSink::DropTooLarge(Window::iterator held, std::size_t size) {
   ++lost_events_;
-  if (++figures_.too_large > kReportedTooLarge)
-    return;
-  std::fprintf(stderr,
-               "warning: dropped an event of %s: %zu bytes are more than the engine takes%s\n",
-               agent_token(event.AgentId()).c_str(), size,
-               figures_.too_large == kReportedTooLarge ? " (further ones are only counted)" : "");
+  if (++figures_.too_large <= kReportedTooLarge) {
+    const std::string& raw = held->second.raw;
+    std::fprintf(stderr,
+                 "warning: dropped an event of %s: %zu bytes are more than the engine takes%s\n",
+                 agent_token(EventMessage(raw.data(), raw.size()).AgentId()).c_str(), size,
+                 figures_.too_large == kReportedTooLarge ? " (further ones are only counted)" : "");
+  }
+  Remove(held);
 }
 
 /// `mutex_` is held.
@@ -244,10 +246,16 @@ void JetStreamSink::SetWaiting(Held* held, bool waits) {
 }
 
 /// `mutex_` is held.
+void JetStreamSink::SetRefused(Held* held, bool refused) {
+  refused_ += refused;
+  refused_ -= held->refused;
+  held->refused = refused;
+}
+
+/// `mutex_` is held.
 void JetStreamSink::Remove(Window::iterator held) {
-  if (held == window_.end())
-    return;
   SetWaiting(&held->second, false);
+  SetRefused(&held->second, false);
   window_bytes_ -= held->second.raw.size();
   former_left_ -= held->second.former;
   Window::node_type place = window_.extract(held);
@@ -255,13 +263,21 @@ void JetStreamSink::Remove(Window::iterator held) {
     finished_.push_back(std::move(place));
 }
 
-void JetStreamSink::NoteProblem(const std::string& id, const StreamProblem& problem) {
+void JetStreamSink::NoteRefusal(const std::string& id, std::size_t size, natsStatus status,
+                                int error_code, const std::string& words) {
+  StreamProblem problem = stream_problem(status, error_code, words);
   const std::lock_guard<std::mutex> lock(mutex_);
-  problem_now_ = problem;
-  ++figures_.refused[static_cast<std::size_t>(problem.trouble)];
   const auto held = window_.find(id);
-  if (held != window_.end())
+  if (held != window_.end() && (status == NATS_MAX_PAYLOAD || error_code == kMessageTooLarge))
+    return DropTooLarge(held, size);
+  if (!connected_)
+    problem.trouble = StreamTrouble::kConnectionLost;
+  (is_unclear(problem) ? unclear_ : figures_.refused[static_cast<std::size_t>(problem.trouble)])++;
+  problem_now_ = std::move(problem);
+  if (held != window_.end()) {
     SetWaiting(&held->second, true);
+    SetRefused(&held->second, true);
+  }
 }
 
 /// On a thread of the library.
@@ -273,7 +289,9 @@ void JetStreamSink::OnAnswer(jsCtx*, natsMsg* message, jsPubAck* good, jsPubAckE
   if (natsMsgHeader_Get(message, kIdHeader, &id) != NATS_OK)
     return;
   if (!good) {
-    sink->NoteProblem(id, stream_problem(bad->Err, bad->ErrCode, bad->ErrText ? bad->ErrText : ""));
+    const int size = natsMsg_GetDataLength(message);
+    sink->NoteRefusal(id, static_cast<std::size_t>(size), bad->Err, bad->ErrCode,
+                      bad->ErrText ? bad->ErrText : "");
     return;
   }
   const std::lock_guard<std::mutex> lock(sink->mutex_);
@@ -309,53 +327,57 @@ void JetStreamSink::Attend() {
 
 /// The library connects again by itself, except where it was refused.
 void JetStreamSink::KeepConnected(Clock::time_point now) {
-  const bool closed = !engine_ || engine_->closed();
-  const std::uint64_t reconnections = engine_ ? engine_->reconnections() : 0;
+  if ((!engine_ || engine_->closed()) && now >= next_try_)
+    ConnectAgain();
+  const bool connected = engine_ && engine_->connected();
+  const std::uint64_t reconnections = reconnections_ + (engine_ ? engine_->reconnections() : 0);
+  bool changed;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (!closed && figures_.reconnections == reconnections_ + reconnections)
-      return;
-    figures_.reconnections = reconnections_ + reconnections;
-    // What was under way will not be answered.
-    for (auto& [id, held] : window_)
-      SetWaiting(&held, true);
+    changed = connected != connected_ || reconnections != figures_.reconnections;
+    connected_ = connected;
+    figures_.reconnections = reconnections;
+    if (changed) {
+      changed_at_ = now;
+      // What was under way will not be answered.
+      for (auto& [id, held] : window_) {
+        SetWaiting(&held, true);
+        SetRefused(&held, true);
+      }
+      if (!problem_now_ && !window_.empty())
+        problem_now_ = StreamProblem{StreamTrouble::kConnectionLost, ""};
+    }
   }
-  if (engine_) {
+  if (changed && any_published_) {  // else libnats 3.4 crashes
     natsMsgList forgotten = {};
     if (js_PublishAsyncGetPendingList(&forgotten, engine_->stream()) == NATS_OK)
       natsMsgList_Destroy(&forgotten);
   }
-  if (closed) {
-    if (now < next_try_)
-      return;
-    if (engine_) {
-      const std::lock_guard<std::mutex> lock(mutex_);
-      problem_now_ = StreamProblem{
-          engine_->refused() ? StreamTrouble::kNotAuthorised : StreamTrouble::kConnectionLost,
-          engine_->last_problem()};
-      reconnections_ += reconnections;
-    }
-    engine_.reset();
-    try {
-      Connect();
-      ++reconnections_;
-    } catch (const std::exception& error) {
-      next_try_ = Clock::now() + pause_;
-      pause_ = std::min(2 * pause_, kLongestPause);
-      const std::lock_guard<std::mutex> lock(mutex_);
-      if (!problem_now_)
-        problem_now_ = StreamProblem{StreamTrouble::kConnectionLost, error.what()};
-      return;
-    }
+  if (changed && connected) {
+    next_try_ = now;
+    pause_ = kShortestPause;
   }
-  const std::lock_guard<std::mutex> lock(mutex_);
-  problem_now_.reset();
-  figures_.reconnections = reconnections_ + engine_->reconnections();
-  next_try_ = now;
-  pause_ = kShortestPause;
 }
 
-/// While there is trouble, only the first of what waits is tried.
+void JetStreamSink::ConnectAgain() {
+  if (engine_)
+    reconnections_ += engine_->reconnections();
+  engine_.reset();
+  any_published_ = false;
+  try {
+    Connect();
+    ++reconnections_;
+  } catch (const std::exception& error) {
+    next_try_ = Clock::now() + pause_;
+    pause_ = std::min(2 * pause_, kLongestPause);
+    const auto* const refusal = dynamic_cast<const ConnectError*>(&error);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    problem_now_ = stream_problem(refusal ? refusal->status : NATS_ERR, 0, error.what());
+  }
+}
+
+/// While there is trouble, only one of what waits is tried: another one each time, since the
+/// trouble may be one subject's.
 void JetStreamSink::PublishAgain(Clock::time_point now) {
   if (!engine_ || !engine_->connected())
     return;
@@ -378,91 +400,116 @@ void JetStreamSink::PublishAgain(Clock::time_point now) {
   pause_ = std::min(2 * pause_, kLongestPause);
 }
 
-void JetStreamSink::PublishWaiting(bool only_first) {
-  std::string id, raw;
+void JetStreamSink::PublishWaiting(bool only_one) {
+  if (!only_one)
+    tried_.clear();
+  std::string raw;
   do {
     {
       const std::lock_guard<std::mutex> lock(mutex_);
-      auto next = window_.upper_bound(id);
-      while (next != window_.end() && !next->second.waiting)
-        ++next;
+      const auto waits = [](const auto& held) { return held.second.waiting; };
+      auto next = std::find_if(window_.upper_bound(tried_), window_.end(), waits);
+      if (next == window_.end() && only_one)
+        next = std::find_if(window_.begin(), window_.end(), waits);
       if (next == window_.end())
         return;
       SetWaiting(&next->second, false);
-      id = next->first;
+      tried_ = next->first;
       raw = next->second.raw;
       figures_.repeated += std::exchange(next->second.published, true);
     }
-    Publish(id, EventMessage(raw.data(), raw.size()), raw);
-  } while (!only_first);
+    Publish(tried_, EventMessage(raw.data(), raw.size()), raw);
+  } while (!only_one);
 }
 
 /// No answer and no receiver can have several reasons.
 StreamProblem JetStreamSink::Diagnosed(const StreamProblem& problem) {
-  if (!engine_)
-    return problem;
   if (engine_->refused())
     return {StreamTrouble::kNotAuthorised, engine_->last_problem()};
-  if (!engine_->connected()) {
-    const std::string why = engine_->last_problem();
-    return {StreamTrouble::kConnectionLost, why.empty() ? "the connection is lost" : why};
-  }
-  if (problem.trouble != StreamTrouble::kNoStream && problem.trouble != StreamTrouble::kNoQuorum)
-    return problem;
   try {
-    const FoundStream stream = find_stream(*engine_, options_.engine.prefix);
+    const FoundStream stream = find_stream(*engine_, options_.engine.prefix, kDiagnosisMs);
     if (stream.name.empty())
       return {StreamTrouble::kNoStream,
               "no stream takes the subjects '" + options_.engine.prefix +
                   ".>'; make one (--create-stream does at the next start)"};
-    return {StreamTrouble::kNoQuorum, stream.leader.empty()
-                                          ? "the stream has no leader: too few of its servers run"
-                                          : problem.words};
+    if (!stream.led)
+      return {StreamTrouble::kNoQuorum, "the stream has no leader: too few of its servers run"};
+    // It was that before, if anything.
+    return {reported_.value_or(problem.trouble), problem.words};
   } catch (const StreamError& error) {
-    return {error.trouble, error.what()};
+    if (error.trouble != StreamTrouble::kNotAuthorised)
+      return {error.trouble, error.what()};
+    engine_->ForgetProblem();  // who may publish need not be allowed to look
+    return problem;
   }
 }
 
-/// Each kind of trouble is reported when it begins, and once that it is over.
+/// `mutex_` is held.
+StreamProblem JetStreamSink::Disconnected() const {
+  if (!engine_ && problem_now_)
+    return *problem_now_;
+  const std::string why = engine_ ? engine_->last_problem() : "";
+  return {engine_ && engine_->refused() ? StreamTrouble::kNotAuthorised
+                                        : StreamTrouble::kConnectionLost,
+          why.empty() ? "the connection is lost" : why};
+}
+
+/// What the engine does not take now and why, if that is known; nothing if it takes all.
+std::optional<StreamProblem> JetStreamSink::Problem(Clock::time_point now, bool* over) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (!connected_) {
+    const StreamProblem problem = Disconnected();
+    if (problem.trouble == StreamTrouble::kConnectionLost && now < changed_at_ + kPatience)
+      return std::nullopt;  // it may be back, or turn out to be refused
+    return problem;
+  }
+  if (window_.empty())
+    problem_now_.reset();
+  *over = !problem_now_ && refused_ == 0;
+  if (!problem_now_ || problem_now_->trouble == StreamTrouble::kConnectionLost)
+    return std::nullopt;  // to be tried
+  const StreamProblem problem = *problem_now_;
+  if (!is_unclear(problem))
+    return problem;
+  if (unclear_ == 0)
+    return std::nullopt;  // not tried since the last look
+  lock.unlock();
+  const StreamProblem found = Diagnosed(problem);
+  lock.lock();
+  figures_.refused[static_cast<std::size_t>(found.trouble)] += std::exchange(unclear_, 0);
+  return found;
+}
+
+/// Each kind of trouble is reported when it begins, and once that it is over: when all that was
+/// refused is acknowledged.
 void JetStreamSink::Report(Clock::time_point now) {
-  std::optional<StreamProblem> problem;
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    problem = problem_now_;
-  }
-  if (engine_ && !engine_->connected() && !problem)
-    problem = StreamProblem{StreamTrouble::kConnectionLost, ""};
-  if (!problem) {
-    if (reported_)
-      std::fprintf(stderr, "the engine takes events again, after %.0f s\n",
-                   seconds(now - trouble_since_));
-    if (reported_ && engine_)
-      engine_->ForgetProblem();
+  bool over = false;
+  const std::optional<StreamProblem> problem = Problem(now, &over);
+  if (over && reported_) {
+    std::fprintf(stderr, "the engine takes events again, after %.0f s\n",
+                 seconds(now - trouble_since_));
+    engine_->ForgetProblem();
     reported_.reset();
-    return;
   }
-  const bool known = reported_ && (*reported_ == problem->trouble ||
-                                   problem->trouble == StreamTrouble::kNoStream ||
-                                   problem->trouble == StreamTrouble::kNoQuorum);
-  if (known)
+  if (!problem || reported_ == problem->trouble)
     return;
-  const StreamProblem found = Diagnosed(*problem);
   if (!reported_)
     trouble_since_ = now;
-  if (reported_ != found.trouble)
-    std::fprintf(stderr,
-                 "warning: the engine takes no events: %s; receiving pauses when %llu events or "
-                 "%llu bytes wait\n",
-                 found.words.c_str(), number(options_.window_events),
-                 number(options_.window_bytes));
-  reported_ = found.trouble;
+  reported_ = problem->trouble;
+  std::fprintf(stderr,
+               "warning: the engine takes no events: %s; receiving pauses when %llu events or %llu "
+               "bytes wait\n",
+               problem->words.c_str(), number(options_.window_events),
+               number(options_.window_bytes));
 }
 
 void JetStreamSink::NoteFigures(Clock::time_point now) {
   next_figures_ = now + kFiguresEvery;
-  const auto servers = engine_ ? engine_->servers() : figures_.servers;
+  auto servers = engine_ ? engine_->servers() : figures_.servers;
   const std::lock_guard<std::mutex> lock(mutex_);
-  figures_.servers = servers;
+  for (auto& [name, connected] : servers)
+    connected = connected && connected_;
+  figures_.servers = std::move(servers);
   figures_.trouble = reported_ ? kStreamTroubles[static_cast<std::size_t>(*reported_)] : "";
   figures_.window_events = window_.size();
   figures_.window_bytes = window_bytes_;

@@ -50,12 +50,15 @@ class JetStreamSink : public EventSink {
     bool former;     // of a run before this
     bool waiting;    // to be published (again)
     bool published;  // at least once
+    bool refused;    // at least once
   };
   using Window = std::map<std::string, Held>;  // by id: oldest first, former runs before this one
 
   static void OnAnswer(jsCtx*, natsMsg* message, jsPubAck* good, jsPubAckErr* bad, void* self);
-  void NoteProblem(const std::string& id, const StreamProblem& problem);
+  void NoteRefusal(const std::string& id, std::size_t size, natsStatus status, int error_code,
+                   const std::string& words);
   void SetWaiting(Held* held, bool waits);
+  void SetRefused(Held* held, bool refused);
   void Remove(Window::iterator held);
 
   void Connect();
@@ -67,13 +70,16 @@ class JetStreamSink : public EventSink {
   Clock::duration drain() const;
   bool GivesUp();
   void Publish(const std::string& id, const EventMessage& event, std::string_view raw);
-  void DropTooLarge(const EventMessage& event, std::size_t size);
+  void DropTooLarge(Window::iterator held, std::size_t size);
 
   void Attend();
   void KeepConnected(Clock::time_point now);
+  void ConnectAgain();
   void PublishAgain(Clock::time_point now);
-  void PublishWaiting(bool only_first);
+  void PublishWaiting(bool only_one);
   StreamProblem Diagnosed(const StreamProblem& problem);
+  StreamProblem Disconnected() const;
+  std::optional<StreamProblem> Problem(Clock::time_point now, bool* over);
   void Report(Clock::time_point now);
   void NoteFigures(Clock::time_point now);
   void RemoveUnsentFile();
@@ -83,7 +89,6 @@ class JetStreamSink : public EventSink {
   const std::string run_;
   std::string id_;  // of the last event
   std::uint64_t count_ = 0;
-  std::size_t largest_ = 0;  // payload that the engine takes
 
   std::mutex mutex_;
   std::condition_variable answered_;
@@ -91,17 +96,24 @@ class JetStreamSink : public EventSink {
   Window window_;
   std::vector<Window::node_type> finished_;  // for the next events, so that none takes new memory
   std::size_t window_bytes_ = 0;
-  std::size_t waiting_ = 0;  // of the window
+  // Of the window.
+  std::size_t waiting_ = 0;
+  std::size_t refused_ = 0;
   std::size_t former_left_ = 0;
+  bool connected_ = true;
   std::optional<StreamProblem> problem_now_;  // since the last good answer
+  std::uint64_t unclear_ = 0;                 // refusals whose reason is not known yet
   StreamFigures figures_;
 
   bool former_published_ = false;
+  bool any_published_ = false;  // by engine_
   std::optional<StreamTrouble> reported_;
   Clock::time_point trouble_since_;
+  Clock::time_point changed_at_;  // connected_
   Clock::time_point next_try_;
   std::chrono::milliseconds pause_;
-  bool probing_ = false;  // what waits follows at once when the first is taken
+  bool probing_ = false;  // what waits follows at once when one is taken
+  std::string tried_;     // the id of that
   std::uint64_t reconnections_ = 0;
   std::optional<Clock::time_point> give_up_at_;
   Clock::time_point next_figures_;

@@ -13,7 +13,8 @@ namespace zmqwriter {
 namespace {
 
 constexpr std::size_t kLongestSecret = 4096;
-constexpr int kPingMs = 2000;
+constexpr std::size_t kLongestCertificates = std::size_t{4} << 20;
+constexpr int kPingMs = 1500;
 constexpr int kUnansweredPings = 2;
 constexpr int kShortestPauseMs = 100;
 constexpr int kLongestPauseMs = 5000;
@@ -21,7 +22,7 @@ constexpr auto kLongestEnd = std::chrono::seconds(5);
 
 void check(natsStatus status, const std::string& what) {
   if (status != NATS_OK)
-    throw std::runtime_error(what + ": " + nats_problem(status));
+    throw ConnectError(status, what + ": " + nats_problem(status));
 }
 
 std::vector<std::string> secret_lines(const std::string& path, std::size_t count,
@@ -50,11 +51,14 @@ void set_secrets(const NatsOptions& options, natsOptions* set) {
   if (!options.token.empty())
     check(natsOptions_SetToken(set, secret_lines(options.token, 1, "one line, a token")[0].c_str()),
           options.token);
-  if (!options.credentials.empty()) {
-    read_small_file(options.credentials, 65536);  // says why it cannot be read
+  // The library does not say why it cannot read a file.
+  for (const std::string& file :
+       {options.credentials, options.ca, options.certificate, options.key})
+    if (!file.empty())
+      read_small_file(file, kLongestCertificates);
+  if (!options.credentials.empty())
     check(natsOptions_SetUserCredentialsFromFiles(set, options.credentials.c_str(), nullptr),
           options.credentials);
-  }
   const bool tls = std::any_of(options.servers.begin(), options.servers.end(),
                                [](const std::string& url) { return url[0] == 't'; });
   if (tls || !options.ca.empty() || !options.certificate.empty())
@@ -78,6 +82,14 @@ const char* hint(natsStatus status) {
       return "; write tls:// in place of nats://, or give --nats-ca";
     case NATS_SECURE_CONNECTION_WANTED:
       return "; the server has no TLS";
+    case NATS_PROTOCOL_ERROR:
+    case NATS_IO_ERROR:
+    case NATS_CONNECTION_CLOSED:
+      return "; the server ended the connection: it may want another certificate (--nats-cert)";
+    case NATS_TIMEOUT:
+      return ": no answer within 2 s";
+    case NATS_NO_SERVER:
+      return "; what is there does not answer";
     default:
       return "";
   }
@@ -131,8 +143,8 @@ NatsConnection::NatsConnection(const NatsOptions& options, jsPubAckHandler handl
     std::string names;
     for (const std::string& server : options.servers)
       names += (names.empty() ? "" : ", ") + server;
-    throw std::runtime_error("cannot connect to " + names + ": " + nats_problem(status) +
-                             hint(status));
+    throw ConnectError(status,
+                       "cannot connect to " + names + ": " + nats_problem(status) + hint(status));
   }
   connection_.reset(connection);
   jsOptions stream_options;

@@ -37,13 +37,19 @@ struct NatsDeleter {
 template <typename T, void (*Destroy)(T*)>
 using NatsPtr = std::unique_ptr<T, NatsDeleter<T, Destroy>>;
 
+class ConnectError : public std::runtime_error {
+ public:
+  ConnectError(natsStatus why, const std::string& words) : std::runtime_error(words), status(why) {}
+  const natsStatus status;
+};
+
 class NatsConnection {
  public:
   /// How long a server has to answer. Longer silence ends the connection to it.
   static constexpr int kAnswerMs = 2000;
 
   /// `handler`, if any, gets the answers to js_PublishMsgAsync, on a thread of the library. Throws
-  /// std::runtime_error that says what to look at.
+  /// ConnectError that says what to look at.
   explicit NatsConnection(const NatsOptions& options, jsPubAckHandler handler = nullptr,
                           void* closure = nullptr);
   ~NatsConnection();
