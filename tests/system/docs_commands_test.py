@@ -146,20 +146,45 @@ class LinksTest(unittest.TestCase):
 
 
 class ServiceExamplesTest(unittest.TestCase):
-    def test_services_start_the_collector_for_its_user_only_with_options_that_it_has(self):
-        unit = read_file(os.path.join(EXAMPLES, "zmqwriter-collect.service")).replace("\\\n", " ")
-        unit_command = shlex.split(re.search(r"(?m)^ExecStart=(.*)$", unit).group(1))
-        with open(os.path.join(EXAMPLES, "org.example.zmqwriter-collect.plist"), "rb") as file:
-            plist = plistlib.load(file)
-        plist_command = plist["ProgramArguments"]
-        self.assertRegex(unit, r"(?m)^UMask=0077$")
-        self.assertEqual(plist["Umask"], 0o077)
-        known = subprocess.check_output([ZMQWRITER, "collect", "--help"], text=True).split()
-        for words in (unit_command, plist_command):
-            self.assertEqual([os.path.basename(words[0]), words[1]], ["zmqwriter", "collect"])
-            options = [word for word in words if word.startswith("--")]
-            self.assertGreater(len(options), 2)
-            self.assertEqual(set(options) - set(known), set())
+    SERVICES = {"collect": "collect", "follow": "replay"}  # and the subcommand
+
+    @staticmethod
+    def path(name):
+        return os.path.join(EXAMPLES, name)
+
+    def test_services_start_for_their_user_only_with_options_that_there_are(self):
+        for service, subcommand in self.SERVICES.items():
+            unit = read_file(self.path("zmqwriter-%s.service" % service)).replace("\\\n", " ")
+            unit_command = shlex.split(re.search(r"(?m)^ExecStart=(.*)$", unit).group(1))
+            with open(self.path("org.example.zmqwriter-%s.plist" % service), "rb") as file:
+                plist = plistlib.load(file)
+            self.assertEqual(plist["Label"], "org.example.zmqwriter-" + service)
+            self.assertRegex(unit, r"(?m)^UMask=0077$")
+            self.assertEqual(plist["Umask"], 0o077)
+            known = subprocess.check_output([ZMQWRITER, subcommand, "--help"], text=True).split()
+            for words in (unit_command, plist["ProgramArguments"]):
+                self.assertEqual([os.path.basename(words[0]), words[1]], ["zmqwriter", subcommand])
+                options = [word for word in words if word.startswith("--")]
+                self.assertGreater(len(options), 2)
+                self.assertEqual(set(options) - set(known), set())
+
+    @unittest.skipUnless(shutil.which("systemd-analyze"), "needs systemd-analyze")
+    def test_systemd_finds_nothing_wrong_with_the_units_and_little_exposed(self):
+        for service in self.SERVICES:
+            name = "zmqwriter-%s.service" % service
+            with tempfile.TemporaryDirectory() as folder:
+                unit = os.path.join(folder, name)
+                with open(unit, "w") as file:
+                    file.write(read_file(self.path(name)).replace("/opt/zmqwriter/bin/zmqwriter",
+                                                                  ZMQWRITER))
+                verified = subprocess.run(["systemd-analyze", "verify", unit], capture_output=True,
+                                          text=True)
+                self.assertNotIn(name, verified.stderr)
+                said = subprocess.run(["systemd-analyze", "security", "--offline=true", unit],
+                                      capture_output=True, text=True).stdout
+                if "Unknown option" not in said and said:
+                    exposure = re.search(r"exposure level for .*: ([0-9.]+)", said).group(1)
+                    self.assertLess(float(exposure), 2.0, said)
 
 
 if __name__ == "__main__":

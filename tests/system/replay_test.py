@@ -275,6 +275,18 @@ class StreamTest(ReplayTestCase):
             self.assert_each_once(collector, count)
         self.assertIn("standard input:3: no field _path tells which log it is of\n", said)
 
+    def test_record_of_a_pipe_that_stays_open_arrives(self):
+        collector = self.collect()
+        self.settings_for(collector.endpoint)
+        replay = self.start_replay("-", stdin=subprocess.PIPE, bufsize=0)
+        for number, part in enumerate((log_of(2), "2.5\tC2", "\t2\n3.5")):
+            replay.popen.stdin.write(part.encode())
+            self.assert_each_once(collector, 2 + (number == 2))
+        replay.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(replay.wait(), 1)
+        replay.popen.stdin.close()
+        self.assertIn("standard input: 3 records, not read to its end\n", replay.stderr)
+
     def test_compressed_log_that_is_cut_or_damaged_is_told_and_read_as_far_as_possible(self):
         content = gzip.compress("".join([log_of(2000)]).encode())
         for damaged, reason in ((content[:-9], "the compressed data ends early"),

@@ -143,6 +143,13 @@ LogReader::Step FollowedLog::Next(LogReader** log) {
   return LogReader::Step::kEnd;
 }
 
+void FollowedLog::Watch() {
+  if (Clock::now() < next_watch_)
+    return;
+  Look();
+  next_watch_ = Clock::now() + kBetweenLooks;
+}
+
 LogReader::Step FollowedLog::Read(File* file) {
   try {
     if (!file->reader)

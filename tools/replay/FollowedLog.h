@@ -30,6 +30,8 @@ class FollowedLog {
   /// nothing new at present. Throws LogError for a file that cannot be read; a later call goes on
   /// with the next one.
   LogReader::Step Next(LogReader** log);
+  /// Opens the files that have come to the path; to be called while Next is not.
+  void Watch();
 
   const std::string& path() const { return path_; }
   /// How far each file was read; the last is the one at the path.
@@ -65,6 +67,7 @@ class FollowedLog {
   std::vector<File> files_;  // the oldest first
   std::string said_;
   Clock::time_point next_look_;
+  Clock::time_point next_watch_;
 };
 
 }  // namespace zmqwriter

@@ -1,6 +1,8 @@
 #include "LineReader.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -80,7 +82,12 @@ class LineReader::Inflater {
 };
 
 LineReader::LineReader(const std::string& file)
-    : name_(file == "-" ? kStandardInput : file), descriptor_(open_log(file)) {}
+    : name_(file == "-" ? kStandardInput : file),
+      descriptor_(open_log(file)),
+      may_be_compressed_(true) {
+  struct stat status;
+  growing_ = pipe_ = fstat(descriptor_.get(), &status) == 0 && !S_ISREG(status.st_mode);
+}
 
 LineReader::LineReader(int descriptor, const std::string& name)
     : name_(name), descriptor_(descriptor), growing_(true) {}
@@ -138,22 +145,32 @@ bool LineReader::TakeLongLine() {
 
 /// Appends to the buffer; false at the end.
 bool LineReader::Fill() {
-  if (bytes_read_ == 0 && !growing_)
+  if (may_be_compressed_)
     FindCompression();
   if (begin_ < buffer_.size() && scanned_ == begin_)
     return true;  // what was read for that
   buffer_.erase(0, begin_);
   scanned_ -= begin_;
   begin_ = 0;
+  if (pipe_ && growing_ && !HasMore(0))
+    return false;
   const std::size_t had = buffer_.size();
   buffer_.resize(had + kReadBytes);
   const std::size_t got =
       inflater_ ? inflater_->Read(&buffer_[had], kReadBytes) : ReadBytes(&buffer_[had], kReadBytes);
   buffer_.resize(had + got);
+  if (pipe_ && got == 0)
+    Finish();
   return got > 0;
 }
 
+bool LineReader::HasMore(int timeout_ms) const {
+  pollfd input = {descriptor_.get(), POLLIN, 0};
+  return poll(&input, 1, timeout_ms) != 0;
+}
+
 void LineReader::FindCompression() {
+  may_be_compressed_ = false;
   std::string start(kReadBytes, '\0');
   std::size_t size = 0;
   while (size < kGzip.size()) {
@@ -167,6 +184,7 @@ void LineReader::FindCompression() {
     buffer_ = start;
     return;
   }
+  Finish();
   inflater_ = std::make_unique<Inflater>(this);
   inflater_->Give(start);
 }

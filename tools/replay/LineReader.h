@@ -2,7 +2,8 @@
 // of standard input.
 //
 // Lines end with LF. Memory holds one line: of a line of more than kLongestLine bytes the rest is
-// read past. A growing file gives no line before its line end has been written.
+// read past. A file that grows, or a pipe until its end, gives no line before its line end has been
+// written. What is compressed does not grow: reading it from a pipe waits.
 //
 // Errors: LogError. One thread.
 #pragma once
@@ -37,6 +38,8 @@ class LineReader {
 
   /// Reads the next line; false at the end, which is not final while the file grows.
   bool Next();
+  /// Whether a pipe has more, or has ended; waits for that.
+  bool HasMore(int timeout_ms) const;
   /// Makes Next give the current line once more.
   void PutBack() { put_back_ = true; }
   bool pending() const { return put_back_; }
@@ -81,6 +84,8 @@ class LineReader {
   const std::string name_;
   FileDescriptor descriptor_;
   bool growing_ = false;
+  bool pipe_ = false;
+  bool may_be_compressed_ = false;
   std::unique_ptr<Inflater> inflater_;  // of a compressed file
 
   std::string buffer_;

@@ -88,7 +88,7 @@ LogFeed::Step LogFeed::Feed() {
     case LogReader::Step::kEnd:
       break;
   }
-  ended_ = !followed_;
+  ended_ = unreadable_ ? !followed_ : own_ && !own_->lines().growing();
   return Step::kEnd;
 }
 

@@ -54,13 +54,15 @@ class LogFeed {
   std::string Account() const;
 
   bool ended() const { return ended_; }
+  /// The pipe that the log is read from; null when it is read from a file, or has ended.
+  const LineReader* pipe() const { return own_ && !ended_ ? &own_->lines() : nullptr; }
   /// Whether the log was read to its end without any broken line, and no writer failed.
   bool whole() const {
     return (ended_ || followed_) && !unreadable_ && broken_ == 0 && !writer_failed_;
   }
   bool writer_failed() const { return writer_failed_; }
   std::uint64_t broken() const { return broken_; }
-  const FollowedLog* followed() const { return followed_.get(); }
+  FollowedLog* followed() const { return followed_.get(); }
   std::uint64_t bytes_done() const { return own_ ? own_->lines().progress() : 0; }
   /// Size of the file; 0 if it has none.
   std::uint64_t bytes_total() const { return bytes_total_; }

@@ -2,6 +2,7 @@
 
 #include "AsciiLog.h"
 #include "JsonLog.h"
+#include "StopSignals.h"
 
 namespace zmqwriter {
 
@@ -11,6 +12,15 @@ namespace {
 std::string_view first_character(std::string_view line) {
   const auto start = line.find_first_not_of("\xef\xbb\xbf \t");
   return start == std::string_view::npos ? std::string_view() : line.substr(start, 1);
+}
+
+void wait_for_more(const LineReader& lines) {
+  constexpr int kPollMs = 100;
+  bool more = false;
+  while (!more && !stop_requested())
+    more = lines.HasMore(kPollMs);
+  if (!more)
+    throw LogError(lines.name() + ": stopped before its header was read");
 }
 
 }  // namespace
@@ -44,8 +54,11 @@ std::unique_ptr<LogReader> make_reader(std::unique_ptr<LineReader>* lines) {
 
 std::unique_ptr<LogReader> open_log(const std::string& file) {
   auto lines = std::make_unique<LineReader>(file);
-  std::unique_ptr<LogReader> log = make_reader(&lines);
-  log->ReadHeader();
+  std::unique_ptr<LogReader> log;
+  while (!(log = make_reader(&lines)))
+    wait_for_more(*lines);
+  while (!log->ReadHeader())
+    wait_for_more(log->lines());
   return log;
 }
 

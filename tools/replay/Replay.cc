@@ -138,7 +138,7 @@ class Replay {
     NoteFailures();
     const DravenholtZmqWriterStatus before_end = status_->Now();
     ReportReading();
-    if (!why_stopped_.empty() && !(drained_ && Whole()))
+    if (!why_stopped_.empty() && !((drained_ || (Following() && fed_ == 0)) && Whole()))
       ReportGivingUp(before_end);
     AnnounceEnd(before_end);
     if (!drained_)
@@ -199,7 +199,7 @@ class Replay {
     std::uint64_t steps = 0;
     for (bool any = true; any;) {
       any = false;
-      bool idle = Following();
+      bool idle = true;
       for (const auto& feed : feeds_) {
         if (feed->ended())
           continue;
@@ -207,7 +207,7 @@ class Replay {
           return;
         any = true;
         const LogFeed::Step step = feed->Feed();
-        idle = idle && step == LogFeed::Step::kEnd;
+        idle = idle && step == LogFeed::Step::kEnd && !feed->ended();
         if (step == LogFeed::Step::kRecord) {
           ++fed_;
           WaitForRate();
@@ -215,18 +215,24 @@ class Replay {
         if (++steps % kBurst == 0)
           WaitForRoom();
       }
-      if (idle)
+      if (any && idle)
         WaitForGrowth();
     }
   }
 
+  /// Nothing is to be read at present.
   void WaitForGrowth() {
     FlushAll();
     Look();
     last_progress_ = rate_start_ = Clock::now();  // a pause saves up no records for later
     rate_fed_ = fed_;
     StopIfStuck(options_.drain_s);
-    Idle(kPollForGrowth);
+    const auto pipe = std::find_if(feeds_.begin(), feeds_.end(),
+                                   [](const auto& feed) { return feed->pipe() != nullptr; });
+    if (pipe == feeds_.end())
+      return Idle(kPollForGrowth);
+    ShowProgress();
+    (*pipe)->pipe()->HasMore(kPollForGrowth.count());
   }
 
   bool Stopping() {
@@ -286,6 +292,9 @@ class Replay {
 
   void Idle(Duration pause) {
     ShowProgress();
+    if (Following())
+      for (const auto& feed : feeds_)
+        feed->followed()->Watch();  // rotated files may be removed before they are read
     std::this_thread::sleep_for(pause);
   }
 
@@ -316,7 +325,7 @@ class Replay {
   DravenholtZmqWriterStatus Look() {
     host_.Pump();
     const DravenholtZmqWriterStatus status = status_->Now();
-    if (status.running)
+    if (status.running || (Following() && !status.worker))  // no log is there yet
       last_running_ = Clock::now();
     if (status.sent != last_sent_)
       last_progress_ = Clock::now();
