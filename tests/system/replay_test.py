@@ -253,7 +253,7 @@ class JsonLogTest(ReplayTestCase):
                          [("C0", 1.5), ("C1", 1433412000.0)])
 
 
-class StreamTest(ReplayTestCase):
+class LogInputTest(ReplayTestCase):
     def replay_of(self, content, name="-"):
         collector = self.collect("--output", "-")
         self.settings_for(collector.endpoint)

@@ -76,23 +76,25 @@ FollowedLog::FollowedLog(const std::string& path, const std::vector<FilePosition
   Look();
 }
 
-/// Finds a file of an earlier run.
+/// Finds a file of an earlier run. It may be renamed while the folder is read.
 void FollowedLog::Resume(const FilePosition& position) {
-  std::vector<std::string> names;
-  list_folder(folder_, &names);
-  for (const std::string& name : names) {
-    const std::string file = folder_ + "/" + name;
-    struct stat status;
-    if (stat(file.c_str(), &status) != 0 || status.st_ino != position.inode ||
-        !S_ISREG(status.st_mode))
-      continue;
-    if (position.done && static_cast<std::uint64_t>(status.st_size) == position.offset) {
-      files_.emplace_back();
-      files_.back().at = position;
-    } else {
-      Open(file, position);
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    std::vector<std::string> names;
+    list_folder(folder_, &names);
+    for (const std::string& name : names) {
+      const std::string file = folder_ + "/" + name;
+      struct stat status;
+      if (stat(file.c_str(), &status) != 0 || status.st_ino != position.inode ||
+          !S_ISREG(status.st_mode))
+        continue;
+      if (position.done && static_cast<std::uint64_t>(status.st_size) == position.offset) {
+        files_.emplace_back();
+        files_.back().at = position;
+        return;
+      }
+      if (Open(file, position))
+        return;
     }
-    return;
   }
   if (!position.done)
     say(path_, "the file that was read up to byte " + std::to_string(position.offset) + " (inode " +
@@ -101,15 +103,19 @@ void FollowedLog::Resume(const FilePosition& position) {
                    "it without --follow");
 }
 
-/// Adds a file to be read from a position.
-void FollowedLog::Open(const std::string& name, FilePosition at) {
+/// Adds a file to be read from a position, unless it cannot be read, which is said. False when
+/// another file has that name now, or none.
+bool FollowedLog::Open(const std::string& name, const FilePosition& at) {
   FileDescriptor descriptor(open(name.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat status;
   if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0) {
-    if (errno != ENOENT)
-      SayOnce(std::string("cannot be read: ") + std::strerror(errno));
-    return;
+    if (errno == ENOENT)
+      return false;
+    SayOnce("cannot read " + name + ": " + std::strerror(errno));
+    return true;
   }
+  if (status.st_ino != at.inode)
+    return false;
   const bool is_same = at.offset <= static_cast<std::uint64_t>(status.st_size) &&
                        (at.offset == 0 || start_checksum(descriptor.get(), at.offset) == at.start);
   if (!is_same)
@@ -121,6 +127,7 @@ void FollowedLog::Open(const std::string& name, FilePosition at) {
   file.lines = std::make_unique<LineReader>(descriptor.Release(), name);
   file.lines->SkipTo(is_same ? at.offset : 0);
   files_.push_back(std::move(file));
+  return true;
 }
 
 LogReader::Step FollowedLog::Next(LogReader** log) {
@@ -191,16 +198,18 @@ void FollowedLog::Look() {
   }
   if (!S_ISREG(status.st_mode))
     return SayOnce("is not a regular file: it cannot be followed");
-  if (!files_.empty() && files_.back().at.inode == status.st_ino)
+  const auto known = FindFile(status.st_ino);
+  if (known != files_.end() && known + 1 == files_.end() && !known->at.done)
     return;
-  FilePosition at;
-  if (const auto known = FindFile(status.st_ino); known != files_.end()) {
-    at = known->Position();
+  if (known != files_.end()) {  // it has come back
+    const FilePosition at = known->Position();
     files_.erase(known);
-  } else {
-    AddFilesBetween(status.st_ino);
+    Open(path_, at);
+  } else if (AddFilesBetween(status.st_ino)) {
+    FilePosition at;
+    at.inode = status.st_ino;
+    Open(path_, at);
   }
-  Open(path_, at);
   while (files_.size() > kMostFiles && files_.front().at.done)
     files_.erase(files_.begin());
 }
@@ -222,16 +231,22 @@ void FollowedLog::LookForTruncation() {
   files_.back() = std::move(file);
 }
 
-/// Adds the files that were at the path after the last one that was seen there.
-void FollowedLog::AddFilesBetween(std::uint64_t newest) {
+/// Adds the files that were at the path after the last one that was seen there. False when the
+/// names have changed meanwhile.
+bool FollowedLog::AddFilesBetween(std::uint64_t newest) {
   struct stat last;
   if (files_.empty() || files_.back().at.done ||
       fstat(files_.back().source()->descriptor(), &last) != 0)
-    return;
+    return true;
   std::vector<std::string> names;
   list_folder(folder_, &names);
   const std::string base = std::filesystem::path(path_).filename().string();
-  std::vector<std::pair<std::pair<long long, long>, std::string>> found;
+  struct Found {
+    std::pair<long long, long> time;
+    std::uint64_t inode;
+    std::string file;
+  };
+  std::vector<Found> found;
   for (const std::string& name : names) {
     const std::string file = folder_ + "/" + name;
     struct stat status;
@@ -240,13 +255,19 @@ void FollowedLog::AddFilesBetween(std::uint64_t newest) {
         FindFile(status.st_ino) != files_.end() || time_of(status) < time_of(last))
       continue;
     if (!ends_with(name, ".gz"))
-      found.emplace_back(time_of(status), file);
+      found.push_back({time_of(status), status.st_ino, file});
     else if (time_of(status) > time_of(last))
       say(file, "is newer than what was read, but compressed: replay it without --follow");
   }
-  std::sort(found.begin(), found.end());
-  for (const auto& [time, file] : found)
-    Open(file, FilePosition());
+  std::sort(found.begin(), found.end(),
+            [](const Found& one, const Found& other) { return one.time < other.time; });
+  for (const Found& one : found) {
+    FilePosition at;
+    at.inode = one.inode;
+    if (!Open(one.file, at))
+      return false;
+  }
+  return true;
 }
 
 std::vector<FollowedLog::File>::iterator FollowedLog::FindFile(std::uint64_t inode) {

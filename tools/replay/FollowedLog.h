@@ -56,8 +56,8 @@ class FollowedLog {
   void Resume(const FilePosition& position);
   void Look();
   void LookForTruncation();
-  void AddFilesBetween(std::uint64_t newest);
-  void Open(const std::string& name, FilePosition at);
+  bool AddFilesBetween(std::uint64_t newest);
+  bool Open(const std::string& name, const FilePosition& at);
   LogReader::Step Read(File* file);
   std::vector<File>::iterator FindFile(std::uint64_t inode);
   void SayOnce(const std::string& text);
