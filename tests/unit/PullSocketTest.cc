@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -11,9 +13,11 @@
 #include <unistd.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -138,6 +142,26 @@ TEST_F(PullSocketTest, LargestMessageArrivesAndOneByteMoreDoesNot) {
   EXPECT_EQ(zmq_msg_size(&message), 6u);
   zmq_msg_close(&message);
 }
+
+#ifdef __linux__
+TEST_F(PullSocketTest, ManyClientsMayWaitToBeAccepted) {
+  std::ifstream limit("/proc/sys/net/core/somaxconn");
+  int allowed = 0;
+  limit >> allowed;
+  socket_.Bind("tcp://127.0.0.1:*");
+  int waiting = -1;
+  for (int fd = 0; fd < 256; ++fd) {
+    int listens = 0;
+    socklen_t size = sizeof listens;
+    tcp_info info = {};
+    socklen_t info_size = sizeof info;
+    if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens &&
+        getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &info_size) == 0)
+      waiting = static_cast<int>(info.tcpi_sacked);  // where a socket listens: how many may wait
+  }
+  EXPECT_EQ(waiting, std::min(allowed, PullSocket::kBacklog));
+}
+#endif
 
 TEST_F(PullSocketTest, SocketOfAFormerRunIsReplacedAndNothingElse) {
   const test::TempDir temp;

@@ -34,9 +34,11 @@ bool would_replace_file(const std::string& endpoint) {
 bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
   const int yes = 1;
   const int high_water = PullSocket::kReceiveHighWater;
+  const int backlog = PullSocket::kBacklog;
   const int handshake_ms = PullSocket::kHandshakeMs;
   const auto largest = static_cast<std::int64_t>(PullSocket::kLargestMessage + kCurveBytes);
   return zmq_setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water) == 0 &&
+         zmq_setsockopt(socket, ZMQ_BACKLOG, &backlog, sizeof backlog) == 0 &&
          zmq_setsockopt(socket, ZMQ_HANDSHAKE_IVL, &handshake_ms, sizeof handshake_ms) == 0 &&
          zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &largest, sizeof largest) == 0 &&
          zmq_setsockopt(socket, ZMQ_CURVE_SERVER, &yes, sizeof yes) == 0 &&

@@ -21,6 +21,9 @@ namespace zmqwriter {
 class PullSocket {
  public:
   static constexpr int kReceiveHighWater = 64;
+  /// Clients that may wait to be accepted. All agents connect at once when a collector comes back;
+  /// one that finds no room tries again after a second and later. The system may allow fewer.
+  static constexpr int kBacklog = 1024;
   /// Then a client that has not finished its handshake is cut off.
   static constexpr int kHandshakeMs = 10000;
   /// No event of an agent is nearly as long.
