@@ -13,13 +13,13 @@ constexpr const char* kRetentions[] = {"limits", "interest", "workqueue"};
 
 using StreamInfo = NatsPtr<jsStreamInfo, jsStreamInfo_Destroy>;
 
-[[noreturn]] void fail(const NatsConnection& engine, natsStatus status, int error_code) {
+}  // namespace
+
+void throw_stream_error(const NatsConnection& engine, natsStatus status, int error_code) {
   if (engine.refused())
     throw StreamError({StreamTrouble::kNotAuthorised, engine.last_problem()});
   throw StreamError(stream_problem(status, error_code, nats_problem(status)));
 }
-
-}  // namespace
 
 StreamProblem stream_problem(natsStatus status, int error_code, const std::string& words) {
   const std::string text = words.empty() ? natsStatus_GetText(status) : words;
@@ -63,8 +63,7 @@ StreamProblem stream_problem(natsStatus status, int error_code, const std::strin
   }
 }
 
-FoundStream find_stream(const NatsConnection& engine, const std::string& prefix, int wait_ms) {
-  const std::string subjects = prefix + ".>";
+FoundStream find_stream(const NatsConnection& engine, const std::string& subjects, int wait_ms) {
   jsOptions options;
   jsOptions_Init(&options);
   options.Wait = wait_ms;
@@ -77,13 +76,13 @@ FoundStream find_stream(const NatsConnection& engine, const std::string& prefix,
   if (status == NATS_NOT_FOUND || (status == NATS_OK && names->Count == 0))
     return found;
   if (status != NATS_OK)
-    fail(engine, status, code);
+    throw_stream_error(engine, status, code);
   found.name = names->List[0];
   jsStreamInfo* about = nullptr;
   options.Stream.Info.SubjectsFilter = nullptr;
   status = js_GetStreamInfo(&about, engine.stream(), found.name.c_str(), &options, &code);
   if (status != NATS_OK)
-    fail(engine, status, code);
+    throw_stream_error(engine, status, code);
   const StreamInfo info(about);
   const jsStreamConfig& config = *info->Config;
   found.limits = {config.Replicas, std::max<std::int64_t>(config.MaxAge / kNanoseconds, 0),
@@ -93,8 +92,10 @@ FoundStream find_stream(const NatsConnection& engine, const std::string& prefix,
   found.discards_old = config.Discard == js_DiscardOld;
   found.in_memory = config.Storage == js_MemoryStorage;
   found.max_message = config.MaxMsgSize;
+  found.created = info->Created;
   found.messages = info->State.Msgs;
   found.bytes = info->State.Bytes;
+  found.last_sequence = info->State.LastSeq;
   if (info->Cluster) {
     found.leader = info->Cluster->Leader ? info->Cluster->Leader : "";
     found.led = !found.leader.empty();
@@ -125,7 +126,7 @@ void create_stream(const NatsConnection& engine, const std::string& prefix,
   jsErrCode code = static_cast<jsErrCode>(0);
   const natsStatus status = js_AddStream(nullptr, engine.stream(), &config, nullptr, &code);
   if (status != NATS_OK)
-    fail(engine, status, code);
+    throw_stream_error(engine, status, code);
 }
 
 std::vector<std::string> stream_differences(const FoundStream& stream, const StreamLimits& limits) {

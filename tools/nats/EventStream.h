@@ -26,20 +26,22 @@ struct FoundStream {
   bool discards_old = false;
   bool in_memory = false;
   std::int32_t max_message = -1;  // bytes; -1: no limit
+  std::int64_t created = 0;       // ns since 1970
   std::uint64_t messages = 0;
   std::uint64_t bytes = 0;
+  std::uint64_t last_sequence = 0;
   bool led = true;
   std::string leader;  // empty: none, or a single server
   int replicas_behind = 0;
 };
 
-/// The stream that takes the subjects PREFIX.>. Throws StreamError when the engine does not tell,
-/// also when each of two answers takes longer than `wait_ms`.
-FoundStream find_stream(const NatsConnection& engine, const std::string& prefix,
+/// The stream that takes such subjects. Throws StreamError when the engine does not tell, also when
+/// each of two answers takes longer than `wait_ms`.
+FoundStream find_stream(const NatsConnection& engine, const std::string& subjects,
                         int wait_ms = NatsConnection::kAnswerMs);
 
-/// Makes one for them, named as the prefix with '-' for dots: on disk, and one that refuses events
-/// when it is full. Throws StreamError.
+/// Makes one for the subjects PREFIX.>, named as the prefix with '-' for dots: on disk, and one
+/// that refuses events when it is full. Throws StreamError.
 void create_stream(const NatsConnection& engine, const std::string& prefix,
                    const StreamLimits& limits);
 
@@ -52,5 +54,9 @@ class StreamError : public std::runtime_error {
       : std::runtime_error(problem.words), trouble(problem.trouble) {}
   const StreamTrouble trouble;
 };
+
+/// Throws StreamError with what the engine said; a missing right counts more than `status`.
+[[noreturn]] void throw_stream_error(const NatsConnection& engine, natsStatus status,
+                                     int error_code);
 
 }  // namespace zmqwriter

@@ -1,6 +1,9 @@
 #include "JetStreamOptions.h"
 
+#include <time.h>
+
 #include <algorithm>
+#include <cstdio>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -12,6 +15,7 @@ namespace zmqwriter {
 namespace {
 
 constexpr std::int64_t kLongestAge_s = std::int64_t{36500} * 86400;
+const std::map<char, std::int64_t> kTimes = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
 
 /// A positive number with a unit, of which `units` gives the factor; -1 if it is none.
 std::int64_t with_unit(const std::string& text, const std::map<char, std::int64_t>& units) {
@@ -22,19 +26,47 @@ std::int64_t with_unit(const std::string& text, const std::map<char, std::int64_
   return number && *number > 0 && *number <= INT64_MAX / factor ? *number * factor : -1;
 }
 
+/// In s since 1970, of "2026-11-22", "2026-11-22T07:35" or "2026-11-22T07:35:58.5" with "Z", a zone
+/// like "+02:00", or in this machine's; -1 if it is none of these.
+double point_in_time(const std::string& text) {
+  struct tm parts = {};
+  const char* rest = strptime(text.c_str(), "%Y-%m-%d", &parts);
+  if (rest && *rest == 'T')
+    rest = strptime(rest + 1, "%H:%M", &parts);
+  double seconds = 0;
+  int size = 0;
+  if (rest && *rest == ':' && std::sscanf(rest, ":%lf%n", &seconds, &size) == 1)
+    rest += size;
+  if (!rest || !(seconds >= 0 && seconds < 61))
+    return -1;
+  const bool local = *rest == '\0';
+  int hours = 0, minutes = 0;
+  char sign[2] = "+";
+  if (*rest == 'Z')
+    ++rest;
+  else if (std::sscanf(rest, "%1[+-]%2d:%2d%n", sign, &hours, &minutes, &size) == 3)
+    rest += size;
+  const int day = parts.tm_mday;
+  parts.tm_isdst = -1;
+  const time_t whole = local ? mktime(&parts) : timegm(&parts);
+  if (*rest != '\0' || parts.tm_mday != day)
+    return -1;
+  return static_cast<double>(whole) + seconds -
+         (sign[0] == '-' ? -60 : 60) * (60 * hours + minutes);
+}
+
 }  // namespace
 
 StreamLimits stream_limits(const std::string& text) {
   StreamLimits limits;
   const std::map<char, std::int64_t> none,
-      times = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}},
       sizes = {{'K', 1 << 10}, {'M', 1 << 20}, {'G', 1 << 30}, {'T', std::int64_t{1} << 40}};
   struct Limit {
     std::int64_t* value;
     const std::map<char, std::int64_t>& units;
   };
   std::map<std::string, Limit> known = {{"replicas", {&limits.replicas, none}},
-                                        {"max-age", {&limits.max_age_s, times}},
+                                        {"max-age", {&limits.max_age_s, kTimes}},
                                         {"max-bytes", {&limits.max_bytes, sizes}},
                                         {"max-msgs", {&limits.max_msgs, none}}};
   std::istringstream parts(text);
@@ -57,6 +89,18 @@ StreamLimits stream_limits(const std::string& text) {
   if (limits.max_age_s > kLongestAge_s)
     throw std::invalid_argument("max-age must be at most 36500d");
   return limits;
+}
+
+std::int64_t start_time(const std::string& text) {
+  const std::int64_t span = with_unit(text, kTimes);
+  const double start = span < 0 ? point_in_time(text)
+                                : static_cast<double>(time(nullptr)) - static_cast<double>(span);
+  // Beyond that the nanoseconds do not fit.
+  if (start <= 0 || start > 9e9 || (span >= 0 && number_in<std::int64_t>(text)))
+    throw std::invalid_argument("'" + text +
+                                "' must be a time, like 2026-11-22T07:35:58Z or 2026-11-22, or how "
+                                "long ago, like 2h or 7d");
+  return static_cast<std::int64_t>(start * 1e9);
 }
 
 }  // namespace zmqwriter

@@ -26,6 +26,10 @@ struct StreamLimits {
 /// Throws std::invalid_argument.
 StreamLimits stream_limits(const std::string& text);
 
+/// The time that `text` names, in ns since 1970: e.g. "2026-11-22T07:35:58Z" or "2026-11-22", or
+/// how long ago, e.g. "2h". Throws std::invalid_argument.
+std::int64_t start_time(const std::string& text);
+
 struct JetStreamOptions {
   NatsOptions engine;
   std::optional<StreamLimits> create;  // of a stream to be made; none: it must exist

@@ -86,7 +86,7 @@ void JetStreamSink::Connect() {
 void JetStreamSink::FindStream() {
   const std::string& prefix = options_.engine.prefix;
   try {
-    FoundStream stream = find_stream(*engine_, prefix);
+    FoundStream stream = find_stream(*engine_, prefix + ".>");
     if (!stream.name.empty()) {
       if (options_.create)
         for (const std::string& difference : stream_differences(stream, *options_.create))
@@ -96,7 +96,7 @@ void JetStreamSink::FindStream() {
                                ".>'; make one with --create-stream replicas=N,max-age=DAYSd");
     } else {
       create_stream(*engine_, prefix, *options_.create);
-      stream = find_stream(*engine_, prefix);
+      stream = find_stream(*engine_, prefix + ".>");
       std::fprintf(stderr, "made the stream %s for the subjects %s.>\n", stream.name.c_str(),
                    prefix.c_str());
     }
@@ -427,7 +427,7 @@ StreamProblem JetStreamSink::Diagnosed(const StreamProblem& problem) {
   if (engine_->refused())
     return {StreamTrouble::kNotAuthorised, engine_->last_problem()};
   try {
-    const FoundStream stream = find_stream(*engine_, options_.engine.prefix, kDiagnosisMs);
+    const FoundStream stream = find_stream(*engine_, options_.engine.prefix + ".>", kDiagnosisMs);
     if (stream.name.empty())
       return {StreamTrouble::kNoStream,
               "no stream takes the subjects '" + options_.engine.prefix +

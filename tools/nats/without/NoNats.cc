@@ -3,13 +3,26 @@
 #include <stdexcept>
 
 #include "JetStreamOptions.h"
+#include "StreamReader.h"
 
 namespace zmqwriter {
 
-std::unique_ptr<EventSink> make_jetstream_sink(const JetStreamOptions&, CollectStats*) {
+namespace {
+
+[[noreturn]] void fail() {
   throw std::runtime_error(
       "this zmqwriter was built without NATS; install libnats-dev (Debian, Ubuntu) or cnats "
       "(Homebrew) and build it again");
+}
+
+}  // namespace
+
+std::unique_ptr<EventSink> make_jetstream_sink(const JetStreamOptions&, CollectStats*) {
+  fail();
+}
+
+int read_stream(const ReadOptions&) {
+  fail();
 }
 
 }  // namespace zmqwriter

@@ -1,0 +1,301 @@
+"""zmqwriter decode --from: reads events back from real servers of NATS JetStream."""
+
+import array
+import fcntl
+import json
+import os
+import random
+import signal
+import termios
+import time
+import unittest
+
+from cli_support import CliTest, framed, make_event, needs_zmq, read_file, wait_for, write_file
+from nats_support import NatsCluster, NatsServer, needs_nats
+
+
+def uids(text):
+    """Of whole lines; a killed reader may leave a part of one."""
+    return [json.loads(line)["uid"] for line in text.split("\n")[:-1]]
+
+
+@needs_zmq
+@needs_nats
+class StreamTestCase(CliTest):
+    def serve(self, server=None, user=None, **stream):
+        self.server = (server or NatsServer(".")).start()
+        self.addCleanup(self.server.kill)
+        self.client = self.connect(**user or {})
+        if not user:
+            self.make_stream(**stream)
+
+    def connect(self, **options):
+        """To any server of a cluster that runs."""
+        for server in getattr(self.server, "servers", [self.server]):
+            if server.process:
+                client = server.client(**options)
+                self.addCleanup(client.close)
+                return client
+
+    def make_stream(self, **stream):
+        self.client.make_stream("events", subjects=["zmqwriter.>"], **stream)
+
+    def publish(self, *numbers, kind="Tn5250Data"):
+        """Events that have the numbers as uid."""
+        for number in numbers:
+            self.client.publish("zmqwriter.%s.a%d" % (kind, number % 3),
+                                make_event(uid=b"%d" % number, agent=b"a"))
+        last = wait_for(lambda: self.client.stream("events"), "the stream")["state"]["last_seq"]
+        return last
+
+    def decode(self, *arguments):
+        return self.run_tool("decode", "--from", self.server.url, *arguments)
+
+    def follow(self, *arguments, file=None):
+        with open(file or os.devnull, "ab") as out:
+            return self.start("decode", "--from", self.server.url, "--follow", *arguments,
+                              **({"stdout": out} if file else {}))
+
+    def make_durable(self, name, **config):
+        self.client.request("$JS.API.CONSUMER.DURABLE.CREATE.events.%s" % name, {
+            "stream_name": "events", "config": {
+                "durable_name": name, "ack_policy": "explicit", "deliver_policy": "all",
+                "filter_subject": "zmqwriter.>", "max_deliver": -1, "replay_policy": "instant",
+                **config}})
+
+    def durable(self, name):
+        return self.client.request("$JS.API.CONSUMER.INFO.events." + name)
+
+
+class StreamReadTest(StreamTestCase):
+    def test_what_is_in_the_stream_is_printed_as_from_a_file(self):
+        self.serve()
+        big = [make_event(uid=b"big", details=b"x" * 1000000)] * 20
+        events = [make_event(uid=b"%d" % n, details=b"\xff \n") for n in range(1000)]
+        for event in events + big:
+            self.client.publish("zmqwriter.Tn5250Data._", event)
+        self.publish()
+        raw = self.decode("--format", "raw")
+        self.assertEqual((raw.returncode, raw.stderr, raw.stdout),
+                         (0, "", framed(*events, *big)))
+        for options in ((), ("--json-bytes", "base64")):
+            self.assertEqual(self.decode(*options).stdout,
+                             self.run_tool("decode", *options, stdin=raw.stdout).stdout)
+        text = self.decode("--format", "text").stdout
+        self.assertEqual(text.count(b"\n"), 1020)
+        self.assertIn(b'details="', text)
+
+    def test_subject_and_time_choose_events(self):
+        self.serve()
+        self.publish(1, 2)
+        time.sleep(2.1)  # a time is given in whole seconds
+        self.publish(3, 4, kind="HttpData")
+        now = time.time()
+
+        def iso(seconds, form="%Y-%m-%dT%H:%M:%SZ"):
+            return time.strftime(form, time.gmtime(now + seconds))
+        environment = dict(os.environ, TZ="Etc/GMT-5")  # 5 hours ahead
+        for arguments, expected in (
+                (["--subject", "zmqwriter.HttpData.>"], "34"), (["--subject", "zmqwriter.*.a1"], "14"),
+                (["--since", "1h"], "1234"), (["--since", "2d"], "1234"),
+                (["--since", iso(-1)], "34"), (["--since", iso(3600)], ""),
+                (["--since", iso(7199, "%Y-%m-%dT%H:%M:%S.25+02:00")], "34"),
+                (["--since", iso(5 * 3600 - 3600, "%Y-%m-%dT%H:%M")], "1234"),
+                (["--since", iso(5 * 3600 + 3600, "%Y-%m-%dT%H:%M")], ""),
+                (["--since", iso(-86400, "%Y-%m-%d")], "1234")):
+            result = self.run_tool("decode", "--from", self.server.url, *arguments, env=environment)
+            self.assertEqual(("".join(uids(result.stdout.decode())), result.stderr), (expected, ""),
+                             arguments)
+        for wrong in ("", "7", "-1h", "2h3", "2026", "2026-02-30", "2026-01-01T25:00", "2026-01-01Z1",
+                      "2026-01-01T10:00:99", "1900-01-01", "2h "):
+            result = self.decode("--since", wrong)
+            self.assertEqual(result.returncode, 2, wrong)
+            self.assertIn("must be a time", result.stderr)
+
+    def test_no_event_is_reported_with_its_number_and_never_comes_again(self):
+        self.serve()
+        self.publish(1)
+        self.client.publish("zmqwriter.X.y", b"no event")
+        self.client.publish("zmqwriter.X.y", b'{"uid":"2",')
+        self.publish(3)
+        result = self.decode("--durable", "d")
+        self.assertEqual((result.returncode, uids(result.stdout.decode())), (1, ["1", "3"]))
+        self.assertRegex(result.stderr, r"^stream events: sequence 2: .*\n"
+                         r"stream events: sequence 3: .*\nstream events: 2 messages are no event\n$")
+        result = self.decode("--durable", "d")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", ""))
+
+    def test_events_published_as_json_are_printed_as_they_are_or_stay(self):
+        self.serve()
+        line = b'{"uid":"1","ts":1.0,"data":null}'
+        self.client.publish("zmqwriter.X.y", line)
+        self.publish()
+        for form in ("raw", "text"):
+            result = self.decode("--durable", "d", "--format", form)
+            self.assertEqual((result.returncode, result.stdout), (1, b""))
+            self.assertIn("sequence 1: was published as JSON, which only --format json can print",
+                          result.stderr)
+        result = self.decode("--durable", "d")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, line + b"\n", ""))
+
+    def test_mistakes_are_named(self):
+        account = ('{user: r, password: s, permissions: {publish: ["$JS.API.STREAM.>", '
+                   '"$JS.API.CONSUMER.INFO.>", "zmqwriter.>"], subscribe: ">"}}')
+        self.serve(NatsServer(".", "authorization { users: [{user: a, password: b}, %s] }\n" % account),
+                   {"user": "a", "pass": "b"})
+        for name, secret in (("admin", "a\nb\n"), ("reader", "r\ns\n"), ("wrong", "r\nx\n")):
+            write_file(name, secret)
+        self.client = self.connect(**{"user": "a", "pass": "b"})
+
+        def failed(user, *arguments, status=1):
+            result = self.decode("--nats-user", user, *arguments)
+            self.assertEqual((result.returncode, result.stdout), (status, b""), result.stderr)
+            return result.stderr
+        self.assertIn("no stream takes the subjects 'zmqwriter.>'; 'collect --to", failed("admin"))
+        self.make_stream()
+        self.make_durable("other", filter_subject="zmqwriter.HttpData.>")
+        self.make_durable("push", deliver_subject="x")
+        self.assertIn("has the filter 'zmqwriter.HttpData.>', not 'zmqwriter.>'; name another",
+                      failed("admin", "--durable", "other"))
+        self.assertIn("is not one that gives events on demand", failed("admin", "--durable", "push"))
+        self.assertRegex(failed("reader"), "(?i)permissions violation")
+        self.assertIn("look at --nats-user", failed("wrong"))
+        for arguments in (["--durable", "a.b"], ["file"], ["--format", "xml"]):
+            failed("admin", *arguments, status=2)
+        self.server.kill()
+        self.assertIn("cannot connect to " + self.server.url, failed("admin"))
+
+
+class StreamDurableTest(StreamTestCase):
+    def test_killed_readers_lose_nothing_and_share_the_work(self):
+        self.serve()
+        self.make_durable("d", ack_wait=1500000000, max_ack_pending=10000)
+        names, readers, kills = [], [], 0
+        seed = random.randrange(1 << 32)
+        print("seed", seed)
+        chance = random.Random(seed)
+
+        def start():
+            names.append("out%d" % len(names))
+            readers.append(self.follow("--durable", "d", file=names[-1]))
+        for _ in range(3):
+            start()
+        sent = 0
+        while kills < 12 or sent < 30000:
+            self.publish(*range(sent, sent + 1000))
+            sent += 1000
+            victim = readers.pop(chance.randrange(3))
+            time.sleep(chance.random() / 20)
+            victim.popen.kill()
+            victim.wait()
+            kills += 1
+            start()
+        rest = self.decode("--durable", "d")  # ends when the others have acknowledged, too
+        self.assertEqual((rest.returncode, rest.stderr), (0, ""))
+        state = self.durable("d")
+        self.assertEqual((state["num_pending"], state["num_ack_pending"]), (0, 0))
+        for reader in readers:
+            reader.popen.terminate()
+            self.assertEqual((reader.wait(), reader.stderr), (0, ""))
+        got = [uids(read_file(name)) for name in names] + [uids(rest.stdout.decode())]
+        numbers = sorted(int(uid) for part in got for uid in part)
+        self.assertEqual(sorted(set(numbers)), list(range(sent)))
+        self.assertLessEqual(len(numbers) - sent, kills * 256)
+        self.assertGreaterEqual(sum(1 for part in got if part), 3)
+
+    def test_nothing_is_acknowledged_before_it_is_written(self):
+        self.serve()
+        self.publish(*range(5000))
+        self.make_durable("d", ack_wait=1500000000)
+        arguments = ["decode", "--from", self.server.url, "--durable", "d"]
+        read_end, write_end = os.pipe()
+        reader = self.start(*arguments, stdout=write_end)
+        os.close(write_end)
+        # Nobody reads the pipe, so the reader writes no more when it is full.
+        in_pipe = array.array("i", [0])
+        wait_for(lambda: fcntl.ioctl(read_end, termios.FIONREAD, in_pipe) == 0 and
+                 in_pipe[0] > 60000, "a full pipe")
+        acknowledged = self.durable("d")["ack_floor"]["stream_seq"]
+        reader.popen.kill()
+        with os.fdopen(read_end) as pipe:
+            written = uids(pipe.read())
+        self.assertGreater(acknowledged, 0)
+        self.assertLessEqual(acknowledged, len(written))
+        # What finds nobody who reads is given back at once.
+        read_end, write_end = os.pipe()
+        os.close(read_end)
+        reader = self.start(*arguments, stdout=write_end)
+        os.close(write_end)
+        self.assertEqual(reader.wait(), 1)
+        self.assertIn("cannot write the output: Broken pipe", reader.stderr)
+        rest = uids(self.decode("--durable", "d").stdout.decode())
+        self.assertEqual(sorted({int(uid) for uid in written + rest}), list(range(5000)))
+
+    def test_the_next_run_goes_on(self):
+        self.serve()
+        self.publish(*range(600))
+        self.assertEqual(len(uids(self.decode("--durable", "d").stdout.decode())), 600)
+        self.publish(600)
+        again = self.decode("--durable", "d", "--since", "1s")
+        self.assertEqual(uids(again.stdout.decode()), ["600"])
+        self.assertIn("goes on where it was: --since has no effect", again.stderr)
+        self.assertEqual(self.durable("d")["config"]["ack_wait"], 30 * 10**9)
+
+
+class StreamFollowTest(StreamTestCase):
+    def test_reading_goes_on_when_the_server_comes_back(self):
+        self.serve()
+        plain, durable = readers = [self.follow(), self.follow("--durable", "d")]
+        sent = 0
+
+        def await_events(numbers):
+            for reader in readers:
+                wait_for(lambda: set(numbers) <= {int(uid) for uid in uids(reader.stdout)}, "the events")
+
+        def await_words(words):
+            for reader in readers:
+                wait_for(lambda: words in reader.stderr, words)
+        for end in (self.server.kill, self.server.stop, None):
+            self.publish(*range(sent, sent + 1000))
+            sent += 1000
+            await_events(range(sent))
+            if end:
+                end()
+                await_words("warning: reading pauses: ")
+                self.server.start()
+                self.client = self.connect()
+                await_words("reading again\n")
+        self.assertEqual(uids(plain.stdout), [str(n) for n in range(sent)])
+        self.client.request("$JS.API.CONSUMER.DELETE.events.d")
+        wait_for(lambda: "the durable consumer d was removed" in durable.stderr, "the warning")
+        self.decode("--durable", "d")  # makes it again
+        wait_for(lambda: durable.stderr.count("reading again") == 3, "the consumer")
+        self.client.delete_stream("events")
+        await_words("no stream takes")
+        self.make_stream()
+        self.publish(sent)
+        await_events(range(sent + 1))
+        for reader in readers:
+            reader.popen.send_signal(signal.SIGINT)
+            self.assertEqual(reader.wait(), 0)
+
+    def test_the_leader_is_killed_while_readers_follow(self):
+        self.serve(NatsCluster("."), num_replicas=3)
+        readers = [self.follow(), self.follow("--durable", "d")]
+        sent = 0
+        for _ in range(3):
+            self.publish(*range(sent, sent + 2000))
+            sent += 2000
+            leader = self.server.leader("events")
+            leader.kill()
+            self.client = self.connect()
+            self.server.leader("events")
+            wait_for(lambda: len(readers[0].lines()) >= sent, "the events")
+            self.server.start()
+        wait_for(lambda: len(set(uids(readers[1].stdout))) >= sent, "the events")
+        self.assertEqual(uids(readers[0].stdout), [str(n) for n in range(sent)])
+        self.assertEqual({int(uid) for uid in uids(readers[1].stdout)}, set(range(sent)))
+
+
+if __name__ == "__main__":
+    unittest.main()
