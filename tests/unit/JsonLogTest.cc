@@ -58,6 +58,30 @@ TEST(JsonLogTest, KnownColumnsHaveTheirTypesAndWhatNoEventHoldsIsLeftOut) {
               ElementsAre("header", "smtp to:{'a' 'b,c'} reqSize:9"));
 }
 
+TEST(JsonLogTest, LogsThatNoStockHostHasAreKnownToo) {
+  const struct {
+    const char* path;
+    const char* columns;  // JSON
+    const char* values;
+  } cases[] = {
+      {"ldap", R"("user":"a","message":"b","resultCode":3,"base":"c")",
+       "user:'a' message:'b' resultCode:3 base:'c'"},
+      {"smb", R"("user":"a","share":"b","filename":"c","action":"d","filesize":5)",
+       "user:'a' share:'b' filename:'c' action:'d' filesize:5"},
+      {"tds", R"("user":"a","database":"b","app":"c","sql":"d")",
+       "user:'a' database:'b' app:'c' sql:'d'"},
+      {"dce_rpc",
+       R"("request_type":"a","interface_uuid":"b","interface_name":"c","opnum":4,"method":"e",)"
+       R"("arguments":"f","raw_args":"g")",
+       "request_type:'a' interface_uuid:'b' interface_name:'c' opnum:4 method:'e' arguments:'f' "
+       "raw_args:'g'"},
+      {"tn5250", R"("protocol":"a","details":"b")", "protocol:'a' details:'b'"},
+  };
+  for (const auto& one : cases)
+    EXPECT_THAT(read(std::string(one.path) + ".log", "{" + std::string(one.columns) + "}\n"),
+                ElementsAre("header", std::string(one.path) + " " + one.values));
+}
+
 TEST(JsonLogTest, ColumnThatScriptsAddChangesTheHeaderOnce) {
   const std::string lines =
       "{\"conn_state\":\"SF\"}\n{\"process\":\"ssh\"}\n{\"conn_state\":\"S0\"}\n";
