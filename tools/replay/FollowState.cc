@@ -69,10 +69,11 @@ void FollowState::Read(const std::string& content) {
       throw std::runtime_error("another version");
     exact_ = state.at("exact").get<bool>();
     for (const auto& [log, files] : state.at("logs").items()) {
+      std::vector<FilePosition>& positions = positions_[log];  // none of a log that never was there
       for (const auto& file : files)
-        positions_[log].push_back(
-            {file.at("inode").get<std::uint64_t>(), file.at("offset").get<std::uint64_t>(),
-             file.at("start").get<std::uint32_t>(), file.at("done").get<bool>()});
+        positions.push_back({file.at("inode").get<std::uint64_t>(),
+                             file.at("offset").get<std::uint64_t>(),
+                             file.at("start").get<std::uint32_t>(), file.at("done").get<bool>()});
     }
   } catch (const std::exception&) {
     throw std::runtime_error(file_ + ": damaged, or no state of 'replay --follow'" + kStartAnew);
