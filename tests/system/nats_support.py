@@ -7,6 +7,7 @@ import re
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import time
@@ -14,7 +15,7 @@ import unittest
 
 from cli_support import DEADLINE, read_file, wait_for, write_file
 
-NATS_SERVER = shutil.which("nats-server")
+NATS_SERVER = shutil.which("nats-server") or shutil.which("nats-server", path="/usr/sbin")
 needs_nats = unittest.skipUnless(NATS_SERVER, "needs nats-server")
 
 
@@ -41,16 +42,16 @@ class NatsServer:
         self.folder = os.path.abspath(os.path.join(folder, name))
         os.makedirs(self.folder)
         self.name, self.host, self.options, self.process = name, host, options, None
-        self.store = f'jetstream {{ store_dir: "{self.folder}" }}\n' if jetstream else ""
         self.reserved = Port()
         self.port = self.reserved.number
         self.url = f"nats://{host}:{self.port}"
-        self.configure(config)
+        self.configure(config, jetstream)
 
-    def configure(self, config):
+    def configure(self, config, jetstream=True):
         """For the next start or reload()."""
+        store = f'jetstream {{ store_dir: "{self.folder}" }}\n' if jetstream else ""
         write_file(self.folder + "/config", f'server_name: {self.name}\n'
-                   f'listen: "{self.host}:{self.port}"\n{self.store}{config}')
+                   f'listen: "{self.host}:{self.port}"\n{store}{config}')
 
     def launch(self):
         with open(self.folder + "/log", "ab") as log:
@@ -301,3 +302,8 @@ def make_certificates(folder="."):
             openssl("x509", "-req", "-in", who + ".csr", "-CA", kind + "ca.pem", "-CAkey",
                     kind + "ca.key", "-CAcreateserial", "-out", who + ".pem", "-days", "2",
                     "-extfile", "names")
+
+
+def trusting(path):
+    """What NatsClient takes as `tls`."""
+    return ssl.create_default_context(cafile=path)

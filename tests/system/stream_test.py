@@ -365,6 +365,11 @@ class StreamTest(StreamCase):
                 with server.client(**root) as client:
                     getattr(client, action)(*arguments, **options)
             return act
+
+        def start_again(jetstream):
+            server.kill()
+            server.configure(permit('"zmqwriter.>"'), jetstream)
+            server.start()
         with server.client(**root) as client:
             client.make_stream("zmqwriter", subjects=["zmqwriter.>"], discard="new", max_msgs=20)
         collector = self.collect_to(server.url, "--nats-user", "user", create=None)
@@ -379,6 +384,7 @@ class StreamTest(StreamCase):
                 ("not_authorised",
                  lambda: server.reload(users()),
                  lambda: server.reload(permit('"zmqwriter.>"'))),
+                ("other", lambda: start_again(False), lambda: start_again(True)),
                 ("connection_lost", server.kill, server.start))):
             with self.subTest(number=number, trouble=trouble):
                 cause()
@@ -393,7 +399,7 @@ class StreamTest(StreamCase):
         figures = self.figures(collector)
         for trouble in ("full", "no_stream", "not_authorised"):
             self.assertGreater(figures["refused"][trouble], 0, trouble)
-        self.assertEqual((figures["acknowledged"], figures["window"]["events"]), (120, 0))
+        self.assertEqual((figures["acknowledged"], figures["window"]["events"]), (140, 0))
         self.end(collector)
 
     def test_a_cluster_without_its_majority(self):

@@ -227,7 +227,6 @@ void JetStreamSink::Publish(const std::string& id, const EventMessage& event,
 
 /// `mutex_` is held.
 void JetStreamSink::DropTooLarge(Window::iterator held, std::size_t size) {
-  ++lost_events_;
   if (++figures_.too_large <= kReportedTooLarge) {
     const std::string& raw = held->second.raw;
     std::fprintf(stderr,
@@ -549,6 +548,7 @@ void JetStreamSink::Finish() {
   lock.lock();
   for (const auto& [id, held] : window_)
     unsent.push_back({id, held.raw});
+  lost_events_ = figures_.too_large;
   lock.unlock();
   if (lost_events_ > 0)
     problem_ = "the engine takes no events as large as some were";
