@@ -542,9 +542,8 @@ def print_account(trials):
     return problems
 
 
-def main():
-    global no_root
-    parser = argparse.ArgumentParser(description=__doc__,
+def options_of(description):
+    parser = argparse.ArgumentParser(description=description,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--quick", action="store_true", help="two outages of each kind")
     parser.add_argument("--only", default="", help="only the kinds that match this expression")
@@ -552,13 +551,17 @@ def main():
     parser.add_argument("--seed", type=int, default=random.randrange(10 ** 6))
     options = parser.parse_args()
     print("seed", options.seed, flush=True)
+    return options
+
+
+def run_all(kinds, options):
+    """Runs the kinds that were asked for, all at the same time. Gives them with their accounts."""
+    global no_root
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
-    no_root = enter_own_network()
+    no_root = no_root or enter_own_network()
     begin = time.monotonic()
     with tempfile.TemporaryDirectory(prefix="zmqwriter-campaign-") as folder:
-        trials = [kind(folder, options) for kind in (
-            CollectorKilled, CollectorRestarted, CollectorFrozen, NetworkCut, DiskFull, AgentKilled,
-            SpoolDamaged) if re.search(options.only, kind.title)]
+        trials = [kind(folder, options) for kind in kinds if re.search(options.only, kind.title)]
         threads = [threading.Thread(target=trial.run, daemon=True) for trial in trials]
         try:
             for thread in threads:
@@ -574,7 +577,13 @@ def main():
             Trial.ended = True
             for trial in trials:
                 trial.clean()
-    problems = print_account(trials)
+    return trials
+
+
+def main():
+    problems = print_account(run_all((
+        CollectorKilled, CollectorRestarted, CollectorFrozen, NetworkCut, DiskFull, AgentKilled,
+        SpoolDamaged), options_of(__doc__)))
     print("\n".join(problems) or "Every lost event is explained by a stated limit.")
     sys.exit(1 if problems else 0)
 

@@ -144,7 +144,7 @@ class NatsCluster:
             for server in self.servers:
                 try:
                     with server.client() as client:
-                        name = client.stream(stream)["cluster"]["leader"]
+                        name = client.stream(stream, timeout=1)["cluster"]["leader"]
                     return next(other for other in self.servers if other.name == name)
                 except (OSError, KeyError, StopIteration):
                     pass
@@ -251,9 +251,9 @@ class NatsClient:
     def delete_stream(self, name):
         return self.request("$JS.API.STREAM.DELETE." + name)
 
-    def stream(self, name):
+    def stream(self, name, timeout=10):
         """What the engine tells about the stream: "config", "state", "cluster"."""
-        return self.request("$JS.API.STREAM.INFO." + name, timeout=2)
+        return self.request("$JS.API.STREAM.INFO." + name, timeout=timeout)
 
     def message(self, stream, number):
         """The message with this number: its subject, headers, payload."""

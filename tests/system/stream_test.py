@@ -70,7 +70,7 @@ class StreamCase(CliTest):
         def stored():
             try:
                 with server.client(**login) as client:
-                    return client.stream("zmqwriter")["state"]["messages"] >= count
+                    return client.stream("zmqwriter", 2)["state"]["messages"] >= count
             except (TimeoutError, NatsError):  # a cluster has no leader
                 return False
         wait_for(stored, f"{count} events")
