@@ -18,7 +18,7 @@ attributed like this:
   and what neither arrives nor is on disk after `spool repair`, was in its memory. If a later event
   of its log has arrived or is on disk, it was in the plug-in's queue or in libzmq. Otherwise it may
   also have been in the host's threads; these hold what is read in a second. Records of the last
-  4096 bytes, which may not have left the input buffer, count as written only if seen again.
+  65536 bytes, which may not have left the input buffer, count as written only if seen again.
 - Spool damaged: as before, and after each kill one file of the repaired spool is damaged at random.
   Only the damaged event, or what is behind a cut or a damaged length in its file, may be lost.
 
@@ -187,7 +187,7 @@ class Agent:
             if log in self.logs:
                 at = int(cli.read_file(f"{process}/fdinfo/{descriptor}").split()[1])
                 text = cli.read_file(f"{self.folder}/{log}")
-                for events, end in (read, at - 4096), (perhaps, at):
+                for events, end in (read, at - 65536), (perhaps, at):
                     lines = text.count("\n", 0, max(0, end))
                     events |= {(log, n) for n in range(lines - self.logs[log])}
         self.process.stop()
