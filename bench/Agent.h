@@ -10,8 +10,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -23,6 +21,7 @@
 #include "standin/ReportRecorder.h"
 
 #include "ScriptConstants.h"
+#include "System.h"
 #include "TempDir.h"
 #include "WriterUnderTest.h"
 
@@ -39,10 +38,8 @@ class AgentSurroundings {
 
   /// An error of the plug-in ends the program.
   void check() const {
-    for (const std::string& error : reports_.Texts(standin::ReportKind::kError)) {
-      std::fprintf(stderr, "the plug-in: %s\n", error.c_str());
-      std::_Exit(1);
-    }
+    for (const std::string& error : reports_.Texts(standin::ReportKind::kError))
+      give_up("the plug-in: " + error);
   }
 
  private:
@@ -64,10 +61,8 @@ class Agent {
   }
 
   void write(int writer, test::RecordBuilder& record) {
-    if (!writers_[static_cast<std::size_t>(writer)]->write(record)) {
-      std::fprintf(stderr, "the plug-in refused a record\n");
-      std::_Exit(1);
-    }
+    if (!writers_[static_cast<std::size_t>(writer)]->write(record))
+      give_up("the plug-in refused a record");
   }
 
   int writers() const { return static_cast<int>(writers_.size()); }

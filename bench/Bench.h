@@ -1,4 +1,4 @@
-// What the benchmark programs share: the names by which bench/run finds their figures, and clocks.
+// What the benchmark programs share: the names by which bench/run finds their figures.
 //
 // A benchmark is named "MEASURE/CASE/SIDE". The side is "ours" or the name of a floor or a peer,
 // which stands beside ours of the same measure and case, and of each case that begins with its own
@@ -15,15 +15,13 @@
 // report.py reads the names and has the goals.
 #pragma once
 
-#include <sys/resource.h>
-#include <sys/time.h>
-
-#include <chrono>
 #include <cstring>
 #include <functional>
 #include <string>
 
 #include <benchmark/benchmark.h>
+
+#include "System.h"
 
 namespace bench {
 
@@ -59,24 +57,6 @@ inline int run(int argc, char** argv, void (*add_all)(bool quick)) {
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;
-}
-
-/// Seconds that the work took by the clock.
-inline double seconds(const std::function<void()>& work) {
-  const auto begin = std::chrono::steady_clock::now();
-  work();
-  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-  return took.count();
-}
-
-/// Processor time of this process so far, all threads.
-inline double cpu_seconds() {
-  rusage usage = {};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto of = [](const timeval& t) {
-    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
-  };
-  return of(usage.ru_utime) + of(usage.ru_stime);
 }
 
 }  // namespace bench

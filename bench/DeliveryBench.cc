@@ -33,13 +33,13 @@
 #include "Agent.h"
 #include "Bench.h"
 #include "PolloutSpin.h"
-#include "RecordConversion.h"
 #include "SampleRecords.h"
 #include "SinkProcess.h"
 #include "ZmqWorker.h"
 
 namespace {
 
+using bench::give_up;
 using bench::SinkProcess;
 using logging::writer::ZmqWorker;
 
@@ -59,12 +59,8 @@ struct Load {
   std::vector<std::shared_ptr<void>> owners;  // of the records
 
   void add(test::RecordBuilder& record) {
-    flatbuffers::FlatBufferBuilder builder(logging::writer::kInitialBufferBytes);
-    logging::writer::convert_record(builder, "agent-7", record.size(), record.fields(),
-                                    record.vals());
     records.push_back(&record);
-    messages.emplace_back(reinterpret_cast<const char*>(builder.GetBufferPointer()),
-                          builder.GetSize());
+    messages.push_back(bench::message(record, "agent-7"));
   }
 
   /// Of so many messages, in turn over and over.
@@ -99,11 +95,6 @@ Load sized_load(std::size_t bytes, std::uint64_t events) {
   load.add(*record);
   load.owners.push_back(record);
   return load;
-}
-
-[[noreturn]] void give_up(const std::string& what) {
-  std::fprintf(stderr, "DeliveryBench: %s\n", what.c_str());
-  std::_Exit(1);
 }
 
 /// Whether everything came whole that the writers wrote, so many messages each.

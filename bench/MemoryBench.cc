@@ -31,12 +31,8 @@ namespace {
 
 constexpr std::uint64_t kEarly = 10000;
 
+using bench::give_up;
 using Figures = std::vector<double>;
-
-[[noreturn]] void give_up(const char* what) {
-  std::fprintf(stderr, "MemoryBench: %s\n", what);
-  std::_Exit(1);
-}
 
 double resident_kb() {
   long total = 0;

@@ -8,14 +8,11 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -23,7 +20,6 @@
 #include <vector>
 
 #include "Bench.h"
-#include "Command.h"
 #include "UserDetect.h"
 
 // The host's headers.
@@ -33,6 +29,8 @@
 
 namespace {
 
+using bench::give_up;
+
 constexpr int kProcesses = 500;
 
 /// One of the two ends of a connection within a process.
@@ -40,11 +38,6 @@ struct Endpoints {
   std::uint32_t port_a;  ///< network byte order
   std::uint32_t port_b;
 };
-
-[[noreturn]] void die(const char* what) {
-  std::perror(what);
-  std::exit(1);
-}
 
 sockaddr_in loopback() {
   sockaddr_in address = {};
@@ -57,7 +50,7 @@ std::uint16_t local_port(int fd) {
   sockaddr_in address = {};
   socklen_t length = sizeof address;
   if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-    die("getsockname");
+    give_up("getsockname");
   return address.sin_port;
 }
 
@@ -67,14 +60,14 @@ Endpoints open_connections(int sockets) {
   sockaddr_in address = loopback();
   if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
       listen(listener, 16) != 0)
-    die("listen");
+    give_up("listen");
   address.sin_port = local_port(listener);
   Endpoints last = {};
   for (int i = 0; i < sockets / 2; ++i) {
     const int client = socket(AF_INET, SOCK_STREAM, 0);
     if (client < 0 || connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         accept(listener, nullptr, nullptr) < 0)
-      die("connect");
+      give_up("connect");
     last = {local_port(client), address.sin_port};
   }
   return last;
@@ -85,7 +78,7 @@ class Crowd {
  public:
   Crowd(int processes, int sockets) {
     if (pipe(release_) != 0)
-      die("pipe");
+      give_up("pipe");
     for (int i = 0; i < processes; ++i)
       start(sockets / processes);
   }
@@ -107,10 +100,10 @@ class Crowd {
   void start(int sockets) {
     int report[2];
     if (pipe(report) != 0)
-      die("pipe");
+      give_up("pipe");
     const pid_t pid = fork();
     if (pid < 0)
-      die("fork");
+      give_up("fork");
     if (pid == 0) {
       close(release_[1]);
       const Endpoints last = open_connections(sockets);
@@ -124,7 +117,7 @@ class Crowd {
     Endpoints last;
     close(report[1]);
     if (read(report[0], &last, sizeof last) != static_cast<ssize_t>(sizeof last))
-      die("a process of the crowd");
+      give_up("a process of the crowd");
     close(report[0]);
     pids_.push_back(pid);
     connections_.push_back(last);
@@ -149,10 +142,8 @@ void query(const Endpoints& endpoints) {
   const bool found = names->Lookup(0u)->AsString()->Len() > 0;
   Unref(const_cast<VectorVal*>(names));
   Unref(conn);
-  if (!found) {
-    std::fprintf(stderr, "ProbeBench: the owner of a socket was not found\n");
-    std::exit(1);
-  }
+  if (!found)
+    give_up("the owner of a socket was not found");
 }
 
 /// What nobody can do without who wants to know where all descriptors lead: each process's list,
@@ -161,7 +152,7 @@ void look_at_all_descriptors() {
   std::size_t links = 0;
   DIR* const processes = opendir("/proc");
   if (!processes)
-    die("/proc");
+    give_up("/proc");
   while (const dirent* process = readdir(processes)) {
     if (process->d_name[0] < '0' || process->d_name[0] > '9')
       continue;
@@ -178,15 +169,7 @@ void look_at_all_descriptors() {
   }
   closedir(processes);
   if (links == 0)
-    die("/proc/PID/fd");
-}
-
-void allow_many_descriptors() {
-  rlimit limit;
-  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-  }
+    give_up("/proc/PID/fd");
 }
 
 /// The only crowd that there is, with so many sockets. To change their number takes long: bench/run
@@ -218,7 +201,7 @@ void add(int sockets, const std::string& owner, const std::string& side,
 }
 
 void add_all(bool) {
-  allow_many_descriptors();
+  bench::allow_many_descriptors();
   for (const int sockets : {1000, 10000}) {
     // The newest process is listed first.
     add(sockets, ", owner first", "ours", [](const auto& all) { query(all.back()); });

@@ -8,6 +8,7 @@
 #include <random>
 #include <utility>
 
+#include "RecordConversion.h"
 #include "aggregator_generated.h"
 
 namespace bench {
@@ -520,6 +521,24 @@ Samples samples(const std::string& kind, std::size_t count) {
     if (maker.first == kind)
       return make_samples(count, maker.second);
   return {};
+}
+
+std::string message(test::RecordBuilder& record, const std::string& agent) {
+  FlatBufferBuilder builder(logging::writer::kInitialBufferBytes);
+  logging::writer::convert_record(builder, agent, record.size(), record.fields(), record.vals());
+  return std::string(reinterpret_cast<const char*>(builder.GetBufferPointer()), builder.GetSize());
+}
+
+std::string agent_name(std::size_t number) {
+  return "agent-" + std::to_string(number);
+}
+
+std::vector<std::string> messages(std::size_t agents) {
+  const Samples records = samples("connection", 64);
+  std::vector<std::string> made;
+  for (std::size_t i = 0; i < agents; ++i)
+    made.push_back(message(records[i % records.size()]->record(), agent_name(i)));
+  return made;
 }
 
 Samples wide_samples(int columns, std::size_t count) {

@@ -45,6 +45,13 @@ std::vector<std::string> kinds();
 /// `count` records of a kind.
 Samples samples(const std::string& kind, std::size_t count);
 
+/// The message of a record, as the plug-in converts it.
+std::string message(test::RecordBuilder& record, const std::string& agent);
+
+std::string agent_name(std::size_t number);
+/// A connection's for each of so many agents.
+std::vector<std::string> messages(std::size_t agents);
+
 /// Connection records of `columns` columns, 5 or more: at first those of a connection, and behind
 /// them such as no message carries.
 Samples wide_samples(int columns, std::size_t count);

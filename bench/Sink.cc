@@ -25,22 +25,12 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <string>
 
-#include <zmq.h>
+#include "ReceivingSocket.h"
 
 namespace {
-
-constexpr int kPatience_ms = 60000;
-
-void check(bool good, const char* what) {
-  if (good)
-    return;
-  std::fprintf(stderr, "Sink: %s: %s\n", what, zmq_strerror(zmq_errno()));
-  std::exit(1);
-}
 
 /// Bytes received so far over all TCP connections that this process has.
 std::uint64_t wire_bytes() {
@@ -57,92 +47,44 @@ std::uint64_t wire_bytes() {
   return sum;
 }
 
-class Sink {
- public:
-  Sink() : context_(zmq_ctx_new()), socket_(zmq_socket(context_, ZMQ_PULL)) {
-    char public_key[41];
-    char secret_key[41];
-    const int yes = 1;
-    check(zmq_curve_keypair(public_key, secret_key) == 0, "CURVE");
-    zmq_setsockopt(socket_, ZMQ_CURVE_SERVER, &yes, sizeof yes);
-    zmq_setsockopt(socket_, ZMQ_CURVE_SECRETKEY, secret_key, sizeof secret_key);
-    zmq_setsockopt(socket_, ZMQ_RCVTIMEO, &kPatience_ms, sizeof kPatience_ms);
-    check(zmq_bind(socket_, "tcp://127.0.0.1:*") == 0, "bind");
-    char endpoint[256];
-    std::size_t length = sizeof endpoint;
-    zmq_getsockopt(socket_, ZMQ_LAST_ENDPOINT, endpoint, &length);
-    endpoint_ = endpoint;
-    std::uint8_t bytes[32];
-    zmq_z85_decode(bytes, public_key);
-    std::printf("%s ", endpoint);
-    for (const std::uint8_t byte : bytes)
-      std::printf("%02X", byte);
-    std::printf(" %s\n", public_key);
-    std::fflush(stdout);
+void expect(bench::ReceivingSocket* socket, std::uint64_t warm_up, std::uint64_t messages) {
+  static std::uint64_t wire_before = 0;
+  std::uint64_t bytes = 0;
+  const auto count = [&bytes](const void*, std::size_t size) { bytes += size; };
+  for (std::uint64_t i = 0; i < warm_up; ++i)
+    socket->receive(count);
+  auto begin = std::chrono::steady_clock::now();
+  for (std::uint64_t i = 0; i < messages; ++i) {
+    socket->receive(count);
+    if (warm_up == 0 && i == 0)
+      begin = std::chrono::steady_clock::now();
   }
-
-  ~Sink() {
-    zmq_close(socket_);
-    zmq_ctx_term(context_);
-  }
-
-  Sink(const Sink&) = delete;
-  Sink& operator=(const Sink&) = delete;
-
-  void close() { check(zmq_unbind(socket_, endpoint_.c_str()) == 0, "unbind"); }
-  void open() { check(zmq_bind(socket_, endpoint_.c_str()) == 0, "bind"); }
-
-  void expect(std::uint64_t warm_up, std::uint64_t messages) {
-    std::uint64_t bytes = 0;
-    for (std::uint64_t i = 0; i < warm_up; ++i)
-      bytes += receive();
-    auto begin = std::chrono::steady_clock::now();
-    for (std::uint64_t i = 0; i < messages; ++i) {
-      bytes += receive();
-      if (warm_up == 0 && i == 0)
-        begin = std::chrono::steady_clock::now();
-    }
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-    const std::uint64_t wire = wire_bytes();
-    std::printf("received %llu %llu %llu %.9f\n", static_cast<unsigned long long>(messages),
-                static_cast<unsigned long long>(bytes),
-                static_cast<unsigned long long>(wire - wire_before_), took.count());
-    wire_before_ = wire;
-  }
-
- private:
-  /// The length of the next message.
-  std::size_t receive() {
-    zmq_msg_t msg;
-    zmq_msg_init(&msg);
-    check(zmq_msg_recv(&msg, socket_, 0) >= 0, "receive");
-    const std::size_t length = zmq_msg_size(&msg);
-    zmq_msg_close(&msg);
-    return length;
-  }
-
-  void* const context_;
-  void* const socket_;
-  std::string endpoint_;
-  std::uint64_t wire_before_ = 0;
-};
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+  const std::uint64_t wire = wire_bytes();
+  std::printf("received %llu %llu %llu %.9f\n", static_cast<unsigned long long>(messages),
+              static_cast<unsigned long long>(bytes),
+              static_cast<unsigned long long>(wire - wire_before), took.count());
+  wire_before = wire;
+}
 
 }  // namespace
 
 int main() {
-  Sink sink;
+  bench::ReceivingSocket socket;
+  std::puts(socket.greeting().c_str());
+  std::fflush(stdout);
   std::string command;
   while (std::cin >> command) {
     std::uint64_t warm_up = 0;
     std::uint64_t messages = 0;
     if (command == "close") {
-      sink.close();
+      socket.close();
       std::puts("closed");
     } else if (command == "open") {
-      sink.open();
+      socket.open();
       std::puts("opened");
     } else if (command == "expect" && std::cin >> warm_up >> messages && messages > 0) {
-      sink.expect(warm_up, messages);
+      expect(&socket, warm_up, messages);
     } else {
       std::fprintf(stderr, "Sink: what is '%s'?\n", command.c_str());
       return 2;

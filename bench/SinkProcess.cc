@@ -8,16 +8,9 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "System.h"
+
 namespace bench {
-
-namespace {
-
-[[noreturn]] void give_up(const char* what) {
-  std::fprintf(stderr, "the receiving process: %s\n", what);
-  std::_Exit(1);
-}
-
-}  // namespace
 
 SinkProcess::SinkProcess() {
   int input[2];

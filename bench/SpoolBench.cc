@@ -34,12 +34,8 @@ constexpr std::int64_t kFileBytes = 10485760;  // the spool's own default for a 
 /// Of the records that are drained.
 constexpr std::int64_t kDrainedBytes = 400;
 
+using bench::give_up;
 using File = std::unique_ptr<FILE, int (*)(FILE*)>;
-
-[[noreturn]] void give_up(const char* what) {
-  std::fprintf(stderr, "SpoolBench: %s\n", what);
-  std::_Exit(1);
-}
 
 /// A fresh working directory with the parent of the spool's folder, which is compiled in.
 class WorkFolder {

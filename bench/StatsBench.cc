@@ -7,7 +7,6 @@
 #include <string>
 
 #include "Bench.h"
-#include "Command.h"
 #include "SystemStats.h"
 
 // The host's headers.

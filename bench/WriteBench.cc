@@ -135,10 +135,8 @@ void add(const std::string& of, const std::string& side, std::size_t count, std:
     counters["[ns/record]"] = (bench::cpu_seconds() - cpu) / all * 1e9;
     counters["all writers [1/s]"] = all / clock;
     counters["writers: DoWrite [s]"] = clock;
-    if (std::filesystem::is_empty(paths::kSpoolFolder))
-      return;
-    std::fprintf(stderr, "the queue was full: the figures hold for the spool too\n");
-    std::_Exit(1);
+    if (!std::filesystem::is_empty(paths::kSpoolFolder))
+      bench::give_up("the queue was full: the figures hold for the spool too");
   });
 }
 

@@ -21,6 +21,7 @@ GOALS = [
     ("delivered", ".*", "libzmq loop, spinning for room", ">= 0.9"),
     ("shipped", ".*", ".*", ">= 0.5"),
     ("shipped, .*", ".*", ".*", "< 1"),
+    ("published", ".*", "bare loop", ">= 0.9"),
     ("spool .*", ".*", ".*", "<= 1.15"),
     ("UserDetect query", ".*", "ss", "<= 0.2"),
     ("SystemStats reading", ".*", "df", "<= 0.2"),

@@ -21,10 +21,8 @@ the whole sending process. Bytes on the wire are those of the TCP connection, as
 system counts them. Without rsyslog or its module there are no rows, and standard error says so.
 """
 
-import argparse
 import json
 import os
-import random
 import re
 import shutil
 import signal
@@ -32,7 +30,9 @@ import subprocess
 import sys
 import tempfile
 
-SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.dont_write_bytecode = True
+from processes import SOURCE, Failed, Process, in_turns, main  # noqa: E402
+
 WARM_UP = 1000
 
 # What an event has no place for (docs/wire-format.md).
@@ -47,14 +47,6 @@ NOT_IN_EVENT = {
 # What an event carries beside its columns.
 AGENT = "agent-7"
 ENVELOPE = {"agent_id": AGENT, "tz_minutes_west": 0}
-
-
-class Failed(Exception):
-    """One of the two could not be measured; says why."""
-
-
-class Broken(Exception):
-    """Nothing can be measured, as something of ours does not work; says what."""
 
 
 # -- Records --------------------------------------------------------------------------------------
@@ -122,78 +114,37 @@ def unescape(text):
     return data.decode("utf-8", "surrogateescape")
 
 
-# -- The receiving end ----------------------------------------------------------------------------
-
-
-class Sink:
-    """The program Sink, for one sender."""
-
-    def __init__(self, build):
-        try:
-            self.process = subprocess.Popen([os.path.join(build, "bench", "Sink")], text=True,
-                                            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        except OSError as error:
-            raise Broken("Sink cannot be run: %s" % error)
-        words = self.process.stdout.readline().split()
-        if len(words) != 3:
-            self.process.communicate()
-            raise Broken("Sink did not start")
-        self.endpoint, self.key_hex, self.key_z85 = words
-
-    def expect(self, count):
-        self.process.stdin.write("expect %d %d\n" % (WARM_UP, count - WARM_UP))
-        self.process.stdin.flush()
-
-    def wait(self):
-        """Events per second, bytes of all of them and those on the wire per event."""
-        words = self.process.stdout.readline().split()
-        if not words:
-            raise Failed("not all events arrived")
-        count, size, wire, seconds = int(words[1]), int(words[2]), int(words[3]), float(words[4])
-        return count / seconds, size, wire / (count + WARM_UP)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.communicate()
-
-
 # -- The senders ----------------------------------------------------------------------------------
 
 
-def run_sender(command, folder, sink, count, size=None):
-    """Events per second, processor time (us) and bytes on the wire per event of one process. A
-    sender that does not end by itself is ended once everything has arrived. Other events than
-    those of `size` bytes altogether, where that is known, are a failure."""
-    sink.expect(count)
-    with open(os.path.join(folder, "output"), "wb") as output:
-        process = subprocess.Popen(command, cwd=folder, stdout=output, stderr=output,
-                                   stdin=subprocess.DEVNULL)
-    try:
-        rate, received, wire = sink.wait()
-    finally:
-        # Not by send_signal, which would take the end of one that has ended, and its times with it.
-        os.kill(process.pid, signal.SIGTERM)
-        _, status, usage = os.wait4(process.pid, 0)
-        process.returncode = status
-    if size is not None and received != size:
-        raise Failed("%d bytes arrived instead of %d" % (received, size))
-    cpu = usage.ru_utime + usage.ru_stime
-    return rate, cpu * 1e6 / count, wire
+def ship(build, folder, count, command, prepare, size=None):
+    """The figures of one process that sends to a fresh Sink. `prepare` gets the sink's words and
+    writes what the command reads from the folder. The process is ended once everything has arrived.
+    Other events than those of `size` bytes altogether, where that is known, are a failure."""
+    with Process(os.path.join(build, "bench", "Sink")) as sink:
+        prepare(*sink.words())
+        sink.tell("expect %d %d" % (WARM_UP, count - WARM_UP))
+        with Process(*command, cwd=folder, stderr=subprocess.DEVNULL) as sender:
+            _, received, all_bytes, wire, seconds = sink.words()
+            sender.end(signal.SIGTERM)
+            if size not in (None, int(all_bytes)):
+                raise Failed("%s bytes arrived instead of %d" % (all_bytes, size))
+            return {"[events/s]": int(received) / float(seconds),
+                    "processor time [us/event]": sender.cpu() * 1e6 / count,
+                    "bytes on the wire [B/event]": int(wire) / count}
 
 
 def run_ours(build, log, count):
     """Replays the log to a fresh sink."""
-    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder, Sink(build) as sink:
-        os.mkdir(os.path.join(folder, "orvik-spool"))
-        with open(os.path.join(folder, "settings"), "w") as file:
-            file.write("zmq.server = %s\nzmq.public_key = %s\n" % (sink.endpoint, sink.key_hex))
-        return run_sender(
-            [os.path.join(build, "bin", "zmqwriter"), "replay", "--settings", "settings", "--no-pace",
-             "--set", "LogZMQ::zmq_agent_id=" + AGENT,
-             "--plugin", os.path.join(build, "plugin-sandbox"), log], folder, sink, count)
+    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
+        def prepare(endpoint, key_hex, _):
+            os.mkdir(os.path.join(folder, "orvik-spool"))
+            with open(os.path.join(folder, "settings"), "w") as file:
+                file.write("zmq.server = %s\nzmq.public_key = %s\n" % (endpoint, key_hex))
+        return ship(build, folder, count, [
+            os.path.join(build, "bin", "zmqwriter"), "replay", "--settings", "settings", "--no-pace",
+            "--set", "LogZMQ::zmq_agent_id=" + AGENT,
+            "--plugin", os.path.join(build, "plugin-sandbox"), log], prepare)
 
 
 CONFIGURATION = """\
@@ -208,6 +159,8 @@ ruleset(name="out") {
 }
 """
 
+# Of no secrecy.
+CLIENT_KEYS = ("S-2%xkobaK()1bTAFO6Rh9#Ybu4qCL+I)p5h%nWl", "LRTPR*NQ1$5Ji5y>1!]Tm/bP+b+F(qEoba<XW]fJ")
 CERTIFICATE = "metadata\ncurve\n    public-key = \"%s\"\n"
 
 
@@ -216,119 +169,63 @@ def find_rsyslogd():
     return shutil.which("rsyslogd", path=path)
 
 
-def client_keys(build, folder):
-    """A key pair in Z85, made by our own keygen out of what it writes."""
-    made = subprocess.run([os.path.join(build, "bin", "zmqwriter"), "keygen", "--dir", folder],
-                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    if made.returncode != 0:
-        raise Broken("zmqwriter keygen failed:\n" + made.stderr)
-    keys = []
-    for name in ("server.public", "server.secret"):
-        with open(os.path.join(folder, name)) as file:
-            keys.append(z85(bytes.fromhex(file.read().strip())))
-    return keys
-
-
-Z85_DIGITS = ("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-              ".-:+=^!/*?&<>()[]{}@%$#")
-
-
-def z85(data):
-    """Bytes as libzmq's texts: five digits for each four bytes."""
-    text = ""
-    for start in range(0, len(data), 4):
-        number = int.from_bytes(data[start:start + 4], "big")
-        text += "".join(Z85_DIGITS[number // 85 ** power % 85] for power in (4, 3, 2, 1, 0))
-    return text
-
-
-def run_rsyslog(build, keys, lines, count, size):
+def run_rsyslog(build, lines, count, size):
     """Ships the lines, of so many bytes altogether, to a fresh sink."""
-    public, secret = keys
-    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder, Sink(build) as sink:
-        with open(os.path.join(folder, "server.cert"), "w") as file:
-            file.write(CERTIFICATE % sink.key_z85)
-        with open(os.path.join(folder, "client.cert"), "w") as file:
-            file.write(CERTIFICATE % public + "    secret-key = \"%s\"\n" % secret)
-        with open(os.path.join(folder, "rsyslog.conf"), "w") as file:
-            file.write(CONFIGURATION % {"folder": folder, "lines": lines,
-                                        "endpoint": sink.endpoint})
-        return run_sender([find_rsyslogd(), "-n", "-f", "rsyslog.conf", "-i",
-                           os.path.join(folder, "rsyslog.pid")], folder, sink, count, size)
+    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
+        def prepare(endpoint, _, server_key):
+            with open(os.path.join(folder, "server.cert"), "w") as file:
+                file.write(CERTIFICATE % server_key)
+            with open(os.path.join(folder, "client.cert"), "w") as file:
+                file.write(CERTIFICATE % CLIENT_KEYS[0] +
+                           "    secret-key = \"%s\"\n" % CLIENT_KEYS[1])
+            with open(os.path.join(folder, "rsyslog.conf"), "w") as file:
+                file.write(CONFIGURATION % {"folder": folder, "lines": lines,
+                                            "endpoint": endpoint})
+        return ship(build, folder, count,
+                    [find_rsyslogd(), "-n", "-f", "rsyslog.conf", "-i",
+                     os.path.join(folder, "rsyslog.pid")], prepare, size)
 
 
 # -- The comparison -------------------------------------------------------------------------------
 
 
-def rsyslog_problem(build, keys, folder):
+def rsyslog_problem(build, folder):
     """Why it does not deliver here, or None."""
+    if not find_rsyslogd():
+        return ("rsyslogd is not installed (setup/packages bench installs it where it can be had)")
     lines = os.path.join(folder, "probe.json")
     size = Log(os.path.join(SOURCE, "samples", "conn.log")).write_json(lines, 2 * WARM_UP)
     try:
-        run_rsyslog(build, keys, lines, 2 * WARM_UP, size)
+        run_rsyslog(build, lines, 2 * WARM_UP, size)
     except (Failed, OSError) as error:
         return "rsyslog with its czmq module does not deliver here: %s" % error
     return None
 
 
-def compare(build, keys, folder, path, kind, count, runs):
-    """The runs of one kind of record, taking turns, as Google Benchmark writes its own."""
+def sides(build, folder, path, kind, count):
     log = Log(os.path.join(SOURCE, "samples", path + ".log"))
-    names = [os.path.join(folder, name) for name in (path + ".log", "event.json", "all.json")]
+    names = [os.path.join(folder, path + end) for end in (".log", "-event.json", "-all.json")]
     log.write(names[0], count)
     event_bytes = log.write_json(names[1], count, NOT_IN_EVENT[path], ENVELOPE)
     all_bytes = log.write_json(names[2], count)
-    sides = [("ours", lambda: run_ours(build, names[0], count)),
-             ("rsyslog, JSON lines of the event's contents",
-              lambda: run_rsyslog(build, keys, names[1], count, event_bytes)),
-             ("rsyslog, JSON lines of all columns",
-              lambda: run_rsyslog(build, keys, names[2], count, all_bytes))]
-    results = []
-    for _ in range(runs):
-        for side, run in random.sample(sides, len(sides)):
-            rate, cpu, wire = run()
-            results.append({"run_name": "shipped/%s/%s/manual_time" % (kind, side),
-                            "run_type": "iteration", "family_index": sides.index((side, run)),
-                            "[events/s]": rate,
-                            "processor time [us/event]": cpu, "bytes on the wire [B/event]": wire})
-    return results
+    return [("shipped", kind, "ours", lambda: run_ours(build, names[0], count)),
+            ("shipped", kind, "rsyslog, JSON lines of the event's contents",
+             lambda: run_rsyslog(build, names[1], count, event_bytes)),
+            ("shipped", kind, "rsyslog, JSON lines of all columns",
+             lambda: run_rsyslog(build, names[2], count, all_bytes))]
 
 
-def measure(build, count, runs):
+def measure(build, quick, runs, _):
     """All runs, or none where there is no shipper."""
-    if not find_rsyslogd():
-        print("left out: rsyslogd is not installed (setup/packages bench installs it where it can "
-              "be had)", file=sys.stderr)
-        return []
-    results = []
     with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
-        keys = client_keys(build, folder)
-        problem = rsyslog_problem(build, keys, folder)
+        problem = rsyslog_problem(build, folder)
         if problem:
             print("left out: " + problem, file=sys.stderr)
             return []
-        for path, kind in (("conn", "connection"), ("http", "http")):
-            results += compare(build, keys, folder, path, kind, count, runs)
-    return results
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("build")
-    parser.add_argument("--benchmark_out", required=True, metavar="FILE")
-    parser.add_argument("--benchmark_repetitions", type=int, default=5, metavar="N")
-    parser.add_argument("--quick", action="store_true")
-    options, _ = parser.parse_known_args()  # the others are Google Benchmark's
-    try:
-        results = measure(os.path.abspath(options.build), 10000 if options.quick else 100000,
-                          options.benchmark_repetitions)
-    except (Broken, Failed, OSError) as error:
-        print("shipper_bench.py: %s" % error, file=sys.stderr)
-        return 1
-    with open(options.benchmark_out, "w") as file:
-        json.dump({"benchmarks": results}, file, indent=1)
-    return 0
+        return [result for path, kind in (("conn", "connection"), ("http", "http"))
+                for result in in_turns(sides(build, folder, path, kind,
+                                             10000 if quick else 100000), runs)]
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(measure, __doc__.splitlines()[0]))
