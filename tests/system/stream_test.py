@@ -436,6 +436,10 @@ class StreamTest(StreamCase):
         self.await_stored(server, 20, **login)
         self.assertEqual(self.figures(collector)["trouble"], "not_authorised")
         self.assertEqual(self.warnings(collector), 1, collector.stderr)
+        with server.client(user="root", **{"pass": "secret"}) as client:  # then another trouble
+            client.change_stream("zmqwriter", subjects=["elsewhere"])
+        server.reload(users('["$JS.API.>", "zmqwriter.>"]'))
+        self.await_trouble(collector, "no_stream")
         self.end(collector, 0, "2 events were not acknowledged: they are in unsent")
 
 

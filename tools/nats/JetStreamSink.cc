@@ -423,8 +423,10 @@ void JetStreamSink::PublishWaiting(bool only_one) {
 
 /// No answer and no receiver can have several reasons.
 StreamProblem JetStreamSink::Diagnosed(const StreamProblem& problem) {
-  if (engine_->refused())
-    return {StreamTrouble::kNotAuthorised, engine_->last_problem()};
+  const std::string missing_right = engine_->refused() ? engine_->last_problem() : "";
+  engine_->ForgetProblem();  // the next attempt shows whether it is still missing
+  if (!missing_right.empty())
+    return {StreamTrouble::kNotAuthorised, missing_right};
   try {
     const FoundStream stream = find_stream(*engine_, options_.engine.prefix + ".>", kDiagnosisMs);
     if (stream.name.empty())
@@ -465,6 +467,9 @@ std::optional<StreamProblem> JetStreamSink::Problem(Clock::time_point now, bool*
   if (window_.empty())
     problem_now_.reset();
   *over = !problem_now_ && refused_ == 0;
+  if (*over)  // before there was a look
+    figures_.refused[static_cast<std::size_t>(reported_.value_or(StreamTrouble::kOther))] +=
+        std::exchange(unclear_, 0);
   if (!problem_now_ || problem_now_->trouble == StreamTrouble::kConnectionLost)
     return std::nullopt;  // to be tried
   const StreamProblem problem = *problem_now_;
