@@ -393,6 +393,11 @@ class DecodeTest(CliTest):
                          "events: offset %d: these 16 bytes are no event message\n"
                          "events: offset %d: empty message\n" % (offset, offset + 16 + 4))
 
+    def test_time_grows_with_the_size_also_behind_a_bad_first_message(self):
+        result = self.decode(framed(b"") + framed(make_event()) * 100000)
+        self.assertEqual(result.stderr, "events: offset 4: empty message\n")
+        self.assertEqual(result.stdout.count(b"\n"), 100000)
+
     def test_every_truncation_is_a_failure_that_says_what_is_missing(self):
         first, last = make_event(uid=b"A"), make_event(uid=b"B")
         whole = framed(first, last)

@@ -13,15 +13,15 @@ namespace {
 constexpr std::size_t kLengthBytes = 4;
 constexpr std::size_t kReadBytes = 65536;
 
-std::size_t read_length(const std::string& bytes) {
+std::size_t read_length(std::string_view bytes) {
   std::size_t length = 0;
   for (std::size_t i = kLengthBytes; i-- > 0;)
     length = length << 8 | static_cast<unsigned char>(bytes[i]);
   return length;
 }
 
-bool is_event(const char* data, std::size_t size) {
-  return EventMessage(data, size).valid();
+bool is_event(std::string_view message) {
+  return EventMessage(message.data(), message.size()).valid();
 }
 
 }  // namespace
@@ -32,9 +32,13 @@ void append_raw_event(std::string* out, std::string_view message) {
   out->append(message);
 }
 
-/// Reads until the buffer holds `size` bytes or the stream ends. In pieces, so that a wrong length
-/// does not allocate memory for bytes that do not exist.
+/// Reads until `size` bytes are left in the buffer or the stream ends. In pieces, so that a wrong
+/// length does not allocate memory for bytes that do not exist.
 void RawEventReader::Fill(std::size_t size) {
+  if (left().size() >= size)
+    return;
+  buffer_.erase(0, taken_);
+  taken_ = 0;
   while (buffer_.size() < size) {
     const std::size_t had = buffer_.size();
     buffer_.resize(had + std::min(size - had, kReadBytes));
@@ -47,13 +51,13 @@ void RawEventReader::Fill(std::size_t size) {
 }
 
 bool RawEventReader::IsSingleEvent() {
-  const std::size_t length = read_length(buffer_);
+  const std::size_t length = read_length(left());
   if (length <= kLargestEvent)
     Fill(kLengthBytes + length);
-  if (buffer_.size() == kLengthBytes + length && is_event(&buffer_[kLengthBytes], length))
+  if (left().size() == kLengthBytes + length && is_event(left().substr(kLengthBytes)))
     return false;
   Fill(kLargestEvent);  // a file of one bare event is read as a whole
-  return is_event(buffer_.data(), buffer_.size());
+  return is_event(left());
 }
 
 bool RawEventReader::Next(std::string* message) {
@@ -63,23 +67,23 @@ bool RawEventReader::Next(std::string* message) {
   Fill(kLengthBytes);
   if (std::ferror(stream_))
     return Fail(std::string("cannot be read: ") + std::strerror(errno));
-  if (buffer_.empty())
+  if (left().empty())
     return false;
-  if (buffer_.size() < kLengthBytes)
-    return Fail("truncated: " + std::to_string(buffer_.size()) +
+  if (left().size() < kLengthBytes)
+    return Fail("truncated: " + std::to_string(left().size()) +
                 " bytes are left where the 4-byte length of a message should be");
   if (first && IsSingleEvent())
-    return Take(buffer_.size(), message);
+    return Take(left().size(), message);
 
-  const std::size_t length = read_length(buffer_);
+  const std::size_t length = read_length(left());
   if (length > kLargestEvent)
     return Fail("a message of " + std::to_string(length) +
                 " bytes is announced; none has more than " + std::to_string(kLargestEvent));
   Fill(kLengthBytes + length);
-  if (buffer_.size() < kLengthBytes + length)
+  if (left().size() < kLengthBytes + length)
     return Fail("truncated: a message of " + std::to_string(length) + " bytes is announced, " +
-                std::to_string(buffer_.size() - kLengthBytes) + " are left");
-  buffer_.erase(0, kLengthBytes);
+                std::to_string(left().size() - kLengthBytes) + " are left");
+  taken_ += kLengthBytes;
   position_ += kLengthBytes;
   return Take(length, message);
 }
@@ -87,8 +91,8 @@ bool RawEventReader::Next(std::string* message) {
 bool RawEventReader::Take(std::size_t size, std::string* message) {
   offset_ = position_;
   position_ += size;
-  message->assign(buffer_, 0, size);
-  buffer_.erase(0, size);
+  message->assign(left(), 0, size);
+  taken_ += size;
   return true;
 }
 

@@ -18,7 +18,8 @@ constexpr std::size_t kLargestEvent = std::size_t{64} << 20;
 /// Appends one message with its length before it.
 void append_raw_event(std::string* out, std::string_view message);
 
-/// Reads messages from a stream. Memory holds one message at a time.
+/// Reads messages from a stream. Memory holds one message at a time, or
+/// the first 64 MiB when they do not begin with an event.
 class RawEventReader {
  public:
   /// The stream stays the caller's.
@@ -39,11 +40,13 @@ class RawEventReader {
   bool IsSingleEvent();
   bool Take(std::size_t size, std::string* message);
   bool Fail(const std::string& problem);
+  std::string_view left() const { return std::string_view(buffer_).substr(taken_); }
 
   std::FILE* stream_;
   bool started_ = false;
-  std::string buffer_;          // read from the stream and not taken yet
-  std::uint64_t position_ = 0;  // of the buffer's first byte
+  std::string buffer_;          // read from the stream
+  std::size_t taken_ = 0;       // of the buffer
+  std::uint64_t position_ = 0;  // of what is left in it
   std::uint64_t offset_ = 0;
   std::string problem_;
 };
