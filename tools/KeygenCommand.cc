@@ -84,16 +84,18 @@ void add_keygen_command(CLI::App& app, int* exit_code) {
                          "Make a collector's CURVE key pair: server.public for the "
                          "agents, server.secret (mode 0600) for the collector");
   const auto folder = std::make_shared<std::string>(".");
-  command->add_option("--dir", *folder, "Folder for the two files; created if it is missing")
-      ->type_name("DIR")
-      ->check(not_empty("the folder's name is empty; '.' is the current folder"))
-      ->capture_default_str();
+  CLI::Option* const dir =
+      command->add_option("--dir", *folder, "Folder for the two files; created if it is missing")
+          ->type_name("DIR")
+          ->check(not_empty("the folder's name is empty; '.' is the current folder"))
+          ->capture_default_str();
   const auto secret = std::make_shared<std::string>();
   command
       ->add_option("--public", *secret,
                    "Make no keys, print the public key of the secret key in this file")
       ->type_name("FILE")
-      ->check(not_empty());
+      ->check(not_empty())
+      ->excludes(dir);
   command->callback([=] { *exit_code = secret->empty() ? make_keys(*folder) : derive(*secret); });
 }
 

@@ -13,7 +13,6 @@
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -27,19 +26,25 @@ using namespace zmqwriter;
 constexpr int kFailure = 1;
 constexpr int kWrongUsage = 2;
 
-/// How many letters have to be inserted, deleted or replaced to make one word of the other.
+/// How many letters have to be inserted, deleted, replaced or swapped with the next one to make one
+/// word of the other.
 std::size_t edits(const std::string& from, const std::string& to) {
-  std::vector<std::size_t> row(to.size() + 1);
-  std::iota(row.begin(), row.end(), 0);
-  for (std::size_t i = 0; i < from.size(); ++i) {
-    std::size_t diagonal = row[0]++;
-    for (std::size_t j = 0; j < to.size(); ++j) {
-      const std::size_t replaced = diagonal + (from[i] != to[j]);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({replaced, diagonal + 1, row[j] + 1});
+  std::vector<std::vector<std::size_t>> count(from.size() + 1,
+                                              std::vector<std::size_t>(to.size() + 1));
+  for (std::size_t i = 0; i <= from.size(); ++i) {
+    for (std::size_t j = 0; j <= to.size(); ++j) {
+      if (i == 0 || j == 0) {
+        count[i][j] = i + j;
+        continue;
+      }
+      const bool same = from[i - 1] == to[j - 1];
+      count[i][j] =
+          std::min({count[i - 1][j - 1] + !same, count[i - 1][j] + 1, count[i][j - 1] + 1});
+      if (i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1])
+        count[i][j] = std::min(count[i][j], count[i - 2][j - 2] + 1);
     }
   }
-  return row.back();
+  return count.back().back();
 }
 
 /// The message for a word that is none of `words`, with the nearest of these if one is near.
@@ -79,8 +84,11 @@ std::string unknown_word(const CLI::App& app, const std::vector<std::string>& wo
     for (const CLI::App* const subcommand : subcommands)
       known.push_back(subcommand->get_name());
     const auto named = std::find(known.begin(), known.end(), word);
-    if (named == known.end())
+    if (named == known.end()) {
+      if (command == &app)
+        known.push_back("help");
       return unknown("subcommand", word, known);
+    }
     command = subcommands[static_cast<std::size_t>(named - known.begin())];
   }
   return "";
@@ -126,7 +134,8 @@ int main(int argc, char** argv) {
   }
   std::vector<std::string> words(argv + 1, argv + argc);
   if (!words.empty() && words[0] == "help") {
-    words.erase(words.begin());
+    const bool of_itself = words.size() > 1 && words[1] == "help";
+    words.erase(words.begin(), words.begin() + (of_itself ? 2 : 1));
     words.push_back("--help");
   }
   if (const std::string mistake = unknown_word(app, words); !mistake.empty()) {

@@ -19,6 +19,7 @@ SUBCOMMANDS = ["keygen", "collect", "replay", "decode", "spool"]
 
 class UsageTest(CliTest):
     def test_help_goes_to_standard_output(self):
+        self.assertEqual(self.run_tool("help", "help").stdout, self.run_tool("help").stdout)
         for words in [[]] + [[name] for name in SUBCOMMANDS] + [["spool", "list"]]:
             result = self.run_tool(*words, "--help")
             self.assertEqual((result.returncode, result.stderr), (0, ""), words)
@@ -39,12 +40,14 @@ class UsageTest(CliTest):
                 (["nonsense"], "unknown subcommand 'nonsense'\n"),
                 (["spool", "nonsense"], "unknown subcommand 'nonsense'\n"),
                 (["colect"], "unknown subcommand 'colect'; did you mean 'collect'?\n"),
-                (["help", "spool", "lst"], "unknown subcommand 'lst'; did you mean 'list'?\n"),
+                (["help", "spool", "lits"], "unknown subcommand 'lits'; did you mean 'list'?\n"),
+                (["hlep"], "unknown subcommand 'hlep'; did you mean 'help'?\n"),
                 (["--versoin"], "unknown option '--versoin'; did you mean '--version'?\n"),
                 (["collect", "--bnd=x"], "unknown option '--bnd'; did you mean '--bind'?\n"),
                 (["collect", "-q"], "unknown option '-q'\n"),
                 (["keygen", "--dir", ""], "the folder's name is empty"),
                 (["keygen", "--nonsense"], "--nonsense"),
+                (["keygen", "--dir", "a", "--public", "b"], "excludes"),
                 (["keygen", "extra"], "extra"),
                 (["collect"], "--bind"),
                 (["collect", "--bind", "tcp://127.0.0.1:*"], "--secret-key"),
@@ -104,6 +107,9 @@ class KeygenTest(CliTest):
                 result = self.run_tool(*arguments, public)
                 self.assertEqual(result.returncode, 1)
                 self.assertIn(public + ": this is the public key", result.stderr)
+        write_file("keys/server.public", "zmq.public_key = " + read_file("keys/copy"))
+        self.assertEqual(self.run_tool("keygen", "--public", "keys/server.secret").stdout.decode(),
+                         read_file("keys/copy"))
 
     def test_never_prints_the_secret(self):
         result = self.run_tool("keygen")

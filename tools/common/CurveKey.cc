@@ -20,6 +20,17 @@ constexpr std::size_t kZ85Digits = 40;
 constexpr std::size_t kLongestFile = 4096;
 const char kUseTheFile[] = "write the content of the collector's server.public there";
 
+/// Whether the server.public beside a file holds the same key. Any other content does not matter.
+bool is_public(const CurveKey& key, const std::filesystem::path& file) {
+  const std::filesystem::path twin = file.parent_path() / "server.public";
+  std::error_code none;
+  try {
+    return std::filesystem::is_regular_file(twin, none) && read_key_file(twin.string()) == key;
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+}
+
 CurveKey from_z85(const char* text) {
   CurveKey key;
   zmq_z85_decode(key.data(), text);
@@ -68,10 +79,8 @@ CurveKey read_key_file(const std::string& path) {
 
 CurveKey read_secret_key_file(const std::string& path) {
   const CurveKey key = read_key_file(path);
-  const std::filesystem::path file(path), twin = file.parent_path() / "server.public";
-  std::error_code none;
-  if (file.extension() == ".public" ||
-      (std::filesystem::is_regular_file(twin, none) && read_key_file(twin.string()) == key))
+  const std::filesystem::path file(path);
+  if (file.extension() == ".public" || is_public(key, file))
     throw std::runtime_error(path +
                              ": this is the public key, for the agents; the secret one is in "
                              "server.secret");
