@@ -347,7 +347,7 @@ class CollectStatsTest(CliTest):
         reports = collector.stderr.count("[stats]")
         wait_for(lambda: collector.stderr.count("[stats]") > reports + 3, "further reports")
 
-    def on_terminal(self, terminal, output, rows=8, columns=70):
+    def on_terminal(self, terminal, output, rows=8, columns=80):
         """A collector whose standard output and error are a terminal, and what it has written."""
         self.keygen()
         main, side = pty.openpty()
@@ -405,7 +405,7 @@ class CollectStatsTest(CliTest):
         self.assertEqual(lines[table - 1], "")
         self.assertEqual(lines[table + 5], "and 17 agents more")
         self.assertEqual(lines[table + 6][:12], "events: 20 (")
-        self.assertEqual(max(map(len, lines[table:table + 6])), 70)
+        self.assertEqual(max(map(len, lines[table:table + 6])), 80)
         self.assertEqual("\n".join(lines).count("events/s"), 1)
 
     def test_lines_take_the_place_of_the_table_where_it_cannot_be_drawn(self):

@@ -227,8 +227,11 @@ TEST(StatsTableTest, ShowsTheBusiestAgentsThatFitTheTerminal) {
   EXPECT_THAT(table(5, 80), ElementsAre(all[0], all[1], all[2], all[3], "and 2 agents more"));
   EXPECT_THAT(table(4, 80), ElementsAre(all[0], all[1], all[2], "and 3 agents more"));
   EXPECT_THAT(table(2, 80), ElementsAre(all[0], all[1]));
-  EXPECT_EQ(table(6, 45)[3], "         2.0           100              4  b\xc3\xa4")
-      << "no half letter";
+  EXPECT_EQ(table(6, 72), all);
+  EXPECT_THAT(table(6, 63),
+              ElementsAre("", "    events/s  agent", "         2.5  all: 3 agents, 1 bad message",
+                          "         2.0  b\xc3\xa4r", "         0.5  a", "         0.0  quiet"));
+  EXPECT_EQ(table(6, 16)[3], "         2.0  b\xc3\xa4") << "no half letter";
   EXPECT_EQ(table(6, 3)[1], "   ");
 }
 

@@ -21,6 +21,9 @@ using Named = std::pair<std::string, Tally>;
 // A year. Much longer times would overflow the clock.
 constexpr double kLongestWait = 365.0 * 24 * 3600;
 
+// On a narrower terminal, the table has the rate of events only, so that the names have room.
+constexpr std::size_t kWideTable = 72;
+
 std::string rate(std::uint64_t count, const char* what, double seconds, const char* format) {
   return std::to_string(count) + ' ' + what + " (" +
          formatted(format, static_cast<double>(count) / seconds) + "/s)";
@@ -98,16 +101,19 @@ std::string stats_report(const CollectCounts& before, const CollectCounts& after
 
 std::vector<std::string> stats_table(const CollectCounts& before, const CollectCounts& after,
                                      double seconds, std::size_t rows, std::size_t columns) {
-  const auto row = [seconds](const std::string& name, const Tally& more, std::uint64_t events) {
-    return formatted("%12.1f", static_cast<double>(more.events) / seconds) +
-           formatted("%14.0f", static_cast<double>(more.bytes) / seconds) +
-           formatted("%15.0f", static_cast<double>(events)) + "  " + name;
+  const bool narrow = columns < kWideTable;
+  const auto row = [&](const std::string& name, const Tally& more, std::uint64_t events) {
+    std::string line = formatted("%12.1f", static_cast<double>(more.events) / seconds);
+    if (!narrow)
+      line += formatted("%14.0f", static_cast<double>(more.bytes) / seconds) +
+              formatted("%15.0f", static_cast<double>(events));
+    return line + "  " + name;
   };
   std::vector<Named> agents = grown(before.by_agent, after.by_agent, true);
   sort_by_events(&agents);
   const std::uint64_t bad = after.messages() - after.all.events;
   std::vector<std::string> lines = {
-      "", "    events/s       bytes/s         events  agent",
+      "", std::string("    events/s") + (narrow ? "" : "       bytes/s         events") + "  agent",
       row("all: " + counted(agents.size(), "agent") + ", " + counted(bad, "bad message"),
           difference(after.all, before.all), after.all.events)};
   const std::size_t room = rows - std::min(rows, lines.size());
