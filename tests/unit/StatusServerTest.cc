@@ -56,15 +56,23 @@ class StatusServerTest : public testing::Test {
     return static_cast<std::uint16_t>(std::stoi(server_->url().substr(start.size())));
   }
 
-  /// A connection on which a request has begun.
-  int Begin(const std::string& request) {
-    const int client = socket(AF_INET, SOCK_STREAM, 0);
-    clients_.push_back(client);
+  sockaddr_in address() const {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port());
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return address;
+  }
+
+  /// A connection on which a request has begun.
+  int Begin(const std::string& request) { return Begin(request, address()); }
+
+  template <typename Address>
+  int Begin(const std::string& request, const Address& address) {
+    const auto& any = reinterpret_cast<const sockaddr&>(address);
+    const int client = socket(any.sa_family, SOCK_STREAM, 0);
+    clients_.push_back(client);
+    EXPECT_EQ(connect(client, &any, sizeof address), 0);
     EXPECT_EQ(send(client, request.data(), request.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(request.size()));
     return client;
@@ -72,7 +80,12 @@ class StatusServerTest : public testing::Test {
 
   /// The whole answer.
   std::string Ask(const std::string& path, const std::string& method = "GET") {
-    const int client = Begin(method + " " + path + " HTTP/1.0\r\n\r\n");
+    return Ask(path, method, address());
+  }
+
+  template <typename Address>
+  std::string Ask(const std::string& path, const std::string& method, const Address& address) {
+    const int client = Begin(method + " " + path + " HTTP/1.0\r\n\r\n", address);
     std::string answer;
     char buffer[4096];
     for (ssize_t size; (size = read(client, buffer, sizeof buffer)) > 0;)
@@ -204,6 +217,23 @@ TEST_F(StatusServerTest, AddressesThatCannotBeServedAreNamed) {
       EXPECT_THAT(error.what(), StartsWith("cannot serve metrics on '" + address + "': "));
     }
   }
+}
+
+TEST_F(StatusServerTest, AddressMayBeOfIpv6) {
+  const int probe = socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 address = {};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  const bool has_ipv6 =
+      bind(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  close(probe);
+  if (!has_ipv6)
+    GTEST_SKIP() << "no IPv6 here";
+  const StatusServer server("[::1]:0", Watched{stats_, nullptr, {}, true, "", "json"});
+  const std::string url = server.url(), start = "http://[::1]:";
+  ASSERT_THAT(url, StartsWith(start));
+  address.sin6_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(start.size()))));
+  EXPECT_THAT(Ask("/healthz", "GET", address), StartsWith("HTTP/1.1 200"));
 }
 
 TEST_F(StatusServerTest, AddressesAreHostAndPortOnly) {
