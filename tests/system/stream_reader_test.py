@@ -1,4 +1,4 @@
-"""zmqwriter decode --from: reads events back from real servers of NATS JetStream."""
+"""zmqwriter decode --from and check --to, with real servers of NATS JetStream."""
 
 import array
 import fcntl
@@ -26,7 +26,7 @@ class StreamTestCase(CliTest):
         self.server = (server or NatsServer(".")).start()
         self.addCleanup(self.server.kill)
         self.client = self.connect(**user or {})
-        if not user:
+        if user is None:
             self.make_stream(**stream)
 
     def connect(self, **options):
@@ -295,6 +295,80 @@ class StreamFollowTest(StreamTestCase):
         wait_for(lambda: len(set(uids(readers[1].stdout))) >= sent, "the events")
         self.assertEqual(uids(readers[0].stdout), [str(n) for n in range(sent)])
         self.assertEqual({int(uid) for uid in uids(readers[1].stdout)}, set(range(sent)))
+
+
+class EngineCheckTest(StreamTestCase):
+    def check(self, *arguments, to=None):
+        """The JSON form as a dictionary; the exit status agrees with it."""
+        result = self.run_tool("check", "--json", "--to", to or self.server.url, *arguments)
+        report = json.loads(result.stdout)
+        self.assertEqual((report["ok"], result.stderr), (result.returncode == 0, ""))
+        found = [finding["id"] for finding in report["findings"] if finding["severity"] != "note"]
+        return found, report["engine"], {one["id"]: one["text"] for one in report["findings"]}
+
+    def test_a_good_stream_is_all_well_and_nothing_is_stored(self):
+        self.serve(discard="new", max_bytes=10**7, max_age=10**9 * 86400)
+        before = self.publish(1, 2)
+        found, engine, texts = self.check()
+        self.assertEqual((found, list(texts)), ([], ["large-events"]))
+        state = self.client.stream("events")["state"]
+        self.assertEqual(state["last_seq"], before)
+        self.assertEqual(engine["servers"][0]["ok"], True)
+        self.assertEqual(engine["stream"], {
+            "name": "events", "replicas": 1, "leader": "", "messages": 2, "bytes": state["bytes"],
+            "max_messages": 0, "max_bytes": 10**7, "max_age_s": 86400, "duplicates_s": 120,
+            "ages_first": False, "full_in_s": None})
+        self.assertEqual((engine["largest_message"], engine["may_publish"]), (1048576, True))
+        text = self.run_tool("check", "--to", self.server.url).stdout.decode()
+        self.assertIn("All well: 0 errors, 0 warnings, 1 note", text)
+        self.assertRegex(text, r"bytes +%d +at most 10000000\n" % state["bytes"])
+        self.assertRegex(text, r"may publish +yes\n")
+
+    def test_what_is_wrong_with_the_stream_is_found(self):
+        self.serve(None, {})
+        self.assertEqual(self.check()[0], ["stream-missing"])
+        for config, expected in (
+                ({"discard": "old"}, ["stream-may-lose-events"]),
+                ({"discard": "new", "storage": "memory", "retention": "workqueue"},
+                 ["stream-may-lose-events"] * 2),
+                ({"discard": "new", "duplicate_window": 10**9}, ["short-duplicate-window"]),
+                ({"discard": "new", "max_msgs": 10}, ["stream-nearly-full"]),
+                ({"discard": "new", "max_msgs": 12}, [])):
+            self.make_stream(**config)
+            self.publish(*range(10))
+            self.assertEqual(self.check()[0], expected, config)
+            self.client.delete_stream("events")
+
+    def test_each_server_is_tried_and_a_lost_majority_is_named(self):
+        self.serve(NatsCluster("."), num_replicas=3, discard="new")
+        found, engine, _ = self.check()
+        self.assertEqual((found, engine["may_publish"]), ([], True))
+        self.assertEqual(engine["stream"]["leader"], self.server.leader("events").name)
+        for server, expected in zip(self.server.servers, (
+                {"server-not-connected", "replicas-behind"}, {"server-not-connected"})):
+            server.kill()
+            wait_for(lambda: expected <= set(self.check()[0]), "the findings")
+        found, engine, _ = self.check()
+        self.assertEqual([server["ok"] for server in engine["servers"]], [False, False, True])
+        self.assertNotIn(engine["may_publish"], [True])
+        self.assertTrue({"stream-unknown", "stream-without-leader", "publish-fails"} & set(found))
+
+    def test_missing_rights_are_named(self):
+        users = ('authorization { users: [{user: a, password: b}, {user: n, password: b, permissions: '
+                 '{publish: "$JS.API.>"}}, {user: p, password: b, permissions: '
+                 '{publish: "zmqwriter.>"}}] }\n')
+        self.serve(NatsServer(".", users), {"user": "a", "pass": "b"})
+        self.make_stream(discard="new")
+        for user, expected, may in (("a", [], True), ("n", ["publish-not-allowed"], False),
+                                    ("p", ["stream-not-shown"], True),
+                                    ("x", ["server-not-connected"], None)):
+            write_file("user", user + "\nb\n")
+            found, engine, texts = self.check("--nats-user", "user")
+            self.assertEqual((found, engine["may_publish"]), (expected, may), texts)
+        self.assertEqual(self.client.stream("events")["state"]["last_seq"], 0)
+        for wrong in (["--settings", "x"], ["--connect"]):
+            self.assertEqual(self.run_tool("check", "--to", self.server.url, *wrong).returncode, 2)
+        self.assertEqual(self.run_tool("check").returncode, 2)
 
 
 if __name__ == "__main__":

@@ -150,11 +150,15 @@ void check_configuration(const CheckOptions& options, const standin::Host& host,
 
 int check(const CheckOptions& options) {
   CheckReport report;
-  report.settings_file = options.settings_file;
-  report.libzmq = libzmq_report();
-  if (const auto host = start_host(options, &report.findings))
-    check_configuration(options, *host, &report);
-  check_environment(report.libzmq, geteuid() == 0, rotates(options.redefs), &report.findings);
+  if (!options.engine.servers.empty()) {
+    report.engine = check_engine(options.engine, &report.findings);
+  } else {
+    report.settings_file = options.settings_file;
+    report.libzmq = libzmq_report();
+    if (const auto host = start_host(options, &report.findings))
+      check_configuration(options, *host, &report);
+    check_environment(report.libzmq, geteuid() == 0, rotates(options.redefs), &report.findings);
+  }
 
   Output out;
   out.Write(options.json ? report_as_json(report) : report_as_text(report));

@@ -2,6 +2,7 @@
 // does, but creates no writer, so nothing is sent and no file is created.
 #pragma once
 
+#include "NatsOptions.h"
 #include "SettingOrigin.h"
 
 namespace zmqwriter {
@@ -10,6 +11,7 @@ struct CheckOptions : PluginOptions {
   bool connect = false;
   double timeout_s = 3;
   bool json = false;
+  NatsOptions engine;  // with servers: checks these and nothing else
 };
 
 /// Prints the report on standard output. Returns the exit status: 1 with errors or warnings, else

@@ -166,6 +166,43 @@ std::string connect_table(const std::vector<TriedEndpoint>& tried) {
   return table.Text();
 }
 
+std::string limit_text(std::int64_t limit, const std::string& unit) {
+  return limit > 0 ? "at most " + std::to_string(limit) + unit : "no limit";
+}
+
+std::string duration_text(double seconds) {
+  return seconds >= 2 * 86400 ? formatted("%.0f days", seconds / 86400)
+                              : formatted("%.1f hours", seconds / 3600);
+}
+
+std::string engine_tables(const EngineReport& engine) {
+  Table servers("Servers");
+  for (const TriedServer& server : engine.servers)
+    servers.Row({for_terminal(server.url), server.problem.empty() ? "ok" : "failed",
+                 formatted("%.2f s", server.seconds)});
+  if (!engine.stream)
+    return servers.Text();
+  const StreamReport& stream = *engine.stream;
+  Table table("Stream of the subjects " + for_terminal(engine.subjects));
+  table.Row({"name", for_terminal(stream.name)});
+  table.Row({"replicas", std::to_string(stream.replicas),
+             stream.leader.empty() ? "" : "led by " + for_terminal(stream.leader)});
+  table.Row({"events", std::to_string(stream.messages), limit_text(stream.max_messages, "")});
+  table.Row({"bytes", std::to_string(stream.bytes), limit_text(stream.max_bytes, "")});
+  table.Row({"age", "", limit_text(stream.max_age_s, " s")});
+  table.Row({"full in",
+             stream.full_in_s    ? duration_text(*stream.full_in_s)
+             : stream.ages_first ? "never"
+                                 : "not known",
+             stream.full_in_s || stream.ages_first ? "at the rate of the events in it" : ""});
+  table.Row({"ids are remembered", std::to_string(stream.duplicates_s) + " s"});
+  table.Row({"largest event", std::to_string(engine.largest_message) + " bytes"});
+  table.Row({"may publish", !engine.may_publish   ? "not known"
+                            : *engine.may_publish ? "yes"
+                                                  : "no"});
+  return servers.Text() + table.Text();
+}
+
 std::string findings_text(const CheckReport& report) {
   constexpr std::size_t kIndent = 11;
   std::string text = "Findings\n";
@@ -224,6 +261,33 @@ Json connect_json(const std::vector<TriedEndpoint>& tried) {
   return list;
 }
 
+Json engine_json(const EngineReport& engine) {
+  Json json;
+  json["servers"] = Json::array();
+  for (const TriedServer& server : engine.servers)
+    json["servers"].push_back({{"url", server.url},
+                               {"ok", server.problem.empty()},
+                               {"text", server.problem},
+                               {"seconds", server.seconds}});
+  json["subjects"] = engine.subjects;
+  json["largest_message"] = engine.largest_message;
+  json["may_publish"] = engine.may_publish ? Json(*engine.may_publish) : Json();
+  json["stream"] = nullptr;
+  if (const auto& stream = engine.stream)
+    json["stream"] = {{"name", stream->name},
+                      {"replicas", stream->replicas},
+                      {"leader", stream->leader},
+                      {"messages", stream->messages},
+                      {"bytes", stream->bytes},
+                      {"max_messages", stream->max_messages},
+                      {"max_bytes", stream->max_bytes},
+                      {"max_age_s", stream->max_age_s},
+                      {"duplicates_s", stream->duplicates_s},
+                      {"ages_first", stream->ages_first},
+                      {"full_in_s", stream->full_in_s ? Json(*stream->full_in_s) : Json()}};
+  return json;
+}
+
 Json findings_json(const Findings& findings) {
   Json list = Json::array();
   for (const Finding& finding : findings)
@@ -268,6 +332,8 @@ void check_environment(const LibzmqReport& libzmq, bool is_root, bool rotates, F
 }
 
 std::string report_as_text(const CheckReport& report) {
+  if (report.engine)
+    return engine_tables(*report.engine) + findings_text(report);
   std::string text;
   if (report.configuration)
     text += settings_table(*report.configuration, report.settings_file) +
@@ -290,6 +356,11 @@ std::string report_as_text(const CheckReport& report) {
 std::string report_as_json(const CheckReport& report) {
   Json json;
   json["ok"] = all_well(report);
+  if (report.engine) {
+    json["engine"] = engine_json(*report.engine);
+    json["findings"] = findings_json(report.findings);
+    return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  }
   json["settings_file"] = report.settings_file;
   json["libzmq"] = {{"version", report.libzmq.version}, {"curve", report.libzmq.curve}};
   for (const char* part : {"plugin", "settings", "endpoints", "key", "spool", "disk", "agent_id"})

@@ -7,6 +7,7 @@
 
 #include "Configuration.h"
 #include "Connection.h"
+#include "EngineCheck.h"
 #include "Finding.h"
 #include "PathChecks.h"
 
@@ -39,6 +40,7 @@ struct CheckReport {
   std::optional<DiskReport> disk;
   std::optional<AgentIdReport> agent_id;
   std::optional<std::vector<TriedEndpoint>> tried;  ///< with --connect
+  std::optional<EngineReport> engine;               ///< with --to; then nothing above
   Findings findings;
 };
 

@@ -92,7 +92,10 @@ FoundStream find_stream(const NatsConnection& engine, const std::string& subject
   found.discards_old = config.Discard == js_DiscardOld;
   found.in_memory = config.Storage == js_MemoryStorage;
   found.max_message = config.MaxMsgSize;
+  found.duplicates_s = config.Duplicates / kNanoseconds;
   found.created = info->Created;
+  found.first_time = info->State.FirstTime;
+  found.last_time = info->State.LastTime;
   found.messages = info->State.Msgs;
   found.bytes = info->State.Bytes;
   found.last_sequence = info->State.LastSeq;

@@ -26,7 +26,11 @@ struct FoundStream {
   bool discards_old = false;
   bool in_memory = false;
   std::int32_t max_message = -1;  // bytes; -1: no limit
-  std::int64_t created = 0;       // ns since 1970
+  std::int64_t duplicates_s = 0;  // how long it recognises the id of an event
+  // ns since 1970
+  std::int64_t created = 0;
+  std::int64_t first_time = 0;
+  std::int64_t last_time = 0;
   std::uint64_t messages = 0;
   std::uint64_t bytes = 0;
   std::uint64_t last_sequence = 0;

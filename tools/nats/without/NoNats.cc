@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "EngineCheck.h"
 #include "JetStreamOptions.h"
 #include "StreamReader.h"
 
@@ -18,6 +19,10 @@ namespace {
 }  // namespace
 
 std::unique_ptr<EventSink> make_jetstream_sink(const JetStreamOptions&, CollectStats*) {
+  fail();
+}
+
+EngineReport check_engine(const NatsOptions&, Findings*) {
   fail();
 }
 
