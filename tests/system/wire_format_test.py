@@ -11,6 +11,12 @@ import sys
 import unittest
 
 from cli_support import CliTest, SOURCE_DIR, needs_zmq, read_file, wait_for, write_file
+from nats_support import NatsServer, needs_nats
+
+try:
+    import nats
+except ImportError:
+    nats = None
 
 
 def block(kind):
@@ -61,6 +67,27 @@ class PythonProgramsTest(CliTest):
         wait_for(lambda: read_file("out").count("\n") >= 2 or collector.poll() is not None, "2 lines")
         self.assertEqual(read_file("out").splitlines(),
                          ["%d bytes" % len(example_message()), "3 bytes"])
+
+    @needs_nats
+    @unittest.skipUnless(nats, "needs the Python package nats-py")
+    def test_consumer_reads_the_stream_and_acknowledges(self):
+        server = NatsServer(".").start()
+        self.addCleanup(server.kill)
+        with server.client() as client:
+            client.make_stream("zmqwriter", subjects=["zmqwriter.>"])
+            for _ in range(2):
+                client.publish("zmqwriter.SslData.agent-7", example_message())
+            with open("out", "wb") as out:
+                consumer = subprocess.Popen([sys.executable, "-B", "-c", block("python consumer"),
+                                             server.url], stdout=out, stderr=subprocess.STDOUT)
+            self.addCleanup(consumer.wait)
+            self.addCleanup(consumer.kill)
+            wait_for(lambda: read_file("out").count("\n") >= 2 or consumer.poll() is not None,
+                     "2 lines")
+            line = "zmqwriter.SslData.agent-7 %d bytes" % len(example_message())
+            self.assertEqual(read_file("out").splitlines(), [line] * 2)
+            wait_for(lambda: client.request("$JS.API.CONSUMER.INFO.zmqwriter.example")
+                     ["ack_floor"]["stream_seq"] == 2, "the acknowledgements")
 
 
 if __name__ == "__main__":
