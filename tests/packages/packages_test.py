@@ -266,7 +266,7 @@ def try_packages():
 
 
 def try_packages_as_root():
-    missing = [tool for tool in ("dpkg-shlibdeps", "debootstrap", "unshare", "apt-get")
+    missing = [tool for tool in ("dpkg-shlibdeps", "file", "debootstrap", "unshare", "apt-get")
                if not shutil.which(tool, path=os.environ["PATH"] + ":/usr/sbin")]
     if missing:
         raise Skipped("needs %s (setup/packages packages)" % ", ".join(missing))
