@@ -100,6 +100,20 @@ nothing_named /usr
 apt-get -y purge zmqwriter zmqwriter-replay | grep 'is not empty'
 absent test -e /etc/zmqwriter
 owners /var/lib/zmqwriter/events.json 'zmqwriter:zmqwriter 600'"""),
+    ("the scripts of the packages stop services before they go, and start none", r"""
+mkdir -p /run/systemd/system
+printf '#!/bin/sh\necho "$*" >>/tmp/systemctl.log\n' >/usr/bin/systemctl
+chmod +x /usr/bin/systemctl
+for release in 1 2; do dpkg -i /packages/$release/zmqwriter_*.deb; done
+echo removing >>/tmp/systemctl.log
+apt-get -y remove zmqwriter
+rm -r /run/systemd /usr/bin/systemctl
+diff <(uniq /tmp/systemctl.log) - <<END
+--system daemon-reload
+removing
+stop zmqwriter-*.service
+--system daemon-reload
+END"""),
     ("purging after the events are gone leaves no trace", r"""
 dpkg -i /packages/1/zmqwriter_*.deb
 owners /etc/zmqwriter 'root:zmqwriter 750'
