@@ -11,10 +11,10 @@ install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${docs} ${package_only
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${docs} ${package_only}
         FILES_MATCHING REGEX "\\.(md|svg)$" PATTERN man EXCLUDE)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/setup/examples/ DESTINATION ${examples} ${package_only}
-        PATTERN *.plist EXCLUDE PATTERN zmqwriter-collect.service EXCLUDE)
+        PATTERN *.plist EXCLUDE PATTERN *.service EXCLUDE)
 
 # The first lines of an example tell how to do by hand what the package does.
-file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/setup/examples/zmqwriter-collect.service)
+file(GLOB units CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/setup/examples/*.service)
 foreach(example IN LISTS units)
   get_filename_component(name ${example} NAME)
   file(READ ${example} unit)

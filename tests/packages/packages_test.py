@@ -25,13 +25,9 @@ WORK = os.path.join(BUILD, "packages")
 ROOT = os.path.join(WORK, "root")
 CLONE_NEWNET = 0x40000000
 
-# Starts what the installed unit starts, as the unit's user, and waits until it listens.
 COLLECT = r"""
-command=$(sed -n ':a; /\\$/{N; s/\\\n//; ta}; s/^ExecStart=//p' \
-  /usr/lib/systemd/system/zmqwriter-collect.service)
-(set -f; umask 077; exec setpriv --reuid zmqwriter --regid zmqwriter --init-groups $command) \
-  >/tmp/collect.log 2>&1 & collector=$!
-until grep -q listening /tmp/collect.log; do kill -0 $collector; sleep 0.1; done
+start zmqwriter-collect; collector=$!
+until grep -q listening /tmp/zmqwriter-collect.log; do kill -0 $collector; sleep 0.1; done
 """
 # Sends the records of one log as an ordinary user. {0} holds further options.
 REPLAY = r"""
@@ -49,6 +45,13 @@ set -o pipefail; set -x
 owners() { stat -c '%U:%G %a' "$1" | grep -x "$2"; }
 absent() { if "$@"; then return 1; fi; }
 nothing_named() { absent grep . <(find "$@" -name '*zmqwriter*'); }
+# Starts what an installed unit starts, as the unit's user.
+start() {
+  rm -f "/tmp/$1.log"
+  command=$(sed -n ':a; /\\$/{N; s/\\\n//; ta}; s/^ExecStart=//p' "/usr/lib/systemd/system/$1.service")
+  (set -f; umask 077; exec setpriv --reuid zmqwriter --regid zmqwriter --init-groups $command) \
+    >"/tmp/$1.log" 2>&1 &
+}
 """
 
 # Promises and the commands that keep them, run by bash -e in the bare system in this order.
@@ -82,6 +85,16 @@ mkdir orvik-spool
 zmqwriter check --plugin /usr/lib/zmqwriter/plugin-sandbox --connect \
   --settings /tmp/agent.settings | grep 'All well: 0 errors, 0 warnings'
 kill $collector; wait $collector"""),
+    ("logs are followed as the unit says", COLLECT + r"""
+install -m 0640 -o root -g zmqwriter /tmp/agent.settings /etc/zmqwriter/agent.settings
+install -d -m 0700 -o zmqwriter -g zmqwriter /var/lib/zmqwriter-follow
+install -D -t /usr/local/bro/logs/current /usr/share/doc/zmqwriter-replay/examples/samples/http.log
+cd /var/lib/zmqwriter-follow
+start zmqwriter-follow; follow=$!
+until [ "$(wc -l </var/lib/zmqwriter/events.json)" -eq 7 ]; do kill -0 $follow; sleep 0.1; done
+kill $follow; wait $follow
+owners /var/lib/zmqwriter-follow/state 'zmqwriter:zmqwriter 600'
+kill $collector; wait $collector"""),
     ("an upgrade keeps keys, events and what the administrator has changed", r"""
 chmod 0700 /etc/zmqwriter
 find /etc/zmqwriter /var/lib/zmqwriter -type f | sort | xargs sha256sum >/tmp/before
@@ -97,7 +110,8 @@ nothing_named /usr
 [ -s /etc/zmqwriter/server.secret ]
 [ "$(cat /var/lib/zmqwriter/events.json* | wc -l)" -ge 14 ]"""),
     ("purging takes the configuration and leaves the events with their owner", r"""
-apt-get -y purge zmqwriter zmqwriter-replay | grep 'is not empty'
+apt-get -y purge zmqwriter zmqwriter-replay |
+  grep 'not empty: /var/lib/zmqwriter /var/lib/zmqwriter-follow$'
 absent test -e /etc/zmqwriter
 owners /var/lib/zmqwriter/events.json 'zmqwriter:zmqwriter 600'"""),
     ("the scripts of the packages stop services before they go, and start none", r"""
@@ -119,7 +133,7 @@ dpkg -i /packages/1/zmqwriter_*.deb
 owners /etc/zmqwriter 'root:zmqwriter 750'
 mkdir -p /etc/systemd/system/multi-user.target.wants
 ln -s /usr/lib/systemd/system/zmqwriter-collect.service /etc/systemd/system/multi-user.target.wants
-rm -r /var/lib/zmqwriter/*
+rm -r /var/lib/zmqwriter/* /var/lib/zmqwriter-follow/*
 apt-get -y purge zmqwriter
 absent getent passwd zmqwriter
 absent getent group zmqwriter
