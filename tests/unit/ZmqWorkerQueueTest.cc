@@ -244,6 +244,7 @@ TEST_F(Status, TellsRecordsFromEmptyMessagesAndWhatTheSpoolHolds) {
   connect("a");
   write_many(503);
   EXPECT_EQ(status().stored, 3);
+  EXPECT_EQ(status().written, 503u);
   FakeSpool::promise_nothing(1);                  // as where a full disk did not take a record
   sends({kFail, kFail, kFail, kFail, kOk, kOk});  // a switch
   run();
@@ -253,6 +254,7 @@ TEST_F(Status, TellsRecordsFromEmptyMessagesAndWhatTheSpoolHolds) {
   write("last");
   stop();
   EXPECT_EQ(status().delivered, 504u);
+  EXPECT_EQ(status().written, 504u) << "what comes back from the spool does not count again";
 }
 
 TEST_F(Status, LeavesTheFieldsOfOthersAlone) {
