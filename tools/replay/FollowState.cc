@@ -45,15 +45,19 @@ std::uint32_t start_checksum(int descriptor, std::uint64_t offset) {
 
 FollowState::FollowState(const std::string& file, const std::vector<std::string>& logs)
     : file_(file) {
-  struct stat status;
-  is_new_ = stat(file.c_str(), &status) != 0 && errno == ENOENT;
-  descriptor_.Reset(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  descriptor_.Reset(open(file.c_str(), O_RDWR | O_CLOEXEC));
+  if (descriptor_.get() < 0 && errno == ENOENT) {
+    for (const std::string& log : logs)
+      positions_[log];
+    const std::string problem = Write(positions_, true);
+    if (!problem.empty())
+      throw std::runtime_error(problem);
+    return;
+  }
   if (descriptor_.get() < 0)
     throw std::runtime_error(failure(file, "cannot open the state"));
   if (flock(descriptor_.get(), LOCK_EX | LOCK_NB) != 0 || !is_at(file, descriptor_.get()))
     throw std::runtime_error(file + ": in use by another 'replay --follow'");
-  if (is_new_)
-    return;
   Read(read_small_file(file, kLargestState));
   if (!std::any_of(logs.begin(), logs.end(),
                    [this](const std::string& log) { return positions_.count(log) > 0; }))
@@ -100,9 +104,11 @@ std::string FollowState::Write(const Positions& positions, bool exact) {
   FileDescriptor descriptor(open(fresh.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (descriptor.get() < 0)
     return failure(fresh, "cannot write the state");
+  const bool first = descriptor_.get() < 0;
   if (flock(descriptor.get(), LOCK_EX | LOCK_NB) != 0 ||
       write_fully(descriptor.get(), text) != text.size() ||
-      std::rename(fresh.c_str(), file_.c_str()) != 0)
+      !(first ? rename_without_replacing(fresh, file_)
+              : std::rename(fresh.c_str(), file_.c_str()) == 0))
     return failure(fresh, "cannot write the state");
   descriptor_.Reset(descriptor.Release());
   return "";

@@ -34,13 +34,12 @@ class FollowState {
   /// For each log, by its absolute path, the files that it consisted of last, the oldest first.
   using Positions = std::map<std::string, std::vector<FilePosition>>;
 
-  /// Reads the file, if there is one, and locks it. Throws std::runtime_error that says what to do
-  /// when that fails, when the content is damaged, or when it holds the position of none of `logs`.
+  /// Reads the file, or makes one without positions, and locks it. Throws std::runtime_error that
+  /// says what to do when that fails, when the content is damaged, or when it holds the position of
+  /// none of `logs`.
   FollowState(const std::string& file, const std::vector<std::string>& logs);
 
   const Positions& positions() const { return positions_; }
-  /// Whether there was no file.
-  bool is_new() const { return is_new_; }
   /// Whether all that was read up to the positions, and nothing behind them, was handed over.
   bool exact() const { return exact_; }
 
@@ -53,7 +52,6 @@ class FollowState {
   const std::string file_;
   FileDescriptor descriptor_;
   Positions positions_;
-  bool is_new_ = false;
   bool exact_ = true;
 };
 

@@ -179,7 +179,7 @@ class Replay {
     for (const std::string& log : logs) {
       const auto known = state_->positions().find(log);
       const bool is_new = known == state_->positions().end();
-      if (is_new && !state_->is_new())
+      if (is_new)
         std::fprintf(stderr, "%s: not in %s yet: it is read from its start\n", log.c_str(),
                      options_.state_file.c_str());
       feeds_.push_back(std::make_unique<LogFeed>(std::make_unique<FollowedLog>(
