@@ -80,7 +80,7 @@ class WithEnvelope : public Sample {
 /// Begins with ptype, ts, uid and the id.* columns, as the scripts' protocol records do.
 class WithProtocol : public WithEnvelope {
  public:
-  WithProtocol(Random& random, const std::string& name, Dravenholt::Data type, int columns = 7)
+  WithProtocol(Random& random, const std::string& name, Dravenholt::Data type)
       : WithEnvelope(random),
         ptype(name),
         type_(type),
@@ -90,10 +90,7 @@ class WithProtocol : public WithEnvelope {
         resp_p(static_cast<std::uint16_t>(number(random, 65535))) {
     record_.text("ptype", ptype).time("ts", ts).text("uid", uid);
     record_.addr("id.orig_h", orig_h.text).port("id.orig_p", orig_p);
-    if (columns > 5)
-      record_.addr("id.resp_h", resp_h.text);
-    if (columns > 6)
-      record_.port("id.resp_p", resp_p);
+    record_.addr("id.resp_h", resp_h.text).port("id.resp_p", resp_p);
   }
 
   void build(FlatBufferBuilder& builder) const override {
@@ -116,9 +113,9 @@ class WithProtocol : public WithEnvelope {
 
 class Connection : public WithProtocol {
  public:
-  /// With only the first of the columns if `columns` says so, or with others behind them.
+  /// With others behind its own columns if `columns` says so.
   explicit Connection(Random& random, int columns = 22)
-      : WithProtocol(random, "general", Dravenholt::Data_GeneralData, columns),
+      : WithProtocol(random, "general", Dravenholt::Data_GeneralData),
         service_(one_of(random, {"http", "ssl", "dns", "ssh"})),
         conn_state_(one_of(random, {"SF", "S0", "REJ", "RSTO"})),
         username_(letters(random, 3, 10)),
@@ -128,36 +125,21 @@ class Connection : public WithProtocol {
         local_orig_(number(random, 1) == 1) {
     for (std::uint32_t& count : counts_)
       count = number(random, 10000000);
-    using Add = std::function<void()>;
-    const Add rest[] = {
-        [&] { record_.enumerator("proto", tcp_ ? "tcp" : "udp"); },
-        [&] { record_.text("service", service_); },
-        [&] { record_.interval("duration", duration_); },
-        [&] { record_.count("orig_bytes", counts_[0]); },
-        [&] { record_.count("resp_bytes", counts_[1]); },
-        [&] { record_.text("conn_state", conn_state_); },
-        [&] { record_.boolean("local_orig", local_orig_); },
-        [&] { record_.boolean("local_resp", !local_orig_); },
-        [&] { record_.count("missed_bytes", counts_[2]); },
-        [&] { record_.count("orig_pkts", counts_[3]); },
-        [&] { record_.count("orig_ip_bytes", counts_[4]); },
-        [&] { record_.count("resp_pkts", counts_[5]); },
-        [&] { record_.count("resp_ip_bytes", counts_[6]); },
-        [&] { record_.text("username", username_); },
-        [&] { record_.text("process", process_); },
-    };
-    for (const Add& add : rest)
-      if (record_.size() < columns)
-        add();
-    known_ = record_.size();
-    for (int i = known_; i < columns; i++)
+    record_.enumerator("proto", tcp_ ? "tcp" : "udp").text("service", service_);
+    record_.interval("duration", duration_).count("orig_bytes", counts_[0]);
+    record_.count("resp_bytes", counts_[1]).text("conn_state", conn_state_);
+    record_.boolean("local_orig", local_orig_).boolean("local_resp", !local_orig_);
+    record_.count("missed_bytes", counts_[2]).count("orig_pkts", counts_[3]);
+    record_.count("orig_ip_bytes", counts_[4]).count("resp_pkts", counts_[5]);
+    record_.count("resp_ip_bytes", counts_[6])
+        .text("username", username_)
+        .text("process", process_);
+    for (int i = record_.size(); i < columns; i++)
       record_.count("more." + std::to_string(i), number(random, 1000));
   }
 
  protected:
   Offset<void> payload(FlatBufferBuilder& builder) const override {
-    if (known_ < 22)
-      return short_payload(builder);
     const auto service = builder.CreateString(service_);
     const auto conn_state = builder.CreateString(conn_state_);
     const auto username = builder.CreateString(username_);
@@ -177,33 +159,6 @@ class Connection : public WithProtocol {
   }
 
  private:
-  /// The same where the record has only the first of the columns, for the growth by columns.
-  Offset<void> short_payload(FlatBufferBuilder& builder) const {
-    const int known = known_;
-    const auto text = [&](int column, const std::string& value) {
-      return known > column ? builder.CreateString(value) : Offset<String>();
-    };
-    const auto count = [&](int column, int i) { return known > column ? counts_[i] : 0; };
-    const auto service = text(8, service_);
-    const auto conn_state = text(12, conn_state_);
-    const auto username = text(20, username_);
-    const auto orig = builder.CreateVector(orig_h.bytes, known > 3 ? orig_h.length : 0);
-    const auto orig_name = builder.CreateString("", 0);
-    const auto resp = builder.CreateVector(resp_h.bytes, known > 5 ? resp_h.length : 0);
-    const auto resp_name = builder.CreateString("", 0);
-    const auto history = builder.CreateString("", 0);
-    const auto proto = tcp_ ? Dravenholt::Transport_tcp : Dravenholt::Transport_udp;
-    return Dravenholt::CreateGeneralData(
-               builder, orig, orig_name, orig_p, resp, resp_name, known > 6 ? resp_p : 0,
-               known > 7 ? proto : Dravenholt::Transport_unknown,
-               known > 9 ? static_cast<std::uint64_t>(duration_ * 1000.0) : 0, count(10, 0),
-               count(11, 1), conn_state, known > 13 && local_orig_, known > 14 && !local_orig_,
-               count(15, 2), history, count(16, 3), count(17, 4), count(18, 5), count(19, 6),
-               username, 0, service)
-        .Union();
-  }
-
-  int known_ = 0;
   std::string service_;
   std::string conn_state_;
   std::string username_;
@@ -430,73 +385,56 @@ std::unique_ptr<Sample> make(Random& random) {
   return std::make_unique<Kind>(random);
 }
 
-std::unique_ptr<Sample> make_ldap(Random& random) {
-  return std::make_unique<Texts>(
-      random, "ldap", Dravenholt::Data_LdapData,
-      std::vector<std::string>{"ldap.user", "ldap.message", "ldap.base"}, "ldap.resultCode",
-      [](FlatBufferBuilder& builder, const Offset<String>* t, std::uint32_t count) {
-        return Dravenholt::CreateLdapData(builder, t[0], t[1], static_cast<std::uint16_t>(count),
-                                          t[2])
-            .Union();
-      });
+Maker texts(const std::string& ptype, Dravenholt::Data type,
+            const std::vector<std::string>& text_columns, const std::string& count_column,
+            const Texts::Make& make) {
+  return [=](Random& random) {
+    return std::make_unique<Texts>(random, ptype, type, text_columns, count_column, make);
+  };
 }
 
-std::unique_ptr<Sample> make_smb(Random& random) {
-  return std::make_unique<Texts>(
-      random, "smb", Dravenholt::Data_SmbData,
-      std::vector<std::string>{"smb.user", "smb.share", "smb.filename", "smb.action"},
-      "smb.filesize", [](FlatBufferBuilder& builder, const Offset<String>* t, std::uint32_t count) {
-        return Dravenholt::CreateSmbData(builder, t[0], t[1], t[2], t[3], count).Union();
-      });
-}
-
-std::unique_ptr<Sample> make_tds(Random& random) {
-  return std::make_unique<Texts>(
-      random, "tds", Dravenholt::Data_TdsData,
-      std::vector<std::string>{"tds.user", "tds.database", "tds.app", "tds.sql"}, "",
-      [](FlatBufferBuilder& builder, const Offset<String>* t, std::uint32_t) {
-        return Dravenholt::CreateTdsData(builder, t[0], t[1], t[2], t[3]).Union();
-      });
-}
-
-std::unique_ptr<Sample> make_dce_rpc(Random& random) {
-  return std::make_unique<Texts>(
-      random, "dce-rpc", Dravenholt::Data_DceRpcData,
-      std::vector<std::string>{"dce.request_type", "dce.interface_uuid", "dce.interface_name",
-                               "dce.method", "dce.arguments", "dce.raw_args"},
-      "dce.opnum", [](FlatBufferBuilder& builder, const Offset<String>* t, std::uint32_t count) {
-        return Dravenholt::CreateDceRpcData(builder, t[0], t[1], t[2],
-                                            static_cast<std::int32_t>(count), t[3], t[4], t[5])
-            .Union();
-      });
-}
-
-std::unique_ptr<Sample> make_tn5250(Random& random) {
-  return std::make_unique<Texts>(
-      random, "tn5250", Dravenholt::Data_Tn5250Data,
-      std::vector<std::string>{"tn5250.protocol", "tn5250.details"}, "",
-      [](FlatBufferBuilder& builder, const Offset<String>* t, std::uint32_t) {
-        return Dravenholt::CreateTn5250Data(builder, t[0], t[1]).Union();
-      });
-}
-
-std::unique_ptr<Sample> make_pairs(Random& random) {
-  return std::make_unique<Pairs>(random, 20);
-}
+using Text = const Offset<String>*;
 
 const std::vector<std::pair<std::string, Maker>> kMakers = {
     {"connection", make<Connection>},
     {"http", make<Http>},
     {"http-in", make<InboundHttp>},
     {"ftp", make<Ftp>},
-    {"ldap", make_ldap},
-    {"smb", make_smb},
+    {"ldap", texts("ldap", Dravenholt::Data_LdapData, {"ldap.user", "ldap.message", "ldap.base"},
+                   "ldap.resultCode",
+                   [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
+                     return Dravenholt::CreateLdapData(b, t[0], t[1],
+                                                       static_cast<std::uint16_t>(count), t[2])
+                         .Union();
+                   })},
+    {"smb", texts("smb", Dravenholt::Data_SmbData,
+                  {"smb.user", "smb.share", "smb.filename", "smb.action"}, "smb.filesize",
+                  [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
+                    return Dravenholt::CreateSmbData(b, t[0], t[1], t[2], t[3], count).Union();
+                  })},
     {"smtp", make<Smtp>},
-    {"tds", make_tds},
-    {"dce-rpc", make_dce_rpc},
-    {"tn5250", make_tn5250},
+    {"tds",
+     texts("tds", Dravenholt::Data_TdsData, {"tds.user", "tds.database", "tds.app", "tds.sql"}, "",
+           [](FlatBufferBuilder& b, Text t, std::uint32_t) {
+             return Dravenholt::CreateTdsData(b, t[0], t[1], t[2], t[3]).Union();
+           })},
+    {"dce-rpc", texts("dce-rpc", Dravenholt::Data_DceRpcData,
+                      {"dce.request_type", "dce.interface_uuid", "dce.interface_name", "dce.method",
+                       "dce.arguments", "dce.raw_args"},
+                      "dce.opnum",
+                      [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
+                        return Dravenholt::CreateDceRpcData(b, t[0], t[1], t[2],
+                                                            static_cast<std::int32_t>(count), t[3],
+                                                            t[4], t[5])
+                            .Union();
+                      })},
+    {"tn5250",
+     texts("tn5250", Dravenholt::Data_Tn5250Data, {"tn5250.protocol", "tn5250.details"}, "",
+           [](FlatBufferBuilder& b, Text t, std::uint32_t) {
+             return Dravenholt::CreateTn5250Data(b, t[0], t[1]).Union();
+           })},
     {"system-stats", make<Statistics>},
-    {"20-pairs", make_pairs},
+    {"20-pairs", [](Random& random) { return std::make_unique<Pairs>(random, 20); }},
 };
 
 Samples make_samples(std::size_t count, const Maker& maker) {

@@ -52,8 +52,8 @@ std::string agent_name(std::size_t number);
 /// A connection's for each of so many agents.
 std::vector<std::string> messages(std::size_t agents);
 
-/// Connection records of `columns` columns, 5 or more: at first those of a connection, and behind
-/// them such as no message carries.
+/// Connection records of `columns` columns, 22 or more: behind those of a connection such as no
+/// message carries.
 Samples wide_samples(int columns, std::size_t count);
 
 /// Key/value records of `pairs` pairs.

@@ -25,14 +25,9 @@
 #include "RecordConversion.h"
 #include "ZMQ.h"
 
+#include "Agent.h"
 #include "Bench.h"
 #include "SampleRecords.h"
-
-#include "standin/ReportRecorder.h"
-
-#include "ScriptConstants.h"
-#include "TempDir.h"
-#include "WriterUnderTest.h"
 
 /// In place of libzmq's: without a socket the worker collects messages and sends none.
 extern "C" void* zmq_socket(void*, int) {
@@ -114,13 +109,10 @@ void run(const Writers& writers, std::size_t count, std::size_t each, Work work)
 /// What the plug-in expects around it, and its writers.
 struct Surroundings {
   Surroundings() {
-    std::filesystem::create_directory("orvik");
-    std::filesystem::create_directory("orvik-spool");
     while (writers.size() < 16)
       writers.push_back(std::make_unique<Writer>("connection"));
   }
-  const test::TempDir folder;
-  const standin::ReportRecorder reports;
+  const bench::AgentSurroundings folder;
   const test::ScriptConstants constants;
   Writers writers;
 };

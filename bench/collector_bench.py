@@ -261,7 +261,6 @@ def fleet_figures(build, agents, events):
                 figures[curve % ("delivery of 100,000 events", "s")] = (1e5 * seconds /
                                                                         (each * agents))
                 fleet.sent()
-                figures["memory at most [kB]"] = collector.usage.ru_maxrss
                 time.sleep(2)  # until libzmq has given up all connections, and no event is lost
                 fleet.begin(1)
                 with Collector(build, folder, *output, "--quiet", "--count", str(agents),

@@ -29,11 +29,11 @@ class BenchRunTest(unittest.TestCase):
             self.assertEqual(status, 0 if shutil.which("gnuplot") else 1)
             with open(os.path.join(folder, "table.md"), encoding="utf-8") as file:
                 table = file.read()
-            with open(os.path.join(folder, "conversion.csv"), encoding="utf-8") as file:
+            with open(os.path.join(BUILD, "conversion.csv"), encoding="utf-8") as file:
                 rows = file.read()
         self.assertRegex(table, r"\n\| conversion \| connection \| [0-9.]+ ns\S* "
                                 r"\| generated builder functions \| [0-9.]+ ns\S* \| [0-9.]+ \|")
-        self.assertRegex(table, r"\n\| columns per record \| conversion of a connection, ns \| 5 ")
+        self.assertRegex(table, r"\n\| columns per record \| conversion of a connection, ns \| 22 ")
         self.assertRegex(rows, r"\nconversion,connection,ns\S*,[0-9.]+,generated builder functions,")
 
 
