@@ -236,7 +236,7 @@ class JsonLogTest(ReplayTestCase):
     def test_lines_that_are_no_records_are_named_counted_and_skipped(self):
         lines = ['{"ts":1.5,"uid":"C0"}', "nonsense", "[1]", '{"ts":"soon"}', '{"id.orig_p":"x"}',
                  '{"a":' * 20 + "1" + "}" * 20, "{" + ",".join('"%d":1' % n for n in range(2000)) +
-                 "}", "", '{"ts":"2015-06-04T12:00:00+02:00","uid":"C1"}', '{"ts":1.5']
+                 "}", "", '{"ts":"2015-06-04T12:00:00+02:00","uid":"C1"}', '{"a":1e999}', '{"ts":1.5']
         write_file("conn.log", "\n".join(lines))
         collector = self.collect()
         self.settings_for(collector.endpoint)
@@ -246,9 +246,10 @@ class JsonLogTest(ReplayTestCase):
                                (4, "column 'ts': 'soon' is not a time in the form of ISO 8601"),
                                (5, "column 'id.orig_p': 'x' is not a valid port"),
                                (6, "nested in more than 8 levels"), (7, "more than 1000 fields"),
-                               (8, "not a JSON object"), (10, "the last line has no line end")):
+                               (8, "not a JSON object"), (10, "a number is out of range"),
+                               (11, "the last line has no line end")):
             self.assertIn("conn.log:%d: %s" % (number, reason), replay.stderr)
-        self.assertIn("read: 2 records from 1 log, 8 broken lines skipped\n", replay.stderr)
+        self.assertIn("read: 2 records from 1 log, 9 broken lines skipped\n", replay.stderr)
         self.assertEqual([(event["uid"], event["ts"]) for event in self.events(collector, 2)],
                          [("C0", 1.5), ("C1", 1433412000.0)])
 

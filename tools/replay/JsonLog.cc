@@ -241,6 +241,8 @@ void JsonLog::Parse() {
     object_ = Json::parse(lines_->line().begin(), lines_->line().end(), check);
   } catch (const Json::parse_error& error) {
     throw BadValue("not a JSON object: wrong at byte " + std::to_string(error.byte));
+  } catch (const Json::out_of_range&) {
+    throw BadValue("a number is out of range for a double");
   }
   if (!object_.is_object())
     throw BadValue("not a JSON object");
