@@ -143,6 +143,13 @@ TEST_F(PullSocketTest, LargestMessageArrivesAndOneByteMoreDoesNot) {
   zmq_msg_close(&message);
 }
 
+TEST_F(PullSocketTest, ClientHasTenSecondsForItsHandshake) {
+  int limit_ms = 0;
+  std::size_t size = sizeof limit_ms;
+  ASSERT_EQ(zmq_getsockopt(socket_.get(), ZMQ_HANDSHAKE_IVL, &limit_ms, &size), 0);
+  EXPECT_EQ(limit_ms, 10000);
+}
+
 #ifdef __linux__
 TEST_F(PullSocketTest, ManyClientsMayWaitToBeAccepted) {
   std::ifstream limit("/proc/sys/net/core/somaxconn");
