@@ -45,10 +45,6 @@ bool is_rotated_name(std::string name, const std::string& base) {
   return name.find_first_not_of("0123456789.-_:+TZ") == std::string::npos;
 }
 
-bool ends_with(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 void say(const std::string& name, const std::string& what) {
   std::fprintf(stderr, "%s: %s\n", name.c_str(), what.c_str());
 }
@@ -254,7 +250,7 @@ bool FollowedLog::AddFilesBetween(std::uint64_t newest) {
         !S_ISREG(status.st_mode) || status.st_ino == newest ||
         FindFile(status.st_ino) != files_.end() || time_of(status) < time_of(last))
       continue;
-    if (!ends_with(name, ".gz"))
+    if (std::filesystem::path(name).extension() != ".gz")
       found.push_back({time_of(status), status.st_ino, file});
     else if (time_of(status) > time_of(last))
       say(file, "is newer than what was read, but compressed: replay it without --follow");
