@@ -158,12 +158,13 @@ class KeygenTest(CliTest):
 @needs_zmq
 class CollectTest(CliTest):
     def test_each_event_is_printed_as_soon_as_it_has_come(self):
-        collector = self.collect()
+        collector = self.collect("--json-bytes", "base64")
         agent = self.agent(collector.endpoint)
-        for number in range(3):
-            agent.send(make_event(uid=b"C%d" % number))
+        for number, uid in enumerate((b"C0", b"C1", b"C\xff")):
+            agent.send(make_event(uid=uid))
             wait_for(lambda: len(collector.lines()) == number + 1, "the event's line")
-        self.assertEqual([json.loads(line)["uid"] for line in collector.lines()], ["C0", "C1", "C2"])
+        self.assertEqual([json.loads(line)["uid"] for line in collector.lines()],
+                         ["C0", "C1", {"base64": "Q/8="}])
 
     def test_count_ends_it_after_so_many_events(self):
         collector = self.collect("--count", "2")
