@@ -24,6 +24,7 @@ class UsageTest(CliTest):
             result = self.run_tool(*words, "--help")
             self.assertEqual((result.returncode, result.stderr), (0, ""), words)
             self.assertIn(b"Usage: zmqwriter", result.stdout)
+            self.assertLessEqual(max(map(len, result.stdout.splitlines())), 96, words)
             self.assertEqual(self.run_tool("help", *words).stdout, result.stdout)
 
     def test_version_is_the_projects(self):
