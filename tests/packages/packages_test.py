@@ -148,7 +148,7 @@ class Skipped(Exception):
 def run(*command, **options):
     """Runs a command and gives what it prints; an error shows that."""
     result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                            stdin=subprocess.DEVNULL, timeout=600, **options)
+                            stdin=subprocess.DEVNULL, timeout=1800, **options)
     if result.returncode:
         raise AssertionError("%s, with exit status %d:\n%s" % (
             " ".join(command[:3]), result.returncode, result.stdout))
@@ -305,7 +305,7 @@ def try_packages_as_root():
     alone = as_root + ["unshare", "--mount", "--pid", "--fork", "--kill-child"]
     try_or_skip("needs root, and name spaces", *alone, "true")
     return subprocess.run(alone + [sys.executable, "-B", __file__, BUILD, "inside"],
-                          timeout=1800).returncode
+                          timeout=3600).returncode
 
 
 def main():
