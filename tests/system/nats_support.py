@@ -13,10 +13,13 @@ import sys
 import time
 import unittest
 
-from cli_support import DEADLINE, read_file, wait_for, write_file
+from cli_support import BUILD_DIR, DEADLINE, read_file, wait_for, write_file
 
 NATS_SERVER = shutil.which("nats-server") or shutil.which("nats-server", path="/usr/sbin")
-needs_nats = unittest.skipUnless(NATS_SERVER, "needs nats-server")
+CACHE = os.path.join(BUILD_DIR, "CMakeCache.txt")
+WITH_NATS = not os.path.exists(CACHE) or "ZMQWRITER_WITH_NATS:BOOL=ON" in read_file(CACHE)
+needs_nats = unittest.skipUnless(NATS_SERVER and WITH_NATS,
+                                 "needs nats-server, and a program that was built with libnats")
 
 
 class Port:
