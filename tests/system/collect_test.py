@@ -475,6 +475,9 @@ class CollectMetricsTest(CliTest):
 
     def test_scrape_has_the_counts_of_the_moment(self):
         collector = self.collect_with_metrics("--most-agents", "1")
+        url = re.search(r"status on (\S+)", collector.stderr).group(1)
+        with urllib.request.urlopen(url + "status.json", timeout=DEADLINE) as answer:
+            self.assertEqual(json.load(answer)["endpoints"], [collector.endpoint])
         agent = self.agent(collector.endpoint)
         event = make_event(agent=b'a"b\\c\nd\xff')
         for message in (event, b"", b"no event", event):

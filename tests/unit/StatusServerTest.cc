@@ -47,7 +47,8 @@ class StatusServerTest : public testing::Test {
 
   void Serve(const ClientGate* gate = nullptr) {
     server_ = std::make_unique<StatusServer>(
-        "127.0.0.1:0", Watched{stats_, gate, {"tcp://*:5555"}, true, "events.json", "json", 5000});
+        "127.0.0.1:0", Watched{stats_, gate, true, "events.json", "json", 5000});
+    stats_.NoteEndpoints({"tcp://0.0.0.0:5555"});
   }
 
   std::uint16_t port() const {
@@ -159,7 +160,7 @@ TEST_F(StatusServerTest, MetricsAndJsonTellTheSame) {
                      HasSubstr("memory_limit_total 1\n"), HasSubstr("collect_connections 3\n")));
   const auto status = nlohmann::json::parse(Body("/status.json"));
   EXPECT_EQ(status["version"], ZMQWRITER_VERSION);
-  EXPECT_EQ(status["endpoints"][0], "tcp://*:5555");
+  EXPECT_EQ(status["endpoints"][0], "tcp://0.0.0.0:5555");
   EXPECT_EQ(status["output"]["path"], "events.json");
   EXPECT_EQ(status["output"]["bytes"], 500);
   EXPECT_GT(status["output"]["disk_free"], 0);
@@ -211,7 +212,7 @@ TEST_F(StatusServerTest, AddressesThatCannotBeServedAreNamed) {
   const std::string in_use = "127.0.0.1:" + std::to_string(port());
   for (const std::string& address : {in_use, std::string("192.0.2.1:0")}) {
     try {
-      const StatusServer second(address, Watched{stats_, nullptr, {}, true, "", "json"});
+      const StatusServer second(address, Watched{stats_, nullptr, true, "", "json"});
       FAIL() << address;
     } catch (const std::runtime_error& error) {
       EXPECT_THAT(error.what(), StartsWith("cannot serve metrics on '" + address + "': "));
@@ -229,7 +230,7 @@ TEST_F(StatusServerTest, AddressMayBeOfIpv6) {
   close(probe);
   if (!has_ipv6)
     GTEST_SKIP() << "no IPv6 here";
-  const StatusServer server("[::1]:0", Watched{stats_, nullptr, {}, true, "", "json"});
+  const StatusServer server("[::1]:0", Watched{stats_, nullptr, true, "", "json"});
   const std::string url = server.url(), start = "http://[::1]:";
   ASSERT_THAT(url, StartsWith(start));
   address.sin6_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(start.size()))));

@@ -131,6 +131,11 @@ void CollectStats::CountMemoryLimit() {
   ++counts_.ended_for_memory;
 }
 
+void CollectStats::NoteEndpoints(const std::vector<std::string>& bound) {
+  const Lock lock(mutex_);
+  counts_.endpoints = bound;
+}
+
 void CollectStats::NoteConnections(std::uint64_t open) {
   const Lock lock(mutex_);
   counts_.connections = open;

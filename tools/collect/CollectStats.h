@@ -90,6 +90,7 @@ struct CollectCounts {
   std::uint64_t finished_files = 0;
   bool stalled = false;  // the output accepts nothing
   std::optional<StreamFigures> stream;
+  std::vector<std::string> endpoints;  // that are listened on
   std::uint64_t connections = 0;
   std::array<std::uint64_t, kRefusals.size()> refused = {};  // by Refusal
   std::uint64_t ended_for_memory = 0;                        // connections
@@ -117,6 +118,7 @@ class CollectStats {
   void CountMultiPart();
   void CountRefusal(Refusal reason);
   void CountMemoryLimit();
+  void NoteEndpoints(const std::vector<std::string>& bound);
   void NoteConnections(std::uint64_t open);
   /// Bytes written to the output, the number of its finished files, and whether it accepts nothing.
   void NoteOutput(std::uint64_t written_bytes, std::uint64_t finished_files, bool stalled);

@@ -60,13 +60,8 @@ std::unique_ptr<StatusServer> make_server(const CollectOptions& options, const C
                                           const ClientGate* gate) {
   if (options.metrics_address.empty())
     return nullptr;
-  const Watched collector = {stats,
-                             gate,
-                             options.endpoints,
-                             options.writes,
-                             options.output.path,
-                             options.output.format,
-                             options.max_memory};
+  const Watched collector = {
+      stats, gate, options.writes, options.output.path, options.output.format, options.max_memory};
   auto server = std::make_unique<StatusServer>(options.metrics_address, collector);
   std::fprintf(stderr, "status on %s\nmetrics on %smetrics\n", server->url().c_str(),
                server->url().c_str());
@@ -101,6 +96,7 @@ Collector::Collector(const CollectOptions& options)
   // Bound last, so that no agent has connected when something else fails.
   for (const std::string& endpoint : options.endpoints)
     bound_.push_back(socket_.Bind(endpoint));
+  stats_.NoteEndpoints(bound_);
   for (const auto& sink : sinks_)
     sink->Begin();
   if (!options.quiet)

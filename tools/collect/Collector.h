@@ -53,8 +53,6 @@ class Collector {
   Collector(const Collector&) = delete;
   Collector& operator=(const Collector&) = delete;
 
-  /// The bound endpoints, with the ports that the system chose.
-  const std::vector<std::string>& endpoints() const { return bound_; }
 
   /// Receives until the count is reached, the time-out has passed, the output fails or a stop
   /// signal arrives. Returns the exit status.

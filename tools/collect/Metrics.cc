@@ -237,7 +237,7 @@ std::string status_json(const Watched& collector) {
       {"version", ZMQWRITER_VERSION},
       {"started", collector.started},
       {"now", now},
-      {"endpoints", collector.endpoints},
+      {"endpoints", counts.endpoints},
       {"output", output},
       {"stream", stream_json(counts.stream)},
       {"memory",

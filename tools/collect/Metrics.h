@@ -17,7 +17,6 @@ class ClientGate;
 struct Watched {
   const CollectStats& stats;
   const ClientGate* gate;  // may be null
-  std::vector<std::string> endpoints;
   bool writes;              // to a file or to standard output
   std::string output_path;  // empty: standard output
   std::string format;
