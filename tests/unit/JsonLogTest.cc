@@ -58,6 +58,18 @@ TEST(JsonLogTest, KnownColumnsHaveTheirTypesAndWhatNoEventHoldsIsLeftOut) {
               ElementsAre("header", "smtp to:{'a' 'b,c'} reqSize:9"));
 }
 
+TEST(JsonLogTest, TimesInMillisecondsAndBytesThatTheHostEscapesAreRead) {
+  EXPECT_THAT(
+      read("http.log", R"({"ts":1433412000500,"host":"a\u00c3\u00a9\u00ff\u00e9 \\u00c3\u00a9"})"
+                       "\n"
+                       R"({"ts":100000000000,"host":"\u0041\u00"})"
+                       "\n"
+                       R"({"ts":100000000000,"host":"\u0041\u00e9"})"
+                       "\n"),
+      ElementsAre("header", "http ts:1433412000.5 host:'a\u00e9\u00ff\u00e9 \\u00c3\u00a9'",
+                  "broken", "http ts:100000000000 host:'A\u00e9'"));
+}
+
 TEST(JsonLogTest, LogsThatNoStockHostHasAreKnownToo) {
   const struct {
     const char* path;

@@ -1,11 +1,13 @@
 #include "JsonLog.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
 
 #include "RecordMapping.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -45,6 +47,8 @@ constexpr KnownLog kKnownLogs[] = {
 };
 
 // Each layout of each path has a writer, which is a thread.
+// A time in whole numbers beyond this, in the year 5138, is in milliseconds.
+constexpr double kMostSeconds = 1e11;
 constexpr std::size_t kMostPaths = 256;
 constexpr std::size_t kMostOwnColumns = 64;
 constexpr int kMostLevels = 8;
@@ -96,6 +100,39 @@ bool has_column(const std::vector<Column>& columns, const std::string& name) {
                      [&](const Column& column) { return column.name == name; });
 }
 
+/// The host writes each byte of a text that is not ASCII as \\u00hh. Puts the bytes in place of
+/// that where they are a character of UTF-8.
+std::string undo_byte_escapes(std::string_view line) {
+  if (line.find("\\u00") == std::string_view::npos)
+    return std::string(line);
+  std::string result, bytes;
+  const auto end_run = [&result, &bytes] {
+    for (std::size_t i = 0, size; i < bytes.size(); i += size) {
+      size = std::max<std::size_t>(
+          utf8_length(reinterpret_cast<const unsigned char*>(&bytes[i]), bytes.size() - i), 1);
+      result += size > 1 ? bytes.substr(i, size) : "\\u00" + hex_digits(&bytes[i], 1);
+    }
+    bytes.clear();
+  };
+  for (std::size_t i = 0; i < line.size();) {
+    const std::string_view digits = line.substr(std::min(i + 4, line.size()), 2);
+    unsigned byte = 0;
+    if (line.substr(i, 4) == "\\u00" && digits.size() == 2 &&
+        std::from_chars(digits.data(), digits.data() + 2, byte, 16).ptr == digits.data() + 2 &&
+        byte >= 0x80) {
+      bytes += static_cast<char>(byte);
+      i += 6;
+      continue;
+    }
+    end_run();
+    const std::size_t size = line[i] == '\\' ? 2 : 1;
+    result += line.substr(i, size);
+    i += size;
+  }
+  end_run();
+  return result;
+}
+
 /// As the host's ASCII logs have it.
 std::string text_of(const Json& value) {
   if (value.is_string())
@@ -124,7 +161,10 @@ ValuePtr atomic_value(TypeTag type, const Json& value) {
     time->val.double_val = parse_iso_time(value.get_ref<const std::string&>());
     return time;
   }
-  return plain_value(type, text_of(value));
+  ValuePtr number = plain_value(type, text_of(value));
+  if (type == TYPE_TIME && value.is_number_integer() && number->val.double_val > kMostSeconds)
+    number->val.double_val /= 1000;
+  return number;
 }
 
 ValuePtr make_value(const Column& column, const Json* value) {
@@ -238,7 +278,7 @@ void JsonLog::Parse() {
     return true;
   };
   try {
-    object_ = Json::parse(lines_->line().begin(), lines_->line().end(), check);
+    object_ = Json::parse(undo_byte_escapes(lines_->line()), check);
   } catch (const Json::parse_error& error) {
     throw BadValue("not a JSON object: wrong at byte " + std::to_string(error.byte));
   } catch (const Json::out_of_range&) {

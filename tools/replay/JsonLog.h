@@ -4,12 +4,12 @@
 //   The field `_path`, else the file's name up to its first dot.
 //
 // Columns
-//   `ts` is a time, as seconds or in the form of ISO 8601, and `uid` a string. For the paths whose
-//   records become events of their own kind the columns that these have are known, with their
-//   types; a column that a stock log has is unset where the object leaves it out, and what an event
-//   does not hold is not a column. For other paths every record has its own further columns, of
-//   type string. If a record has the plug-in's own columns, their types are those of their first
-//   values. Fields of an object within the object are named as in `id.orig_h`.
+//   `ts` is a time, as seconds, milliseconds or in the form of ISO 8601, and `uid` a string. For
+//   the paths whose records become events of their own kind the columns that these have are known,
+//   with their types; a column that a stock log has is unset where the object leaves it out, and
+//   what an event does not hold is not a column. For other paths every record has its own further
+//   columns, of type string. If a record has the plug-in's own columns, their types are those of
+//   their first values. Fields of an object within the object are named as in `id.orig_h`.
 //
 // A line that is no object, is nested more deeply than a log is, or has a value that does not fit
 // its column, is broken.
