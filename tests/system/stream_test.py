@@ -300,10 +300,11 @@ class StreamTest(StreamCase):
 
     def test_an_end_without_the_engine(self):
         server = self.server()
+        os.mkdir("c.new")
         for prefix, files, kill, status, words in (
                 ("a", ["--drain", "0.2"], True, 1, "with --unsent FILE they would have been kept"),
                 ("b", ["--drain", "0.2"], False, 1, "3 of the events received did not get out"),
-                ("c", ["--drain", "0.2", "--unsent", "no/folder"], False, 1, "no/folder"),
+                ("c", ["--drain", "0.2", "--unsent", "c"], False, 1, "c.new: cannot be made"),
                 ("d", ["--drain", "0.2", "--unsent", "d"], False, 0, "they are in d")):
             with self.subTest(prefix=prefix):
                 collector = self.collect_to(server.url, "--prefix", prefix, *files)
@@ -326,15 +327,21 @@ class StreamTest(StreamCase):
         self.assertIsNone(collector.popen.poll())
         self.end(collector, 0, "5 events were not acknowledged: they are in unsent")
 
-    def test_a_file_of_unsent_events_that_is_none_is_left_alone(self):
+    def test_a_file_of_unsent_events_that_is_of_no_use_is_left_alone(self):
+        """None of them, and one where those of another collector would be replaced."""
         server = self.server()
         write_file("unsent", framed(b"anything"))
-        self.keygen()
-        result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                               "server.secret", "--to", server.url, "--create-stream", "--unsent",
-                               "unsent")
-        self.assertEqual((result.returncode, read_file("unsent", "rb")), (1, framed(b"anything")))
-        self.assertIn("is not a file of unsent events", result.stderr)
+        os.mkdir("folder")
+        self.collect_to(server.url, "--unsent", "used")
+        for file, words in (("unsent", "is not a file of unsent events"),
+                            ("folder", "is not a file of unsent events"),
+                            ("no/folder", "no/folder.lock: cannot be made"),
+                            ("used", "used: in use by another collector")):
+            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
+                                   "server.secret", "--to", server.url, "--unsent", file,
+                                   "--timeout", "0.1")
+            self.assertEqual((result.returncode, words in result.stderr), (1, True), result.stderr)
+        self.assertEqual(read_file("unsent", "rb"), framed(b"anything"))
 
     def test_an_event_that_is_too_large_is_dropped_and_the_others_are_not(self):
         """Before and after the collector can know: by the server's limit, and by the stream's."""

@@ -72,6 +72,8 @@ std::unique_ptr<EventSink> make_jetstream_sink(const JetStreamOptions& options,
 
 JetStreamSink::JetStreamSink(const JetStreamOptions& options, CollectStats* stats)
     : options_(options), stats_(stats), run_(new_run()), pause_(kShortestPause) {
+  if (!options_.unsent_file.empty())
+    unsent_lock_.Reset(lock_unsent_file(options_.unsent_file));
   Connect();
   FindStream();
   NoteFigures(Clock::now());
@@ -558,7 +560,7 @@ void JetStreamSink::Finish() {
   if (lost_events_ > 0)
     problem_ = "the engine takes no events as large as some were";
   if (unsent.empty())
-    return;
+    return RemoveUnsentFile();  // the last answer may have come since the look
   const std::string counted = std::to_string(unsent.size()) + " events were not acknowledged";
   if (options_.unsent_file.empty()) {
     lost_events_ += unsent.size();

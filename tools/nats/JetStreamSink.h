@@ -20,6 +20,7 @@
 #include "CollectStats.h"
 #include "EventSink.h"
 #include "EventStream.h"
+#include "Files.h"
 #include "JetStreamOptions.h"
 #include "NatsConnection.h"
 
@@ -87,6 +88,7 @@ class JetStreamSink : public EventSink {
   const JetStreamOptions options_;
   CollectStats* const stats_;
   const std::string run_;
+  FileDescriptor unsent_lock_;
   std::string id_;  // of the last event
   std::uint64_t count_ = 0;
 

@@ -1,6 +1,8 @@
 #include "UnsentFile.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +24,23 @@ namespace {
 }
 
 }  // namespace
+
+int lock_unsent_file(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+    throw std::runtime_error(path + ": is not a file of unsent events");
+  const std::string name = path + ".lock";
+  FileDescriptor lock(open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (lock.get() < 0)
+    fail(name, "cannot be made");
+  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK)
+      throw std::runtime_error(path +
+                               ": in use by another collector; each needs its own --unsent FILE");
+    fail(name, "cannot be locked");
+  }
+  return lock.Release();
+}
 
 void write_unsent_file(const std::string& path, const std::vector<UnsentEvent>& events) {
   const std::string fresh = path + ".new";

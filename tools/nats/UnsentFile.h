@@ -17,6 +17,11 @@ struct UnsentEvent {
   std::string raw;
 };
 
+/// A lock (flock on PATH.lock), as long as the descriptor is open: of two collectors with one file
+/// the second would replace the events of the first. Throws std::runtime_error; also where the file
+/// could not be written later.
+int lock_unsent_file(const std::string& path);
+
 /// Replaces the file, mode 0600, and has it on disk before it returns. Throws std::runtime_error;
 /// the former file is then unchanged.
 void write_unsent_file(const std::string& path, const std::vector<UnsentEvent>& events);
