@@ -38,7 +38,7 @@ class StreamTestCase(CliTest):
                 return client
 
     def make_stream(self, **stream):
-        self.client.make_stream("events", subjects=["zmqwriter.>"], **stream)
+        self.client.make_stream("events", **{"subjects": ["zmqwriter.>"], **stream})
 
     def publish(self, *numbers, kind="Tn5250Data"):
         """Events that have the numbers as uid."""
@@ -155,6 +155,9 @@ class StreamReadTest(StreamTestCase):
         self.make_stream()
         self.make_durable("other", filter_subject="zmqwriter.HttpData.>")
         self.make_durable("push", deliver_subject="x")
+        self.client.make_stream("x", subjects=["second.>"])
+        self.assertIn("the subjects '>' are in several streams (events, x); name",
+                      failed("admin", "--subject", ">"))
         self.assertIn("has the filter 'zmqwriter.HttpData.>', not 'zmqwriter.>'; name another",
                       failed("admin", "--durable", "other"))
         self.assertIn("is not one that gives events on demand", failed("admin", "--durable", "push"))
@@ -333,6 +336,9 @@ class EngineCheckTest(StreamTestCase):
                  ["stream-may-lose-events"] * 2),
                 ({"discard": "new", "duplicate_window": 10**9}, ["short-duplicate-window"]),
                 ({"discard": "new", "max_msgs": 10}, ["stream-nearly-full"]),
+                ({"discard": "new", "subjects": ["zmqwriter.Tn5250Data.>"]},
+                 ["stream-takes-some", "publish-fails"]),
+                ({"discard": "new", "subjects": ["other", "zmqwriter.*.*"]}, []),
                 ({"discard": "new", "max_msgs": 12}, [])):
             self.make_stream(**config)
             self.publish(*range(10))

@@ -145,7 +145,9 @@ class StreamTest(StreamCase):
             client.delete_stream("zmqwriter")
             client.make_stream("other", subjects=["zmqwriter.>"], retention="interest",
                                storage="memory", discard="old", max_msgs=5)
-            for words in ("retention interest", "deletes its oldest", "not on disk"):
+            client.change_stream("other", subjects=["zmqwriter.HttpData.>"])
+            for words in ("retention interest", "deletes its oldest", "not on disk",
+                          "other takes only some of the subjects 'zmqwriter.>': events that no"):
                 self.assertIn(words, self.run_tool(*command, "--create-stream").stderr)
 
     def test_what_keeps_it_from_connecting_is_named(self):

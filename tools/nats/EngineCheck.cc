@@ -68,11 +68,14 @@ void tell_room(const FoundStream& stream, StreamReport* report) {
     report->full_in_s = std::max(full_in_s, 0.0);
 }
 
-void check_stream(const FoundStream& stream, std::size_t servers, const StreamReport& report,
-                  Findings* findings) {
+void check_stream(const FoundStream& stream, const std::string& prefix, std::size_t servers,
+                  const StreamReport& report, Findings* findings) {
   for (const std::string& difference : stream_differences(stream, stream.limits))
     add_warning(findings, "stream-may-lose-events", difference,
                 "change it with the engine's tools, or use another --prefix");
+  if (!stream.takes_all)
+    add_warning(findings, "stream-takes-some", partly_taken(stream, prefix),
+                "give it the subjects '" + prefix + ".>'");
   if (!stream.led)
     add_error(findings, "stream-without-leader",
               "the stream " + stream.name + " has no leader, so it takes nothing",
@@ -135,8 +138,10 @@ void check_publishing(const NatsConnection& engine, const std::string& subject,
     add_error(findings, "publish-not-allowed", engine.last_problem(),
               "permit the user to publish to " + report->subjects);
   else if (code != JSStreamNotMatchErr)
+    // The library takes it for JetStream being off that nobody answers, but there is the stream.
     add_error(findings, "publish-fails",
-              "publishing to " + subject + " fails: " + stream_problem(status, code, words).words,
+              "publishing to " + subject + " fails: " +
+                  stream_problem(status, status == NATS_NO_RESPONDERS ? 0 : code, words).words,
               "look at the stream and at the logs of the servers");
 }
 
@@ -174,7 +179,7 @@ EngineReport check_engine(const NatsOptions& options, Findings* findings) {
                           false,
                           std::nullopt};
     tell_room(stream, &about);
-    check_stream(stream, options.servers.size(), about, findings);
+    check_stream(stream, options.prefix, options.servers.size(), about, findings);
     report.stream = about;
     if (stream.max_message >= 0)
       report.largest_message = std::min<std::int64_t>(report.largest_message, stream.max_message);

@@ -1,6 +1,7 @@
 #include "EventStream.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace zmqwriter {
 
@@ -10,6 +11,22 @@ constexpr std::int64_t kNanoseconds = 1000000000;
 // How long an engine recognises the id of an event that is published again.
 constexpr std::int64_t kRepeatWindow = 120 * kNanoseconds;
 constexpr const char* kRetentions[] = {"limits", "interest", "workqueue"};
+
+/// Whether `taken` matches all that `subjects` does, which does not end with '>'.
+bool takes(std::string_view taken, std::string_view subjects) {
+  while (taken != ">") {
+    const std::size_t end = taken.find('.'), other_end = subjects.find('.');
+    const std::string_view token = taken.substr(0, end);
+    if ((token != "*" && token != subjects.substr(0, other_end)) ||
+        (end == std::string::npos) != (other_end == std::string::npos))
+      return false;
+    if (end == std::string::npos)
+      return true;
+    taken.remove_prefix(end + 1);
+    subjects.remove_prefix(other_end + 1);
+  }
+  return true;
+}
 
 using StreamInfo = NatsPtr<jsStreamInfo, jsStreamInfo_Destroy>;
 
@@ -78,6 +95,8 @@ FoundStream find_stream(const NatsConnection& engine, const std::string& subject
   if (status != NATS_OK)
     throw_stream_error(engine, status, code);
   found.name = names->List[0];
+  for (int i = 1; i < names->Count; ++i)
+    found.others += (i > 1 ? ", " : "") + std::string(names->List[i]);
   jsStreamInfo* about = nullptr;
   options.Stream.Info.SubjectsFilter = nullptr;
   status = js_GetStreamInfo(&about, engine.stream(), found.name.c_str(), &options, &code);
@@ -85,6 +104,9 @@ FoundStream find_stream(const NatsConnection& engine, const std::string& subject
     throw_stream_error(engine, status, code);
   const StreamInfo info(about);
   const jsStreamConfig& config = *info->Config;
+  const std::string events = subjects.substr(0, subjects.find('>')) + "*.*";  // type and agent
+  found.takes_all = std::any_of(config.Subjects, config.Subjects + config.SubjectsLen,
+                                [&](const char* taken) { return takes(taken, events); });
   found.limits = {config.Replicas, std::max<std::int64_t>(config.MaxAge / kNanoseconds, 0),
                   std::max<std::int64_t>(config.MaxBytes, 0),
                   std::max<std::int64_t>(config.MaxMsgs, 0)};
@@ -154,6 +176,13 @@ std::vector<std::string> stream_differences(const FoundStream& stream, const Str
   differs("max-bytes", stream.limits.max_bytes, limits.max_bytes);
   differs("max-msgs", stream.limits.max_msgs, limits.max_msgs);
   return differences;
+}
+
+std::string partly_taken(const FoundStream& stream, const std::string& prefix) {
+  return "the stream " + stream.name + " takes only some of the subjects '" + prefix + ".>'" +
+         (stream.others.empty() ? "" : ", others " + stream.others) +
+         ": events that no stream takes wait in the collector, and stop it when they fill its "
+         "window";
 }
 
 }  // namespace zmqwriter

@@ -20,7 +20,9 @@ struct StreamProblem {
 StreamProblem stream_problem(natsStatus status, int error_code, const std::string& words);
 
 struct FoundStream {
-  std::string name;  // empty: none takes the subjects
+  std::string name;       // empty: none takes the subjects
+  std::string others;     // that take some of them, e.g. "a, b"
+  bool takes_all = true;  // of the subjects PREFIX.>
   StreamLimits limits;
   std::string retention;  // "limits", "interest", "workqueue"
   bool discards_old = false;
@@ -39,8 +41,8 @@ struct FoundStream {
   int replicas_behind = 0;
 };
 
-/// The stream that takes such subjects. Throws StreamError when the engine does not tell, also when
-/// each of two answers takes longer than `wait_ms`.
+/// The stream that takes such subjects, or some of them. Throws StreamError when the engine does
+/// not tell, also when each of two answers takes longer than `wait_ms`.
 FoundStream find_stream(const NatsConnection& engine, const std::string& subjects,
                         int wait_ms = NatsConnection::kAnswerMs);
 
@@ -51,6 +53,9 @@ void create_stream(const NatsConnection& engine, const std::string& prefix,
 
 /// How an existing stream differs from what was asked for, to the worse: a sentence each.
 std::vector<std::string> stream_differences(const FoundStream& stream, const StreamLimits& limits);
+
+/// What it means that `stream` does not take all of PREFIX.>.
+std::string partly_taken(const FoundStream& stream, const std::string& prefix);
 
 class StreamError : public std::runtime_error {
  public:

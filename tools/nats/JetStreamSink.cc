@@ -90,6 +90,8 @@ void JetStreamSink::FindStream() {
   try {
     FoundStream stream = find_stream(*engine_, prefix + ".>");
     if (!stream.name.empty()) {
+      if (!stream.takes_all)
+        std::fprintf(stderr, "warning: %s\n", partly_taken(stream, prefix).c_str());
       if (options_.create)
         for (const std::string& difference : stream_differences(stream, *options_.create))
           std::fprintf(stderr, "warning: %s\n", difference.c_str());

@@ -117,6 +117,10 @@ void StreamReader::Connect() {
     throw StreamError({StreamTrouble::kNoStream, "no stream takes the subjects '" + subject_ +
                                                      "'; 'collect --to ... --create-stream' makes "
                                                      "one"});
+  if (!found.others.empty())
+    throw std::runtime_error("the subjects '" + subject_ + "' are in several streams (" +
+                             found.name + ", " + found.others +
+                             "); name those of one with --subject");
   stream_ = found.name;
   if (found.created != created_) {  // else it is the one that was read before
     created_ = found.created;
