@@ -324,10 +324,23 @@ class StreamTest(StreamCase):
         server.kill()
         self.send(collector, 0, 5)
         wait_for(lambda: self.figures(collector)["window"]["events"] == 5, "the window")
+        for _ in range(2):  # as when a terminal is closed
+            collector.popen.send_signal(signal.SIGHUP)
+            time.sleep(0.2)  # two of the same kind at once count as one
+        self.assertEqual(collector.wait(), 0, collector.stderr)
+        self.assertIn("5 events were not acknowledged: they are in unsent", collector.stderr)
+
+    def test_a_second_signal_ends_the_wait_for_a_file_and_the_stream_has_the_events(self):
+        server = self.server()
+        collector = self.collect_to(server.url, "--output", "/dev/full")
+        self.send(collector, 0, 1)
+        wait_for(lambda: self.get(collector, "healthz")[0] == 503, "the full disk")
         collector.popen.terminate()
-        time.sleep(0.2)  # two of the same kind at once count as one
-        self.assertIsNone(collector.popen.poll())
-        self.end(collector, 0, "5 events were not acknowledged: they are in unsent")
+        wait_for(lambda: "stopping: the output has 30 s more" in collector.stderr, "the wait")
+        begin = time.monotonic()
+        self.end(collector, 1, "1 of the events received did not get out")
+        self.assertLess(time.monotonic() - begin, 15)
+        self.await_stored(server, 1)
 
     def test_a_file_of_unsent_events_that_is_of_no_use_is_left_alone(self):
         """None of them, and one where those of another collector would be replaced."""

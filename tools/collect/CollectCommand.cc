@@ -83,10 +83,10 @@ void warn_if_readable_by_others(const std::string& file) {
 
 int collect(const CollectOptions& options) {
   options.stream ? count_stop_signals() : catch_stop_signals();
-  if (options.output.path.empty() && options.allow_file.empty())
-    catch_hangup_as_stop();
-  else
+  if (!options.output.path.empty() || !options.allow_file.empty())
     catch_reload_signal();
+  else if (!options.stream)
+    catch_hangup_as_stop();
   raise_open_files();  // each connection takes one
   warn_if_readable_by_others(options.secret_key_file);
   if (options.stream) {

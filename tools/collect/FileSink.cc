@@ -174,7 +174,8 @@ void FileSink::Drop(std::size_t bytes) {
 
 void FileSink::WaitAfter(int error) {
   const bool give_up = options_.exit_on_full && error != EAGAIN;
-  if (!may_pass(error) || give_up || (stop_requested() && ++last_waits_ > kLastWaits))
+  const bool over = stop_urged() || (stop_requested() && ++last_waits_ > kLastWaits);
+  if (!may_pass(error) || give_up || over)
     return Fail(error);
   if (stop_requested() && !told_end_) {
     std::fprintf(

@@ -9,6 +9,7 @@ namespace {
 
 std::atomic<int> requests{0};
 std::atomic<bool> reload{false};
+bool counts = false;  // set before other threads exist
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
               "signal handlers store to them");
 
@@ -46,6 +47,7 @@ void catch_hangup_as_stop() {
 }
 
 void count_stop_signals() {
+  counts = true;
   for (const int signal : {SIGINT, SIGTERM})
     handle(signal, request_stop);
   handle_hangup();
@@ -57,6 +59,10 @@ int stop_signals() {
 
 bool stop_requested() {
   return stop_signals() > 0;
+}
+
+bool stop_urged() {
+  return counts && stop_signals() > 1;
 }
 
 void catch_reload_signal() {

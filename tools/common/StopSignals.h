@@ -19,6 +19,8 @@ void count_stop_signals();
 /// How many requests to stop have arrived. Any thread.
 int stop_signals();
 bool stop_requested();
+/// Whether a further one has arrived that count_stop_signals kept from ending the process.
+bool stop_urged();
 
 /// Makes SIGHUP a request to read configuration again. Main thread, before others exist.
 void catch_reload_signal();
