@@ -155,7 +155,8 @@ class StreamReadTest(StreamTestCase):
         self.make_stream()
         self.make_durable("other", filter_subject="zmqwriter.HttpData.>")
         self.make_durable("push", deliver_subject="x")
-        self.client.make_stream("x", subjects=["second.>"])
+        self.client.make_stream("x", subjects=["second.>"], retention="workqueue")
+        self.assertIn("workqueue): it needs --durable", failed("admin", "--subject", "second.>"))
         self.assertIn("the subjects '>' are in several streams (events, x); name",
                       failed("admin", "--subject", ">"))
         self.assertIn("has the filter 'zmqwriter.HttpData.>', not 'zmqwriter.>'; name another",

@@ -126,6 +126,8 @@ class StreamTest(StreamCase):
         self.assertIn("no stream takes the subjects 'zmqwriter.>'; make one with --create-stream",
                       missing.stderr)
         limits = "replicas=1,max-age=7d,max-bytes=10M,max-msgs=9"
+        self.assertIn("cannot make the stream: replicas",
+                      self.run_tool(*command, "--create-stream", "replicas=3").stderr)
         made = self.run_tool(*command, "--create-stream", limits)
         self.assertEqual((made.returncode, "made the stream zmqwriter" in made.stderr), (0, True))
         with server.client() as client:

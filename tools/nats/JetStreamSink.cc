@@ -87,6 +87,7 @@ void JetStreamSink::Connect() {
 
 void JetStreamSink::FindStream() {
   const std::string& prefix = options_.engine.prefix;
+  const char* step = "look for";
   try {
     FoundStream stream = find_stream(*engine_, prefix + ".>");
     if (!stream.name.empty()) {
@@ -99,6 +100,7 @@ void JetStreamSink::FindStream() {
       throw std::runtime_error("no stream takes the subjects '" + prefix +
                                ".>'; make one with --create-stream replicas=N,max-age=DAYSd");
     } else {
+      step = "make";
       create_stream(*engine_, prefix, *options_.create);
       stream = find_stream(*engine_, prefix + ".>");
       std::fprintf(stderr, "made the stream %s for the subjects %s.>\n", stream.name.c_str(),
@@ -106,7 +108,7 @@ void JetStreamSink::FindStream() {
     }
   } catch (const StreamError& error) {
     if (error.trouble != StreamTrouble::kNotAuthorised || options_.create)
-      throw std::runtime_error(std::string("cannot look for the stream: ") + error.what());
+      throw std::runtime_error(std::string("cannot ") + step + " the stream: " + error.what());
     // Who may publish need not be allowed to look.
     std::fprintf(stderr, "warning: not allowed to look whether there is a stream: %s\n",
                  error.what());

@@ -89,7 +89,7 @@ const char* hint(natsStatus status) {
     case NATS_TIMEOUT:
       return ": no answer within 2 s";
     case NATS_NO_SERVER:
-      return "; what is there does not answer";
+      return "; its name is not known, or what is there does not answer";
     default:
       return "";
   }

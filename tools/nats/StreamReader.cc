@@ -121,6 +121,9 @@ void StreamReader::Connect() {
     throw std::runtime_error("the subjects '" + subject_ + "' are in several streams (" +
                              found.name + ", " + found.others +
                              "); name those of one with --subject");
+  if (!durable() && found.retention == "workqueue")
+    throw std::runtime_error("the stream " + found.name +
+                             " removes what was read (workqueue): it needs --durable NAME");
   stream_ = found.name;
   if (found.created != created_) {  // else it is the one that was read before
     created_ = found.created;
