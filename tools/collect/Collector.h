@@ -53,7 +53,6 @@ class Collector {
   Collector(const Collector&) = delete;
   Collector& operator=(const Collector&) = delete;
 
-
   /// Receives until the count is reached, the time-out has passed, the output fails or a stop
   /// signal arrives. Returns the exit status.
   int Run();

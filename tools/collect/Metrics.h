@@ -16,7 +16,7 @@ class ClientGate;
 /// A collector as it is seen. What the references and pointers lead to must outlive it.
 struct Watched {
   const CollectStats& stats;
-  const ClientGate* gate;  // may be null
+  const ClientGate* gate;   // may be null
   bool writes;              // to a file or to standard output
   std::string output_path;  // empty: standard output
   std::string format;
