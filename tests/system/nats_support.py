@@ -1,6 +1,8 @@
 """Servers of NATS JetStream for tests, and a client of theirs on a plain socket."""
 
 import base64
+import binascii
+import ctypes
 import json
 import os
 import re
@@ -8,12 +10,14 @@ import shutil
 import signal
 import socket
 import ssl
+import struct
 import subprocess
 import sys
 import time
 import unittest
 
 from cli_support import BUILD_DIR, DEADLINE, read_file, wait_for, write_file
+from curve_client import sodium
 
 NATS_SERVER = shutil.which("nats-server") or shutil.which("nats-server", path="/usr/sbin")
 CACHE = os.path.join(BUILD_DIR, "CMakeCache.txt")
@@ -310,3 +314,52 @@ def make_certificates(folder="."):
 def trusting(path):
     """What NatsClient takes as `tls`."""
     return ssl.create_default_context(cafile=path)
+
+
+class Nkey:
+    """A key pair of Ed25519 in the engine's text form. `kind` is O (operator), A (account), U (user)."""
+
+    def __init__(self, kind):
+        letter = "ABCDEFGHIJKLMNOPQRSTUVWXYZ".index(kind) << 3
+        seed, public = os.urandom(32), ctypes.create_string_buffer(32)
+        self.secret = ctypes.create_string_buffer(64)
+        sodium.crypto_sign_seed_keypair(public, self.secret, seed)
+        self.public = self.text(bytes([letter]) + public.raw)
+        self.seed = self.text(bytes([18 << 3 | letter >> 5, (letter & 31) << 3]) + seed)
+
+    @staticmethod
+    def text(key):
+        return base64.b32encode(key + struct.pack("<H", binascii.crc_hqx(key, 0))).decode().rstrip("=")
+
+    def sign(self, subject, **claims):
+        """A token that says so of the subject."""
+        def encode(part):
+            part = part if isinstance(part, bytes) else json.dumps(part).encode()
+            return base64.urlsafe_b64encode(part).decode().rstrip("=")
+        text = encode({"typ": "JWT", "alg": "ed25519-nkey"}) + "." + encode(
+            {"jti": os.urandom(8).hex(), "iat": int(time.time()), "iss": self.public, "name": "test",
+             "sub": subject.public, "nats": {"version": 2, **claims}})
+        signature = ctypes.create_string_buffer(64)
+        sodium.crypto_sign_detached(signature, None, text.encode(), ctypes.c_ulonglong(len(text)),
+                                    self.secret)
+        return text + "." + encode(signature.raw)
+
+
+def make_credentials(path):
+    """A file of a user's credentials; the configuration of a server that takes them."""
+    operator, account, system, user = (Nkey(kind) for kind in "OAAU")
+    limits = dict.fromkeys(("subs", "data", "payload", "conn", "leaf", "imports", "exports"), -1)
+    stores = dict.fromkeys(("mem_storage", "disk_storage", "streams", "consumer"), -1)
+    write_file(path, f"""-----BEGIN NATS USER JWT-----
+{account.sign(user, type="user", subs=-1, data=-1, payload=-1)}
+------END NATS USER JWT------
+
+-----BEGIN USER NKEY SEED-----
+{user.seed}
+------END USER NKEY SEED------
+""")
+    accounts = "".join(
+        f'{one.public}: "{operator.sign(one, type="account", limits=most)}"\n'
+        for one, most in ((account, {**limits, **stores}), (system, limits)))
+    return (f'operator: "{operator.sign(operator, type="operator")}"\nresolver: MEMORY\n'
+            f'system_account: {system.public}\nresolver_preload {{ {accounts} }}\n')

@@ -10,7 +10,8 @@ import urllib.error
 import urllib.request
 
 from cli_support import CliTest, framed, make_event, needs_zmq, read_file, wait_for, write_file, zmq
-from nats_support import NatsCluster, NatsError, NatsServer, make_certificates, needs_nats
+from nats_support import (NatsCluster, NatsError, NatsServer, make_certificates, make_credentials,
+                          needs_nats)
 
 AGAIN = "the engine takes events again"
 
@@ -157,7 +158,9 @@ class StreamTest(StreamCase):
         write_file("user", "me\nsecret\n")
         write_file("wrong", "me\nother\n")
         write_file("token", "abc\n")
-        for secret in ("user", "wrong", "token"):
+        creds = make_credentials("creds")
+        make_credentials("other-creds")
+        for secret in ("user", "wrong", "token", "creds", "other-creds"):
             os.chmod(secret, 0o600)
         self.keygen()
         tls = ("tls {{ cert_file: server.pem, key_file: server.key, ca_file: ca.pem, verify: {}, "
@@ -170,6 +173,7 @@ class StreamTest(StreamCase):
             "plain": self.server(name="plain"),
             "login": self.server(login, name="login"),
             "token": self.server('authorization { token: abc }\n', name="tokens"),
+            "creds": self.server(creds, name="creds-server"),
             "tls": self.server(tls.format("false"), name="tls"),
             "both": self.server(tls.format("true"), name="both"),
             "no-js": self.server(name="no-js", jetstream=False),
@@ -184,6 +188,9 @@ class StreamTest(StreamCase):
                 ("token", ["--nats-token", "token"], 0, ""),
                 ("token", ["--nats-token", "none"], 1, "none"),
                 ("token", ["--nats-creds", "token"], 1, "token"),
+                ("creds", ["--nats-creds", "creds"], 0, ""),
+                ("creds", ["--nats-creds", "other-creds"], 1, "look at --nats-user"),
+                ("creds", [], 1, "look at --nats-user"),
                 ("plain", ca, 1, "the server has no TLS"),
                 ("tls", ca, 0, ""),
                 ("tls", ["--nats-ca", "other-ca.pem"], 1, "look at --nats-ca"),
