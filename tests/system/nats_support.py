@@ -21,7 +21,7 @@ from curve_client import sodium
 
 NATS_SERVER = shutil.which("nats-server") or shutil.which("nats-server", path="/usr/sbin")
 CACHE = os.path.join(BUILD_DIR, "CMakeCache.txt")
-WITH_NATS = not os.path.exists(CACHE) or "ZMQWRITER_WITH_NATS:BOOL=ON" in read_file(CACHE)
+WITH_NATS = not os.path.exists(CACHE) or "ZMQWRITER_HAS_NATS:INTERNAL=ON" in read_file(CACHE)
 needs_nats = unittest.skipUnless(NATS_SERVER and WITH_NATS,
                                  "needs nats-server, and a program that was built with libnats")
 
