@@ -10,6 +10,7 @@ import urllib.error
 import urllib.request
 
 from cli_support import CliTest, framed, make_event, needs_zmq, read_file, wait_for, write_file, zmq
+from curve_client import sodium
 from nats_support import (NatsCluster, NatsError, NatsServer, make_certificates, make_credentials,
                           needs_nats)
 
@@ -158,9 +159,7 @@ class StreamTest(StreamCase):
         write_file("user", "me\nsecret\n")
         write_file("wrong", "me\nother\n")
         write_file("token", "abc\n")
-        creds = make_credentials("creds")
-        make_credentials("other-creds")
-        for secret in ("user", "wrong", "token", "creds", "other-creds"):
+        for secret in ("user", "wrong", "token"):
             os.chmod(secret, 0o600)
         self.keygen()
         tls = ("tls {{ cert_file: server.pem, key_file: server.key, ca_file: ca.pem, verify: {}, "
@@ -173,7 +172,6 @@ class StreamTest(StreamCase):
             "plain": self.server(name="plain"),
             "login": self.server(login, name="login"),
             "token": self.server('authorization { token: abc }\n', name="tokens"),
-            "creds": self.server(creds, name="creds-server"),
             "tls": self.server(tls.format("false"), name="tls"),
             "both": self.server(tls.format("true"), name="both"),
             "no-js": self.server(name="no-js", jetstream=False),
@@ -188,9 +186,6 @@ class StreamTest(StreamCase):
                 ("token", ["--nats-token", "token"], 0, ""),
                 ("token", ["--nats-token", "none"], 1, "none"),
                 ("token", ["--nats-creds", "token"], 1, "token"),
-                ("creds", ["--nats-creds", "creds"], 0, ""),
-                ("creds", ["--nats-creds", "other-creds"], 1, "look at --nats-user"),
-                ("creds", [], 1, "look at --nats-user"),
                 ("plain", ca, 1, "the server has no TLS"),
                 ("tls", ca, 0, ""),
                 ("tls", ["--nats-ca", "other-ca.pem"], 1, "look at --nats-ca"),
@@ -213,6 +208,17 @@ class StreamTest(StreamCase):
                 self.assertLess(time.monotonic() - begin, 10)
                 for secret in ("secret", "other", "abc"):
                     self.assertNotRegex(result.stderr, rf"\b{secret}\b(?![-.])")
+
+    @unittest.skipUnless(sodium, "needs libsodium")
+    def test_a_file_of_credentials_lets_in_and_that_of_others_does_not(self):
+        server = self.server(make_credentials("mine"))
+        make_credentials("other")
+        self.keygen()
+        for arguments, status, words in (([], 1, "look at --nats-user"), (["--nats-creds", "mine"], 0, ""),
+                                         (["--nats-creds", "other"], 1, "look at --nats-user")):
+            result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "server.secret",
+                                   "--create-stream", "--timeout", "0.01", "--to", server.url, *arguments)
+            self.assertEqual((result.returncode, words in result.stderr), (status, True), result.stderr)
 
     def test_secrets_and_wrong_options_are_refused(self):
         for arguments, words in (

@@ -22,8 +22,8 @@ struct UnsentEvent {
 /// could not be written later.
 int lock_unsent_file(const std::string& path);
 
-/// Replaces the file, mode 0600, and has it on disk before it returns. Throws std::runtime_error;
-/// the former file is then unchanged.
+/// Replaces the file, mode 0600; the content is on disk before it returns. Throws
+/// std::runtime_error; the former file is then unchanged.
 void write_unsent_file(const std::string& path, const std::vector<UnsentEvent>& events);
 
 /// None if there is no such file. Throws std::runtime_error when it cannot be read or is none of
