@@ -98,7 +98,7 @@ void JetStreamSink::FindStream() {
           std::fprintf(stderr, "warning: %s\n", difference.c_str());
     } else if (!options_.create) {
       throw std::runtime_error("no stream takes the subjects '" + prefix +
-                               ".>'; make one with --create-stream replicas=N,max-age=DAYSd");
+                               ".>'; make one with --create-stream, e.g. replicas=3,max-age=7d");
     } else {
       step = "make";
       create_stream(*engine_, prefix, *options_.create);
