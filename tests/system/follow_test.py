@@ -148,6 +148,26 @@ class FollowTest(FollowTestCase):
         self.assertIn("\nleft: nothing\n", said)
         self.assertIs(json.loads(read_file("state"))["exact"], True)
 
+    def test_file_that_came_and_was_rotated_before_a_look_is_read(self):
+        for stop, go_on in ((lambda replay: replay.popen.send_signal(signal.SIGSTOP),
+                             lambda replay: replay.popen.send_signal(signal.SIGCONT) or replay),
+                            (self.stop_follow, lambda _: self.follow())):
+            with self.subTest(stop=stop):
+                collector = self.collect_for_follow()
+                write_file("things-1.log", log_of(1).replace("C", "OLD"))
+                os.utime("things-1.log", (time.time() - 60,) * 2)
+                replay = self.follow()
+                wait_for(lambda: "waiting for it\n" in replay.stderr, "word")
+                stop(replay)
+                self.append(log_of(1))
+                os.rename(self.LOG, "things-2.log")
+                self.append(HEADER % "things" + self.numbers(1))
+                replay = go_on(replay)
+                self.wait_for_uids(collector, "C0", "C1")
+                self.stop_follow(replay)
+                for file in ("things-1.log", "things-2.log", self.LOG, "state"):
+                    os.remove(file)
+
     def test_rotated_cut_and_other_files_are_read_as_they_come(self):
         collector = self.collect_for_follow()
         self.append(log_of(2))

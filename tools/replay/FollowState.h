@@ -26,13 +26,22 @@ struct FilePosition {
   }
 };
 
+/// What a log consisted of.
+struct LogPosition {
+  std::int64_t since = 0;  ///< when it was followed first, in seconds of the system's clock
+  std::vector<FilePosition> files;  ///< the oldest first; none of a log that never was there
+
+  bool operator==(const LogPosition& other) const {
+    return since == other.since && files == other.files;
+  }
+};
+
 /// Tells a file from another one with the same inode: of at most its first 1024 bytes.
 std::uint32_t start_checksum(int descriptor, std::uint64_t offset);
 
 class FollowState {
  public:
-  /// For each log, by its absolute path, the files that it consisted of last, the oldest first.
-  using Positions = std::map<std::string, std::vector<FilePosition>>;
+  using Positions = std::map<std::string, LogPosition>;  ///< by the log's absolute path
 
   /// Reads the file, or makes one without positions, and locks it. Throws std::runtime_error that
   /// says what to do when that fails, when the content is damaged, or when it holds the position of

@@ -65,9 +65,11 @@ void FollowedLog::File::Close() {
   reader.reset();
 }
 
-FollowedLog::FollowedLog(const std::string& path, const std::vector<FilePosition>& files)
-    : path_(path), folder_(std::filesystem::path(path).parent_path().string()) {
-  for (const FilePosition& file : files)
+FollowedLog::FollowedLog(const std::string& path, const LogPosition& position)
+    : path_(path),
+      folder_(std::filesystem::path(path).parent_path().string()),
+      since_(position.since) {
+  for (const FilePosition& file : position.files)
     Resume(file);
   Look();
 }
@@ -230,10 +232,13 @@ void FollowedLog::LookForTruncation() {
 /// Adds the files that were at the path after the last one that was seen there. False when the
 /// names have changed meanwhile.
 bool FollowedLog::AddFilesBetween(std::uint64_t newest) {
-  struct stat last;
-  if (files_.empty() || files_.back().at.done ||
-      fstat(files_.back().source()->descriptor(), &last) != 0)
-    return true;
+  std::pair<long long, long> last = {since_, 0};
+  if (!files_.empty()) {
+    struct stat status;
+    if (files_.back().at.done || fstat(files_.back().source()->descriptor(), &status) != 0)
+      return true;
+    last = time_of(status);
+  }
   std::vector<std::string> names;
   list_folder(folder_, &names);
   const std::string base = std::filesystem::path(path_).filename().string();
@@ -248,11 +253,11 @@ bool FollowedLog::AddFilesBetween(std::uint64_t newest) {
     struct stat status;
     if (!is_rotated_name(name, base) || stat(file.c_str(), &status) != 0 ||
         !S_ISREG(status.st_mode) || status.st_ino == newest ||
-        FindFile(status.st_ino) != files_.end() || time_of(status) < time_of(last))
+        FindFile(status.st_ino) != files_.end() || time_of(status) < last)
       continue;
     if (std::filesystem::path(name).extension() != ".gz")
       found.push_back({time_of(status), status.st_ino, file});
-    else if (time_of(status) > time_of(last))
+    else if (time_of(status) > last)
       say(file, "is newer than what was read, but compressed: replay it without --follow");
   }
   std::sort(found.begin(), found.end(),
@@ -271,11 +276,11 @@ std::vector<FollowedLog::File>::iterator FollowedLog::FindFile(std::uint64_t ino
                       [inode](const File& file) { return file.at.inode == inode; });
 }
 
-std::vector<FilePosition> FollowedLog::Positions() const {
-  std::vector<FilePosition> positions;
+LogPosition FollowedLog::Position() const {
+  LogPosition position{since_, {}};
   for (const File& file : files_)
-    positions.push_back(file.Position());
-  return positions;
+    position.files.push_back(file.Position());
+  return position;
 }
 
 void FollowedLog::SayOnce(const std::string& text) {
