@@ -9,7 +9,7 @@ set(examples ${docs}/examples)
 set(package_only COMPONENT server EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${docs} ${package_only})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${docs} ${package_only}
-        FILES_MATCHING REGEX "\\.(md|svg)$" PATTERN man EXCLUDE)
+        FILES_MATCHING PATTERN *.md PATTERN man EXCLUDE)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/setup/examples/ DESTINATION ${examples} ${package_only}
         PATTERN *.plist EXCLUDE PATTERN *.service EXCLUDE)
 
