@@ -39,12 +39,6 @@ const char kArchitecture[] = "aarch64";
 const char kArchitecture[] = "other";
 #endif
 
-#if defined(__OPTIMIZE__)
-const char kOptimised[] = "";
-#else
-const char kOptimised[] = ", not optimised";
-#endif
-
 /// So that no message is left out as unused.
 volatile std::uint32_t sink;
 
@@ -76,9 +70,9 @@ int main(int argc, char** argv) {
   const unsigned long times = argc == 3 ? std::strtoul(argv[2], &end, 10) : 0;
   const bool counted = argc == 3 && *argv[2] != '\0' && *end == '\0';
   if (argc == 2 && what == "--environment") {
-    std::printf("%s %d on %s with FlatBuffers %d.%d and %s%s\n", kCompiler, kCompilerMajor,
+    std::printf("%s %d on %s with FlatBuffers %d.%d and %s\n", kCompiler, kCompilerMajor,
                 kArchitecture, FLATBUFFERS_VERSION_MAJOR, FLATBUFFERS_VERSION_MINOR,
-                ZMQWRITER_BENCH_FLAGS, kOptimised);
+                ZMQWRITER_BENCH_FLAGS);
   } else if (counted && what == "conversion") {
     convert(times);
   } else if (counted && what == "store") {
