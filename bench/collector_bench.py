@@ -10,16 +10,13 @@ process. The collector is a process of its own; processor time is that of the wh
 
 import contextlib
 import os
-import re
 import signal
-import subprocess
 import sys
 import tempfile
 import time
-import urllib.request
 
 sys.dont_write_bytecode = True
-from processes import SOURCE, Failed, Process, in_turns, main  # noqa: E402
+from processes import PATIENCE, SOURCE, Collector, Failed, Process, in_turns, main  # noqa: E402
 
 sys.path.insert(0, os.path.join(SOURCE, "tests", "system"))
 os.environ["ZMQWRITER_SOURCE_DIR"] = SOURCE
@@ -28,52 +25,6 @@ import nats_support  # noqa: E402
 
 FEEDERS = 64  # agents that keep a collector busy
 WINDOW = 4096
-PATIENCE = 30
-
-
-class Collector(Process):
-    """Once it listens."""
-
-    def __init__(self, build, folder, *options, endpoint="tcp://127.0.0.1:*"):
-        secret = os.path.join(folder, "server.secret")
-        program = os.path.join(build, "bin", "zmqwriter")
-        if not os.path.exists(secret):
-            subprocess.run([program, "keygen", "--dir", folder], check=True,
-                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        super().__init__(program, "collect", "--bind", endpoint, "--secret-key", secret,
-                         "--timeout", str(PATIENCE), *options,
-                         stderr=subprocess.PIPE)
-        with open(os.path.join(folder, "server.public")) as file:
-            self.key = file.read().strip()
-        self.metrics = self.began = None
-        for line in self.child.stderr:
-            found = re.match(r"metrics on (\S+)", line)
-            self.metrics = found.group(1) if found else self.metrics
-            if line.startswith("publishing "):
-                self.began = time.monotonic()
-            found = re.match(r"listening on (\S+)", line)
-            if found:
-                self.endpoint = found.group(1)
-                return
-        raise Failed("collect did not start")
-
-    def figure(self, name):
-        with urllib.request.urlopen(self.metrics, timeout=PATIENCE) as page:
-            text = page.read().decode()
-        return float(re.search(r"^zmqwriter_collect_%s (\d+)" % re.escape(name), text,
-                               re.M).group(1))
-
-    def resident_kb(self):
-        with open("/proc/%d/status" % self.child.pid) as file:
-            return int(re.search(r"VmRSS:\s*(\d+)", file.read()).group(1))
-
-    def descriptors(self):
-        return len(os.listdir("/proc/%d/fd" % self.child.pid))
-
-    def finish(self):
-        """Once it has taken what --count says, and the engine too."""
-        if self.wait() != 0:
-            raise Failed("collect failed:\n" + self.child.stderr.read())
 
 
 class Fleet(Process):

@@ -4,10 +4,14 @@ import argparse
 import json
 import os
 import random
+import re
 import subprocess
 import sys
+import time
+import urllib.request
 
 SOURCE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+PATIENCE = 30  # seconds
 
 
 class Failed(Exception):
@@ -68,6 +72,51 @@ class Process:
                     pipe.close()
                 except OSError:
                     pass
+
+
+class Collector(Process):
+    """Once it listens."""
+
+    def __init__(self, build, folder, *options, endpoint="tcp://127.0.0.1:*"):
+        secret = os.path.join(folder, "server.secret")
+        program = os.path.join(build, "bin", "zmqwriter")
+        if not os.path.exists(secret):
+            subprocess.run([program, "keygen", "--dir", folder], check=True,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        super().__init__(program, "collect", "--bind", endpoint, "--secret-key", secret,
+                         "--timeout", str(PATIENCE), *options,
+                         stderr=subprocess.PIPE)
+        with open(os.path.join(folder, "server.public")) as file:
+            self.key = file.read().strip()
+        self.metrics = self.began = None
+        for line in self.child.stderr:
+            found = re.match(r"metrics on (\S+)", line)
+            self.metrics = found.group(1) if found else self.metrics
+            if line.startswith("publishing "):
+                self.began = time.monotonic()
+            found = re.match(r"listening on (\S+)", line)
+            if found:
+                self.endpoint = found.group(1)
+                return
+        raise Failed("collect did not start")
+
+    def figure(self, name):
+        with urllib.request.urlopen(self.metrics, timeout=PATIENCE) as page:
+            text = page.read().decode()
+        return float(re.search(r"^zmqwriter_collect_%s (\d+)" % re.escape(name), text,
+                               re.M).group(1))
+
+    def resident_kb(self):
+        with open("/proc/%d/status" % self.child.pid) as file:
+            return int(re.search(r"VmRSS:\s*(\d+)", file.read()).group(1))
+
+    def descriptors(self):
+        return len(os.listdir("/proc/%d/fd" % self.child.pid))
+
+    def finish(self):
+        """Once it has taken what --count says, and the engine too."""
+        if self.wait() != 0:
+            raise Failed("collect failed:\n" + self.child.stderr.read())
 
 
 def in_turns(sides, runs):

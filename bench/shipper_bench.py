@@ -10,20 +10,16 @@ Peer    rsyslogd with its czmq module: reads a file of JSON lines and sends each
         configuration, in a folder and as a process of its own; nothing of the system's is touched.
 
 Both send to the program Sink, in turn, on the loopback. The records are the rows of
-samples/conn.log and samples/http.log over and over. A JSON line is an object with the log's path as
-_path and a member for each column: numbers as numbers, T and F as true and false, sets and vectors
-as arrays, everything else as text with escapes undone; unset columns are left out. "all columns" is
-that. "the event's contents" has exactly what our event carries: only the columns that it has a place
-for, and the agent identifier and time zone of its envelope.
+samples/conn.log and samples/http.log over and over. A JSON line is what `zmqwriter collect` prints
+of the event of such a row.
 
 Events per second are the receiver's, from the 1000th event to the last. Processor time is that of
 the whole sending process. Bytes on the wire are those of the TCP connection, as the receiver's
 system counts them. Without rsyslog or its module there are no rows, and standard error says so.
 """
 
-import json
+import itertools
 import os
-import re
 import shutil
 import signal
 import subprocess
@@ -31,98 +27,52 @@ import sys
 import tempfile
 
 sys.dont_write_bytecode = True
-from processes import SOURCE, Failed, Process, in_turns, main  # noqa: E402
+from processes import SOURCE, Collector, Failed, Process, in_turns, main  # noqa: E402
 
 WARM_UP = 1000
-
-# What an event has no place for (docs/wire-format.md).
-NOT_IN_EVENT = {
-    "conn": {"tunnel_parents"},
-    "http": {"id.orig_h", "id.orig_p", "id.resp_h", "id.resp_p", "trans_depth", "referrer",
-             "user_agent", "status_msg", "info_code", "info_msg", "filename", "tags", "password",
-             "proxied", "orig_fuids", "orig_mime_types", "resp_fuids", "resp_mime_types"},
-}
-
-
-# What an event carries beside its columns.
-AGENT = "agent-7"
-ENVELOPE = {"agent_id": AGENT, "tz_minutes_west": 0}
 
 
 # -- Records --------------------------------------------------------------------------------------
 
 
-class Log:
-    """The rows of one of Bro's ASCII logs."""
-
-    def __init__(self, name):
-        self.header, self.rows = [], []
-        with open(name, encoding="utf-8") as file:
-            for line in file.read().splitlines():
-                (self.header if line.startswith("#") else self.rows).append(line)
-        head = dict(line[1:].split("\t", 1) for line in self.header if "\t" in line)
-        self.path = head["path"]
-        self.columns = head["fields"].split("\t")
-        self.types = head["types"].split("\t")
-
-    def write(self, name, count):
-        """A log of so many records."""
-        with open(name, "w", encoding="utf-8") as file:
-            head = [line for line in self.header if not line.startswith("#close")]
-            file.write("".join(line + "\n" for line in head))
-            for i in range(count):
-                file.write(self.rows[i % len(self.rows)] + "\n")
-
-    def write_json(self, name, count, without=(), envelope=None):
-        """The same records as JSON lines. The bytes of all lines, without their ends."""
-        lines = [json.dumps(dict(self.object_of(row, without), **(envelope or {})),
-                            ensure_ascii=False, separators=(",", ":")) for row in self.rows]
-        with open(name, "w", encoding="utf-8", errors="surrogateescape") as file:
-            for i in range(count):
-                file.write(lines[i % len(lines)] + "\n")
-        lengths = [len(line.encode("utf-8", "surrogateescape")) for line in lines]
-        return sum(lengths[i % len(lines)] for i in range(count))
-
-    def object_of(self, row, without=()):
-        members = {"_path": self.path}
-        for column, kind, text in zip(self.columns, self.types, row.split("\t")):
-            if text != "-" and column not in without:
-                members[column] = value_of(text, kind)
-        return members
+def write_log(name, path, count):
+    """Bro's log of so many records."""
+    with open(os.path.join(SOURCE, "samples", path + ".log"), encoding="utf-8") as file:
+        lines = [line for line in file if not line.startswith("#close")]
+    with open(name, "w", encoding="utf-8") as file:
+        file.writelines(line for line in lines if line.startswith("#"))
+        write_over_and_over([line for line in lines if not line.startswith("#")], file, count)
 
 
-def value_of(text, kind):
-    """What JSON has for a value of a log."""
-    container = re.fullmatch(r"(?:set|vector)\[(\w+)\]", kind)
-    if container:
-        elements = [] if text == "(empty)" else text.split(",")
-        return [value_of(element, container.group(1)) for element in elements]
-    if kind in ("time", "interval", "double"):
-        return float(text)
-    if kind in ("count", "int", "port"):
-        return int(text)
-    if kind == "bool":
-        return text == "T"
-    if text == "(empty)":
-        return ""
-    return unescape(text)
+def write_over_and_over(lines, file, count):
+    file.writelines(itertools.islice(itertools.cycle(lines), count))
 
 
-def unescape(text):
-    data = re.sub(rb"\\x([0-9a-fA-F]{2})", lambda match: bytes([int(match.group(1), 16)]),
-                  text.encode("utf-8"))
-    return data.decode("utf-8", "surrogateescape")
+def json_lines(build, path):
+    """The sample log's events as JSON."""
+    log = os.path.join(SOURCE, "samples", path + ".log")
+    with open(log, encoding="utf-8") as file:
+        count = sum(not line.startswith("#") for line in file)
+    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
+        output = os.path.join(folder, "events.json")
+        with Collector(build, folder, "--count", str(count), "--output", output) as collector, \
+                Process(*replay(build, folder, collector.endpoint, collector.key, log), cwd=folder,
+                        stderr=subprocess.DEVNULL):
+            collector.finish()
+        with open(output, encoding="utf-8") as file:
+            return file.readlines()
 
 
 # -- The senders ----------------------------------------------------------------------------------
 
 
-def ship(build, folder, count, command, prepare, size=None):
-    """The figures of one process that sends to a fresh Sink. `prepare` gets the sink's words and
-    writes what the command reads from the folder. The process is ended once everything has arrived.
-    Other events than those of `size` bytes altogether, where that is known, are a failure."""
-    with Process(os.path.join(build, "bench", "Sink")) as sink:
-        prepare(*sink.words())
+def ship(build, count, prepare, size=None):
+    """The figures of one process that sends to a fresh Sink. `prepare` gets a folder and the sink's
+    words, and gives the command. The process is ended once everything has arrived. Other events
+    than those of `size` bytes altogether, where that is known, are a failure."""
+    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder, \
+            Process(os.path.join(build, "bench", "Sink")) as sink:
+        command = prepare(folder, *sink.words())
         sink.tell("expect %d %d" % (WARM_UP, count - WARM_UP))
         with Process(*command, cwd=folder, stderr=subprocess.DEVNULL) as sender:
             _, received, all_bytes, wire, seconds = sink.words()
@@ -134,17 +84,19 @@ def ship(build, folder, count, command, prepare, size=None):
                     "bytes on the wire [B/event]": int(wire) / count}
 
 
+def replay(build, folder, endpoint, key, log):
+    """The command, once the folder has what it needs."""
+    os.mkdir(os.path.join(folder, "orvik-spool"))
+    with open(os.path.join(folder, "settings"), "w") as file:
+        file.write("zmq.server = %s\nzmq.public_key = %s\n" % (endpoint, key))
+    return [os.path.join(build, "bin", "zmqwriter"), "replay", "--settings", "settings",
+            "--no-pace", "--set", "LogZMQ::zmq_agent_id=agent-7",
+            "--plugin", os.path.join(build, "plugin-sandbox"), log]
+
+
 def run_ours(build, log, count):
-    """Replays the log to a fresh sink."""
-    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
-        def prepare(endpoint, key_hex, _):
-            os.mkdir(os.path.join(folder, "orvik-spool"))
-            with open(os.path.join(folder, "settings"), "w") as file:
-                file.write("zmq.server = %s\nzmq.public_key = %s\n" % (endpoint, key_hex))
-        return ship(build, folder, count, [
-            os.path.join(build, "bin", "zmqwriter"), "replay", "--settings", "settings", "--no-pace",
-            "--set", "LogZMQ::zmq_agent_id=" + AGENT,
-            "--plugin", os.path.join(build, "plugin-sandbox"), log], prepare)
+    return ship(build, count, lambda folder, endpoint, key, _: replay(build, folder, endpoint, key,
+                                                                      log))
 
 
 CONFIGURATION = """\
@@ -170,23 +122,28 @@ def find_rsyslogd():
 
 
 def run_rsyslog(build, lines, count, size):
-    """Ships the lines, of so many bytes altogether, to a fresh sink."""
-    with tempfile.TemporaryDirectory(prefix="zmqwriter-bench-") as folder:
-        def prepare(endpoint, _, server_key):
-            with open(os.path.join(folder, "server.cert"), "w") as file:
-                file.write(CERTIFICATE % server_key)
-            with open(os.path.join(folder, "client.cert"), "w") as file:
-                file.write(CERTIFICATE % CLIENT_KEYS[0] +
-                           "    secret-key = \"%s\"\n" % CLIENT_KEYS[1])
-            with open(os.path.join(folder, "rsyslog.conf"), "w") as file:
-                file.write(CONFIGURATION % {"folder": folder, "lines": lines,
-                                            "endpoint": endpoint})
-        return ship(build, folder, count,
-                    [find_rsyslogd(), "-n", "-f", "rsyslog.conf", "-i",
-                     os.path.join(folder, "rsyslog.pid")], prepare, size)
+    """Ships the lines, of so many bytes altogether."""
+    def prepare(folder, endpoint, _, server_key):
+        with open(os.path.join(folder, "server.cert"), "w") as file:
+            file.write(CERTIFICATE % server_key)
+        with open(os.path.join(folder, "client.cert"), "w") as file:
+            file.write(CERTIFICATE % CLIENT_KEYS[0] +
+                       "    secret-key = \"%s\"\n" % CLIENT_KEYS[1])
+        with open(os.path.join(folder, "rsyslog.conf"), "w") as file:
+            file.write(CONFIGURATION % {"folder": folder, "lines": lines, "endpoint": endpoint})
+        return [find_rsyslogd(), "-n", "-f", "rsyslog.conf", "-i",
+                os.path.join(folder, "rsyslog.pid")]
+    return ship(build, count, prepare, size)
 
 
 # -- The comparison -------------------------------------------------------------------------------
+
+
+def write_json(build, name, path, count):
+    """So many JSON lines. The bytes of all, without their ends."""
+    with open(name, "w", encoding="utf-8") as file:
+        write_over_and_over(json_lines(build, path), file, count)
+    return os.path.getsize(name) - count
 
 
 def rsyslog_problem(build, folder):
@@ -194,7 +151,7 @@ def rsyslog_problem(build, folder):
     if not find_rsyslogd():
         return ("rsyslogd is not installed (setup/packages bench installs it where it can be had)")
     lines = os.path.join(folder, "probe.json")
-    size = Log(os.path.join(SOURCE, "samples", "conn.log")).write_json(lines, 2 * WARM_UP)
+    size = write_json(build, lines, "conn", 2 * WARM_UP)
     try:
         run_rsyslog(build, lines, 2 * WARM_UP, size)
     except (Failed, OSError) as error:
@@ -203,16 +160,12 @@ def rsyslog_problem(build, folder):
 
 
 def sides(build, folder, path, kind, count):
-    log = Log(os.path.join(SOURCE, "samples", path + ".log"))
-    names = [os.path.join(folder, path + end) for end in (".log", "-event.json", "-all.json")]
-    log.write(names[0], count)
-    event_bytes = log.write_json(names[1], count, NOT_IN_EVENT[path], ENVELOPE)
-    all_bytes = log.write_json(names[2], count)
-    return [("shipped", kind, "ours", lambda: run_ours(build, names[0], count)),
-            ("shipped", kind, "rsyslog, JSON lines of the event's contents",
-             lambda: run_rsyslog(build, names[1], count, event_bytes)),
-            ("shipped", kind, "rsyslog, JSON lines of all columns",
-             lambda: run_rsyslog(build, names[2], count, all_bytes))]
+    log, lines = (os.path.join(folder, path + end) for end in (".log", ".json"))
+    write_log(log, path, count)
+    size = write_json(build, lines, path, count)
+    return [("shipped", kind, "ours", lambda: run_ours(build, log, count)),
+            ("shipped", kind, "rsyslog, JSON lines of the events",
+             lambda: run_rsyslog(build, lines, count, size))]
 
 
 def measure(build, quick, runs, _):
