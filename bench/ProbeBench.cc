@@ -4,6 +4,9 @@
 // the process that is listed first, in the middle and last; a bare look at every descriptor of
 // every process as the floor of the last; `ss -tnp` and `lsof -nP -i` as whole processes, their
 // output thrown away. Run as root, else the tools and the probe see only processes of one's own.
+//
+// And one reading of the host's figures, SystemStats::getStats, beside `df`, which gives a part of
+// them.
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -20,12 +23,16 @@
 #include <vector>
 
 #include "Bench.h"
+#include "SystemStats.h"
 #include "UserDetect.h"
 
 // The host's headers.
 #include "Conn.h"
 #include "IPAddr.h"
+#include "Type.h"
 #include "Val.h"
+
+#include "standin/Scripts.h"
 
 namespace {
 
@@ -200,7 +207,37 @@ void add(int sockets, const std::string& owner, const std::string& side,
       ->Unit(benchmark::kMillisecond);
 }
 
+/// The script type, as scripts declare it.
+void define_stats_type() {
+  standin::define_type(
+      "system_stats",
+      standin::record_type("system_stats", {{"cpu_usage", base_type(TYPE_DOUBLE)},
+                                            {"priority", base_type(TYPE_INT)},
+                                            {"ph_mem_total", base_type(TYPE_COUNT)},
+                                            {"ph_mem_used", base_type(TYPE_COUNT)},
+                                            {"virt_mem_total", base_type(TYPE_COUNT)},
+                                            {"virt_mem_used", base_type(TYPE_COUNT)},
+                                            {"hdd_volume", base_type(TYPE_DOUBLE)},
+                                            {"hdd_used", base_type(TYPE_DOUBLE)},
+                                            {"hdd_avail", base_type(TYPE_DOUBLE)}}));
+}
+
+void add_reading(const std::string& side, int calls, const std::function<void()>& work) {
+  bench::add("SystemStats reading", "", side,
+             [work](bench::State& state) {
+               for (auto _ : state)
+                 work();
+             })
+      ->Iterations(calls)
+      ->UseRealTime()
+      ->Unit(benchmark::kMicrosecond);
+}
+
 void add_all(bool) {
+  define_stats_type();
+  add_reading("ours", 1000, [] { Unref(SystemStats::getStats()); });
+  if (bench::run({"df"}))  // and is in the system's cache from now on
+    add_reading("df", 1, [] { bench::run({"df"}); });
   bench::allow_many_descriptors();
   for (const int sockets : {1000, 10000}) {
     // The newest process is listed first.
