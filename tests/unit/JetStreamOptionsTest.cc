@@ -113,6 +113,17 @@ TEST(StreamLimitsTest, UnitsAreMultiplied) {
     EXPECT_THROW(stream_limits(bad), std::invalid_argument) << bad;
 }
 
+/// In place of the system's: what was forced to disk, a folder as "folder", a file as its size.
+std::vector<std::string> synced;
+
+extern "C" int fsync(int descriptor) {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0)
+    return -1;
+  synced.push_back(S_ISDIR(status.st_mode) ? "folder" : std::to_string(status.st_size));
+  return 0;
+}
+
 class UnsentFileTest : public testing::Test {
  protected:
   static std::string id(char digit) {
@@ -143,6 +154,12 @@ TEST_F(UnsentFileTest, EventsComeBackWithTheirIds) {
   ASSERT_EQ(stat("unsent", &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600u);
   EXPECT_NE(stat("unsent.new", &status), 0);
+}
+
+TEST_F(UnsentFileTest, ItsContentAndItsNameAreOnDiskAtTheEnd) {
+  synced.clear();
+  write_unsent_file("unsent", {{id('1'), event("a")}});
+  EXPECT_THAT(synced, ElementsAre(std::to_string(test::read_file("unsent").size()), "folder"));
 }
 
 TEST_F(UnsentFileTest, WhatCannotBeWrittenLeavesTheFormerFile) {

@@ -1,6 +1,7 @@
 #include "Files.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -100,6 +101,13 @@ bool rename_without_replacing(const std::string& from, const std::string& to) {
     return std::rename(from.c_str(), to.c_str()) == 0;
   errno = EEXIST;
   return false;
+}
+
+bool sync_folder_of(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const FileDescriptor descriptor(open(folder.c_str(), O_RDONLY | O_CLOEXEC));
+  return descriptor.get() >= 0 && fsync(descriptor.get()) == 0;
 }
 
 std::uint64_t raise_open_files() {

@@ -45,6 +45,9 @@ std::string read_small_file(const std::string& path, std::size_t longest);
 /// hard links, another program could take the name between the look and the renaming.)
 bool rename_without_replacing(const std::string& from, const std::string& to);
 
+/// Forces the folder of `path` to disk: a new name, or a renaming, is there only then.
+bool sync_folder_of(const std::string& path);
+
 /// Raises the limit of open files of this process as far as the system lets it; returns the limit.
 std::uint64_t raise_open_files();
 

@@ -55,7 +55,8 @@ void write_unsent_file(const std::string& path, const std::vector<UnsentEvent>& 
     if (write_fully(file.get(), record) != record.size())
       fail(fresh, "cannot be written");
   }
-  if (fsync(file.get()) != 0 || std::rename(fresh.c_str(), path.c_str()) != 0)
+  if (fsync(file.get()) != 0 || std::rename(fresh.c_str(), path.c_str()) != 0 ||
+      !sync_folder_of(path))
     fail(path, "cannot be written");
 }
 

@@ -22,8 +22,9 @@ struct UnsentEvent {
 /// could not be written later.
 int lock_unsent_file(const std::string& path);
 
-/// Replaces the file, mode 0600; the content is on disk before it returns. Throws
-/// std::runtime_error; the former file is then unchanged.
+/// Replaces the file, mode 0600; its content and its name are on disk before it returns. Throws
+/// std::runtime_error; the former file is then unchanged, except where only the folder could not
+/// be forced to disk.
 void write_unsent_file(const std::string& path, const std::vector<UnsentEvent>& events);
 
 /// None if there is no such file. Throws std::runtime_error when it cannot be read or is none of

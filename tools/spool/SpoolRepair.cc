@@ -54,14 +54,6 @@ int create_copy(const std::string& path, const std::string& copy_folder, mode_t 
   return -1;
 }
 
-/// A new file's name is on disk only when its folder is.
-bool sync_folder_of(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const FileDescriptor descriptor(open(folder.c_str(), O_RDONLY | O_CLOEXEC));
-  return descriptor.get() >= 0 && fsync(descriptor.get()) == 0;
-}
-
 std::string keep_copy(const std::string& path, const std::string& copy_folder, int from) {
   struct stat status;
   if (fstat(from, &status) != 0)
