@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cinttypes>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -39,10 +40,6 @@ constexpr auto kLongestDrain = std::chrono::seconds(20);
 constexpr int kSettledMs = 100;
 constexpr std::size_t kMostHeld = std::size_t{64} << 20;
 constexpr std::size_t kHeldOverhead = 2 * sizeof(zmq_msg_t);  // of each message
-
-unsigned long long number(std::uint64_t n) {
-  return n;
-}
 
 std::unique_ptr<ClientGate> make_gate(const CollectOptions& options, ZmqContext* context) {
   if (options.allow_file.empty())
@@ -268,7 +265,7 @@ void Collector::ReportBad(const std::string& problem) {
   if (options_.quiet || bad_ > kReportedBadMessages)
     return;
   const char* const peer = zmq_msg_gets(&part_, "Peer-Address");
-  std::fprintf(stderr, "message %llu from %s skipped: %s%s\n", number(messages_),
+  std::fprintf(stderr, "message %" PRIu64 " from %s skipped: %s%s\n", messages_,
                peer ? peer : "a client", problem.c_str(),
                bad_ == kReportedBadMessages ? " (further ones are only counted)" : "");
 }
@@ -295,24 +292,25 @@ void Collector::Finish() {
 
 void Collector::PrintTotals() const {
   const CollectCounts counts = stats_.Counts();
-  std::fprintf(stderr, "events: %llu (%llu bytes)\n", number(counts.all.events),
-               number(counts.all.bytes));
+  std::fprintf(stderr, "events: %" PRIu64 " (%" PRIu64 " bytes)\n", counts.all.events,
+               counts.all.bytes);
   for (const auto& [type, tally] : counts.by_type)
-    std::fprintf(stderr, "  %s: %llu\n", type.c_str(), number(tally.events));
+    std::fprintf(stderr, "  %s: %" PRIu64 "\n", type.c_str(), tally.events);
   std::fprintf(stderr,
-               "empty messages: %llu\nmalformed messages: %llu\nmulti-part messages: %llu\n",
-               number(counts.empty), number(counts.malformed), number(counts.multi_part));
+               "empty messages: %" PRIu64 "\nmalformed messages: %" PRIu64
+               "\nmulti-part messages: %" PRIu64 "\n",
+               counts.empty, counts.malformed, counts.multi_part);
   if (gate_)
-    std::fprintf(stderr, "clients let in: %llu\nclients turned away: %llu\n",
-                 number(gate_->accepted()), number(gate_->denied()));
+    std::fprintf(stderr, "clients let in: %" PRIu64 "\nclients turned away: %" PRIu64 "\n",
+                 gate_->accepted(), gate_->denied());
 }
 
 int Collector::ExitCode() const {
   for (const auto& sink : sinks_) {
     if (sink->failed()) {
       std::fprintf(stderr, "zmqwriter: %s\n", sink->problem().c_str());
-      std::fprintf(stderr, "zmqwriter: %llu of the events received did not get out\n",
-                   number(sink->lost_events()));
+      std::fprintf(stderr, "zmqwriter: %" PRIu64 " of the events received did not get out\n",
+                   sink->lost_events());
       return 1;
     }
   }
@@ -321,8 +319,9 @@ int Collector::ExitCode() const {
     return 1;
   }
   if (options_.count > 0 && events_ < options_.count && !stop_requested()) {
-    std::fprintf(stderr, "zmqwriter: only %llu of %llu events came within the time-out\n",
-                 number(events_), number(options_.count));
+    std::fprintf(stderr,
+                 "zmqwriter: only %" PRIu64 " of %" PRIu64 " events came within the time-out\n",
+                 events_, options_.count);
     return 1;
   }
   return 0;
