@@ -755,11 +755,14 @@ class SettingsTest(ReplayTestCase):
         server, key = "zmq.server = tcp://127.0.0.1:9\n", "zmq.public_key = %s\n" % ("0A" * 32)
         write_file("a.log", log_of(0))
         for settings, option, warnings in (
-                ("", [], ["settings sets no zmq.server, nor", "settings sets no zmq.public_key"]),
-                ("zmq.server =\n" + key, [], ["settings: zmq.server is empty: the plug-in will try "
+                ("", [], ["no primary server: neither zmq.server in settings",
+                         "no server key: neither zmq.public_key in settings"]),
+                ("zmq.server =\n" + key, [], ["settings: zmq.server is empty; the plug-in will try "
                                               "tcp://:5555"]),
                 (server + key + "LogZMQ::server = a\nzmq.secondary_servers = a # b\n", [],
-                 ["settings: 'LogZMQ::server' is not read", "settings: zmq.secondary_servers: '# b'"]),
+                 ["secondary server 1 'tcp://a # b:5555' has blanks",
+                  "settings: 'LogZMQ::server' is not read",
+                  "settings: zmq.secondary_servers: '# b'"]),
                 (server, ["--set", "LogZMQ::zmq_public_key=" + "0a" * 32],
                  ["LogZMQ::zmq_public_key has lower-case digits"])):
             write_file("settings", settings)

@@ -21,10 +21,6 @@
 #include "WriterStatus.h"
 #include "standin/Host.h"
 
-#include "BroString.h"
-#include "Val.h"
-#include "Var.h"
-
 namespace zmqwriter {
 
 namespace {
@@ -50,19 +46,6 @@ LibzmqReport libzmq_report() {
   zmq_version(&major, &minor, &patch);
   return {std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch),
           zmq_has("curve") == 1};
-}
-
-/// As the plug-in's scripts and the command line set them.
-ConstantValues script_constants() {
-  ConstantValues values;
-  for (const char* name : {"zmq_primary_server", "zmq_secondary_server", "zmq_public_key",
-                           "zmq_agent_id", "set_separator", "empty_field", "unset_field"}) {
-    const BroString* const text =
-        internal_const_val(("LogZMQ::" + std::string(name)).c_str())->AsString();
-    values[name].assign(reinterpret_cast<const char*>(text->Bytes()),
-                        static_cast<std::size_t>(text->Len()));
-  }
-  return values;
 }
 
 /// A problem of a line begins with "FILE:NUMBER".

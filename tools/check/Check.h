@@ -3,7 +3,7 @@
 #pragma once
 
 #include "NatsOptions.h"
-#include "SettingOrigin.h"
+#include "PluginUse.h"
 
 namespace zmqwriter {
 

@@ -17,10 +17,10 @@ const char* name_of(Severity severity) {
                                           : "note";
 }
 
-const char* name_of(SettingOrigin::Place place) {
-  return place == SettingOrigin::kSettingsFile     ? "settings file"
-         : place == SettingOrigin::kScriptConstant ? "script constant"
-                                                   : "default";
+const char* name_of(Setting::Place place) {
+  return place == Setting::kSettingsFile     ? "settings file"
+         : place == Setting::kScriptConstant ? "script constant"
+                                             : "default";
 }
 
 /// The key in the settings file; without one, the constant.
@@ -97,10 +97,9 @@ class Table {
 std::string settings_table(const Configuration& configuration, const std::string& file) {
   Table table("Settings (" + for_terminal(file) + ")");
   for (const Setting& setting : configuration.settings_in_order()) {
-    const std::string source =
-        setting.place == SettingOrigin::kScriptConstant && !setting.key.empty()
-            ? name_of(setting.place) + (" " + setting.constant)
-            : name_of(setting.place);
+    const std::string source = setting.place == Setting::kScriptConstant && !setting.key.empty()
+                                   ? name_of(setting.place) + (" " + setting.constant)
+                                   : name_of(setting.place);
     table.Row(
         {name_of(setting), is_number(setting) ? setting.value : shown(setting.value), source});
   }

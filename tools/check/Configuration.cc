@@ -24,59 +24,57 @@ namespace {
 
 constexpr std::size_t kRawKeyLength = 32;
 constexpr std::size_t kKeyDigits = 2 * kRawKeyLength;
+constexpr std::size_t kZ85Digits = 40;
 
-/// A setting of text; either name may be missing.
-struct TextSetting {
+/// A text, or, without a constant, a number. A text without a key is set in scripts only.
+struct KnownSetting {
   const char* key;
   const char* constant;
   const char* shipped;  // the constant's value in the plug-in's scripts as they come
+  int default_number;
 };
 
-const TextSetting kConnection[] = {
-    {kServer, "zmq_primary_server", ""},
-    {kPublicKey, "zmq_public_key", ""},
-    {kSecondaryServers, "zmq_secondary_server", ""},
-};
-const TextSetting kScriptsOnly[] = {
-    {"", "zmq_agent_id", ""},
-    {"", "set_separator", ","},
-    {"", "empty_field", "(empty)"},
-    {"", "unset_field", "-"},
-};
-
-struct NumberSetting {
-  const char* key;
-  int default_value;
+constexpr KnownSetting kSettings[] = {
+    {kServer, "zmq_primary_server", "", 0},
+    {kPublicKey, "zmq_public_key", "", 0},
+    {kSecondaryServers, "zmq_secondary_server", "", 0},
+    {kDiskRelative, "", "", kDefaultDiskRelative},
+    {kDiskAbsolute, "", "", kDefaultDiskAbsolute},
+    {kChunkSize, "", "", kDefaultChunkSize},
+    {"", "zmq_agent_id", "", 0},
+    {"", "set_separator", ",", 0},
+    {"", "empty_field", "(empty)", 0},
+    {"", "unset_field", "-", 0},
 };
 
-const NumberSetting kNumbers[] = {
-    {kDiskRelative, kDefaultDiskRelative},
-    {kDiskAbsolute, kDefaultDiskAbsolute},
-    {kChunkSize, kDefaultChunkSize},
-};
-
-Setting text_setting(const PluginOptions& options, const ConstantValues& constants,
-                     const TextSetting& what) {
-  const SettingOrigin origin(options, what.key, what.constant);
-  const std::string& in_scripts = constants.at(what.constant);
-  Setting setting = {what.key, std::string("LogZMQ::") + what.constant, origin.place, origin.name,
-                     origin.value};
-  if (setting.place == SettingOrigin::kSettingsFile)
-    return setting;
-  // For the host an empty value changes nothing. It also undoes escapes.
-  setting.value = in_scripts;
-  const bool changed = setting.place == SettingOrigin::kScriptConstant && !origin.value.empty();
-  setting.place = changed || in_scripts != what.shipped ? SettingOrigin::kScriptConstant
-                                                        : SettingOrigin::kNowhere;
-  setting.name = setting.constant;
-  return setting;
+bool is_in_file(const KnownSetting& known) {
+  return *known.key && settings && settings->has(known.key);
 }
 
-Setting number_setting(const PluginOptions& options, const NumberSetting& what, int value) {
-  const SettingOrigin origin(options, what.key, "");
-  // A text that is not a number counts as not set, but is named.
-  const auto place = number_in<int>(origin.value) ? origin.place : SettingOrigin::kNowhere;
-  return {what.key, "", place, origin.name, std::to_string(value)};
+Setting text_setting(const PluginOptions& options, const ConstantValues& constants,
+                     const KnownSetting& known) {
+  const std::string constant = std::string("LogZMQ::") + known.constant;
+  if (is_in_file(known))
+    return {known.key, constant, Setting::kSettingsFile, options.settings_file + ": " + known.key,
+            settings->getStringVal(known.key, "")};
+  const std::string& value = constants.at(known.constant);
+  // For the host an empty value changes nothing.
+  const bool redefined =
+      std::any_of(options.redefs.begin(), options.redefs.end(), [&](const std::string& redef) {
+        return redef.rfind(constant + "=", 0) == 0 && redef.size() > constant.size() + 1;
+      });
+  return {known.key, constant,
+          redefined || value != known.shipped ? Setting::kScriptConstant : Setting::kNowhere,
+          constant, value};
+}
+
+/// A text that is not a number counts as not set.
+Setting number_setting(const PluginOptions& options, const KnownSetting& known) {
+  const std::string text = is_in_file(known) ? settings->getStringVal(known.key, "") : "";
+  const int value =
+      settings ? settings->getIntVal(known.key, known.default_number) : known.default_number;
+  return {known.key, "", number_in<int>(text) ? Setting::kSettingsFile : Setting::kNowhere,
+          options.settings_file + ": " + known.key, std::to_string(value)};
 }
 
 std::string quoted(const std::string& text) {
@@ -85,20 +83,11 @@ std::string quoted(const std::string& text) {
 
 // -- Names of settings ----------------------------------------------------------------------------
 
-/// Those that a line of the settings file may mean; with an empty key, those of the scripts only.
-std::vector<TextSetting> known_settings() {
-  std::vector<TextSetting> known(std::begin(kConnection), std::end(kConnection));
-  for (const NumberSetting& setting : kNumbers)
-    known.push_back({setting.key, "", ""});
-  known.insert(known.end(), std::begin(kScriptsOnly), std::end(kScriptsOnly));
-  return known;
-}
-
 /// What to write in place of a name that is none.
 std::string known_keys() {
   std::string keys;
-  for (const TextSetting& setting : known_settings())
-    keys += *setting.key ? (keys.empty() ? "" : ", ") + std::string(setting.key) : "";
+  for (const KnownSetting& known : kSettings)
+    keys += *known.key ? (keys.empty() ? "" : ", ") + std::string(known.key) : "";
   return keys;
 }
 
@@ -119,20 +108,20 @@ bool looks_like_ours(const std::string& key) {
                      [&](const char* beginning) { return begins_with(lower(key), beginning); });
 }
 
-/// The setting that a key means which is written as in a script, with or without "redef".
-std::optional<TextSetting> meant_by_script_name(const std::string& key) {
+/// The setting that a key means which is written as in a script, with or without "redef"; or null.
+const KnownSetting* meant_by_script_name(const std::string& key) {
   std::string name = lower(key);
   if (begins_with(name, "redef "))
     name.erase(0, std::strlen("redef "));
   const bool in_module = begins_with(name, "logzmq::");
   if (in_module)
     name.erase(0, std::strlen("logzmq::"));
-  for (const TextSetting& setting : known_settings()) {
-    if ((name == setting.constant && (in_module || begins_with(name, "zmq_"))) ||
-        (in_module && (name == setting.key || "zmq." + name == setting.key)))
-      return setting;
+  for (const KnownSetting& known : kSettings) {
+    if ((name == known.constant && (in_module || begins_with(name, "zmq_"))) ||
+        (in_module && (name == known.key || "zmq." + name == known.key)))
+      return &known;
   }
-  return std::nullopt;
+  return nullptr;
 }
 
 /// A note behind a value, which is a part of it; empty if there is none.
@@ -147,19 +136,18 @@ std::string note_in(const std::string& value) {
 
 void check_name(const std::string& file, const std::string& key, Findings* findings) {
   const std::string kByteOrderMark = "\xef\xbb\xbf";
-  const std::vector<TextSetting> known = known_settings();
   const bool marked = begins_with(key, kByteOrderMark);
   const std::string name = marked ? key.substr(kByteOrderMark.size()) : key;
   const std::string what = file + ": " + quoted(name);
-  if (std::any_of(known.begin(), known.end(),
-                  [&](const TextSetting& setting) { return key == setting.key; })) {
+  if (std::any_of(std::begin(kSettings), std::end(kSettings),
+                  [&](const KnownSetting& known) { return key == known.key; })) {
     const std::string note = note_in(settings->getStringVal(key.c_str(), ""));
     if (!note.empty())
       add_warning(findings, "setting-note",
                   file + ": " + key + ": " + quoted(note) +
                       " is a part of the value: the settings file has no notes behind values",
                   "write it in a line of its own that begins with '#'");
-  } else if (const auto meant = meant_by_script_name(name)) {
+  } else if (const KnownSetting* const meant = meant_by_script_name(name)) {
     add_warning(findings, "setting-script-name",
                 what + " is not read: script constants are not set in the settings file",
                 *meant->key ? "write " + std::string(meant->key) + " in its place"
@@ -227,10 +215,10 @@ bool consists_of(const std::string& text, const std::string& first, const std::s
                      [&](char c) { return is_plain(c) || others.find(c) != std::string::npos; });
 }
 
-/// A problem of an endpoint; its text follows the endpoint.
+/// A problem of an endpoint or of the key; its text follows the name of that.
 using Problem = std::optional<Finding>;
 
-Finding endpoint_error(const std::string& id, const std::string& text, const std::string& remedy) {
+Finding error(const std::string& id, const std::string& text, const std::string& remedy) {
   return {id, Severity::kError, text, remedy};
 }
 
@@ -244,39 +232,35 @@ Problem tcp_problem(const std::string& rest) {
   const std::string port = colon == std::string::npos ? "" : target.substr(colon + 1);
 
   if (is_ipv6(target) && target.front() == '[')
-    return endpoint_error(
-        "endpoint-no-port",
-        "gets no port, because the plug-in takes a colon in the brackets for one; "
-        "it is also an IPv6 address, and the plug-in connects by IPv4 only",
-        "give a port and the server's IPv4 address or a name that has one");
+    return error("endpoint-no-port",
+                 "gets no port, because the plug-in takes a colon in the brackets for one; "
+                 "it is also an IPv6 address, and the plug-in connects by IPv4 only",
+                 "give a port and the server's IPv4 address or a name that has one");
   if (is_ipv6(target) || is_ipv6(host))
-    return endpoint_error("endpoint-ipv6",
-                          "is an IPv6 address, but the plug-in connects by IPv4 only",
-                          "give the server's IPv4 address or a name that has one");
+    return error("endpoint-ipv6", "is an IPv6 address, but the plug-in connects by IPv4 only",
+                 "give the server's IPv4 address or a name that has one");
   if (host.empty() || host[0] == ':')
-    return endpoint_error("endpoint-no-host", "names no host", kNameServer);
+    return error("endpoint-no-host", "names no host", kNameServer);
   if (!consists_of(host, "", ".-_"))
-    return endpoint_error("endpoint-characters",
-                          "has " + quoted(host) + " as its host, which is not a host name",
-                          kNameServer);
+    return error("endpoint-characters",
+                 "has " + quoted(host) + " as its host, which is not a host name", kNameServer);
   const std::string source = semicolon == std::string::npos ? "x" : rest.substr(0, semicolon);
   if (!consists_of(source, "[:", "[:].-_%*;"))
-    return endpoint_error("endpoint-characters",
-                          "has " + quoted(source) + " as its source address, which is not one",
-                          kNameServer);
+    return error("endpoint-characters",
+                 "has " + quoted(source) + " as its source address, which is not one", kNameServer);
   if (!is_port(port))
-    return endpoint_error("endpoint-port", "has " + quoted(port) + " as its port",
-                          "give a port from 1 to 65535");
+    return error("endpoint-port", "has " + quoted(port) + " as its port",
+                 "give a port from 1 to 65535");
   return std::nullopt;
 }
 
 Problem ipc_problem(const std::string& path, bool port_appended) {
   constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
   if (path.size() > kLongest)
-    return endpoint_error("endpoint-path",
-                          "has a path of " + std::to_string(path.size()) +
-                              " bytes, and the system allows " + std::to_string(kLongest),
-                          "let the server listen on a shorter path");
+    return error("endpoint-path",
+                 "has a path of " + std::to_string(path.size()) + " bytes, and the system allows " +
+                     std::to_string(kLongest),
+                 "let the server listen on a shorter path");
   if (port_appended)
     return Finding{"endpoint-port-appended", Severity::kWarning,
                    "ends in ':5555', which the plug-in appends to every endpoint without a port",
@@ -293,15 +277,15 @@ Problem endpoint_problem(const Endpoint& endpoint) {
   if (scheme == "ipc")
     return ipc_problem(rest, port_appended);
   if (std::any_of(endpoint.uri.begin(), endpoint.uri.end(), is_never_in_endpoint))
-    return endpoint_error("endpoint-characters",
-                          "has blanks, quotation marks or other characters that libzmq refuses",
-                          endpoint.role == kPrimary
-                              ? "remove them; there can be one primary server only"
-                              : "remove them; servers of the list are separated by commas");
+    return error("endpoint-characters",
+                 "has blanks, quotation marks or other characters that libzmq refuses",
+                 endpoint.role == kPrimary
+                     ? "remove them; there can be one primary server only"
+                     : "remove them; servers of the list are separated by commas");
   if (scheme == "tcp")
     return tcp_problem(rest);
-  return endpoint_error("endpoint-scheme",
-                        "has a scheme that is not supported: use tcp:// or ipc://", kNameServer);
+  return error("endpoint-scheme", "has a scheme that is not supported: use tcp:// or ipc://",
+               kNameServer);
 }
 
 }  // namespace
@@ -322,20 +306,9 @@ void check_names(const std::string& settings_file, Findings* findings) {
 
 Configuration::Configuration(const PluginOptions& options, const ConstantValues& constants)
     : settings_file_(options.settings_file) {
-  int numbers[3];
-  for (const TextSetting& what : kConnection)
-    settings_.push_back(text_setting(options, constants, what));
-  for (std::size_t i = 0; i < 3; ++i) {
-    const NumberSetting& what = kNumbers[i];
-    numbers[i] = settings ? settings->getIntVal(what.key, what.default_value) : what.default_value;
-    settings_.push_back(number_setting(options, what, numbers[i]));
-  }
-  for (const TextSetting& what : kScriptsOnly)
-    settings_.push_back(text_setting(options, constants, what));
-  relative_ = numbers[0];
-  absolute_ = numbers[1];
-  chunk_ = numbers[2];
-
+  for (const KnownSetting& known : kSettings)
+    settings_.push_back(*known.constant ? text_setting(options, constants, known)
+                                        : number_setting(options, known));
   const std::string& primary = setting(kServer).value;
   endpoints_.push_back({kPrimary, primary, correct_uri(primary)});
   int number = 0;
@@ -353,13 +326,14 @@ const Setting& Configuration::setting(const std::string& name) const {
 }
 
 void Configuration::CheckNumbers(Findings* findings) const {
-  for (const NumberSetting& what : kNumbers) {
-    const std::string text = settings ? settings->getStringVal(what.key, "0") : "0";
+  for (const KnownSetting& known : kSettings) {
+    const std::string text =
+        !*known.constant && settings ? settings->getStringVal(known.key, "0") : "0";
     if (!number_in<int>(text))
       add_warning(findings, "setting-not-a-number",
-                  setting(what.key).name + " = " + quoted(text) +
+                  setting(known.key).name + " = " + quoted(text) +
                       " is not a whole 32-bit number, so its default " +
-                      std::to_string(what.default_value) + " is used",
+                      std::to_string(known.default_number) + " is used",
                   "write a whole number, or remove the line");
   }
 }
@@ -368,7 +342,7 @@ void Configuration::CheckEndpoints(Findings* findings) const {
   const Setting& server = setting(kServer);
   if (server.value.empty())
     add_error(findings, "server-missing",
-              (server.place == SettingOrigin::kSettingsFile
+              (server.place == Setting::kSettingsFile
                    ? server.name + " is empty"
                    : "no primary server: neither zmq.server in " + settings_file_ +
                          " nor LogZMQ::zmq_primary_server is set") +
@@ -394,6 +368,27 @@ bool is_hexadecimal(const std::string& text) {
   return text.find_first_not_of("0123456789ABCDEFabcdef") == std::string::npos;
 }
 
+/// What is wrong with the text of a key; nothing if it has the form that the plug-in reads.
+Problem key_problem(const std::string& key) {
+  const char kUseTheFile[] = "write the content of the collector's server.public there";
+  const std::string length = std::to_string(key.size()) + " characters";
+  if (key.empty())
+    return error("key-empty", "is empty", kUseTheFile);
+  if (key.size() == kKeyDigits && is_hexadecimal(key))
+    return key.find_first_of("abcdef") == std::string::npos
+               ? Problem()
+               : error("key-lower-case", "has lower-case digits, which the plug-in does not read",
+                       "write it in upper case");
+  if (key.size() == kZ85Digits)
+    return error("key-z85", "has " + length + ", which looks like Z85",
+                 "write the key's 32 bytes as 64 upper-case hexadecimal digits");
+  return error(key.size() < kKeyDigits   ? "key-too-short"
+               : key.size() > kKeyDigits ? "key-too-long"
+                                         : "key-not-hexadecimal",
+               "is not a key of 64 upper-case hexadecimal digits (it has " + length + ")",
+               kUseTheFile);
+}
+
 /// Whether the first 64 characters are digits that the plug-in decodes correctly. The text has as
 /// many.
 bool comes_out_right(const std::string& text, const ServerKey& decoded) {
@@ -406,6 +401,23 @@ bool comes_out_right(const std::string& text, const ServerKey& decoded) {
   return std::equal(meant.bytes, meant.bytes + kRawKeyLength, decoded.bytes);
 }
 
+/// A size in MB, with which the plug-in computes as bytes of 32 bits. `effect` follows the finding.
+void check_size(const std::string& id, const std::string& what, int megabytes,
+                const std::string& effect, const std::string& remedy, Findings* findings) {
+  const int bytes = megabytes_to_bytes(megabytes);
+  const std::string size = std::to_string(megabytes) + " MB";
+  if (megabytes <= 0)
+    add_warning(findings, id + "-not-positive",
+                what + " is " + size + ", " + std::to_string(bytes) + " bytes" + effect, remedy);
+  else if (std::int64_t{megabytes} * 1048576 != bytes)
+    add_warning(findings, id + "-wraps",
+                what + " of " + size + " becomes " + std::to_string(bytes) +
+                    " bytes, because the plug-in computes with 32 bits, and 2048 MB and more wrap "
+                    "around" +
+                    effect,
+                remedy);
+}
+
 }  // namespace
 
 ServerKey Configuration::DecodedKey() const {
@@ -416,20 +428,20 @@ KeyReport Configuration::CheckKey(bool accepted, Findings* findings) const {
   const Setting& key = setting(kPublicKey);
   const KeyReport report = {key.value, DecodedKey(), accepted};
   const std::string no_delivery = "; no event leaves the plug-in this way";
-  if (key.value.empty() && key.place != SettingOrigin::kSettingsFile) {
+  if (key.value.empty() && key.place != Setting::kSettingsFile) {
     add_error(findings, "key-missing",
               "no server key: neither zmq.public_key in " + settings_file_ +
                   " nor LogZMQ::zmq_public_key is set" + no_delivery,
               "write the content of the collector's server.public there" + kUnknownRedefs);
     return report;
   }
-  const KeyProblem problem = key_problem(key.value);
+  Problem problem = key_problem(key.value);
   if (!problem)
     return report;
 
-  std::string text = key.name + " " + problem.what;
   const std::size_t length = report.decoded.length;
   const bool right = length == kRawKeyLength && comes_out_right(key.value, report.decoded);
+  std::string text = key.name + " " + problem->text;
   if (!is_hexadecimal(key.value))
     text += ", and characters that are not hexadecimal digits";
   if (right)
@@ -444,55 +456,36 @@ KeyReport Configuration::CheckKey(bool accepted, Findings* findings) const {
     text += "; it is decoded to " + counted(length, "byte") +
             (accepted ? ", which libzmq reads as a key in Z85"
                       : ", which libzmq does not accept as a key" + no_delivery);
-  const bool works = right || (length != kRawKeyLength && accepted);
-  findings->push_back(
-      {problem.id, works ? Severity::kWarning : Severity::kError, text, problem.remedy});
+  problem->text = text;
+  if (right || (length != kRawKeyLength && accepted))
+    problem->severity = Severity::kWarning;
+  findings->push_back(*problem);
   return report;
 }
 
 DiskReport Configuration::CheckDisk(Findings* findings) const {
+  const auto number = [this](const char* key) { return std::stoi(setting(key).value); };
   DiskReport disk;
   disk.disk_mb = working_disk_mb();
-  disk.relative = relative_;
-  disk.absolute_mb = absolute_;
-  disk.limit_mb = spool_limit_mb(relative_, absolute_, disk.disk_mb);
+  disk.relative = number(kDiskRelative);
+  disk.absolute_mb = number(kDiskAbsolute);
+  disk.limit_mb = spool_limit_mb(disk.relative, disk.absolute_mb, disk.disk_mb);
   disk.limit_bytes = megabytes_to_bytes(disk.limit_mb);
-  disk.chunk_mb = chunk_;
-  disk.chunk_bytes = megabytes_to_bytes(chunk_);
+  disk.chunk_mb = number(kChunkSize);
+  disk.chunk_bytes = megabytes_to_bytes(disk.chunk_mb);
 
-  const auto wraps = [](int megabytes, int bytes) {
-    return static_cast<std::int64_t>(megabytes) * 1048576 != bytes;
-  };
-  const auto wrapped_size = [](int megabytes, int bytes) {
-    return std::to_string(megabytes) + " MB becomes " + std::to_string(bytes) +
-           " bytes, because the plug-in computes with 32 bits, and 2048 MB and more wrap around";
-  };
-  const auto size = [](int megabytes, int bytes) {
-    return std::to_string(megabytes) + " MB, " + std::to_string(bytes) + " bytes";
-  };
-  const char* const new_files =
-      disk.chunk_bytes <= 0 ? "; every spooled event would begin a new file" : "";
   if (disk.disk_mb <= 0)
     add_warning(findings, "disk-not-measured",
                 "the size of the working directory's disk cannot be read: the plug-in will take it "
                 "for 0 MB",
                 "start the host, and this check, in a folder that it may read");
-  if (disk.limit_mb < 0 || (disk.limit_mb == 0 && disk.disk_mb > 0))
-    add_warning(findings, "disk-limit-not-positive",
-                "the spool's limit is " + size(disk.limit_mb, disk.limit_bytes),
-                "set disk.usage.relative and disk.usage.absolute to more than 0");
-  else if (wraps(disk.limit_mb, disk.limit_bytes))
-    add_warning(findings, "disk-limit-wraps",
-                "the spool's limit of " + wrapped_size(disk.limit_mb, disk.limit_bytes),
-                "set disk.usage.absolute to 2047 at most");
-  if (chunk_ <= 0)
-    add_warning(findings, "chunk-size-not-positive",
-                "pqueue.chunk.size is " + size(chunk_, disk.chunk_bytes) + new_files,
-                "set it to 1 at least; 10 is the default");
-  else if (wraps(chunk_, disk.chunk_bytes))
-    add_warning(findings, "chunk-size-wraps",
-                "pqueue.chunk.size of " + wrapped_size(chunk_, disk.chunk_bytes) + new_files,
-                "set it to 2047 at most; 10 is the default");
+  if (disk.limit_mb != 0 || disk.disk_mb > 0)
+    check_size("disk-limit", "the spool's limit", disk.limit_mb, "",
+               "set disk.usage.relative to more than 0, and disk.usage.absolute to 1 to 2047",
+               findings);
+  check_size("chunk-size", "pqueue.chunk.size", disk.chunk_mb,
+             disk.chunk_bytes <= 0 ? "; every spooled event would begin a new file" : "",
+             "set it to 1 to 2047; 10 is the default", findings);
   return disk;
 }
 

@@ -4,23 +4,21 @@
 // anything. The disk's size is that of the working directory's file system, as in the plug-in.
 #pragma once
 
-#include <map>
 #include <string>
 #include <vector>
 
 #include "Finding.h"
-#include "SettingOrigin.h"
+#include "PluginUse.h"
 #include "WorkerSettings.h"
 
 namespace zmqwriter {
 
-/// Values of the script constants, by their names in the module LogZMQ.
-using ConstantValues = std::map<std::string, std::string>;
-
 struct Setting {
+  enum Place { kNowhere, kScriptConstant, kSettingsFile };
+
   std::string key;       ///< in the settings file; empty: it cannot be set there
-  std::string constant;  ///< with the module's name; empty: there is none
-  SettingOrigin::Place place;
+  std::string constant;  ///< with the module's name; empty for a number, which has none
+  Place place;
   std::string name;   ///< where it is set, for findings
   std::string value;  ///< as the plug-in will use it
 };
@@ -71,9 +69,6 @@ class Configuration {
   std::string settings_file_;
   std::vector<Setting> settings_;
   std::vector<Endpoint> endpoints_;
-  int relative_;
-  int absolute_;
-  int chunk_;
 };
 
 /// Checks the settings file: names that look like the plug-in's but are not, and notes behind its

@@ -18,7 +18,6 @@ namespace {
 constexpr std::size_t kHexDigits = 64;
 constexpr std::size_t kZ85Digits = 40;
 constexpr std::size_t kLongestFile = 4096;
-const char kUseTheFile[] = "write the content of the collector's server.public there";
 
 /// Whether the server.public beside a file holds the same key. Any other content does not matter.
 bool is_public(const CurveKey& key, const std::filesystem::path& file) {
@@ -95,27 +94,6 @@ CurveKey public_key_of(const CurveKey& secret_key) {
     throw std::runtime_error(std::string("cannot derive the public key: ") +
                              zmq_strerror(zmq_errno()));
   return from_z85(public_text);
-}
-
-KeyProblem key_problem(const std::string& key) {
-  const auto only = [&](const char* characters) {
-    return key.find_first_not_of(characters) == std::string::npos;
-  };
-  if (key.empty())
-    return {"key-empty", "is empty", kUseTheFile};
-  if (key.size() == kHexDigits && only("0123456789ABCDEF"))
-    return {};
-  if (key.size() == kHexDigits && only("0123456789ABCDEFabcdef"))
-    return {"key-lower-case", "has lower-case digits, which the plug-in does not read",
-            "write it in upper case"};
-  const std::string length = std::to_string(key.size()) + " characters";
-  if (key.size() == kZ85Digits)
-    return {"key-z85", "has " + length + ", which looks like Z85",
-            "write the key's 32 bytes as 64 upper-case hexadecimal digits"};
-  return {key.size() < kHexDigits   ? "key-too-short"
-          : key.size() > kHexDigits ? "key-too-long"
-                                    : "key-not-hexadecimal",
-          "is not a key of 64 upper-case hexadecimal digits (it has " + length + ")", kUseTheFile};
 }
 
 }  // namespace zmqwriter

@@ -37,16 +37,4 @@ CurveKey read_secret_key_file(const std::string& path);
 /// The public key of the pair. Throws std::runtime_error when libzmq was built without CURVE.
 CurveKey public_key_of(const CurveKey& secret_key);
 
-/// All parts are empty when the text has the form that the plug-in reads.
-struct KeyProblem {
-  std::string id;    ///< a fixed word for programs, e.g. "key-lower-case"
-  std::string what;  ///< follows the setting's name: "has lower-case digits, which ..."
-  std::string remedy;
-
-  explicit operator bool() const { return !id.empty(); }
-};
-
-/// Checks the text of a server key. The plug-in reads 64 upper-case hexadecimal digits.
-KeyProblem key_problem(const std::string& key);
-
 }  // namespace zmqwriter

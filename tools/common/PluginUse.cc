@@ -12,6 +12,10 @@
 #include "OptionChecks.h"
 #include "standin/Host.h"
 
+#include "BroString.h"
+#include "Val.h"
+#include "Var.h"
+
 namespace zmqwriter {
 
 namespace {
@@ -62,6 +66,18 @@ void add_plugin_options(CLI::App* command, PluginOptions* options) {
       ->add_option("--plugin", options->plugin_folder,
                    "Folder of the plug-in (default: the one built or installed with the program)")
       ->type_name("DIR");
+}
+
+ConstantValues script_constants() {
+  ConstantValues values;
+  for (const char* name : {"zmq_primary_server", "zmq_secondary_server", "zmq_public_key",
+                           "zmq_agent_id", "set_separator", "empty_field", "unset_field"}) {
+    const BroString* const text =
+        internal_const_val(("LogZMQ::" + std::string(name)).c_str())->AsString();
+    values[name].assign(reinterpret_cast<const char*>(text->Bytes()),
+                        static_cast<std::size_t>(text->Len()));
+  }
+  return values;
 }
 
 StatusFunction plugin_status_function(const standin::Host& host) {

@@ -1,9 +1,9 @@
-// What the subcommands that load the plug-in share: their options and the plug-in's status.
+// What the subcommands that load the plug-in share: their options, its constants and its status.
 #pragma once
 
+#include <map>
 #include <string>
-
-#include "SettingOrigin.h"
+#include <vector>
 
 struct DravenholtZmqWriterStatus;
 
@@ -16,6 +16,13 @@ class Host;
 
 namespace zmqwriter {
 
+/// Which plug-in, and how it is configured.
+struct PluginOptions {
+  std::string settings_file;
+  std::vector<std::string> redefs;  ///< LogZMQ::NAME=VALUE
+  std::string plugin_folder;        ///< empty: default_plugin_folder()
+};
+
 /// Adds --settings, --set and --plugin. `options` must live as long as the command.
 void add_plugin_options(CLI::App* command, PluginOptions* options);
 
@@ -27,5 +34,11 @@ std::string default_plugin_folder();
 /// there is none.
 using StatusFunction = void (*)(DravenholtZmqWriterStatus*);
 StatusFunction plugin_status_function(const standin::Host& host);
+
+/// Values of the script constants, by their names in the module LogZMQ.
+using ConstantValues = std::map<std::string, std::string>;
+
+/// As the loaded plug-in's scripts and the command line set them.
+ConstantValues script_constants();
 
 }  // namespace zmqwriter

@@ -14,18 +14,16 @@
 #include <vector>
 
 #include "Configuration.h"
-#include "CurveKey.h"
+#include "Connection.h"
 #include "EndWatch.h"
 #include "Files.h"
 #include "Handover.h"
 #include "LogFeed.h"
 #include "Output.h"
 #include "ProgressLine.h"
-#include "SettingsFile.h"
 #include "SpoolAccount.h"
 #include "StopSignals.h"
 #include "Text.h"
-#include "WorkerSettings.h"
 #include "WriterStatus.h"
 #include "standin/Host.h"
 
@@ -81,29 +79,12 @@ class PluginStatus {
   std::uint64_t sent_before_;
 };
 
-/// Warns about settings without which the plug-in starts, but cannot send.
+/// The settings without which the plug-in starts, but cannot send, and those that it does not read.
 void warn_about_settings(const ReplayOptions& options) {
-  const SettingOrigin server(options, worker_settings::kServer, "zmq_primary_server");
-  const SettingOrigin key(options, worker_settings::kPublicKey, "zmq_public_key");
-  if (server.place == SettingOrigin::kNowhere)
-    std::fprintf(stderr,
-                 "warning: %s sets no zmq.server, nor is LogZMQ::zmq_primary_server set: unless "
-                 "the plug-in's scripts name a server, it will try tcp://:5555\n",
-                 options.settings_file.c_str());
-  else if (server.value.empty())
-    std::fprintf(stderr,
-                 "warning: %s is empty: the plug-in will try tcp://:5555; name the server, e.g. "
-                 "collector.example.net:5555\n",
-                 server.name.c_str());
-  if (key.place == SettingOrigin::kNowhere)
-    std::fprintf(stderr,
-                 "warning: %s sets no zmq.public_key, nor is LogZMQ::zmq_public_key set: without "
-                 "the server's key no event leaves the plug-in\n",
-                 options.settings_file.c_str());
-  else if (const KeyProblem problem = key_problem(key.value))
-    std::fprintf(stderr, "warning: %s %s; %s; no event leaves the plug-in this way\n",
-                 key.name.c_str(), problem.what.c_str(), problem.remedy.c_str());
+  const Configuration configuration(options, script_constants());
   Findings findings;
+  configuration.CheckEndpoints(&findings);
+  configuration.CheckKey(libzmq_takes_key(configuration.DecodedKey()), &findings);
   check_names(options.settings_file, &findings);
   for (const Finding& finding : findings)
     std::fprintf(stderr, "warning: %s; %s\n", finding.text.c_str(), finding.remedy.c_str());
