@@ -1,5 +1,5 @@
 // The file of the clients' keys.
-#include "AllowList.h"
+#include "ClientGate.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -24,7 +24,6 @@
 #include <thread>
 
 #include "CurveKey.h"
-#include "ListenAddress.h"
 #include "TempDir.h"
 #include "Zmq.h"
 

@@ -20,7 +20,6 @@
 
 #include "ClientGate.h"
 #include "EventJson.h"
-#include "ListenAddress.h"
 #include "Zmq.h"
 #include "aggregator_generated.h"
 

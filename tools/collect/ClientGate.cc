@@ -5,10 +5,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include <zmq.h>
 
+#include "Files.h"
 #include "StopSignals.h"
 
 namespace zmqwriter {
@@ -23,7 +25,38 @@ constexpr std::uint64_t kReportedDenials = 10;
 enum Frame { kVersionFrame, kRequestId, kDomain, kAddress, kRoutingId, kMechanism, kPublicKey };
 constexpr std::size_t kCurveFrames = kPublicKey + 1;
 
+// Some 16,000 keys with a comment each.
+constexpr std::size_t kLongestFile = std::size_t{4} << 20;
+
+std::string_view without_comment_and_blanks(std::string_view line) {
+  line = line.substr(0, line.find('#'));
+  const char* const blanks = " \t\r";
+  line.remove_prefix(std::min(line.find_first_not_of(blanks), line.size()));
+  return line.substr(0, line.find_last_not_of(blanks) + 1);
+}
+
 }  // namespace
+
+AllowList read_allow_list(const std::string& path) {
+  const std::string content = read_small_file(path, kLongestFile);
+  AllowList keys;
+  std::string_view rest = content;
+  for (std::size_t number = 1; !rest.empty(); ++number) {
+    const std::size_t end = std::min(rest.find('\n'), rest.size());
+    const std::string_view line = without_comment_and_blanks(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+    if (line.empty())
+      continue;
+    CurveKey key;
+    const std::string problem = parse_key(line, "this line", &key);
+    if (!problem.empty())
+      throw std::runtime_error(path + ":" + std::to_string(number) + ": " + problem);
+    keys.insert(key);
+  }
+  if (keys.empty())
+    throw std::runtime_error(path + ": holds no key, so no client could connect");
+  return keys;
+}
 
 ClientGate::ClientGate(ZmqContext* context, AllowList allowed, bool quiet)
     : context_(context), quiet_(quiet), socket_(*context, ZMQ_REP), allowed_(std::move(allowed)) {

@@ -9,14 +9,24 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "AllowList.h"
+#include "CurveKey.h"
 #include "Zmq.h"
 
 namespace zmqwriter {
+
+/// The public keys of the clients that may connect.
+using AllowList = std::set<CurveKey>;
+
+/// Reads a file with a key in each line: 64 hexadecimal digits of either case, as 'zmqwriter
+/// keygen' writes them. Blank lines are skipped; '#' starts a comment, also after a key. Throws
+/// std::runtime_error that names the file, and the line if that is not a key: "FILE:LINE: ...". A
+/// file without any key is an error, because no client could connect.
+AllowList read_allow_list(const std::string& path);
 
 class ClientGate {
  public:

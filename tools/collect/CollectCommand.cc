@@ -9,7 +9,6 @@
 
 #include "Collector.h"
 #include "Files.h"
-#include "ListenAddress.h"
 #include "NatsFlags.h"
 #include "OptionChecks.h"
 #include "StopSignals.h"

@@ -11,7 +11,6 @@
 #include <system_error>
 #include <utility>
 
-#include "AllowList.h"
 #include "Connections.h"
 #include "CurveKey.h"
 #include "EventJson.h"

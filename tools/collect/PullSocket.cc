@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <stdexcept>
 
+#include "Text.h"
+
 namespace zmqwriter {
 
 namespace {
@@ -22,13 +24,16 @@ constexpr std::size_t kCurveBytes = 33;
   throw std::runtime_error(what + ": " + zmq_strerror(zmq_errno()) + hint);
 }
 
+/// What follows the scheme; empty if the endpoint has another one.
+std::string after(const std::string& scheme, const std::string& endpoint) {
+  return endpoint.rfind(scheme, 0) == 0 ? endpoint.substr(scheme.size()) : "";
+}
+
 /// libzmq removes any file that has the socket's name. Only a socket of a former run may be
 /// removed.
 bool would_replace_file(const std::string& endpoint) {
-  const std::string scheme = "ipc://";
   struct stat status;
-  return endpoint.compare(0, scheme.size(), scheme) == 0 &&
-         lstat(endpoint.c_str() + scheme.size(), &status) == 0 && !S_ISSOCK(status.st_mode);
+  return lstat(after("ipc://", endpoint).c_str(), &status) == 0 && !S_ISSOCK(status.st_mode);
 }
 
 bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
@@ -47,6 +52,17 @@ bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
 }
 
 }  // namespace
+
+std::string bind_endpoint_problem(const std::string& endpoint) {
+  const std::string tcp = after("tcp://", endpoint);
+  const std::size_t colon = tcp.rfind(':');
+  const std::string port = colon == std::string::npos ? "" : tcp.substr(colon + 1);
+  if ((colon != 0 && (port == "*" || number_in<std::uint16_t>(port))) ||
+      !after("ipc://", endpoint).empty())
+    return "";
+  return "'" + endpoint + "' must be tcp://HOST:PORT, like tcp://127.0.0.1:5555, with * for a " +
+         "port that the system chooses, or ipc://PATH";
+}
 
 PullSocket::PullSocket(ZmqContext* context, const CurveKey& secret_key, bool ask_gate)
     : socket_(*context, ZMQ_PULL) {

@@ -18,6 +18,11 @@
 
 namespace zmqwriter {
 
+/// Empty if the text is tcp://HOST:PORT, with * for a port that the system chooses, or ipc://PATH;
+/// else what is wrong. libzmq accepts more, such as port 99999, and then uses another port. Whether
+/// this machine has such a host is checked by binding.
+std::string bind_endpoint_problem(const std::string& endpoint);
+
 class PullSocket {
  public:
   static constexpr int kReceiveHighWater = 64;

@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "StopSignals.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -22,6 +23,14 @@ constexpr char kPage[] =
 
 constexpr unsigned kMostConnections = 512;
 constexpr unsigned kQuietSeconds = 5;  // then a connection is ended
+
+bool is_host(const std::string& host) {
+  const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+  const char* const allowed = bracketed ? "[]0123456789abcdefABCDEF:."
+                                        : "0123456789abcdefghijklmnopqrstuvwxyz"
+                                          "ABCDEFGHIJKLMNOPQRSTUVWXYZ.-";
+  return !host.empty() && host.find_first_not_of(allowed) == std::string::npos;
+}
 
 struct Answer {
   unsigned status;
@@ -99,6 +108,15 @@ int listen_on(const addrinfo& address, std::uint16_t* port) {
 }
 
 }  // namespace
+
+std::string metrics_address_problem(const std::string& address) {
+  const std::size_t colon = address.rfind(':');
+  if (colon != std::string::npos && is_host(address.substr(0, colon)) &&
+      number_in<std::uint16_t>(address.substr(colon + 1)))
+    return "";
+  return "'" + address + "' must be HOST:PORT, like 127.0.0.1:9155, or port 0 for one that the " +
+         "system chooses";
+}
 
 StatusServer::StatusServer(const std::string& address, const Watched& collector)
     : collector_(collector) {

@@ -14,6 +14,10 @@ struct MHD_Daemon;
 
 namespace zmqwriter {
 
+/// Empty if the text is HOST:PORT, with a host that is a name, an IPv4 address or an IPv6 address
+/// in brackets; else what is wrong.
+std::string metrics_address_problem(const std::string& address);
+
 class StatusServer {
  public:
   /// Listens on `address`, HOST:PORT; port 0 lets the system choose. Throws std::runtime_error that
