@@ -229,6 +229,35 @@ class InboundHttp : public WithProtocol {
   std::string user_;
 };
 
+class Ftp : public WithProtocol {
+ public:
+  explicit Ftp(Random& random)
+      : WithProtocol(random, "ftp", Dravenholt::Data_FtpData),
+        user_(letters(random, 3, 10)),
+        command_(one_of(random, {"RETR", "STOR", "PASV"})),
+        arg_("ftp://" + letters(random, 10, 60)),
+        reply_code_(static_cast<std::uint16_t>(100 + number(random, 400))),
+        file_size_(number(random, 4000000000u)) {
+    record_.text("ftp.user", user_).text("ftp.command", command_).text("ftp.arg", arg_);
+    record_.count("ftp.reply_code", reply_code_).count("ftp.file_size", file_size_);
+  }
+
+ protected:
+  Offset<void> payload(FlatBufferBuilder& builder) const override {
+    const auto user = builder.CreateString(user_);
+    const auto command = builder.CreateString(command_);
+    const auto arg = builder.CreateString(arg_);
+    return Dravenholt::CreateFtpData(builder, user, command, reply_code_, arg, file_size_).Union();
+  }
+
+ private:
+  std::string user_;
+  std::string command_;
+  std::string arg_;
+  std::uint16_t reply_code_;
+  std::uint64_t file_size_;
+};
+
 class Smtp : public WithProtocol {
  public:
   explicit Smtp(Random& random)
@@ -256,6 +285,38 @@ class Smtp : public WithProtocol {
   std::string to_;
   std::string subject_;
   std::uint64_t req_size_;
+};
+
+/// The kinds whose columns are texts and at most one count behind them. `make` takes the texts in
+/// the order of the columns.
+class Texts : public WithProtocol {
+ public:
+  using Make = std::function<Offset<void>(FlatBufferBuilder&, const Offset<String>* texts,
+                                          std::uint32_t count)>;
+
+  Texts(Random& random, const std::string& ptype, Dravenholt::Data type,
+        const std::vector<std::string>& text_columns, const std::string& count_column, Make make)
+      : WithProtocol(random, ptype, type), count_(number(random, 60000)), make_(std::move(make)) {
+    for (const std::string& column : text_columns) {
+      texts_.push_back(letters(random, 4, 40));
+      record_.text(column, texts_.back());
+    }
+    if (!count_column.empty())
+      record_.count(count_column, count_);
+  }
+
+ protected:
+  Offset<void> payload(FlatBufferBuilder& builder) const override {
+    Offset<String> made[8];
+    for (std::size_t i = 0; i < texts_.size(); i++)
+      made[i] = builder.CreateString(texts_[i]);
+    return make_(builder, made, count_);
+  }
+
+ private:
+  std::vector<std::string> texts_;
+  std::uint32_t count_;
+  Make make_;
 };
 
 class Statistics : public WithEnvelope {
@@ -324,11 +385,54 @@ std::unique_ptr<Sample> make(Random& random) {
   return std::make_unique<Kind>(random);
 }
 
+Maker texts(const std::string& ptype, Dravenholt::Data type,
+            const std::vector<std::string>& text_columns, const std::string& count_column,
+            const Texts::Make& make) {
+  return [=](Random& random) {
+    return std::make_unique<Texts>(random, ptype, type, text_columns, count_column, make);
+  };
+}
+
+using Text = const Offset<String>*;
+
 const std::vector<std::pair<std::string, Maker>> kMakers = {
     {"connection", make<Connection>},
     {"http", make<Http>},
     {"http-in", make<InboundHttp>},
+    {"ftp", make<Ftp>},
+    {"ldap", texts("ldap", Dravenholt::Data_LdapData, {"ldap.user", "ldap.message", "ldap.base"},
+                   "ldap.resultCode",
+                   [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
+                     return Dravenholt::CreateLdapData(b, t[0], t[1],
+                                                       static_cast<std::uint16_t>(count), t[2])
+                         .Union();
+                   })},
+    {"smb", texts("smb", Dravenholt::Data_SmbData,
+                  {"smb.user", "smb.share", "smb.filename", "smb.action"}, "smb.filesize",
+                  [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
+                    return Dravenholt::CreateSmbData(b, t[0], t[1], t[2], t[3], count).Union();
+                  })},
     {"smtp", make<Smtp>},
+    {"tds",
+     texts("tds", Dravenholt::Data_TdsData, {"tds.user", "tds.database", "tds.app", "tds.sql"}, "",
+           [](FlatBufferBuilder& b, Text t, std::uint32_t) {
+             return Dravenholt::CreateTdsData(b, t[0], t[1], t[2], t[3]).Union();
+           })},
+    {"dce-rpc", texts("dce-rpc", Dravenholt::Data_DceRpcData,
+                      {"dce.request_type", "dce.interface_uuid", "dce.interface_name", "dce.method",
+                       "dce.arguments", "dce.raw_args"},
+                      "dce.opnum",
+                      [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
+                        return Dravenholt::CreateDceRpcData(b, t[0], t[1], t[2],
+                                                            static_cast<std::int32_t>(count), t[3],
+                                                            t[4], t[5])
+                            .Union();
+                      })},
+    {"tn5250",
+     texts("tn5250", Dravenholt::Data_Tn5250Data, {"tn5250.protocol", "tn5250.details"}, "",
+           [](FlatBufferBuilder& b, Text t, std::uint32_t) {
+             return Dravenholt::CreateTn5250Data(b, t[0], t[1]).Union();
+           })},
     {"system-stats", make<Statistics>},
     {"20-pairs", [](Random& random) { return std::make_unique<Pairs>(random, 20); }},
 };

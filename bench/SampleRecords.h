@@ -1,6 +1,5 @@
-// Log records for the benchmarks, each with its floor: the same message built by the generated
-// functions from values at hand, with no column name looked at and no host value read. There is a
-// kind for each way of converting a payload; those left out are texts and counts as http is.
+// Log records of every kind for the benchmarks, each with its floor: the same message built by the
+// generated functions from values at hand, with no column name looked at and no host value read.
 //
 //     for (const auto& sample : bench::samples("connection", 64))
 //       ... sample->record, sample->build(builder) ...
