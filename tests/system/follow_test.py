@@ -196,6 +196,43 @@ class FollowTest(FollowTestCase):
         said = self.stop_follow(replay, 1)
         self.assertIn("things.log: 7 records, 2 broken lines, could not be read to its end", said)
 
+    def test_files_rotated_while_nobody_reads_are_found_where_the_last_one_has_gone(self):
+        collector = self.collect_for_follow()
+        self.append(log_of(2))
+        replay = self.follow()
+        self.wait_for_uids(collector, "C0", "C1")
+        self.stop_follow(replay)
+        self.append(self.numbers(2))
+        with open("things.log.2.gz", "wb") as zipped:
+            zipped.write(gzip.compress(read_file(self.LOG, "rb")))
+        os.mkdir("archive")
+        os.rename(self.LOG, "archive/things.log")
+        write_file("things.log.1", HEADER % "things" + self.numbers(3, 4))
+        replay = self.follow()
+        self.wait_for_uids(collector, "C0", "C1", "C3", "C4")
+        self.append(HEADER % "things" + self.numbers(5))
+        self.wait_for_uids(collector, "C0", "C1", "C3", "C4", "C5")
+        said = self.stop_follow(replay)
+        self.assertIn("is newer than what was read, but compressed: replay it", said)
+        self.assertIn("the file that was read up to byte 89 ", said)
+
+    def test_file_with_the_inode_of_one_that_was_read_hides_no_other(self):
+        collector = self.collect_for_follow()
+        self.append(log_of(2))
+        replay = self.follow()
+        self.wait_for_uids(collector, "C0", "C1")
+        os.rename(self.LOG, "things.log.1")
+        self.append(HEADER % "things" + self.numbers(2))
+        wait_for(lambda: '"done":true' in read_file("state"), "the end of the first file")
+        self.stop_follow(replay)
+        os.rename(self.LOG, "things.log.2")
+        os.rename("things.log.1", self.LOG)
+        write_file("things.log.1", HEADER % "things" + self.numbers(3))
+        write_file(self.LOG, HEADER % "things" + self.numbers(*range(4, 9)))
+        replay = self.follow()
+        self.wait_for_uids(collector, *["C%d" % n for n in range(9)])
+        self.assertNotIn("is not the file that was read", self.stop_follow(replay))
+
     def test_server_that_is_away_is_waited_for_and_nothing_is_sent_twice(self):
         collector = self.collect_for_follow()
         endpoint = collector.endpoint

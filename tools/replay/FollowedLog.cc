@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <utility>
 
@@ -65,12 +66,13 @@ void FollowedLog::File::Close() {
   reader.reset();
 }
 
-FollowedLog::FollowedLog(const std::string& path, const LogPosition& position)
-    : path_(path),
-      folder_(std::filesystem::path(path).parent_path().string()),
-      since_(position.since) {
-  for (const FilePosition& file : position.files)
+FollowedLog::FollowedLog(const std::string& path, const std::vector<FilePosition>& files,
+                         std::int64_t since)
+    : path_(path), folder_(std::filesystem::path(path).parent_path().string()), since_(since) {
+  for (const FilePosition& file : files)
     Resume(file);
+  if (std::error_code ignored; !std::filesystem::exists(path_, ignored))
+    AddFilesBetween(0);
   Look();
 }
 
@@ -85,11 +87,6 @@ void FollowedLog::Resume(const FilePosition& position) {
       if (stat(file.c_str(), &status) != 0 || status.st_ino != position.inode ||
           !S_ISREG(status.st_mode))
         continue;
-      if (position.done && static_cast<std::uint64_t>(status.st_size) == position.offset) {
-        files_.emplace_back();
-        files_.back().at = position;
-        return;
-      }
       if (Open(file, position))
         return;
     }
@@ -114,16 +111,23 @@ bool FollowedLog::Open(const std::string& name, const FilePosition& at) {
   }
   if (status.st_ino != at.inode)
     return false;
-  const bool is_same = at.offset <= static_cast<std::uint64_t>(status.st_size) &&
-                       (at.offset == 0 || start_checksum(descriptor.get(), at.offset) == at.start);
-  if (!is_same)
-    say(name, "is not the file that was read before, or got shorter: it is read from its start");
-  else if (at.offset > 0)
-    say(name, "is read on from byte " + std::to_string(at.offset));
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  if (size < at.offset ||
+      (at.offset > 0 && start_checksum(descriptor.get(), at.offset) != at.start)) {
+    // Look finds it: as a new file, which may have got the inode of one that was removed.
+    if (name == path_ && !at.done)
+      say(name, "is not the file that was read before, or got shorter: it is read from its start");
+    return name == path_;
+  }
   File file;
-  file.at.inode = status.st_ino;
-  file.lines = std::make_unique<LineReader>(descriptor.Release(), name);
-  file.lines->SkipTo(is_same ? at.offset : 0);
+  file.at = at;
+  if (name == path_ || !at.done || size > at.offset) {
+    if (at.offset > 0)
+      say(name, "is read on from byte " + std::to_string(at.offset));
+    file.at.done = false;
+    file.lines = std::make_unique<LineReader>(descriptor.Release(), name);
+    file.lines->SkipTo(at.offset);
+  }
   files_.push_back(std::move(file));
   return true;
 }
@@ -206,7 +210,9 @@ void FollowedLog::Look() {
   } else if (AddFilesBetween(status.st_ino)) {
     FilePosition at;
     at.inode = status.st_ino;
-    Open(path_, at);
+    const std::int64_t now = std::time(nullptr);
+    if (Open(path_, at))
+      since_ = now;
   }
   while (files_.size() > kMostFiles && files_.front().at.done)
     files_.erase(files_.begin());
@@ -233,12 +239,10 @@ void FollowedLog::LookForTruncation() {
 /// names have changed meanwhile.
 bool FollowedLog::AddFilesBetween(std::uint64_t newest) {
   std::pair<long long, long> last = {since_, 0};
-  if (!files_.empty()) {
-    struct stat status;
-    if (files_.back().at.done || fstat(files_.back().source()->descriptor(), &status) != 0)
-      return true;
-    last = time_of(status);
-  }
+  struct stat last_file;
+  if (!files_.empty() && !files_.back().at.done &&
+      fstat(files_.back().source()->descriptor(), &last_file) == 0)
+    last = time_of(last_file);
   std::vector<std::string> names;
   list_folder(folder_, &names);
   const std::string base = std::filesystem::path(path_).filename().string();
@@ -276,11 +280,11 @@ std::vector<FollowedLog::File>::iterator FollowedLog::FindFile(std::uint64_t ino
                       [inode](const File& file) { return file.at.inode == inode; });
 }
 
-LogPosition FollowedLog::Position() const {
-  LogPosition position{since_, {}};
+std::vector<FilePosition> FollowedLog::Positions() const {
+  std::vector<FilePosition> positions;
   for (const File& file : files_)
-    position.files.push_back(file.Position());
-  return position;
+    positions.push_back(file.Position());
+  return positions;
 }
 
 void FollowedLog::SayOnce(const std::string& text) {

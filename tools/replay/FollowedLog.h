@@ -5,8 +5,8 @@
 // and for a while longer, because its writer may still have lines for it. A file that got shorter
 // is read from its start. What was rotated while nobody looked is found in the log's folder: files
 // whose names differ from the log's by digits and punctuation only, as conn.2024-01-01-00-00-00.log
-// or conn.log.1 do, and that were written to later than the last file that was read, or, before any
-// was read, since the log was followed first. Compressed ones are only named.
+// or conn.log.1 do, and that were written to later than the last file that was read, or, where that
+// has gone, than its position. Compressed ones are only named.
 //
 // What is found and what is not is said on standard error. One thread.
 #pragma once
@@ -23,8 +23,9 @@ namespace zmqwriter {
 
 class FollowedLog {
  public:
-  /// `position` is that of an earlier run, if there was one.
-  FollowedLog(const std::string& path, const LogPosition& position);
+  /// `files` are the positions that were written at the time `since`, of an earlier run; none, and
+  /// now, if there was none.
+  FollowedLog(const std::string& path, const std::vector<FilePosition>& files, std::int64_t since);
 
   /// As LogReader::Next, of the file to be read next, whose reader `log` becomes. kEnd: there is
   /// nothing new at present. Throws LogError for a file that cannot be read; a later call goes on
@@ -35,7 +36,7 @@ class FollowedLog {
 
   const std::string& path() const { return path_; }
   /// How far each file was read; the last is the one at the path.
-  LogPosition Position() const;
+  std::vector<FilePosition> Positions() const;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -64,8 +65,8 @@ class FollowedLog {
 
   const std::string path_;
   const std::string folder_;
-  const std::int64_t since_;  // see LogPosition
-  std::vector<File> files_;   // the oldest first
+  std::int64_t since_;       // what was written before is known
+  std::vector<File> files_;  // the oldest first
   std::string said_;
   Clock::time_point next_look_;
   Clock::time_point next_watch_;
