@@ -285,6 +285,7 @@ class FollowTest(FollowTestCase):
         self.settings_for("tcp://127.0.0.1:9")
         self.append("")
         write_file("zipped", gzip.compress(b"x"))
+        os.mkfifo("pipe")
         follow = ["--follow", "--state", "state"]
         for arguments, reason in ((["--follow", self.LOG], "--follow requires --state"),
                                   (["--state", "state", self.LOG], "--state requires --follow"),
@@ -292,6 +293,8 @@ class FollowTest(FollowTestCase):
                                   (follow + ["-"], "standard input cannot be followed"),
                                   (follow + [self.LOG, "./" + self.LOG], "things.log: given twice"),
                                   (follow + ["zipped"], "zipped: a compressed log does not grow"),
+                                  (follow + ["pipe"], "pipe: is not a regular file"),
+                                  (follow + [b"th\xffings"], "its name is not UTF-8"),
                                   (follow + ["."], ".: this is a folder, not a log")):
             replay = self.replay(*arguments)
             self.assertEqual(replay.status, 2, replay.stderr)

@@ -11,6 +11,7 @@
 #include "OptionChecks.h"
 #include "PluginUse.h"
 #include "Replay.h"
+#include "Text.h"
 
 namespace zmqwriter {
 
@@ -21,8 +22,17 @@ std::string follow_problem(const std::string& log) {
   if (log == "-")
     return "standard input cannot be followed: leave --follow out, it is read as it comes";
   std::error_code ignored;
-  if (std::filesystem::is_directory(log, ignored))
+  const auto status = std::filesystem::status(log, ignored);
+  if (is_directory(status))
     return log + ": this is a folder, not a log";
+  if (exists(status) && !is_regular_file(status))
+    return log + ": is not a regular file: it cannot be followed";
+  const std::string path = std::filesystem::absolute(log, ignored).string();
+  for (std::size_t at = 0, size; at < path.size(); at += size) {
+    size = utf8_length(reinterpret_cast<const unsigned char*>(&path[at]), path.size() - at);
+    if (size == 0)
+      return log + ": its name is not UTF-8, so --state cannot hold it: rename it";
+  }
   char start[2] = {};
   std::ifstream(log, std::ios::binary).read(start, sizeof start);
   if (std::filesystem::path(log).extension() == ".gz" || (start[0] == '\x1f' && start[1] == '\x8b'))
