@@ -178,46 +178,31 @@ struct Unreffer {
 
 }  // namespace
 
-// Reads one script.
+// Reads one script: what begins with one of a few words, wherever it stands.
 class ScriptParser {
  public:
   ScriptParser(ScriptReader* reader, const std::string& text, const std::string& name)
       : reader_(reader), tokens_(text, name), name_(name), module_("GLOBAL") {}
 
   void Parse() {
-    bool exporting = false;
-    while (Next().kind != Token::kEnd) {
-      if (Accept("export")) {
-        Expect("{");
-        exporting = true;
-      } else if (exporting && Accept("}")) {
-        exporting = false;
-      } else {
-        Item();
-      }
+    for (;;) {
+      const Token token = tokens_.Take();
+      if (token.kind == Token::kEnd)
+        return;
+      if (token.kind == Token::kDirective)
+        Directive(token);
+      else if (token.is("module"))
+        module_ = tokens_.Take().text;
+      else if (token.is("const"))
+        Const();
+      else if (token.is("type"))
+        Type();
+      else if (token.is("global"))
+        Global();
     }
-    if (exporting)
-      tokens_.Fail(Next().line, "the script ends inside an export block");
   }
 
  private:
-  void Item() {
-    if (Next().kind == Token::kDirective)
-      Directive(tokens_.Take());
-    else if (Accept("module"))
-      Module();
-    else if (Accept("const"))
-      Const();
-    else if (Accept("type"))
-      Type();
-    else if (Accept("global"))
-      Global();
-    else if (Next().is("}"))
-      tokens_.Fail(Next().line, "a } without its {");
-    else
-      SkipItem();
-  }
-
   void Directive(const Token& directive) {
     const size_t space = directive.text.find_first_of(" \t");
     const std::string word = directive.text.substr(0, space);
@@ -244,22 +229,17 @@ class ScriptParser {
     }
   }
 
-  void Module() {
-    module_ = Word("the name of a module");
-    Expect(";");
-  }
-
   // const NAME [: string] = "..." [&redef];
   void Const() {
-    const std::string name = Qualified(Word("the name of a constant"));
+    const std::string name = Qualified(tokens_.Take().text);
     if (Accept(":") && !Accept("string"))
-      return SkipItem();
-    if (!Accept("=") || Next().kind != Token::kString)
-      return SkipItem();
+      return;
+    if (!Accept("=") || tokens_.Peek().kind != Token::kString)
+      return;
     const std::string text = tokens_.Take().text;
     const bool redefinable = Accept("&redef");
     if (!Accept(";"))
-      return SkipItem();
+      return;
     Val* value = new StringVal(static_cast<int>(text.size()), text.data());
     if (redefinable)
       define_option(name, value);
@@ -269,89 +249,38 @@ class ScriptParser {
 
   // type NAME: record { NAME: TYPE [&attributes]; ... };
   void Type() {
-    const std::string name = Qualified(Word("the name of a type"));
-    Expect(":");
-    if (!Accept("record"))
-      return SkipItem();
-    Expect("{");
+    const std::string name = Qualified(tokens_.Take().text);
+    if (!Accept(":") || !Accept("record") || !Accept("{"))
+      return;
     type_decl_list* fields = new type_decl_list;
     std::unique_ptr<RecordType, Unreffer> type(new RecordType(fields));
     bool plain = true;
-    while (!Accept("}")) {
-      const std::string field = Word("the name of a field");
-      Expect(":");
-      const auto tag = plain_types().find(Word("a type"));
-      plain = plain && tag != plain_types().end();
+    while (tokens_.Peek().kind == Token::kWord) {
+      const std::string field = tokens_.Take().text;
+      const bool typed = Accept(":");
+      const auto tag = plain_types().find(tokens_.Take().text);
+      plain = plain && typed && tag != plain_types().end();
       if (plain)
         fields->append(new TypeDecl(base_type(tag->second), copy_string(field.c_str())));
-      SkipItem();
+      while (!Accept(";") && tokens_.Peek().kind != Token::kEnd)
+        tokens_.Take();
     }
-    SkipItem();
-    if (plain)
+    if (plain && Accept("}"))
       define_type(name, type.release());
   }
 
   // Of globals only functions count: glue gives them their bodies.
   void Global() {
-    const std::string name = Qualified(Word("the name of a global"));
-    if (Accept(":") && Next().is("function"))
+    const std::string name = Qualified(tokens_.Take().text);
+    if (Accept(":") && tokens_.Peek().is("function"))
       declare_function(name);
-    SkipItem();
   }
-
-  // To the ';' that ends an item, or behind the block that ends it.
-  void SkipItem() {
-    static const std::set<std::string> with_block = {"{",    "function", "event", "hook", "if",
-                                                     "else", "for",      "while", "when", "switch"};
-    const bool ends_with_block = with_block.count(Next().text) > 0;
-    const int line = Next().line;
-    std::string open;  // brackets that wait for their other half
-    while (Next().kind != Token::kEnd) {
-      if (open.empty() && Next().is("}"))
-        return;  // the enclosing block ends without a ';'
-      const Token token = tokens_.Take();
-      if (token.is("(") || token.is("[") || token.is("{")) {
-        open += token.text;
-      } else if (token.is(")") || token.is("]") || token.is("}")) {
-        Close(&open, token);
-        if (open.empty() && token.is("}") && ends_with_block)
-          return;
-      } else if (open.empty() && token.is(";")) {
-        return;
-      }
-    }
-    if (!open.empty())
-      tokens_.Fail(line, "what begins here does not end: a '" + open.substr(open.size() - 1) +
-                             "' is never closed");
-  }
-
-  void Close(std::string* open, const Token& token) {
-    const char partner = token.is(")") ? '(' : token.is("]") ? '[' : '{';
-    if (open->empty() || open->back() != partner)
-      tokens_.Fail(token.line, "a '" + token.text + "' without its '" + partner + "'");
-    open->pop_back();
-  }
-
-  const Token& Next() const { return tokens_.Peek(); }
 
   bool Accept(const char* symbol) {
-    const bool there = Next().is(symbol);
+    const bool there = tokens_.Peek().is(symbol);
     if (there)
       tokens_.Take();
     return there;
-  }
-
-  void Expect(const char* symbol) {
-    if (!Accept(symbol))
-      tokens_.Fail(Next().line,
-                   std::string("expected '") + symbol + "' instead of '" + Next().text + "'");
-  }
-
-  std::string Word(const char* what) {
-    if (Next().kind != Token::kWord)
-      tokens_.Fail(Next().line,
-                   std::string("expected ") + what + " instead of '" + Next().text + "'");
-    return tokens_.Take().text;
   }
 
   std::string Qualified(const std::string& name) const {

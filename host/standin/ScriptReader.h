@@ -9,7 +9,7 @@
 //     global LogZMQ::__detect_user: function(c: connection): string_vec;
 //
 // Everything else (functions, events, redefs, statements, other constants and types, and whatever
-// stands between @if and its @endif) is skipped over. Main thread.
+// stands between @if and its @endif) is skipped over, right or wrong. Main thread.
 #pragma once
 
 #include <set>
@@ -25,7 +25,8 @@ class ScriptReader {
   explicit ScriptReader(const std::vector<std::string>& search_path) : search_path_(search_path) {}
 
   /// Reads a script and everything that it loads into the global scope. Each file is read once.
-  /// Throws HostError, with name and line for what cannot be read to its end.
+  /// Throws HostError, with name and line, for a file that cannot be read or found, and for a
+  /// string or an @if without an end.
   void Load(const std::string& path);
 
  private:
