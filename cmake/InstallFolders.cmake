@@ -18,7 +18,9 @@ if(ZMQWRITER_PREPARE_FOLDERS)
   zmqwriter_fixed_path(spool_folder SPOOL_FOLDER)
   get_filename_component(spool_parent "${spool_folder}" DIRECTORY)
   install(CODE "
-    set(AGENT_USER \"${ZMQWRITER_AGENT_USER}\")
-    set(FOLDERS \"${install_prefix}\" \"${spool_parent}\")
-    include(\"${CMAKE_CURRENT_LIST_DIR}/PrepareFolder.cmake\")")
+    execute_process(COMMAND sh \"${CMAKE_CURRENT_LIST_DIR}/prepare-folders\"
+      \"${ZMQWRITER_AGENT_USER}\" \"${install_prefix}\" \"${spool_parent}\" RESULT_VARIABLE failed)
+    if(failed)
+      message(FATAL_ERROR \"The plug-in's folders were not made\")
+    endif()")
 endif()

@@ -9,14 +9,13 @@ if(NOT ZMQWRITER_HELP2MAN OR CMAKE_CROSSCOMPILING)
 endif()
 
 set(manual_folder ${CMAKE_BINARY_DIR}/man/man1)
-set(make_manual ${CMAKE_CURRENT_LIST_DIR}/MakeManual.cmake)
+set(make_manual ${CMAKE_CURRENT_LIST_DIR}/make-manual)
 set(manual_sections ${PROJECT_SOURCE_DIR}/docs/man)
 file(GLOB manual_section_files CONFIGURE_DEPENDS ${manual_sections}/*.h2m)
 add_custom_command(
   OUTPUT ${manual_folder}/zmqwriter.1
-  COMMAND ${CMAKE_COMMAND} -DPROGRAM=$<TARGET_FILE:zmqwriter_program>
-          -DHELP2MAN=${ZMQWRITER_HELP2MAN} -DSECTIONS=${manual_sections} -DFOLDER=${manual_folder}
-          -P ${make_manual}
+  COMMAND sh ${make_manual} $<TARGET_FILE:zmqwriter_program> ${ZMQWRITER_HELP2MAN}
+          ${manual_sections} ${manual_folder}
   DEPENDS zmqwriter_program ${make_manual} ${manual_section_files}
   COMMENT "Generating the manual pages"
   VERBATIM)
