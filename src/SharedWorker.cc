@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <cstdint>
 #include <mutex>
 
 #include "Paths.h"
@@ -25,32 +24,30 @@ pthread_rwlock_t use = PTHREAD_RWLOCK_INITIALIZER;
 
 // Guarded by `use`.
 ZmqWorker* worker = nullptr;  ///< still set while it is being stopped
-std::uint64_t past_sent = 0;  ///< by workers that are gone
-std::uint64_t past_failed = 0;
-std::uint64_t past_cut = 0;
-std::uint64_t past_delivered = 0;
-std::int64_t past_stored = 0;
-std::uint64_t past_written = 0;
+/// What workers that are gone have counted; the other fields are not used.
+DravenholtZmqWriterStatus past = DravenholtZmqWriterStatus();
 
 /// Whether writes reach the worker. Cleared before `use` is taken for writing: where the lock
 /// prefers readers, a stream of writes could keep the writer out.
 std::atomic<bool> accepting(false);
 
-class Reading {
+/// Holds `use`.
+class Holding {
  public:
-  Reading() { pthread_rwlock_rdlock(&use); }
-  ~Reading() { pthread_rwlock_unlock(&use); }
-  Reading(const Reading&) = delete;
-  Reading& operator=(const Reading&) = delete;
+  explicit Holding(int (*lock)(pthread_rwlock_t*)) { lock(&use); }
+  ~Holding() { pthread_rwlock_unlock(&use); }
+  Holding(const Holding&) = delete;
+  Holding& operator=(const Holding&) = delete;
 };
 
-class Changing {
- public:
-  Changing() { pthread_rwlock_wrlock(&use); }
-  ~Changing() { pthread_rwlock_unlock(&use); }
-  Changing(const Changing&) = delete;
-  Changing& operator=(const Changing&) = delete;
-};
+void add_counts(const DravenholtZmqWriterStatus& counts, DravenholtZmqWriterStatus* to) {
+  to->sent += counts.sent;
+  to->failed += counts.failed;
+  to->cut += counts.cut;
+  to->delivered += counts.delivered;
+  to->stored += counts.stored;
+  to->written += counts.written;
+}
 
 }  // namespace
 
@@ -64,7 +61,7 @@ void ensure() {
                 text_of(BifConst::LogZMQ::zmq_public_key),
                 text_of(BifConst::LogZMQ::zmq_secondary_server));
   created->Start();
-  const Changing changing;
+  const Holding changing(pthread_rwlock_wrlock);
   worker = created;
   accepting = true;
 }
@@ -72,7 +69,7 @@ void ensure() {
 bool write(unsigned long size, const void* data) {
   if (!accepting)
     return false;  // without waiting for one that is being ended
-  const Reading reading;
+  const Holding reading(pthread_rwlock_rdlock);
   if (!accepting)
     return false;
   worker->Write(size, data);
@@ -85,18 +82,13 @@ void end() {
     return;
   {
     // Comes when no write is under way any more.
-    const Changing changing;
+    const Holding changing(pthread_rwlock_wrlock);
   }
   worker->Stop();
-  const Changing changing;
+  const Holding changing(pthread_rwlock_wrlock);
   DravenholtZmqWriterStatus last = DravenholtZmqWriterStatus();
   worker->FillStatus(&last);
-  past_sent += last.sent;
-  past_failed += last.failed;
-  past_cut += last.cut;
-  past_delivered += last.delivered;
-  past_stored += last.stored;
-  past_written += last.written;
+  add_counts(last, &past);
   delete worker;
   worker = nullptr;
 }
@@ -110,15 +102,10 @@ extern "C" void dravenholt_zmqwriter_status(DravenholtZmqWriterStatus* status) {
   *status = DravenholtZmqWriterStatus();
   status->spool_folder = paths::kSpoolFolder;
   status->install_prefix = paths::kInstallPrefix;
-  const Reading reading;
+  const Holding reading(pthread_rwlock_rdlock);
   if (worker) {
     status->worker = 1;
     worker->FillStatus(status);
   }
-  status->sent += past_sent;
-  status->failed += past_failed;
-  status->cut += past_cut;
-  status->delivered += past_delivered;
-  status->stored += past_stored;
-  status->written += past_written;
+  add_counts(past, status);
 }
