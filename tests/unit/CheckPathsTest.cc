@@ -136,9 +136,9 @@ AgentIdReport last;
 std::string agent(const std::string& constant = "", const std::string& prefix = "orvik") {
   Findings findings;
   const std::string before = listing();
-  last = check_agent_id({"", "LogZMQ::zmq_agent_id", SettingOrigin::kScriptConstant,
-                         "LogZMQ::zmq_agent_id", constant},
-                        prefix, &findings);
+  last = check_agent_id(
+      {"", "LogZMQ::zmq_agent_id", Setting::kScriptConstant, "LogZMQ::zmq_agent_id", constant},
+      prefix, &findings);
   EXPECT_EQ(listing(), before);
   return told(last.state, findings);
 }
