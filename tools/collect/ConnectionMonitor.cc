@@ -1,6 +1,6 @@
 #include "ConnectionMonitor.h"
 
-#include <arpa/inet.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -19,7 +19,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -83,20 +82,16 @@ std::optional<std::uint64_t> bytes_read(int descriptor) {
 std::string peer_name(int descriptor) {
   sockaddr_storage peer = {};
   socklen_t size = sizeof peer;
-  char text[INET6_ADDRSTRLEN];
-  if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) != 0)
+  char host[NI_MAXHOST], port[NI_MAXSERV];
+  auto* const address = reinterpret_cast<sockaddr*>(&peer);
+  if (getpeername(descriptor, address, &size) != 0)
     return "a client that has gone";
-  if (peer.ss_family == AF_INET) {
-    const auto& address = reinterpret_cast<const sockaddr_in&>(peer);
-    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-    return text + (":" + std::to_string(ntohs(address.sin_port)));
-  }
-  if (peer.ss_family == AF_INET6) {
-    const auto& address = reinterpret_cast<const sockaddr_in6&>(peer);
-    inet_ntop(AF_INET6, &address.sin6_addr, text, sizeof text);
-    return "[" + std::string(text) + "]:" + std::to_string(ntohs(address.sin6_port));
-  }
-  return "a local process";
+  if (getnameinfo(address, size, host, sizeof host, port, sizeof port,
+                  NI_NUMERICHOST | NI_NUMERICSERV) != 0 ||
+      peer.ss_family == AF_UNIX)
+    return "a local process";
+  return (peer.ss_family == AF_INET6 ? "[" + std::string(host) + "]" : host) +
+         (":" + std::string(port));
 }
 
 Refusal refusal(std::uint32_t failure) {
@@ -140,9 +135,7 @@ ConnectionMonitor::ConnectionMonitor(const ZmqContext& context, PullSocket* sock
       highest_(highest_descriptor()),
       events_(context, ZMQ_PAIR) {
   // Without a limit, because libzmq would wait for room, and with it all connections.
-  const int unlimited = 0;
-  if (zmq_setsockopt(events_.get(), ZMQ_RCVHWM, &unlimited, sizeof unlimited) != 0 ||
-      zmq_setsockopt(events_.get(), ZMQ_RCVTIMEO, &kLookMs, sizeof kLookMs) != 0 ||
+  if (!events_.Set(ZMQ_RCVHWM, 0) || !events_.Set(ZMQ_RCVTIMEO, kLookMs) ||
       zmq_socket_monitor(socket->get(), kEndpoint, kEvents) != 0 ||
       zmq_connect(events_.get(), kEndpoint) != 0)
     throw std::runtime_error(std::string("cannot watch the connections: ") +
@@ -169,21 +162,14 @@ void ConnectionMonitor::Run() {
       LookAtMemory();
       look_at = Clock::now() + std::chrono::milliseconds(kLookMs);
     }
-    // Two parts: the event with its value, and the endpoint.
-    char event[6], endpoint[1];
-    if (zmq_recv(events_.get(), event, sizeof event, 0) < 0 ||
-        zmq_recv(events_.get(), endpoint, sizeof endpoint, 0) < 0) {
-      if (zmq_errno() == EINTR || zmq_errno() == EAGAIN)
-        continue;
+    const auto event = next_event(events_);
+    if (!event && zmq_errno() != EINTR && zmq_errno() != EAGAIN)
       return;
-    }
-    std::uint16_t kind;
-    std::uint32_t value;
-    std::memcpy(&kind, event, sizeof kind);
-    std::memcpy(&value, event + sizeof kind, sizeof value);
-    if (kind == ZMQ_EVENT_MONITOR_STOPPED)
+    if (!event)
+      continue;
+    if (event->kind == ZMQ_EVENT_MONITOR_STOPPED)
       return;
-    Note(kind, value);
+    Note(event->kind, event->value);
   }
 }
 

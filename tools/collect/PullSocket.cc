@@ -36,19 +36,17 @@ bool would_replace_file(const std::string& endpoint) {
   return lstat(after("ipc://", endpoint).c_str(), &status) == 0 && !S_ISSOCK(status.st_mode);
 }
 
-bool configure(void* socket, const CurveKey& secret_key, bool ask_gate) {
-  const int yes = 1;
-  const int high_water = PullSocket::kReceiveHighWater;
-  const int backlog = PullSocket::kBacklog;
-  const int handshake_ms = PullSocket::kHandshakeMs;
+bool configure(const ZmqSocket& socket, const CurveKey& secret_key, bool ask_gate) {
   const auto largest = static_cast<std::int64_t>(PullSocket::kLargestMessage + kCurveBytes);
-  return zmq_setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water) == 0 &&
-         zmq_setsockopt(socket, ZMQ_BACKLOG, &backlog, sizeof backlog) == 0 &&
-         zmq_setsockopt(socket, ZMQ_HANDSHAKE_IVL, &handshake_ms, sizeof handshake_ms) == 0 &&
-         zmq_setsockopt(socket, ZMQ_MAXMSGSIZE, &largest, sizeof largest) == 0 &&
-         zmq_setsockopt(socket, ZMQ_CURVE_SERVER, &yes, sizeof yes) == 0 &&
-         zmq_setsockopt(socket, ZMQ_CURVE_SECRETKEY, secret_key.data(), secret_key.size()) == 0 &&
-         (!ask_gate || zmq_setsockopt(socket, ZMQ_ZAP_DOMAIN, kDomain, sizeof kDomain - 1) == 0);
+  const auto set = [&](int option, const void* value, std::size_t size) {
+    return zmq_setsockopt(socket.get(), option, value, size) == 0;
+  };
+  return socket.Set(ZMQ_RCVHWM, PullSocket::kReceiveHighWater) &&
+         socket.Set(ZMQ_BACKLOG, PullSocket::kBacklog) &&
+         socket.Set(ZMQ_HANDSHAKE_IVL, PullSocket::kHandshakeMs) &&
+         set(ZMQ_MAXMSGSIZE, &largest, sizeof largest) && socket.Set(ZMQ_CURVE_SERVER, 1) &&
+         set(ZMQ_CURVE_SECRETKEY, secret_key.data(), secret_key.size()) &&
+         (!ask_gate || set(ZMQ_ZAP_DOMAIN, kDomain, sizeof kDomain - 1));
 }
 
 }  // namespace
@@ -66,7 +64,7 @@ std::string bind_endpoint_problem(const std::string& endpoint) {
 
 PullSocket::PullSocket(ZmqContext* context, const CurveKey& secret_key, bool ask_gate)
     : socket_(*context, ZMQ_PULL) {
-  if (!configure(socket_.get(), secret_key, ask_gate))
+  if (!configure(socket_, secret_key, ask_gate))
     fail("cannot open a CURVE socket");
 }
 

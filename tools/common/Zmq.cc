@@ -1,5 +1,6 @@
 #include "Zmq.h"
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -23,16 +24,31 @@ void ZmqContext::Shutdown() {
 
 ZmqSocket::ZmqSocket(const ZmqContext& context, int type)
     : socket_(zmq_socket(context.get(), type)) {
-  const int no_linger = 0;
   if (!socket_)
     throw std::runtime_error(std::string("cannot open a socket: ") + zmq_strerror(zmq_errno()));
-  zmq_setsockopt(socket_, ZMQ_LINGER, &no_linger, sizeof no_linger);
+  Set(ZMQ_LINGER, 0);
 }
 
 void ZmqSocket::Close() {
   if (socket_)
     zmq_close(socket_);
   socket_ = nullptr;
+}
+
+bool ZmqSocket::Set(int option, int value) const {
+  return zmq_setsockopt(socket_, option, &value, sizeof value) == 0;
+}
+
+std::optional<ZmqEvent> next_event(const ZmqSocket& monitor) {
+  // Two parts: the event with its value, and the endpoint, which is cut.
+  ZmqEvent event;
+  char bytes[sizeof event.kind + sizeof event.value], endpoint[1];
+  if (zmq_recv(monitor.get(), bytes, sizeof bytes, 0) < 0 ||
+      zmq_recv(monitor.get(), endpoint, sizeof endpoint, 0) < 0)
+    return std::nullopt;
+  std::memcpy(&event.kind, bytes, sizeof event.kind);
+  std::memcpy(&event.value, bytes + sizeof event.kind, sizeof event.value);
+  return event;
 }
 
 }  // namespace zmqwriter

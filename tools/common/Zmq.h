@@ -1,6 +1,9 @@
 // A libzmq context and its sockets, ended at the end of their lives.
 #pragma once
 
+#include <cstdint>
+#include <optional>
+
 namespace zmqwriter {
 
 /// Its sockets must be closed before it ends.
@@ -31,9 +34,21 @@ class ZmqSocket {
 
   void* get() const { return socket_; }
   void Close();
+  /// Sets an option that is an int; false with libzmq's errno when it is not accepted.
+  bool Set(int option, int value) const;
 
  private:
   void* socket_;
 };
+
+/// One event of libzmq's monitor of a socket (ZMQ_EVENT_...).
+struct ZmqEvent {
+  std::uint16_t kind;
+  std::uint32_t value;
+};
+
+/// Takes the next event from the socket that is connected to a monitor. Nothing, with libzmq's
+/// errno, when none has come within ZMQ_RCVTIMEO or a signal has.
+std::optional<ZmqEvent> next_event(const ZmqSocket& monitor);
 
 }  // namespace zmqwriter
