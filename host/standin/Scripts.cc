@@ -48,11 +48,8 @@ void forget_scripts() {
   global_scope()->Clear();
 }
 
-RecordType* record_type(const std::string&, std::initializer_list<FieldSpec> fields) {
-  type_decl_list* decls = new type_decl_list;
-  for (const FieldSpec& field : fields)
-    decls->append(new TypeDecl(field.type, copy_string(field.name.c_str())));
-  return new RecordType(decls);
+void load_script(const std::string& path) {
+  ScriptReader({}).Load(path);
 }
 
 void redefine(const std::string& name, const std::string& text) {

@@ -245,22 +245,9 @@ TEST(ProbeTest, QueriesMayRunAtTheSameTime) {
   EXPECT_EQ(right, 40);
 }
 
-/// The script type, as scripts declare it.
 class Scripts : public testing::Environment {
  public:
-  void SetUp() override {
-    standin::define_type(
-        "system_stats",
-        standin::record_type("system_stats", {{"cpu_usage", base_type(TYPE_DOUBLE)},
-                                              {"priority", base_type(TYPE_INT)},
-                                              {"ph_mem_total", base_type(TYPE_COUNT)},
-                                              {"ph_mem_used", base_type(TYPE_COUNT)},
-                                              {"virt_mem_total", base_type(TYPE_COUNT)},
-                                              {"virt_mem_used", base_type(TYPE_COUNT)},
-                                              {"hdd_volume", base_type(TYPE_DOUBLE)},
-                                              {"hdd_used", base_type(TYPE_DOUBLE)},
-                                              {"hdd_avail", base_type(TYPE_DOUBLE)}}));
-  }
+  void SetUp() override { standin::load_script(ZMQWRITER_SCRIPTS "/__preload__.bro"); }
 };
 const testing::Environment* const scripts = testing::AddGlobalTestEnvironment(new Scripts);
 

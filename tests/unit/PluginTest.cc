@@ -32,10 +32,6 @@ struct Calls {
 
 Calls calls;
 
-RecordType* new_stats_type() {
-  return standin::record_type("system_stats", {{"cpu_usage", base_type(TYPE_DOUBLE)}});
-}
-
 }  // namespace
 
 VectorVal* UserDetect::detectUser(Connection* conn) {
@@ -75,7 +71,7 @@ class PluginTest : public testing::Test {
  protected:
   PluginTest() : host_(standin::Host::Options()) {
     calls = Calls();
-    standin::define_type("system_stats", new_stats_type());
+    standin::define_type("system_stats", new RecordType(new type_decl_list));
     for (const char* name : kConstants)
       standin::define_option(name, new StringVal(name));
     standin::declare_function("LogZMQ::__detect_user");

@@ -20,22 +20,12 @@ namespace {
 
 constexpr std::uint64_t kGiB = 1024ull * 1024 * 1024;
 
-RecordType* system_stats_type() {
-  return standin::record_type("system_stats", {{"cpu_usage", base_type(TYPE_DOUBLE)},
-                                               {"priority", base_type(TYPE_INT)},
-                                               {"ph_mem_total", base_type(TYPE_COUNT)},
-                                               {"ph_mem_used", base_type(TYPE_COUNT)},
-                                               {"virt_mem_total", base_type(TYPE_COUNT)},
-                                               {"virt_mem_used", base_type(TYPE_COUNT)},
-                                               {"hdd_volume", base_type(TYPE_DOUBLE)},
-                                               {"hdd_used", base_type(TYPE_DOUBLE)},
-                                               {"hdd_avail", base_type(TYPE_DOUBLE)}});
-}
+/// Declares the record that the plug-in fills by position.
+const char kScript[] = ZMQWRITER_SCRIPTS "/__preload__.bro";
 
-/// The script type, as scripts declare it before the first call.
 class Scripts : public testing::Environment {
  public:
-  void SetUp() override { standin::define_type("system_stats", system_stats_type()); }
+  void SetUp() override { standin::load_script(kScript); }
 };
 const testing::Environment* const scripts = testing::AddGlobalTestEnvironment(new Scripts);
 
@@ -220,7 +210,7 @@ TEST_F(SystemStatsTest, EveryCallSamplesAfresh) {
 TEST_F(SystemStatsTest, RecordTypeIsLookedUpOnTheFirstCallOnly) {
   sample();
   const BroType* first = stats_->Type();
-  standin::define_type("system_stats", system_stats_type());
+  standin::load_script(kScript);
   sample();
   EXPECT_EQ(stats_->Type(), first);
 }

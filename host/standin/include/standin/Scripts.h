@@ -4,7 +4,6 @@
 // They come from the plug-in's .bro files or straight from a test. Main thread.
 #pragma once
 
-#include <initializer_list>
 #include <string>
 
 #include "Type.h"
@@ -25,14 +24,9 @@ void declare_function(const std::string& name);
 /// Forgets everything but the host's own types.
 void forget_scripts();
 
-/// One field of record_type. Takes over type's reference.
-struct FieldSpec {
-  std::string name;
-  BroType* type;
-};
-
-/// A new record type.
-RecordType* record_type(const std::string& name, std::initializer_list<FieldSpec> fields);
+/// Defines what the plug-in needs of a script and of those that it loads by their path from there.
+/// Throws standin::HostError when one of them cannot be read.
+void load_script(const std::string& path);
 
 /// Same as `redef NAME=VALUE` on the host's command line, for an option that holds a string. Throws
 /// standin::HostError when there is none of that name or the text does not fit.
