@@ -4,6 +4,7 @@ Where the programs are comes from the environment: ZMQWRITER_BUILD_DIR, ZMQWRITE
 ZMQWRITER_FLATC. Every test works in a temporary folder of its own and lets the system choose ports.
 """
 
+import ctypes
 import os
 import re
 import shutil
@@ -120,6 +121,20 @@ class CliTest(unittest.TestCase):
                                 timeout=DEADLINE, **options)
         result.stderr = result.stderr.decode("utf-8", "replace")
         return result
+
+    def mount_disk(self, megabytes):
+        """A small disk in the folder "disk", which only this process and its children see."""
+        new_mounts = 0x20000
+        libc = ctypes.CDLL(None, use_errno=True)
+        if not hasattr(libc, "unshare") or libc.unshare(new_mounts) != 0:
+            self.skipTest("needs a mount namespace of its own: " + os.strerror(ctypes.get_errno()))
+        os.mkdir("disk")
+        for command in (["mount", "--make-rprivate", "/"],
+                        ["mount", "-t", "tmpfs", "-o", "size=%dm" % megabytes, "tmpfs", "disk"]):
+            result = subprocess.run(command, capture_output=True, text=True)
+            if result.returncode != 0:
+                self.skipTest("cannot mount a small disk: " + result.stderr)
+        self.addCleanup(subprocess.run, ["umount", "-l", os.path.abspath("disk")], check=True)
 
     def start(self, *arguments, **options):
         process = Process(list(arguments), **options)

@@ -1,7 +1,6 @@
 """zmqwriter collect as the reference receiver: files that rotate, rates, metrics, allowed clients, bad
 input, slow outputs."""
 
-import ctypes
 import fcntl
 import glob
 import json
@@ -668,22 +667,8 @@ class CollectHostileTest(CliTest):
 
 
 class CollectFullDiskTest(CliTest):
-    def mount(self, megabytes):
-        """A small disk in the folder "disk", which only this process and its children see."""
-        new_mounts = 0x20000
-        libc = ctypes.CDLL(None, use_errno=True)
-        if not hasattr(libc, "unshare") or libc.unshare(new_mounts) != 0:
-            self.skipTest("needs a mount namespace of its own: " + os.strerror(ctypes.get_errno()))
-        os.mkdir("disk")
-        for command in (["mount", "--make-rprivate", "/"],
-                        ["mount", "-t", "tmpfs", "-o", "size=%dm" % megabytes, "tmpfs", "disk"]):
-            result = subprocess.run(command, capture_output=True, text=True)
-            if result.returncode != 0:
-                self.skipTest("cannot mount a small disk: " + result.stderr)
-        self.addCleanup(subprocess.run, ["umount", "-l", os.path.abspath("disk")], check=True)
-
     def test_agents_leave_a_server_with_a_full_disk_and_no_event_is_lost(self):
-        self.mount(1)
+        self.mount_disk(1)
         os.mkdir("orvik-spool")
         primary = self.collect("--output", "disk/events", "--metrics", "127.0.0.1:0")
         secondary = self.collect("--output", "events")
@@ -722,7 +707,7 @@ class CollectFullDiskTest(CliTest):
 
     @needs_zmq
     def test_exit_on_full_ends_while_there_is_room_for_all_that_agents_have_sent(self):
-        self.mount(76)
+        self.mount_disk(76)
         collector = self.collect("--output", "disk/events", "--exit-on-full")
         agent = self.agent(collector.endpoint, sndhwm=1, immediate=1, sndtimeo=1000)
         sent = 0

@@ -284,6 +284,33 @@ class StreamTest(StreamCase):
             self.assertGreater(self.figures(collector)["stalled_s"], 1)
             self.end(collector)
 
+    def full_window(self, server, *arguments):
+        """A collector whose window is full, with two further events on the way to it."""
+        collector = self.collect_to(server.url, "--window", "3", "--drain", "0.2", "--unsent", "unsent",
+                                    *arguments)
+        server.kill()
+        self.send(collector, 0, 5)
+        return collector
+
+    def test_count_ends_it_when_the_window_is_full(self):
+        collector = self.full_window(self.server(), "--count", "4")
+        self.assertEqual(collector.wait(), 0, collector.stderr)
+        self.assertIn("4 events were not acknowledged: they are in unsent", collector.stderr)
+
+    def test_a_time_out_ends_it_when_the_window_is_full(self):
+        collector = self.full_window(self.server(), "--timeout", "2")
+        self.assertEqual(collector.wait(), 0, collector.stderr)
+        self.assertIn("5 events were not acknowledged: they are in unsent", collector.stderr)
+
+    def test_a_full_disk_ends_it_when_the_window_is_full(self):
+        self.mount_disk(90)
+        collector = self.full_window(self.server(), "--output", "disk/file", "--exit-on-full")
+        wait_for(lambda: self.figures(collector)["stalled_s"] > 0, "the full window")
+        write_file("disk/other", bytes(24 << 20))
+        self.assertEqual(collector.wait(), 1, collector.stderr)
+        self.assertIn("MiB are free", collector.stderr)
+        self.assertIn("5 events were not acknowledged: they are in unsent", collector.stderr)
+
     def test_what_the_engine_did_not_take_is_published_first_by_the_next_run(self):
         server = self.server()
         files = ["--unsent", "unsent", "--drain", "0.2"]

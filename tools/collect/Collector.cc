@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <exception>
@@ -122,6 +123,8 @@ int Collector::Run() {
       break;
     socket_.Wait(kPollMs);
   }
+  for (const auto& sink : sinks_)
+    sink->End();
   if (!Done())
     Drain();
   Finish();
@@ -146,11 +149,18 @@ bool Collector::TimedOut() const {
          Clock::now() - last_message_ >= std::chrono::duration<double>(options_.timeout_s);
 }
 
-/// Takes the messages that have arrived, at most kMostAtOnce; false if there were none. Flushes
-/// before the next wait, so that a reader of a pipe gets each event at once.
+/// For the last event of --count there is always, since the collector ends with it.
+bool Collector::HaveRoom() {
+  return events_ + 1 == options_.count ||
+         std::all_of(sinks_.begin(), sinks_.end(),
+                     [](const auto& sink) { return sink->HasRoom(); });
+}
+
+/// Takes the messages that have arrived, at most kMostAtOnce; false if there were none, or no room.
+/// Flushes before the next wait, so that a reader of a pipe gets each event at once.
 bool Collector::TakeWaiting() {
   int taken = 0;
-  while (taken < kMostAtOnce && !Done() && NextPart()) {
+  while (taken < kMostAtOnce && !Done() && HaveRoom() && NextPart()) {
     TakeMessage();
     ++taken;
   }
@@ -195,7 +205,7 @@ void Collector::Drain() {
   while (!Done() && Clock::now() < start + kLongestDrain &&
          (!HoldWaiting(&connections, &start) || (connections.any() && socket_.Wait(kSettledMs)))) {
   }
-  while (TakeWaiting()) {
+  while (TakeWaiting() || !HaveRoom()) {
   }
 }
 
@@ -215,8 +225,8 @@ bool Collector::HoldWaiting(Connections* connections, Clock::time_point* start) 
   }
   if (held_bytes_ >= kMostHeld) {
     const auto full = Clock::now();
-    while (!held_.empty() && TakeWaiting()) {
-    }
+    while (!held_.empty() && !Done())
+      TakeWaiting();
     *start += Clock::now() - full;
   }
   return false;

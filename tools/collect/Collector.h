@@ -63,6 +63,7 @@ class Collector {
   bool Done() const;
   bool SinkEnds();
   bool TimedOut() const;
+  bool HaveRoom();
   bool TakeWaiting();
   bool NextPart();
   void Drain();

@@ -1,7 +1,7 @@
 // Where a collector's events go: FileSink writes them to a file or to standard output,
 // JetStreamSink publishes them. An event is let go of only when the sink has it: written, or
-// acknowledged. What a sink holds is bounded. While it takes nothing, its calls block, the
-// collector receives nothing, and the events wait at the agents. One thread.
+// acknowledged. What a sink holds is bounded. While it takes nothing, it has no room or its calls
+// block, the collector receives nothing, and the events wait at the agents. One thread.
 #pragma once
 
 #include <cstdint>
@@ -23,11 +23,17 @@ class EventSink {
   /// std::runtime_error.
   virtual void Begin() = 0;
 
-  /// `raw` is the message that `event` was made from.
+  /// Whether the next event may be received. Where not, it waits a moment for room.
+  virtual bool HasRoom() { return true; }
+
+  /// `raw` is the message that `event` was made from. An event that is there is taken, room or not.
   virtual void Write(const EventMessage& event, std::string_view raw) = 0;
 
   /// To be called when nothing more waits to be written, and every 100 ms.
   virtual void Flush() = 0;
+
+  /// The collector ends: only what is under way comes. The sink need not have room for it for ever.
+  virtual void End() {}
 
   /// The last call: the sink has, or has given up, all events.
   virtual void Finish() { Flush(); }

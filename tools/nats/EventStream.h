@@ -5,16 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "CollectStats.h"
 #include "JetStreamOptions.h"
 #include "NatsConnection.h"
+#include "TroubleReport.h"
 
 namespace zmqwriter {
-
-struct StreamProblem {
-  StreamTrouble trouble;
-  std::string words;
-};
 
 /// Of what js_ functions return; `words` may be empty.
 StreamProblem stream_problem(natsStatus status, int error_code, const std::string& words);
