@@ -44,11 +44,12 @@ StreamProblem stream_problem(natsStatus status, int error_code, const std::strin
     case JSStreamNotFoundErr:
       return {StreamTrouble::kNoStream, text};
     case JSStreamStoreFailedErr:
+      return {StreamTrouble::kFull, "the stream is full (" + text + ")"};
     case JSAccountResourcesExceededErr:
     case JSInsufficientResourcesErr:
     case JSMemoryResourcesExceededErr:
     case JSStorageResourcesExceededErr:
-      return {StreamTrouble::kFull, "the stream is full (" + text + ")"};
+      return {StreamTrouble::kFull, "the servers have no room left (" + text + ")"};
     case JSClusterNotAvailErr:
     case JSClusterNotLeaderErr:
     case JSClusterIncompleteErr:
