@@ -229,6 +229,8 @@ class StreamTest(StreamCase):
                 (["--to", "nats://h:1", "--prefix", "a.*"], "must be words with dots between"),
                 (["--to", "nats://h:1", "--format", "text"], "published as raw or json"),
                 (["--to", "nats://h:1", "--nats-key", "k"], "--nats-cert"),
+                (["--to", "nats://h:1", "--output", "o", "--unsent", "./o"],
+                 "--unsent: the events of --output go to this file"),
                 (["--unsent", "file"], "--to")):
             with self.subTest(arguments=arguments):
                 result = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "k",
@@ -362,13 +364,14 @@ class StreamTest(StreamCase):
 
     def test_a_second_signal_ends_the_wait_and_keeps_the_events(self):
         server = self.server()
-        collector = self.collect_to(server.url, "--drain", "1000", "--unsent", "unsent")
+        collector = self.collect_to(server.url, "--drain", "1e300", "--unsent", "unsent")
         server.kill()
         self.send(collector, 0, 5)
         wait_for(lambda: self.figures(collector)["window"]["events"] == 5, "the window")
         for _ in range(2):  # as when a terminal is closed
+            self.assertIsNone(collector.popen.poll(), collector.stderr)
             collector.popen.send_signal(signal.SIGHUP)
-            time.sleep(0.2)  # two of the same kind at once count as one
+            time.sleep(1)  # two of the same kind at once count as one
         self.assertEqual(collector.wait(), 0, collector.stderr)
         self.assertIn("5 events were not acknowledged: they are in unsent", collector.stderr)
 

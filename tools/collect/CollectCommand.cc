@@ -3,9 +3,12 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "Collector.h"
 #include "Files.h"
@@ -18,6 +21,7 @@ namespace zmqwriter {
 namespace {
 
 constexpr double kShortestInterval = 0.01;
+constexpr double kLongestDrain = 1e9;  // what a clock can hold
 
 constexpr const char* kFooter =
     "The bound endpoint is printed on standard error ('listening on ...'), totals at the end.\n"
@@ -78,6 +82,14 @@ void warn_if_readable_by_others(const std::string& file) {
   struct stat status;
   if (stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & 077) != 0)
     std::fprintf(stderr, "warning: others may read this secret: chmod 600 %s\n", file.c_str());
+}
+
+bool same_path(const std::string& one, const std::string& other) {
+  const auto path = [](const std::string& name) {
+    std::error_code ignored;
+    return std::filesystem::weakly_canonical(std::filesystem::absolute(name, ignored), ignored);
+  };
+  return path(one) == path(other);
 }
 
 int collect(const CollectOptions& options) {
@@ -290,6 +302,9 @@ void add_collect_command(CLI::App& app, int* exit_code) {
       options->writes = !output->empty();
       stream->json = !format->empty() && options->output.format == "json";
       stream->json_bytes = options->output.json_bytes;
+      stream->drain_s = std::min(stream->drain_s, kLongestDrain);
+      if (!stream->unsent_file.empty() && same_path(options->output.path, stream->unsent_file))
+        throw CLI::ValidationError("--unsent", "the events of --output go to this file");
       if (options->output.format == "text" && !options->writes)
         throw CLI::ValidationError("--format", "events are published as raw or json");
       options->stream = *stream;
