@@ -111,8 +111,8 @@ class CheckConfiguration : public test::WorkerFixture {
     worker = new Worker();
     worker->Init(constants["zmq_primary_server"], constants["zmq_public_key"],
                  constants["zmq_secondary_server"]);
-    inside().connect();
-    for (const std::string& secondary : inside().secondary_servers)
+    test::connect(worker);
+    for (const std::string& secondary : worker->secondary_servers)
       zmq_close(worker->Connect(secondary));
     drive();
   }

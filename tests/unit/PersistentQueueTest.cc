@@ -39,7 +39,7 @@ class PersistentQueueTest : public testing::Test, protected test::SpoolFixture {
 TEST_F(PersistentQueueTest, EmptyFolderGivesAnEmptySpoolAndTheFirstRecordMakesTheHead) {
   start();
   EXPECT_TRUE(spool().IsEmpty());
-  EXPECT_EQ(inside().file_count, 0);
+  EXPECT_EQ(spool().file_count, 0);
   EXPECT_THAT(names(), IsEmpty());
   EXPECT_THAT(test::reports_of("warning"), IsEmpty());
   store("abc");
@@ -70,7 +70,7 @@ TEST_F(PersistentQueueTest, TakingTheTopLeavesItsBytesWithLengthZero) {
 TEST_F(PersistentQueueTest, ReopeningBeforeTheTakeAddsTwelveToTheUsedSize) {
   store_10_20_and_30_bytes();
   reopen();
-  EXPECT_EQ(inside().head_bytes, 72) << "the scan takes the header's 12 bytes off";
+  EXPECT_EQ(spool().head_bytes, 72) << "the scan takes the header's 12 bytes off";
   EXPECT_THAT(take(), Optional(bytes(30, 'c')));
   stop();
   EXPECT_EQ(content().substr(0, 12), header(62, 2));
@@ -80,8 +80,8 @@ TEST_F(PersistentQueueTest, FileBeyondAGapIsNotPartOfTheSpoolAndMayBeReplaced) {
   put("queue.dat", header(20, 1) + record(0, "abcd"));
   put("queue.dat.2", header(20, 1) + record(0, "wxyz"));
   start();
-  EXPECT_EQ(inside().file_count, 1);
-  EXPECT_EQ(inside().total_bytes, 20);
+  EXPECT_EQ(spool().file_count, 1);
+  EXPECT_EQ(spool().total_bytes, 20);
   limit_chunks(0);
   store("e");
   EXPECT_EQ(content("queue.dat.2"), header(20, 1) + record(0, "wxyz"));
@@ -95,7 +95,7 @@ TEST_F(PersistentQueueTest, FolderInTheSequenceEndsIt) {
   std::filesystem::create_directory(path("queue.dat.1"));
   put("queue.dat.2", header(20, 1) + record(0, "wxyz"));
   start();
-  EXPECT_EQ(inside().file_count, 1);
+  EXPECT_EQ(spool().file_count, 1);
 }
 
 TEST_F(PersistentQueueTest, CorruptedFilesAreWarnedOfAndCounted) {
@@ -109,10 +109,10 @@ TEST_F(PersistentQueueTest, CorruptedFilesAreWarnedOfAndCounted) {
       test::reports_of("warning"),
       ElementsAre(corrupted + path() + ", invalid signature", corrupted + path("queue.dat.2"),
                   corrupted + path("queue.dat.3") + ", invalid signature"));
-  EXPECT_EQ(inside().file_count, 4);
-  EXPECT_EQ(inside().head_records, 0);
-  EXPECT_EQ(inside().head_bytes, 0);
-  EXPECT_EQ(inside().total_bytes, 84);
+  EXPECT_EQ(spool().file_count, 4);
+  EXPECT_EQ(spool().head_records, 0);
+  EXPECT_EQ(spool().head_bytes, 0);
+  EXPECT_EQ(spool().total_bytes, 84);
   EXPECT_EQ(content("queue.dat.2"), "ZMQF123");
 }
 
@@ -127,10 +127,10 @@ TEST_F(PersistentQueueTest, ScanTakesHeadCountsFromTheHeadAndTotalsFromAllFiles)
   for (int k = 1; k <= 12; ++k)
     put("queue.dat." + std::to_string(k), header(1000, 5));
   start();
-  EXPECT_EQ(inside().head_records, 3);
-  EXPECT_EQ(inside().head_bytes, 88);
-  EXPECT_EQ(inside().total_bytes, 12100);
-  EXPECT_EQ(inside().file_count, 13);
+  EXPECT_EQ(spool().head_records, 3);
+  EXPECT_EQ(spool().head_bytes, 88);
+  EXPECT_EQ(spool().total_bytes, 12100);
+  EXPECT_EQ(spool().file_count, 13);
 }
 
 TEST_F(PersistentQueueTest, FirstRecordAfterARollBackToAFileWithoutRecordsCarriesTheOldTopLength) {
@@ -159,7 +159,7 @@ TEST_F(PersistentQueueTest, RecordsComeBackNewestFirstAlsoAfterARestart) {
 }
 
 TEST_F(PersistentQueueTest, DrainedOrClosedSpoolKeepsNothingInMemory) {
-  const auto is_held = [this] { return inside().holds_bytes(); };
+  const auto is_held = [this] { return spool().reader.window != nullptr; };
   for (const char* payload : {"a", "b", "c", "d"})
     store(payload);
   EXPECT_FALSE(is_held()) << "before the first Get";
@@ -170,7 +170,7 @@ TEST_F(PersistentQueueTest, DrainedOrClosedSpoolKeepsNothingInMemory) {
   EXPECT_FALSE(is_held()) << "after a Store";
   take();
   EXPECT_TRUE(is_held());
-  inside().closeFile();
+  spool().closeFile();
   EXPECT_FALSE(is_held()) << "after closing";
   while (!spool().IsEmpty())
     take();
@@ -201,15 +201,15 @@ TEST_F(PersistentQueueTest, HeadRollsOverWhenItsBytesExceedTheLimit) {
   limit_chunks(128);
   store(bytes(60));
   store(bytes(60));
-  EXPECT_EQ(inside().head_bytes, 128);
-  EXPECT_NE(inside().head_file, nullptr) << "exactly at the limit";
-  EXPECT_EQ(inside().file_count, 0);
+  EXPECT_EQ(spool().head_bytes, 128);
+  EXPECT_NE(spool().head_file, nullptr) << "exactly at the limit";
+  EXPECT_EQ(spool().file_count, 0);
   take();
   limit_chunks(100);
   store(bytes(60));
-  EXPECT_EQ(inside().head_bytes, 128);
-  EXPECT_EQ(inside().head_file, nullptr) << "closed by the roll-over";
-  EXPECT_EQ(inside().file_count, 1);
+  EXPECT_EQ(spool().head_bytes, 128);
+  EXPECT_EQ(spool().head_file, nullptr) << "closed by the roll-over";
+  EXPECT_EQ(spool().file_count, 1);
   EXPECT_EQ(content().substr(0, 12), header(140, 2));
 }
 
@@ -217,10 +217,10 @@ TEST_F(PersistentQueueTest, FirstRollOverOfASpoolWithoutFilesRenamesNothing) {
   limit_chunks(100);
   store(bytes(101, 'a'));
   EXPECT_THAT(names(), ElementsAre("queue.dat"));
-  EXPECT_EQ(inside().file_count, 1);
+  EXPECT_EQ(spool().file_count, 1);
   store(bytes(5, 'b'));
   EXPECT_THAT(names(), ElementsAre("queue.dat.1"));
-  EXPECT_EQ(inside().file_count, 2);
+  EXPECT_EQ(spool().file_count, 2);
   // 12 + 105 at the first closing; 9 and the reopening's 12 more at the second.
   EXPECT_EQ(content("queue.dat.1"),
             header(138, 2) + record(0, bytes(101, 'a')) + record(101, bytes(5, 'b')));
@@ -235,14 +235,14 @@ TEST_F(PersistentQueueTest, ThreeRollOversFromAPresentHeadLeaveFilesOneToThree) 
   store(fuller);
   store(fullest);
   EXPECT_THAT(names(), ElementsAre("queue.dat.1", "queue.dat.2", "queue.dat.3"));
-  EXPECT_EQ(inside().file_count, 4);
+  EXPECT_EQ(spool().file_count, 4);
   EXPECT_EQ(content("queue.dat.1").substr(12), record(0, fullest));
   EXPECT_EQ(content("queue.dat.2").substr(12), record(0, fuller));
   EXPECT_EQ(content("queue.dat.3").substr(12), record(0, "old!") + record(4, full));
 
   store("head");
   EXPECT_EQ(content(), header(0, 0) + record(0, "head"));
-  EXPECT_EQ(inside().file_count, 4);
+  EXPECT_EQ(spool().file_count, 4);
 
   for (const std::string& payload : {std::string("head"), fullest, fuller, full})
     EXPECT_THAT(take(), Optional(payload));
@@ -265,14 +265,14 @@ TEST_F(PersistentQueueTest, NegativeChunkLimitRollsOverAtEveryStore) {
 }
 
 TEST_F(PersistentQueueTest, TotalLimitIsKeptWithItsSignAndStopsNothing) {
-  EXPECT_EQ(inside().chunk_limit, 10485760);
-  EXPECT_EQ(inside().total_limit, 524288000);
+  EXPECT_EQ(spool().chunk_limit, 10485760);
+  EXPECT_EQ(spool().total_limit, 524288000);
   spool().SetLimits(10, -7);
-  EXPECT_EQ(inside().chunk_limit, 10);
-  EXPECT_EQ(inside().total_limit, std::int64_t{-7});
+  EXPECT_EQ(spool().chunk_limit, 10);
+  EXPECT_EQ(spool().total_limit, std::int64_t{-7});
   for (int i = 0; i < 20; ++i)
     store(bytes(100));
-  EXPECT_EQ(inside().total_bytes, 2080);
+  EXPECT_EQ(spool().total_bytes, 2080);
   EXPECT_EQ(names().size(), 19u);
 }
 
@@ -284,48 +284,48 @@ TEST_F(PersistentQueueTest, IsNotEmptyWhileTwoFilesAreCountedEvenWithoutLiveReco
   start();
   EXPECT_FALSE(spool().IsEmpty());
   EXPECT_EQ(take(), std::nullopt);
-  EXPECT_EQ(inside().file_count, 1);
+  EXPECT_EQ(spool().file_count, 1);
   EXPECT_TRUE(spool().IsEmpty());
 }
 
 TEST_F(PersistentQueueTest, GetsOfAnEmptySpoolLowerTheFileCountAndRollOversRaiseIt) {
   for (int expected : {-1, -2}) {
     EXPECT_EQ(take(), std::nullopt);
-    EXPECT_EQ(inside().file_count, expected);
+    EXPECT_EQ(spool().file_count, expected);
     EXPECT_EQ(content(), header(0, 0));
   }
   EXPECT_TRUE(spool().IsEmpty());
   limit_chunks(0);
   for (int expected : {-1, 0, 1}) {
     store("a");
-    EXPECT_EQ(inside().file_count, expected);
+    EXPECT_EQ(spool().file_count, expected);
     EXPECT_THAT(names(), ElementsAre("queue.dat"));
   }
   store("a");
-  EXPECT_EQ(inside().file_count, 2);
+  EXPECT_EQ(spool().file_count, 2);
   EXPECT_THAT(names(), ElementsAre("queue.dat.1"));
 }
 
 TEST_F(PersistentQueueTest, CountsWrapInsteadOfOverflowing) {
   put("queue.dat", header(0x7fffffff, 1) + record(0, "abcd"));
   start();
-  EXPECT_EQ(inside().head_bytes, 0x7fffffff - 12);
+  EXPECT_EQ(spool().head_bytes, 0x7fffffff - 12);
   store("e");
-  EXPECT_EQ(inside().head_bytes, std::numeric_limits<std::int32_t>::min() + 4);
-  EXPECT_EQ(inside().total_bytes, std::numeric_limits<std::int32_t>::min() + 4);
-  EXPECT_NE(inside().head_file, nullptr) << "a negative sum is not above the limit";
+  EXPECT_EQ(spool().head_bytes, std::numeric_limits<std::int32_t>::min() + 4);
+  EXPECT_EQ(spool().total_bytes, std::numeric_limits<std::int32_t>::min() + 4);
+  EXPECT_NE(spool().head_file, nullptr) << "a negative sum is not above the limit";
 }
 
 TEST_F(PersistentQueueTest, CursorStateTellsAFreshHeadFromOneWithAKnownTop) {
   start();
-  inside().openFile();
-  EXPECT_EQ(inside().cursor_state, -1);
+  spool().openFile();
+  EXPECT_EQ(spool().cursor_state, -1);
   store("a");
-  EXPECT_EQ(inside().cursor_state, -2);
+  EXPECT_EQ(spool().cursor_state, -2);
   reopen();
-  EXPECT_EQ(inside().cursor_state, -1);
-  inside().openFile();
-  EXPECT_EQ(inside().cursor_state, -2);
+  EXPECT_EQ(spool().cursor_state, -1);
+  spool().openFile();
+  EXPECT_EQ(spool().cursor_state, -2);
 }
 
 // Records without payload, and the way through the scan.
@@ -333,12 +333,12 @@ TEST_F(PersistentQueueTest, CursorStateTellsAFreshHeadFromOneWithAKnownTop) {
 TEST_F(PersistentQueueTest, EmptyRecordOnTopOfAFreshFileHidesTheRecordsBelow) {
   store("abc");
   spool().Store(0, nullptr);
-  EXPECT_EQ(inside().top_length, 0);
+  EXPECT_EQ(spool().top_length, 0);
   EXPECT_EQ(take(), std::nullopt) << "the header on disk counts no record";
   EXPECT_EQ(content(), header(0, 0) + u16(0) + u16(0) + "abc" + record(3, ""))
       << "marked as taken right behind the header";
-  EXPECT_EQ(inside().head_records, 1);
-  EXPECT_EQ(inside().head_bytes, 7);
+  EXPECT_EQ(spool().head_records, 1);
+  EXPECT_EQ(spool().head_bytes, 7);
   store("over");
   EXPECT_EQ(content(), header(0, 0) + record(0, "over") + u16(0).substr(1) + u16(3));
 }
@@ -349,11 +349,11 @@ TEST_F(PersistentQueueTest, ScanTrustsTheCountOfTheLastClose) {
   reopen();
   store("third");
   store("");
-  EXPECT_EQ(inside().head_records, 4);
+  EXPECT_EQ(spool().head_records, 4);
   EXPECT_THAT(take(), Optional(std::string("second")))
       << "the second record is the last that the header on disk counts";
-  EXPECT_EQ(inside().head_records, 3);
-  EXPECT_EQ(inside().top_length, 5) << "and the cursor stands where it was";
+  EXPECT_EQ(spool().head_records, 3);
+  EXPECT_EQ(spool().top_length, 5) << "and the cursor stands where it was";
   EXPECT_THAT(take(), Optional(std::string("first")));
 }
 
@@ -377,7 +377,7 @@ TEST_F(PersistentQueueTest, RecordsOfAHeadCreatedBeforeACrashAreNotCounted) {
   crash();
   EXPECT_EQ(content(), header(0, 0) + record(0, "abc") + record(3, "def"));
   start();
-  EXPECT_EQ(inside().file_count, 1);
+  EXPECT_EQ(spool().file_count, 1);
   EXPECT_TRUE(spool().IsEmpty());
   store("ghi");
   EXPECT_EQ(content(), header(0, 0) + record(0, "ghi") + record(3, "def"));
@@ -391,7 +391,7 @@ TEST_F(PersistentQueueTest, RecordTakenBeforeACrashReadsBackEmptyAndTheWalkStays
   EXPECT_THAT(take(), Optional(std::string("third")));
   crash();
   start();
-  EXPECT_EQ(inside().head_records, 3);
+  EXPECT_EQ(spool().head_records, 3);
   EXPECT_THAT(take(), Optional(std::string()));
   EXPECT_THAT(take(), Optional(std::string("second")));
   EXPECT_THAT(take(), Optional(std::string("first")));
@@ -406,7 +406,7 @@ TEST_F(PersistentQueueTest, MissingParentDisablesTheSpoolForGoodWithAnError) {
               ElementsAre("Failed to open or create queue folder " + folder()));
   EXPECT_FALSE(std::filesystem::exists("orvik-spool"));
   std::filesystem::create_directories(folder());
-  EXPECT_TRUE(inside().disabled);
+  EXPECT_TRUE(spool().disabled);
   store("abc");
   EXPECT_EQ(take(), std::nullopt);
   EXPECT_TRUE(spool().IsEmpty());
@@ -416,7 +416,7 @@ TEST_F(PersistentQueueTest, MissingParentDisablesTheSpoolForGoodWithAnError) {
 TEST_F(PersistentQueueTest, FileInPlaceOfTheFolderDisablesTheSpool) {
   test::write_file(folder(), "in the way");
   start();
-  EXPECT_TRUE(inside().disabled);
+  EXPECT_TRUE(spool().disabled);
   EXPECT_EQ(test::reports_of("error").size(), 1u);
   EXPECT_EQ(test::read_file(folder()), "in the way");
 }
@@ -447,7 +447,7 @@ TEST_P(CreatePathTest, TakesBackslashesForSeparatorsAndRestoresThePath) {
   std::filesystem::create_directory("there");
   test::write_file("file", "");
   std::string path = GetParam().path;
-  EXPECT_EQ(test::SpoolInside::CreatePath(&path[0]), GetParam().created);
+  EXPECT_EQ(PersistentQueue::CreatePath(&path[0]), GetParam().created);
   EXPECT_EQ(path, GetParam().path);
   std::vector<std::string> folders;
   for (const auto& entry : std::filesystem::recursive_directory_iterator("."))

@@ -24,7 +24,7 @@ class RealLoop {
     for (const std::string& secondary : script.secondaries)
       list += secondary + ",";
     worker.Init("p", "", list);
-    inside.connect();
+    connect(&worker);
     log.clear();
     for (int i = 0; i < script.waiting; ++i)
       write("q" + std::to_string(i));
@@ -37,7 +37,7 @@ class RealLoop {
   std::vector<std::string> stop() {
     follow_script_in_flush();
     log.clear();
-    inside.stop();
+    ::test::stop(&worker);
     log.listen(nullptr);
     return log.starting_with("send");
   }
@@ -46,7 +46,6 @@ class RealLoop {
   FakeClock clock;
   FakeZmq zmq;
   logging::writer::ZmqWorker worker = logging::writer::ZmqWorker();
-  WorkerInside inside{&worker};
 
  private:
   void write(const std::string& body) { worker.Write(body.size(), body.data()); }
@@ -71,7 +70,7 @@ class RealLoop {
       for (int i = script_.arrivals(events_); i > 0; --i)
         write("n" + std::to_string(arrived_++));
       if (events_ == script_.stop_at)
-        inside.running = false;
+        worker.running = false;
     });
   }
 
@@ -79,7 +78,7 @@ class RealLoop {
   std::vector<void*> waiting_bodies() {
     std::vector<void*> bodies;
     std::set<logging::writer::zmq_message*> seen;
-    for (auto entries = inside.queue; !entries.empty(); entries.pop())
+    for (auto entries = worker.queue; !entries.empty(); entries.pop())
       if (!entries.front()->done && seen.insert(entries.front()).second)
         bodies.push_back(entries.front()->data);
     return bodies;
@@ -149,12 +148,12 @@ TEST(SendLoopAndItsModel, DoesTheSameInEveryRandomWorld) {
           failure = std::string(what) + " differs\n";
       };
       failure = difference(real.log.story(), model.lines);
-      check("sent", real.inside.sent_count.load(), static_cast<std::uint64_t>(model.sent));
-      check("failed", real.inside.failed_count.load(), static_cast<std::uint64_t>(model.failed));
-      check("main_fail_time", real.inside.main_fail_time, model.main_fail_time);
-      check("secondary_index", real.inside.secondary_index, model.secondary_index);
-      check("secondary_server", real.inside.secondary_server, model.secondary_server);
-      check("length of the queue", real.inside.queue.size(), model.queued());
+      check("sent", real.worker.sent_count.load(), static_cast<std::uint64_t>(model.sent));
+      check("failed", real.worker.failed_count.load(), static_cast<std::uint64_t>(model.failed));
+      check("main_fail_time", real.worker.main_fail_time, model.main_fail_time);
+      check("secondary_index", real.worker.secondary_index, model.secondary_index);
+      check("secondary_server", real.worker.secondary_server, model.secondary_server);
+      check("length of the queue", real.worker.queue.size(), model.queued());
       check("spool", FakeSpool::contents(), model.spool);
       if (failure.empty()) {
         const auto lines_before = model.lines.size();
@@ -171,9 +170,9 @@ TEST(SendLoopAndItsModel, DoesTheSameInEveryRandomWorld) {
       }
       if (failure.empty())
         failure = repeated(model.lines);
-      check("sent after Stop", real.inside.sent_count.load(),
+      check("sent after Stop", real.worker.sent_count.load(),
             static_cast<std::uint64_t>(model.sent));
-      check("failed after Stop", real.inside.failed_count.load(),
+      check("failed after Stop", real.worker.failed_count.load(),
             static_cast<std::uint64_t>(model.failed));
       check("dropped by the flush", real.worker.DroppedByFlush(),
             static_cast<std::uint64_t>(model.dropped));

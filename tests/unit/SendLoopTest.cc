@@ -75,7 +75,7 @@ TEST_F(SendLoop, HealthyPrimaryGetsEachRecordOnceInOrderAndByteForByte) {
               Lines("send s1 '" + every_byte + "' ok", "send s1 '' ok", "send s1 'c' ok", kIdle));
   EXPECT_EQ(sent(), 3u);
   EXPECT_EQ(failed(), 0u);
-  EXPECT_TRUE(inside().queue.empty());
+  EXPECT_TRUE(worker->queue.empty());
 }
 
 TEST_F(SendLoop, EmptyQueueIsPolledEveryTenthOfASecond) {
@@ -87,13 +87,13 @@ TEST_F(SendLoop, EmptyQueueIsPolledEveryTenthOfASecond) {
 TEST_F(SendLoop, ReturnsAtOnceWhenItIsNotToRun) {
   connect();
   write("a");
-  inside().running = false;
-  inside().main_fail_time = 5;
-  inside().secondary_index = 6;
+  worker->running = false;
+  worker->main_fail_time = 5;
+  worker->secondary_index = 6;
   worker->DoWork();
   EXPECT_THAT(log.story(), IsEmpty());
-  EXPECT_EQ(inside().main_fail_time, 0);
-  EXPECT_EQ(inside().secondary_index, 0);
+  EXPECT_EQ(worker->main_fail_time, 0);
+  EXPECT_EQ(worker->secondary_index, 0);
 }
 
 TEST_F(SendLoop, AMessageIsInitialisedTwiceWithoutLeakingTheFirstRoom) {
@@ -126,8 +126,8 @@ TEST_F(SendLoop, FirstFailureWarnsRequeuesAndRetriesAtOnce) {
   size_t waiting = 99;
   zmq.on_init_size = [&, calls = 0](size_t) mutable {
     if (++calls == 2) {
-      marked = inside().main_fail_time;
-      waiting = inside().queue.size();
+      marked = worker->main_fail_time;
+      waiting = worker->queue.size();
     }
     return kOk;
   };
@@ -135,7 +135,7 @@ TEST_F(SendLoop, FirstFailureWarnsRequeuesAndRetriesAtOnce) {
                            "send s1 'r' ok", "send s1 'after it' ok", kIdle));
   EXPECT_EQ(marked, start + 1);
   EXPECT_EQ(waiting, 2u) << "the requeued entry waits while the record is sent again";
-  EXPECT_EQ(inside().main_fail_time, 0);
+  EXPECT_EQ(worker->main_fail_time, 0);
   EXPECT_EQ(sent(), 2u);
   EXPECT_EQ(failed(), 1u);
 }
@@ -150,7 +150,7 @@ TEST_F(SendLoop, WithoutSecondariesEveryFurtherPassWarnsAndPushesOneMoreEntry) {
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary, kIdle));
-  EXPECT_EQ(inside().queue.size(), 4u);
+  EXPECT_EQ(worker->queue.size(), 4u);
   EXPECT_EQ(sent(), 0u);
   EXPECT_EQ(failed(), 4u);
 }
@@ -163,7 +163,7 @@ TEST_F(SendLoop, EntriesLeftByFailedPassesAreSkippedOnceTheRecordIsDelivered) {
   EXPECT_THAT(run(), Lines("send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNotResponding,
                            "send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNoSecondary,
                            "send s1 'a' ok", kBackOnline, "send s1 'b' ok", kIdle));
-  EXPECT_TRUE(inside().queue.empty());
+  EXPECT_TRUE(worker->queue.empty());
   EXPECT_EQ(sent(), 2u);
 }
 
@@ -196,7 +196,7 @@ TEST_F(SendLoop, ASecondaryThatFailsIsClosedAndTheRecordGoesRoundAgain) {
                   "send s1 'r1' failed", kRetryPause, "send s1 'r1' failed", "socket s3",
                   "connect s3 tcp://a:5555 ok", "send s3 'r1' ok", switched_to("tcp://a:5555"),
                   "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
-  EXPECT_TRUE(inside().queue.empty());
+  EXPECT_TRUE(worker->queue.empty());
 }
 
 TEST_F(SendLoop, WhenTheEmptySendFailsTheMessageCountsAsDelivered) {
@@ -232,7 +232,7 @@ TEST_F(SendLoop, SecondariesAreSearchedInListOrderAndOneWithoutASocketSimplyFail
                     "socket s4", "connect s4 tcp://b:5555 ok", "send s4 'r' ok",
                     switched_to("tcp://b:5555"), "send s4 '' ok", kIdle,
                     "disconnect s4 tcp://b:5555", "close s4"));
-  EXPECT_EQ(inside().secondary_index, 2);
+  EXPECT_EQ(worker->secondary_index, 2);
   EXPECT_EQ(sent(), 2u);
   EXPECT_EQ(failed(), 4u) << "the send on no socket is counted too";
 }
@@ -282,7 +282,7 @@ TEST_F(SendLoop, HoldOffLastsTenSecondsWhenTheLoopComesByWithAFailedPrimary) {
                      kInitFailed, kIdle},
                     run(kIdle, 2)),
               ElementsAreArray(expected));
-  EXPECT_EQ(inside().main_fail_time, 0);
+  EXPECT_EQ(worker->main_fail_time, 0);
 }
 
 TEST_F(SendLoop, ARecordWhoseMessageCannotBeInitialisedIsLostAndTheNextOneSent) {
@@ -322,7 +322,7 @@ TEST_F(SendLoop, RefillStopsWithFiveHundredWaitingAndThenFetchesOneForEachDelive
                                     kNotResponding, "send s1 'r0' ok", "spool get 'd9'",  //
                                     "send s1 'r1' ok", "spool get 'd8'",                  //
                                     "send s1 'r2' ok", "spool get 'd7'", kIdle));
-  EXPECT_EQ(inside().queue.size(), 500u);
+  EXPECT_EQ(worker->queue.size(), 500u);
 }
 
 TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
@@ -339,7 +339,7 @@ TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
       EXPECT_EQ(status().in_work, 1);
     }
     if (line == kIdle)
-      inside().running = false;
+      worker->running = false;
   });
   worker->DoWork();
   log.listen(nullptr);
@@ -348,7 +348,7 @@ TEST_F(SendLoop, SkippedEntriesDoNotStrandTheSpool) {
   EXPECT_THAT(
       std::vector<std::string>(story.end() - 5, story.end()),
       Lines("send s1 'r' ok", kBackOnline, "spool get 'spooled'", "send s1 'spooled' ok", kIdle));
-  EXPECT_TRUE(inside().queue.empty());
+  EXPECT_TRUE(worker->queue.empty());
 }
 
 // -- Stop -----------------------------------------------------------------------------------------
@@ -359,7 +359,7 @@ TEST_F(SendLoop, StopDuringTheFirstAttemptGivesTheRecordUpWithoutARetry) {
   write("r");
   EXPECT_THAT(run("send s1 'r' failed"), Lines("send s1 'r' failed", kIdle));
   EXPECT_EQ(failed(), 1u);
-  EXPECT_TRUE(inside().queue.empty()) << "neither sent, requeued nor spooled";
+  EXPECT_TRUE(worker->queue.empty()) << "neither sent, requeued nor spooled";
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
   EXPECT_EQ(zmq.live_contents(), 0u);
 }
@@ -372,7 +372,7 @@ TEST_F(SendLoop, ARecordAbandonedOnStopIsFlushedFromTheEntriesThatItLeft) {
               Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
                     "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
                     "send s1 'r' failed", kIdle));
-  EXPECT_EQ(inside().queue.size(), 2u);
+  EXPECT_EQ(worker->queue.size(), 2u);
   EXPECT_THAT(stop(),
               Lines("send s1 'r' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
   EXPECT_EQ(sent(), 1u);

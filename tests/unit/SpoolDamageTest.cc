@@ -190,10 +190,10 @@ TEST_F(SpoolDamageTest, FolderOrPipeInPlaceOfTheHeadMakesStoreHarmless) {
     else
       std::filesystem::create_directory(path());
     start();
-    EXPECT_EQ(inside().file_count, 0);
+    EXPECT_EQ(spool().file_count, 0);
     store("abc");
-    EXPECT_EQ(inside().head_records, 1);
-    EXPECT_EQ(inside().head_bytes, 7);
+    EXPECT_EQ(spool().head_records, 1);
+    EXPECT_EQ(spool().head_bytes, 7);
     EXPECT_EQ(take(), std::nullopt);
     EXPECT_TRUE(spool().IsEmpty());
     stop();
@@ -215,7 +215,7 @@ TEST_F(SpoolDamageTest, FolderInTheWayOfARollOverLosesNothing) {
       store(stored.back());
     }
     EXPECT_TRUE(std::filesystem::is_directory(path(in_the_way) + "/not empty"));
-    EXPECT_NE(inside().head_file, nullptr) << "opening it again would read all of it";
+    EXPECT_NE(spool().head_file, nullptr) << "opening it again would read all of it";
     for (; !stored.empty(); stored.pop_back())
       ASSERT_THAT(take(), Optional(stored.back()));
     EXPECT_EQ(take(), std::nullopt);
@@ -259,10 +259,10 @@ TEST_F(SpoolDamageTest, UnreadableHeadIsWarnedOfAndNeverDeleted) {
   as_an_ordinary_user([this] {
     start();
     EXPECT_THAT(test::reports_of("warning"), ElementsAre("Corrupted queue file " + path()));
-    EXPECT_EQ(inside().file_count, 1);
+    EXPECT_EQ(spool().file_count, 1);
     EXPECT_TRUE(spool().IsEmpty());
     store("abc");
-    EXPECT_EQ(inside().head_records, 1);
+    EXPECT_EQ(spool().head_records, 1);
     EXPECT_FALSE(spool().IsEmpty());
     EXPECT_EQ(take(), std::nullopt);
     EXPECT_TRUE(spool().IsEmpty());
@@ -291,7 +291,7 @@ TEST_F(SpoolDamageTest, ReadableButNotWritableHeadIsDelivered) {
   set_modes({{"", 0777}, {"queue.dat", 0444}, {"queue.dat.1", 0444}});
   as_an_ordinary_user([this] {
     EXPECT_THAT(take(), Optional(std::string("third")));
-    EXPECT_TRUE(fcntl(fileno(inside().head_file), F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(fcntl(fileno(spool().head_file), F_GETFD) & FD_CLOEXEC);
     store("has no place to go");
     EXPECT_THAT(take(), Optional(std::string("second")));
     EXPECT_THAT(take(), Optional(std::string("first")));
@@ -385,8 +385,8 @@ TEST_F(SpoolDamageTest, UnreadableOlderFileIsWarnedOfAndCounted) {
     start();
     EXPECT_THAT(test::reports_of("warning"),
                 ElementsAre("Corrupted queue file " + path("queue.dat.1")));
-    EXPECT_EQ(inside().file_count, 3);
-    EXPECT_EQ(inside().total_bytes, 80);
+    EXPECT_EQ(spool().file_count, 3);
+    EXPECT_EQ(spool().total_bytes, 80);
   });
 }
 
@@ -395,7 +395,7 @@ TEST_F(SpoolDamageTest, ReadOnlyFolderTakesNothingAndGivesNothing) {
   set_modes({{"", 0555}});
   as_an_ordinary_user([this] {
     start();
-    EXPECT_FALSE(inside().disabled);
+    EXPECT_FALSE(spool().disabled);
     for (int i = 0; i < 1000; ++i)
       store("abc");
     EXPECT_EQ(take(), std::nullopt);
@@ -425,15 +425,15 @@ TEST_F(SpoolDamageTest, FullDiskGoesUnnoticedAndTheCountsGoOn) {
     FileSizeLimit full(1000);
     for (int i = 0; i < 20; ++i)
       store(std::string(300, static_cast<char>('a' + i)));
-    EXPECT_EQ(inside().head_records, 20);
-    EXPECT_EQ(inside().head_bytes, 20 * 304);
+    EXPECT_EQ(spool().head_records, 20);
+    EXPECT_EQ(spool().head_bytes, 20 * 304);
     EXPECT_EQ(content().size(), 1000u);
     for (char c : {'c', 'b', 'a'})
       EXPECT_THAT(take(), Optional(std::string(300, c)));
     for (int i = 0; i < 7; ++i)
       EXPECT_EQ(take(), std::nullopt);
   }
-  EXPECT_EQ(inside().head_records, 10);
+  EXPECT_EQ(spool().head_records, 10);
   for (int i = 0; i < 10; ++i)
     EXPECT_EQ(take(), std::nullopt);
   EXPECT_TRUE(spool().IsEmpty());
@@ -452,7 +452,7 @@ TEST_F(SpoolDamageTest, RecordsOfAReopenedFileSurviveAFullDisk) {
     store(std::string(60000, 'y'));
   }
   store("room again");
-  EXPECT_EQ(inside().head_records, 7);
+  EXPECT_EQ(spool().head_records, 7);
   EXPECT_THAT(take(), Optional(std::string("room again")));
   EXPECT_THAT(take(), Optional(std::string("small")));
   EXPECT_THAT(take(), Optional(std::string("third")));
@@ -483,7 +483,7 @@ TEST_F(SpoolDamageTest, DiskFullBeforeTheFirstHeaderIsSurvived) {
   {
     FileSizeLimit full(0);
     store("abc");
-    EXPECT_EQ(inside().head_records, 1);
+    EXPECT_EQ(spool().head_records, 1);
     take();
   }
   store("abc");

@@ -125,7 +125,7 @@ TEST_F(SpoolErrorsTest, RollOverThatCannotRenameAFileLeavesAllWhereTheyWere) {
     EXPECT_EQ(content().substr(12), record(0, "four") + record(4, "five") + record(4, "six"));
     for (const char* older : {"queue.dat.1", "queue.dat.2", "queue.dat.3"})
       EXPECT_EQ(content(older), before.at(older)) << older;
-    EXPECT_EQ(inside().file_count, 4);
+    EXPECT_EQ(spool().file_count, 4);
     rename_fails = nullptr;
     EXPECT_THAT(take_all(), ElementsAre("six", "five", "four", "three", "two", "one!"));
   }
@@ -139,7 +139,7 @@ TEST_F(SpoolErrorsTest, RollOverIsMadeUpForByTheNextStore) {
   rename_fails = nullptr;
   store("six");
   EXPECT_THAT(names(), ElementsAre("queue.dat.1", "queue.dat.2", "queue.dat.3", "queue.dat.4"));
-  EXPECT_EQ(inside().file_count, 5);
+  EXPECT_EQ(spool().file_count, 5);
   EXPECT_THAT(take_all(), ElementsAre("six", "five", "four", "three", "two", "one!"));
 }
 
@@ -215,7 +215,7 @@ TEST_F(SpoolErrorsTest, RollOverAfterARollBackThatFailedReplacesNone) {
   rename_fails = nullptr;
   for (const char* payload : {"five", "six", "seven"})
     store(payload);
-  EXPECT_EQ(inside().file_count, 7);
+  EXPECT_EQ(spool().file_count, 7);
   EXPECT_THAT(take_all(), ElementsAre("seven", "six", "five", "three", "two", "one!"));
 }
 

@@ -18,7 +18,6 @@
 #include "Paths.h"
 #include "PersistentQueue.h"
 #include "SpoolBesideModel.h"
-#include "SpoolInside.h"
 #include "TempDir.h"
 
 namespace test {
@@ -75,7 +74,6 @@ class SpoolFixture {
       start();
     return *spool_;
   }
-  SpoolInside inside() { return SpoolInside(&spool()); }
   void start() { spool_ = std::make_unique<PersistentQueue>(); }
   /// A clean stop: the head file gets its header.
   void stop() { spool_.reset(); }

@@ -61,7 +61,7 @@ TEST_F(SpoolReaderTest, ReopeningDriftIsNoDamage) {
   store("abcd");
   for (int i = 0; i < 3; ++i) {
     reopen();
-    inside().openFile();
+    spool().openFile();
   }
   stop();
   EXPECT_EQ(content().substr(0, 12), header(20 + 36, 1));
@@ -208,7 +208,7 @@ TEST_F(SpoolReaderTest, SequenceEndsAtWhatIsNoRegularFile) {
   const std::vector<std::uint32_t> numbers = find_chunks(folder());
   EXPECT_EQ(count_in_sequence(folder(), numbers), 1u);
   start();
-  EXPECT_EQ(inside().file_count, 1) << "as the plug-in counts";
+  EXPECT_EQ(spool().file_count, 1) << "as the plug-in counts";
 }
 
 TEST_F(SpoolReaderTest, FilesSetAsideAreFoundByTheirExactNamesOnly) {

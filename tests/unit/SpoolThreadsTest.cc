@@ -43,7 +43,7 @@ TEST_F(SpoolThreadsTest, EveryRecordComesBackExactlyOnceWhileBothThreadsWork) {
       queue.Store(static_cast<std::uint16_t>(payload_of(i, payload)), payload);
   };
   store_some(0, kStoredBefore);
-  const std::int32_t files_before = inside().file_count;
+  const std::int32_t files_before = spool().file_count;
 
   std::thread storing([&store_some, &all_stored] {
     store_some(kStoredBefore, kRecords);
@@ -81,7 +81,7 @@ TEST_F(SpoolThreadsTest, EveryRecordComesBackExactlyOnceWhileBothThreadsWork) {
   EXPECT_EQ(taken, kRecords);
   EXPECT_TRUE(queue.IsEmpty());
   EXPECT_GT(files_before, 2) << "nothing rolled over";
-  EXPECT_LT(inside().file_count, 2) << "nothing rolled back";
+  EXPECT_LT(spool().file_count, 2) << "nothing rolled back";
 }
 
 }  // namespace

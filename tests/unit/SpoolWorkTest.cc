@@ -60,7 +60,7 @@ class SpoolWorkTest : public testing::Test, protected test::SpoolFixture {
   // Takes all that is there, and counts without what opening the file has read.
   void drain() {
     start();
-    inside().openFile();
+    spool().openFile();
     start_counting();
     for (std::uint32_t takes = 0; !spool().IsEmpty() && takes <= kRecords; ++takes)
       take();
@@ -84,7 +84,7 @@ TEST_F(SpoolWorkTest, OpeningReadsAFileOfSmallRecordsInBlocks) {
   stop();
   start();
   start_counting();
-  inside().openFile();
+  spool().openFile();
   EXPECT_LE(reads, 1 + 1 + kRecords * 10 / 4096 + 1) << "a header, and the blocks of the walk";
 }
 
@@ -123,7 +123,7 @@ TEST_F(SpoolWorkTest, BytesThatCannotBeReadCostOnlyTheRecordThatTheyAreOf) {
   for (char c = 'z'; c > 'c'; --c)
     EXPECT_THAT(take(), Optional(std::string(100, c)));
   take();
-  EXPECT_EQ(inside().top, third);
+  EXPECT_EQ(spool().top, third);
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 #include "FakeClock.h"
 #include "FakeSpool.h"
 #include "FakeZmq.h"
-#include "WorkerInside.h"
 #include "WriterStatus.h"
 #include "ZmqWorker.h"
 
@@ -47,6 +46,32 @@ auto Lines(Line... lines) {
   return ::testing::ElementsAreArray(std::vector<std::string>{std::string(lines)...});
 }
 
+/// The socket to the primary, and a send thread that runs: as after Start, without the thread.
+inline void connect(logging::writer::ZmqWorker* worker) {
+  worker->context = zmq_ctx_new();
+  worker->socket = worker->Connect(worker->server);
+  worker->running = true;
+}
+
+/// Stop, where the test is the send thread; the thread that is joined ends at once.
+inline void stop(logging::writer::ZmqWorker* worker) {
+  worker->running = true;
+  const auto end_at_once = [](void* nothing) { return nothing; };
+  pthread_create(&worker->thread, nullptr, end_at_once, nullptr);
+  worker->Stop();
+}
+
+/// Frees and forgets what waits, and gives it, oldest first.
+inline std::vector<std::string> take_queue(logging::writer::ZmqWorker* worker) {
+  std::vector<std::string> bodies;
+  for (auto& queue = worker->queue; !queue.empty(); queue.pop()) {
+    bodies.emplace_back(static_cast<char*>(queue.front()->data), queue.front()->size);
+    free(queue.front()->data);
+    free(queue.front());
+  }
+  return bodies;
+}
+
 class WorkerFixture : public ::testing::Test {
  protected:
   using Worker = logging::writer::ZmqWorker;
@@ -59,7 +84,7 @@ class WorkerFixture : public ::testing::Test {
   void TearDown() override {
     log.listen(nullptr);
     if (worker) {
-      if (!inside().running)
+      if (!worker->running)
         drive();
       stop();
       delete worker;
@@ -73,7 +98,7 @@ class WorkerFixture : public ::testing::Test {
   void connect(const std::string& secondaries = "") {
     worker = new Worker();
     worker->Init("p", "", secondaries);
-    inside().connect();
+    ::test::connect(worker);
     drive();
     log.clear();
   }
@@ -81,7 +106,7 @@ class WorkerFixture : public ::testing::Test {
   /// Makes the worker believe that it was started.
   void drive() {
     driven = true;
-    inside().running = true;
+    worker->running = true;
   }
 
   void write(const std::string& body) { worker->Write(body.size(), body.data()); }
@@ -106,7 +131,7 @@ class WorkerFixture : public ::testing::Test {
   void stop_at(const std::string& start, int nth = 1) {
     log.listen([this, start, nth](const std::string& line) mutable {
       if (line.compare(0, start.size(), start) == 0 && --nth == 0)
-        inside().running = false;
+        worker->running = false;
     });
   }
 
@@ -114,7 +139,7 @@ class WorkerFixture : public ::testing::Test {
   /// and gives what it did.
   std::vector<std::string> run(const std::string& last = kIdle, int nth = 1) {
     log.clear();
-    inside().running = true;
+    worker->running = true;
     stop_at(last, nth);
     worker->DoWork();
     log.listen(nullptr);
@@ -126,13 +151,11 @@ class WorkerFixture : public ::testing::Test {
   std::vector<std::string> stop() {
     log.clear();
     if (driven)
-      inside().stop();
+      ::test::stop(worker);
     else
       worker->Stop();
     return log.story();
   }
-
-  WorkerInside inside() const { return WorkerInside(worker); }
 
   DravenholtZmqWriterStatus status() {
     DravenholtZmqWriterStatus result = {};
@@ -141,14 +164,14 @@ class WorkerFixture : public ::testing::Test {
   }
 
   bool queue_is_locked() {
-    if (pthread_mutex_trylock(&inside().mutex) != 0)
+    if (pthread_mutex_trylock(&worker->mutex) != 0)
       return true;
-    pthread_mutex_unlock(&inside().mutex);
+    pthread_mutex_unlock(&worker->mutex);
     return false;
   }
 
-  uint64_t sent() const { return inside().sent_count; }
-  uint64_t failed() const { return inside().failed_count; }
+  uint64_t sent() const { return worker->sent_count; }
+  uint64_t failed() const { return worker->failed_count; }
 
   CallLog& log = CallLog::instance();
   FakeClock clock;

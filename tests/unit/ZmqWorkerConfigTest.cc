@@ -38,7 +38,7 @@ class Configuration : public test::WorkerFixture {
 
   /// As Start, up to the connection.
   void open_context() {
-    inside().context = zmq_ctx_new();
+    worker->context = zmq_ctx_new();
     drive();
   }
 
@@ -51,7 +51,7 @@ class Configuration : public test::WorkerFixture {
   std::vector<std::string> secondaries_of(const std::string& list) {
     ZmqWorker other = ZmqWorker();
     other.Init("p", "", list);
-    return test::WorkerInside(&other).secondary_servers;
+    return other.secondary_servers;
   }
 
   std::vector<std::string> limits() { return log.starting_with(".spool_limits"); }
@@ -68,8 +68,7 @@ TEST_F(Configuration, AFreshWorkerIsZeroInEveryMember) {
   // Over memory that is not: what the parentheses promise.
   alignas(ZmqWorker) unsigned char memory[sizeof(ZmqWorker)];
   std::memset(memory, 0xa5, sizeof memory);
-  ZmqWorker* worker = new (memory) ZmqWorker();
-  const test::WorkerInside fresh(worker);
+  ZmqWorker& fresh = *new (memory) ZmqWorker();
   EXPECT_EQ(fresh.main_fail_time, 0);
   EXPECT_EQ(fresh.secondary_index, 0);
   EXPECT_FALSE(fresh.running);
@@ -77,13 +76,13 @@ TEST_F(Configuration, AFreshWorkerIsZeroInEveryMember) {
   EXPECT_EQ(fresh.socket, nullptr);
   EXPECT_EQ(fresh.sent_count, 0u);
   EXPECT_EQ(fresh.failed_count, 0u);
-  EXPECT_EQ(worker->DroppedByFlush(), 0u);
+  EXPECT_EQ(fresh.DroppedByFlush(), 0u);
   DravenholtZmqWriterStatus status = {};
-  worker->FillStatus(&status);
+  fresh.FillStatus(&status);
   EXPECT_FALSE(status.in_work);
   EXPECT_TRUE(fresh.queue.empty());
   EXPECT_EQ(fresh.server, "");
-  worker->~ZmqWorker();
+  fresh.~ZmqWorker();
 }
 
 // -- Endpoints ------------------------------------------------------------------------------------
@@ -116,24 +115,24 @@ INSTANTIATE_TEST_SUITE_P(Table, Endpoints,
 
 TEST_F(Configuration, ArgumentsHoldWithoutASettingsFile) {
   init(" first ", "KEY", "second");
-  EXPECT_EQ(inside().server, "tcp:// first :5555") << "the primary is not trimmed";
-  EXPECT_EQ(inside().public_key, "KEY");
-  EXPECT_THAT(inside().secondary_servers, Lines("tcp://second:5555"));
-  EXPECT_FALSE(inside().running);
+  EXPECT_EQ(worker->server, "tcp:// first :5555") << "the primary is not trimmed";
+  EXPECT_EQ(worker->public_key, "KEY");
+  EXPECT_THAT(worker->secondary_servers, Lines("tcp://second:5555"));
+  EXPECT_FALSE(worker->running);
 }
 
 TEST_F(Configuration, EachSettingThatIsGivenWinsOverItsArgument) {
   set("zmq.server = a:1\n");
   init("first", "KEY", "second");
-  EXPECT_EQ(inside().server, "tcp://a:1");
-  EXPECT_EQ(inside().public_key, "KEY");
-  EXPECT_THAT(inside().secondary_servers, Lines("tcp://second:5555"));
+  EXPECT_EQ(worker->server, "tcp://a:1");
+  EXPECT_EQ(worker->public_key, "KEY");
+  EXPECT_THAT(worker->secondary_servers, Lines("tcp://second:5555"));
   delete worker;
   set("zmq.public_key = OTHER\nzmq.secondary_servers = b:2,c:3\n");
   init("first", "KEY", "second");
-  EXPECT_EQ(inside().server, "tcp://first:5555");
-  EXPECT_EQ(inside().public_key, "OTHER");
-  EXPECT_THAT(inside().secondary_servers, Lines("tcp://b:2", "tcp://c:3"));
+  EXPECT_EQ(worker->server, "tcp://first:5555");
+  EXPECT_EQ(worker->public_key, "OTHER");
+  EXPECT_THAT(worker->secondary_servers, Lines("tcp://b:2", "tcp://c:3"));
 }
 
 TEST_F(Configuration, SecondaryListIsSplitAtCommasAndTrimmed) {
@@ -403,11 +402,11 @@ TEST_F(Connecting, TheKeyIsReadAsHexadecimalInUpperCaseWhateverItIs) {
   };
   keep(connect_with_key(""));
   for (const auto& [key, bytes] : keys) {
-    inside().public_key = key;
+    worker->public_key = key;
     keep(worker->Connect("tcp://host:1"));
     EXPECT_EQ(server_key(), bytes) << key;
   }
-  inside().public_key = z85;
+  worker->public_key = z85;
   keep(worker->Connect("tcp://host:1"));
   EXPECT_EQ(server_key().size(), 20u);
 }
@@ -433,14 +432,14 @@ class Starting : public Configuration {};
 
 TEST_F(Starting, SaysWhereItConnectsAndZeroesTheCounters) {
   init("host", "AB");
-  inside().sent_count = 7;
-  inside().failed_count = 8;
+  worker->sent_count = 7;
+  worker->failed_count = 8;
   ::testing::internal::CaptureStdout();
   worker->Start();
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "Connecting to tcp://host:5555\nUsing zmq server tcp://host:5555\n"
             "Using zmq public key AB\n");
-  EXPECT_TRUE(inside().running);
+  EXPECT_TRUE(worker->running);
   EXPECT_EQ(sent(), 0u);
   EXPECT_EQ(failed(), 0u);
 }
@@ -461,7 +460,7 @@ TEST_F(Starting, ARefusedPrimaryIsReportedTwice) {
   EXPECT_THAT(log.story(), Lines("ctx_new", "socket s1", "connect s1 tcp://bad:5555 failed",
                                  "error: Failed to connect to ZMQ server tcp://bad:5555",
                                  "close s1", "error: Failed to open ZMQ socket"));
-  EXPECT_FALSE(inside().running);
+  EXPECT_FALSE(worker->running);
 }
 
 #ifdef __GLIBC__  // elsewhere the default size of stacks cannot be set
@@ -475,7 +474,7 @@ TEST_F(Starting, WithoutASendThreadTheWorkerStaysIdle) {
   ASSERT_EQ(pthread_setattr_default_np(&too_large), 0);
   worker->Start();
   ASSERT_EQ(pthread_setattr_default_np(&before), 0);
-  EXPECT_FALSE(inside().running);
+  EXPECT_FALSE(worker->running);
   EXPECT_THAT(log.story(), Lines("ctx_new", "socket s1", "connect s1 tcp://p:5555 ok",
                                  "error: Failed to start the send thread"));
   pthread_attr_destroy(&before);
@@ -486,9 +485,9 @@ TEST_F(Starting, WithoutASendThreadTheWorkerStaysIdle) {
 TEST_F(Starting, TheSendThreadEndsWithTheWorkerAsItsResult) {
   init();
   worker->Start();
-  inside().running = false;
+  worker->running = false;
   void* result = nullptr;
-  ASSERT_EQ(pthread_join(inside().thread, &result), 0);
+  ASSERT_EQ(pthread_join(worker->thread, &result), 0);
   EXPECT_EQ(result, worker);
 }
 
@@ -499,12 +498,12 @@ TEST_F(Starting, WithoutAContextOrASocketTheWorkerStaysIdle) {
   worker->Start();
   EXPECT_THAT(log.story(), Lines("ctx_new", "socket failed", "error: Failed to open ZMQ socket",
                                  "error: Failed to open ZMQ socket"));
-  EXPECT_FALSE(inside().running);
-  EXPECT_NE(inside().context, nullptr);
+  EXPECT_FALSE(worker->running);
+  EXPECT_NE(worker->context, nullptr);
   zmq.on_ctx_new = [] { return test::kFail; };
   worker->Start();
-  EXPECT_FALSE(inside().running);
-  EXPECT_EQ(inside().socket, nullptr);
+  EXPECT_FALSE(worker->running);
+  EXPECT_EQ(worker->socket, nullptr);
 }
 
 TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
@@ -513,7 +512,7 @@ TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
   worker->Start();
   log.clear();
   write_many(502);
-  EXPECT_EQ(inside().queue.size(), 500u);
+  EXPECT_EQ(worker->queue.size(), 500u);
   EXPECT_THAT(test::FakeSpool::contents(), Lines("r500", "r501"));
 
   log.clear();
@@ -521,7 +520,7 @@ TEST_F(Starting, AnIdleWorkerCollectsInMemoryThenInTheSpoolAndStopDoesNothing) {
   worker->Stop();
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   EXPECT_THAT(log.all(), IsEmpty());
-  EXPECT_EQ(inside().queue.size(), 500u);
+  EXPECT_EQ(worker->queue.size(), 500u);
   EXPECT_EQ(sent() + failed(), 0u);
-  inside().take_queue();  // an idle worker does not free it
+  test::take_queue(worker);  // an idle worker does not free it
 }

@@ -43,11 +43,11 @@ TEST_F(Queue, FiveHundredAndFirstMessageGoesToTheSpool) {
   connect();
   write_many(500);
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
-  EXPECT_EQ(inside().queue.size(), 500u);
+  EXPECT_EQ(worker->queue.size(), 500u);
   write("r500");
   write("r501");
   EXPECT_THAT(FakeSpool::contents(), Lines("r500", "r501"));
-  EXPECT_EQ(inside().queue.size(), 500u);
+  EXPECT_EQ(worker->queue.size(), 500u);
 }
 
 TEST_F(Queue, TheSpoolStoresUnderTheQueuesLock) {
@@ -66,7 +66,7 @@ TEST_F(Queue, TheSpoolStoresUnderTheQueuesLock) {
 TEST_F(Queue, TheSendLoopSendsACopyWithTheQueueUnlocked) {
   connect();
   write("a");
-  const void* const body = inside().queue.front()->data;
+  const void* const body = worker->queue.front()->data;
   int looks = 0;
   zmq.on_send = [&](const std::string&, const std::string&) {
     looks += 1;
@@ -83,7 +83,7 @@ TEST_F(Queue, SpooledLengthsAreTakenModulo65536) {
   connect();
   write(std::string(70000, 'x'));
   write_many(499);
-  EXPECT_EQ(inside().queue.front()->size, 70000u) << "whole in memory";
+  EXPECT_EQ(worker->queue.front()->size, 70000u) << "whole in memory";
   std::string body(70000, '?');
   for (size_t i = 0; i < body.size(); ++i)
     body[i] = static_cast<char>('a' + i % 26);
@@ -99,8 +99,8 @@ TEST_F(Queue, AfterStopWhatFindsNoRoomInMemoryIsDroppedQuietly) {
   connect();
   stop();
   write_many(501);
-  EXPECT_EQ(inside().queue.size(), 500u);
-  inside().take_queue();
+  EXPECT_EQ(worker->queue.size(), 500u);
+  test::take_queue(worker);
 }
 
 TEST_F(Queue, WithoutMemoryForTheBodyTheHostIsTold) {
@@ -131,8 +131,8 @@ TEST_F(Stopping, EndsEverythingInOrderAndLeavesTheSpoolAsItIs) {
                     ".msg_close",  //
                     "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy", ".spool_close",
                     ".deliver_pending"));
-  EXPECT_EQ(inside().socket, nullptr);
-  EXPECT_EQ(inside().context, nullptr);
+  EXPECT_EQ(worker->socket, nullptr);
+  EXPECT_EQ(worker->context, nullptr);
   EXPECT_THAT(FakeSpool::contents(), Lines("d"));
 }
 
@@ -144,22 +144,22 @@ TEST_F(Stopping, WithThePrimaryDownEachRecordGetsOneAttemptAndIsDropped) {
   EXPECT_THAT(log.story(), Lines("send s1 'r0' failed", "send s1 'r1' ok", "send s1 'r2' failed",
                                  "send s1 'r3' failed", "disconnect s1 tcp://p:5555", "close s1",
                                  "ctx_destroy"));
-  EXPECT_TRUE(inside().queue.empty());
+  EXPECT_TRUE(worker->queue.empty());
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
   EXPECT_EQ(worker->DroppedByFlush(), 3u);
 }
 
 TEST_F(Stopping, TheFinalLineShowsTheLower32BitsOfTheCounts) {
   connect();
-  inside().sent_count = (1ull << 32) + 7;
-  inside().failed_count = 0x80000000ull;
+  worker->sent_count = (1ull << 32) + 7;
+  worker->failed_count = 0x80000000ull;
   EXPECT_EQ(stop_and_read_stdout(),
             "ZMQ worker finished, sent 7 messages, failed -2147483648 times\n");
 }
 
 TEST_F(Stopping, BeforeStartOrASecondTimeDoesNothing) {
   connect();
-  inside().running = false;
+  worker->running = false;
   worker->Stop();
   EXPECT_THAT(log.all(), IsEmpty());
   stop();
@@ -174,8 +174,8 @@ TEST_F(Stopping, TheFlushSendsTheRecordsOwnBodiesWithTheQueueLocked) {
   connect();
   write("a");
   write("b");
-  const void* const first = inside().queue.front()->data;
-  const void* const second = inside().queue.back()->data;
+  const void* const first = worker->queue.front()->data;
+  const void* const second = worker->queue.back()->data;
   int looks = 0;
   zmq.on_send = [&](const std::string&, const std::string&) {
     looks += 1;
@@ -192,9 +192,9 @@ TEST_F(Stopping, EntriesOfDeliveredRecordsAreNotFlushed) {
   sends({kFail, kFail, kFail, kFail});
   write("a");
   run("send s1 'a' ok");
-  ASSERT_EQ(inside().queue.size(), 2u);
-  EXPECT_TRUE(inside().queue.front()->done);
-  EXPECT_EQ(inside().queue.front()->data, nullptr) << "the body goes with the delivery";
+  ASSERT_EQ(worker->queue.size(), 2u);
+  EXPECT_TRUE(worker->queue.front()->done);
+  EXPECT_EQ(worker->queue.front()->data, nullptr) << "the body goes with the delivery";
   EXPECT_THAT(stop(), Lines("disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
 }
 
@@ -202,7 +202,7 @@ TEST_F(Stopping, ARecordWhoseMessageCannotBeInitialisedIsLeftOutOfTheFlush) {
   connect();
   write("a");
   write("b");
-  void* const body = inside().queue.front()->data;
+  void* const body = worker->queue.front()->data;
   zmq.on_init_size = [calls = 0](size_t) mutable { return ++calls != 1; };
   EXPECT_THAT(stop(),
               Lines("send s1 'b' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
@@ -304,7 +304,7 @@ TEST_F(Status, NeverSaysThatAllWasHandedOverWhileSomethingIsLeft) {
     EXPECT_TRUE(delivered == 3 || !all_handed_over(status())) << "at " << line;
     if (line == kIdle) {
       EXPECT_TRUE(all_handed_over(status()));
-      inside().running = false;
+      worker->running = false;
     }
   });
   worker->DoWork();

@@ -1,20 +1,12 @@
 // The worker with its own send thread, several writers and somebody who asks for its status. Worth
 // most under ThreadSanitizer.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <thread>
 
-#include "CallLog.h"
-#include "FakeSpool.h"
-#include "FakeZmq.h"
 #include "TempDir.h"
-#include "WorkerInside.h"
-#include "WriterStatus.h"
-#include "ZmqWorker.h"
+#include "WorkerFixture.h"
 
 namespace test {
 namespace {
@@ -129,7 +121,7 @@ TEST_F(Threads, WritersMayGoOnWhileTheWorkerStops) {
   worker.Stop();
   for (auto& writer : writers)
     writer.join();
-  const std::vector<std::string> left = WorkerInside(&worker).take_queue();
+  const std::vector<std::string> left = take_queue(&worker);
   auto all = delivered();
   const size_t sent_count = all.size();
   all.insert(all.end(), left.begin(), left.end());
