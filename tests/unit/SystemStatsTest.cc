@@ -81,14 +81,20 @@ TEST_F(SystemStatsTest, LoadIsTheOneMinuteAverageDividedByItsScale) {
   EXPECT_EQ(getCpuUsage(), 4294967295.0 / 2048.0);
 }
 
-TEST_F(SystemStatsTest, UnreadableLoadIsMinusOneAndTheRestStays) {
-  darwin_.load_works = false;
-  sample();
-  EXPECT_EQ(real("cpu_usage"), -1.0);
-  EXPECT_EQ(getCpuUsage(), -1.0);
-  EXPECT_EQ(count("ph_mem_total"), 8192u);
-  EXPECT_EQ(count("ph_mem_used"), 6835u);
-  EXPECT_EQ(real("hdd_volume"), 3.814697265625);
+TEST_F(SystemStatsTest, UnreadableLoadIsMinusOneUnreadableMemoryZeroAndTheRestStays) {
+  for (bool* works : {&darwin_.load_works, &darwin_.memory_size_works, &darwin_.page_counts_work,
+                      &darwin_.page_size_works}) {
+    *works = false;
+    sample();
+    EXPECT_EQ(real("cpu_usage"), darwin_.load_works ? 1.5 : -1.0);
+    EXPECT_EQ(getCpuUsage(), darwin_.load_works ? 1.5 : -1.0);
+    for (const char* total : {"ph_mem_total", "virt_mem_total"})
+      EXPECT_EQ(count(total), darwin_.memory_size_works ? 8192u : 0u) << total;
+    for (const char* used : {"ph_mem_used", "virt_mem_used"})
+      EXPECT_EQ(count(used), darwin_.page_counts_work && darwin_.page_size_works ? 6835u : 0u);
+    EXPECT_EQ(real("hdd_volume"), 3.814697265625);
+    *works = true;
+  }
 }
 
 TEST_F(SystemStatsTest, MemoryTotalIsInWholeMiBCutTo32BitsWithSign) {
@@ -126,26 +132,6 @@ TEST_F(SystemStatsTest, MemoryUsedIsThePagesSummedIn32BitsAndMultipliedIn64) {
   }
 }
 
-TEST_F(SystemStatsTest, UnreadablePageCountsOrPageSizeAreZeroUsed) {
-  for (bool* works : {&darwin_.page_counts_work, &darwin_.page_size_works}) {
-    *works = false;
-    sample();
-    EXPECT_EQ(count("ph_mem_used"), 0u);
-    EXPECT_EQ(count("virt_mem_used"), 0u);
-    EXPECT_EQ(count("ph_mem_total"), 8192u);
-    EXPECT_EQ(real("hdd_avail"), 0.95367431640625);
-    *works = true;
-  }
-}
-
-TEST_F(SystemStatsTest, UnreadableMemorySizeIsZeroTotal) {
-  darwin_.memory_size_works = false;
-  sample();
-  EXPECT_EQ(count("ph_mem_total"), 0u);
-  EXPECT_EQ(count("virt_mem_total"), 0u);
-  EXPECT_EQ(count("ph_mem_used"), 6835u);
-}
-
 TEST_F(SystemStatsTest, PriorityIsTheHostProcessesOwn) {
   for (const int nice : {0, 19, -20, -1}) {
     darwin_.priority = nice;
@@ -154,15 +140,12 @@ TEST_F(SystemStatsTest, PriorityIsTheHostProcessesOwn) {
   }
 }
 
-TEST_F(SystemStatsTest, DiskFiguresAreInGiB) {
+TEST_F(SystemStatsTest, DiskFiguresAreInGiBExactToTheLargest) {
   sample();
   EXPECT_EQ(real("hdd_volume"), 3.814697265625);
   EXPECT_EQ(real("hdd_avail"), 0.95367431640625);
   EXPECT_EQ(real("hdd_used"), 2.86102294921875);
   EXPECT_EQ(disk_.asked, "/the/working/folder");
-}
-
-TEST_F(SystemStatsTest, LargestFiguresOfDarwinAreExact) {
   disk_.blocks = 0xffffffff;
   disk_.free_blocks = 0xffffffff;
   disk_.block_bytes = std::uint64_t{1} << 40;
