@@ -18,11 +18,13 @@
 
 #include "CallLog.h"
 #include "FakeDisk.h"
+#include "OrdinaryUser.h"
 #include "PathChecks.h"
 #include "PersistentQueue.h"
 #include "SpoolFixture.h"
 
 namespace fs = std::filesystem;
+using test::as_an_ordinary_user;
 using test::header;
 using test::record;
 using test::write_file;
@@ -59,30 +61,6 @@ std::string listing() {
        entry.increment(error))
     names += entry->path().string() + "\n";
   return names;
-}
-
-/// What `look` says to somebody who is not root.
-std::string as_ordinary_user(const std::function<std::string()>& look) {
-  if (geteuid() != 0)
-    return look();
-  int ends[2];
-  EXPECT_EQ(pipe(ends), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    std::string said = setgid(65534) == 0 && setuid(65534) == 0 ? look() : "still root";
-    const ssize_t written = write(ends[1], said.data(), said.size());
-    _exit(written == static_cast<ssize_t>(said.size()) ? 0 : 1);
-  }
-  close(ends[1]);
-  std::string said;
-  char bytes[512];
-  for (ssize_t got; (got = read(ends[0], bytes, sizeof bytes)) > 0;)
-    said.append(bytes, static_cast<std::size_t>(got));
-  close(ends[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
-  return said;
 }
 
 /// "state: severity id, ...", the texts, and the first remedy.
@@ -162,6 +140,10 @@ void make(const std::vector<std::string>& places) {
 
 enum Who { kMe, kUser };
 
+void by(Who who, const std::function<void()>& steps) {
+  who == kMe ? steps() : as_an_ordinary_user(steps);
+}
+
 }  // namespace
 
 // -- The spool ------------------------------------------------------------------------------------
@@ -197,9 +179,11 @@ TEST(CheckPaths, SpoolFolderIsJudgedAsTheSpoolItselfFindsIt) {
     const Sandbox sandbox;
     make(places);
     const bool is_fine = expected.back() == ':';
-    EXPECT_THAT(who == kMe ? spool() : as_ordinary_user(spool),
-                is_fine ? Matcher<std::string>(expected) : StartsWith(expected));
-    EXPECT_EQ(who == kMe ? spool_itself() : as_ordinary_user(spool_itself), itself);
+    const auto said = is_fine ? Matcher<std::string>(expected) : StartsWith(expected);
+    by(who, [&, wanted = itself] {
+      EXPECT_THAT(spool(), said);
+      EXPECT_EQ(spool_itself(), wanted);
+    });
   }
 }
 
@@ -257,8 +241,10 @@ TEST(CheckPaths, SpoolFilesThatTheAgentCannotUseAreFound) {
   for (const char* name : {"queue.dat", "queue.dat.2"})
     put(name, header(12, 0));
   put("queue.dat.1", header(12, 0), 0444);
-  EXPECT_THAT(as_ordinary_user(spool), StartsWith("ready: warning spool-file\nspool file orvik-"
-                                                  "spool/work/queue.dat.1 cannot be read and"));
+  as_an_ordinary_user([] {
+    EXPECT_THAT(spool(), StartsWith("ready: warning spool-file\nspool file orvik-spool/work/"
+                                    "queue.dat.1 cannot be read and"));
+  });
   fs::remove(in_spool("queue.dat"));
   fs::create_directory(in_spool("queue.dat"));
   EXPECT_THAT(spool(), HasSubstr("warning spool-file error spool-damaged\nspool file orvik-spool/"
@@ -401,17 +387,18 @@ TEST(CheckPaths, NewIdentifierIsNotedAndWarnedOfWhereItCannotBeKept) {
     SCOPED_TRACE(expected);
     const Sandbox sandbox;
     make(places);
-    EXPECT_THAT(who == kMe ? agent() : as_ordinary_user([] { return agent(); }),
-                StartsWith(expected));
-    EXPECT_TRUE(who != kMe || (last.source == "generated" && last.value.empty()));
+    by(who, [&, wanted = expected] {
+      EXPECT_THAT(agent(), StartsWith(wanted));
+      EXPECT_TRUE(last.source == "generated" && last.value.empty());
+    });
   }
   const Sandbox sandbox;
   EXPECT_THAT(agent("", "missing/orvik"), StartsWith(not_kept));
   make({"orvik/"});
   write_file(kIdFile, "secret");
   chmod(kIdFile, 0);
-  EXPECT_THAT(as_ordinary_user([] { return agent(); }),
-              StartsWith("unreadable: error agent-id-unreadable\n"));
+  as_an_ordinary_user(
+      [] { EXPECT_THAT(agent(), StartsWith("unreadable: error agent-id-unreadable\n")); });
 }
 
 TEST(CheckPaths, PipeOrDeviceInThePlaceOfTheFileIsFoundAndNotRead) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <limits>
+#include <sstream>
 
 #include "SpoolFixture.h"
 
@@ -23,6 +24,20 @@ using testing::Optional;
 
 std::string bytes(std::size_t size, char fill = 'x') {
   return std::string(size, fill);
+}
+
+// The bytes of the block of docs/spool-format.md that begins with ```hex: eight digits of offset,
+// then pairs of digits.
+std::string bytes_of_the_example() {
+  std::istringstream document(test::read_file(ZMQWRITER_SOURCE_DIR "/docs/spool-format.md"));
+  std::string line, bytes;
+  while (std::getline(document, line) && line != "```hex") {
+  }
+  while (std::getline(document, line) && line != "```") {
+    EXPECT_EQ(std::stoul(line.substr(0, 8), nullptr, 16), bytes.size()) << line;
+    bytes += test::hex(line.substr(8));
+  }
+  return bytes;
 }
 
 class PersistentQueueTest : public testing::Test, protected test::SpoolFixture {
@@ -67,6 +82,15 @@ TEST_F(PersistentQueueTest, TakingTheTopLeavesItsBytesWithLengthZero) {
   EXPECT_EQ(content().size(), 84u);
 }
 
+TEST_F(PersistentQueueTest, WorkedExampleOfTheDocumentIsWhatTheSpoolWrites) {
+  for (const char* payload : {"first", "second", "third"})
+    store(payload);
+  take();
+  stop();
+  EXPECT_EQ(content().size(), 40u);
+  EXPECT_EQ(bytes_of_the_example(), content());
+}
+
 TEST_F(PersistentQueueTest, ReopeningBeforeTheTakeAddsTwelveToTheUsedSize) {
   store_10_20_and_30_bytes();
   reopen();
@@ -90,14 +114,6 @@ TEST_F(PersistentQueueTest, FileBeyondAGapIsNotPartOfTheSpoolAndMayBeReplaced) {
   EXPECT_THAT(names(), ElementsAre("queue.dat.1", "queue.dat.2"));
 }
 
-TEST_F(PersistentQueueTest, FolderInTheSequenceEndsIt) {
-  put("queue.dat", header(20, 1) + record(0, "abcd"));
-  std::filesystem::create_directory(path("queue.dat.1"));
-  put("queue.dat.2", header(20, 1) + record(0, "wxyz"));
-  start();
-  EXPECT_EQ(spool().file_count, 1);
-}
-
 TEST_F(PersistentQueueTest, CorruptedFilesAreWarnedOfAndCounted) {
   put("queue.dat", "ZMQG" + u32(99) + u32(7));
   put("queue.dat.1", header(84, 3));
@@ -114,23 +130,6 @@ TEST_F(PersistentQueueTest, CorruptedFilesAreWarnedOfAndCounted) {
   EXPECT_EQ(spool().head_bytes, 0);
   EXPECT_EQ(spool().total_bytes, 84);
   EXPECT_EQ(content("queue.dat.2"), "ZMQF123");
-}
-
-TEST_F(PersistentQueueTest, ForeignHeadIsUsedAsItStandsOnceOpened) {
-  put("queue.dat", "ABCD" + u32(20) + u32(1) + record(0, "abcd"));
-  start();
-  EXPECT_THAT(take(), Optional(std::string("abcd")));
-}
-
-TEST_F(PersistentQueueTest, ScanTakesHeadCountsFromTheHeadAndTotalsFromAllFiles) {
-  put("queue.dat", header(100, 3));
-  for (int k = 1; k <= 12; ++k)
-    put("queue.dat." + std::to_string(k), header(1000, 5));
-  start();
-  EXPECT_EQ(spool().head_records, 3);
-  EXPECT_EQ(spool().head_bytes, 88);
-  EXPECT_EQ(spool().total_bytes, 12100);
-  EXPECT_EQ(spool().file_count, 13);
 }
 
 TEST_F(PersistentQueueTest, FirstRecordAfterARollBackToAFileWithoutRecordsCarriesTheOldTopLength) {
@@ -288,34 +287,6 @@ TEST_F(PersistentQueueTest, IsNotEmptyWhileTwoFilesAreCountedEvenWithoutLiveReco
   EXPECT_TRUE(spool().IsEmpty());
 }
 
-TEST_F(PersistentQueueTest, GetsOfAnEmptySpoolLowerTheFileCountAndRollOversRaiseIt) {
-  for (int expected : {-1, -2}) {
-    EXPECT_EQ(take(), std::nullopt);
-    EXPECT_EQ(spool().file_count, expected);
-    EXPECT_EQ(content(), header(0, 0));
-  }
-  EXPECT_TRUE(spool().IsEmpty());
-  limit_chunks(0);
-  for (int expected : {-1, 0, 1}) {
-    store("a");
-    EXPECT_EQ(spool().file_count, expected);
-    EXPECT_THAT(names(), ElementsAre("queue.dat"));
-  }
-  store("a");
-  EXPECT_EQ(spool().file_count, 2);
-  EXPECT_THAT(names(), ElementsAre("queue.dat.1"));
-}
-
-TEST_F(PersistentQueueTest, CountsWrapInsteadOfOverflowing) {
-  put("queue.dat", header(0x7fffffff, 1) + record(0, "abcd"));
-  start();
-  EXPECT_EQ(spool().head_bytes, 0x7fffffff - 12);
-  store("e");
-  EXPECT_EQ(spool().head_bytes, std::numeric_limits<std::int32_t>::min() + 4);
-  EXPECT_EQ(spool().total_bytes, std::numeric_limits<std::int32_t>::min() + 4);
-  EXPECT_NE(spool().head_file, nullptr) << "a negative sum is not above the limit";
-}
-
 TEST_F(PersistentQueueTest, CursorStateTellsAFreshHeadFromOneWithAKnownTop) {
   start();
   spool().openFile();
@@ -357,31 +328,7 @@ TEST_F(PersistentQueueTest, ScanTrustsTheCountOfTheLastClose) {
   EXPECT_THAT(take(), Optional(std::string("first")));
 }
 
-TEST_F(PersistentQueueTest, EmptyRecordFoundByTheScanIsABlockOfLengthZero) {
-  store("abc");
-  store("");
-  reopen();
-  std::uint16_t length = 4711;
-  void* payload = spool().Get(&length);
-  EXPECT_NE(payload, nullptr);
-  EXPECT_EQ(length, 0);
-  free(payload);
-  EXPECT_THAT(take(), Optional(std::string("abc")));
-}
-
 // What survives a crash.
-
-TEST_F(PersistentQueueTest, RecordsOfAHeadCreatedBeforeACrashAreNotCounted) {
-  store("abc");
-  store("def");
-  crash();
-  EXPECT_EQ(content(), header(0, 0) + record(0, "abc") + record(3, "def"));
-  start();
-  EXPECT_EQ(spool().file_count, 1);
-  EXPECT_TRUE(spool().IsEmpty());
-  store("ghi");
-  EXPECT_EQ(content(), header(0, 0) + record(0, "ghi") + record(3, "def"));
-}
 
 TEST_F(PersistentQueueTest, RecordTakenBeforeACrashReadsBackEmptyAndTheWalkStaysAligned) {
   store("first");
@@ -411,14 +358,6 @@ TEST_F(PersistentQueueTest, MissingParentDisablesTheSpoolForGoodWithAnError) {
   EXPECT_EQ(take(), std::nullopt);
   EXPECT_TRUE(spool().IsEmpty());
   EXPECT_THAT(names(), IsEmpty());
-}
-
-TEST_F(PersistentQueueTest, FileInPlaceOfTheFolderDisablesTheSpool) {
-  test::write_file(folder(), "in the way");
-  start();
-  EXPECT_TRUE(spool().disabled);
-  EXPECT_EQ(test::reports_of("error").size(), 1u);
-  EXPECT_EQ(test::read_file(folder()), "in the way");
 }
 
 TEST_F(PersistentQueueTest, FolderIsCreatedAsTheUmaskLeavesItAndFilesForTheirOwnerOnly) {
@@ -468,37 +407,23 @@ INSTANTIATE_TEST_SUITE_P(
 
 // The toolbox.
 
-TEST_F(PersistentQueueTest, FileExistsHoldsForRegularFilesAndFolderExistsForFolders) {
-  test::write_file("file", "abc");
-  std::filesystem::create_directory("folder");
+TEST_F(PersistentQueueTest, ToolboxTellsFilesFromFoldersAndMakesAndRemovesThem) {
+  EXPECT_TRUE(CreateDirectory("folder", nullptr));
+  EXPECT_FALSE(CreateDirectory("folder", "there already"));
+  EXPECT_FALSE(CreateDirectory("no/such/parent", ""));
+  test::write_file("file", bytes(12345));
   EXPECT_TRUE(spool().FileExists("file"));
   EXPECT_FALSE(spool().FileExists("folder"));
   EXPECT_FALSE(spool().FileExists("nothing"));
   EXPECT_FALSE(spool().FolderExists("file"));
   EXPECT_TRUE(spool().FolderExists("folder"));
   EXPECT_FALSE(spool().FolderExists("nothing"));
-}
-
-TEST_F(PersistentQueueTest, RemoveFileGivesTheResultOfUnlink) {
-  test::write_file("file", "abc");
+  EXPECT_EQ(spool().FileSize("file"), 12345);
+  EXPECT_EQ(spool().FileSize("folder"), -1);
+  EXPECT_EQ(spool().FileSize("nothing"), -1);
   EXPECT_EQ(spool().RemoveFile("file"), 0);
   EXPECT_FALSE(std::filesystem::exists("file"));
   EXPECT_EQ(spool().RemoveFile("file"), -1);
-}
-
-TEST_F(PersistentQueueTest, FileSizeIsTheLengthOrMinusOne) {
-  test::write_file("file", bytes(12345));
-  std::filesystem::create_directory("folder");
-  EXPECT_EQ(spool().FileSize("file"), 12345);
-  EXPECT_EQ(spool().FileSize("nothing"), -1);
-  EXPECT_EQ(spool().FileSize("folder"), -1);
-}
-
-TEST_F(PersistentQueueTest, CreateDirectoryIgnoresItsSecondArgument) {
-  EXPECT_TRUE(CreateDirectory("folder", nullptr));
-  EXPECT_TRUE(std::filesystem::is_directory("folder"));
-  EXPECT_FALSE(CreateDirectory("folder", "there already"));
-  EXPECT_FALSE(CreateDirectory("no/such/parent", ""));
 }
 
 }  // namespace

@@ -189,14 +189,7 @@ TEST_F(SpoolCommandsTest, DumpPrintsEventsInTheOrderInWhichTheyWouldBeSent) {
   EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
   EXPECT_THAT(uids(outcome.out), ElementsAre("C4", "C3", "C2", "C1"));
 
-  std::vector<std::string> sent;
-  start();
-  while (!spool().IsEmpty()) {
-    const auto payload = take();
-    ASSERT_TRUE(payload);
-    sent.push_back(*payload);
-  }
-  EXPECT_THAT(sent, ElementsAre(event("C4"), event("C3"), event("C2"), event("C1")));
+  EXPECT_THAT(take_all(), ElementsAre(event("C4"), event("C3"), event("C2"), event("C1")));
 }
 
 TEST_F(SpoolCommandsTest, DumpGivesBytesThatAreNotTextAsAsked) {

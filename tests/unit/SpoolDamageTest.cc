@@ -2,22 +2,22 @@
 // bytes is compared with the model, in which a file reads as if endless zero bytes followed it.
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 
 #include "FileSizeLimit.h"
+#include "OrdinaryUser.h"
 #include "SpoolFixture.h"
 
 namespace {
 
+using test::as_an_ordinary_user;
 using test::FileSizeLimit;
 using test::header;
+using test::kNobody;
 using test::record;
 using test::u16;
 using test::u32;
@@ -225,27 +225,6 @@ TEST_F(SpoolDamageTest, FolderInTheWayOfARollOverLosesNothing) {
   }
 }
 
-constexpr id_t kNobody = 65534;
-
-// Runs `steps` in a child that is not the superuser, whom no permission stops. The child's failed
-// expectations are printed by it and make the parent's fail.
-void as_an_ordinary_user(const std::function<void()>& steps) {
-  const pid_t child = fork();
-  if (child == 0) {
-    if (geteuid() == 0 &&
-        (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0))
-      _exit(2);
-    steps();
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  ASSERT_GT(child, 0);
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status)) << "the child crashed, status " << status;
-  ASSERT_NE(WEXITSTATUS(status), 2) << "the child could not change its user";
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
 // By their names in the spool's folder, which is "".
 void set_modes(const std::map<std::string, mode_t>& modes) {
   ASSERT_EQ(chmod(".", 0755), 0);
@@ -272,12 +251,18 @@ TEST_F(SpoolDamageTest, UnreadableHeadIsWarnedOfAndNeverDeleted) {
   EXPECT_EQ(content(), kHealthy);
 }
 
-TEST_F(SpoolDamageTest, UnreadableHeadDoesNotBarTheWayToOlderFiles) {
+TEST_F(SpoolDamageTest, UnreadableFilesAreCountedAndDoNotBarTheWayToOlderOnes) {
   put("queue.dat", header(20, 1) + record(0, "new!"));
   put("queue.dat.1", kHealthy);
-  set_modes({{"", 0777}, {"queue.dat", 0}, {"queue.dat.1", 0666}});
+  put("queue.dat.2", kHealthy);
+  set_modes({{"", 0777}, {"queue.dat", 0}, {"queue.dat.1", 0666}, {"queue.dat.2", 0}});
   as_an_ordinary_user([this] {
     EXPECT_FALSE(spool().IsEmpty());
+    EXPECT_THAT(test::reports_of("warning"),
+                ElementsAre("Corrupted queue file " + path(),
+                            "Corrupted queue file " + path("queue.dat.2")));
+    EXPECT_EQ(spool().file_count, 3);
+    EXPECT_EQ(spool().total_bytes, 40);
     EXPECT_THAT(take(), Optional(std::string("third")));
     stop();
   });
@@ -374,20 +359,6 @@ TEST_F(SpoolDamageTest, TransientlyUnopenableHeadIsNotDeleted) {
   EXPECT_THAT(names(), ElementsAre("queue.dat", "queue.dat.unopened", "queue.dat.unopened.2",
                                    "queue.dat.unopened.3"));
   EXPECT_THAT(take(), Optional(std::string("old!"))) << "the last one waits for the next start";
-}
-
-TEST_F(SpoolDamageTest, UnreadableOlderFileIsWarnedOfAndCounted) {
-  put("queue.dat", kHealthy);
-  put("queue.dat.1", kHealthy);
-  put("queue.dat.2", kHealthy);
-  set_modes({{"", 0755}, {"queue.dat.1", 0}});
-  as_an_ordinary_user([this] {
-    start();
-    EXPECT_THAT(test::reports_of("warning"),
-                ElementsAre("Corrupted queue file " + path("queue.dat.1")));
-    EXPECT_EQ(spool().file_count, 3);
-    EXPECT_EQ(spool().total_bytes, 80);
-  });
 }
 
 TEST_F(SpoolDamageTest, ReadOnlyFolderTakesNothingAndGivesNothing) {

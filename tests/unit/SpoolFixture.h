@@ -104,6 +104,16 @@ class SpoolFixture {
     return text;
   }
 
+  /// Takes until the spool says that it is empty; the payloads, newest first.
+  std::vector<std::string> take_all() {
+    std::vector<std::string> payloads;
+    for (int takes = 0; !spool().IsEmpty() && takes < 100000; ++takes)
+      if (const auto payload = take())
+        payloads.push_back(*payload);
+    EXPECT_TRUE(spool().IsEmpty());
+    return payloads;
+  }
+
   /// Puts a file into the folder before the spool starts.
   static void put(const std::string& name, const std::string& content) {
     std::filesystem::create_directory(folder());

@@ -43,13 +43,6 @@ class SpoolRepairTest : public testing::Test, protected test::SpoolFixture {
     for (const auto& one : todo.renamings)
       rename_chunk(one);
   }
-  std::vector<std::string> drain() {
-    std::vector<std::string> taken;
-    while (!spool().IsEmpty())
-      if (auto payload = take())
-        taken.push_back(*payload);
-    return taken;
-  }
 };
 
 TEST_F(SpoolRepairTest, NextStartSendsWhatAnUncleanStopLeftBehind) {
@@ -61,7 +54,7 @@ TEST_F(SpoolRepairTest, NextStartSendsWhatAnUncleanStopLeftBehind) {
   EXPECT_EQ(content().substr(0, 12), header(40, 3));
   start();
   EXPECT_THAT(test::reports_of("warning"), IsEmpty());
-  EXPECT_THAT(drain(), ElementsAre("third", "second", "first"));
+  EXPECT_THAT(take_all(), ElementsAre("third", "second", "first"));
 }
 
 TEST_F(SpoolRepairTest, FileWithOnlyTakenRecordsCountsNone) {
@@ -79,7 +72,7 @@ TEST_F(SpoolRepairTest, OlderFilesAreRepairedToo) {
   put("queue.dat.2", header(0xffffff, 0xffffff) + record(0, "old1") + record(4, "old2"));
   repair();
   EXPECT_EQ(content(), header(20, 1) + record(0, "new!"));
-  EXPECT_THAT(drain(), ElementsAre("new!", "mid2", "mid1", "old2", "old1"));
+  EXPECT_THAT(take_all(), ElementsAre("new!", "mid2", "mid1", "old2", "old1"));
 }
 
 TEST_F(SpoolRepairTest, WhatCannotBeExplainedIsLeftAsItIs) {
@@ -99,7 +92,7 @@ TEST_F(SpoolRepairTest, ForeignSignatureBeforeRecordsIsRestored) {
   repair();
   start();
   EXPECT_THAT(test::reports_of("warning"), IsEmpty());
-  EXPECT_THAT(drain(), ElementsAre("second", "first"));
+  EXPECT_THAT(take_all(), ElementsAre("second", "first"));
 }
 
 TEST_F(SpoolRepairTest, FilesBehindAGapMoveDownInTheirOrder) {
@@ -108,7 +101,7 @@ TEST_F(SpoolRepairTest, FilesBehindAGapMoveDownInTheirOrder) {
   put("queue.dat.5", header(20, 1) + record(0, "old!"));
   repair();
   EXPECT_THAT(names(), ElementsAre("queue.dat", "queue.dat.1", "queue.dat.2"));
-  EXPECT_THAT(drain(), ElementsAre("new!", "mid!", "old!"));
+  EXPECT_THAT(take_all(), ElementsAre("new!", "mid!", "old!"));
 }
 
 TEST_F(SpoolRepairTest, SpoolCutOffByADrainedHeadIsWholeAgain) {
@@ -119,7 +112,7 @@ TEST_F(SpoolRepairTest, SpoolCutOffByADrainedHeadIsWholeAgain) {
   EXPECT_TRUE(spool().IsEmpty());
   stop();
   repair();
-  EXPECT_THAT(drain(), ElementsAre("old!"));
+  EXPECT_THAT(take_all(), ElementsAre("old!"));
 }
 
 TEST_F(SpoolRepairTest, ForeignFileBehindAGapStaysThereWithAllBehindIt) {
@@ -149,7 +142,7 @@ TEST_F(SpoolRepairTest, FileSetAsideGoesBehindAllOthersWithItsHeaderMended) {
   put("queue.dat.unopened", header(0, 0) + record(0, "old2"));
   put("queue.dat.unopened.2", header(20, 1) + record(0, "old1"));
   repair();
-  EXPECT_THAT(drain(), ElementsAre("new!", "mid!", "old2", "old1"));
+  EXPECT_THAT(take_all(), ElementsAre("new!", "mid!", "old2", "old1"));
 }
 
 TEST_F(SpoolRepairTest, FileSetAsideStaysWhereAnotherIsInTheWayOrItIsNoChunk) {
@@ -183,7 +176,7 @@ TEST_F(SpoolRepairTest, SpoolThatIsClosedInTheAgentsPlaceNeedsNoRepairAndKeepsNo
   crash();
   EXPECT_FALSE(survey_spool(folder()).damaged);
   EXPECT_THAT(names(), ElementsAre("queue.dat"));
-  EXPECT_THAT(drain(), ElementsAre("second", "first"));
+  EXPECT_THAT(take_all(), ElementsAre("second", "first"));
 }
 
 TEST_F(SpoolRepairTest, OpenHeadShowsItsProcess) {
@@ -210,7 +203,7 @@ TEST_F(SpoolRepairTest, TakenEventIsNotReadAsRecords) {
     crash();
     repair();
     start();
-    EXPECT_EQ(299u, drain().size()) << kept;
+    EXPECT_EQ(299u, take_all().size()) << kept;
   }
 }
 
@@ -222,7 +215,7 @@ TEST_F(SpoolRepairTest, TopThatNamesAWrongLengthIsLeftOut) {
                        record(first.size(), second) + record(0, remains));
   repair();
   start();
-  EXPECT_THAT(drain(), ElementsAre(second, first));
+  EXPECT_THAT(take_all(), ElementsAre(second, first));
 }
 
 // After any run of stores and takes that ends in a crash, the repaired spool gives what was stored
@@ -257,7 +250,7 @@ TEST_F(SpoolRepairTest, RepairedSpoolGivesExactlyWhatWasNotTakenYet) {
       start();
     }
     std::reverse(stack.begin(), stack.end());
-    const std::vector<std::string> drained = drain();
+    const std::vector<std::string> drained = take_all();
     ASSERT_EQ(drained.size(), stack.size()) << "round " << round;
     ASSERT_TRUE(drained == stack) << "round " << round;
     stop();

@@ -1,13 +1,17 @@
-// System calls that fail as a test says: the spool's source is compiled here with their names
-// replaced, after every header that must not see the replacement.
+// The system calls and allocations of the spool: how much it reads, and what it does where they
+// fail. Its source is compiled here with their names replaced, after every header that must not see
+// the replacement.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <limits>
 #include <string>
 
 #include "Reports.h"
@@ -22,6 +26,7 @@ std::function<bool(const std::string& from, const std::string& to)> rename_fails
 std::string unopenable;
 bool lstat_fails = false;
 bool fdopen_fails = false;
+std::size_t smallest_that_fails = SIZE_MAX;
 
 std::string name_of(const char* path) {
   const std::string text = path;
@@ -50,19 +55,42 @@ FILE* test_fdopen(int descriptor, const char* mode) {
   return fdopen_fails ? nullptr : fdopen(descriptor, mode);
 }
 
+void* test_malloc(std::size_t size) {
+  return size >= smallest_that_fails ? nullptr : malloc(size);
+}
+
+constexpr off_t kNowhere = std::numeric_limits<off_t>::max();
+
+std::size_t reads = 0;
+std::size_t bytes_read = 0;
+off_t unreadable = kNowhere;  // where a byte of the disk cannot be read any more
+
+ssize_t test_pread(int file, void* to, std::size_t size, off_t position) {
+  ++reads;
+  if (position <= unreadable && unreadable < position + static_cast<off_t>(size))
+    return fail(EIO);
+  const ssize_t got = pread(file, to, size, position);
+  bytes_read += got > 0 ? static_cast<std::size_t>(got) : 0;
+  return got;
+}
+
 }  // namespace
 
+#define pread test_pread
 #define rename test_rename
 #define open test_open
 #define lstat test_lstat
 #define fdopen test_fdopen
+#define malloc test_malloc
 #include "ChunkFile.cc"
 #include "HeadReader.cc"
 #include "PersistentQueue.cc"
+#undef pread
 #undef rename
 #undef open
 #undef lstat
 #undef fdopen
+#undef malloc
 
 namespace {
 
@@ -82,6 +110,7 @@ class SpoolErrorsTest : public testing::Test, protected test::SpoolFixture {
     unopenable.clear();
     lstat_fails = false;
     fdopen_fails = false;
+    smallest_that_fails = SIZE_MAX;
   }
 
   // One record in each of four files: "four" in the head, "one!" in the oldest.
@@ -98,17 +127,6 @@ class SpoolErrorsTest : public testing::Test, protected test::SpoolFixture {
 
   static void fail_to_rename(const std::string& name) {
     rename_fails = [name](const std::string& from, const std::string&) { return from == name; };
-  }
-
-  // Takes until the spool says that it is empty; the payloads, newest first.
-  std::vector<std::string> take_all() {
-    std::vector<std::string> payloads;
-    for (int takes = 0; !spool().IsEmpty() && takes < 100; ++takes) {
-      if (const auto payload = take())
-        payloads.push_back(*payload);
-    }
-    EXPECT_TRUE(spool().IsEmpty());
-    return payloads;
   }
 };
 
@@ -239,6 +257,104 @@ TEST_F(SpoolErrorsTest, DescriptorThatGetsNoStreamIsClosed) {
   const int before = lowest_free_descriptor();
   store("lost");
   EXPECT_EQ(lowest_free_descriptor(), before);
+}
+
+TEST_F(SpoolErrorsTest, FailedAllocationEndsTheProcessThroughTheHost) {
+  store("abc");
+  EXPECT_DEATH(
+      {
+        smallest_that_fails = 0;
+        take();
+      },
+      "out of memory in malloc\\.");
+  EXPECT_THAT(take(), Optional(std::string("abc")));
+}
+
+TEST_F(SpoolErrorsTest, RecordsAreTakenOneByOneWhereMoreThanOneFindsNoMemory) {
+  for (const char* payload : {"abc", "def", "ghi"})
+    store(payload);
+  smallest_that_fails = 4;
+  EXPECT_THAT(take_all(), ElementsAre("ghi", "def", "abc"));
+}
+
+constexpr std::uint32_t kRecords = 1000;
+constexpr std::size_t kReadsOfATake = 3;  // a header, a record's header, a payload
+constexpr std::size_t kLargestRead = 65539;
+
+class SpoolWorkTest : public testing::Test, protected test::SpoolFixture {
+ protected:
+  SpoolWorkTest() { start_counting(); }
+  ~SpoolWorkTest() override { unreadable = kNowhere; }
+
+  static void start_counting() { reads = bytes_read = 0; }
+
+  // Takes all that is there, and counts without what opening the file has read.
+  void drain() {
+    start();
+    spool().openFile();
+    start_counting();
+    for (std::uint32_t takes = 0; !spool().IsEmpty() && takes <= kRecords; ++takes)
+      take();
+    EXPECT_TRUE(spool().IsEmpty());
+  }
+};
+
+// Lengths of 0 make every Get a scan, as do records taken before an unclean stop.
+TEST_F(SpoolWorkTest, ScanningWalksTheFileOnceAndNotAtEveryGet) {
+  std::string records;
+  for (std::uint32_t i = 0; i < kRecords; ++i)
+    records += test::record(0, "");
+  put("queue.dat", test::header(12 + 4 * kRecords, kRecords) + records);
+  drain();
+  EXPECT_LE(reads, kRecords + kReadsOfATake * kRecords);
+}
+
+TEST_F(SpoolWorkTest, OpeningReadsAFileOfSmallRecordsInBlocks) {
+  for (std::uint32_t i = 0; i < kRecords; ++i)
+    store("record");
+  stop();
+  start();
+  start_counting();
+  spool().openFile();
+  EXPECT_LE(reads, 1 + 1 + kRecords * 10 / 4096 + 1) << "a header, and the blocks of the walk";
+}
+
+TEST_F(SpoolWorkTest, DrainingReadsAFileAboutOnceAndInLargeBlocks) {
+  const std::string payload(400, 'x');
+  for (std::uint32_t i = 0; i < kRecords; ++i)
+    store(payload);
+  stop();
+  drain();
+  const std::size_t file_size = kRecords * (payload.size() + 4);
+  EXPECT_LE(bytes_read, file_size + file_size / 50) << "but for a record that a block has cut";
+  EXPECT_LE(reads, 8 + file_size / kLargestRead + 1) << "after the small ones at the beginning";
+}
+
+// What comes and goes above a backlog must not have the backlog read again and again.
+TEST_F(SpoolWorkTest, RecordStoredAndTakenInTurnIsAllThatIsRead) {
+  const std::string payload(400, 'x');
+  for (int i = 0; i < 100; ++i)
+    store(payload);
+  for (int i = 0; i < 20; ++i)
+    take();
+  start_counting();
+  for (std::uint32_t i = 0; i < kRecords; ++i) {
+    store(payload);
+    take();
+  }
+  EXPECT_EQ(reads, kRecords);
+  EXPECT_EQ(bytes_read, kRecords * (payload.size() + 4));
+}
+
+TEST_F(SpoolWorkTest, BytesThatCannotBeReadCostOnlyTheRecordThatTheyAreOf) {
+  for (char c = 'a'; c <= 'z'; ++c)
+    store(std::string(100, c));
+  const off_t third = 12 + 2 * 104;
+  unreadable = third + 50;
+  for (char c = 'z'; c > 'c'; --c)
+    EXPECT_THAT(take(), Optional(std::string(100, c)));
+  take();
+  EXPECT_EQ(spool().top, third);
 }
 
 }  // namespace
