@@ -61,6 +61,12 @@ class WriterUnderTest {
   bool write(RecordBuilder& record) {
     return writer_->DoWrite(record.size(), record.fields(), record.vals());
   }
+  /// Any record.
+  bool write() {
+    RecordBuilder record;
+    record.text("uid", "CAbc");
+    return write(record);
+  }
   void destroy() { writer_.reset(); }
 
  private:

@@ -9,8 +9,9 @@
 #include <vector>
 
 #include "Reporter.h"
-#include "standin/ReportRecorder.h"
 #include "threading/MsgThread.h"
+
+#include "Conversion.h"
 
 using standin::ReportKind;
 using ::testing::ElementsAre;
@@ -38,21 +39,26 @@ class FakeWriter : public threading::MsgThread {
   }
 };
 
-class Reports : public ::testing::Test {
+class Reports : public test::ReportingTest {
  protected:
-  std::vector<std::string> warnings() const { return recorder_.Texts(ReportKind::kWarning); }
-
   void expect_all_on_this_thread() const {
     for (const standin::Report& report : recorder_.Reports())
       EXPECT_EQ(std::this_thread::get_id(), report.thread) << report.text;
   }
-
-  standin::ReportRecorder recorder_;
 };
 
 template <typename Action>
 void elsewhere(Action action) {
   std::thread(action).join();
+}
+
+/// A thread of the writer's own reports these, in one scope.
+void report_in_scope(FakeWriter& writer, const std::vector<std::string>& texts = {}) {
+  elsewhere([&] {
+    const reports::WriterScope scope(&writer);
+    for (const std::string& text : texts)
+      reports::warning("%s", text.c_str());
+  });
 }
 
 }  // namespace
@@ -63,10 +69,10 @@ TEST_F(Reports, OnTheMainThreadAreMadeAtOnce) {
   reports::info("an info of %d", 1);
   reports::warning("a warning of %s", "100% %s %n");
   reports::error("an error of %0.2f", 3.0);
-  EXPECT_THAT(recorder_.Texts(ReportKind::kWeird), ElementsAre("a weird"));
+  EXPECT_THAT(weirds(), ElementsAre("a weird"));
   EXPECT_THAT(recorder_.Texts(ReportKind::kInfo), ElementsAre("an info of 1"));
-  EXPECT_THAT(recorder_.Texts(ReportKind::kWarning), ElementsAre("a warning of 100% %s %n"));
-  EXPECT_THAT(recorder_.Texts(ReportKind::kError), ElementsAre("an error of 3.00"));
+  EXPECT_THAT(warnings(), ElementsAre("a warning of 100% %s %n"));
+  EXPECT_THAT(errors(), ElementsAre("an error of 3.00"));
 }
 
 TEST_F(Reports, OfAWriterThreadWaitForTheMainThreadToHandleItsMessage) {
@@ -95,7 +101,7 @@ TEST_F(Reports, OfAnotherThreadWaitForTheNextScopeOfAnyWriter) {
   elsewhere([] { reports::warning("from the send thread"); });
   EXPECT_EQ(0, writer.process());
   EXPECT_THAT(warnings(), IsEmpty());
-  elsewhere([&] { const reports::WriterScope scope(&writer); });
+  report_in_scope(writer);
   EXPECT_EQ(1, writer.process());
   EXPECT_THAT(warnings(), ElementsAre("from the send thread"));
   expect_all_on_this_thread();
@@ -104,11 +110,11 @@ TEST_F(Reports, OfAnotherThreadWaitForTheNextScopeOfAnyWriter) {
 TEST_F(Reports, AScopePostsNothingWhenNothingWaitsOrOthersHavePostedAlready) {
   const reports::WriterAlive alive;
   FakeWriter first, second;
-  elsewhere([&] { const reports::WriterScope scope(&first); });
+  report_in_scope(first);
   EXPECT_EQ(0, first.process());
   elsewhere([] { reports::warning("from the send thread"); });
-  elsewhere([&] { const reports::WriterScope scope(&first); });
-  elsewhere([&] { const reports::WriterScope scope(&second); });
+  report_in_scope(first);
+  report_in_scope(second);
   EXPECT_EQ(0, second.process());
   EXPECT_EQ(1, first.process());
   EXPECT_THAT(warnings(), ElementsAre("from the send thread"));
@@ -127,9 +133,9 @@ TEST_F(Reports, OfOneThreadKeepTheirOrderWhicheverWriterCarriesThem) {
   const reports::WriterAlive alive;
   FakeWriter first, second;
   elsewhere([] { reports::warning("1"); });
-  elsewhere([&] { const reports::WriterScope scope(&first); });
+  report_in_scope(first);
   elsewhere([] { reports::warning("2"); });
-  elsewhere([&] { const reports::WriterScope scope(&second); });
+  report_in_scope(second);
   // The host comes to the second writer's message first.
   second.process();
   first.process();
@@ -139,32 +145,20 @@ TEST_F(Reports, OfOneThreadKeepTheirOrderWhicheverWriterCarriesThem) {
 TEST_F(Reports, OfAWriterThatIsBeingEndedAreDeliveredWithoutAMessageOfItsOwn) {
   const reports::WriterAlive alive;
   FakeWriter killed, ending;
-  elsewhere([&] {
-    const reports::WriterScope scope(&killed);
-    reports::warning("1");
-  });
+  report_in_scope(killed, {"1"});
   killed.Kill();
   ending.Done();
   EXPECT_TRUE(ending.Terminating());
-  elsewhere([&] {
-    const reports::WriterScope scope(&killed);
-    reports::warning("2");
-  });
-  elsewhere([&] {
-    const reports::WriterScope scope(&ending);
-    reports::warning("3");
-  });
+  report_in_scope(killed, {"2"});
+  report_in_scope(ending, {"3"});
   EXPECT_EQ(0, ending.process());
   EXPECT_THAT(warnings(), IsEmpty());
   reports::deliver_pending();
   EXPECT_THAT(warnings(), ElementsAre("1", "2", "3"));
 
   FakeWriter other;
-  elsewhere([&] {
-    const reports::WriterScope scope(&ending);
-    reports::warning("4");
-  });
-  elsewhere([&] { const reports::WriterScope scope(&other); });
+  report_in_scope(ending, {"4"});
+  report_in_scope(other);
   EXPECT_EQ(1, other.process());
   EXPECT_THAT(warnings(), ElementsAre("1", "2", "3", "4"));
 }
@@ -173,16 +167,10 @@ TEST_F(Reports, AMessageThatTheHostDropsLosesNoReport) {
   const reports::WriterAlive alive;
   {
     FakeWriter dropped;  // deletes what was posted, as the host does
-    elsewhere([&] {
-      const reports::WriterScope scope(&dropped);
-      reports::warning("1");
-    });
+    report_in_scope(dropped, {"1"});
   }
   FakeWriter other;
-  elsewhere([&] {
-    const reports::WriterScope scope(&other);
-    reports::warning("2");
-  });
+  report_in_scope(other, {"2"});
   other.process();
   EXPECT_THAT(warnings(), ElementsAre("1", "2"));
 }

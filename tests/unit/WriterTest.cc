@@ -65,10 +65,8 @@ class Writer : public test::ReportingTest {
 
 /// What every event of this writer carries as its agent.
 std::string agent_of_events(WriterUnderTest& writer) {
-  RecordBuilder record;
-  record.text("uid", "CAbc");
   writer.init();
-  EXPECT_TRUE(writer.write(record));
+  EXPECT_TRUE(writer.write());
   const std::string message = FakeWorker::messages().back();
   return text_of(Dravenholt::GetNetworkEvent(message.data())->agent_id());
 }
@@ -101,14 +99,6 @@ TEST_F(Writer, StartsWithoutFieldsAndWithTheScriptsMarkers) {
   EXPECT_EQ("EMPTY", separators.empty_field);
 }
 
-TEST_F(Writer, FactoryMakesAWriterForTheFrontend) {
-  const test::Frontend frontend("conn");
-  logging::WriterBackend* backend = logging::writer::ZMQ::Instantiate(frontend.get());
-  EXPECT_NE(nullptr, dynamic_cast<logging::writer::ZMQ*>(backend));
-  EXPECT_STREQ("conn/Log::WRITER_ZMQ", backend->Name());
-  delete backend;
-}
-
 TEST_F(Writer, AConstantThatIsNoStringEndsTheHost) {
   StringVal* const text = BifConst::LogZMQ::zmq_agent_id;
   Val* const number = new Val(5, TYPE_COUNT);
@@ -125,6 +115,8 @@ TEST_F(Writer, AConstantThatIsNoStringEndsTheHost) {
 // -- Agent identifier -----------------------------------------------------------------------------
 
 TEST_F(Writer, IdentifierOfTheScriptsIsTakenAndTheFileLeftAlone) {
+  WriterUnderTest().destroy();
+  EXPECT_FALSE(std::filesystem::exists("orvik"));
   use_file("file-id");
   for (const std::string& agent_id : {std::string("agent-7"), std::string("a\0b\n", 4)}) {
     use_agent_id(agent_id);
@@ -133,11 +125,6 @@ TEST_F(Writer, IdentifierOfTheScriptsIsTakenAndTheFileLeftAlone) {
     EXPECT_EQ("file-id", read_file(kAgentIdFile));
     EXPECT_THAT(weirds(), IsEmpty());
   }
-}
-
-TEST_F(Writer, IdentifierOfTheScriptsNeedsNoFolder) {
-  WriterUnderTest writer;
-  EXPECT_FALSE(std::filesystem::exists("orvik"));
 }
 
 TEST_F(Writer, DashLeavesTheAgentUnnamedAndTheFileAlone) {
@@ -186,21 +173,12 @@ TEST_F(Writer, DestroyingOneOfThreeWritersEndsTheWorkerForAll) {
   WriterUnderTest first, second, third;
   for (WriterUnderTest* writer : {&first, &second, &third})
     writer->init();
-  RecordBuilder record;
-  record.text("uid", "CAbc");
-  EXPECT_TRUE(second.write(record));
+  EXPECT_TRUE(second.write());
   third.destroy();
   EXPECT_EQ(1, FakeWorker::stops());
-  EXPECT_FALSE(first.write(record));
-  EXPECT_FALSE(second.write(record));
+  EXPECT_FALSE(first.write());
+  EXPECT_FALSE(second.write());
   EXPECT_EQ(1u, FakeWorker::message_count());
-}
-
-TEST_F(Writer, WriterThatWasNeverInitialisedEndsTheWorkerToo) {
-  WriterUnderTest first, second;
-  first.init();
-  second.destroy();
-  EXPECT_EQ(1, FakeWorker::stops());
 }
 
 TEST_F(Writer, LaterInitialisationCreatesANewWorkerForAll) {
@@ -210,9 +188,7 @@ TEST_F(Writer, LaterInitialisationCreatesANewWorkerForAll) {
   first.destroy();
   EXPECT_TRUE(third.init());
   EXPECT_EQ(2, FakeWorker::starts());
-  RecordBuilder record;
-  record.text("uid", "CAbc");
-  EXPECT_TRUE(second.write(record));
+  EXPECT_TRUE(second.write());
 }
 
 TEST_F(Writer, WithoutAWorkerEveryRecordIsRefusedButStillConverted) {
@@ -256,37 +232,24 @@ TEST_F(Writer, StatusTellsTheTotalsOfAllWorkersAlsoWhenTheyAreGone) {
   EXPECT_EQ(0u, before.queued);
   EXPECT_STREQ("orvik", before.install_prefix);
   EXPECT_STREQ("orvik-spool/work", before.spool_folder);
-  RecordBuilder record;
-  record.text("uid", "CAbc");
-
-  WriterUnderTest first, second, third;
-  first.init();
-  EXPECT_EQ(1, status().worker);
-  EXPECT_EQ(1, status().running);
-  first.write(record);
-  first.write(record);
-  EXPECT_EQ(before.sent + 2, status().sent);
-  first.destroy();
-  EXPECT_EQ(0, status().worker);
-  EXPECT_EQ(before.sent + 2, status().sent);
-
-  second.init();
-  second.write(record);
-  EXPECT_EQ(before.sent + 3, status().sent);
-  EXPECT_EQ(before.cut, status().cut);
-  record.text("uid", std::string(65536, 'C'));
-  second.write(record);
-  EXPECT_EQ(before.cut + 1, status().cut);
-  second.destroy();
-  EXPECT_EQ(before.sent + 4, status().sent);
-  EXPECT_EQ(before.cut + 1, status().cut);
-  EXPECT_EQ(before.failed, status().failed);
-  third.init();
-  third.write(record);
-  EXPECT_EQ(before.cut + 2, status().cut);
-  third.destroy();
-  EXPECT_EQ(before.sent + 5, status().sent);
-  EXPECT_EQ(before.cut + 2, status().cut);
+  RecordBuilder cut;
+  cut.text("uid", std::string(65536, 'C'));
+  for (std::uint64_t workers = 1; workers <= 3; workers++) {
+    WriterUnderTest writer;
+    writer.init();
+    EXPECT_EQ(1, status().worker);
+    EXPECT_EQ(1, status().running);
+    writer.write();
+    writer.write(cut);
+    for (const bool gone : {false, true}) {
+      if (gone)
+        writer.destroy();
+      EXPECT_EQ(gone ? 0 : 1, status().worker);
+      EXPECT_EQ(before.sent + 2 * workers, status().sent);
+      EXPECT_EQ(before.cut + workers, status().cut);
+      EXPECT_EQ(before.failed, status().failed);
+    }
+  }
 }
 
 TEST_F(Writer, StatusCanBeAskedForWhileTheWorkerStops) {
@@ -297,9 +260,7 @@ TEST_F(Writer, StatusCanBeAskedForWhileTheWorkerStops) {
   });
   WriterUnderTest writer;
   writer.init();
-  RecordBuilder record;
-  record.text("uid", "CAbc");
-  writer.write(record);
+  writer.write();
   const std::uint64_t sent = status().sent;
   writer.destroy();
   ASSERT_THAT(seen, SizeIs(1));
@@ -319,9 +280,7 @@ TEST_F(Writer, HousekeepingDoesNothingAndSucceeds) {
   EXPECT_TRUE(writer->DoFinish(1.0));
   EXPECT_TRUE(writer->DoHeartbeat(1.0, 2.0));
   EXPECT_EQ(0u, FakeWorker::message_count());
-  RecordBuilder record;
-  record.text("uid", "CAbc");
-  EXPECT_TRUE(writer.write(record));
+  EXPECT_TRUE(writer.write());
 }
 
 TEST_F(Writer, RotationLeavesEveryFileAlone) {

@@ -121,9 +121,7 @@ TEST_F(WriterThreads, RecordsUnderWayNeverMeetAWorkerThatIsBeingDeleted) {
     std::vector<std::thread> threads;
     for (WriterUnderTest& writer : storming) {
       threads.emplace_back([&] {
-        RecordBuilder record;
-        record.text("uid", "CAbc");
-        while (writer.write(record))
+        while (writer.write())
           ++accepted;
       });
     }
@@ -155,20 +153,14 @@ TEST_F(WriterThreads, DestroyingAWriterWaitsForARecordUnderWay) {
   });
   WriterUnderTest held, probe, destroyed;
   held.init();
-  std::thread holds([&] {
-    RecordBuilder record;
-    record.text("uid", "CAbc");
-    EXPECT_TRUE(held.write(record));
-  });
+  std::thread holds([&] { EXPECT_TRUE(held.write()); });
   {
     std::unique_lock<std::mutex> lock(mutex);
     changed.wait(lock, [&] { return writing; });
   }
   std::thread releases([&] {
-    RecordBuilder record;
-    record.text("uid", "CAbc");
     // Refused as soon as the destruction is under way.
-    EXPECT_TRUE(test::wait_until([&] { return !probe.write(record); }));
+    EXPECT_TRUE(test::wait_until([&] { return !probe.write(); }));
     EXPECT_FALSE(stopped);
     std::lock_guard<std::mutex> lock(mutex);
     go_on = true;
@@ -184,10 +176,8 @@ TEST_F(WriterThreads, WorkersMayComeAndGoWhileOthersWriteAndAsk) {
   std::atomic<bool> done(false);
   WriterUnderTest steady;
   std::thread writes([&] {
-    RecordBuilder record;
-    record.text("uid", "CAbc");
     while (!done)
-      steady.write(record);
+      steady.write();
   });
   std::thread asks([&] {
     std::uint64_t sent = 0;
@@ -265,10 +255,22 @@ class TestHost {
 
 class InsideTheHost : public WriterThreads {
  protected:
-  logging::WriterFrontend* create_writer(const std::string& path, RecordBuilder& like) {
-    return host_.create_writer(path, like);
+  InsideTheHost() { record_.text("ptype", "ftp").text("uid", "CAbc"); }
+
+  logging::WriterFrontend* create_writer(const std::string& path) {
+    return host_.create_writer(path, record_);
+  }
+  void write(logging::WriterFrontend* writer) {
+    writer->Write(record_.size(), test::copy_values(record_));
+  }
+  bool until(const std::function<bool()>& condition) {
+    return test::wait_until([&] {
+      host_->Pump();
+      return condition();
+    });
   }
 
+  RecordBuilder record_;
   TestHost host_;
 };
 
@@ -302,15 +304,13 @@ TEST_F(InsideTheHost, WriterThatHasEndedLeavesTheWorkerToOneThatStillWrites) {
     if (call == "Write")
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
   });
-  RecordBuilder record;
-  record.text("ptype", "ftp").text("uid", "CAbc");
-  logging::WriterFrontend* const idle = create_writer("idle", record);
-  logging::WriterFrontend* const busy = create_writer("busy", record);
+  logging::WriterFrontend* const idle = create_writer("idle");
+  logging::WriterFrontend* const busy = create_writer("busy");
   terminating = true;
   idle->Stop();
   EXPECT_TRUE(test::wait_until([&] { return idle->backend->Killed(); }));
   for (int i = 0; i < 10; i++)
-    busy->Write(record.size(), test::copy_values(record));
+    write(busy);
   host_->Finish();
   EXPECT_EQ(10u, FakeWorker::message_count());
   EXPECT_THAT(errors(), IsEmpty());
@@ -318,12 +318,10 @@ TEST_F(InsideTheHost, WriterThatHasEndedLeavesTheWorkerToOneThatStillWrites) {
 
 // The host may create a writer while it ends, which nothing has told to finish.
 TEST_F(InsideTheHost, WriterThatWasNotToldToFinishIsNotWaitedForInVain) {
-  RecordBuilder record;
-  record.text("ptype", "ftp").text("uid", "CAbc");
-  logging::WriterFrontend* const ended = create_writer("ended", record);
-  logging::WriterFrontend* const late = create_writer("late", record);
+  logging::WriterFrontend* const ended = create_writer("ended");
+  logging::WriterFrontend* const late = create_writer("late");
   terminating = true;
-  late->Write(record.size(), test::copy_values(record));
+  write(late);
   ended->Stop();
   EXPECT_TRUE(test::wait_until([&] { return ended->backend->Killed(); }));
   host_->Pump();  // destroys the one that has ended
@@ -333,25 +331,14 @@ TEST_F(InsideTheHost, WriterThatWasNotToldToFinishIsNotWaitedForInVain) {
 }
 
 TEST_F(InsideTheHost, RemovedStreamTakesTheWorkerFromTheOthersAtOnce) {
-  RecordBuilder record;
-  record.text("ptype", "ftp").text("uid", "CAbc");
-  logging::WriterFrontend* const kept = create_writer("kept", record);
-  logging::WriterFrontend* const removed = create_writer("removed", record);
-  EXPECT_TRUE(test::wait_until([&] {
-    host_->Pump();
-    return FakeWorker::starts() == 1;
-  }));
+  logging::WriterFrontend* const kept = create_writer("kept");
+  logging::WriterFrontend* const removed = create_writer("removed");
+  EXPECT_TRUE(until([&] { return FakeWorker::starts() == 1; }));
   removed->Stop();
-  EXPECT_TRUE(test::wait_until([&] {
-    host_->Pump();
-    return FakeWorker::stops() == 1;
-  }));
+  EXPECT_TRUE(until([&] { return FakeWorker::stops() == 1; }));
   kept->SetBuf(false);
-  kept->Write(record.size(), test::copy_values(record));
-  EXPECT_TRUE(test::wait_until([&] {
-    host_->Pump();
-    return !errors().empty();
-  }));
+  write(kept);
+  EXPECT_TRUE(until([&] { return !errors().empty(); }));
   EXPECT_THAT(errors(), ::testing::ElementsAre("kept/Log::WRITER_ZMQ: terminating thread"));
   host_->Finish();
   EXPECT_EQ(0u, FakeWorker::message_count());
@@ -375,7 +362,7 @@ TEST_F(InsideTheHost, ReportsOfWriterThreadsAreMadeOnTheMainThreadInOrderAndToTh
   std::vector<logging::WriterFrontend*> writers;
   std::vector<std::string> expected[kWriters], by_writer[kWriters];
   for (int w = 0; w < kWriters; w++)
-    writers.push_back(create_writer(std::to_string(w), like));
+    writers.push_back(host_.create_writer(std::to_string(w), like));
   for (int i = 0; i < kRecords; i++) {
     for (int w = 0; w < kWriters; w++) {
       const std::string ptype = std::to_string(w) + "-" + std::to_string(i);
@@ -397,15 +384,10 @@ TEST_F(InsideTheHost, ReportsOfWriterThreadsAreMadeOnTheMainThreadInOrderAndToTh
 }
 
 TEST_F(InsideTheHost, ReportsOfAThreadOfItsOwnArriveWithTheNextHeartbeat) {
-  RecordBuilder record;
-  record.text("ptype", "ftp");
-  create_writer("a", record);
+  create_writer("a");
   std::thread send_thread([] { reports::warning("from the send thread, %d %%", 7); });
   send_thread.join();
-  EXPECT_TRUE(test::wait_until([&] {
-    host_->Pump();
-    return !warnings().empty();
-  }));
+  EXPECT_TRUE(until([&] { return !warnings().empty(); }));
   EXPECT_THAT(warnings(), ::testing::ElementsAre("from the send thread, 7 %"));
   for (const standin::Report& report : recorder_.Reports())
     EXPECT_EQ(std::this_thread::get_id(), report.thread);
@@ -417,9 +399,7 @@ TEST_F(InsideTheHost, ReportsMadeWhileTheWorkerStopsComeWithItsEnd) {
     if (call == "Stop")
       std::thread([] { reports::warning("last words"); }).join();
   });
-  RecordBuilder record;
-  record.text("ptype", "ftp");
-  create_writer("a", record);
+  create_writer("a");
   host_->Finish();
   EXPECT_THAT(warnings(), ::testing::ElementsAre("last words"));
   for (const standin::Report& report : recorder_.Reports())
