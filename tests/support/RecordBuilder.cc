@@ -40,6 +40,18 @@ Value* copy_value(const Value* value) {
   return copy;
 }
 
+Value* integral_value(TypeTag type, std::uint64_t number) {
+  Value* value = new Value(type);
+  value->val.uint_val = number;
+  return value;
+}
+
+Value* real_value(TypeTag type, double number) {
+  Value* value = new Value(type);
+  value->val.double_val = number;
+  return value;
+}
+
 Value* list_of_texts(TypeTag type, const std::vector<std::string>& elements) {
   std::vector<Value*> values;
   for (const std::string& element : elements)
@@ -88,21 +100,15 @@ RecordBuilder& RecordBuilder::enumerator(const std::string& name, const std::str
 }
 
 RecordBuilder& RecordBuilder::count(const std::string& name, std::uint64_t value) {
-  Value* result = new Value(TYPE_COUNT);
-  result->val.uint_val = value;
-  return raw(name, result);
+  return raw(name, integral_value(TYPE_COUNT, value));
 }
 
 RecordBuilder& RecordBuilder::integer(const std::string& name, std::int64_t value) {
-  Value* result = new Value(TYPE_INT);
-  result->val.int_val = value;
-  return raw(name, result);
+  return raw(name, integral_value(TYPE_INT, static_cast<std::uint64_t>(value)));
 }
 
 RecordBuilder& RecordBuilder::boolean(const std::string& name, bool value) {
-  Value* result = new Value(TYPE_BOOL);
-  result->val.int_val = value ? 1 : 0;
-  return raw(name, result);
+  return raw(name, integral_value(TYPE_BOOL, value ? 1 : 0));
 }
 
 RecordBuilder& RecordBuilder::port(const std::string& name, std::uint64_t value) {
@@ -113,21 +119,15 @@ RecordBuilder& RecordBuilder::port(const std::string& name, std::uint64_t value)
 }
 
 RecordBuilder& RecordBuilder::time(const std::string& name, double seconds) {
-  Value* result = new Value(TYPE_TIME);
-  result->val.double_val = seconds;
-  return raw(name, result);
+  return raw(name, real_value(TYPE_TIME, seconds));
 }
 
 RecordBuilder& RecordBuilder::interval(const std::string& name, double seconds) {
-  Value* result = new Value(TYPE_INTERVAL);
-  result->val.double_val = seconds;
-  return raw(name, result);
+  return raw(name, real_value(TYPE_INTERVAL, seconds));
 }
 
 RecordBuilder& RecordBuilder::real(const std::string& name, double value) {
-  Value* result = new Value(TYPE_DOUBLE);
-  result->val.double_val = value;
-  return raw(name, result);
+  return raw(name, real_value(TYPE_DOUBLE, value));
 }
 
 RecordBuilder& RecordBuilder::addr(const std::string& name, const std::string& address) {

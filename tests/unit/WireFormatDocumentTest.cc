@@ -94,13 +94,27 @@ void add_column(const std::string& name, const std::string& type, const std::str
     ADD_FAILURE() << "no such type: " << type;
 }
 
-TypeTag type_of(const std::string& kind) {
-  static const std::map<std::string, TypeTag> types = {
-      {"string", TYPE_STRING}, {"enum", TYPE_ENUM},   {"addr", TYPE_ADDR},
-      {"port", TYPE_PORT},     {"count", TYPE_COUNT}, {"int", TYPE_INT},
-      {"bool", TYPE_BOOL},     {"time", TYPE_TIME},   {"interval", TYPE_INTERVAL},
-      {"double", TYPE_DOUBLE}, {"set", TYPE_TABLE}};
-  return types.at(kind);
+/// Of each kind of column: its type, a value that does not fit into a narrow field, and what a
+/// field holds then, as text.
+struct Kind {
+  TypeTag type;
+  const char* value;
+  const char* field;
+};
+
+const Kind& kind_of(const std::string& name) {
+  static const std::map<std::string, Kind> kinds = {{"string", {TYPE_STRING, "tcp", "tcp"}},
+                                                    {"enum", {TYPE_ENUM, "tcp", "1"}},
+                                                    {"addr", {TYPE_ADDR, "10.0.0.5", "10.0.0.5."}},
+                                                    {"port", {TYPE_PORT, "65979", "443"}},
+                                                    {"count", {TYPE_COUNT, "4294967301", "5"}},
+                                                    {"int", {TYPE_INT, "4294967301", "5"}},
+                                                    {"bool", {TYPE_BOOL, "T", "1"}},
+                                                    {"time", {TYPE_TIME, "1.2345", "1.2345"}},
+                                                    {"interval", {TYPE_INTERVAL, "1.2345", "1234"}},
+                                                    {"double", {TYPE_DOUBLE, "1.2345", "1.2345"}},
+                                                    {"set", {TYPE_TABLE, "tcp", "tcp,x"}}};
+  return kinds.at(name);
 }
 
 /// A row of a payload's table whose field comes from a column.
@@ -143,36 +157,9 @@ std::string ptype_of(const std::string& table) {
   return "";
 }
 
-/// A value of the kind that does not fit into a narrow field.
-std::string value_of(const std::string& kind) {
-  if (kind == "count" || kind == "int")
-    return "4294967301";
-  if (kind == "port")
-    return "65979";
-  if (kind == "interval" || kind == "double")
-    return "1.2345";
-  if (kind == "bool")
-    return "T";
-  if (kind == "addr")
-    return "10.0.0.5";
-  return "tcp";
-}
-
-/// What the field holds then, as text.
 std::string expected(const Row& row) {
-  if (row.kind == "count" || row.kind == "int")
-    return row.type == "ulong" ? "4294967301" : "5";
-  if (row.kind == "port")
-    return "443";
-  if (row.kind == "interval")
-    return "1234";
-  if (row.kind == "double")
-    return "1.2345";
-  if (row.kind == "bool" || row.kind == "enum")
-    return "1";
-  if (row.kind == "addr")
-    return "10.0.0.5.";
-  return row.kind == "set" ? "tcp,x" : "tcp";
+  const Kind& kind = kind_of(row.kind);
+  return row.type == "ulong" && row.kind != "interval" ? kind.value : kind.field;
 }
 
 /// The field at `slot`, read as the type that the document gives it.
@@ -254,8 +241,8 @@ TEST_F(WireFormatDocumentTest, EachColumnFillsTheFieldNextToItAndNoOther) {
     make_bare(row.table, &bare);
     make_bare(row.table, &record);
     // Of columns with the same name the last one counts; names are case-sensitive and whole.
-    record.unset(row.column, type_of(row.kind));
-    add_column(row.column, row.kind, value_of(row.kind), &record);
+    record.unset(row.column, kind_of(row.kind).type);
+    add_column(row.column, row.kind, kind_of(row.kind).value, &record);
     record.text(to_upper(row.column), "x").text(row.column + "s", "x").text("x" + row.column, "x");
     const Bytes bare_message = convert(bare), message = convert(record);
     const flatbuffers::voffset_t slot = static_cast<flatbuffers::voffset_t>(4 + 2 * row.number);
@@ -272,8 +259,8 @@ TEST_F(WireFormatDocumentTest, AnUnsetColumnReadsAsTheDocumentSays) {
   for (const Row& row : rows_with_columns()) {
     RecordBuilder record;
     make_bare(row.table, &record);
-    add_column(row.column, row.kind, value_of(row.kind), &record);
-    record.unset(row.column, type_of(row.kind));
+    add_column(row.column, row.kind, kind_of(row.kind).value, &record);
+    record.unset(row.column, kind_of(row.kind).type);
     const Bytes message = convert(record);
     const std::string value = read(*payload_of(message), row.type,
                                    static_cast<flatbuffers::voffset_t>(4 + 2 * row.number));
