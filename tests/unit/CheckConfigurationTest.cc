@@ -163,24 +163,6 @@ class CheckConfiguration : public test::WorkerFixture {
 
 // -- The same as the worker -----------------------------------------------------------------------
 
-TEST_F(CheckConfiguration, ShowsTheWorkersEndpointsKeyAndLimits) {
-  set("zmq.server = collector\nzmq.secondary_servers = a, ,ipc:///tmp/sock , tcp://[::1],a:1,\n"
-      "zmq.public_key = " +
-      std::string(kGoodKey) + "\ndisk.usage.absolute = 4097\npqueue.chunk.size = 2048\n");
-  expect_the_same_as_the_worker();
-  EXPECT_THAT(uris(), ElementsAre("tcp://collector:5555", "tcp://a:5555", "ipc:///tmp/sock:5555",
-                                  "tcp://[::1]", "tcp://a:1"));
-}
-
-TEST_F(CheckConfiguration, ShowsWhatTheWorkerTakesFromScriptConstants) {
-  set("");
-  EXPECT_THAT(uris(), ElementsAre("tcp://:5555"));
-  redef("zmq_primary_server", " blanks stay ");
-  redef("zmq_secondary_server", " b ,c:1");
-  redef("zmq_public_key", "a0B1c");
-  expect_the_same_as_the_worker();
-}
-
 /// Random texts, as settings and as constants.
 class CheckAnyConfiguration : public CheckConfiguration,
                               public ::testing::WithParamInterface<int> {};

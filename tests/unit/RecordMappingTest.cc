@@ -157,18 +157,6 @@ TEST(RecordMappingTest, ColumnTsThatIsNoTimeIsAPair) {
   }
 }
 
-TEST(RecordMappingTest, RecordOfUnsetColumnsOnlyStillNamesItsPath) {
-  EXPECT_THAT(
-      map(header("x") + "#fields\ta\n#types\tset[count]\n-\n"),
-      ElementsAre("extra_fields:vector[string]=['_path']", "extra_vals:vector[string]=['x']"));
-}
-
-TEST(RecordMappingTest, ReporterRecordsCarryNoType) {
-  EXPECT_THAT(map(header("reporter") + "#fields\tts\tmessage\n#types\ttime\tstring\n1\tx\n"),
-              ElementsAre("ts:time=1", "extra_fields:vector[string]=['_path' 'message']",
-                          "extra_vals:vector[string]=['reporter' 'x']"));
-}
-
 TEST(RecordMappingTest, LogsOfThePluginsOwnShapePassUnchanged) {
   EXPECT_THAT(map(header("http") + "#fields\tts\tptype\textra\n#types\ttime\tstring\tset[count]\n"
                                    "1\thttp-in\t-\n"),
