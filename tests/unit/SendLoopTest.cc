@@ -105,15 +105,6 @@ TEST_F(SendLoop, AMessageIsInitialisedTwiceWithoutLeakingTheFirstRoom) {
   EXPECT_EQ(zmq.live_contents(), 0u);
 }
 
-TEST_F(SendLoop, ASecondAttemptAfterASecondIsStillASuccess) {
-  connect();
-  sends({kFail, kOk});
-  write("a");
-  EXPECT_THAT(run(), Lines("send s1 'a' failed", kRetryPause, "send s1 'a' ok", kIdle));
-  EXPECT_EQ(sent(), 1u);
-  EXPECT_EQ(failed(), 0u);
-}
-
 // -- Primary fails --------------------------------------------------------------------------------
 
 TEST_F(SendLoop, FirstFailureWarnsRequeuesAndRetriesAtOnce) {
@@ -362,20 +353,6 @@ TEST_F(SendLoop, StopDuringTheFirstAttemptGivesTheRecordUpWithoutARetry) {
   EXPECT_TRUE(worker->queue.empty()) << "neither sent, requeued nor spooled";
   EXPECT_THAT(FakeSpool::contents(), IsEmpty());
   EXPECT_EQ(zmq.live_contents(), 0u);
-}
-
-TEST_F(SendLoop, ARecordAbandonedOnStopIsFlushedFromTheEntriesThatItLeft) {
-  connect();
-  sends({kFail, kFail, kFail, kFail, kFail});
-  write("r");
-  EXPECT_THAT(run("send s1 'r' failed", 5),
-              Lines("send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNotResponding,
-                    "send s1 'r' failed", kRetryPause, "send s1 'r' failed", kNoSecondary,
-                    "send s1 'r' failed", kIdle));
-  EXPECT_EQ(worker->queue.size(), 2u);
-  EXPECT_THAT(stop(),
-              Lines("send s1 'r' ok", "disconnect s1 tcp://p:5555", "close s1", "ctx_destroy"));
-  EXPECT_EQ(sent(), 1u);
 }
 
 // -- The spin for writability ---------------------------------------------------------------------
