@@ -7,7 +7,6 @@ import re
 import shutil
 import subprocess
 import unittest
-import urllib.request
 
 from cli_support import CliTest, DEADLINE, SOURCE_DIR, make_event, needs_zmq, read_file, wait_for, write_file
 from nats_support import NatsServer, needs_nats
@@ -87,9 +86,7 @@ class AlertsTest(CliTest):
                                  server.url, "--create-stream")
         self.agent(collector.endpoint).send(make_event())
         wait_for(lambda: os.path.getsize("events"), "the event")
-        url = re.search(r"metrics on (\S+)", collector.stderr).group(1)
-        with urllib.request.urlopen(url, timeout=DEADLINE) as answer:
-            printed = answer.read().decode()
+        printed = self.get(collector, "metrics")[1]
         printed += self.run_tool("spool", "list", "--prometheus", ".").stdout.decode()
         there = set(re.findall(r"(?m)^([a-z_]+)[{ ]", printed))
         named = [metrics_in(expression) for expression in expressions()]

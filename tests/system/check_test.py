@@ -153,7 +153,7 @@ class ConfigurationTest(CheckTestCase):
         self.settings()
         with open("/dev/full", "w") as full:
             result = subprocess.run([ZMQWRITER, "check", "--settings", "settings", "--plugin",
-                                     PLUGIN], stdout=full, stderr=subprocess.PIPE, timeout=60)
+                                     PLUGIN], stdout=full, stderr=subprocess.PIPE, timeout=DEADLINE)
         self.assertEqual(result.returncode, 1)
         self.assertIn(b"No space left", result.stderr)
 
@@ -168,7 +168,7 @@ class ConfigurationTest(CheckTestCase):
         os.chmod(".", 0o555)
         self.addCleanup(os.chmod, os.getcwd(), 0o755)
         result = subprocess.run(["bin/zmqwriter", "check", "--settings", "settings", "--json"],
-                                capture_output=True, timeout=60, **options)
+                                capture_output=True, timeout=DEADLINE, **options)
         return json.loads(result.stdout)
 
     def test_write_access_is_that_of_the_user_who_asks(self):
@@ -238,7 +238,7 @@ class ConnectTest(CheckTestCase):
                     handler.send_multipart([question[0], question[1], status, b"", b"", b""])
         threading.Thread(target=answer, daemon=True).start()
 
-    def connect(self, server=None, key=None, more="", timeout="2"):
+    def connect(self, server=None, key=None, more="", timeout="60"):
         self.settings(server or self.address, key or self.hexadecimal(self.public), more)
         report = self.report("--connect", "--timeout", timeout)
         self.assertEqual(len(report["connect"]), len(report["endpoints"]))
@@ -254,6 +254,11 @@ class ConnectTest(CheckTestCase):
             self.assertNotEqual(result["what_to_do"], "")
         self.text = result["text"]
         return result["outcome"]
+
+    def assert_times_out(self, expected, *arguments):
+        """A slow machine needs longer to come so far."""
+        if self.outcome(*arguments, timeout="0.5") != expected:
+            self.assertEqual(self.outcome(*arguments, timeout="20"), expected)
 
     def test_good_server_is_connected(self):
         server = self.server()
@@ -276,8 +281,7 @@ class ConnectTest(CheckTestCase):
             self.assertEqual(self.check("--connect").returncode, 0)
         self.settings(collector.endpoint, KEY)
         self.assertEqual(self.check("--connect").returncode, 1)
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
         end = totals(collector)
         self.assertEqual((end["events"], end["empty messages"], end["malformed messages"],
                           end["multi-part messages"]), (0, 0, 0, 0))
@@ -287,8 +291,8 @@ class ConnectTest(CheckTestCase):
         collector = self.collect()
         collector.popen.send_signal(signal.SIGSTOP)
         self.addCleanup(collector.popen.send_signal, signal.SIGCONT)
-        self.assertEqual(self.outcome(collector.endpoint, read_file("server.public").strip(),
-                                      timeout="0.5"), "connect-silent")
+        self.assert_times_out("connect-silent", collector.endpoint,
+                              read_file("server.public").strip())
 
     def test_time_of_any_size_is_a_time(self):
         self.server()
@@ -315,8 +319,7 @@ class ConnectTest(CheckTestCase):
         probe.settimeout(0.5)
         with self.assertRaises(socket.timeout):
             probe.connect(address)
-        self.assertEqual(self.outcome("127.0.0.1:%d" % address[1], timeout="0.5"),
-                         "connect-timed-out")
+        self.assert_times_out("connect-timed-out", "127.0.0.1:%d" % address[1])
 
     def curve_impostor(self, answer):
         """Greets as a CURVE server and answers the first command with this one."""
@@ -373,7 +376,7 @@ class ConnectTest(CheckTestCase):
     def test_server_whose_check_does_not_answer(self):
         self.zap(None)
         self.server()
-        self.assertEqual(self.outcome(timeout="0.5"), "connect-unfinished")
+        self.assert_times_out("connect-unfinished")
 
     def test_collector_that_denies(self):
         self.keygen()
@@ -397,7 +400,7 @@ class ConnectTest(CheckTestCase):
         self.assertEqual(self.outcome(), "connect-not-zmq")
 
     def test_unknown_host_name(self):
-        self.assertEqual(self.outcome("no.such.host.invalid", timeout="20"), "connect-unresolved")
+        self.assertEqual(self.outcome("no.such.host.invalid"), "connect-unresolved")
         self.assertIn("'no.such.host.invalid'", self.text)
 
     def test_unreachable_address(self):

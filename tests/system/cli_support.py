@@ -4,10 +4,13 @@ Where the programs are comes from the environment: ZMQWRITER_BUILD_DIR, ZMQWRITE
 ZMQWRITER_FLATC. Every test works in a temporary folder of its own and lets the system choose ports.
 """
 
+import contextlib
 import ctypes
 import os
 import re
 import shutil
+import signal
+import socket
 import struct
 import subprocess
 import sys
@@ -15,12 +18,14 @@ import tempfile
 import threading
 import time
 import unittest
+import urllib.error
+import urllib.request
 
 BUILD_DIR = os.environ["ZMQWRITER_BUILD_DIR"]
 SOURCE_DIR = os.environ["ZMQWRITER_SOURCE_DIR"]
 ZMQWRITER = os.path.join(BUILD_DIR, "bin", "zmqwriter")
 PLUGIN = os.path.join(BUILD_DIR, "plugin-sandbox")
-DEADLINE = 60  # seconds; only ever reached by a failure
+DEADLINE = 120  # seconds; only ever reached by a failure
 
 try:
     import flatbuffers
@@ -31,9 +36,9 @@ except ImportError:
 needs_zmq = unittest.skipUnless(zmq, "needs the Python packages zmq and flatbuffers")
 
 
-def wait_for(condition, what):
+def wait_for(condition, what, seconds=None):
     """Polls until the condition gives something true, and returns that."""
-    end = time.monotonic() + DEADLINE
+    end = time.monotonic() + (seconds or DEADLINE)
     while True:
         result = condition()
         if result:
@@ -53,12 +58,36 @@ def write_file(name, content):
         file.write(content)
 
 
+def open_files(pid):
+    """Where the descriptors of a process lead to, on Linux."""
+    found = []
+    for descriptor in os.listdir("/proc/%d/fd" % pid):
+        with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+            found.append(os.readlink("/proc/%d/fd/%s" % (pid, descriptor)))
+    return found
+
+
+class Port:
+    """A free port. Linux gives it to nobody else while a socket of this process is bound to it."""
+
+    def __init__(self, host="127.0.0.1"):
+        bound = socket.socket()
+        bound.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        bound.bind((host, 0))
+        self.number = bound.getsockname()[1]
+        self.endpoint = "tcp://%s:%d" % (host, self.number)
+        if sys.platform == "linux":
+            self.descriptor = bound.detach()
+        else:
+            bound.close()
+
+
 class Process:
     """A running zmqwriter; its output is collected on the side, so that it never blocks."""
 
-    def __init__(self, arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options):
-        self.popen = subprocess.Popen([ZMQWRITER] + arguments, stdout=stdout, stderr=stderr,
-                                      **options)
+    def __init__(self, arguments, program=ZMQWRITER, stdout=subprocess.PIPE,
+                 stderr=subprocess.PIPE, **options):
+        self.popen = subprocess.Popen([program] + arguments, stdout=stdout, stderr=stderr, **options)
         self.out, self.err = bytearray(), bytearray()
         self.readers = [threading.Thread(target=self._read, args=pair, daemon=True)
                         for pair in ((self.popen.stdout, self.out), (self.popen.stderr, self.err))
@@ -95,6 +124,16 @@ class Process:
         for reader in self.readers:
             reader.join(DEADLINE)
         return status
+
+    def signal(self, number):
+        """Sends a signal and waits until it is taken: two of a kind at once count as one."""
+        self.popen.send_signal(number)
+        status = "/proc/%d/status" % self.popen.pid
+        if os.path.exists(status):
+            wait_for(lambda: not any(int(pending, 16) >> number - 1 & 1 for pending in
+                                     re.findall(r"Pnd:\s+(\w+)", read_file(status))), "the signal")
+        else:
+            time.sleep(1)
 
     def stop(self):
         if self.popen.poll() is None:
@@ -145,15 +184,39 @@ class CliTest(unittest.TestCase):
         if not os.path.exists("server.secret"):
             self.assertEqual(self.run_tool("keygen").returncode, 0)
 
-    def collect(self, *arguments, **options):
-        """A running collector with a new key pair; its endpoint is in .endpoint."""
+    BIND = ("collect", "--secret-key", "server.secret", "--bind")
+
+    def collect(self, *arguments, endpoint="tcp://127.0.0.1:*", **options):
+        """A running collector with a new key pair. Its endpoint is in .endpoint, and in .url where
+        it shows itself over HTTP if --metrics is given."""
         self.keygen()
-        collector = self.start("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                               "server.secret", *arguments, **options)
+        collector = self.start(*self.BIND, endpoint, *arguments, **options)
         collector.endpoint = wait_for(
             lambda: re.search(r"listening on (tcp://127\.0\.0\.1:[1-9]\d*)\n", collector.stderr),
             "the collector's endpoint").group(1)
+        if "--metrics" in arguments:
+            collector.url = re.search(r"status on (http://127\.0\.0\.1:[1-9]\d*/)\n",
+                                      collector.stderr).group(1)
         return collector
+
+    def run_collect(self, *arguments, **options):
+        """A collector that ends by itself."""
+        self.keygen()
+        return self.run_tool(*self.BIND, "tcp://127.0.0.1:*", *arguments, **options)
+
+    def end(self, process, status=0, words=""):
+        process.popen.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(), status, process.stderr)
+        self.assertIn(words, process.stderr)
+
+    @staticmethod
+    def get(collector, path):
+        """The status and the text of a page of the collector's."""
+        try:
+            with urllib.request.urlopen(collector.url + path, timeout=DEADLINE) as page:
+                return page.status, page.read().decode()
+        except urllib.error.HTTPError as error:
+            return error.code, error.read().decode()
 
     def collect_into_pipe(self, *arguments):
         """A collector, and the end of its standard output to read from, which nobody reads yet."""
@@ -173,6 +236,24 @@ class CliTest(unittest.TestCase):
         socket.curve_serverkey = server_key or bytes.fromhex(read_file("server.public"))
         socket.connect(endpoint)
         return socket
+
+    @staticmethod
+    def send_until_it_blocks(agent, messages, blocked):
+        """Sends until nothing is taken any more and `blocked` is true; how many were taken."""
+        agent.sndtimeo = 500
+        end = time.monotonic() + DEADLINE
+        for sent, message in enumerate(messages):
+            taken = False
+            while not taken:
+                try:
+                    agent.send(message)
+                    taken = True
+                except zmq.Again:
+                    if blocked():
+                        agent.sndtimeo = DEADLINE * 1000
+                        return sent
+                    assert time.monotonic() < end, "waited in vain for it to block"
+        raise AssertionError("everything was taken")
 
     def plain_agent(self):
         """A PUSH socket that is not connected yet and does not encrypt."""

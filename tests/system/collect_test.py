@@ -3,6 +3,7 @@ input, slow outputs."""
 
 import fcntl
 import glob
+import itertools
 import json
 import os
 import pty
@@ -18,7 +19,6 @@ import termios
 import threading
 import time
 import unittest
-import urllib.request
 
 import curve_client
 from cli_support import (CliTest, DEADLINE, PLUGIN, Process, ZMQWRITER, framed, make_event, needs_zmq,
@@ -123,8 +123,8 @@ class CollectOutputTest(CliTest):
     def test_stop_signal_ends_the_wait_for_a_reader_of_a_pipe(self):
         self.keygen()
         os.mkfifo("pipe")
-        collector = self.start("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                               "server.secret", "--output", "pipe", "--metrics", "127.0.0.1:0")
+        collector = self.start(*self.BIND, "tcp://127.0.0.1:*", "--output", "pipe", "--metrics",
+                               "127.0.0.1:0")
         # The last that is opened before the output.
         wait_for(lambda: "metrics on" in collector.stderr, "the metrics")
         if os.path.exists("/proc/self/stat"):
@@ -135,22 +135,20 @@ class CollectOutputTest(CliTest):
 
     def test_messages_on_closed_standard_error_do_not_land_in_the_output(self):
         self.keygen()
-        collector = self.start("collect", "--bind", "ipc://socket", "--secret-key", "server.secret",
-                               "--output", "events", "--format", "raw", "--count", "1",
-                               preexec_fn=lambda: os.close(2))
+        collector = self.start(*self.BIND, "ipc://socket", "--output", "events", "--format", "raw",
+                               "--count", "1", preexec_fn=lambda: os.close(2))
         wait_for(lambda: os.path.exists("socket"), "the collector")
         self.agent("ipc://socket").send(make_event())
         self.assertEqual(collector.wait(), 0)
         self.assertEqual(read_file("events", "rb"), framed(make_event()))
 
     def test_closed_standard_output_is_a_failure_and_no_other_file_takes_its_place(self):
-        self.keygen()
         write_file("event.raw", framed(make_event()))
-        for arguments, message in [
-                (["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "server.secret"],
-                 "standard output is closed; name a file with --output"),
-                (["decode", "event.raw"], "cannot write the output: Bad file descriptor")]:
-            result = self.run_tool(*arguments, preexec_fn=lambda: os.close(1))
+        for run, arguments, message in [
+                (self.run_collect, [], "standard output is closed; name a file with --output"),
+                (self.run_tool, ["decode", "event.raw"],
+                 "cannot write the output: Bad file descriptor")]:
+            result = run(*arguments, preexec_fn=lambda: os.close(1))
             self.assertEqual(result.returncode, 1)
             self.assertIn(message, result.stderr)
             self.assertNotIn("listening on", result.stderr)
@@ -202,8 +200,7 @@ class CollectOutputTest(CliTest):
         self.assertIn("of somebody else", [read_file(name) for name in glob.glob("events.*")])
         self.assertEqual(
             collector.stderr.count("events: was moved or removed, opened anew\n"), 4)
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
 
     def test_hangup_signal_ends_a_collector_without_a_file_cleanly(self):
         collector = self.collect()
@@ -243,7 +240,6 @@ class CollectOutputTest(CliTest):
 
 class CollectUsageTest(CliTest):
     def test_wrong_values_are_status_two_with_a_hint(self):
-        collect = ["collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "x"]
         for arguments, hint in [
                 (["--output", ""], "the name is empty"),
                 (["--allow", ""], "the name is empty"),
@@ -259,7 +255,7 @@ class CollectUsageTest(CliTest):
                 (["--stats", "0.0099"], "must be 0.01 or more"),
                 (["--bind", "tcp://127.0.0.1:99999"], "must be tcp://HOST:PORT"),
                 (["--metrics", "127.0.0.1:65536"], "must be HOST:PORT")]:
-            result = self.run_tool(*(collect + arguments))
+            result = self.run_collect(*arguments)
             self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
             self.assertIn(hint, result.stderr)
 
@@ -328,8 +324,7 @@ class CollectStatsTest(CliTest):
             agent.send(b"no event")
             agent.send_multipart([one, two])
             wait_for(lambda: len(collector.lines()) == 2 * (number + 1), "the events")
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
         self.assertGreater(collector.stderr.count("[stats] "), 2)
         size = 40 * (len(one) + len(two))
         self.assertEqual(self.reports(collector), {
@@ -351,9 +346,8 @@ class CollectStatsTest(CliTest):
         self.keygen()
         main, side = pty.openpty()
         fcntl.ioctl(side, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
-        collector = self.start(
-            "collect", "--bind", "tcp://127.0.0.1:*", "--secret-key", "server.secret", "--stats",
-            "0.05", *output, stdout=side, stderr=side, env={**os.environ, "TERM": terminal})
+        collector = self.start(*self.BIND, "tcp://127.0.0.1:*", "--stats", "0.05", *output,
+                               stdout=side, stderr=side, env={**os.environ, "TERM": terminal})
         os.close(side)
         written = bytearray()
         reader = os.fdopen(main, "rb", 0)
@@ -394,8 +388,7 @@ class CollectStatsTest(CliTest):
         wait_for(lambda: b"all: 20 agents, 1 bad" in written, "the bad message")
         drawn = written.count(b"events/s")
         wait_for(lambda: written.count(b"events/s") > drawn + 3, "further tables")
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
         wait_for(lambda: b"multi-part messages: 0" in written, "the totals")
         lines = self.screen(written)
         self.assertNotIn("[stats]", "\n".join(lines))
@@ -420,18 +413,12 @@ class CollectStatsTest(CliTest):
 @needs_zmq
 class CollectMetricsTest(CliTest):
     def collect_with_metrics(self, *arguments, **options):
-        collector = self.collect("--metrics", "127.0.0.1:0", *arguments, **options)
-        collector.url = re.search(r"metrics on (http://127\.0\.0\.1:[1-9]\d*/metrics)\n",
-                                  collector.stderr).group(1)
-        return collector
+        return self.collect("--metrics", "127.0.0.1:0", *arguments, **options)
 
-    @staticmethod
-    def scrape(collector):
+    def scrape(self, collector):
         """Name with labels -> value; every line must be well formed."""
-        with urllib.request.urlopen(collector.url, timeout=DEADLINE) as answer:
-            text = answer.read().decode("utf-8")
         values = {}
-        for line in text.split("\n")[:-1]:
+        for line in self.get(collector, "metrics")[1].split("\n")[:-1]:
             if line.startswith("#"):
                 continue
             name, labels, value = re.fullmatch(
@@ -445,8 +432,7 @@ class CollectMetricsTest(CliTest):
     def test_limit_of_open_files_is_raised(self):
         collector = self.collect_with_metrics(
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (100, 300)))
-        with urllib.request.urlopen(collector.url, timeout=DEADLINE) as answer:
-            self.assertIn(b"\nprocess_max_fds 300\n", answer.read())
+        self.assertIn("\nprocess_max_fds 300\n", self.get(collector, "metrics")[1])
 
     def test_connections_leave_open_files_for_the_output_and_for_scrapes(self):
         collector = self.collect_with_metrics(
@@ -474,9 +460,8 @@ class CollectMetricsTest(CliTest):
 
     def test_scrape_has_the_counts_of_the_moment(self):
         collector = self.collect_with_metrics("--most-agents", "1")
-        url = re.search(r"status on (\S+)", collector.stderr).group(1)
-        with urllib.request.urlopen(url + "status.json", timeout=DEADLINE) as answer:
-            self.assertEqual(json.load(answer)["endpoints"], [collector.endpoint])
+        self.assertEqual(json.loads(self.get(collector, "status.json")[1])["endpoints"],
+                         [collector.endpoint])
         agent = self.agent(collector.endpoint)
         event = make_event(agent=b'a"b\\c\nd\xff')
         for message in (event, b"", b"no event", event):
@@ -500,15 +485,13 @@ class CollectMetricsTest(CliTest):
         agent.send(make_event(agent=b"another"))
         wait_for(lambda: self.scrape(collector).get('agent_events_total{agent="(others)"}') == 3,
                  "the first agent to make room")
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
 
 
 @needs_zmq
 class CollectRefusalsTest(CliTest):
     def test_refused_connections_are_told_by_reason_and_counted(self):
         collector = self.collect("--metrics", "127.0.0.1:0")
-        url = re.search(r"metrics on (\S+)", collector.stderr).group(1)
         address = ("127.0.0.1", int(collector.endpoint.split(":")[-1]))
         self.assertIn("zmq.public_key = " + read_file("server.public"), collector.stderr)
 
@@ -518,9 +501,8 @@ class CollectRefusalsTest(CliTest):
             client.sendall(text)
 
         def refused(reason):
-            with urllib.request.urlopen(url, timeout=DEADLINE) as answer:
-                return int(re.search(r'handshakes_failed_total\{reason="%s"\} (\d+)' % reason,
-                                     answer.read().decode()).group(1))
+            return int(re.search(r'handshakes_failed_total\{reason="%s"\} (\d+)' % reason,
+                                 self.get(collector, "metrics")[1]).group(1))
 
         idle = socket.create_connection(address, DEADLINE)
         self.addCleanup(idle.close)
@@ -544,12 +526,10 @@ class CollectRefusalsTest(CliTest):
             raw(b"x" * 100)
         wait_for(lambda: refused("protocol") == 21, "the others")
         self.assertEqual(collector.stderr.count(" refused: "), 10)
-        with urllib.request.urlopen(url, timeout=DEADLINE) as answer:
-            self.assertIn(b"\nzmqwriter_collect_connections 1\n", answer.read())
+        self.assertIn("\nzmqwriter_collect_connections 1\n", self.get(collector, "metrics")[1])
         good.send(b"rubbish")
         wait_for(lambda: "message 2 from 127.0.0.1 skipped: " in collector.stderr, "the peer's name")
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
 
 
 @needs_zmq
@@ -568,8 +548,7 @@ class CollectAllowTest(CliTest):
         for keys in (known, listed_upper):
             self.agent(collector.endpoint, keys=keys).send(make_event(uid=b"known"))
         wait_for(lambda: len(collector.lines()) == 2, "the listed clients' events")
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
         self.assertEqual([json.loads(line)["uid"] for line in collector.lines()], ["known"] * 2)
         self.assertEqual(totals(collector)["clients let in"], 2)
         self.assertGreaterEqual(totals(collector)["clients turned away"], 1)
@@ -645,8 +624,7 @@ class CollectHostileTest(CliTest):
         agent.send(last)
         sent["event"] += 1
         wait_for(lambda: read_file("events", "rb").endswith(last), "the last event")
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
 
         report = re.search(r"s: (\d+) events .*, (\d+) empty .*, (\d+) malformed .*, "
                            r"(\d+) multi-part", collector.stderr)
@@ -681,9 +659,8 @@ class CollectFullDiskTest(CliTest):
         agent = self.start("replay", "--settings", "settings", "--plugin", PLUGIN, "things.log")
         wait_for(lambda: "Switched to secondary server" in agent.stderr, "the failover")
         wait_for(lambda: read_file("events").count("\n") > 1, "events on the secondary")
-        url = re.search(r"metrics on (\S+)", primary.stderr).group(1)
-        stalled = lambda: re.search(r"^zmqwriter_collect_output_stalled (\d)$", urllib.request.urlopen(
-            url, timeout=DEADLINE).read().decode(), re.M).group(1)
+        stalled = lambda: re.search(r"^zmqwriter_collect_output_stalled (\d)$",
+                                    self.get(primary, "metrics")[1], re.M).group(1)
         self.assertEqual(stalled(), "1")
         content = read_file("disk/events")
         self.assertTrue(content.endswith("}\n"), "the file ends inside an event: " + content[-60:])
@@ -693,8 +670,7 @@ class CollectFullDiskTest(CliTest):
         self.assertIn("is back online", agent.stderr)
         self.assertEqual(stalled(), "0")
         for collector in (primary, secondary):
-            collector.popen.send_signal(signal.SIGTERM)
-            self.assertEqual(collector.wait(), 0, collector.stderr)
+            self.end(collector)
         self.assertEqual(primary.stderr.count("warning: cannot write the output: No space left on "
                                               "device; receiving pauses"), 1)
         self.assertEqual(primary.stderr.count("the output accepts events again"), 1)
@@ -709,19 +685,16 @@ class CollectFullDiskTest(CliTest):
     def test_exit_on_full_ends_while_there_is_room_for_all_that_agents_have_sent(self):
         self.mount_disk(76)
         collector = self.collect("--output", "disk/events", "--exit-on-full")
-        agent = self.agent(collector.endpoint, sndhwm=1, immediate=1, sndtimeo=1000)
-        sent = 0
-        with self.assertRaises(zmq.Again):
-            while True:
-                agent.send(make_event(uid=b"C%d" % sent, details=b"x" * 10000))
-                sent += 1
+        sent = self.send_until_it_blocks(
+            self.agent(collector.endpoint, sndhwm=1, immediate=1),
+            (make_event(uid=b"C%d" % n, details=b"x" * 10000) for n in itertools.count()),
+            lambda: collector.popen.poll() is not None)
         self.assertEqual(collector.wait(), 1)
         self.assertIn("disk/events: less than 72 MiB are free", collector.stderr)
         # One in the agent's queue, one on its way to the socket.
         self.assertLessEqual(sent - read_file("disk/events").count("\n"), 2)
         write_file("disk/other", b"x" * (8 << 20))
-        again = self.run_tool("collect", "--bind", "tcp://127.0.0.1:*", "--secret-key",
-                              "server.secret", "--output", "disk/events", "--exit-on-full")
+        again = self.run_collect("--output", "disk/events", "--exit-on-full")
         self.assertEqual(again.returncode, 1)
         self.assertNotIn("listening on", again.stderr)
 
@@ -732,12 +705,9 @@ class CollectFullDiskTest(CliTest):
             "--output", "events", "--format", "raw", "--exit-on-full",
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit)))
         event = make_event(details=b"x" * 333)
-        agent = self.agent(collector.endpoint, sndhwm=1, immediate=1, sndtimeo=1000)
-        sent = 0
-        with self.assertRaises(zmq.Again):
-            while True:
-                agent.send(event)
-                sent += 1
+        sent = self.send_until_it_blocks(
+            self.agent(collector.endpoint, sndhwm=1, immediate=1), itertools.repeat(event),
+            lambda: collector.popen.poll() is not None)
         self.assertEqual(collector.wait(), 1)
         self.assertIn("cannot write the output: File too large", collector.stderr)
         written = unframed(read_file("events", "rb"))
@@ -766,19 +736,6 @@ class CollectFullDiskTest(CliTest):
 
 @needs_zmq
 class CollectPressureTest(CliTest):
-    @staticmethod
-    def send_until_it_blocks(agent, messages):
-        """How many could be sent before nothing was taken for a whole second."""
-        agent.sndtimeo = 1000
-        sent = 0
-        try:
-            for message in messages:
-                agent.send(message)
-                sent += 1
-        except zmq.Again:
-            pass
-        return sent
-
     def test_stalled_reader_costs_neither_memory_nor_events(self):
         # 160 MB are on offer, of which 64 events wait in libzmq; of the large ones, in the worst
         # case beside what they were decrypted from.
@@ -789,14 +746,12 @@ class CollectPressureTest(CliTest):
             events = [make_event(uid=b"C%05d" % number, details=details)
                       for number in range(count)]
             before = memory_kb(collector.popen) if can_measure_memory() else None
-            sent = self.send_until_it_blocks(agent, events)
-            self.assertLess(sent, count, "the collector took everything while nobody read")
-            wait_for(lambda: "warning: nobody reads the output" in collector.stderr, "the warning")
+            sent = self.send_until_it_blocks(
+                agent, events, lambda: "warning: nobody reads the output" in collector.stderr)
             received = []
             thread = threading.Thread(
                 target=lambda: received.append(reader.read(count * (4 + len(events[0])))))
             thread.start()
-            agent.sndtimeo = DEADLINE * 1000
             for event in events[sent:]:
                 agent.send(event)
             thread.join(DEADLINE)
@@ -810,7 +765,8 @@ class CollectPressureTest(CliTest):
                                                    "127.0.0.1:0")
         agent = self.agent(collector.endpoint, sndhwm=1)
         events = [make_event(uid=b"C%03d" % number, details=b"x" * 3000) for number in range(2000)]
-        sent = self.send_until_it_blocks(agent, events)
+        sent = self.send_until_it_blocks(
+            agent, events, lambda: "warning: nobody reads the output" in collector.stderr)
         key = bytes.fromhex(read_file("server.public"))
 
         def connect():  # refused until the collector has looked at its memory again
@@ -828,12 +784,9 @@ class CollectPressureTest(CliTest):
             wait_for(lambda: memory_kb(collector.popen) < 60 * 1024, "the memory to be free")
         self.assertLess(memory_kb(collector.popen, "VmHWM"), 160 * 1024)
         self.assertIn(" ended: more than --max-memory is in use", collector.stderr)
-        address = re.search(r"status on (\S+)", collector.stderr).group(1)
-        with urllib.request.urlopen(address + "status.json", timeout=DEADLINE) as answer:
-            memory = json.load(answer)["memory"]
+        memory = json.loads(self.get(collector, "status.json")[1])["memory"]
         self.assertGreaterEqual(memory["connections_ended"], 2)
         self.assertEqual(memory["limit"], 100 << 20)
-        agent.sndtimeo = DEADLINE * 1000
         thread = threading.Thread(target=lambda: [agent.send(event) for event in events[sent:]])
         thread.start()
         lines = [json.loads(reader.readline())["uid"] for _ in events]
@@ -864,16 +817,19 @@ class CollectPressureTest(CliTest):
         context.term()
 
     def test_time_out_after_a_pause_takes_what_came_meanwhile(self):
-        collector = self.collect("--timeout", "1")
-        agent = self.agent(collector.endpoint)
-        agent.send(make_event())
-        wait_for(collector.lines, "the first event")
-        collector.popen.send_signal(signal.SIGSTOP)
+        for time_out in (1, 20):  # a slow machine needs longer to connect
+            collector = self.collect("--timeout", str(time_out))
+            agent = self.agent(collector.endpoint)
+            agent.send(make_event())
+            wait_for(lambda: collector.lines() or collector.popen.poll() is not None, "an event")
+            collector.popen.send_signal(signal.SIGSTOP)
+            if collector.lines():
+                break
         stopped = time.monotonic()
         for _ in range(50):
             agent.send(make_event())
         self.wait_until_handed_over(agent)
-        wait_for(lambda: time.monotonic() - stopped > 1.2, "the time-out to pass")
+        wait_for(lambda: time.monotonic() - stopped > time_out, "the time-out to pass")
         collector.popen.send_signal(signal.SIGCONT)
         self.assertEqual(collector.wait(), 0)
         self.assertEqual(totals(collector)["events"], 51)
@@ -958,17 +914,9 @@ class CollectPressureTest(CliTest):
         for _ in range(200):
             agent.send(make_event(details=b"x" * 3000))
         wait_for(lambda: readable_bytes(reader) > 32768, "the full pipe")
-        collector.popen.send_signal(signal.SIGTERM)
-        wait_for(lambda: self.caught_no_more(collector.popen.pid, signal.SIGTERM), "the first signal")
+        collector.signal(signal.SIGTERM)
         collector.popen.send_signal(signal.SIGTERM)
         self.assertEqual(collector.wait(), -signal.SIGTERM)
-
-    def caught_no_more(self, pid, number):
-        """Whether the handler, which works once, has been used up."""
-        if not os.path.exists("/proc/self/status"):
-            self.skipTest("needs /proc")
-        caught = int(re.search(r"SigCgt:\s+(\w+)", read_file("/proc/%d/status" % pid)).group(1), 16)
-        return not caught & 1 << number - 1
 
     def test_agents_of_several_endpoints_get_everything_through_at_a_stop(self):
         collector = self.collect("--bind", "tcp://127.0.0.1:*", "--output", "events", "--format",

@@ -1,16 +1,19 @@
 """zmqwriter replay --follow: a growing log arrives once, through rotation, restarts and SIGKILL."""
 
 import collections
+import glob
 import gzip
+import itertools
 import json
 import os
 import random
+import re
 import signal
 import threading
 import time
 import unittest
 
-from cli_support import read_file, wait_for, write_file
+from cli_support import Port, open_files, read_file, wait_for, write_file
 from replay_test import HEADER, ReplayTestCase, log_of
 
 RECORD = "%d.5\tC%d\t%d\n"
@@ -37,6 +40,12 @@ class FollowTestCase(ReplayTestCase):
     def wait_for_uids(self, collector, *uids):
         wait_for(lambda: len(collector.lines()) >= len(uids), "%d events" % len(uids))
         self.assertEqual([event["uid"] for event in self.events(collector, len(uids))], list(uids))
+
+    @staticmethod
+    def positions():
+        """Of the only log's files, as the state has them: inode, and where reading goes on."""
+        return [tuple(map(int, found)) for found in
+                re.findall(r'"inode":(\d+),"offset":(\d+)', read_file("state"))]
 
     def collect_for_follow(self):
         collector = self.collect("--quiet")
@@ -73,8 +82,15 @@ class Writer(threading.Thread):
 class RotationTest(FollowTestCase):
     """A writer appends and rotates at random while the replay is stopped and started at random."""
 
+    def covered(self):
+        """How many records the state takes for handed over; they have ascending numbers."""
+        logs = {os.stat(name).st_ino: name for name in glob.glob(self.LOG[:-4] + "*")}
+        numbers = [re.findall(rb"\tC(\d+)", read_file(logs[inode], "rb")[:offset])
+                   for inode, offset in self.positions()]
+        return max((int(found[-1]) + 1 for found in numbers if found), default=0)
+
     def run_writer(self, number, pauses):
-        """Returns how often each record arrived, and the most that one restart may repeat."""
+        """Returns how often each record arrived, and how many the restarts may repeat."""
         seed = int(os.environ.get("ZMQWRITER_SEED") or time.time())
         print("seed", seed)
         chance = random.Random(seed)
@@ -84,8 +100,8 @@ class RotationTest(FollowTestCase):
         wait_for(lambda: "waiting for it" in replay.stderr, "the start")
         writer.start()
         self.addCleanup(writer.join)
-        restarts, said = 0, []
-        while writer.is_alive():
+        restarts, in_work, said = 0, 0, []
+        while writer.is_alive() or restarts < 2:
             time.sleep(chance.uniform(*pauses))
             replay.popen.send_signal(number)
             status = replay.wait()
@@ -94,9 +110,9 @@ class RotationTest(FollowTestCase):
                           replay.stderr)
             self.assertNotIn("not in the folder any more", replay.stderr)
             restarts += 1
+            in_work += min(2000, writer.written - self.covered())
             said.append(replay.stderr)
             replay = self.follow()
-        self.assertGreater(restarts, 1)
         expected = ["C%d" % n for n in range(writer.written)]
         arrived = lambda: collections.Counter(json.loads(line)["uid"] for line in collector.lines())
         try:
@@ -105,17 +121,17 @@ class RotationTest(FollowTestCase):
             self.fail("missing of %d: %s\n%s\n%s" % (len(expected), sorted(set(expected) - set(
                 arrived()), key=lambda uid: int(uid[1:]))[:50], "\n".join(said), replay.stderr))
         self.stop_follow(replay)
-        return arrived()
+        return arrived(), in_work
 
     def test_each_record_arrives_once_through_rotations_and_restarts(self):
-        arrived = self.run_writer(signal.SIGTERM, (0.0, 1.0))
+        arrived, _ = self.run_writer(signal.SIGTERM, (0.0, 1.0))
         self.assertEqual(set(arrived.values()), {1}, arrived.most_common(5))
 
     def test_sigkill_loses_none_and_repeats_only_what_was_in_work(self):
-        arrived = self.run_writer(signal.SIGKILL, (0.3, 1.5))
+        arrived, in_work = self.run_writer(signal.SIGKILL, (0.3, 1.5))
         repeated = sum(arrived.values()) - len(arrived)
-        print("repeated", repeated, "of", len(arrived))
-        self.assertLess(repeated, len(arrived) / 2)
+        print("repeated", repeated, "of", len(arrived), "with", in_work, "in work")
+        self.assertLessEqual(repeated, in_work)
 
 
 class FollowTest(FollowTestCase):
@@ -129,22 +145,25 @@ class FollowTest(FollowTestCase):
         wait_for(lambda: "waiting for it\n" in replay.stderr, "word")
         time.sleep(6)  # without a writer the plug-in does not run: no reason to give up
         header = HEADER % "things"
-        delays = []
         for n, text in enumerate((header[:30], header[30:] + "0.5\tC", "0\t0", "\n1.5\tC1\t1\n",
                                   "#close\tnow\n#fields\tuid\n", "#types\tstring\n", "C2\n",
                                   "#separator ;\n#fields;ts;uid\n#types;time;string\n3;C3\n",
                                   "4;C4\n", "5;C5\n")):
             self.append(text)
-            begin = time.monotonic()
             arrived = [0, 0, 0, 2, 2, 2, 3, 4, 5, 6][n]
             wait_for(lambda: len(collector.lines()) >= arrived, "the record")
-            delays.append(time.monotonic() - begin)
             time.sleep(0.12)  # the reader looks at what is there
-        self.wait_for_uids(collector, *["C%d" % n for n in range(6)])
-        self.assertLess(sorted(delays[-4:])[0], 1, "a busy machine may delay some")
+        for n in itertools.count(6):  # a busy machine may delay some
+            begin = time.monotonic()
+            self.append("%d;C%d\n" % (n, n))
+            wait_for(lambda: len(collector.lines()) > n, "the record")
+            if time.monotonic() - begin < 1:
+                break
+            self.assertLess(n, 50)
+        self.wait_for_uids(collector, *["C%d" % number for number in range(n + 1)])
         self.assertEqual(replay.stderr.count("waiting for it"), 1)
         said = self.stop_follow(replay)
-        self.assertIn("things.log: 6 records\n", said)
+        self.assertIn("things.log: %d records\n" % (n + 1), said)
         self.assertIn("\nleft: nothing\n", said)
         self.assertIs(json.loads(read_file("state"))["exact"], True)
 
@@ -234,10 +253,8 @@ class FollowTest(FollowTestCase):
         self.assertNotIn("is not the file that was read", self.stop_follow(replay))
 
     def test_server_that_is_away_is_waited_for_and_nothing_is_sent_twice(self):
-        collector = self.collect_for_follow()
-        endpoint = collector.endpoint
-        collector.popen.kill()
-        collector.wait()
+        port = Port()
+        self.settings_for(port.endpoint)
         self.append(log_of(5))
         replay = self.follow("--drain", "1", self.LOG)
         wait_for(lambda: "is not responding" in replay.stderr, "the attempt")
@@ -251,25 +268,21 @@ class FollowTest(FollowTestCase):
         for number in range(1, 4):
             os.rename(self.LOG, "things.log.1")
             self.append(HEADER % "things" + self.numbers(*range(number * 1000, number * 1000 + 1000)))
-            wait_for(lambda: self.is_open(replay, self.LOG), "a look")
+            if os.path.exists("/proc/self/fd"):
+                wait_for(lambda: os.path.abspath(self.LOG) in open_files(replay.popen.pid), "a look")
+            else:
+                time.sleep(2)
             os.remove("things.log.1")
-        collector = self.start("collect", "--bind", endpoint, "--secret-key", "server.secret")
+        collector = self.collect(endpoint=port.endpoint)
         self.assert_each_once(collector, 4000)
         self.assertNotIn("gave up", self.stop_follow(replay))
-
-    @staticmethod
-    def is_open(replay, name):
-        folder = "/proc/%d/fd/" % replay.popen.pid
-        if not os.path.exists(folder):
-            return time.sleep(0.5) is None
-        return any(os.path.exists(folder + entry) and os.path.samefile(folder + entry, name)
-                   for entry in os.listdir(folder))
 
     def test_reading_pauses_while_positions_cannot_be_written(self):
         collector = self.collect_for_follow()
         self.append(log_of(1))
         replay = self.follow()
         self.assert_each_once(collector, 1)
+        wait_for(lambda: self.positions()[0][1] == os.path.getsize(self.LOG), "positions that stay")
         os.mkdir("state.new")
         self.append(self.numbers(*range(1, 6000)))
         wait_for(lambda: "state.new: cannot write the state: Is a directory; reading pauses" in

@@ -12,11 +12,10 @@ import socket
 import ssl
 import struct
 import subprocess
-import sys
 import time
 import unittest
 
-from cli_support import BUILD_DIR, DEADLINE, read_file, wait_for, write_file
+from cli_support import BUILD_DIR, DEADLINE, Port, read_file, wait_for, write_file
 from curve_client import sodium
 
 NATS_SERVER = shutil.which("nats-server") or shutil.which("nats-server", path="/usr/sbin")
@@ -24,20 +23,6 @@ CACHE = os.path.join(BUILD_DIR, "CMakeCache.txt")
 WITH_NATS = not os.path.exists(CACHE) or "ZMQWRITER_HAS_NATS:INTERNAL=ON" in read_file(CACHE)
 needs_nats = unittest.skipUnless(NATS_SERVER and WITH_NATS,
                                  "needs nats-server, and a program that was built with libnats")
-
-
-class Port:
-    """A free port. Linux gives it to nobody else while a socket of this process is bound to it."""
-
-    def __init__(self, host="127.0.0.1"):
-        bound = socket.socket()
-        bound.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        bound.bind((host, 0))
-        self.number = bound.getsockname()[1]
-        if sys.platform == "linux":
-            self.descriptor = bound.detach()
-        else:
-            bound.close()
 
 
 class NatsServer:
@@ -210,7 +195,7 @@ class NatsClient:
         self.socket.sendall(f"{'HPUB' if block else 'PUB'} {subject} {reply} {sizes}\r\n".encode()
                             + block + payload + b"\r\n")
 
-    def receive(self, timeout=10):
+    def receive(self, timeout=30):
         """The next message: its subject, reply, status line and headers, payload."""
         self.socket.settimeout(timeout)
         while True:
@@ -226,7 +211,7 @@ class NatsClient:
                 return words[0], reply, status, dict(
                     re.split(": ?", header, maxsplit=1) for header in headers if header), body[size:]
 
-    def request(self, subject, payload=None, timeout=10, headers=None):
+    def request(self, subject, payload=None, timeout=30, headers=None):
         """The answer as an object. Raises NatsError with the words of a refusal."""
         self.requests += 1
         inbox = f"{self.inbox}.{self.requests}"
@@ -258,7 +243,7 @@ class NatsClient:
     def delete_stream(self, name):
         return self.request("$JS.API.STREAM.DELETE." + name)
 
-    def stream(self, name, timeout=10):
+    def stream(self, name, timeout=30):
         """What the engine tells about the stream: "config", "state", "cluster"."""
         return self.request("$JS.API.STREAM.INFO." + name, timeout=timeout)
 
@@ -285,7 +270,7 @@ class NatsClient:
             inbox = f"{self.inbox}.{self.requests}"
             self.publish(ask, json.dumps({"batch": batch, "no_wait": True}).encode(), inbox)
             for _ in range(batch):
-                subject, _, status, headers, payload = self.receive(30)
+                subject, _, status, headers, payload = self.receive()
                 if status.startswith("NATS/1.0 "):
                     waiting = False
                     break

@@ -19,8 +19,8 @@ import time
 import unittest
 
 from bro_log import BroLog, PAYLOADS, expected_event
-from cli_support import (CliTest, PLUGIN, SOURCE_DIR, ZMQWRITER, read_file, totals, wait_for,
-                         write_file)
+from cli_support import (CliTest, DEADLINE, PLUGIN, Port, SOURCE_DIR, ZMQWRITER, open_files, read_file, totals,
+                         wait_for, write_file)
 
 SAMPLES = os.path.join(SOURCE_DIR, "samples")
 EXTRA_LOGS = os.environ.get("ZMQWRITER_EXTRA_LOGS", "")
@@ -103,8 +103,7 @@ class EndToEndTest(ReplayTestCase):
         self.assertEqual(sorted((expected - received).elements()), [], "records that are missing")
         self.assertEqual(sorted((received - expected).elements()), [], "events too many")
 
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
         end = totals(collector)
         self.assertEqual((end["empty messages"], end["malformed messages"]), (0, 0))
         self.assertIn("read: %d records from %d log" % (len(events), len(files)), replay.stderr)
@@ -305,7 +304,7 @@ class LogInputTest(ReplayTestCase):
             replay = subprocess.run(
                 ["sh", "-c", "(cat start; yes | tr -d '\\n' | head -c 600000000) | exec %s replay "
                  "--settings settings --drain 1 --plugin %s -" % (ZMQWRITER, PLUGIN)],
-                capture_output=True, text=True, timeout=120)
+                capture_output=True, text=True, timeout=DEADLINE)
             self.assertEqual(replay.returncode, 1)
             self.assertIn(reason, replay.stderr)
         self.assertLess(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss, 400000)
@@ -417,14 +416,11 @@ class BackPressureTest(ReplayTestCase):
 
     def test_server_that_is_late_gets_everything(self):
         write_file("a.log", log_of(20))
-        first = self.collect()
-        endpoint = first.endpoint
-        first.popen.kill()
-        first.wait()
-        self.settings_for(endpoint)
+        port = Port()
+        self.settings_for(port.endpoint)
         replay = self.start_replay("a.log")
         wait_for(lambda: "is not responding" in replay.stderr, "the warning about the server")
-        late = self.start("collect", "--bind", endpoint, "--secret-key", "server.secret")
+        late = self.collect(endpoint=port.endpoint)
         self.assertEqual(replay.wait(), 0, replay.stderr)
         self.assert_each_once(late, 20)
 
@@ -547,11 +543,10 @@ class EndTest(SpoolTestCase):
             file.write(b"ZMQF" + struct.pack("<II", 12 + 4 * records, records))
             file.truncate(12 + 4 * records)
         replay = self.start_replay("a.log")
-        descriptors = "/proc/%d/fd/" % replay.popen.pid
-        if not os.path.exists(descriptors):
+        if not os.path.exists("/proc/self/fd"):
             self.skipTest("needs /proc")
-        wait_for(lambda: any(os.readlink(descriptors + name).endswith("queue.dat")
-                             for name in os.listdir(descriptors)), "the look")
+        wait_for(lambda: os.path.abspath(self.SPOOL + "/queue.dat") in open_files(replay.popen.pid),
+                 "the look")
         replay.popen.send_signal(signal.SIGINT)
         self.assertEqual(replay.wait(), -signal.SIGINT)
 
@@ -692,8 +687,7 @@ class SpoolBeforeAStartTest(SpoolTestCase):
     def test_start_with_damaged_files_sends_what_is_no_event_and_deletes_them(self):
         self.put_damaged_files_before_the_good_one()
         collector = self.run_well("--ignore-spool")
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
         self.assertGreater(totals(collector)["malformed messages"], 0, collector.stderr)
         self.assertEqual(os.listdir(self.SPOOL), ["queue.dat.before-repair"])
 
@@ -716,8 +710,7 @@ class WrongKeyTest(ReplayTestCase):
             self.assertIn("gave up: no record was sent for 1 seconds\n", replay.stderr)
             self.assertIn("\nsent so far: 0 messages", replay.stderr)
             self.assertIn("\nlost: at most 1 record,", replay.stderr)
-        collector.popen.send_signal(signal.SIGTERM)
-        self.assertEqual(collector.wait(), 0)
+        self.end(collector)
         end = totals(collector)
         self.assertEqual((end["events"], end["empty messages"], end["malformed messages"],
                           end["multi-part messages"]), (0, 0, 0, 0))
