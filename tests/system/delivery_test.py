@@ -10,8 +10,6 @@ where "accepted" are the successful sends that the worker counted, "given up" is
 when Stop came and could not be sent, and "lost" is what libzmq had accepted and a server took down
 with it.
 
-    DELIVERY_PROGRAMS=<folder with the two programs> python3 delivery_test.py [Outages.test_name]
-
 A failed send takes about 7 seconds, so these tests mostly wait. ZMQWRITER_SOAK_SECONDS=600 makes the
 soak run for that long; without it the soak is skipped. ZMQWRITER_SEED repeats its kills.
 """
@@ -19,18 +17,17 @@ soak run for that long; without it the soak is skipped. ZMQWRITER_SEED repeats i
 import collections
 import os
 import random
-import shutil
 import signal
 import socket
 import subprocess
 import sys
-import tempfile
 import threading
 import time
 import unittest
 
-PROGRAMS = os.environ.get("DELIVERY_PROGRAMS", ".")
-ANY_PORT = "tcp://127.0.0.1:*"
+from cli_support import BUILD_DIR, CliTest, DEADLINE, Port, Process, wait_for
+
+PROGRAMS = os.path.join(BUILD_DIR, "tests")
 
 NOT_RESPONDING = "is not responding, 5 minutes timeout..."
 BACK_ONLINE = "is back online"
@@ -39,73 +36,44 @@ SECONDARY_GONE = "warning: Secondary server"
 NOBODY = "Could not connect to any of secondary servers!"
 
 
-class Process:
-    """A child whose lines of standard output are read as they come."""
+class Program(Process):
+    def __init__(self, name, *arguments, folder="."):
+        super().__init__(list(arguments), program=os.path.join(PROGRAMS, name), cwd=folder,
+                         stdin=subprocess.PIPE, stderr=None)
 
-    def __init__(self, arguments, folder):
-        self.lines = []
-        self._news = threading.Condition()
-        self._open = True
-        self.process = subprocess.Popen(
-            [os.path.join(PROGRAMS, arguments[0])] + arguments[1:], cwd=folder,
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
-
-    def _read(self):
-        for line in self.process.stdout:
-            with self._news:
-                self.lines.append(line.rstrip("\n"))
-                self._news.notify_all()
-        with self._news:
-            self._open = False
-            self._news.notify_all()
+    def text_lines(self):
+        return [line.decode() for line in self.lines()]
 
     def count(self, part):
-        with self._news:
-            return sum(part in line for line in self.lines)
+        return sum(part in line for line in self.text_lines())
 
-    def wait_for(self, part, times=1, start=0, deadline=60):
+    def wait_for(self, part, times=1, start=0):
         """Waits until `part` stands in so many lines from `start` on; gives the last of them."""
-        end = time.monotonic() + deadline
-        with self._news:
-            while True:
-                found = [line for line in self.lines[start:] if part in line]
-                if len(found) >= times:
-                    return found[times - 1]
-                left = end - time.monotonic()
-                if left <= 0 or not self._open:
-                    why = "after %d s" % deadline if self._open else "before its end"
-                    raise AssertionError("%r did not come %d times %s; last lines: %r" %
-                                         (part, times, why, self.lines[-12:]))
-                self._news.wait(left)
+        def found():
+            ended = self.popen.poll() is not None
+            if ended:
+                self.wait()  # until all is read
+            lines = [line for line in self.text_lines()[start:] if part in line]
+            assert len(lines) >= times or not ended, "ended without %r: %r" % (part, self.text_lines())
+            return lines[times - 1] if len(lines) >= times else None
+        return wait_for(found, "%r %d times" % (part, times))
 
-    def signal(self, number):
-        self.process.send_signal(number)
-
-    def kill(self):
-        if self.process.poll() is None:
-            self.process.kill()
-        self.process.wait()
-        self._reader.join()
-        self.process.stdin.close()
-        self.process.stdout.close()
+    def stop(self):
+        super().stop()
+        self.popen.stdin.close()
 
 
-class Collector(Process):
-    """A server. What it received stands in a file, so that it outlives being killed."""
+class Collector(Program):
+    """A server that can be started again. What it received stands in a file, so that it outlives
+    being killed."""
 
-    def __init__(self, folder, name, endpoint=ANY_PORT, secret="new"):
-        self.file = os.path.join(folder, name + ".received")
-        super().__init__(["delivery_collector", endpoint, self.file, secret], folder)
+    def __init__(self, name, secret="new", port=None):
+        self.name, self.port, self.file = name, port or Port(), name + ".received"
+        self.endpoint = self.port.endpoint
+        super().__init__("delivery_collector", self.endpoint, self.file, secret)
         if secret != "null":
             _, self.public_key, self.secret = self.wait_for("key ").split()
-        self.endpoint = self.wait_for("bound ").split()[1]
-        self.folder, self.name = folder, name
-
-    def again(self):
-        """The same server, after it was killed."""
-        return Collector(self.folder, self.name, self.endpoint, self.secret)
+        self.wait_for("bound ")
 
     def received(self):
         try:
@@ -116,25 +84,25 @@ class Collector(Process):
 
     def end(self):
         """Lets it take what is on its way."""
-        if self.process.poll() is None:
-            self.signal(signal.SIGTERM)
-            self.process.wait(60)
-        self.kill()
+        if self.popen.poll() is None:
+            self.popen.send_signal(signal.SIGTERM)
+            self.wait()
+        self.stop()
 
 
-class Writer(Process):
+class Writer(Program):
     Status = collections.namedtuple("Status", "queued in_work spooled accepted failed")
+    total = 0
 
-    def __init__(self, folder, server, key, secondaries=""):
-        super().__init__(["delivery_writer", server, key, secondaries], folder)
-        self.total = 0
-        self.folder = folder
+    def __init__(self, server, key, secondaries="", folder="."):
+        os.makedirs(os.path.join(folder, "orvik-spool"))
+        super().__init__("delivery_writer", server, key, secondaries, folder=folder)
 
-    def command(self, text, reply, deadline=60):
-        start = len(self.lines)
-        self.process.stdin.write(text + "\n")
-        self.process.stdin.flush()
-        return self.wait_for(reply, start=start, deadline=deadline)
+    def command(self, text, reply):
+        start = len(self.lines())
+        self.popen.stdin.write(text.encode() + b"\n")
+        self.popen.stdin.flush()
+        return self.wait_for(reply, start=start)
 
     def write(self, count, size=100):
         self.total = int(self.command("write %d %d" % (count, size), "written ").split()[1])
@@ -148,72 +116,51 @@ class Writer(Process):
     def status(self):
         return self.Status(*map(int, self.command("status", "status ").split()[1:]))
 
-    def drain(self, deadline=60):
+    def drain(self, deadline=DEADLINE):
         """Waits until everything that was written has been handed over."""
-        end = time.monotonic() + deadline
-        while time.monotonic() < end:
+        def drained():
             status = self.status()
-            if not (status.queued or status.in_work or status.spooled):
-                return
-            time.sleep(0.05)
-        raise AssertionError("not drained after %d s: %r" % (deadline, status))
+            return not (status.queued or status.in_work or status.spooled)
+        wait_for(drained, "everything to be handed over", deadline)
 
-    def stop(self, deadline=60):
+    def end(self):
         """Stop; gives what the flush dropped and the two counts."""
-        _, self.dropped, self.accepted, self.failed = (
-            self.command("stop", "stopped ", deadline).split())
         self.dropped, self.accepted, self.failed = map(
-            int, (self.dropped, self.accepted, self.failed))
-        self.process.wait(deadline)
-        return self.process.returncode
+            int, self.command("stop", "stopped ").split()[1:])
+        return self.wait()
 
     def rss_kb(self):
-        return int(subprocess.check_output(["ps", "-o", "rss=", "-p", str(self.process.pid)]))
+        return int(subprocess.check_output(["ps", "-o", "rss=", "-p", str(self.popen.pid)]))
 
 
-class Case(unittest.TestCase):
-    """A folder, processes that end with the test, and the account."""
-
-    def setUp(self):
-        self.folder = tempfile.mkdtemp(prefix="zmqwriter-delivery-")
-        os.mkdir(os.path.join(self.folder, "orvik-spool"))
-        self.processes = []
-
-    def tearDown(self):
-        for process in self.processes:
-            process.kill()
-        shutil.rmtree(self.folder)
+class Case(CliTest):
+    """Processes that end with the test, and the account."""
 
     def keep(self, process):
-        self.processes.append(process)
+        self.addCleanup(process.stop)
         return process
 
     def collector(self, name, **options):
-        return self.keep(Collector(self.folder, name, **options))
+        return self.keep(Collector(name, **options))
 
     def dead_collector(self, name, **options):
         """A server whose place is known and that is not there yet."""
         collector = self.collector(name, **options)
-        collector.kill()
+        collector.stop()
         return collector
 
     def again(self, collector):
-        return self.keep(collector.again())
+        """The same server, after it was killed."""
+        return self.collector(collector.name, secret=collector.secret, port=collector.port)
 
     def writer(self, primary, *secondaries):
-        return self.keep(Writer(self.folder, primary.endpoint, primary.public_key,
+        return self.keep(Writer(primary.endpoint, primary.public_key,
                                 ",".join(s.endpoint for s in secondaries)))
 
-    def wait(self, condition, deadline=60):
-        end = time.monotonic() + deadline
-        while not condition():
-            self.assertLess(time.monotonic(), end, "waited in vain")
-            time.sleep(0.02)
-
-    def left_on_disk(self):
-        out = subprocess.check_output([os.path.join(PROGRAMS, "delivery_writer"), "spool"],
-                                      cwd=self.folder, text=True)
-        return out.split()
+    @staticmethod
+    def left_on_disk():
+        return subprocess.check_output([os.path.join(PROGRAMS, "delivery_writer"), "spool"],
+                                       text=True).split()
 
     def account(self, writer, collectors, ids=None, may_lose=0, lost_empty=0, given_up=0):
         """Ends the servers and checks that every record is accounted for. Gives the lost ones."""
@@ -253,23 +200,24 @@ class Outages(Case):
         primary = self.collector("primary")
         writer = self.writer(primary)
         # Standard output is a pipe here, and the lines come at once all the same.
-        writer.wait_for("Connecting to " + primary.endpoint, deadline=20)
-        writer.wait_for("Using zmq server " + primary.endpoint, deadline=20)
-        writer.wait_for("Using zmq public key " + primary.public_key, deadline=20)
+        writer.wait_for("Connecting to " + primary.endpoint)
+        writer.wait_for("Using zmq server " + primary.endpoint)
+        writer.wait_for("Using zmq public key " + primary.public_key)
         writer.write(5000)
         writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         self.account(writer, [primary])
         self.assertEqual(writer.failed, 0)
-        self.assertIn("ZMQ worker finished, sent 5000 messages, failed 0 times", writer.lines)
+        self.assertIn("ZMQ worker finished, sent 5000 messages, failed 0 times",
+                      writer.text_lines())
 
     def test_stop_flushes_what_waits_in_memory_and_leaves_the_rest_on_disk(self):
         primary = self.collector("primary")
-        primary.signal(signal.SIGSTOP)
+        primary.popen.send_signal(signal.SIGSTOP)
         writer = self.writer(primary)
         writer.write(3000, 3000)
-        primary.signal(signal.SIGCONT)
-        self.assertEqual(writer.stop(), 0)
+        primary.popen.send_signal(signal.SIGCONT)
+        self.assertEqual(writer.end(), 0)
         # Closing a socket, libzmq waits for its queue, but not for the system to take the batch of
         # 8192 bytes that it has made of the last messages: when the buffers are full just then,
         # up to three of these are lost.
@@ -281,15 +229,15 @@ class Outages(Case):
         primary = self.collector("primary")
         writer = self.writer(primary)
         writer.flow(1, 500)
-        self.wait(lambda: len(primary.received()) > 300)
-        primary.kill()
+        wait_for(lambda: len(primary.received()) > 300, "the messages")
+        primary.stop()
         writer.wait_for(NOT_RESPONDING)
         primary = self.again(primary)
         before = len(primary.received())
-        self.wait(lambda: len(primary.received()) > before + 300)
+        wait_for(lambda: len(primary.received()) > before + 300, "the messages")
         writer.halt()
         writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         ids = ["1.%08d" % i for i in range(writer.total)]
         # The design's own loss: what libzmq had accepted when the server died. It can be what one
         # batch, the sockets' buffers and the server's own queue of 1000 messages hold.
@@ -307,13 +255,13 @@ class Outages(Case):
         writer.write(2)
         writer.wait_for(NOT_RESPONDING)
         writer.wait_for(SWITCHED)
-        self.wait(lambda: len(secondary.received()) == 3, 30)
+        wait_for(lambda: len(secondary.received()) == 3, "the messages")
         self.assertEqual(secondary.received(), ["0.00000000", "(empty)", "0.00000001"])
         primary = self.again(primary)
         writer.write(100)
-        writer.wait_for(BACK_ONLINE, deadline=30)
+        writer.wait_for(BACK_ONLINE)
         writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         self.account(writer, [primary, secondary])
         self.assertEqual(writer.count(SWITCHED), 1)
         self.assertEqual(writer.count(SECONDARY_GONE), 0)
@@ -327,11 +275,11 @@ class Outages(Case):
         status = writer.status()
         self.assertTrue(status.spooled)
         self.assertGreaterEqual(status.queued, 499)
-        writer.wait_for(NOBODY, deadline=40)
+        writer.wait_for(NOBODY)
         primary = self.again(primary)
-        writer.wait_for(BACK_ONLINE, deadline=40)
+        writer.wait_for(BACK_ONLINE)
         writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         self.account(writer, [primary])
         self.assertEqual(len(primary.received()), 2000)
 
@@ -340,16 +288,16 @@ class Outages(Case):
         secondary = self.collector("secondary", secret=primary.secret)
         writer = self.writer(primary, secondary)
         writer.write(1)
-        writer.wait_for(SWITCHED, deadline=40)
-        self.wait(lambda: len(secondary.received()) == 2)
-        secondary.kill()
+        writer.wait_for(SWITCHED)
+        wait_for(lambda: len(secondary.received()) == 2, "the messages")
+        secondary.stop()
         writer.write(4)
-        writer.wait_for(SECONDARY_GONE, deadline=40)
+        writer.wait_for(SECONDARY_GONE)
         secondary = self.again(secondary)
-        writer.wait_for(SWITCHED, times=2, deadline=40)
+        writer.wait_for(SWITCHED, times=2)
         primary = self.again(primary)
         writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         # The secondary had taken everything that it was given before it was killed.
         self.account(writer, [primary, secondary])
 
@@ -358,13 +306,13 @@ class Outages(Case):
         writer = self.writer(primary)
         writer.write(100)
         writer.drain()
-        primary.signal(signal.SIGSTOP)
+        primary.popen.send_signal(signal.SIGSTOP)
         # More than the buffers of the sockets take.
         writer.write(2500, 8000)
         writer.wait_for(NOT_RESPONDING)
-        primary.signal(signal.SIGCONT)
+        primary.popen.send_signal(signal.SIGCONT)
         writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         self.account(writer, [primary])
 
     def test_frozen_server_killed_takes_what_was_on_its_way_with_it(self):
@@ -372,16 +320,16 @@ class Outages(Case):
         writer = self.writer(primary)
         writer.write(100)
         writer.drain()
-        self.wait(lambda: len(primary.received()) == 100)
-        primary.signal(signal.SIGSTOP)
+        wait_for(lambda: len(primary.received()) == 100, "the messages")
+        primary.popen.send_signal(signal.SIGSTOP)
         size = 8000
         writer.write(2500, size)
         writer.wait_for(NOT_RESPONDING)
         accepted = writer.status().accepted
-        primary.kill()
+        primary.stop()
         primary = self.again(primary)
         writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         # The design's own loss: "sent" means accepted by libzmq. All of it was accepted while the
         # server stood still, and it can be no more than the buffers of the two sockets hold.
         missing = self.account(writer, [primary], may_lose=accepted - 100)
@@ -395,14 +343,14 @@ class Outages(Case):
         for outage in (1, 2):
             writer.write(50)
             writer.drain()
-            self.wait(lambda: len(primary.received()) == writer.total)
-            primary.kill()
+            wait_for(lambda: len(primary.received()) == writer.total, "the messages")
+            primary.stop()
             writer.write(1200)
             self.assertTrue(writer.status().spooled)
             writer.wait_for(NOT_RESPONDING, times=outage)
             primary = self.again(primary)
             writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         # The first message after a kill may be accepted before libzmq knows of it.
         self.account(writer, [primary], may_lose=2 * 2)
         self.assertEqual(writer.count("finished, sent"), 1)
@@ -414,14 +362,14 @@ class Outages(Case):
         may_lose = 0
         for outage in (1, 2):
             may_lose += self.write_until_not_responding(writer, outage)
-            writer.wait_for(SWITCHED, times=outage, deadline=40)
+            writer.wait_for(SWITCHED, times=outage)
             primary = self.again(primary)
             writer.write(20)
             writer.drain()
-            self.wait(lambda: len(primary.received()) + len(secondary.received()) >=
-                      writer.total + outage - may_lose)
-            primary.kill()
-        self.assertEqual(writer.stop(), 0)
+            wait_for(lambda: len(primary.received()) + len(secondary.received()) >=
+                     writer.total + outage - may_lose, "everything")
+            primary.stop()
+        self.assertEqual(writer.end(), 0)
         self.account(writer, [primary, secondary], may_lose=may_lose)
         self.assertEqual(secondary.received().count("(empty)"), 2)
 
@@ -430,13 +378,13 @@ class Outages(Case):
         secondary = self.collector("secondary", secret=primary.secret)
         writer = self.writer(primary, secondary)
         writer.write(1)
-        writer.wait_for(SWITCHED, deadline=40)
+        writer.wait_for(SWITCHED)
         writer.drain()
         failed = writer.status().failed
         writer.write(1)
-        self.wait(lambda: writer.status().in_work)
+        wait_for(lambda: writer.status().in_work, "the attempt")
         # Comes within the 7 seconds that the primary is tried.
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         self.assertEqual(writer.dropped, 0)
         self.assertEqual(writer.failed, failed + 1)
         missing = self.account(writer, [primary, secondary], given_up=1)
@@ -453,7 +401,7 @@ class Outages(Case):
         accepted = 0
         while True:
             writer.write(1)
-            self.wait(lambda: writer.count(NOT_RESPONDING) == outages or over())
+            wait_for(lambda: writer.count(NOT_RESPONDING) == outages or over(), "an end of the attempt")
             if writer.count(NOT_RESPONDING) == outages:
                 return accepted
             accepted += 1
@@ -464,7 +412,7 @@ class Outages(Case):
         writer = self.writer(primary)
         writer.write(4)
         writer.wait_for(NOT_RESPONDING)
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         self.account(writer, [primary])
         self.assertEqual(writer.dropped, 4)
         self.assertEqual(writer.accepted, 0)
@@ -551,18 +499,10 @@ class Secrecy(Case):
         for name, tried in keys.items():
             sink = ClearTextSink()
             open_server = self.collector("open-" + name, secret="null")
-            for server in (sink, open_server):
-                folder = os.path.join(self.folder, "%s-%d" % (name, len(cases)))
-                os.makedirs(os.path.join(folder, "orvik-spool"))
-                writer = self.keep(Writer(folder, server.endpoint, tried))
+            for server in (sink, open_server) + (() if name == "right" else (right,)):
+                writer = self.keep(Writer(server.endpoint, tried, folder=str(len(cases))))
                 writer.write(3)
                 cases.append((name, server, writer))
-            if name != "right":
-                folder = os.path.join(self.folder, "%s-%d" % (name, len(cases)))
-                os.makedirs(os.path.join(folder, "orvik-spool"))
-                writer = self.keep(Writer(folder, right.endpoint, tried))
-                writer.write(3)
-                cases.append((name, right, writer))
         # All of them at a time: each waits for its time-outs.
         for name, server, writer in cases:
             writer.wait_for(NOT_RESPONDING)
@@ -573,7 +513,7 @@ class Secrecy(Case):
             else:
                 self.assertEqual(server.received(), [], name)
         for _, server, writer in cases:
-            writer.kill()
+            writer.stop()
             if isinstance(server, ClearTextSink):
                 server.close()
 
@@ -582,12 +522,12 @@ class Secrecy(Case):
         sink, open_server = ClearTextSink(), self.collector("open", secret="null")
         for server in (sink, open_server):
             self.addCleanup(send_in_the_clear(server.endpoint, b"0.0000").close)
-        self.wait(lambda: b"0.0000" in sink.bytes)
-        self.wait(lambda: open_server.received() == ["0.0000"])
+        wait_for(lambda: b"0.0000" in sink.bytes, "the messages")
+        wait_for(lambda: open_server.received() == ["0.0000"], "the messages")
         writer = self.writer(right)
         writer.write(3)
         writer.drain()
-        self.assertEqual(writer.stop(), 0)
+        self.assertEqual(writer.end(), 0)
         self.account(writer, [right])
 
 
@@ -613,21 +553,21 @@ class Soak(Case):
             pause = dice.uniform(0.1, 20)
             kills += 1
             if victim == "primary":
-                primary.kill()
+                primary.stop()
                 time.sleep(pause)
                 primary = self.again(primary)
             elif victim == "secondary":
-                secondary.kill()
+                secondary.stop()
                 time.sleep(pause)
                 secondary = self.again(secondary)
             else:
-                primary.signal(signal.SIGSTOP)
+                primary.popen.send_signal(signal.SIGSTOP)
                 time.sleep(pause)
-                primary.signal(signal.SIGCONT)
+                primary.popen.send_signal(signal.SIGCONT)
         writer.halt()
         writer.drain(300)
         memory.append(writer.rss_kb())
-        self.assertEqual(writer.stop(120), 0)
+        self.assertEqual(writer.end(), 0)
         for collector in (primary, secondary):
             collector.end()
         received = primary.received() + secondary.received()
