@@ -239,26 +239,6 @@ class CollectOutputTest(CliTest):
 
 
 class CollectUsageTest(CliTest):
-    def test_wrong_values_are_status_two_with_a_hint(self):
-        for arguments, hint in [
-                (["--output", ""], "the name is empty"),
-                (["--allow", ""], "the name is empty"),
-                (["--rotate-size", "10"], "--output"),
-                (["--output", "-", "--rotate-size", "10"], "standard output takes neither"),
-                (["--output", "o", "--rotate-keep", "2"], "--rotate-size"),
-                (["--output", "o", "--rotate-size", "0"], "positive number"),
-                (["--output", "o", "--rotate-size", "-1"], "'-1' must be a positive number"),
-                (["--output", "o", "--rotate-size", "10X"], "like 5000000 or 10M"),
-                (["--output", "o", "--rotate-size", "99999999999T"], "like 5000000 or 10M"),
-                (["--output", "o", "--rotate-size", "1", "--rotate-keep", "0"], "positive number"),
-                (["--stats", "inf"], "finite positive number"),
-                (["--stats", "0.0099"], "must be 0.01 or more"),
-                (["--bind", "tcp://127.0.0.1:99999"], "must be tcp://HOST:PORT"),
-                (["--metrics", "127.0.0.1:65536"], "must be HOST:PORT")]:
-            result = self.run_collect(*arguments)
-            self.assertEqual((result.returncode, result.stdout), (2, b""), arguments)
-            self.assertIn(hint, result.stderr)
-
     def test_start_that_fails_says_why_and_changes_nothing(self):
         self.keygen()
         kept = {name: read_file(name) for name in ("server.secret", "server.public")}
@@ -266,6 +246,7 @@ class CollectUsageTest(CliTest):
                               ("events", "former run"), ("file.txt", "precious")]:
             write_file(name, content)
             kept[name] = content
+        os.mkdir("folder")
         os.link("server.secret", "hard")
         os.symlink("allowed", "soft")
         with socket.socket() as taken:
@@ -283,7 +264,8 @@ class CollectUsageTest(CliTest):
                       for output in ("server.secret", "./hard", "allowed", "soft")]
             cases += [(["--output", output], output + ": cannot open the output: ")
                       for output in ("no/such/folder/events", ".")]
-            cases += [(["--secret-key", "nowhere"], "nowhere: "),
+            cases += [(["--secret-key", "nowhere"], "nowhere: cannot be read: No such file or directory"),
+                      (["--secret-key", "folder"], "folder: cannot be read: Is a directory"),
                       (["--secret-key", "bad.secret"], "bad.secret: "),
                       (["--allow", "nowhere"], "nowhere: "),
                       (["--metrics", in_use], "cannot serve metrics on '%s'" % in_use),
@@ -412,9 +394,6 @@ class CollectStatsTest(CliTest):
 
 @needs_zmq
 class CollectMetricsTest(CliTest):
-    def collect_with_metrics(self, *arguments, **options):
-        return self.collect("--metrics", "127.0.0.1:0", *arguments, **options)
-
     def scrape(self, collector):
         """Name with labels -> value; every line must be well formed."""
         values = {}
@@ -430,13 +409,14 @@ class CollectMetricsTest(CliTest):
         return values
 
     def test_limit_of_open_files_is_raised(self):
-        collector = self.collect_with_metrics(
+        collector = self.collect(
+            "--metrics", "127.0.0.1:0",
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (100, 300)))
         self.assertIn("\nprocess_max_fds 300\n", self.get(collector, "metrics")[1])
 
     def test_connections_leave_open_files_for_the_output_and_for_scrapes(self):
-        collector = self.collect_with_metrics(
-            "--output", "events", "--rotate-size", "300",
+        collector = self.collect(
+            "--metrics", "127.0.0.1:0", "--output", "events", "--rotate-size", "300",
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (200, 200)))
         agent, event = self.agent(collector.endpoint), make_event()
         agent.send(event)
@@ -459,7 +439,7 @@ class CollectMetricsTest(CliTest):
         wait_for(lambda: self.scrape(collector)['events_total{type="Tn5250Data"}'] == 7, "the events")
 
     def test_scrape_has_the_counts_of_the_moment(self):
-        collector = self.collect_with_metrics("--most-agents", "1")
+        collector = self.collect("--metrics", "127.0.0.1:0", "--most-agents", "1")
         self.assertEqual(json.loads(self.get(collector, "status.json")[1])["endpoints"],
                          [collector.endpoint])
         agent = self.agent(collector.endpoint)
@@ -511,7 +491,8 @@ class CollectRefusalsTest(CliTest):
         wait_for(collector.lines, "the good agent's event")
         for reason, connect, told in (
                 ("other_key", lambda: self.agent(collector.endpoint, zmq.curve_keypair()[0],
-                                                 reconnect_ivl=-1), "another public key"),
+                                                 reconnect_ivl=-1).send(make_event()),
+                 "another public key"),
                 ("no_curve", lambda: raw(b"\xff" + bytes(8) + b"\x7f\x03\0NULL" + bytes(48)),
                  "does not use CURVE"),
                 ("protocol", lambda: raw(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n"), "is no sender of ZeroMQ"),
@@ -530,6 +511,7 @@ class CollectRefusalsTest(CliTest):
         good.send(b"rubbish")
         wait_for(lambda: "message 2 from 127.0.0.1 skipped: " in collector.stderr, "the peer's name")
         self.end(collector)
+        self.assertEqual(totals(collector)["events"], 1)
 
 
 @needs_zmq
@@ -781,7 +763,7 @@ class CollectPressureTest(CliTest):
                 for _ in range(most // 100):
                     client.socket.sendall(b"".join(client.sealed(part, curve_client.MORE)
                                                    for _ in range(100)))
-            wait_for(lambda: memory_kb(collector.popen) < 60 * 1024, "the memory to be free")
+            wait_for(lambda: memory_kb(collector.popen) < 100 * 1024, "the memory to be free")
         self.assertLess(memory_kb(collector.popen, "VmHWM"), 160 * 1024)
         self.assertIn(" ended: more than --max-memory is in use", collector.stderr)
         memory = json.loads(self.get(collector, "status.json")[1])["memory"]
