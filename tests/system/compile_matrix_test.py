@@ -3,7 +3,7 @@ warning (the build itself does so with its own compiler); they keep the order of
 this work with the host's headers, which define macros and open namespace std; and they ask for no
 host and no system.
 
-    compile_matrix_test.py SOURCE_DIR GENERATED_DIR [INCLUDE_DIR]...
+    compile_matrix_test.py [INCLUDE_DIR]...
 """
 
 import concurrent.futures
@@ -14,10 +14,11 @@ import re
 import shutil
 import subprocess
 import sys
-import tempfile
 import unittest
 
-SOURCE_DIR, GENERATED_DIR = sys.argv[1:3]
+from cli_support import BUILD_DIR, SOURCE_DIR, CliTest, read_file, write_file
+
+GENERATED_DIR = os.path.join(BUILD_DIR, "generated")
 SRC = os.path.join(SOURCE_DIR, "src")
 HOST = os.path.join(SOURCE_DIR, "host/api/include")
 PLATFORM = os.path.join(SOURCE_DIR, "platform/include")
@@ -32,8 +33,7 @@ def find_clang():
 
 
 def includes(path):
-    with open(path) as file:
-        return re.findall(r'^#include(?:_next)? ([<"][^>"]+[>"])', file.read(), re.MULTILINE)
+    return re.findall(r'^#include(?:_next)? ([<"][^>"]+[>"])', read_file(path), re.MULTILINE)
 
 
 def is_host_header(include):
@@ -59,7 +59,7 @@ def compile_one(compiler, standard, source):
     folders = [SRC, HOST, GENERATED_DIR] + ([PLATFORM] if sys.platform != "darwin" else [])
     flags = ["-std=" + standard, "-fsyntax-only", "-Wall", "-Wextra", "-Werror"]
     flags += ["-I" + folder for folder in folders]
-    for folder in sys.argv[3:]:
+    for folder in sys.argv[1:]:
         # Naming the system's own folder would change the order in which headers are found.
         flags += ["-isystem", folder] if folder != "/usr/include" else []
     result = subprocess.run([compiler] + flags + [source], stdout=subprocess.PIPE,
@@ -67,7 +67,7 @@ def compile_one(compiler, standard, source):
     return result.returncode, result.stdout
 
 
-class CompileMatrixTest(unittest.TestCase):
+class CompileMatrixTest(CliTest):
     def test_sources_compile_with_clang_in_every_standard(self):
         compiler = find_clang()
         if not compiler and sys.platform != "linux":
@@ -82,13 +82,11 @@ class CompileMatrixTest(unittest.TestCase):
 
     def test_headers_are_self_contained(self):
         for name in OWN:
-            with self.subTest(name), tempfile.TemporaryDirectory(prefix="zmqwriter-test-") as folder:
-                path = os.path.join(folder, "only.cc")
-                with open(path, "w") as file:
-                    file.write('#include "%s"\n' % name)
+            with self.subTest(name):
+                write_file("only.cc", '#include "%s"\n' % name)
                 result = subprocess.run(
                     ["g++", "-std=c++11", "-fsyntax-only", "-Wall", "-Wextra", "-Werror", "-I" + SRC,
-                     "-I" + HOST, "-I" + GENERATED_DIR, path],
+                     "-I" + HOST, "-I" + GENERATED_DIR, "only.cc"],
                     stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
                 self.assertEqual(result.returncode, 0, result.stdout)
 
@@ -104,9 +102,8 @@ class CompileMatrixTest(unittest.TestCase):
 
     def test_no_host_or_system_is_asked_for(self):
         for path in glob.glob(os.path.join(SRC, "*.cc")) + glob.glob(os.path.join(SRC, "*.h")):
-            with open(path) as file:
-                self.assertEqual(re.findall(r"^ *#.*\b(?:__APPLE__|__linux__|BRO_\w+)\b.*", file.read(),
-                                            re.MULTILINE), [], path)
+            self.assertEqual(re.findall(r"^ *#.*\b(?:__APPLE__|__linux__|BRO_\w+)\b.*", read_file(path),
+                                        re.MULTILINE), [], path)
 
 
 if __name__ == "__main__":

@@ -3,10 +3,11 @@
 import os
 import re
 import shutil
+import stat
 import subprocess
 import unittest
 
-from cli_support import BUILD_DIR, CliTest, DEADLINE, SOURCE_DIR
+from cli_support import BUILD_DIR, CliTest, DEADLINE, SOURCE_DIR, read_file
 from help_tree import help_tree
 
 PAGES = os.path.join(BUILD_DIR, "man", "man1")
@@ -32,8 +33,7 @@ class ManualTest(CliTest):
         tree = {tuple(command.path): command for command in help_tree()}
         found = 0
         for file in os.listdir(os.path.join(SOURCE_DIR, "docs", "man")):
-            with open(os.path.join(SOURCE_DIR, "docs", "man", file)) as page:
-                text = page.read().replace("\\\\\n", " ")
+            text = read_file(os.path.join(SOURCE_DIR, "docs", "man", file)).replace("\\\\\n", " ")
             for line in re.findall(r"^zmqwriter (.*)$", text, re.M):
                 for words in [part.split() for part in re.split(r"\| *(?:zmqwriter|tee)", line)]:
                     path = ()
@@ -54,20 +54,31 @@ class ManualTest(CliTest):
                 env=dict(os.environ, MANWIDTH="80"))
             self.assertEqual((result.returncode, result.stderr), (0, b""), page_of(command))
 
-    def test_pages_and_completions_are_installed(self):
-        destination = os.path.join(os.getcwd(), "root")
-        result = subprocess.run(["cmake", "--install", BUILD_DIR, "--prefix", "/opt/z"],
+
+class InstallTest(CliTest):
+    """cmake --install of a build without a host."""
+
+    def test_program_plugin_pages_completions_and_prepared_folders_are_installed(self):
+        root = os.path.join(os.getcwd(), "root")
+        result = subprocess.run(["cmake", "--install", BUILD_DIR, "--prefix", "/opt/z"], text=True,
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                universal_newlines=True, env=dict(os.environ, DESTDIR=destination))
+                                env=dict(os.environ, DESTDIR=root))
         self.assertEqual(result.returncode, 0, result.stdout)
-        share = os.path.join(destination, "opt/z/share")
-        self.assertEqual(sorted(os.listdir(os.path.join(share, "man", "man1"))),
-                         sorted(os.listdir(PAGES)))
+        # Where a host looks for plug-ins there is none, as a host could not load this one.
+        self.assertEqual(os.listdir(root + "/opt/z/lib"), ["zmqwriter"])
+        described = subprocess.run([root + "/opt/z/bin/zmqwriter", "replay", "-N"], check=True,
+                                   stdout=subprocess.PIPE, text=True)
+        self.assertEqual(described.stdout.split()[0], "Dravenholt::ZMQWriter")
+        for folder in ("/usr/local/orvik", "/usr/local/Cellar/orvik/2.4.1"):
+            self.assertEqual(stat.S_IMODE(os.stat(root + folder).st_mode), 0o700, folder)
+            self.assertIn("Made for the installing user alone: " + root + folder, result.stdout)
+        share = root + "/opt/z/share/"
+        if shutil.which("help2man"):
+            self.assertEqual(sorted(os.listdir(share + "man/man1")), sorted(os.listdir(PAGES)))
         for shell, name in (("bash", "bash-completion/completions/zmqwriter"),
                             ("zsh", "zsh/site-functions/_zmqwriter"),
                             ("fish", "fish/vendor_completions.d/zmqwriter.fish")):
-            with open(os.path.join(share, name), "rb") as file:
-                self.assertEqual(file.read(), self.run_tool("completion", shell).stdout)
+            self.assertEqual(read_file(share + name, "rb"), self.run_tool("completion", shell).stdout)
 
 
 if __name__ == "__main__":

@@ -1,6 +1,6 @@
 """What the plug-in's shared object takes and gives, as nm shows it.
 
-    plugin_object_test.py SOURCE_DIR SHARED_OBJECT [SANDBOX_SHARED_OBJECT]
+    plugin_object_test.py SHARED_OBJECT [SANDBOX_SHARED_OBJECT]
 """
 
 import os
@@ -9,7 +9,9 @@ import subprocess
 import sys
 import unittest
 
-SOURCE_DIR, OBJECT, SANDBOX = (sys.argv[1:] + [""])[:3]
+from cli_support import SOURCE_DIR, read_file
+
+OBJECT, SANDBOX = (sys.argv[1:] + [""])[:2]
 sys.path.insert(0, os.path.join(SOURCE_DIR, "cmake"))
 from host_symbols import demangle, host_symbols
 
@@ -18,10 +20,12 @@ SYSTEM = re.compile(r"@+(GLIBC|GLIBCXX|CXXABI|GCC)_|^_ITM_|^__gmon_start__$|^__c
 LIBZMQ = re.compile(r"^zmq_\w+$")
 
 
+def output_of(*command):
+    return subprocess.run([*command, OBJECT], stdout=subprocess.PIPE, text=True, check=True).stdout
+
+
 def nm(*options):
-    text = subprocess.run(["nm", "-D"] + list(options) + [OBJECT], stdout=subprocess.PIPE, text=True,
-                          check=True).stdout
-    return [line.split()[-1] for line in text.splitlines()]
+    return [line.split()[-1] for line in output_of("nm", "-D", *options).splitlines()]
 
 
 class PluginObjectTest(unittest.TestCase):
@@ -32,9 +36,7 @@ class PluginObjectTest(unittest.TestCase):
         self.assertEqual(set(demangle(names)) - host_symbols("unsigned long"), set())
 
     def test_needed_libraries_are_libzmq_libstdcxx_and_libc_only(self):
-        text = subprocess.run(["readelf", "-d", OBJECT], stdout=subprocess.PIPE, text=True,
-                              check=True).stdout
-        needed = re.findall(r"\(NEEDED\).*\[(.*)\]", text)
+        needed = re.findall(r"\(NEEDED\).*\[(.*)\]", output_of("readelf", "-d"))
         for name in needed:
             self.assertRegex(name, r"^(libzmq|libstdc\+\+|libgcc_s|libc|libm|libpthread|ld-linux[\w-]*)\.so")
         self.assertTrue(any(name.startswith("libzmq.so") for name in needed), needed)
@@ -43,20 +45,17 @@ class PluginObjectTest(unittest.TestCase):
         self.assertEqual(nm("--defined-only", "--extern-only"), ["dravenholt_zmqwriter_status"])
 
     def test_plugin_object_is_constructed_before_the_initialiser_is_registered(self):
-        text = subprocess.run(["nm", OBJECT], stdout=subprocess.PIPE, text=True, check=True).stdout
         constructors = {}
-        for line in text.splitlines():
+        for line in output_of("nm").splitlines():
             words = line.split()
             if len(words) == 3 and words[2].startswith("_GLOBAL__sub_I_"):
                 constructors[int(words[0], 16)] = words[2]
-        sections = subprocess.run(["readelf", "-SW", OBJECT], stdout=subprocess.PIPE, text=True,
-                                  check=True).stdout
-        array = re.search(r" \.init_array\s+INIT_ARRAY\s+(\w+)\s+\w+\s+(\w+)", sections)
+        array = re.search(r" \.init_array\s+INIT_ARRAY\s+(\w+)\s+\w+\s+(\w+)",
+                          output_of("readelf", "-SW"))
         start, size = int(array.group(1), 16), int(array.group(2), 16)
-        relocations = subprocess.run(["readelf", "-rW", OBJECT], stdout=subprocess.PIPE, text=True,
-                                     check=True).stdout
         order = []
-        for where, value in re.findall(r"^(\w+)\s+\w+\s+R_\w+_RELATIVE\s+(\w+)", relocations, re.M):
+        for where, value in re.findall(r"^(\w+)\s+\w+\s+R_\w+_RELATIVE\s+(\w+)",
+                                       output_of("readelf", "-rW"), re.M):
             if start <= int(where, 16) < start + size:
                 order.append((int(where, 16), constructors.get(int(value, 16), "")))
         names = [name for _, name in sorted(order)]
@@ -67,11 +66,10 @@ class PluginObjectTest(unittest.TestCase):
     def test_sandbox_holds_none_of_the_places_that_an_installation_uses(self):
         if not SANDBOX:
             self.skipTest("no sandbox")
-        with open(os.path.join(SOURCE_DIR, "src/Paths.h")) as header:
-            places = re.findall(r'^#define ZMQWRITER_\w+ "(/.*)"$', header.read(), re.MULTILINE)
+        places = re.findall(r'^#define ZMQWRITER_\w+ "(/.*)"$',
+                            read_file(os.path.join(SOURCE_DIR, "src/Paths.h")), re.MULTILINE)
         self.assertEqual(len(places), 2)
-        with open(SANDBOX, "rb") as code:
-            code = code.read()
+        code = read_file(SANDBOX, "rb")
         for place in places:
             self.assertNotIn(place.encode(), code)
 

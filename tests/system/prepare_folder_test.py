@@ -1,26 +1,22 @@
 """The step of the installation that makes the folders of the plug-in, by itself and below a
 temporary DESTDIR.
-
-    prepare_folder_test.py SOURCE_DIR
 """
 
 import os
 import pwd
 import stat
 import subprocess
-import sys
-import tempfile
 import unittest
 
-SOURCE_DIR = sys.argv[1]
+from cli_support import CliTest, SOURCE_DIR, write_file
+
 NO_SUCH_USER = "zmqwriter-no-such-user"
 
 
-class PrepareFolderTest(unittest.TestCase):
+class PrepareFolderTest(CliTest):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory(prefix="zmqwriter-test-")
-        self.addCleanup(folder.cleanup)
-        self.root = os.path.realpath(folder.name)
+        super().setUp()
+        self.root = os.getcwd()
 
     def prepare(self, *folders, user="", status=0, umask=0o022):
         words = [os.path.join(SOURCE_DIR, "cmake/prepare-folders"), user, *folders]
@@ -115,8 +111,7 @@ class PrepareFolderTest(unittest.TestCase):
             self.assertEqual(os.listdir(self.root), there)
 
     def test_failure_names_both_ways_to_leave_the_step_out(self):
-        with open(self.path("/file"), "w"):
-            pass
+        write_file("file", "")
         text = self.prepare("/file/z", status=1)
         self.assertIn("Cannot make " + self.path("/file"), text)
         self.assertIn("./configure --no-prepare", text)
@@ -124,4 +119,4 @@ class PrepareFolderTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1], verbosity=2)
+    unittest.main(verbosity=2)

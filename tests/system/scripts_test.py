@@ -1,17 +1,13 @@
-"""Our scripts are well formed, use only what is declared, and hold what the plug-in needs.
-
-    scripts_test.py SOURCE_DIR STUB
-"""
+"""Our scripts are well formed, use only what is declared, and hold what the plug-in needs."""
 
 import os
-import sys
 import unittest
 
-sys.dont_write_bytecode = True
 import bro_scripts
 from bro_run import Host, Port, Record, Time, Vector
+from cli_support import BUILD_DIR, SOURCE_DIR
 
-SOURCE_DIR, STUB = sys.argv[1:]
+STUB = os.path.join(BUILD_DIR, "generated", "zmq.bif.bro")
 SCRIPTS = os.path.join(SOURCE_DIR, "scripts")
 HOST = os.path.join(SOURCE_DIR, "tests/data/host-declarations.bro")
 
@@ -197,4 +193,4 @@ class ScriptsTest(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1], verbosity=2)
+    unittest.main(verbosity=2)

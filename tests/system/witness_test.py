@@ -3,21 +3,13 @@
 Receives over CURVE with pyzmq what the C++ writer sends through the real libzmq, and decodes it with
 the FlatBuffers runtime for Python and code that flatc has generated out of the schema. Every field
 of every event is checked by its value, absent texts (None) apart from empty ones (b'').
-
-    witness.py GENERATED_FOLDER SENDER_PROGRAM
 """
 
-import ctypes
 import os
-import subprocess
-import sys
-import tempfile
-import time
+import unittest
 
-import zmq
-from zmq.utils import z85
-
-DEADLINE_S = 90
+from cli_support import BUILD_DIR, CliTest, DEADLINE, Process, needs_zmq, schema, zmq
+from replay_test import minutes_west
 
 # Scalars and texts of each table, in the order of the format, as the generated code names them
 # (From_, as Python has a word "from"). What is no plain value has its own decoder below.
@@ -49,8 +41,7 @@ def byte_vector(table, name):
 
 
 def decode_payload(name, union):
-    module = __import__("Dravenholt." + name, fromlist=[name])
-    table = getattr(module, name)()
+    table = getattr(schema()[name], name)()
     table.Init(union.Bytes, union.Pos)
     values = {field: getattr(table, field)() for field in PLAIN_FIELDS[name].split()}
     if name == "GeneralData":
@@ -63,8 +54,7 @@ def decode_payload(name, union):
 
 
 def decode(message):
-    from Dravenholt.NetworkEvent import NetworkEvent
-    event = NetworkEvent.GetRootAs(message, 0)
+    event = schema()["NetworkEvent"].NetworkEvent.GetRootAs(message, 0)
     union = event.Data()
     return {
         "uid": event.Uid(),
@@ -83,14 +73,6 @@ def general(**changes):
                   Process=None, Service=None, OrigH=b"", RespH=b"")
     values.update(changes)
     return values
-
-
-def minutes_west():
-    """The zone that the kernel tells, which is not the one of TZ."""
-    zone = (ctypes.c_int * 2)()
-    time_of_day = (ctypes.c_long * 2)()
-    ctypes.CDLL(None).gettimeofday(time_of_day, zone)
-    return zone[0]
 
 
 def event(tag, uid, data, ts=0.0):
@@ -143,63 +125,32 @@ def expected_events():
     ]
 
 
-def start_server(context):
-    public, secret = zmq.curve_keypair()
-    server = context.socket(zmq.PULL)
-    server.curve_server = True
-    server.curve_secretkey = secret
-    server.linger = 0
-    server.bind("tcp://127.0.0.1:*")
-    return server, server.last_endpoint.decode(), z85.decode(public).hex().upper()
-
-
-def receive(server, count, sender):
-    """Messages, until there are `count` or the time is over or the sender has given up."""
-    messages = []
-    end = time.monotonic() + DEADLINE_S
-    while len(messages) < count and time.monotonic() < end:
-        if server.poll(100):
-            parts = server.recv_multipart()
-            assert len(parts) == 1, "a message of %d parts" % len(parts)
-            messages.append(parts[0])
-        elif sender.poll() not in (None, 0):
-            break
-    return messages
-
-
-def main():
-    sys.path.insert(0, sys.argv[1])
-    sender_program = os.path.abspath(sys.argv[2])
-    expected = {wanted["uid"]: wanted for wanted in expected_events()}
-    context = zmq.Context()
-    server, endpoint, key = start_server(context)
-    with tempfile.TemporaryDirectory(prefix="zmqwriter-witness-") as folder:
-        os.mkdir(os.path.join(folder, "orvik-spool"))
-        sender = subprocess.Popen([sender_program, endpoint, key], cwd=folder)
-        try:
-            messages = receive(server, len(expected), sender)
-            code = sender.wait(DEADLINE_S)
-        finally:
-            sender.kill()
-            sender.wait()
-    # Everything was handed over before the sender ended: what comes now is one too many.
-    messages += receive(server, 1, sender) if server.poll(500) else []
-    server.close()
-    context.term()
-
-    problems = ["the sender ended with %d" % code] if code else []
-    for message in messages:
-        got = decode(message)
-        wanted = expected.pop(got["uid"], None)
-        if got != wanted:
-            problems.append("got    %.2000r\nwanted %.2000r" % (got, wanted))
-    problems += ["never came: %r" % uid for uid in expected]
-    tags = {wanted["type"] for wanted in expected_events()}
-    assert tags == set(range(1, 12)), "not every payload type is among the expected events"
-    if problems:
-        sys.exit("\n".join(problems))
-    print("all %d events of all %d types came as they were sent" % (len(messages), len(tags)))
+@needs_zmq
+class WitnessTest(CliTest):
+    def test_every_field_of_every_payload_type_comes_as_it_was_sent(self):
+        from zmq.utils import z85
+        expected = {wanted["uid"]: wanted for wanted in expected_events()}
+        self.assertEqual({wanted["type"] for wanted in expected.values()}, set(range(1, 12)))
+        context = zmq.Context()
+        self.addCleanup(context.term)
+        server = context.socket(zmq.PULL)
+        self.addCleanup(server.close, 0)
+        public, server.curve_secretkey = zmq.curve_keypair()
+        server.curve_server = True
+        server.bind("tcp://127.0.0.1:*")
+        os.mkdir("orvik-spool")
+        sender = Process([server.last_endpoint.decode(), z85.decode(public).hex().upper()],
+                         program=os.path.join(BUILD_DIR, "tests", "WitnessSender"))
+        self.addCleanup(sender.stop)
+        while expected:
+            self.assertTrue(server.poll(DEADLINE * 1000), "never came: %s" % list(expected))
+            (message,) = server.recv_multipart()
+            got = decode(message)
+            self.assertEqual(got, expected.pop(got["uid"], None))
+        self.assertEqual(sender.wait(), 0)
+        # Everything was handed over before the sender ended: what comes now is one too many.
+        self.assertEqual(server.poll(500), 0)
 
 
 if __name__ == "__main__":
-    main()
+    unittest.main()
