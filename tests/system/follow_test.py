@@ -187,6 +187,24 @@ class FollowTest(FollowTestCase):
                 for file in ("things-1.log", "things-2.log", self.LOG, "state"):
                     os.remove(file)
 
+    def test_file_of_a_log_that_was_left_out_of_a_run_is_found(self):
+        collector = self.collect_for_follow()
+        self.append(log_of(1))
+        replay = self.follow(self.LOG, "other.log")
+        wait_for(lambda: len(collector.lines()) >= 1, "the first record")
+        self.stop_follow(replay)
+        write_file("other-1.log", log_of(1, "other").replace("\tC", "\tD"))
+        time.sleep(1.1)  # the state keeps whole seconds
+        self.append(self.numbers(1))
+        replay = self.follow(self.LOG)
+        wait_for(lambda: len(collector.lines()) >= 2, "the log that is followed alone")
+        self.stop_follow(replay)
+        replay = self.follow(self.LOG, "other.log")
+        wait_for(lambda: len(collector.lines()) >= 3, "the file that was rotated meanwhile")
+        self.stop_follow(replay)
+        self.assertEqual(sorted(event["uid"] for event in self.events(collector, 3)),
+                         ["C0", "C1", "D0"])
+
     def test_rotated_cut_and_other_files_are_read_as_they_come(self):
         collector = self.collect_for_follow()
         self.append(log_of(2))

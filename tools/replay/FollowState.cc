@@ -49,7 +49,7 @@ FollowState::FollowState(const std::string& file, const std::vector<std::string>
   descriptor_.Reset(open(file.c_str(), O_RDWR | O_CLOEXEC));
   if (descriptor_.get() < 0 && errno == ENOENT) {
     for (const std::string& log : logs)
-      positions_[log];
+      positions_[log].since = std::time(nullptr);
     const std::string problem = Write(positions_, true);
     if (!problem.empty())
       throw std::runtime_error(problem);
@@ -73,13 +73,13 @@ void FollowState::Read(const std::string& content) {
     if (state.at("version").get<int>() != kVersion)
       throw std::runtime_error("another version");
     exact_ = state.at("exact").get<bool>();
-    written_ = state.at("written").get<std::int64_t>();
-    for (const auto& [log, files] : state.at("logs").items()) {
-      std::vector<FilePosition>& positions = positions_[log];
-      for (const auto& file : files)
-        positions.push_back({file.at("inode").get<std::uint64_t>(),
-                             file.at("offset").get<std::uint64_t>(),
-                             file.at("start").get<std::uint32_t>(), file.at("done").get<bool>()});
+    for (const auto& [path, log] : state.at("logs").items()) {
+      LogPosition& position = positions_[path];
+      position.since = log.at("since").get<std::int64_t>();
+      for (const auto& file : log.at("files"))
+        position.files.push_back(
+            {file.at("inode").get<std::uint64_t>(), file.at("offset").get<std::uint64_t>(),
+             file.at("start").get<std::uint32_t>(), file.at("done").get<bool>()});
     }
   } catch (const std::exception&) {
     throw std::runtime_error(file_ + ": damaged, or no state of 'replay --follow'" + kStartAnew);
@@ -87,20 +87,19 @@ void FollowState::Read(const std::string& content) {
 }
 
 std::string FollowState::Write(const Positions& positions, bool exact) {
-  for (const auto& [log, files] : positions)
-    positions_[log] = files;
-  written_ = std::time(nullptr);
+  for (const auto& [path, log] : positions)
+    positions_[path] = log;
   nlohmann::json logs = nlohmann::json::object();
-  for (const auto& [log, files] : positions_) {
-    logs[log] = nlohmann::json::array();
-    for (const FilePosition& file : files)
-      logs[log].push_back({{"inode", file.inode},
-                           {"offset", file.offset},
-                           {"start", file.start},
-                           {"done", file.done}});
+  for (const auto& [path, log] : positions_) {
+    nlohmann::json files = nlohmann::json::array();
+    for (const FilePosition& file : log.files)
+      files.push_back({{"inode", file.inode},
+                       {"offset", file.offset},
+                       {"start", file.start},
+                       {"done", file.done}});
+    logs[path] = {{"since", log.since}, {"files", std::move(files)}};
   }
-  const nlohmann::json state = {
-      {"version", kVersion}, {"written", written_}, {"exact", exact}, {"logs", logs}};
+  const nlohmann::json state = {{"version", kVersion}, {"exact", exact}, {"logs", logs}};
   const std::string text =
       state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 

@@ -26,14 +26,22 @@ struct FilePosition {
   }
 };
 
+/// What a log consisted of.
+struct LogPosition {
+  std::int64_t since = 0;  ///< when the last file was at the path, in seconds of the system's
+                           ///< clock; of a log that never was there, when it was followed first
+  std::vector<FilePosition> files;  ///< the oldest first; none of a log that never was there
+
+  /// `since` needs to be kept only when the files change.
+  bool operator==(const LogPosition& other) const { return files == other.files; }
+};
+
 /// Tells a file from another one with the same inode: of at most its first 1024 bytes.
 std::uint32_t start_checksum(int descriptor, std::uint64_t offset);
 
 class FollowState {
  public:
-  /// For each log, by its absolute path, the files that it consisted of last, the oldest first;
-  /// none of a log that never was there.
-  using Positions = std::map<std::string, std::vector<FilePosition>>;
+  using Positions = std::map<std::string, LogPosition>;  ///< by the log's absolute path
 
   /// Reads the file, or makes one without positions, and locks it. Throws std::runtime_error that
   /// says what to do when that fails, when the content is damaged, or when it holds the position of
@@ -41,8 +49,6 @@ class FollowState {
   FollowState(const std::string& file, const std::vector<std::string>& logs);
 
   const Positions& positions() const { return positions_; }
-  /// When these were written, in seconds of the system's clock.
-  std::int64_t written() const { return written_; }
   /// Whether all that was read up to the positions, and nothing behind them, was handed over.
   bool exact() const { return exact_; }
 
@@ -55,7 +61,6 @@ class FollowState {
   const std::string file_;
   FileDescriptor descriptor_;
   Positions positions_;
-  std::int64_t written_ = 0;
   bool exact_ = true;
 };
 

@@ -66,10 +66,11 @@ void FollowedLog::File::Close() {
   reader.reset();
 }
 
-FollowedLog::FollowedLog(const std::string& path, const std::vector<FilePosition>& files,
-                         std::int64_t since)
-    : path_(path), folder_(std::filesystem::path(path).parent_path().string()), since_(since) {
-  for (const FilePosition& file : files)
+FollowedLog::FollowedLog(const std::string& path, const LogPosition& position)
+    : path_(path),
+      folder_(std::filesystem::path(path).parent_path().string()),
+      since_(position.since) {
+  for (const FilePosition& file : position.files)
     Resume(file);
   if (std::error_code ignored; !std::filesystem::exists(path_, ignored))
     AddFilesBetween(0);
@@ -192,6 +193,7 @@ LogReader::Step FollowedLog::Read(File* file) {
 /// Looks whether the path leads to another file.
 void FollowedLog::Look() {
   LookForTruncation();
+  const std::int64_t now = std::time(nullptr);
   struct stat status;
   if (stat(path_.c_str(), &status) != 0) {
     if (files_.empty())
@@ -201,8 +203,10 @@ void FollowedLog::Look() {
   if (!S_ISREG(status.st_mode))
     return SayOnce("is not a regular file: it cannot be followed");
   const auto known = FindFile(status.st_ino);
-  if (known != files_.end() && known + 1 == files_.end() && !known->at.done)
+  if (known != files_.end() && known + 1 == files_.end() && !known->at.done) {
+    since_ = now;
     return;
+  }
   if (known != files_.end()) {  // it has come back
     const FilePosition at = known->Position();
     files_.erase(known);
@@ -210,9 +214,7 @@ void FollowedLog::Look() {
   } else if (AddFilesBetween(status.st_ino)) {
     FilePosition at;
     at.inode = status.st_ino;
-    const std::int64_t now = std::time(nullptr);
-    if (Open(path_, at))
-      since_ = now;
+    Open(path_, at);
   }
   while (files_.size() > kMostFiles && files_.front().at.done)
     files_.erase(files_.begin());
@@ -280,11 +282,11 @@ std::vector<FollowedLog::File>::iterator FollowedLog::FindFile(std::uint64_t ino
                       [inode](const File& file) { return file.at.inode == inode; });
 }
 
-std::vector<FilePosition> FollowedLog::Positions() const {
-  std::vector<FilePosition> positions;
+LogPosition FollowedLog::Position() const {
+  LogPosition position{since_, {}};
   for (const File& file : files_)
-    positions.push_back(file.Position());
-  return positions;
+    position.files.push_back(file.Position());
+  return position;
 }
 
 void FollowedLog::SayOnce(const std::string& text) {

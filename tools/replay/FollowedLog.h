@@ -23,9 +23,8 @@ namespace zmqwriter {
 
 class FollowedLog {
  public:
-  /// `files` are the positions that were written at the time `since`, of an earlier run; none, and
-  /// now, if there was none.
-  FollowedLog(const std::string& path, const std::vector<FilePosition>& files, std::int64_t since);
+  /// `position` is that of an earlier run; without files, and of now, if there was none.
+  FollowedLog(const std::string& path, const LogPosition& position);
 
   /// As LogReader::Next, of the file to be read next, whose reader `log` becomes. kEnd: there is
   /// nothing new at present. Throws LogError for a file that cannot be read; a later call goes on
@@ -36,7 +35,7 @@ class FollowedLog {
 
   const std::string& path() const { return path_; }
   /// How far each file was read; the last is the one at the path.
-  std::vector<FilePosition> Positions() const;
+  LogPosition Position() const;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -65,7 +64,7 @@ class FollowedLog {
 
   const std::string path_;
   const std::string folder_;
-  std::int64_t since_;       // what was written before is known
+  std::int64_t since_;       // see LogPosition
   std::vector<File> files_;  // the oldest first
   std::string said_;
   Clock::time_point next_look_;

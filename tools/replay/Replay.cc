@@ -160,18 +160,18 @@ class Replay {
                    static_cast<unsigned long long>(Handover::kMostRepeated));
     for (const std::string& log : logs) {
       const auto known = state_->positions().find(log);
-      const bool is_new = known == state_->positions().end();
-      if (is_new)
+      LogPosition position{std::time(nullptr), {}};
+      if (known != state_->positions().end())
+        position = known->second;
+      else
         std::fprintf(stderr, "%s: not in %s yet: it is read from its start\n", log.c_str(),
                      options_.state_file.c_str());
-      feeds_.push_back(std::make_unique<LogFeed>(
-          std::make_unique<FollowedLog>(log, is_new ? std::vector<FilePosition>() : known->second,
-                                        is_new ? std::time(nullptr) : state_->written())));
+      feeds_.push_back(std::make_unique<LogFeed>(std::make_unique<FollowedLog>(log, position)));
     }
     handover_ = std::make_unique<Handover>(state_.get(), [this] {
       FollowState::Positions positions;
       for (const auto& feed : feeds_)
-        positions[feed->followed()->path()] = feed->followed()->Positions();
+        positions[feed->followed()->path()] = feed->followed()->Position();
       return positions;
     });
     handover_->Begin();
