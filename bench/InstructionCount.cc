@@ -23,22 +23,6 @@
 
 namespace {
 
-#if defined(__clang__)
-const char kCompiler[] = "Clang";
-const int kCompilerMajor = __clang_major__;
-#else
-const char kCompiler[] = "GCC";
-const int kCompilerMajor = __GNUC__;
-#endif
-
-#if defined(__x86_64__)
-const char kArchitecture[] = "x86_64";
-#elif defined(__aarch64__)
-const char kArchitecture[] = "aarch64";
-#else
-const char kArchitecture[] = "other";
-#endif
-
 /// So that no message is left out as unused.
 volatile std::uint32_t sink;
 
@@ -70,9 +54,8 @@ int main(int argc, char** argv) {
   const unsigned long times = argc == 3 ? std::strtoul(argv[2], &end, 10) : 0;
   const bool counted = argc == 3 && *argv[2] != '\0' && *end == '\0';
   if (argc == 2 && what == "--environment") {
-    std::printf("%s %d on %s with FlatBuffers %d.%d and %s\n", kCompiler, kCompilerMajor,
-                kArchitecture, FLATBUFFERS_VERSION_MAJOR, FLATBUFFERS_VERSION_MINOR,
-                ZMQWRITER_BENCH_FLAGS);
+    std::printf("%s, FlatBuffers %d.%d\n", ZMQWRITER_BENCH_ENVIRONMENT, FLATBUFFERS_VERSION_MAJOR,
+                FLATBUFFERS_VERSION_MINOR);
   } else if (counted && what == "conversion") {
     convert(times);
   } else if (counted && what == "store") {
