@@ -169,34 +169,26 @@ def rows_table(rows):
     return text
 
 
-GrowthRow = collections.namedtuple("GrowthRow", ["axis", "series", "least", "most", "ours", "peer",
-                                                 "goal", "met"])
-
-
-def growth_rows(points):
-    """One for each curve of at least two points, with the exponents of ours and of the peer, if
-    there is one."""
-    result = []
+def growth(points):
+    """Axis, series, points, and the exponents of ours and of the peer, if there is one, for each
+    curve of at least two points."""
     for axis, by_series in curves(points).items():
         for series, of_one in by_series.items():
             if len(of_one) < 2:
                 continue
-            ours = exponent([(point.x, point.ours) for point in of_one])
             beside = [(point.x, point.peer) for point in of_one if point.peer is not None]
-            peer = exponent(beside) if len(beside) >= 2 else None
-            xs = [point.x for point in of_one]
-            result.append(GrowthRow(axis, series, min(xs), max(xs), ours, peer, LINEAR,
-                                    goal_met(LINEAR, ours)))
-    return result
+            yield (axis, series, of_one, exponent([(point.x, point.ours) for point in of_one]),
+                   exponent(beside) if len(beside) >= 2 else None)
 
 
 def growth_table(points):
     text = table_line(["grows with", "cost", "from", "to", "exponent", "the floor's", "goal", ""])
     text += "|---|---|--:|--:|--:|--:|---|---|\n"
-    for row in growth_rows(points):
-        text += table_line([row.axis, row.series, "%g" % row.least, "%g" % row.most,
-                            "%.2f" % row.ours, "" if row.peer is None else "%.2f" % row.peer,
-                            row.goal, verdict(row.met)])
+    for axis, series, of_one, ours, peer in growth(points):
+        xs = [point.x for point in of_one]
+        text += table_line([axis, series, "%g" % min(xs), "%g" % max(xs), "%.2f" % ours,
+                            "" if peer is None else "%.2f" % peer, LINEAR,
+                            verdict(goal_met(LINEAR, ours))])
     return text
 
 
@@ -213,7 +205,8 @@ def markdown(facts, warnings, rows, points):
 
 def count_goals(rows, points):
     """How many goals are met, and how many missed."""
-    verdicts = [row_met(row) for row in rows] + [row.met for row in growth_rows(points)]
+    verdicts = [row_met(row) for row in rows]
+    verdicts += [goal_met(LINEAR, ours) for *_, ours, _ in growth(points)]
     return verdicts.count(True), verdicts.count(False)
 
 

@@ -104,22 +104,8 @@ install(CODE "
 include(${CMAKE_CURRENT_LIST_DIR}/InstallFolders.cmake)
 
 bro_plugin_begin(Dravenholt ZMQWriter)
-bro_plugin_cc(
-  src/AgentIdFile.cc
-  src/ChunkFile.cc
-  src/HeadReader.cc
-  src/PersistentQueue.cc
-  src/Plugin.cc
-  src/RecordConversion.cc
-  src/Reports.cc
-  src/SendLoop.cc
-  src/SharedWorker.cc
-  src/SystemStats.cc
-  src/UserDetect.cc
-  src/ZMQ.cc
-  src/ZmqMessage.cc
-  src/ZmqWorker.cc
-  ${settings_source})
+file(GLOB plugin_sources RELATIVE ${CMAKE_SOURCE_DIR} src/*.cc)
+bro_plugin_cc(${plugin_sources} ${settings_source})
 bro_plugin_bif(src/zmq.bif)
 bro_plugin_link_library(platform ZMQWriter::zmq ZMQWriter::flatbuffers Threads::Threads
   ${ZMQWRITER_EXPORT_FLAGS})
