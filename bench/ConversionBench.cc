@@ -66,7 +66,7 @@ std::size_t samples_of_width(int columns) {
 }
 
 void convert(Sample& sample, const threading::Field* const* fields, FlatBufferBuilder& builder) {
-  test::RecordBuilder& record = sample.record();
+  test::RecordBuilder& record = sample.record;
   logging::writer::convert_record(builder, bench::kAgentId, record.size(), fields, record.vals());
 }
 
@@ -76,7 +76,7 @@ void build(Sample& sample, const threading::Field* const*, FlatBufferBuilder& bu
 
 /// The columns of all of them: a writer's are the same for each of its records.
 const threading::Field* const* fields_of(const Samples& samples) {
-  return samples.front()->record().fields();
+  return samples.front()->record.fields();
 }
 
 using Make = void (*)(Sample&, const threading::Field* const*, FlatBufferBuilder&);

@@ -77,7 +77,7 @@ Load sample_load(const std::string& kind, std::uint64_t events) {
   load.name = kind;
   load.events = events;
   for (auto& sample : bench::samples(kind, 64)) {
-    load.add(sample->record());
+    load.add(sample->record);
     load.owners.push_back(std::move(sample));
   }
   return load;

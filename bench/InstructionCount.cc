@@ -28,9 +28,9 @@ volatile std::uint32_t sink;
 
 void convert(unsigned long times) {
   const bench::Samples samples = bench::samples("connection", 64);
-  const threading::Field* const* const fields = samples.front()->record().fields();
+  const threading::Field* const* const fields = samples.front()->record.fields();
   for (unsigned long i = 0; i < times; ++i) {
-    test::RecordBuilder& record = samples[i % samples.size()]->record();
+    test::RecordBuilder& record = samples[i % samples.size()]->record;
     flatbuffers::FlatBufferBuilder builder(logging::writer::kInitialBufferBytes);
     logging::writer::convert_record(builder, bench::kAgentId, record.size(), fields, record.vals());
     sink = builder.GetSize();

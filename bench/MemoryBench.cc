@@ -58,7 +58,7 @@ class Feeder {
     for (std::uint64_t i = 0; i < records; ++i) {
       if (waiting_)
         agent_->wait_for_room(i);
-      agent_->write(0, samples_[i % samples_.size()]->record());
+      agent_->write(0, samples_[i % samples_.size()]->record);
     }
   }
 

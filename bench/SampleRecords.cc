@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <sys/time.h>
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <random>
@@ -60,13 +61,14 @@ struct Address {
   std::string text;
 };
 
+/// What a payload is built of is at hand in the function.
+using Payload = std::function<Offset<void>(FlatBufferBuilder&)>;
+
 /// What every kind of record begins with.
-class WithEnvelope : public Sample {
- public:
-  explicit WithEnvelope(Random& random)
+struct Envelope {
+  explicit Envelope(Random& random)
       : ts(1433419200.0 + number(random, 1000000) / 64.0), uid("C" + letters(random, 16, 17)) {}
 
- protected:
   void finish(FlatBufferBuilder& builder, Offset<String> uid_text, Offset<String> agent,
               Dravenholt::Data type, Offset<void> payload) const {
     builder.Finish(
@@ -77,364 +79,280 @@ class WithEnvelope : public Sample {
   std::string uid;
 };
 
-/// Begins with ptype, ts, uid and the id.* columns, as the scripts' protocol records do.
-class WithProtocol : public WithEnvelope {
- public:
-  WithProtocol(Random& random, const std::string& name, Dravenholt::Data type)
-      : WithEnvelope(random),
-        ptype(name),
-        type_(type),
-        orig_h(random),
+struct Ends {
+  explicit Ends(Random& random)
+      : orig_h(random),
         resp_h(random),
         orig_p(static_cast<std::uint16_t>(number(random, 65535))),
-        resp_p(static_cast<std::uint16_t>(number(random, 65535))) {
-    record_.text("ptype", ptype).time("ts", ts).text("uid", uid);
-    record_.addr("id.orig_h", orig_h.text).port("id.orig_p", orig_p);
-    record_.addr("id.resp_h", resp_h.text).port("id.resp_p", resp_p);
-  }
+        resp_p(static_cast<std::uint16_t>(number(random, 65535))) {}
 
-  void build(FlatBufferBuilder& builder) const override {
-    const Offset<String> agent = builder.CreateString(kAgentId);
-    builder.CreateString(ptype);
-    const Offset<String> uid_text = builder.CreateString(uid);
-    finish(builder, uid_text, agent, type_, payload(builder));
-  }
-
- protected:
-  virtual Offset<void> payload(FlatBufferBuilder& builder) const = 0;
-
-  std::string ptype;
-  Dravenholt::Data type_;
   Address orig_h;
   Address resp_h;
   std::uint16_t orig_p;
   std::uint16_t resp_p;
 };
 
-class Connection : public WithProtocol {
- public:
-  /// With others behind its own columns if `columns` says so.
-  explicit Connection(Random& random, int columns = 22)
-      : WithProtocol(random, "general", Dravenholt::Data_GeneralData),
-        service_(one_of(random, {"http", "ssl", "dns", "ssh"})),
-        conn_state_(one_of(random, {"SF", "S0", "REJ", "RSTO"})),
-        username_(letters(random, 3, 10)),
-        process_(letters(random, 4, 20)),
-        duration_(number(random, 100000) / 64.0),
-        tcp_(number(random, 3) > 0),
-        local_orig_(number(random, 1) == 1) {
-    for (std::uint32_t& count : counts_)
+/// Adds the columns of a kind to a record.
+using AddColumns = std::function<Payload(Random&, test::RecordBuilder&, const Ends&)>;
+using Maker = std::function<std::unique_ptr<Sample>(Random&)>;
+
+/// Begins with ptype, ts, uid and the id.* columns, as the scripts' protocol records do.
+Maker protocol(const std::string& ptype, Dravenholt::Data type, const AddColumns& add) {
+  return [=](Random& random) {
+    auto sample = std::make_unique<Sample>();
+    const Envelope envelope(random);
+    const Ends ends(random);
+    sample->record.text("ptype", ptype).time("ts", envelope.ts).text("uid", envelope.uid);
+    sample->record.addr("id.orig_h", ends.orig_h.text).port("id.orig_p", ends.orig_p);
+    sample->record.addr("id.resp_h", ends.resp_h.text).port("id.resp_p", ends.resp_p);
+    const Payload payload = add(random, sample->record, ends);
+    sample->build = [=](FlatBufferBuilder& builder) {
+      const Offset<String> agent = builder.CreateString(kAgentId);
+      builder.CreateString(ptype);
+      const Offset<String> uid_text = builder.CreateString(envelope.uid);
+      envelope.finish(builder, uid_text, agent, type, payload(builder));
+    };
+    return sample;
+  };
+}
+
+/// With others behind its own columns if `columns` says so.
+Maker connection(int columns = 22) {
+  const AddColumns add = [columns](Random& random, test::RecordBuilder& record, const Ends& ends) {
+    const std::string service_name = one_of(random, {"http", "ssl", "dns", "ssh"});
+    const std::string state = one_of(random, {"SF", "S0", "REJ", "RSTO"});
+    const std::string user = letters(random, 3, 10);
+    const std::string program = letters(random, 4, 20);
+    const double duration = number(random, 100000) / 64.0;
+    const bool tcp = number(random, 3) > 0;
+    const bool local_orig = number(random, 1) == 1;
+    std::array<std::uint32_t, 7> counts;
+    for (std::uint32_t& count : counts)
       count = number(random, 10000000);
-    record_.enumerator("proto", tcp_ ? "tcp" : "udp").text("service", service_);
-    record_.interval("duration", duration_).count("orig_bytes", counts_[0]);
-    record_.count("resp_bytes", counts_[1]).text("conn_state", conn_state_);
-    record_.boolean("local_orig", local_orig_).boolean("local_resp", !local_orig_);
-    record_.count("missed_bytes", counts_[2]).count("orig_pkts", counts_[3]);
-    record_.count("orig_ip_bytes", counts_[4]).count("resp_pkts", counts_[5]);
-    record_.count("resp_ip_bytes", counts_[6])
-        .text("username", username_)
-        .text("process", process_);
-    for (int i = record_.size(); i < columns; i++)
-      record_.count("more." + std::to_string(i), number(random, 1000));
-  }
+    record.enumerator("proto", tcp ? "tcp" : "udp").text("service", service_name);
+    record.interval("duration", duration).count("orig_bytes", counts[0]);
+    record.count("resp_bytes", counts[1]).text("conn_state", state);
+    record.boolean("local_orig", local_orig).boolean("local_resp", !local_orig);
+    record.count("missed_bytes", counts[2]).count("orig_pkts", counts[3]);
+    record.count("orig_ip_bytes", counts[4]).count("resp_pkts", counts[5]);
+    record.count("resp_ip_bytes", counts[6]).text("username", user).text("process", program);
+    for (int i = record.size(); i < columns; i++)
+      record.count("more." + std::to_string(i), number(random, 1000));
+    return [=](FlatBufferBuilder& builder) {
+      const auto service = builder.CreateString(service_name);
+      const auto conn_state = builder.CreateString(state);
+      const auto username = builder.CreateString(user);
+      const auto process = builder.CreateString(program);
+      const auto orig = builder.CreateVector(ends.orig_h.bytes, ends.orig_h.length);
+      const auto orig_name = builder.CreateString("", 0);
+      const auto resp = builder.CreateVector(ends.resp_h.bytes, ends.resp_h.length);
+      const auto resp_name = builder.CreateString("", 0);
+      const auto history = builder.CreateString("", 0);
+      return Dravenholt::CreateGeneralData(
+                 builder, orig, orig_name, ends.orig_p, resp, resp_name, ends.resp_p,
+                 tcp ? Dravenholt::Transport_tcp : Dravenholt::Transport_udp,
+                 static_cast<std::uint64_t>(duration * 1000.0), counts[0], counts[1], conn_state,
+                 local_orig, !local_orig, counts[2], history, counts[3], counts[4], counts[5],
+                 counts[6], username, process, service)
+          .Union();
+    };
+  };
+  return protocol("general", Dravenholt::Data_GeneralData, add);
+}
 
- protected:
-  Offset<void> payload(FlatBufferBuilder& builder) const override {
-    const auto service = builder.CreateString(service_);
-    const auto conn_state = builder.CreateString(conn_state_);
-    const auto username = builder.CreateString(username_);
-    const auto process = builder.CreateString(process_);
-    const auto orig = builder.CreateVector(orig_h.bytes, orig_h.length);
-    const auto orig_name = builder.CreateString("", 0);
-    const auto resp = builder.CreateVector(resp_h.bytes, resp_h.length);
-    const auto resp_name = builder.CreateString("", 0);
-    const auto history = builder.CreateString("", 0);
-    return Dravenholt::CreateGeneralData(
-               builder, orig, orig_name, orig_p, resp, resp_name, resp_p,
-               tcp_ ? Dravenholt::Transport_tcp : Dravenholt::Transport_udp,
-               static_cast<std::uint64_t>(duration_ * 1000.0), counts_[0], counts_[1], conn_state,
-               local_orig_, !local_orig_, counts_[2], history, counts_[3], counts_[4], counts_[5],
-               counts_[6], username, process, service)
-        .Union();
-  }
-
- private:
-  std::string service_;
-  std::string conn_state_;
-  std::string username_;
-  std::string process_;
-  double duration_;
-  bool tcp_;
-  bool local_orig_;
-  std::uint32_t counts_[7];
-};
-
-class Http : public WithProtocol {
- public:
-  explicit Http(Random& random)
-      : WithProtocol(random, "http", Dravenholt::Data_HttpData),
-        user_(letters(random, 3, 10)),
-        method_(one_of(random, {"GET", "POST", "HEAD"})),
-        host_(letters(random, 8, 30)),
-        uri_("/" + letters(random, 5, 120)),
-        status_code_(static_cast<std::uint16_t>(200 + number(random, 300))),
-        request_(number(random, 5000)),
-        response_(number(random, 5000000)) {
-    record_.text("http.user", user_).text("http.method", method_).text("http.host", host_);
-    record_.text("http.uri", uri_).count("http.status_code", status_code_);
-    record_.count("http.request_body_len", request_).count("http.response_body_len", response_);
-  }
-
- protected:
-  Offset<void> payload(FlatBufferBuilder& builder) const override {
-    const auto user = builder.CreateString(user_);
-    const auto method = builder.CreateString(method_);
-    const auto host = builder.CreateString(host_);
-    const auto uri = builder.CreateString(uri_);
-    return Dravenholt::CreateHttpData(builder, user, method, host, uri, status_code_, request_,
-                                      response_)
-        .Union();
-  }
-
- private:
-  std::string user_;
-  std::string method_;
-  std::string host_;
-  std::string uri_;
-  std::uint16_t status_code_;
-  std::uint64_t request_;
-  std::uint64_t response_;
-};
-
-class InboundHttp : public WithProtocol {
- public:
-  explicit InboundHttp(Random& random)
-      : WithProtocol(random, "http-in", Dravenholt::Data_HttpData),
-        uri_("/" + letters(random, 5, 120)),
-        user_(letters(random, 3, 10)) {
-    record_.vec("extra_fields", {"VERB", "URL", "USER", "AGENT"});
-    record_.vec("extra_vals", {"GET", uri_, user_, letters(random, 10, 40)});
-  }
-
- protected:
-  Offset<void> payload(FlatBufferBuilder& builder) const override {
+Payload add_inbound_http(Random& random, test::RecordBuilder& record, const Ends&) {
+  const std::string url = "/" + letters(random, 5, 120);
+  const std::string name = letters(random, 3, 10);
+  record.vec("extra_fields", {"VERB", "URL", "USER", "AGENT"});
+  record.vec("extra_vals", {"GET", url, name, letters(random, 10, 40)});
+  return [=](FlatBufferBuilder& builder) {
     const auto method = builder.CreateString("GET", 3);
-    const auto uri = builder.CreateString(uri_);
-    const auto user = builder.CreateString(user_);
+    const auto uri = builder.CreateString(url);
+    const auto user = builder.CreateString(name);
     return Dravenholt::CreateHttpData(builder, user, method, 0, uri).Union();
-  }
+  };
+}
 
- private:
-  std::string uri_;
-  std::string user_;
+/// A column of texts between two lengths; with `elements`, of sets of so many texts, which are one
+/// text in the message.
+struct TextColumn {
+  std::string name;
+  std::uint32_t least = 4;
+  std::uint32_t most = 40;
+  std::size_t elements = 0;
 };
 
-class Ftp : public WithProtocol {
- public:
-  explicit Ftp(Random& random)
-      : WithProtocol(random, "ftp", Dravenholt::Data_FtpData),
-        user_(letters(random, 3, 10)),
-        command_(one_of(random, {"RETR", "STOR", "PASV"})),
-        arg_("ftp://" + letters(random, 10, 60)),
-        reply_code_(static_cast<std::uint16_t>(100 + number(random, 400))),
-        file_size_(number(random, 4000000000u)) {
-    record_.text("ftp.user", user_).text("ftp.command", command_).text("ftp.arg", arg_);
-    record_.count("ftp.reply_code", reply_code_).count("ftp.file_size", file_size_);
-  }
-
- protected:
-  Offset<void> payload(FlatBufferBuilder& builder) const override {
-    const auto user = builder.CreateString(user_);
-    const auto command = builder.CreateString(command_);
-    const auto arg = builder.CreateString(arg_);
-    return Dravenholt::CreateFtpData(builder, user, command, reply_code_, arg, file_size_).Union();
-  }
-
- private:
-  std::string user_;
-  std::string command_;
-  std::string arg_;
-  std::uint16_t reply_code_;
-  std::uint64_t file_size_;
+struct CountColumn {
+  std::string name;
+  std::uint32_t most = 60000;
 };
 
-class Smtp : public WithProtocol {
- public:
-  explicit Smtp(Random& random)
-      : WithProtocol(random, "smtp", Dravenholt::Data_SmtpData),
-        from_(letters(random, 10, 25)),
-        subject_(letters(random, 5, 60)),
-        req_size_(number(random, 100000)) {
-    const std::vector<std::string> to = {letters(random, 10, 25), letters(random, 10, 25),
-                                         letters(random, 10, 25)};
-    to_ = to[0] + "," + to[1] + "," + to[2];
-    record_.text("smtp.from", from_).set("smtp.to", to).text("smtp.subject", subject_);
-    record_.count("smtp.reqSize", req_size_);
-  }
+/// The payload of texts and counts, both in the order of their columns.
+using Texts = const Offset<String>*;
+using Counts = const std::uint32_t*;
+using MakePayload = Offset<void> (*)(FlatBufferBuilder&, Texts, Counts);
 
- protected:
-  Offset<void> payload(FlatBufferBuilder& builder) const override {
-    const auto from = builder.CreateString(from_);
-    const auto to = builder.CreateString(to_);
-    const auto subject = builder.CreateString(subject_);
-    return Dravenholt::CreateSmtpData(builder, from, to, subject, req_size_).Union();
-  }
-
- private:
-  std::string from_;
-  std::string to_;
-  std::string subject_;
-  std::uint64_t req_size_;
-};
-
-/// The kinds whose columns are texts and at most one count behind them. `make` takes the texts in
-/// the order of the columns.
-class Texts : public WithProtocol {
- public:
-  using Make = std::function<Offset<void>(FlatBufferBuilder&, const Offset<String>* texts,
-                                          std::uint32_t count)>;
-
-  Texts(Random& random, const std::string& ptype, Dravenholt::Data type,
-        const std::vector<std::string>& text_columns, const std::string& count_column, Make make)
-      : WithProtocol(random, ptype, type), count_(number(random, 60000)), make_(std::move(make)) {
-    for (const std::string& column : text_columns) {
-      texts_.push_back(letters(random, 4, 40));
-      record_.text(column, texts_.back());
+/// The kinds whose columns are texts and counts behind them.
+Maker texts_and_counts(const std::string& ptype, Dravenholt::Data type,
+                       const std::vector<TextColumn>& text_columns,
+                       const std::vector<CountColumn>& count_columns, MakePayload make) {
+  const AddColumns add = [=](Random& random, test::RecordBuilder& record, const Ends&) {
+    std::vector<std::string> texts;
+    std::vector<std::uint32_t> counts;
+    for (const TextColumn& column : text_columns) {
+      texts.push_back(letters(random, column.least, column.most));
+      std::vector<std::string> elements = {texts.back()};
+      while (elements.size() < column.elements) {
+        elements.push_back(letters(random, column.least, column.most));
+        texts.back() += "," + elements.back();
+      }
+      if (column.elements > 0)
+        record.set(column.name, elements);
+      else
+        record.text(column.name, texts.back());
     }
-    if (!count_column.empty())
-      record_.count(count_column, count_);
-  }
+    for (const CountColumn& column : count_columns) {
+      counts.push_back(number(random, column.most));
+      record.count(column.name, counts.back());
+    }
+    return [=](FlatBufferBuilder& builder) {
+      Offset<String> made[8];
+      for (std::size_t i = 0; i < texts.size(); i++)
+        made[i] = builder.CreateString(texts[i]);
+      return make(builder, made, counts.data());
+    };
+  };
+  return protocol(ptype, type, add);
+}
 
- protected:
-  Offset<void> payload(FlatBufferBuilder& builder) const override {
-    Offset<String> made[8];
-    for (std::size_t i = 0; i < texts_.size(); i++)
-      made[i] = builder.CreateString(texts_[i]);
-    return make_(builder, made, count_);
-  }
-
- private:
-  std::vector<std::string> texts_;
-  std::uint32_t count_;
-  Make make_;
-};
-
-class Statistics : public WithEnvelope {
- public:
-  explicit Statistics(Random& random) : WithEnvelope(random) {
-    for (double& real : reals_)
-      real = number(random, 100000) / 64.0;
-    for (std::int32_t& count : counts_)
-      count = static_cast<std::int32_t>(1 + number(random, 100000));
-    record_.real("cpu_usage", reals_[0]).integer("priority", counts_[0]);
-    record_.count("ph_mem_total", counts_[1]).count("ph_mem_used", counts_[2]);
-    record_.count("virt_mem_total", counts_[3]).count("virt_mem_used", counts_[4]);
-    record_.real("hdd_volume", reals_[1]).real("hdd_used", reals_[2]).real("hdd_avail", reals_[3]);
-    // Behind cpu_usage, which sets the current time: so the message can be compared.
-    record_.time("ts", ts);
-  }
-
-  void build(FlatBufferBuilder& builder) const override {
+std::unique_ptr<Sample> statistics(Random& random) {
+  auto sample = std::make_unique<Sample>();
+  const Envelope envelope(random);
+  std::array<double, 4> reals;
+  for (double& real : reals)
+    real = number(random, 100000) / 64.0;
+  std::array<std::int32_t, 5> counts;
+  for (std::int32_t& count : counts)
+    count = static_cast<std::int32_t>(1 + number(random, 100000));
+  test::RecordBuilder& record = sample->record;
+  record.real("cpu_usage", reals[0]).integer("priority", counts[0]);
+  record.count("ph_mem_total", counts[1]).count("ph_mem_used", counts[2]);
+  record.count("virt_mem_total", counts[3]).count("virt_mem_used", counts[4]);
+  record.real("hdd_volume", reals[1]).real("hdd_used", reals[2]).real("hdd_avail", reals[3]);
+  // Behind cpu_usage, which sets the current time: so the message can be compared.
+  record.time("ts", envelope.ts);
+  sample->build = [=](FlatBufferBuilder& builder) {
     const auto agent = builder.CreateString(kAgentId);
     const auto fixed_uid = builder.CreateString("000000000000000000", 18);
     const auto payload =
-        Dravenholt::CreateSystemStatsData(builder, reals_[0], counts_[0], counts_[1], counts_[2],
-                                          counts_[3], counts_[4], reals_[1], reals_[2], reals_[3]);
-    finish(builder, fixed_uid, agent, Dravenholt::Data_SystemStatsData, payload.Union());
+        Dravenholt::CreateSystemStatsData(builder, reals[0], counts[0], counts[1], counts[2],
+                                          counts[3], counts[4], reals[1], reals[2], reals[3]);
+    envelope.finish(builder, fixed_uid, agent, Dravenholt::Data_SystemStatsData, payload.Union());
+  };
+  return sample;
+}
+
+std::unique_ptr<Sample> pairs(Random& random, int count) {
+  auto sample = std::make_unique<Sample>();
+  const Envelope envelope(random);
+  std::vector<std::string> keys;
+  std::vector<std::string> vals;
+  for (int i = 0; i < count; i++) {
+    keys.push_back(letters(random, 4, 16));
+    vals.push_back(letters(random, 1, 30));
   }
-
- private:
-  double reals_[4];
-  std::int32_t counts_[5];
-};
-
-class Pairs : public WithEnvelope {
- public:
-  Pairs(Random& random, int pairs) : WithEnvelope(random) {
-    for (int i = 0; i < pairs; i++) {
-      keys_.push_back(letters(random, 4, 16));
-      vals_.push_back(letters(random, 1, 30));
-    }
-    record_.time("ts", ts).text("uid", uid).vec("extra_fields", keys_).vec("extra_vals", vals_);
-  }
-
-  void build(FlatBufferBuilder& builder) const override {
+  sample->record.time("ts", envelope.ts).text("uid", envelope.uid);
+  sample->record.vec("extra_fields", keys).vec("extra_vals", vals);
+  sample->build = [=](FlatBufferBuilder& builder) {
     const auto agent = builder.CreateString(kAgentId);
-    const auto uid_text = builder.CreateString(uid);
+    const auto uid_text = builder.CreateString(envelope.uid);
     std::vector<Offset<Dravenholt::MapEntry>> entries;
-    entries.reserve(keys_.size());
-    for (std::size_t i = 0; i < keys_.size(); i++) {
-      const auto key = builder.CreateString(keys_[i]);
-      const auto value = builder.CreateString(vals_[i]);
+    entries.reserve(keys.size());
+    for (std::size_t i = 0; i < keys.size(); i++) {
+      const auto key = builder.CreateString(keys[i]);
+      const auto value = builder.CreateString(vals[i]);
       entries.push_back(Dravenholt::CreateMapEntry(builder, key, value));
     }
     const auto fields = builder.CreateVector(entries);
     const auto payload = Dravenholt::CreateGenericProtocolData(builder, 0, fields);
-    finish(builder, uid_text, agent, Dravenholt::Data_GenericProtocolData, payload.Union());
-  }
-
- private:
-  std::vector<std::string> keys_;
-  std::vector<std::string> vals_;
-};
-
-using Maker = std::function<std::unique_ptr<Sample>(Random&)>;
-
-template <typename Kind>
-std::unique_ptr<Sample> make(Random& random) {
-  return std::make_unique<Kind>(random);
-}
-
-Maker texts(const std::string& ptype, Dravenholt::Data type,
-            const std::vector<std::string>& text_columns, const std::string& count_column,
-            const Texts::Make& make) {
-  return [=](Random& random) {
-    return std::make_unique<Texts>(random, ptype, type, text_columns, count_column, make);
+    envelope.finish(builder, uid_text, agent, Dravenholt::Data_GenericProtocolData,
+                    payload.Union());
   };
+  return sample;
 }
 
-using Text = const Offset<String>*;
+using Builder = FlatBufferBuilder;
+
+std::uint16_t narrow(std::uint32_t count) {
+  return static_cast<std::uint16_t>(count);
+}
 
 const std::vector<std::pair<std::string, Maker>> kMakers = {
-    {"connection", make<Connection>},
-    {"http", make<Http>},
-    {"http-in", make<InboundHttp>},
-    {"ftp", make<Ftp>},
-    {"ldap", texts("ldap", Dravenholt::Data_LdapData, {"ldap.user", "ldap.message", "ldap.base"},
-                   "ldap.resultCode",
-                   [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
-                     return Dravenholt::CreateLdapData(b, t[0], t[1],
-                                                       static_cast<std::uint16_t>(count), t[2])
-                         .Union();
-                   })},
-    {"smb", texts("smb", Dravenholt::Data_SmbData,
-                  {"smb.user", "smb.share", "smb.filename", "smb.action"}, "smb.filesize",
-                  [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
-                    return Dravenholt::CreateSmbData(b, t[0], t[1], t[2], t[3], count).Union();
-                  })},
-    {"smtp", make<Smtp>},
-    {"tds",
-     texts("tds", Dravenholt::Data_TdsData, {"tds.user", "tds.database", "tds.app", "tds.sql"}, "",
-           [](FlatBufferBuilder& b, Text t, std::uint32_t) {
-             return Dravenholt::CreateTdsData(b, t[0], t[1], t[2], t[3]).Union();
-           })},
-    {"dce-rpc", texts("dce-rpc", Dravenholt::Data_DceRpcData,
-                      {"dce.request_type", "dce.interface_uuid", "dce.interface_name", "dce.method",
-                       "dce.arguments", "dce.raw_args"},
-                      "dce.opnum",
-                      [](FlatBufferBuilder& b, Text t, std::uint32_t count) {
-                        return Dravenholt::CreateDceRpcData(b, t[0], t[1], t[2],
-                                                            static_cast<std::int32_t>(count), t[3],
-                                                            t[4], t[5])
-                            .Union();
+    {"connection", connection()},
+    {"http",
+     texts_and_counts(
+         "http", Dravenholt::Data_HttpData,
+         {{"http.user", 3, 10}, {"http.method", 3, 4}, {"http.host", 8, 30}, {"http.uri", 6, 121}},
+         {{"http.status_code", 500},
+          {"http.request_body_len", 5000},
+          {"http.response_body_len", 5000000}},
+         [](Builder& b, Texts t, Counts n) {
+           return Dravenholt::CreateHttpData(b, t[0], t[1], t[2], t[3], narrow(n[0]), n[1], n[2])
+               .Union();
+         })},
+    {"http-in", protocol("http-in", Dravenholt::Data_HttpData, add_inbound_http)},
+    {"ftp", texts_and_counts(
+                "ftp", Dravenholt::Data_FtpData,
+                {{"ftp.user", 3, 10}, {"ftp.command", 4, 4}, {"ftp.arg", 16, 66}},
+                {{"ftp.reply_code", 500}, {"ftp.file_size", 4000000000u}},
+                [](Builder& b, Texts t, Counts n) {
+                  return Dravenholt::CreateFtpData(b, t[0], t[1], narrow(n[0]), t[2], n[1]).Union();
+                })},
+    {"ldap", texts_and_counts(
+                 "ldap", Dravenholt::Data_LdapData,
+                 {{"ldap.user"}, {"ldap.message"}, {"ldap.base"}}, {{"ldap.resultCode"}},
+                 [](Builder& b, Texts t, Counts n) {
+                   return Dravenholt::CreateLdapData(b, t[0], t[1], narrow(n[0]), t[2]).Union();
+                 })},
+    {"smb", texts_and_counts(
+                "smb", Dravenholt::Data_SmbData,
+                {{"smb.user"}, {"smb.share"}, {"smb.filename"}, {"smb.action"}}, {{"smb.filesize"}},
+                [](Builder& b, Texts t, Counts n) {
+                  return Dravenholt::CreateSmbData(b, t[0], t[1], t[2], t[3], n[0]).Union();
+                })},
+    {"smtp",
+     texts_and_counts("smtp", Dravenholt::Data_SmtpData,
+                      {{"smtp.from", 10, 25}, {"smtp.to", 10, 25, 3}, {"smtp.subject", 5, 60}},
+                      {{"smtp.reqSize", 100000}},
+                      [](Builder& b, Texts t, Counts n) {
+                        return Dravenholt::CreateSmtpData(b, t[0], t[1], t[2], n[0]).Union();
                       })},
-    {"tn5250",
-     texts("tn5250", Dravenholt::Data_Tn5250Data, {"tn5250.protocol", "tn5250.details"}, "",
-           [](FlatBufferBuilder& b, Text t, std::uint32_t) {
-             return Dravenholt::CreateTn5250Data(b, t[0], t[1]).Union();
-           })},
-    {"system-stats", make<Statistics>},
-    {"20-pairs", [](Random& random) { return std::make_unique<Pairs>(random, 20); }},
+    {"tds", texts_and_counts("tds", Dravenholt::Data_TdsData,
+                             {{"tds.user"}, {"tds.database"}, {"tds.app"}, {"tds.sql"}}, {},
+                             [](Builder& b, Texts t, Counts) {
+                               return Dravenholt::CreateTdsData(b, t[0], t[1], t[2], t[3]).Union();
+                             })},
+    {"dce-rpc", texts_and_counts("dce-rpc", Dravenholt::Data_DceRpcData,
+                                 {{"dce.request_type"},
+                                  {"dce.interface_uuid"},
+                                  {"dce.interface_name"},
+                                  {"dce.method"},
+                                  {"dce.arguments"},
+                                  {"dce.raw_args"}},
+                                 {{"dce.opnum"}},
+                                 [](Builder& b, Texts t, Counts n) {
+                                   return Dravenholt::CreateDceRpcData(
+                                              b, t[0], t[1], t[2], static_cast<std::int32_t>(n[0]),
+                                              t[3], t[4], t[5])
+                                       .Union();
+                                 })},
+    {"tn5250", texts_and_counts("tn5250", Dravenholt::Data_Tn5250Data,
+                                {{"tn5250.protocol"}, {"tn5250.details"}}, {},
+                                [](Builder& b, Texts t, Counts) {
+                                  return Dravenholt::CreateTn5250Data(b, t[0], t[1]).Union();
+                                })},
+    {"system-stats", statistics},
+    {"20-pairs", [](Random& random) { return pairs(random, 20); }},
 };
 
 Samples make_samples(std::size_t count, const Maker& maker) {
@@ -475,18 +393,16 @@ std::vector<std::string> messages(std::size_t agents) {
   const Samples records = samples("connection", 64);
   std::vector<std::string> made;
   for (std::size_t i = 0; i < agents; ++i)
-    made.push_back(message(records[i % records.size()]->record(), agent_name(i)));
+    made.push_back(message(records[i % records.size()]->record, agent_name(i)));
   return made;
 }
 
 Samples wide_samples(int columns, std::size_t count) {
-  return make_samples(
-      count, [columns](Random& random) { return std::make_unique<Connection>(random, columns); });
+  return make_samples(count, connection(columns));
 }
 
-Samples pair_samples(int pairs, std::size_t count) {
-  return make_samples(count,
-                      [pairs](Random& random) { return std::make_unique<Pairs>(random, pairs); });
+Samples pair_samples(int count_of_pairs, std::size_t count) {
+  return make_samples(count, [=](Random& random) { return pairs(random, count_of_pairs); });
 }
 
 }  // namespace bench

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,19 +23,12 @@ namespace bench {
 /// What every sample is converted with.
 extern const std::string kAgentId;
 
-class Sample {
- public:
-  virtual ~Sample() = default;
+struct Sample {
+  test::RecordBuilder record;
 
   /// Builds and finishes the message of `record` in a fresh builder: byte for byte what the
   /// conversion makes of it.
-  virtual void build(flatbuffers::FlatBufferBuilder& builder) const = 0;
-
-  /// By reference to non-const only because the host's interface wants it so.
-  test::RecordBuilder& record() { return record_; }
-
- protected:
-  test::RecordBuilder record_;
+  std::function<void(flatbuffers::FlatBufferBuilder&)> build;
 };
 
 using Samples = std::vector<std::unique_ptr<Sample>>;

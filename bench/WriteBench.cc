@@ -51,7 +51,7 @@ class Writer {
   }
 
   void write(std::size_t i) {
-    test::RecordBuilder& record = samples_[i % kSamples]->record();
+    test::RecordBuilder& record = samples_[i % kSamples]->record;
     if (!writer_->DoWrite(record.size(), fields(), record.vals()))
       abort();
     if (i % kBatch == kBatch - 1)
@@ -59,7 +59,7 @@ class Writer {
   }
 
   void convert_and_copy(std::size_t i) {
-    test::RecordBuilder& record = samples_[i % kSamples]->record();
+    test::RecordBuilder& record = samples_[i % kSamples]->record;
     flatbuffers::FlatBufferBuilder builder(logging::writer::kInitialBufferBytes);
     logging::writer::convert_record(builder, bench::kAgentId, record.size(), fields(),
                                     record.vals());
@@ -73,7 +73,7 @@ class Writer {
 
  private:
   /// The columns of all records: a writer's are the same for each.
-  const threading::Field* const* fields() const { return samples_.front()->record().fields(); }
+  const threading::Field* const* fields() const { return samples_.front()->record.fields(); }
 
   static void empty_queue() {
     logging::writer::ZmqWorker* const worker = logging::writer::shared_worker::worker;
