@@ -232,6 +232,7 @@ class FollowTest(FollowTestCase):
         self.wait_for_uids(collector, "C0", "C1", "C2", "C3", "C5", "C6", "C7")
         said = self.stop_follow(replay, 1)
         self.assertIn("things.log: 7 records, 2 broken lines, could not be read to its end", said)
+        self.assertNotIn("gave up", said)
 
     def test_files_rotated_while_nobody_reads_are_found_where_the_last_one_has_gone(self):
         collector = self.collect_for_follow()
@@ -278,6 +279,7 @@ class FollowTest(FollowTestCase):
         wait_for(lambda: "is not responding" in replay.stderr, "the attempt")
         said = self.stop_follow(replay, 1)
         self.assertRegex(said, "to be read again: (at most )?5 records, neither sent nor on disk")
+        self.assertIn("the next start sends again what was read last: at most 5 records\n", said)
         self.assertIs(json.loads(read_file("state"))["exact"], False)
         replay = self.follow("--drain", "1", self.LOG)
         wait_for(lambda: "is not responding" in replay.stderr, "the attempt")

@@ -78,7 +78,7 @@ void EndWatch::EndProcess() {
                spool_.read_again() ? "read again by the next start" : "lost");
   try {
     close_spool(spool_.folder());
-    spool_.EndWithoutStop(unsent_);
+    spool_.EndWithoutStop(unsent_, repeated_);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s\n", error.what());
   }

@@ -30,8 +30,11 @@ class EndWatch {
   /// Begins the end, unless a signal has.
   void Begin();
 
-  /// Records that were read and not delivered so far.
-  void SetUnsent(std::int64_t unsent) { unsent_ = unsent; }
+  /// Records that were read and not delivered so far, and those that the next start sends again.
+  void SetUnsent(std::int64_t unsent, std::uint64_t repeated) {
+    unsent_ = unsent;
+    repeated_ = repeated;
+  }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -43,6 +46,7 @@ class EndWatch {
   const double longest_s_;
   const SpoolAccount& spool_;
   std::atomic<std::int64_t> unsent_{0};
+  std::atomic<std::uint64_t> repeated_{0};
   int answered_ = 0;  // signals; of the watch's thread
 
   std::mutex mutex_;

@@ -120,7 +120,7 @@ class Replay {
     NoteFailures();
     const DravenholtZmqWriterStatus before_end = status_->Now();
     ReportReading();
-    if (!why_stopped_.empty() && !((drained_ || (Following() && fed_ == 0)) && Whole()))
+    if (!why_stopped_.empty() && !(Following() ? drained_ || fed_ == 0 : drained_ && Whole()))
       ReportGivingUp(before_end);
     AnnounceEnd(before_end);
     if (!drained_)
@@ -313,9 +313,9 @@ class Replay {
     if (status.sent != last_sent_)
       last_progress_ = Clock::now();
     last_sent_ = status.sent;
-    watch_->SetUnsent(Unsent(status));
     if (handover_)
       handover_->Look(status, fed_);
+    watch_->SetUnsent(Unsent(status), Repeated());
     return status;
   }
 
@@ -323,6 +323,9 @@ class Replay {
   std::int64_t Unsent(const DravenholtZmqWriterStatus& status) const {
     return static_cast<std::int64_t>(fed_) - static_cast<std::int64_t>(status.delivered);
   }
+
+  /// Records read that the next start reads again, if this run ended now.
+  std::uint64_t Repeated() const { return handover_ ? fed_ - handover_->covered() : 0; }
 
   /// Decides to stop when nothing was sent for too long.
   void StopIfStuck(double patience_s) {
@@ -433,10 +436,7 @@ class Replay {
     const std::uint64_t sent = status_->Sent(status);
     std::fprintf(stderr, "sent: %s, failed: %s\n", counted(sent, "message").c_str(),
                  counted(status.failed, "attempt").c_str());
-    const bool nothing_left = spool_->End(Unsent(status), status.stored);
-    if (handover_ && handover_->covered() < fed_)
-      std::fprintf(stderr, "the next start sends again what was read last: at most %s\n",
-                   counted(fed_ - handover_->covered(), "record").c_str());
+    const bool nothing_left = spool_->End(Unsent(status), status.stored, Repeated());
     if (sent > fed_)
       std::fprintf(stderr,
                    "more was sent than read: the spool held events of an earlier run, or empty "

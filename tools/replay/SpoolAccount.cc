@@ -51,7 +51,7 @@ void SpoolAccount::Begin(bool ignore) {
     std::fprintf(stderr, "warning: %s\n", problem.c_str());
 }
 
-bool SpoolAccount::End(std::int64_t unsent, std::int64_t stored) const {
+bool SpoolAccount::End(std::int64_t unsent, std::int64_t stored, std::uint64_t repeated) const {
   const std::int64_t on_disk = PrintRecordsOnDisk();
   const std::int64_t lost = records_before_ + unsent - on_disk;
   const std::int64_t lost_on_disk = std::min(lost, records_before_ + stored - on_disk);
@@ -62,14 +62,22 @@ bool SpoolAccount::End(std::int64_t unsent, std::int64_t stored) const {
                  "of these, the spool had taken %s: its disk was full, it is disabled, or another "
                  "process has used it\n",
                  records(lost_on_disk).c_str());
+  PrintRepeated(repeated);
   return on_disk == 0 && lost <= 0;
 }
 
-void SpoolAccount::EndWithoutStop(std::int64_t unsent) const {
+void SpoolAccount::EndWithoutStop(std::int64_t unsent, std::uint64_t repeated) const {
   const std::int64_t on_disk = PrintRecordsOnDisk();
   const std::int64_t lost = std::max<std::int64_t>(records_before_ + unsent - on_disk, 0);
   std::fprintf(stderr, "%s: at most %s, neither sent nor on disk\n", LostWord(),
                records(lost).c_str());
+  PrintRepeated(repeated);
+}
+
+void SpoolAccount::PrintRepeated(std::uint64_t repeated) {
+  if (repeated > 0)
+    std::fprintf(stderr, "the next start sends again what was read last: at most %s\n",
+                 counted(repeated, "record").c_str());
 }
 
 const char* SpoolAccount::LostWord() const {

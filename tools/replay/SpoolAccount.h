@@ -20,11 +20,12 @@ class SpoolAccount {
 
   /// Looks at the spool once the plug-in has closed it, and prints on standard error what is on
   /// disk and what was lost. `unsent` is the number of records that were read less those that were
-  /// delivered, `stored` those of the plug-in's status. Returns whether nothing is left or lost.
-  bool End(std::int64_t unsent, std::int64_t stored) const;
+  /// delivered, `stored` those of the plug-in's status, `repeated` those that the next start sends
+  /// again. Returns whether nothing is left or lost.
+  bool End(std::int64_t unsent, std::int64_t stored, std::uint64_t repeated) const;
 
   /// The same where the plug-in was not stopped, after its spool was closed in its place.
-  void EndWithoutStop(std::int64_t unsent) const;
+  void EndWithoutStop(std::int64_t unsent, std::uint64_t repeated) const;
 
   const std::string& folder() const { return folder_; }
   bool read_again() const { return read_again_; }
@@ -32,6 +33,7 @@ class SpoolAccount {
  private:
   const char* LostWord() const;
   std::int64_t PrintRecordsOnDisk() const;
+  static void PrintRepeated(std::uint64_t repeated);
 
   const std::string folder_;
   const bool read_again_;
