@@ -40,8 +40,7 @@ if(NOT EXISTS ${CMAKE_BINARY_DIR}/generated/aggregator_generated.h)
 endif()
 
 include(${CMAKE_CURRENT_LIST_DIR}/Dependencies.cmake)
-include(${CMAKE_CURRENT_LIST_DIR}/PluginExports.cmake)
-include(${CMAKE_CURRENT_LIST_DIR}/FixedPaths.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/PluginBuild.cmake)
 find_package(Threads REQUIRED)
 
 # --- what the sources need beside the host ------------------------------------------------------

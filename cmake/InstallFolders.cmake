@@ -7,19 +7,18 @@
 #   ZMQWRITER_AGENT_USER       the user that the host runs as, who gets the folders (empty: the user
 #                              who installs)
 
-include(${CMAKE_CURRENT_LIST_DIR}/FixedPaths.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/PluginBuild.cmake)
 
 option(ZMQWRITER_PREPARE_FOLDERS "Make the folders that the plug-in works in when installing" ON)
 set(ZMQWRITER_AGENT_USER "" CACHE STRING
     "User that the host runs as, owner of the prepared folders (empty: who installs)")
 
 if(ZMQWRITER_PREPARE_FOLDERS)
-  zmqwriter_fixed_path(install_prefix INSTALL_PREFIX)
-  zmqwriter_fixed_path(spool_folder SPOOL_FOLDER)
-  get_filename_component(spool_parent "${spool_folder}" DIRECTORY)
+  get_filename_component(spool_parent "${ZMQWRITER_FIXED_SPOOL_FOLDER}" DIRECTORY)
   install(CODE "
     execute_process(COMMAND sh \"${CMAKE_CURRENT_LIST_DIR}/prepare-folders\"
-      \"${ZMQWRITER_AGENT_USER}\" \"${install_prefix}\" \"${spool_parent}\" RESULT_VARIABLE failed)
+      \"${ZMQWRITER_AGENT_USER}\" \"${ZMQWRITER_FIXED_INSTALL_PREFIX}\" \"${spool_parent}\"
+      RESULT_VARIABLE failed)
     if(failed)
       message(FATAL_ERROR \"The plug-in's folders were not made\")
     endif()")
