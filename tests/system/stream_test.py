@@ -177,8 +177,9 @@ class StreamTest(StreamCase):
                 ("both", ca + other, 1, "it may want another certificate (--nats-cert)"),
                 ("both", ca + mixed, 1, "key values mismatch"),
                 ("no-js", [], 1, "start the servers with --jetstream"),
-                ("frozen", [], 1, "no answer within 2 s"),
-                ("gone", [], 1, "does not answer")):
+                ("frozen", [], 0, "warning: the engine takes no events: cannot connect to nats://127"),
+                ("frozen", [], 0, "no answer within 2 s"),
+                ("gone", [], 0, "does not answer; receiving pauses when")):
             with self.subTest(server=server, arguments=arguments):
                 result = self.run_collect("--create-stream", "--timeout", "0.01", "--to",
                                           servers[server].url, *arguments)
@@ -196,6 +197,76 @@ class StreamTest(StreamCase):
             result = self.run_collect("--create-stream", "--timeout", "0.01", "--to", server.url,
                                       *arguments)
             self.assertEqual((result.returncode, words in result.stderr), (status, True), result.stderr)
+
+    def test_what_one_server_refuses_counts_more_than_that_others_are_away(self):
+        write_file("wrong", "me\nother\n")
+        os.chmod("wrong", 0o600)
+        server = self.server(users(), name="there")
+        gone = [self.server(name=f"gone{number}") for number in range(3)]
+        for other in gone:
+            other.kill()
+        result = self.run_collect("--timeout", "0.01", "--nats-user", "wrong", "--to",
+                                  ",".join(each.url for each in (*gone, server)))
+        self.assertEqual((result.returncode, "look at --nats-user" in result.stderr), (1, True),
+                         result.stderr)
+
+    def test_it_starts_without_the_engine_and_goes_on_when_that_is_there(self):
+        server = self.server()
+        server.kill()
+        collector = self.collect_to(server.url, "--window", "3")
+        self.assertEqual(self.figures(collector)["trouble"], "connection_lost")
+        self.assertEqual(self.get(collector, "healthz")[0], 503)
+        self.send(collector, 0, 5)
+        wait_for(lambda: self.figures(collector)["stalled_s"] > 1, "a full window")
+        self.assertEqual(self.figures(collector)["window"]["events"], 3)
+        self.assertEqual(self.warnings(collector), 1, collector.stderr)
+        server.start()
+        self.await_stored(server, 5)
+        wait_for(lambda: self.figures(collector)["trouble"] is None, "the end of the trouble")
+        self.assertEqual(self.get(collector, "healthz")[0], 200)
+        self.assertEqual(self.figures(collector)["reconnections"], 0)
+        self.assertIn("made the stream zmqwriter", collector.stderr)
+        self.end(collector, 0, AGAIN)
+
+    def test_it_starts_without_the_engine_and_reports_what_is_wrong_there_later(self):
+        write_file("user", "me\nsecret\n")
+        os.chmod("user", 0o600)
+        server = self.server(users())
+        server.kill()
+        collector = self.collect_to(server.url, "--nats-user", "user", create=None)
+        self.send(collector, 0, 5)
+        server.start()
+        self.await_trouble(collector, "not_authorised")
+        server.reload(users('["$JS.API.>", "zmqwriter.>"]'))
+        self.await_trouble(collector, "no_stream")
+        root = {"user": "root", "pass": "secret"}
+        with server.client(**root) as client:
+            client.make_stream("zmqwriter", subjects=["zmqwriter.>"])
+        self.await_stored(server, 5, **root)
+        wait_for(lambda: self.figures(collector)["trouble"] is None, "the end of the trouble")
+        self.end(collector, 0, AGAIN)
+
+    def test_it_starts_while_a_cluster_has_no_majority(self):
+        cluster = self.cluster()
+        with cluster.servers[0].client() as client:
+            client.make_stream("zmqwriter", subjects=["zmqwriter.>"], num_replicas=3)
+        cluster.kill()
+        cluster.servers[0].start()
+        collector = self.collect_to(cluster.url, create="replicas=3")
+        self.assertEqual(self.figures(collector)["trouble"], "no_quorum")
+        self.send(collector, 0, 5)
+        cluster.start()
+        self.await_stored(cluster.servers[0], 5)
+        wait_for(lambda: self.figures(collector)["trouble"] is None, "the end of the trouble")
+        self.end(collector, 0, AGAIN)
+
+    def test_it_ends_without_an_engine_that_never_was_there(self):
+        server = self.server()
+        server.kill()
+        collector = self.collect_to(server.url, "--drain", "0.2", "--unsent", "unsent")
+        self.send(collector, 0, 2)
+        wait_for(lambda: self.figures(collector)["window"]["events"] == 2, "the window")
+        self.end(collector, 0, "2 events were not acknowledged: they are in unsent")
 
     def test_the_engine_may_stop_and_come_back(self):
         server = self.server()

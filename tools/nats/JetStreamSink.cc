@@ -63,16 +63,28 @@ JetStreamSink::JetStreamSink(const JetStreamOptions& options, CollectStats* stat
       pause_(kShortestPause) {
   if (!options_.unsent_file.empty())
     unsent_lock_.Reset(lock_unsent_file(options_.unsent_file));
-  engine_ = std::make_unique<NatsConnection>(options_.engine, OnAnswer, this);
-  FindStream();
+  engine_ = std::make_unique<NatsConnection>(options_.engine, OnAnswer, this, true);
+  connected_ = engine_->connected();
+  changed_at_ = Clock::now();
+  std::optional<StreamProblem> problem;
+  if (!connected_)
+    problem = StreamProblem{StreamTrouble::kConnectionLost, why_no_server_answers(options_.engine)};
+  else if ((missing_ = FindStream(NatsConnection::kAnswerMs)))
+    problem = missing_;
+  if (problem && problem->trouble != StreamTrouble::kConnectionLost &&
+      problem->trouble != StreamTrouble::kNoQuorum)
+    throw std::runtime_error(problem->words);
+  if (problem && !problem->words.empty())
+    trouble_.Say(*problem);
   NoteFigures(Clock::now());
 }
 
-void JetStreamSink::FindStream() {
+/// Or makes it, if that was asked for. Returns why there is none.
+std::optional<StreamProblem> JetStreamSink::FindStream(int wait_ms) {
   const std::string& prefix = options_.engine.prefix;
   const char* step = "look for";
   try {
-    FoundStream stream = find_stream(*engine_, prefix + ".>");
+    FoundStream stream = find_stream(*engine_, prefix + ".>", wait_ms);
     if (!stream.name.empty()) {
       if (!stream.takes_all)
         std::fprintf(stderr, "warning: %s\n", partly_taken(stream, prefix).c_str());
@@ -80,23 +92,26 @@ void JetStreamSink::FindStream() {
         for (const std::string& difference : stream_differences(stream, *options_.create))
           std::fprintf(stderr, "warning: %s\n", difference.c_str());
     } else if (!options_.create) {
-      throw std::runtime_error("no stream takes the subjects '" + prefix +
-                               ".>'; make one with --create-stream, e.g. replicas=3,max-age=7d");
+      return StreamProblem{StreamTrouble::kNoStream,
+                           "no stream takes the subjects '" + prefix +
+                               ".>'; make one with --create-stream, e.g. replicas=3,max-age=7d"};
     } else {
       step = "make";
       create_stream(*engine_, prefix, *options_.create);
-      stream = find_stream(*engine_, prefix + ".>");
+      stream = find_stream(*engine_, prefix + ".>", wait_ms);
       std::fprintf(stderr, "made the stream %s for the subjects %s.>\n", stream.name.c_str(),
                    prefix.c_str());
     }
   } catch (const StreamError& error) {
+    engine_->ForgetProblem();
     if (error.trouble != StreamTrouble::kNotAuthorised || options_.create)
-      throw std::runtime_error(std::string("cannot ") + step + " the stream: " + error.what());
+      return StreamProblem{error.trouble,
+                           std::string("cannot ") + step + " the stream: " + error.what()};
     // Who may publish need not be allowed to look.
     std::fprintf(stderr, "warning: not allowed to look whether there is a stream: %s\n",
                  error.what());
-    engine_->ForgetProblem();
   }
+  return std::nullopt;
 }
 
 // ---- Events: held, published, answered ----
@@ -136,7 +151,7 @@ void JetStreamSink::Write(const EventMessage& event, std::string_view raw) {
 
 void JetStreamSink::Hold(const std::string& id, const EventMessage& event, std::string_view raw,
                          bool former) {
-  const bool waits = trouble_.in_doubt() || !connected_;
+  const bool waits = trouble_.in_doubt() || !connected_ || missing_;
   window_.Add(id, raw, former, waits);
   if (!waits)
     Publish(id, event, raw);
@@ -224,7 +239,9 @@ void JetStreamSink::Flush() {
 void JetStreamSink::Attend() {
   const auto now = Clock::now();
   KeepConnected(now);
-  if (connected_)
+  if (connected_ && missing_ && now >= next_try_)
+    FindStreamAgain(now);
+  if (connected_ && !missing_)
     PublishAgain(now);
   Report(now);
   RemoveUnsentFile();
@@ -278,6 +295,15 @@ void JetStreamSink::Pause(Clock::time_point now) {
   pause_ = std::min(2 * pause_, kLongestPause);
 }
 
+/// After a start without the engine.
+void JetStreamSink::FindStreamAgain(Clock::time_point now) {
+  missing_ = FindStream(kDiagnosisMs);
+  if (missing_)
+    Pause(now);
+  else
+    pause_ = kShortestPause;
+}
+
 /// While there is trouble, only one of what waits is tried: another one each time, since the
 /// trouble may be one subject's.
 void JetStreamSink::PublishAgain(Clock::time_point now) {
@@ -308,6 +334,8 @@ void JetStreamSink::Report(Clock::time_point now) {
       trouble_.Say(problem);
     return;
   }
+  if (missing_)
+    return trouble_.Say(*missing_);
   const PublicationWindow::Counts counts = window_.counts();
   if (counts.held == 0)
     trouble_.NoteTaken();

@@ -26,8 +26,8 @@ namespace zmqwriter {
 
 class JetStreamSink : public EventSink {
  public:
-  /// Connects, and looks for the stream or makes it. `stats` gets the figures. Throws
-  /// std::runtime_error that says what to do.
+  /// Connects, and looks for the stream or makes it; later, where the engine is away. `stats` gets
+  /// the figures. Throws std::runtime_error that says what to do.
   JetStreamSink(const JetStreamOptions& options, CollectStats* stats);
 
   /// What a former run left in the file of unsent events is published before all others.
@@ -49,7 +49,7 @@ class JetStreamSink : public EventSink {
                    const std::string& words);
   void DropTooLarge(const std::string& id, std::size_t size);
 
-  void FindStream();
+  std::optional<StreamProblem> FindStream(int wait_ms);
   void HoldFormer();
   void Hold(const std::string& id, const EventMessage& event, std::string_view raw, bool former);
   void Publish(const std::string& id, const EventMessage& event, std::string_view raw);
@@ -57,6 +57,7 @@ class JetStreamSink : public EventSink {
   void Attend();
   void KeepConnected(Clock::time_point now);
   void ConnectAgain();
+  void FindStreamAgain(Clock::time_point now);
   void Pause(Clock::time_point now);
   void PublishAgain(Clock::time_point now);
   void Report(Clock::time_point now);
@@ -75,14 +76,16 @@ class JetStreamSink : public EventSink {
   // Used by the library's threads, too.
   PublicationWindow window_;
   TroubleReport trouble_;
-  std::atomic<bool> connected_{true};
+  std::atomic<bool> connected_{false};
   std::atomic<std::uint64_t> too_large_{0};
 
   FileDescriptor unsent_lock_;
   std::deque<UnsentEvent> former_;  // of a former run, not yet held
   bool former_published_ = false;   // and the file is still there
 
-  bool any_published_ = false;       // by engine_
+  bool any_published_ = false;  // by engine_
+  // The stream, and why; to be looked for when connected.
+  std::optional<StreamProblem> missing_ = StreamProblem{StreamTrouble::kConnectionLost, ""};
   StreamProblem absence_;            // why engine_ is not there
   std::uint64_t reconnections_ = 0;  // of those before engine_
   Clock::time_point changed_at_;     // connected_

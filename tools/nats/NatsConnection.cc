@@ -43,6 +43,12 @@ int64_t pause_after(natsConnection*, int attempts, void*) {
 
 using Options = NatsPtr<natsOptions, natsOptions_Destroy>;
 
+bool uses_tls(const NatsOptions& options) {
+  return !options.ca.empty() || !options.certificate.empty() ||
+         std::any_of(options.servers.begin(), options.servers.end(),
+                     [](const std::string& url) { return url[0] == 't'; });
+}
+
 void set_secrets(const NatsOptions& options, natsOptions* set) {
   if (!options.user.empty()) {
     const auto lines = secret_lines(options.user, 2, "a user's name and a password, a line each");
@@ -59,15 +65,20 @@ void set_secrets(const NatsOptions& options, natsOptions* set) {
   if (!options.credentials.empty())
     check(natsOptions_SetUserCredentialsFromFiles(set, options.credentials.c_str(), nullptr),
           options.credentials);
-  const bool tls = std::any_of(options.servers.begin(), options.servers.end(),
-                               [](const std::string& url) { return url[0] == 't'; });
-  if (tls || !options.ca.empty() || !options.certificate.empty())
+  if (uses_tls(options))
     check(natsOptions_SetSecure(set, true), "TLS");
   if (!options.ca.empty())
     check(natsOptions_LoadCATrustedCertificates(set, options.ca.c_str()), options.ca);
   if (!options.certificate.empty())
     check(natsOptions_LoadCertificatesChain(set, options.certificate.c_str(), options.key.c_str()),
           options.certificate);
+}
+
+/// Whether such a failure to connect may be over later. With TLS, a connection that the server ends
+/// may be one with a wrong certificate.
+bool may_pass(natsStatus status, bool tls) {
+  return status == NATS_NO_SERVER || status == NATS_TIMEOUT ||
+         (!tls && (status == NATS_IO_ERROR || status == NATS_CONNECTION_CLOSED));
 }
 
 /// What to look at when connecting fails for this reason.
@@ -115,7 +126,8 @@ std::string nats_problem(natsStatus status) {
   return place ? place + 3 : words;
 }
 
-NatsConnection::NatsConnection(const NatsOptions& options, jsPubAckHandler handler, void* closure) {
+NatsConnection::NatsConnection(const NatsOptions& options, jsPubAckHandler handler, void* closure,
+                               bool patient) {
   natsOptions* made = nullptr;
   check(natsOptions_Create(&made), "libnats");
   const Options set(made);
@@ -137,14 +149,18 @@ NatsConnection::NatsConnection(const NatsOptions& options, jsPubAckHandler handl
   natsOptions_SetReconnectedCB(made, OnReconnected, this);
   natsOptions_SetClosedCB(made, OnClosed, this);
 
+  if (patient)
+    natsOptions_SetRetryOnFailedConnect(
+        made, true, [](natsConnection*, void*) {}, nullptr);
   natsConnection* connection = nullptr;
   const natsStatus status = natsConnection_Connect(&connection, made);
-  if (status != NATS_OK) {
+  if (status != NATS_OK && status != NATS_NOT_YET_CONNECTED) {
     std::string names;
     for (const std::string& server : options.servers)
       names += (names.empty() ? "" : ", ") + server;
     throw ConnectError(status,
-                       "cannot connect to " + names + ": " + nats_problem(status) + hint(status));
+                       "cannot connect to " + names + ": " + nats_problem(status) + hint(status),
+                       may_pass(status, uses_tls(options)));
   }
   connection_.reset(connection);
   jsOptions stream_options;
@@ -155,6 +171,23 @@ NatsConnection::NatsConnection(const NatsOptions& options, jsPubAckHandler handl
   jsCtx* stream = nullptr;
   check(natsConnection_JetStream(&stream, connection, &stream_options), "JetStream");
   stream_.reset(stream);
+}
+
+std::string why_no_server_answers(const NatsOptions& options) {
+  std::string reasons;
+  NatsOptions one = options;
+  for (const std::string& server : options.servers) {
+    one.servers = {server};
+    try {
+      const NatsConnection connection(one);
+      return "";
+    } catch (const ConnectError& error) {
+      if (!error.may_pass)
+        throw;
+      reasons += (reasons.empty() ? "" : "; ") + std::string(error.what());
+    }
+  }
+  return reasons;
 }
 
 NatsConnection::~NatsConnection() {

@@ -39,8 +39,10 @@ using NatsPtr = std::unique_ptr<T, NatsDeleter<T, Destroy>>;
 
 class ConnectError : public std::runtime_error {
  public:
-  ConnectError(natsStatus why, const std::string& words) : std::runtime_error(words), status(why) {}
+  ConnectError(natsStatus why, const std::string& words, bool passes = false)
+      : std::runtime_error(words), status(why), may_pass(passes) {}
   const natsStatus status;
+  const bool may_pass;  // as a server that is away does, unlike one that refuses
 };
 
 class NatsConnection {
@@ -49,9 +51,10 @@ class NatsConnection {
   static constexpr int kAnswerMs = 2000;
 
   /// `handler`, if any, gets the answers to js_PublishMsgAsync, on a thread of the library. Throws
-  /// ConnectError that says what to look at.
+  /// ConnectError that says what to look at. With `patient`, it connects later where no server can
+  /// be reached.
   explicit NatsConnection(const NatsOptions& options, jsPubAckHandler handler = nullptr,
-                          void* closure = nullptr);
+                          void* closure = nullptr, bool patient = false);
   ~NatsConnection();
   NatsConnection(const NatsConnection&) = delete;
   NatsConnection& operator=(const NatsConnection&) = delete;
@@ -87,5 +90,9 @@ class NatsConnection {
   NatsPtr<natsConnection, natsConnection_Destroy> connection_;
   NatsPtr<jsCtx, jsCtx_Destroy> stream_;
 };
+
+/// Connects to each server by itself, until one answers. Returns why none does; empty if one does.
+/// Throws ConnectError for what does not pass: of several servers, libnats may tell another's.
+std::string why_no_server_answers(const NatsOptions& options);
 
 }  // namespace zmqwriter
