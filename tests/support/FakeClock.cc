@@ -8,12 +8,7 @@
 #include <string>
 
 #include "CallLog.h"
-
-#ifdef __THROW
-#define LIBC_NOEXCEPT __THROW
-#else
-#define LIBC_NOEXCEPT
-#endif
+#include "LibcNoexcept.h"
 
 namespace {
 

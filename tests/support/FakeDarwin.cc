@@ -12,11 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
-#ifdef __THROW
-#define LIBC_NOEXCEPT __THROW
-#else
-#define LIBC_NOEXCEPT
-#endif
+#include "LibcNoexcept.h"
 
 namespace {
 

@@ -9,18 +9,15 @@
 #include <sstream>
 
 #include "FileSizeLimit.h"
+#include "LibcNoexcept.h"
 #include "RawEvents.h"
 #include "SpoolFixture.h"
 #include "aggregator_generated.h"
 
-#ifndef __THROW
-#define __THROW
-#endif
-
 static std::size_t stat_calls = 0;
 
 // Takes the place of the system's.
-extern "C" int stat(const char* path, struct stat* status) __THROW {
+extern "C" int stat(const char* path, struct stat* status) LIBC_NOEXCEPT {
   stat_calls += std::strstr(path, "/queue.dat") != nullptr;
   return fstatat(AT_FDCWD, path, status, 0);
 }
