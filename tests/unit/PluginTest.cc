@@ -5,9 +5,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "SystemStats.h"
 #include "UserDetect.h"
 #include "ZMQ.h"
@@ -17,7 +14,6 @@
 #include "logging/Manager.h"
 #include "plugin/Manager.h"
 #include "standin/Host.h"
-#include "standin/ReportRecorder.h"
 #include "standin/Scripts.h"
 #include "zmq.bif.h"
 

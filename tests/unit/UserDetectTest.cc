@@ -11,6 +11,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -228,19 +229,16 @@ TEST_F(UserDetectTest, AllZeroBlockNeverMatchesNotEvenAnAllZeroQuery) {
 
 TEST_F(UserDetectTest, EachOfTheFourValuesCounts) {
   darwin_.pcb_list = list_.bytes();
-  const std::uint32_t a = word("10.0.0.5"), b = word("10.0.0.9");
-  const std::uint32_t other = word("10.0.0.7");
-  const std::uint32_t p = htons(51000), q = htons(80), wrong = htons(81);
-  EXPECT_EQ(get_socket_pid(a, p, b, q), 91u);
-  EXPECT_EQ(get_socket_pid(b, q, a, p), 91u);
-  EXPECT_EQ(get_socket_pid(other, p, b, q), 0u);
-  EXPECT_EQ(get_socket_pid(a, wrong, b, q), 0u);
-  EXPECT_EQ(get_socket_pid(a, p, other, q), 0u);
-  EXPECT_EQ(get_socket_pid(a, p, b, wrong), 0u);
-  EXPECT_EQ(get_socket_pid(other, q, a, p), 0u);
-  EXPECT_EQ(get_socket_pid(b, wrong, a, p), 0u);
-  EXPECT_EQ(get_socket_pid(b, q, other, p), 0u);
-  EXPECT_EQ(get_socket_pid(b, q, a, wrong), 0u);
+  const std::uint32_t a = word("10.0.0.5"), p = htons(51000), b = word("10.0.0.9"), q = htons(80);
+  const std::array<std::uint32_t, 4> directions[] = {{a, p, b, q}, {b, q, a, p}};
+  for (const auto& right : directions) {
+    EXPECT_EQ(get_socket_pid(right[0], right[1], right[2], right[3]), 91u);
+    for (std::size_t i = 0; i < right.size(); ++i) {
+      auto asked = right;
+      asked[i] ^= 0x100;
+      EXPECT_EQ(get_socket_pid(asked[0], asked[1], asked[2], asked[3]), 0u) << "value " << i;
+    }
+  }
   // Endpoints do not mix: the port belongs to its address.
   EXPECT_EQ(get_socket_pid(a, q, b, p), 0u);
 }
