@@ -73,17 +73,6 @@ TEST(RecordMappingTest, ConnectionsAreGeneralAndKeepTheirNames) {
                           "duration:interval=unset", "tunnel_parents:set[string]={}"));
 }
 
-TEST(RecordMappingTest, HttpGetsItsPrefixAndUsernameIsTheUser) {
-  EXPECT_THAT(map(header("http") +
-                  "#fields\tts\tuid\tid.orig_h\tid.resp_p\tmethod\tusername\tidle\tuid_list\n"
-                  "#types\ttime\tstring\taddr\tport\tstring\tstring\tstring\tvector[string]\n"
-                  "1.5\tC1\t192.0.2.1\t80\tGET\tbob\tx\ta,b\n"),
-              ElementsAre("ptype:string='http'", "ts:time=1.5", "uid:string='C1'",
-                          "id.orig_h:addr=v4:c0000201", "id.resp_p:port=80",
-                          "http.method:string='GET'", "http.user:string='bob'",
-                          "http.idle:string='x'", "http.uid_list:vector[string]=['a' 'b']"));
-}
-
 struct ProtocolCase {
   const char* path;
   const char* ptype;

@@ -146,18 +146,6 @@ TEST_F(SendLoop, WithoutSecondariesEveryFurtherPassWarnsAndPushesOneMoreEntry) {
   EXPECT_EQ(failed(), 4u);
 }
 
-TEST_F(SendLoop, EntriesLeftByFailedPassesAreSkippedOnceTheRecordIsDelivered) {
-  connect();
-  sends({kFail, kFail, kFail, kFail});
-  write("a");
-  write("b");
-  EXPECT_THAT(run(), Lines("send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNotResponding,
-                           "send s1 'a' failed", kRetryPause, "send s1 'a' failed", kNoSecondary,
-                           "send s1 'a' ok", kBackOnline, "send s1 'b' ok", kIdle));
-  EXPECT_TRUE(worker->queue.empty());
-  EXPECT_EQ(sent(), 2u);
-}
-
 // -- Secondaries ----------------------------------------------------------------------------------
 
 TEST_F(SendLoop, ASecondaryGetsAMessageThenAnEmptyOneAndTheRestUntilThePrimaryIsBack) {
