@@ -88,90 +88,10 @@ class RandomOperations {
   std::mt19937 random_;
 };
 
-// Runs of Stores and Gets of records whose sizes meet the edges of what the spool reads at a time:
-// single bytes, pages, and what only just fits. Files hold several times that.
-class RandomRuns {
- public:
-  explicit RandomRuns(unsigned long seed) : random_(seed) {}
-
-  /// Does one operation; returns what it was.
-  std::string Do(test::SpoolBesideModel* both) {
-    if (left_ == 0)
-      Begin(both);
-    --left_;
-    if (kind_ == Kind::kTurns)
-      stores_ = !stores_;
-    if (kind_ == Kind::kTurns ? stores_ : kind_ == Kind::kStores)
-      return Store(both);
-    if (kind_ != Kind::kRestart) {
-      both->Take();
-      return "Get";
-    }
-    if (Below(2)) {
-      both->Restart();
-      return "restart";
-    }
-    both->CrashAndStart();
-    return "crash";
-  }
-
- private:
-  enum class Kind { kStores, kTakes, kTurns, kRestart };
-
-  std::size_t Below(std::size_t bound) { return random_() % bound; }
-
-  void Begin(test::SpoolBesideModel* both) {
-    static const std::int32_t limits[] = {2147483647, 2147483647, 300000, 70000, 66000};
-    const std::size_t choice = Below(20);
-    left_ = 1;
-    if (both->BytesOnDisk() > kLargestBacklog && both->IsEmpty()) {
-      kind_ = Kind::kRestart;  // removes the drained file
-    } else if (choice < 7 && both->BytesOnDisk() < kLargestBacklog) {
-      kind_ = Kind::kStores;
-      left_ = 1 + Below(Below(4) ? 12 : 150);
-      smallest_ = left_ > 12 ? 60 : 0;
-    } else if (choice < 16) {
-      kind_ = Kind::kTakes;
-      left_ = 1 + Below(Below(2) ? 6 : 200);
-    } else if (choice < 18) {
-      kind_ = Kind::kTurns;
-      left_ = 1 + Below(30);
-      smallest_ = 0;
-    } else {
-      kind_ = Kind::kRestart;
-    }
-    if (Below(6) == 0)
-      both->SetLimits(limits[Below(sizeof limits / sizeof *limits)], 0);
-  }
-
-  // Long runs are of small records. Empty ones are rare: they hide what lies below them.
-  std::string Store(test::SpoolBesideModel* both) {
-    static const std::size_t sizes[] = {1, 1, 100, 100, 4000, 4092, 60000, 65535};
-    std::size_t size = sizes[Below(sizeof sizes / sizeof *sizes)];
-    if (smallest_ > 0)
-      size = smallest_ + Below(700);
-    else if (Below(50) == 0)
-      size = 0;
-    std::string payload(size, '\0');
-    for (char& c : payload)
-      c = static_cast<char>(random_());
-    both->Store(payload);
-    return "Store of " + std::to_string(size) + " bytes";
-  }
-
-  static constexpr std::size_t kLargestBacklog = 400000;
-
-  std::mt19937 random_;
-  Kind kind_ = Kind::kStores;
-  bool stores_ = false;
-  std::size_t left_ = 0;      // operations of this kind
-  std::size_t smallest_ = 0;  // payload of a run's records; 0 where any size may come
-};
-
-template <class Operations>
-void compare_after_each_operation(unsigned long operations) {
+TEST(SpoolModelTest, EveryAnswerAndEveryByteOnDiskIsTheModels) {
+  const unsigned long operations = 5000 * test::test_factor();
   const unsigned long seed = test::random_seed();
-  Operations random(seed);
+  RandomOperations random(seed);
   for (unsigned long done = 0; done < operations;) {
     test::TempDir folder;
     std::filesystem::create_directory("orvik-spool");
@@ -182,15 +102,6 @@ void compare_after_each_operation(unsigned long operations) {
       ASSERT_EQ(difference, "") << "seed " << seed << ", operation " << done << ": " << operation;
     }
   }
-}
-
-TEST(SpoolModelTest, EveryAnswerAndEveryByteOnDiskIsTheModels) {
-  compare_after_each_operation<RandomOperations>(5000 * test::test_factor());
-}
-
-// Fewer: each takes longer.
-TEST(SpoolModelTest, RunsOfStoresAndGetsAreTheModelsAfterEveryOperation) {
-  compare_after_each_operation<RandomRuns>(1500 * test::test_factor());
 }
 
 // Every depth of a Get before a Store, and every number of Gets after it, around a read of 64 KiB.
