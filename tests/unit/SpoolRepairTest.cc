@@ -7,7 +7,6 @@
 #include "aggregator_generated.h"
 
 #include "SpoolFixture.h"
-#include "SpoolInUse.h"
 #include "SpoolSurvey.h"
 
 namespace {
@@ -45,27 +44,6 @@ class SpoolRepairTest : public testing::Test, protected test::SpoolFixture {
   }
 };
 
-TEST_F(SpoolRepairTest, NextStartSendsWhatAnUncleanStopLeftBehind) {
-  store("first");
-  store("second");
-  store("third");
-  crash();
-  repair();
-  EXPECT_EQ(content().substr(0, 12), header(40, 3));
-  start();
-  EXPECT_THAT(test::reports_of("warning"), IsEmpty());
-  EXPECT_THAT(take_all(), ElementsAre("third", "second", "first"));
-}
-
-TEST_F(SpoolRepairTest, FileWithOnlyTakenRecordsCountsNone) {
-  store("first");
-  reopen();
-  take();
-  crash();
-  repair();
-  EXPECT_EQ(content().substr(0, 12), header(12, 0));
-}
-
 TEST_F(SpoolRepairTest, OlderFilesAreRepairedToo) {
   put("queue.dat", header(20, 1) + record(0, "new!"));
   put("queue.dat.1", header(0, 0) + record(0, "mid1") + record(4, "mid2"));
@@ -102,17 +80,6 @@ TEST_F(SpoolRepairTest, FilesBehindAGapMoveDownInTheirOrder) {
   repair();
   EXPECT_THAT(names(), ElementsAre("queue.dat", "queue.dat.1", "queue.dat.2"));
   EXPECT_THAT(take_all(), ElementsAre("new!", "mid!", "old!"));
-}
-
-TEST_F(SpoolRepairTest, SpoolCutOffByADrainedHeadIsWholeAgain) {
-  put("queue.dat", header(20, 1) + record(0, "new!"));
-  put("queue.dat.1", header(20, 1) + record(0, "old!"));
-  EXPECT_THAT(take(), Optional(std::string("new!")));
-  reopen();
-  EXPECT_TRUE(spool().IsEmpty());
-  stop();
-  repair();
-  EXPECT_THAT(take_all(), ElementsAre("old!"));
 }
 
 TEST_F(SpoolRepairTest, ForeignFileBehindAGapStaysThereWithAllBehindIt) {
@@ -177,14 +144,6 @@ TEST_F(SpoolRepairTest, SpoolThatIsClosedInTheAgentsPlaceNeedsNoRepairAndKeepsNo
   EXPECT_FALSE(survey_spool(folder()).damaged);
   EXPECT_THAT(names(), ElementsAre("queue.dat"));
   EXPECT_THAT(take_all(), ElementsAre("second", "first"));
-}
-
-TEST_F(SpoolRepairTest, OpenHeadShowsItsProcess) {
-  store("first");
-  EXPECT_THAT(find_spool_users({path()}).processes, ElementsAre(getpid()));
-  EXPECT_THAT(find_spool_users({path("queue.dat.1")}).processes, IsEmpty());
-  stop();
-  EXPECT_THAT(find_spool_users({path()}).processes, IsEmpty());
 }
 
 // The walk by the header meets a taken record, whose length is 0, and its payload begins like the
