@@ -19,14 +19,14 @@ namespace test {
 /// What the host keeps of a writer. Construct and destroy on the main thread.
 class Frontend {
  public:
-  explicit Frontend(const std::string& path = "test")
+  Frontend()
       : stream_type_(new EnumType("Log::ID")),
         writer_type_(new EnumType("Log::Writer")),
         stream_(new EnumVal(0, stream_type_)),
         writer_(new EnumVal(0, writer_type_)) {
     writer_type_->AddName("Log", "WRITER_ZMQ", 0, true, false);
     logging::WriterBackend::WriterInfo info;
-    info.path = copy_string(path.c_str());
+    info.path = copy_string("test");
     frontend_.reset(new logging::WriterFrontend(info, stream_, writer_, false, false));
   }
   ~Frontend() {

@@ -85,10 +85,6 @@ TEST_F(AgentIdFile, MissingFolderIsCreatedForItsOwnerAndGroup) {
   EXPECT_THAT(errors(), IsEmpty());
 }
 
-TEST_F(AgentIdFile, IdentifierIsTheSameAtTheNextStart) {
-  EXPECT_EQ(detection_.detect(), detect_anew());
-}
-
 TEST_F(AgentIdFile, EachStartWithoutAFileGeneratesAnother) {
   const std::string agent_id = detection_.detect();
   std::filesystem::remove(kFile);

@@ -111,9 +111,9 @@ class WorkerFixture : public ::testing::Test {
 
   void write(const std::string& body) { worker->Write(body.size(), body.data()); }
 
-  void write_many(int count, const std::string& name = "r") {
+  void write_many(int count) {
     for (int i = 0; i < count; ++i)
-      write(name + std::to_string(i));
+      write("r" + std::to_string(i));
   }
 
   /// Outcomes of the next sends, in order, whatever the socket. Later ones succeed.
