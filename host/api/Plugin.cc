@@ -46,28 +46,4 @@ void Plugin::Done() {
   components.clear();
 }
 
-int Plugin::HookLoadFile(const std::string&, const std::string&) {
-  return -1;
-}
-
-std::pair<bool, Val*> Plugin::HookCallFunction(const Func*, Frame*, val_list*) {
-  return std::pair<bool, Val*>(false, nullptr);
-}
-
-bool Plugin::HookQueueEvent(Event*) {
-  return false;
-}
-
-void Plugin::HookDrainEvents() {}
-
-void Plugin::HookUpdateNetworkTime(double) {}
-
-void Plugin::HookSetupAnalyzerTree(Connection*) {}
-
-void Plugin::HookBroObjDtor(void*) {}
-
-void Plugin::MetaHookPre(HookType, const HookArgumentList&) {}
-
-void Plugin::MetaHookPost(HookType, const HookArgumentList&, HookArgument) {}
-
 }  // namespace plugin

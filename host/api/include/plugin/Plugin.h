@@ -3,7 +3,6 @@
 
 #include <list>
 #include <string>
-#include <utility>
 
 #include "bro-config.h"
 #include "plugin/Component.h"
@@ -14,30 +13,11 @@
 #define BRO_PLUGIN_API_VERSION 4
 #endif
 
-class Connection;
-class Event;
-class Frame;
-class Func;
-
 namespace plugin {
 
 class Component;
 class Manager;
 class Plugin;
-
-/// Hooks. The stand-in calls none.
-enum HookType {
-  HOOK_LOAD_FILE,
-  HOOK_CALL_FUNCTION,
-  HOOK_QUEUE_EVENT,
-  HOOK_DRAIN_EVENTS,
-  HOOK_UPDATE_NETWORK_TIME,
-  HOOK_BRO_OBJ_DTOR,
-  HOOK_SETUP_ANALYZER_TREE,
-  META_HOOK_PRE,
-  META_HOOK_POST,
-  NUM_HOOKS
-};
 
 struct VersionNumber {
   int major;
@@ -78,11 +58,7 @@ class BifItem {
   Type type;
 };
 
-/// An argument of a hook call. There is nothing in it, as the stand-in makes no such call.
-class HookArgument {};
-
-typedef std::list<HookArgument> HookArgumentList;
-
+/// Without the host's hooks, which are for plug-ins of other kinds.
 class Plugin {
  public:
   typedef std::list<Component*> component_list;
@@ -113,16 +89,6 @@ class Plugin {
   virtual void InitPostScript();
   /// Deletes all components. Overriders must call it.
   virtual void Done();
-
-  virtual int HookLoadFile(const std::string& file, const std::string& ext);
-  virtual std::pair<bool, Val*> HookCallFunction(const Func* func, Frame* parent, val_list* args);
-  virtual bool HookQueueEvent(Event* event);
-  virtual void HookDrainEvents();
-  virtual void HookUpdateNetworkTime(double network_time);
-  virtual void HookSetupAnalyzerTree(Connection* conn);
-  virtual void HookBroObjDtor(void* obj);
-  virtual void MetaHookPre(HookType hook, const HookArgumentList& args);
-  virtual void MetaHookPost(HookType hook, const HookArgumentList& args, HookArgument result);
 
   /// Takes ownership.
   void AddComponent(Component* c);
