@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "Clock.h"
 #include "HostReporter.h"
 #include "MainThread.h"
 #include "Net.h"
@@ -46,20 +47,11 @@ std::string known_writers() {
   return names.empty() ? "no plug-in with a writer is loaded" : "there are: " + names;
 }
 
+// The compiler for .bif files makes no others.
 const char* kind_name(plugin::BifItem::Type type) {
-  switch (type) {
-    case plugin::BifItem::FUNCTION:
-      return "Function";
-    case plugin::BifItem::EVENT:
-      return "Event";
-    case plugin::BifItem::CONSTANT:
-      return "Constant";
-    case plugin::BifItem::GLOBAL:
-      return "Global";
-    case plugin::BifItem::TYPE:
-      break;
-  }
-  return "Type";
+  if (type == plugin::BifItem::FUNCTION)
+    return "Function";
+  return type == plugin::BifItem::CONSTANT ? "Constant" : "Type";
 }
 
 std::string describe(const plugin::Plugin& plugin, bool details) {
@@ -277,6 +269,10 @@ void Host::Finish() {
     delete frontend;
   impl_->frontends.clear();
   plugin_mgr->FinishPlugins();
+}
+
+void set_pseudo_time(double seconds) {
+  host::pseudo_time = seconds;
 }
 
 }  // namespace standin

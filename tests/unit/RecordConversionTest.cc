@@ -11,7 +11,7 @@
 
 #include "Conversion.h"
 
-#include "standin/PseudoTime.h"
+#include "standin/Host.h"
 #include "util.h"
 
 using Dravenholt::Data;
