@@ -11,6 +11,8 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -79,21 +81,19 @@ Endpoints open_connections(int sockets) {
   return last;
 }
 
-/// Processes that hold sockets until this object goes.
+/// Processes that hold sockets until this object or this process goes.
 class Crowd {
  public:
   Crowd(int processes, int sockets) {
-    if (pipe(release_) != 0)
-      give_up("pipe");
     for (int i = 0; i < processes; ++i)
       start(sockets / processes);
   }
 
   ~Crowd() {
-    close(release_[1]);
-    close(release_[0]);
-    for (const pid_t pid : pids_)
+    for (const pid_t pid : pids_) {
+      kill(pid, SIGKILL);
       waitpid(pid, nullptr, 0);
+    }
   }
 
   Crowd(const Crowd&) = delete;
@@ -111,14 +111,14 @@ class Crowd {
     if (pid < 0)
       give_up("fork");
     if (pid == 0) {
-      close(release_[1]);
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
       const Endpoints last = open_connections(sockets);
-      char byte;
       if (write(report[1], &last, sizeof last) != static_cast<ssize_t>(sizeof last))
         _exit(1);
       close(report[0]);
       close(report[1]);
-      _exit(read(release_[0], &byte, 1) == 0 ? 0 : 1);
+      for (;;)
+        pause();
     }
     Endpoints last;
     close(report[1]);
@@ -129,7 +129,6 @@ class Crowd {
     connections_.push_back(last);
   }
 
-  int release_[2];
   std::vector<pid_t> pids_;
   std::vector<Endpoints> connections_;
 };
