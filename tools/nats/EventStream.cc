@@ -1,6 +1,7 @@
 #include "EventStream.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <string_view>
 
 namespace zmqwriter {
@@ -131,30 +132,6 @@ FoundStream find_stream(const NatsConnection& engine, const std::string& subject
   return found;
 }
 
-void create_stream(const NatsConnection& engine, const std::string& prefix,
-                   const StreamLimits& limits) {
-  std::string name = prefix;
-  std::replace(name.begin(), name.end(), '.', '-');
-  const std::string subjects = prefix + ".>";
-  const char* subject = subjects.c_str();
-  jsStreamConfig config;
-  jsStreamConfig_Init(&config);
-  config.Name = name.c_str();
-  config.Subjects = &subject;
-  config.SubjectsLen = 1;
-  config.Storage = js_FileStorage;
-  config.Discard = js_DiscardNew;  // to delete what nobody has read yet would lose it
-  config.Replicas = limits.replicas;
-  config.MaxAge = limits.max_age_s * kNanoseconds;
-  config.MaxBytes = limits.max_bytes > 0 ? limits.max_bytes : -1;
-  config.MaxMsgs = limits.max_msgs > 0 ? limits.max_msgs : -1;
-  config.Duplicates = config.MaxAge > 0 ? std::min(config.MaxAge, kRepeatWindow) : kRepeatWindow;
-  jsErrCode code = static_cast<jsErrCode>(0);
-  const natsStatus status = js_AddStream(nullptr, engine.stream(), &config, nullptr, &code);
-  if (status != NATS_OK)
-    throw_stream_error(engine, status, code);
-}
-
 std::vector<std::string> stream_differences(const FoundStream& stream, const StreamLimits& limits) {
   std::vector<std::string> differences;
   const auto differs = [&](const char* what, std::int64_t has, std::int64_t wanted) {
@@ -184,6 +161,93 @@ std::string partly_taken(const FoundStream& stream, const std::string& prefix) {
          (stream.others.empty() ? "" : ", others " + stream.others) +
          ": events that no stream takes wait in the collector, and stop it when they fill its "
          "window";
+}
+
+namespace {
+
+void create_stream(const NatsConnection& engine, const std::string& prefix,
+                   const StreamLimits& limits) {
+  std::string name = prefix;
+  std::replace(name.begin(), name.end(), '.', '-');
+  const std::string subjects = prefix + ".>";
+  const char* subject = subjects.c_str();
+  jsStreamConfig config;
+  jsStreamConfig_Init(&config);
+  config.Name = name.c_str();
+  config.Subjects = &subject;
+  config.SubjectsLen = 1;
+  config.Storage = js_FileStorage;
+  config.Discard = js_DiscardNew;  // to delete what nobody has read yet would lose it
+  config.Replicas = limits.replicas;
+  config.MaxAge = limits.max_age_s * kNanoseconds;
+  config.MaxBytes = limits.max_bytes > 0 ? limits.max_bytes : -1;
+  config.MaxMsgs = limits.max_msgs > 0 ? limits.max_msgs : -1;
+  config.Duplicates = config.MaxAge > 0 ? std::min(config.MaxAge, kRepeatWindow) : kRepeatWindow;
+  jsErrCode code = static_cast<jsErrCode>(0);
+  const natsStatus status = js_AddStream(nullptr, engine.stream(), &config, nullptr, &code);
+  if (status != NATS_OK)
+    throw_stream_error(engine, status, code);
+}
+
+}  // namespace
+
+std::optional<StreamProblem> stream_missing(NatsConnection* engine, const std::string& prefix,
+                                            const std::optional<StreamLimits>& create,
+                                            int wait_ms) {
+  const char* step = "look for";
+  try {
+    FoundStream stream = find_stream(*engine, prefix + ".>", wait_ms);
+    if (!stream.name.empty()) {
+      if (!stream.takes_all)
+        std::fprintf(stderr, "warning: %s\n", partly_taken(stream, prefix).c_str());
+      if (create)
+        for (const std::string& difference : stream_differences(stream, *create))
+          std::fprintf(stderr, "warning: %s\n", difference.c_str());
+    } else if (!create) {
+      return StreamProblem{StreamTrouble::kNoStream,
+                           "no stream takes the subjects '" + prefix +
+                               ".>'; make one with --create-stream, e.g. replicas=3,max-age=7d"};
+    } else {
+      step = "make";
+      create_stream(*engine, prefix, *create);
+      stream = find_stream(*engine, prefix + ".>", wait_ms);
+      std::fprintf(stderr, "made the stream %s for the subjects %s.>\n", stream.name.c_str(),
+                   prefix.c_str());
+    }
+  } catch (const StreamError& error) {
+    engine->ForgetProblem();
+    if (error.trouble != StreamTrouble::kNotAuthorised || create)
+      return StreamProblem{error.trouble,
+                           std::string("cannot ") + step + " the stream: " + error.what()};
+    // Who may publish need not be allowed to look.
+    std::fprintf(stderr, "warning: not allowed to look whether there is a stream: %s\n",
+                 error.what());
+  }
+  return std::nullopt;
+}
+
+std::optional<StreamProblem> reason_of(const StreamProblem& problem, NatsConnection* engine,
+                                       const std::string& prefix, int wait_ms) {
+  const std::string missing_right = engine->refused() ? engine->last_problem() : "";
+  engine->ForgetProblem();  // the next attempt shows whether it is still missing
+  if (!missing_right.empty())
+    return StreamProblem{StreamTrouble::kNotAuthorised, missing_right};
+  try {
+    const FoundStream stream = find_stream(*engine, prefix + ".>", wait_ms);
+    if (stream.name.empty())
+      return StreamProblem{StreamTrouble::kNoStream,
+                           "no stream takes the subjects '" + prefix +
+                               ".>'; make one (--create-stream does at the next start)"};
+    if (!stream.led)
+      return StreamProblem{StreamTrouble::kNoQuorum,
+                           "the stream has no leader: too few of its servers run"};
+    return std::nullopt;
+  } catch (const StreamError& error) {
+    if (error.trouble != StreamTrouble::kNotAuthorised)
+      return StreamProblem{error.trouble, error.what()};
+    engine->ForgetProblem();  // who may publish need not be allowed to look
+    return problem;
+  }
 }
 
 }  // namespace zmqwriter

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,16 +42,23 @@ struct FoundStream {
 FoundStream find_stream(const NatsConnection& engine, const std::string& subjects,
                         int wait_ms = NatsConnection::kAnswerMs);
 
-/// Makes one for the subjects PREFIX.>, named as the prefix with '-' for dots: on disk, and one
-/// that refuses events when it is full. Throws StreamError.
-void create_stream(const NatsConnection& engine, const std::string& prefix,
-                   const StreamLimits& limits);
-
 /// How an existing stream differs from what was asked for, to the worse: a sentence each.
 std::vector<std::string> stream_differences(const FoundStream& stream, const StreamLimits& limits);
 
 /// What it means that `stream` does not take all of PREFIX.>.
 std::string partly_taken(const FoundStream& stream, const std::string& prefix);
+
+/// Looks for the stream of the subjects PREFIX.>, or makes it with the limits `create`: named as
+/// the prefix with '-' for dots, on disk, and refusing events when it is full. Says on standard
+/// error what was made, and what is not as it should be. Returns why there is none.
+std::optional<StreamProblem> stream_missing(NatsConnection* engine, const std::string& prefix,
+                                            const std::optional<StreamLimits>& create,
+                                            int wait_ms = NatsConnection::kAnswerMs);
+
+/// Why events are not acknowledged, or nobody receives them, which can have several reasons:
+/// `problem` if the engine does not say, nothing if there is none to see.
+std::optional<StreamProblem> reason_of(const StreamProblem& problem, NatsConnection* engine,
+                                       const std::string& prefix, int wait_ms);
 
 class StreamError : public std::runtime_error {
  public:

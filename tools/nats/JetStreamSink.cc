@@ -66,52 +66,16 @@ JetStreamSink::JetStreamSink(const JetStreamOptions& options, CollectStats* stat
   engine_ = std::make_unique<NatsConnection>(options_.engine, OnAnswer, this, true);
   connected_ = engine_->connected();
   changed_at_ = Clock::now();
-  std::optional<StreamProblem> problem;
-  if (!connected_)
-    problem = StreamProblem{StreamTrouble::kConnectionLost, why_no_server_answers(options_.engine)};
-  else if ((missing_ = FindStream(NatsConnection::kAnswerMs)))
-    problem = missing_;
-  if (problem && problem->trouble != StreamTrouble::kConnectionLost &&
-      problem->trouble != StreamTrouble::kNoQuorum)
-    throw std::runtime_error(problem->words);
-  if (problem && !problem->words.empty())
-    trouble_.Say(*problem);
+  if (connected_)
+    missing_ = stream_missing(engine_.get(), options_.engine.prefix, options_.create);
+  else
+    missing_->words = why_no_server_answers(options_.engine);
+  if (missing_ && missing_->trouble != StreamTrouble::kConnectionLost &&
+      missing_->trouble != StreamTrouble::kNoQuorum)
+    throw std::runtime_error(missing_->words);
+  if (missing_ && !missing_->words.empty())
+    trouble_.Say(*missing_);
   NoteFigures(Clock::now());
-}
-
-/// Or makes it, if that was asked for. Returns why there is none.
-std::optional<StreamProblem> JetStreamSink::FindStream(int wait_ms) {
-  const std::string& prefix = options_.engine.prefix;
-  const char* step = "look for";
-  try {
-    FoundStream stream = find_stream(*engine_, prefix + ".>", wait_ms);
-    if (!stream.name.empty()) {
-      if (!stream.takes_all)
-        std::fprintf(stderr, "warning: %s\n", partly_taken(stream, prefix).c_str());
-      if (options_.create)
-        for (const std::string& difference : stream_differences(stream, *options_.create))
-          std::fprintf(stderr, "warning: %s\n", difference.c_str());
-    } else if (!options_.create) {
-      return StreamProblem{StreamTrouble::kNoStream,
-                           "no stream takes the subjects '" + prefix +
-                               ".>'; make one with --create-stream, e.g. replicas=3,max-age=7d"};
-    } else {
-      step = "make";
-      create_stream(*engine_, prefix, *options_.create);
-      stream = find_stream(*engine_, prefix + ".>", wait_ms);
-      std::fprintf(stderr, "made the stream %s for the subjects %s.>\n", stream.name.c_str(),
-                   prefix.c_str());
-    }
-  } catch (const StreamError& error) {
-    engine_->ForgetProblem();
-    if (error.trouble != StreamTrouble::kNotAuthorised || options_.create)
-      return StreamProblem{error.trouble,
-                           std::string("cannot ") + step + " the stream: " + error.what()};
-    // Who may publish need not be allowed to look.
-    std::fprintf(stderr, "warning: not allowed to look whether there is a stream: %s\n",
-                 error.what());
-  }
-  return std::nullopt;
 }
 
 // ---- Events: held, published, answered ----
@@ -239,8 +203,10 @@ void JetStreamSink::Flush() {
 void JetStreamSink::Attend() {
   const auto now = Clock::now();
   KeepConnected(now);
-  if (connected_ && missing_ && now >= next_try_)
-    FindStreamAgain(now);
+  if (connected_ && missing_ && now >= next_try_) {
+    Pause(now);
+    missing_ = stream_missing(engine_.get(), options_.engine.prefix, options_.create, kDiagnosisMs);
+  }
   if (connected_ && !missing_)
     PublishAgain(now);
   Report(now);
@@ -295,15 +261,6 @@ void JetStreamSink::Pause(Clock::time_point now) {
   pause_ = std::min(2 * pause_, kLongestPause);
 }
 
-/// After a start without the engine.
-void JetStreamSink::FindStreamAgain(Clock::time_point now) {
-  missing_ = FindStream(kDiagnosisMs);
-  if (missing_)
-    Pause(now);
-  else
-    pause_ = kShortestPause;
-}
-
 /// While there is trouble, only one of what waits is tried: another one each time, since the
 /// trouble may be one subject's.
 void JetStreamSink::PublishAgain(Clock::time_point now) {
@@ -339,8 +296,10 @@ void JetStreamSink::Report(Clock::time_point now) {
   const PublicationWindow::Counts counts = window_.counts();
   if (counts.held == 0)
     trouble_.NoteTaken();
-  if (trouble_.Review(counts.refused > 0,
-                      [this](const auto& problem) { return LookInto(problem); }))
+  const auto look = [this](const StreamProblem& problem) {
+    return reason_of(problem, engine_.get(), options_.engine.prefix, kDiagnosisMs);
+  };
+  if (trouble_.Review(counts.refused > 0, look))
     engine_->ForgetProblem();
 }
 
@@ -350,30 +309,6 @@ StreamProblem JetStreamSink::Absence() const {
   const std::string why = engine_->last_problem();
   return {engine_->refused() ? StreamTrouble::kNotAuthorised : StreamTrouble::kConnectionLost,
           why.empty() ? "the connection is lost" : why};
-}
-
-/// No answer and no receiver can have several reasons.
-std::optional<StreamProblem> JetStreamSink::LookInto(const StreamProblem& problem) {
-  const std::string missing_right = engine_->refused() ? engine_->last_problem() : "";
-  engine_->ForgetProblem();  // the next attempt shows whether it is still missing
-  if (!missing_right.empty())
-    return StreamProblem{StreamTrouble::kNotAuthorised, missing_right};
-  try {
-    const FoundStream stream = find_stream(*engine_, options_.engine.prefix + ".>", kDiagnosisMs);
-    if (stream.name.empty())
-      return StreamProblem{StreamTrouble::kNoStream,
-                           "no stream takes the subjects '" + options_.engine.prefix +
-                               ".>'; make one (--create-stream does at the next start)"};
-    if (!stream.led)
-      return StreamProblem{StreamTrouble::kNoQuorum,
-                           "the stream has no leader: too few of its servers run"};
-    return std::nullopt;
-  } catch (const StreamError& error) {
-    if (error.trouble != StreamTrouble::kNotAuthorised)
-      return StreamProblem{error.trouble, error.what()};
-    engine_->ForgetProblem();  // who may publish need not be allowed to look
-    return problem;
-  }
 }
 
 void JetStreamSink::NoteFigures(Clock::time_point now) {

@@ -49,7 +49,6 @@ class JetStreamSink : public EventSink {
                    const std::string& words);
   void DropTooLarge(const std::string& id, std::size_t size);
 
-  std::optional<StreamProblem> FindStream(int wait_ms);
   void HoldFormer();
   void Hold(const std::string& id, const EventMessage& event, std::string_view raw, bool former);
   void Publish(const std::string& id, const EventMessage& event, std::string_view raw);
@@ -57,12 +56,10 @@ class JetStreamSink : public EventSink {
   void Attend();
   void KeepConnected(Clock::time_point now);
   void ConnectAgain();
-  void FindStreamAgain(Clock::time_point now);
   void Pause(Clock::time_point now);
   void PublishAgain(Clock::time_point now);
   void Report(Clock::time_point now);
   StreamProblem Absence() const;
-  std::optional<StreamProblem> LookInto(const StreamProblem& problem);
   void NoteFigures(Clock::time_point now);
   bool GivesUp();
   void RemoveUnsentFile();
@@ -84,7 +81,7 @@ class JetStreamSink : public EventSink {
   bool former_published_ = false;   // and the file is still there
 
   bool any_published_ = false;  // by engine_
-  // The stream, and why; to be looked for when connected.
+  // The stream, and why: it is looked for until it is known.
   std::optional<StreamProblem> missing_ = StreamProblem{StreamTrouble::kConnectionLost, ""};
   StreamProblem absence_;            // why engine_ is not there
   std::uint64_t reconnections_ = 0;  // of those before engine_
