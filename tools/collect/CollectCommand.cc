@@ -24,61 +24,52 @@ constexpr double kShortestInterval = 0.01;
 constexpr double kLongestDrain = 1e9;  // what a clock can hold
 
 constexpr const char* kFooter =
-    "The bound endpoint is printed on standard error ('listening on ...'), totals at the end.\n"
-    "Empty, malformed and multi-part messages are counted; the collector goes on.\n"
-    "\n"
-    "While the output accepts nothing (a full disk, a slow reader), receiving pauses: the "
-    "collector\n"
-    "keeps what it has, leaves the connections open and tries again every second. An agent then\n"
-    "sends until the buffers on the way are full, and uses another server or its disk. With\n"
-    "--exit-on-full the collector ends instead (exit status 1) while 64 MiB and 8 MiB for each\n"
-    "connection are still free, after it has written all that has left the agents.\n"
-    "\n"
-    "For each connection at most 64 messages wait in the collector. A message of more than 4 MiB "
-    "is\n"
-    "refused: libzmq ends the connection without a report. So at most 256 MiB wait for each\n"
-    "connection. Messages of several parts count as one; agents send none. At --max-memory the\n"
-    "connections that have received most without the end of a message are ended, until half of\n"
-    "it is free. While that is not enough, new connections are refused. An agent takes 15 KiB,\n"
-    "100 KiB while events of 300 bytes wait, so the default is enough for 10,000.\n"
-    "\n"
-    "SIGINT and SIGTERM end the collector cleanly: it writes all that has left the agents. When "
-    "the\n"
-    "output accepts nothing for 30 s, it gives up and counts what is lost. Without --to, a second\n"
-    "signal of the same kind ends it at once. Of an agent that sends without a pause, one event\n"
-    "may be lost, and up to 8 KiB of events where the collector is slower than the agent.\n"
-    "\n"
-    "--to: each event is published as one message, with the subject PREFIX.<data_type>.<agent>. "
-    "It\n"
-    "is held until the engine has acknowledged it; when as many wait as --window says, the "
-    "collector\n"
-    "receives nothing more, for as long as it takes, and tries again. So it does when the engine "
-    "is\n"
-    "away at the start; what waiting does not mend ends it there: a server that refuses it, or a\n"
-    "missing stream. At the end it waits --drain seconds for acknowledgements, or until a second\n"
-    "signal; what is left then goes to the file of --unsent, which the next start publishes "
-    "first.\n"
-    "No secret belongs on the command line: see --nats-user and others.\n"
-    "\n"
-    "--output: the current file has the name given; finished files are FILE.000001 (the oldest),\n"
-    "FILE.000002 and so on. A run never appends to the file of a former run, it moves it aside.\n"
-    "No event is split between files. Data is written at once, but not forced to disk. When the\n"
-    "file was moved or removed, the collector opens a new one and reports that; SIGHUP is not\n"
-    "necessary.\n"
-    "\n"
-    "--allow: one public key per line, 64 hexadecimal digits of either case; '#' starts a "
-    "comment.\n"
-    "SIGHUP reads the file again, for new connections. The option is for clients that keep their\n"
-    "keys, such as forwarding collectors. Agents of this plug-in cannot connect, because they\n"
-    "make a new key pair for each connection.\n"
-    "\n"
-    "--metrics serves a page for a person at http://HOST:PORT/, the same as JSON at /status.json,\n"
-    "counts for Prometheus at /metrics, and /healthz, whose status is 503 while the output "
-    "accepts\n"
-    "nothing. Anyone who reaches the port can read them.\n"
-    "\n"
-    "--metrics and --stats tell --most-agents agents apart. Where another one comes, the one that\n"
-    "was not seen for longest makes room; its counts go to '(others)'.";
+    R"(The bound endpoint is printed on standard error ('listening on ...'), totals at the end.
+Empty, malformed and multi-part messages are counted; the collector goes on.
+
+While the output accepts nothing (a full disk, a slow reader), receiving pauses: the collector
+keeps what it has, leaves the connections open and tries again every second. An agent then
+sends until the buffers on the way are full, and uses another server or its disk. With
+--exit-on-full the collector ends instead (exit status 1) while 64 MiB and 8 MiB for each
+connection are still free, after it has written all that has left the agents.
+
+For each connection at most 64 messages wait in the collector. A message of more than 4 MiB is
+refused: libzmq ends the connection without a report. So at most 256 MiB wait for each
+connection. Messages of several parts count as one; agents send none. At --max-memory the
+connections that have received most without the end of a message are ended, until half of
+it is free. While that is not enough, new connections are refused. An agent takes 15 KiB,
+100 KiB while events of 300 bytes wait, so the default is enough for 10,000.
+
+SIGINT and SIGTERM end the collector cleanly: it writes all that has left the agents. When the
+output accepts nothing for 30 s, it gives up and counts what is lost. Without --to, a second
+signal of the same kind ends it at once. Of an agent that sends without a pause, one event
+may be lost, and up to 8 KiB of events where the collector is slower than the agent.
+
+--to: each event is published as one message, with the subject PREFIX.<data_type>.<agent>. It
+is held until the engine has acknowledged it; when as many wait as --window says, the collector
+receives nothing more, for as long as it takes, and tries again. So it does when the engine is
+away at the start; what waiting does not mend ends it there: a server that refuses it, or a
+missing stream. At the end it waits --drain seconds for acknowledgements, or until a second
+signal; what is left then goes to the file of --unsent, which the next start publishes first.
+No secret belongs on the command line: see --nats-user and others.
+
+--output: the current file has the name given; finished files are FILE.000001 (the oldest),
+FILE.000002 and so on. A run never appends to the file of a former run, it moves it aside.
+No event is split between files. Data is written at once, but not forced to disk. When the
+file was moved or removed, the collector opens a new one and reports that; SIGHUP is not
+necessary.
+
+--allow: one public key per line, 64 hexadecimal digits of either case; '#' starts a comment.
+SIGHUP reads the file again, for new connections. The option is for clients that keep their
+keys, such as forwarding collectors. Agents of this plug-in cannot connect, because they
+make a new key pair for each connection.
+
+--metrics serves a page for a person at http://HOST:PORT/, the same as JSON at /status.json,
+counts for Prometheus at /metrics, and /healthz, whose status is 503 while the output accepts
+nothing. Anyone who reaches the port can read them.
+
+--metrics and --stats tell --most-agents agents apart. Where another one comes, the one that
+was not seen for longest makes room; its counts go to '(others)'.)";
 
 void warn_if_readable_by_others(const std::string& file) {
   struct stat status;
