@@ -1,13 +1,12 @@
 // The probes on this machine: real processes, sockets and users, and on Linux figures that /proc
 // and other programs tell too.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <pwd.h>
-#include <spawn.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -28,30 +28,42 @@
 #include "UserDetect.h"
 
 // The host's headers.
-#include "Conn.h"
-#include "IPAddr.h"
+#include "LoopbackPair.h"
 #include "Val.h"
 #include "standin/Scripts.h"
-
-extern char** environ;
 
 namespace {
 
 using Names = std::pair<std::string, std::string>;
 
+#ifdef __linux__
 constexpr char kHolderName[] = "probe-holder";
+#else
+constexpr char kHolderName[] = "ProbeTest";
+#endif
 
-/// A running probe-holder.
+/// A process with both ends of a TCP connection, of another user if one is given.
 class Holder {
  public:
-  explicit Holder(const char* family) { start({PROBE_HOLDER, family}); }
-  Holder(const char* family, uid_t user_id) {
-    start({PROBE_HOLDER, family, std::to_string(user_id)});
+  explicit Holder(int family = AF_INET, std::optional<uid_t> user_id = std::nullopt) {
+    int to[2], from[2], ports[2] = {};
+    EXPECT_EQ(pipe(to) + pipe(from), 0);
+    pid_ = fork();
+    if (pid_ == 0)
+      Hold(family, user_id, to[0], from[1]);
+    close(to[0]);
+    close(from[1]);
+    input_ = to[1];
+    output_ = from[0];
+    EXPECT_EQ(read(output_, ports, sizeof ports), static_cast<ssize_t>(sizeof ports));
+    client_port = ports[0];
+    server_port = ports[1];
+    EXPECT_NE(server_port, 0) << "the process that holds the sockets did not start";
   }
 
   ~Holder() {
-    std::fclose(input_);
-    std::fclose(output_);
+    close(input_);
+    close(output_);
     waitpid(pid_, nullptr, 0);
   }
 
@@ -59,11 +71,9 @@ class Holder {
   Holder& operator=(const Holder&) = delete;
 
   void close_sockets() {
-    char answer[16] = "";
-    std::fputs("\n", input_);
-    std::fflush(input_);
-    EXPECT_EQ(std::fscanf(output_, "%15s", answer), 1);
-    EXPECT_STREQ(answer, "closed");
+    char answer = 0;
+    EXPECT_EQ(write(input_, &answer, 1), 1);
+    EXPECT_EQ(read(output_, &answer, 1), 1);
   }
 
   pid_t pid() const { return pid_; }
@@ -72,33 +82,29 @@ class Holder {
   int server_port = 0;
 
  private:
-  void start(const std::vector<std::string>& words) {
-    std::vector<char*> arguments;
-    for (const std::string& word : words)
-      arguments.push_back(const_cast<char*>(word.c_str()));
-    arguments.push_back(nullptr);
-    int to[2], from[2];
-    ASSERT_EQ(pipe(to), 0);
-    ASSERT_EQ(pipe(from), 0);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_adddup2(&files, to[0], 0);
-    posix_spawn_file_actions_adddup2(&files, from[1], 1);
-    for (const int fd : {to[0], to[1], from[0], from[1]})
-      posix_spawn_file_actions_addclose(&files, fd);
-    ASSERT_EQ(posix_spawn(&pid_, arguments[0], &files, nullptr, arguments.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&files);
-    close(to[0]);
-    close(from[1]);
-    input_ = fdopen(to[1], "w");
-    output_ = fdopen(from[0], "r");
-    ASSERT_EQ(std::fscanf(output_, "%d %d", &client_port, &server_port), 2)
-        << "the process that holds the sockets did not start";
+  /// Until the input ends. A byte of input closes the sockets, and is sent back.
+  [[noreturn]] static void Hold(int family, std::optional<uid_t> user_id, int input, int output) {
+#ifdef __linux__
+    prctl(PR_SET_NAME, kHolderName);
+#endif
+    if (user_id && (setgid(*user_id) != 0 || setuid(*user_id) != 0))
+      _exit(1);
+    char command;
+    {
+      const LoopbackPair pair(family);
+      const int ports[] = {pair.client_port(), pair.server_port()};
+      if (write(output, ports, sizeof ports) < 0 || read(input, &command, 1) <= 0)
+        _exit(0);
+    }
+    if (write(output, &command, 1) == 1)
+      while (read(input, &command, 1) > 0) {
+      }
+    _exit(0);
   }
 
   pid_t pid_ = 0;
-  FILE* input_ = nullptr;
-  FILE* output_ = nullptr;
+  int input_ = -1;
+  int output_ = -1;
 };
 
 std::string text(const Val* value) {
@@ -109,13 +115,7 @@ std::string text(const Val* value) {
 
 /// What a script gets for a connection between two local ports.
 Names detect(const char* address, int orig_port, int resp_port) {
-  ConnID id;
-  id.src_addr = IPAddr(address);
-  id.dst_addr = IPAddr(address);
-  id.src_port = htons(static_cast<std::uint16_t>(orig_port));
-  id.dst_port = htons(static_cast<std::uint16_t>(resp_port));
-  id.is_one_way = false;
-  Connection* conn = new Connection(nullptr, nullptr, 1.0, &id, 0, 0, 0, nullptr);
+  Connection* conn = connection_between(address, orig_port, resp_port);
   VectorVal* vector = UserDetect::detectUser(conn);
   const VectorVal& content = *vector;
   EXPECT_EQ(content.Size(), 2u);
@@ -134,16 +134,6 @@ bool is_root() {
   return geteuid() == 0;
 }
 
-bool has_ipv6() {
-  sockaddr_in6 address = {};
-  address.sin6_family = AF_INET6;
-  address.sin6_addr = in6addr_loopback;
-  const int fd = socket(AF_INET6, SOCK_STREAM, 0);
-  const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  close(fd);
-  return bound;
-}
-
 /// An ordinary user of this machine.
 const passwd* ordinary_user() {
   return getpwnam("nobody");
@@ -155,12 +145,12 @@ TEST(ProbeTest, ProcessOfAnotherUserIsNamedInBothDirections) {
   const passwd* user = ordinary_user();
   ASSERT_NE(user, nullptr);
   const std::string name = user->pw_name;
-  const Holder holder("4", user->pw_uid);
+  const Holder holder(AF_INET, user->pw_uid);
   expect_in_both_directions(holder, Names(kHolderName, name));
 }
 
 TEST(ProbeTest, OwnProcessIsNamedInBothDirections) {
-  const Holder holder("4");
+  const Holder holder;
   const std::string user = is_root() ? "" : getpwuid(geteuid())->pw_name;
   expect_in_both_directions(holder, Names(kHolderName, user));
 }
@@ -168,7 +158,7 @@ TEST(ProbeTest, OwnProcessIsNamedInBothDirections) {
 TEST(ProbeTest, ProcessOfRootHasANameAndNoUser) {
   if (!is_root())
     GTEST_SKIP() << "only root can start it";
-  const Holder holder("4", 0);
+  const Holder holder(AF_INET, 0);
   expect_in_both_directions(holder, Names(kHolderName, ""));
 }
 
@@ -178,12 +168,12 @@ TEST(ProbeTest, UserWithoutPasswordEntryIsEmpty) {
   uid_t user_id = 64321;
   while (getpwuid(user_id))
     ++user_id;
-  const Holder holder("4", user_id);
+  const Holder holder(AF_INET, user_id);
   expect_in_both_directions(holder, Names(kHolderName, ""));
 }
 
 TEST(ProbeTest, ClosedConnectionHasNoOwner) {
-  Holder holder("4");
+  Holder holder;
   holder.close_sockets();
   expect_in_both_directions(holder, Names("", ""));
 }
@@ -191,7 +181,7 @@ TEST(ProbeTest, ClosedConnectionHasNoOwner) {
 TEST(ProbeTest, EndedProcessOwnsNothing) {
   int client_port = 0, server_port = 0;
   {
-    const Holder holder("4");
+    const Holder holder;
     client_port = holder.client_port;
     server_port = holder.server_port;
   }
@@ -199,9 +189,9 @@ TEST(ProbeTest, EndedProcessOwnsNothing) {
 }
 
 TEST(ProbeTest, ConnectionOverIPv6HasNoOwner) {
-  if (!has_ipv6())
+  if (LoopbackPair(AF_INET6).server_port() == 0)
     GTEST_SKIP() << "no IPv6 here";
-  const Holder holder("6");
+  const Holder holder(AF_INET6);
   EXPECT_EQ(detect("::1", holder.client_port, holder.server_port), Names("", ""));
   EXPECT_EQ(detect("127.0.0.1", holder.client_port, holder.server_port), Names("", ""));
 }
@@ -209,7 +199,7 @@ TEST(ProbeTest, ConnectionOverIPv6HasNoOwner) {
 TEST(ProbeTest, OrdinaryUserDoesNotSeeOwnersOfOtherUsersSockets) {
   if (!is_root())
     GTEST_SKIP() << "only root can start it";
-  const Holder holder("4", 0);
+  const Holder holder(AF_INET, 0);
   const passwd* user = ordinary_user();
   ASSERT_NE(user, nullptr);
   const uid_t uid = user->pw_uid;
@@ -226,7 +216,7 @@ TEST(ProbeTest, OrdinaryUserDoesNotSeeOwnersOfOtherUsersSockets) {
 }
 
 TEST(ProbeTest, QueriesMayRunAtTheSameTime) {
-  const Holder first("4"), second("4");
+  const Holder first, second;
   const std::uint32_t address = htonl(INADDR_LOOPBACK);
   const auto owner = [&](const Holder& holder) {
     return get_socket_pid(address, htons(static_cast<std::uint16_t>(holder.client_port)), address,

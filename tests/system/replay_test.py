@@ -782,12 +782,17 @@ class SettingsTest(ReplayTestCase):
             self.assertIn(said, result.stderr)
 
     def test_description_of_the_plug_in(self):
-        brief = self.run_tool("replay", "-N", "--plugin", PLUGIN)
-        details = self.run_tool("replay", "-NN", "--plugin", PLUGIN)
-        self.assertEqual((brief.returncode, details.returncode), (0, 0))
-        self.assertIn(b"Dravenholt::ZMQWriter - ZeroMQ log writer", brief.stdout)
-        self.assertNotIn(b"[Writer]", brief.stdout)
-        self.assertIn(b"[Writer] ZMQ (Log::WRITER_ZMQ)", details.stdout)
+        brief = "Dravenholt::ZMQWriter - ZeroMQ log writer (dynamic, no version information)\n"
+        details = "".join("    %s\n" % line for line in (
+            "[Writer] ZMQ (Log::WRITER_ZMQ)", "[Type] system_stats",
+            "[Constant] LogZMQ::zmq_primary_server", "[Constant] LogZMQ::zmq_secondary_server",
+            "[Constant] LogZMQ::zmq_public_key", "[Constant] LogZMQ::zmq_agent_id",
+            "[Constant] LogZMQ::set_separator", "[Constant] LogZMQ::empty_field",
+            "[Constant] LogZMQ::unset_field", "[Function] LogZMQ::__detect_user",
+            "[Function] LogZMQ::__get_system_stats"))
+        for option, text in (("-N", brief), ("-NN", brief + details + "\n")):
+            result = self.run_tool("replay", option, "--plugin", PLUGIN)
+            self.assertEqual((result.returncode, result.stdout.decode()), (0, text))
         self.assertEqual(os.listdir("orvik-spool"), [], "nothing is written for a description")
 
 
