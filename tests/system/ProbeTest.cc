@@ -49,8 +49,11 @@ class Holder {
     int to[2], from[2], ports[2] = {};
     EXPECT_EQ(pipe(to) + pipe(from), 0);
     pid_ = fork();
-    if (pid_ == 0)
+    if (pid_ == 0) {
+      close(to[1]);
+      close(from[0]);
       Hold(family, user_id, to[0], from[1]);
+    }
     close(to[0]);
     close(from[1]);
     input_ = to[1];

@@ -302,7 +302,7 @@ class LogInputTest(ReplayTestCase):
                               ('{"_path":"x"}\n', ":2: the line is longer than 16 MiB")):
             write_file("start", start)
             replay = subprocess.run(
-                ["sh", "-c", "(cat start; yes | tr -d '\\n' | head -c 600000000) | exec %s replay "
+                ["sh", "-c", "(cat start; head -c 600000000 /dev/zero) | exec %s replay "
                  "--settings settings --drain 1 --plugin %s -" % (ZMQWRITER, PLUGIN)],
                 capture_output=True, text=True, timeout=DEADLINE)
             self.assertEqual(replay.returncode, 1)
@@ -542,12 +542,25 @@ class EndTest(SpoolTestCase):
         with open(self.SPOOL + "/queue.dat", "wb") as file:
             file.write(b"ZMQF" + struct.pack("<II", 12 + 4 * records, records))
             file.truncate(12 + 4 * records)
-        replay = self.start_replay("a.log")
         if not os.path.exists("/proc/self/fd"):
             self.skipTest("needs /proc")
-        wait_for(lambda: os.path.abspath(self.SPOOL + "/queue.dat") in open_files(replay.popen.pid),
-                 "the look")
+
+        def looks():
+            """Later, the plug-in opens the file."""
+            caught = re.search(r"SigCgt:\s+(\w+)", read_file("/proc/%d/status" % replay.popen.pid))
+            return os.path.abspath(self.SPOOL + "/queue.dat") in open_files(replay.popen.pid) and \
+                not int(caught.group(1), 16) >> signal.SIGINT - 1 & 1
+
+        def is_stopped_in_the_look():
+            nonlocal replay
+            replay = self.start_replay("a.log")
+            wait_for(looks, "the look")
+            replay.popen.send_signal(signal.SIGSTOP)
+            return looks() or replay.stop()
+        replay = None
+        wait_for(is_stopped_in_the_look, "a stop in time")
         replay.popen.send_signal(signal.SIGINT)
+        replay.popen.send_signal(signal.SIGCONT)
         self.assertEqual(replay.wait(), -signal.SIGINT)
 
     def test_second_signal_closes_the_spool_and_ends_at_once(self):

@@ -486,7 +486,11 @@ class StreamTest(StreamCase):
                 self.await_stored(server, 20 * number + 20, **root)
                 wait_for(lambda: collector.stderr.count(AGAIN) == number, "the end of trouble")
                 wait_for(lambda: self.figures(collector)["trouble"] is None, "its end in figures")
-                self.assertEqual(self.warnings(collector), number, collector.stderr)
+                # A server that starts anew may be missed meanwhile, too.
+                warned = [line for line in collector.stderr.splitlines() if "warning: " in line and
+                          "the connection is lost" not in line]
+                self.assertEqual(len(warned), min(number, 5), collector.stderr)
+        self.assertIn("warning: the engine takes no events: the connection is lost", collector.stderr)
         figures = self.figures(collector)
         for trouble in ("full", "no_stream", "not_authorised"):
             self.assertGreater(figures["refused"][trouble], 0, trouble)
