@@ -121,9 +121,10 @@ class BuildAgainstHostTest(CliTest):
         broken = self.top + "/broken"
 
         def refusal():
-            return self.configure("--bro-dist=" + broken, "--build-dir=build-refused", status=1)
+            return one_line(self.configure("--bro-dist=" + broken, "--build-dir=build-refused",
+                                           status=1))
 
-        self.assertIn("there is no folder " + broken, refusal())
+        self.assertIn("BRO_DIST=%s: there is no such folder" % broken, refusal())
         os.mkdir(broken)
         self.assertIn("not the source tree of a host", refusal())
         shutil.copytree(os.path.join(self.dist, "cmake"), os.path.join(broken, "cmake"))
@@ -131,11 +132,6 @@ class BuildAgainstHostTest(CliTest):
         cache = "build/CMakeCache.txt"
         copy(os.path.join(self.dist, cache), os.path.join(broken, cache))
         self.assertIn("run make there", refusal())
-        # CMake called without the wrapper says the same.
-        text = self.run_in_source("cmake", "-S", ".", "-B", "build-broken", "-DBRO_DIST=" + broken,
-                                  status=1)
-        self.assertIn("run make there", one_line(text))
-        self.assertFalse(os.path.exists(os.path.join(self.source, "build-refused")))
 
     def test_folder_of_another_build_and_one_elsewhere_are_refused(self):
         cache = self.source + "/build-other/CMakeCache.txt"
