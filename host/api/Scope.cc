@@ -55,26 +55,31 @@ Scope* global_scope() {
   return scope;
 }
 
-Val* internal_val(const char* name) {
+namespace {
+
+ID* internal_id(const char* kind, const char* name) {
   ID* id = global_scope()->Lookup(name);
   if (!id)
-    host::any_reporter().InternalError("internal variable %s missing", name);
-  return id->ID_Val();
+    host::any_reporter().InternalError("internal %s %s missing", kind, name);
+  return id;
+}
+
+}  // namespace
+
+Val* internal_val(const char* name) {
+  return internal_id("variable", name)->ID_Val();
 }
 
 Val* internal_const_val(const char* name) {
-  Val* v = internal_val(name);
-  if (!global_scope()->Lookup(name)->IsConst())
+  const ID* id = internal_id("variable", name);
+  if (!id->IsConst())
     host::any_reporter().InternalError("internal variable %s is not constant", name);
-  return v;
+  return id->ID_Val();
 }
 
+// As in the host: a name that is no type gives the type of its value.
 BroType* internal_type(const char* name) {
-  ID* id = global_scope()->Lookup(name);
-  if (!id)
-    host::any_reporter().InternalError("internal type %s missing", name);
-  // As in the host: a name that is no type gives the type of its value.
-  return id->Type();
+  return internal_id("type", name)->Type();
 }
 
 Func* internal_func(const char* name) {
