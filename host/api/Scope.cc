@@ -55,31 +55,26 @@ Scope* global_scope() {
   return scope;
 }
 
-namespace {
-
-ID* internal_id(const char* kind, const char* name) {
+Val* internal_val(const char* name) {
   ID* id = global_scope()->Lookup(name);
   if (!id)
-    host::any_reporter().InternalError("internal %s %s missing", kind, name);
-  return id;
-}
-
-}  // namespace
-
-Val* internal_val(const char* name) {
-  return internal_id("variable", name)->ID_Val();
-}
-
-Val* internal_const_val(const char* name) {
-  const ID* id = internal_id("variable", name);
-  if (!id->IsConst())
-    host::any_reporter().InternalError("internal variable %s is not constant", name);
+    host::any_reporter().InternalError("internal variable %s missing", name);
   return id->ID_Val();
 }
 
-// As in the host: a name that is no type gives the type of its value.
+Val* internal_const_val(const char* name) {
+  Val* v = internal_val(name);
+  if (!global_scope()->Lookup(name)->IsConst())
+    host::any_reporter().InternalError("internal variable %s is not constant", name);
+  return v;
+}
+
 BroType* internal_type(const char* name) {
-  return internal_id("type", name)->Type();
+  ID* id = global_scope()->Lookup(name);
+  if (!id)
+    host::any_reporter().InternalError("internal type %s missing", name);
+  // As in the host: a name that is no type gives the type of its value.
+  return id->Type();
 }
 
 Func* internal_func(const char* name) {
