@@ -26,8 +26,10 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Agent.h"
@@ -52,15 +54,10 @@ struct Figures {
 
 /// What is sent: records for the plug-in, and their finished messages for the loops.
 struct Load {
-  std::string name;
-  std::uint64_t events;
-  std::vector<test::RecordBuilder*> records;
-  std::vector<std::string> messages;
-  std::vector<std::shared_ptr<void>> owners;  // of the records
-
-  void add(test::RecordBuilder& record) {
-    records.push_back(&record);
-    messages.push_back(bench::message(record, "agent-7"));
+  Load(const std::string& name, std::uint64_t events, bench::Samples&& of)
+      : name(name), events(events), samples(std::move(of)) {
+    for (const auto& sample : samples)
+      messages.push_back(bench::message(sample->record, "agent-7"));
   }
 
   /// Of so many messages, in turn over and over.
@@ -70,31 +67,28 @@ struct Load {
       sum += messages[i % messages.size()].size();
     return sum;
   }
+
+  std::string name;
+  std::uint64_t events;
+  bench::Samples samples;
+  std::vector<std::string> messages;
 };
 
-Load sample_load(const std::string& kind, std::uint64_t events) {
-  Load load;
-  load.name = kind;
-  load.events = events;
-  for (auto& sample : bench::samples(kind, 64)) {
-    load.add(sample->record);
-    load.owners.push_back(std::move(sample));
-  }
-  return load;
+using SharedLoad = std::shared_ptr<const Load>;
+
+SharedLoad sample_load(const std::string& kind, std::uint64_t events) {
+  return std::make_shared<Load>(kind, events, bench::samples(kind, 64));
 }
 
 /// Events of one long text.
-Load sized_load(std::size_t bytes, std::uint64_t events) {
-  Load load;
-  load.name = std::to_string(bytes) + " B";
-  load.events = events;
-  const auto record = std::make_shared<test::RecordBuilder>();
+SharedLoad sized_load(std::size_t bytes, std::uint64_t events) {
   // What an event weighs beside its text.
   constexpr std::size_t kAround = 90;
-  record->text("ptype", "tds").text("uid", "C1").text("tds.sql", std::string(bytes - kAround, 'q'));
-  load.add(*record);
-  load.owners.push_back(record);
-  return load;
+  bench::Samples samples(1);
+  samples[0] = std::make_unique<bench::Sample>();
+  samples[0]->record.text("ptype", "tds").text("uid", "C1");
+  samples[0]->record.text("tds.sql", std::string(bytes - kAround, 'q'));
+  return std::make_shared<Load>(std::to_string(bytes) + " B", events, std::move(samples));
 }
 
 /// Whether everything came whole that the writers wrote, so many messages each.
@@ -152,26 +146,21 @@ void write(bench::Agent* agent, int writer, const Load& load, std::uint64_t even
   for (std::uint64_t i = 0; i < events; ++i) {
     if (way == Way::kMemory)
       agent->wait_for_room(i);
-    agent->write(writer, *load.records[i % load.records.size()]);
+    agent->write(writer, load.samples[i % load.samples.size()]->record);
   }
 }
 
-/// Whether it was allowed. The writers of a host wait for packets; these wait for room in the
-/// queue, and one that is woken too late for that leaves the queue empty, after which the send
-/// thread pauses for 100 ms: that would measure the scheduler. So they go before all others, where
-/// that is allowed (as root).
-bool go_before_others() {
+/// The writers of a host wait for packets; these wait for room in the queue, and one that is woken
+/// too late for that leaves the queue empty, after which the send thread pauses for 100 ms: that
+/// would measure the scheduler. So they go before all others, where that is allowed (as root).
+void go_before_others() {
   struct sched_param priority = {};
   priority.sched_priority = sched_get_priority_min(SCHED_FIFO);
-  return pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority) == 0;
-}
-
-/// Says what the figures miss where that is not allowed.
-void try_to_go_before_others() {
-  std::thread([] {
-    if (!go_before_others())
+  static std::once_flag said;
+  if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority) != 0)
+    std::call_once(said, [] {
       std::fprintf(stderr, "left out: the writers' real-time priority, which only root can give\n");
-  }).join();
+    });
 }
 
 /// So many events of each writer.
@@ -229,7 +218,6 @@ Figures measure_by_the_spool(const Load& load, int writers) {
 // -- The figures ----------------------------------------------------------------------------------
 
 using benchmark::UserCounters;
-using SharedLoad = std::shared_ptr<const Load>;
 
 void add_deliveries(const SharedLoad& load) {
   const auto add_one = [&](const std::string& of, const std::string& side,
@@ -263,18 +251,16 @@ void add_growth(const std::string& curve, std::size_t x, const SharedLoad& load,
 
 void add_all(bool quick) {
   const std::uint64_t events = quick ? 5000 : 100000;
-  try_to_go_before_others();
   for (const char* kind : {"connection", "http"})
-    add_deliveries(std::make_shared<Load>(sample_load(kind, events)));
+    add_deliveries(sample_load(kind, events));
   for (const int writers : {1, 2, 4, 8, 16}) {
     const std::uint64_t all = events / 10 * static_cast<std::uint64_t>(writers);
     add_growth("writers: delivery", static_cast<std::size_t>(writers),
-               std::make_shared<Load>(sample_load("connection", all)), writers, "s",
-               static_cast<double>(all));
+               sample_load("connection", all), writers, "s", static_cast<double>(all));
   }
   for (const std::size_t bytes : {100, 400, 1000, 4000, 16000, 60000}) {
-    const auto load = std::make_shared<Load>(
-        sized_load(bytes, std::max<std::uint64_t>(500, events * 500 / (1000 + bytes))));
+    const SharedLoad load =
+        sized_load(bytes, std::max<std::uint64_t>(500, events * 500 / (1000 + bytes)));
     add_growth("message size (B): delivery", load->messages[0].size(), load, 1, "us", 1e6);
   }
 }
