@@ -389,6 +389,30 @@ class StreamTest(StreamCase):
                 self.assertLess(time.monotonic() - begin, 10, "as long as without --drain")
                 (server.start if kill else server.thaw)()
 
+    def test_a_stop_with_a_full_window_loses_nothing_and_waits_once(self):
+        server = self.server()
+        for drain, status in (("60", "events: 600 ("), ("0.5", "600 events were not acknowledged")):
+            with self.subTest(drain=drain):
+                collector = self.collect_to(server.url, "--prefix", "p" + drain[0], "--window", "5",
+                                            "--drain", drain, "--unsent", "unsent")
+                server.freeze()
+                self.send(collector, 0, 600)
+                wait_for(lambda: self.figures(collector)["window"]["events"] == 5, "the window")
+                begin = time.monotonic()
+                collector.popen.terminate()
+                for cycle in range(1, 1000):
+                    time.sleep(0.12)
+                    if collector.popen.poll() is not None:
+                        break
+                    if drain == "60":  # a little room at many moments
+                        server.thaw()
+                        time.sleep(0.002 * cycle)
+                        server.freeze()
+                server.thaw()
+                self.assertEqual(collector.wait(), 0, collector.stderr)
+                self.assertIn(status, collector.stderr)
+                self.assertLess(time.monotonic() - begin, 20)
+
     def test_a_second_signal_ends_the_wait_and_keeps_the_events(self):
         server = self.server()
         collector = self.collect_to(server.url, "--drain", "1e300", "--unsent", "unsent")

@@ -205,7 +205,7 @@ void Collector::Drain() {
   while (!Done() && Clock::now() < start + kLongestDrain &&
          (!HoldWaiting(&connections, &start) || (connections.any() && socket_.Wait(kSettledMs)))) {
   }
-  while (TakeWaiting() || !HaveRoom()) {
+  while (!Done() && (TakeWaiting() || !held_.empty() || socket_.Wait(0))) {
   }
 }
 

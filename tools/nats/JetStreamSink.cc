@@ -92,6 +92,8 @@ void JetStreamSink::Begin() {
 }
 
 bool JetStreamSink::HasRoom() {
+  if (give_up_at_ && GivesUp())
+    return true;  // without a wait for each event
   HoldFormer();
   return (former_.empty() && window_.HasRoom(kLook)) || (ending_ && GivesUp());
 }
