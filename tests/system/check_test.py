@@ -111,15 +111,6 @@ class ConfigurationTest(CheckTestCase):
             more = [] if interval is None else ["--set", "Log::default_rotation_interval=" + interval]
             self.assertEqual("rotation" in self.found(self.report(*more), notes=True), noted, interval)
 
-    def test_disk_limit_is_the_one_that_the_plug_in_reports(self):
-        self.settings("127.0.0.1:9", KEY, "disk.usage.relative = 1\ndisk.usage.absolute = 100000\n")
-        write_file("a.log", "#separator \\x09\n#path\tt\n#fields\tts\n#types\ttime\n1.5\n")
-        replay = self.run_tool("replay", "--settings", "settings", "--plugin", PLUGIN, "--drain",
-                               "0.1", "a.log")
-        disk = self.report()["disk"]
-        self.assertIn("Disk size is %.2fMb, setting maximum usage to %dMb" %
-                      (disk["disk_mb"], disk["limit_mb"]), replay.stderr)
-
     def test_settings_that_cannot_be_read_are_found(self):
         os.mkdir("folder")
         write_file("settings", "zmq.server = x\nnonsense\n")

@@ -227,15 +227,22 @@ class CollectOutputTest(CliTest):
 
     def test_events_wait_for_a_removed_folder(self):
         os.mkdir("folder")
-        collector = self.collect("--output", "folder/events")
+        collector = self.collect("--output", "folder/events", "--metrics", "127.0.0.1:0")
+
+        def await_stalled(figure):
+            wait_for(lambda: "\nzmqwriter_collect_output_stalled %d\n" % figure in
+                     self.get(collector, "metrics")[1], "the metric")
         shutil.rmtree("folder")
         agent = self.agent(collector.endpoint)
         agent.send(make_event(uid=b"C1"))
-        wait_for(lambda: "cannot write the output: No such file or directory; receiving pauses"
-                 in collector.stderr, "the stall")
+        await_stalled(1)
         os.mkdir("folder")
         wait_for(lambda: os.path.exists("folder/events") and "C1" in read_file("folder/events"),
                  "the event")
+        await_stalled(0)
+        for words in ("warning: cannot write the output: No such file or directory; receiving pauses",
+                      "the output accepts events again"):
+            self.assertEqual(collector.stderr.count(words), 1, collector.stderr)
 
 
 class CollectUsageTest(CliTest):
@@ -565,105 +572,50 @@ class CollectAllowTest(CliTest):
 
 @needs_zmq
 class CollectHostileTest(CliTest):
-    def setUp(self):
-        super().setUp()
-        self.seed = random.randrange(2 ** 32)
-        print("seed", self.seed)
-        self.random = random.Random(self.seed)
-
-    def damaged(self, event):
-        kind = self.random.randrange(2)
-        if kind == 0:
-            return event[:self.random.randrange(1, len(event))]
-        damaged = bytearray(event)
-        for bit in self.random.sample(range(8 * len(event)), self.random.randrange(1, 5)):
-            damaged[bit // 8] ^= 1 << bit % 8
-        return bytes(damaged)
-
     def test_hundred_thousand_random_and_damaged_messages_are_counted_to_the_last(self):
-        collector = self.collect("--quiet", "--stats", "3600", "--format", "raw", "--output",
-                                 "events", "--metrics", "127.0.0.1:0")
+        seed = random.randrange(2 ** 32)
+        print("seed", seed)
+        chance = random.Random(seed)
+        collector = self.collect("--quiet", "--stats", "3600", "--format", "raw", "--output", "events")
         agent = self.agent(collector.endpoint)
-        event = make_event(agent=b"agent", details=b"details " * 8)
-        sent = {"event": 0, "random": 0, "damaged": 0, "empty": 0, "multi": 0}
-        last = make_event(uid=b"last")
-        sent_bytes = {event, last}
+        event, last = make_event(agent=b"agent", details=b"details " * 8), make_event(uid=b"last")
+        sent = {event, last}
         for number in range(100000):
-            agent.send(self.random.randbytes(self.random.randrange(1, 200)))
-            sent["random"] += 1
+            agent.send(chance.randbytes(chance.randrange(1, 200)))
             if number % 10 == 0:
-                damaged = self.damaged(event)
-                sent_bytes.add(damaged)
+                damaged = bytearray(event)
+                for bit in chance.sample(range(8 * len(event)), chance.randrange(1, 5)):
+                    damaged[bit // 8] ^= 1 << bit % 8
+                damaged = bytes(damaged[:chance.choice([chance.randrange(1, len(event)), None])])
+                sent.add(damaged)
                 agent.send(damaged)
-                sent["damaged"] += 1
             if number % 100 == 0:
                 agent.send(b"")
-                agent.send_multipart(self.random.choice([[event, b""], [b"", event], [b""] * 3,
-                                                         [event] * 200]))
+                agent.send_multipart(chance.choice([[event, b""], [b"", event], [b""] * 3,
+                                                    [event] * 200]))
                 agent.send(event)
-                for kind in ("empty", "multi", "event"):
-                    sent[kind] += 1
         agent.send(last)
-        sent["event"] += 1
         wait_for(lambda: read_file("events", "rb").endswith(last), "the last event")
         self.end(collector)
 
         report = re.search(r"s: (\d+) events .*, (\d+) empty .*, (\d+) malformed .*, "
                            r"(\d+) multi-part", collector.stderr)
         events, empty, malformed, multi_part = (int(group) for group in report.groups())
-        self.assertEqual((empty, multi_part), (sent["empty"], sent["multi"]))
-        self.assertEqual(events + malformed, sent["event"] + sent["random"] + sent["damaged"])
+        self.assertEqual((empty, multi_part, events + malformed), (1000, 1000, 100000 + 10000 + 1001))
         # A damaged event may be an event still (and is written as it came), a random text of these
         # lengths is none.
-        self.assertGreaterEqual(malformed, sent["random"])
-        self.assertGreaterEqual(events, sent["event"])
+        self.assertGreaterEqual(malformed, 100000)
         written = unframed(read_file("events", "rb"))
         self.assertEqual(len(written), events)
-        self.assertLessEqual(set(written), sent_bytes)
-        self.assertEqual(sum(message == event for message in written), sent["event"] - 1)
+        self.assertLessEqual(set(written), sent)
+        self.assertEqual(written.count(event), 1000)
         decoded = self.run_tool("decode", "events")
         self.assertEqual((decoded.returncode, decoded.stderr), (0, ""))
         self.assertEqual(decoded.stdout.count(b"\n"), events)
 
 
+@needs_zmq
 class CollectFullDiskTest(CliTest):
-    def test_agents_leave_a_server_with_a_full_disk_and_no_event_is_lost(self):
-        self.mount_disk(1)
-        os.mkdir("orvik-spool")
-        primary = self.collect("--output", "disk/events", "--metrics", "127.0.0.1:0")
-        secondary = self.collect("--output", "events")
-        write_file("settings", "zmq.server = %s\nzmq.secondary_servers = %s\nzmq.public_key = %s"
-                   % (primary.endpoint, secondary.endpoint, read_file("server.public")))
-        count = 10000  # more than the disk and all buffers on the way hold
-        write_file("things.log", "#separator \\x09\n#path\tthings\n#fields\tuid\ttext\n"
-                   "#types\tstring\tstring\n" +
-                   "".join("C%d\t%s\n" % (n, "x" * 2000) for n in range(count)))
-        agent = self.start("replay", "--settings", "settings", "--plugin", PLUGIN, "things.log")
-        wait_for(lambda: "Switched to secondary server" in agent.stderr, "the failover")
-        wait_for(lambda: read_file("events").count("\n") > 1, "events on the secondary")
-        stalled = lambda: re.search(r"^zmqwriter_collect_output_stalled (\d)$",
-                                    self.get(primary, "metrics")[1], re.M).group(1)
-        self.assertEqual(stalled(), "1")
-        content = read_file("disk/events")
-        self.assertTrue(content.endswith("}\n"), "the file ends inside an event: " + content[-60:])
-
-        subprocess.run(["mount", "-o", "remount,size=100m", "disk"], check=True)
-        self.assertEqual(agent.wait(), 0, agent.stderr)
-        self.assertIn("is back online", agent.stderr)
-        self.assertEqual(stalled(), "0")
-        for collector in (primary, secondary):
-            self.end(collector)
-        self.assertEqual(primary.stderr.count("warning: cannot write the output: No space left on "
-                                              "device; receiving pauses"), 1)
-        self.assertEqual(primary.stderr.count("the output accepts events again"), 1)
-
-        uids = [[json.loads(line)["uid"] for line in read_file(name).splitlines()]
-                for name in ("disk/events", "events")]
-        self.assertEqual(sorted(uids[0] + uids[1]), sorted("C%d" % n for n in range(count)))
-        sent = int(re.search(r"^sent: (\d+) messages", agent.stderr, re.M).group(1))
-        self.assertEqual(sent, len(uids[0]) + len(uids[1]) + totals(secondary)["empty messages"])
-
-    @needs_zmq
     def test_exit_on_full_ends_while_there_is_room_for_all_that_agents_have_sent(self):
         self.mount_disk(76)
         collector = self.collect("--output", "disk/events", "--exit-on-full")
@@ -680,7 +632,6 @@ class CollectFullDiskTest(CliTest):
         self.assertEqual(again.returncode, 1)
         self.assertNotIn("listening on", again.stderr)
 
-    @needs_zmq
     def test_exit_on_full_after_a_failure_counts_what_did_not_get_out(self):
         limit = 10000
         collector = self.collect(
@@ -700,7 +651,6 @@ class CollectFullDiskTest(CliTest):
         # One in the agent's queue, one on its way to the socket.
         self.assertLessEqual(sent - len(written) - lost, 2)
 
-    @needs_zmq
     def test_stop_gives_a_full_disk_up_after_a_while_and_counts_what_did_not_get_out(self):
         if not os.path.exists("/dev/full"):
             self.skipTest("needs /dev/full")

@@ -247,13 +247,6 @@ class NatsClient:
         """What the engine tells about the stream: "config", "state", "cluster"."""
         return self.request("$JS.API.STREAM.INFO." + name, timeout=timeout)
 
-    def message(self, stream, number):
-        """The message with this number: its subject, headers, payload."""
-        got = self.request("$JS.API.STREAM.MSG.GET." + stream, {"seq": number})["message"]
-        headers = base64.b64decode(got.get("hdrs", "")).decode().split("\r\n")[1:]
-        return got["subject"], dict(header.split(": ", 1) for header in headers if header), \
-            base64.b64decode(got.get("data", ""))
-
     def messages(self, stream, first=1, batch=1000):
         """All messages of the stream from this number on: subject, headers, payload of each."""
         left = self.stream(stream)["state"]["last_seq"] + 1 - first

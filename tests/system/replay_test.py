@@ -354,37 +354,26 @@ class OpenFilesTest(ReplayTestCase):
 
 
 class DamagedLogsTest(ReplayTestCase):
-    def test_broken_lines_are_named_counted_and_skipped(self):
+    def test_broken_lines_and_logs_are_named_counted_and_skipped(self):
         lines = log_of(6).split("\n")
         lines[5] = "1.5\tC1"  # line 6: a column is missing
         lines[7] = "3.5\tC3\tmany"
         write_file("a.log", "\n".join(lines)[:-3])  # the last line is cut
-        collector = self.collect()
-        self.settings_for(collector.endpoint)
-        replay = self.replay("a.log")
-        self.assertEqual(replay.status, 1)
-        self.assertEqual(set(self.uids(collector, 3)), {"C0", "C2", "C4"})
-        self.assertIn("a.log:6: 2 columns instead of 3\n", replay.stderr)
-        self.assertIn("a.log:8: column 'n': 'many' is not a valid count\n", replay.stderr)
-        self.assertIn("a.log:10: the last line has no line end", replay.stderr)
-        self.assertIn("read: 3 records from 1 log, 3 broken lines skipped\n", replay.stderr)
-        self.assertIn("  a.log: 3 records, 3 broken lines\n", replay.stderr)
-        self.assertIn("left: nothing\n", replay.stderr)
-
-    def test_refused_and_broken_logs_do_not_keep_the_others_from_arriving(self):
         write_file("bare.log", "1\t2\n")
-        write_file("broken.log", log_of(1) + "broken\n" * 5000)
-        write_file("a.log", log_of(3).replace("\tC", "\tD"))
+        write_file("broken.log", log_of(1).replace("\tC", "\tD") + "broken\n" * 5000)
         collector = self.collect()
         self.settings_for(collector.endpoint)
         replay = self.replay("bare.log", "missing.log", "broken.log", "a.log")
         self.assertEqual(replay.status, 1)
-        self.assertEqual(set(self.uids(collector, 4)), {"C0", "D0", "D1", "D2"})
-        self.assertIn("bare.log:1: file without header", replay.stderr)
-        self.assertIn("missing.log: cannot be read: No such file", replay.stderr)
-        self.assertIn("refused: 2 logs\n", replay.stderr)
+        self.assertEqual(set(self.uids(collector, 4)), {"C0", "C2", "C4", "D0"})
+        for words in ("a.log:6: 2 columns instead of 3\n",
+                      "a.log:8: column 'n': 'many' is not a valid count\n",
+                      "a.log:10: the last line has no line end", "  a.log: 3 records, 3 broken lines\n",
+                      "bare.log:1: file without header", "missing.log: cannot be read: No such file",
+                      "refused: 2 logs\n", "left: nothing\n",
+                      "read: 4 records from 2 logs, 5003 broken lines skipped\n"):
+            self.assertIn(words, replay.stderr)
         self.assertEqual(replay.stderr.count("1 columns instead of 3"), 20)
-        self.assertIn("5000 broken lines skipped", replay.stderr)
 
 
 class BackPressureTest(ReplayTestCase):
@@ -739,13 +728,6 @@ class SettingsTest(ReplayTestCase):
         agent_id = read_file("orvik/agent.id")
         self.assertRegex(agent_id, r"\A[0-9a-zA-Z]{2,22}\Z")
         self.assertEqual(self.events(collector, 1)[0]["agent_id"], agent_id)
-
-    def test_settings_file_wins_over_script_constants(self):
-        collector = self.collect("--count", "1")
-        self.settings_for(collector.endpoint)
-        write_file("a.log", log_of(1))
-        replay = self.replay("--set", "LogZMQ::zmq_primary_server=tcp://127.0.0.1:9", "a.log")
-        self.assertEqual(replay.status, 0, replay.stderr)
 
     def test_script_constants_will_do(self):
         collector = self.collect("--count", "1")
