@@ -90,21 +90,13 @@ CLI::Option* add_read_options(CLI::App* command, ReadOptions* options) {
         const bool good = !name.empty() && name.find_first_of(".*>/\\ \t\r\n") == std::string::npos;
         return good ? "" : "'" + name + "' must be a word without . * > / \\ and spaces";
       }));
-  command
-      ->add_option_function<std::string>(
-          "--since", [options](const std::string& text) { options->since_ns = start_time(text); },
-          "Only events that the engine has got since then: a time like 2026-11-22T07:35:58Z "
-          "(without Z or +HH:MM in this machine's zone), or how long ago, like 2h or 7d")
+  add_parsed_option(
+      command, "--since",
+      [options](const std::string& text) { options->since_ns = start_time(text); },
+      "Only events that the engine has got since then: a time like 2026-11-22T07:35:58Z "
+      "(without Z or +HH:MM in this machine's zone), or how long ago, like 2h or 7d")
       ->type_name("TIME")
-      ->needs(from)
-      ->check(option_check([](const std::string& text) -> std::string {
-        try {
-          start_time(text);
-          return "";
-        } catch (const std::invalid_argument& problem) {
-          return problem.what();
-        }
-      }));
+      ->needs(from);
   command->add_flag("--follow", options->follow, "Go on with new events")->needs(from);
   command
       ->add_option("--format", options->format,

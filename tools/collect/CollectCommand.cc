@@ -135,16 +135,15 @@ void add_input_options(CLI::App* command, CollectOptions* options) {
       ->check(not_empty());
 }
 
-/// Whether `text` is N or N,BYTES; sets what it says.
-bool parse_window(const std::string& text, JetStreamOptions* options) {
+/// N or N,BYTES. Throws std::invalid_argument.
+void set_window(const std::string& text, JetStreamOptions* options) {
   const std::size_t comma = text.find(',');
   const auto events = number_in<std::uint64_t>(text.substr(0, comma));
   std::string bytes = comma == std::string::npos ? "16M" : text.substr(comma + 1);
   if (!events || *events == 0 || !byte_size()(bytes).empty())
-    return false;
+    throw std::invalid_argument("'" + text + "' must be like 4096 or 4096,16M");
   options->window_events = *events;
   options->window_bytes = *number_in<std::uint64_t>(bytes);
-  return true;
 }
 
 CLI::Option* add_stream_options(CLI::App* command, JetStreamOptions* options) {
@@ -152,16 +151,11 @@ CLI::Option* add_stream_options(CLI::App* command, JetStreamOptions* options) {
       command, "--to",
       "Publish to a JetStream engine: the servers of a cluster, any of which will do",
       &options->engine);
-  command
-      ->add_option_function<std::string>(
-          "--window", [options](const std::string& text) { parse_window(text, options); },
-          "Events and bytes that may wait for acknowledgement (default: 4096,16M)")
+  add_parsed_option(
+      command, "--window", [options](const std::string& text) { set_window(text, options); },
+      "Events and bytes that may wait for acknowledgement (default: 4096,16M)")
       ->type_name("N[,BYTES]")
-      ->needs(to)
-      ->check(option_check([](const std::string& text) -> std::string {
-        JetStreamOptions ignored;
-        return parse_window(text, &ignored) ? "" : "'" + text + "' must be like 4096 or 4096,16M";
-      }));
+      ->needs(to);
   command
       ->add_option("--drain", options->drain_s, "How long to wait for acknowledgements at the end")
       ->type_name("SECONDS")
@@ -175,24 +169,14 @@ CLI::Option* add_stream_options(CLI::App* command, JetStreamOptions* options) {
       ->type_name("FILE")
       ->needs(to)
       ->check(not_empty());
-  command
-      ->add_option_function<std::string>(
-          "--create-stream",
-          [options](const std::string& text) { options->create = stream_limits(text); },
-          "Make the stream if there is none, e.g. replicas=3,max-age=7d,max-bytes=100G; an "
-          "existing "
-          "one is not changed")
+  add_parsed_option(
+      command, "--create-stream",
+      [options](const std::string& text) { options->create = stream_limits(text); },
+      "Make the stream if there is none, e.g. replicas=3,max-age=7d,max-bytes=100G; an existing "
+      "one is not changed")
       ->type_name("LIMITS")
       ->needs(to)
-      ->expected(0, 1)
-      ->check(option_check([](const std::string& text) -> std::string {
-        try {
-          stream_limits(text);
-          return "";
-        } catch (const std::invalid_argument& problem) {
-          return problem.what();
-        }
-      }));
+      ->expected(0, 1);
   return to;
 }
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -16,6 +17,22 @@ namespace zmqwriter {
 /// `problem` is empty for a good value, else the message.
 inline CLI::Validator option_check(std::function<std::string(const std::string&)> problem) {
   return CLI::Validator(std::move(problem), "");
+}
+
+/// An option whose value `take` reads, which throws std::invalid_argument for a bad one.
+inline CLI::Option* add_parsed_option(CLI::App* command, const std::string& name,
+                                      std::function<void(const std::string&)> take,
+                                      const std::string& description) {
+  return command->add_option_function<std::string>(
+      name,
+      [name, take = std::move(take)](const std::string& text) {
+        try {
+          take(text);
+        } catch (const std::invalid_argument& problem) {
+          throw CLI::ValidationError(name, problem.what());
+        }
+      },
+      description);
 }
 
 inline CLI::Validator not_empty(const std::string& problem = "the name is empty") {

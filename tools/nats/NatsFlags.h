@@ -13,19 +13,11 @@ namespace zmqwriter {
 inline CLI::Option* add_nats_options(CLI::App* command, const std::string& name,
                                      const std::string& description, NatsOptions* options) {
   CLI::Option* const servers =
-      command
-          ->add_option_function<std::string>(
-              name, [options](const std::string& list) { options->servers = nats_servers(list); },
-              description)
-          ->type_name("nats://HOST[:PORT][,...]")
-          ->check(option_check([](const std::string& list) -> std::string {
-            try {
-              nats_servers(list);
-              return "";
-            } catch (const std::invalid_argument& problem) {
-              return problem.what();
-            }
-          }));
+      add_parsed_option(
+          command, name,
+          [options](const std::string& list) { options->servers = nats_servers(list); },
+          description)
+          ->type_name("nats://HOST[:PORT][,...]");
   command->add_option("--prefix", options->prefix, "First word of the subjects")
       ->type_name("WORD")
       ->check(option_check(subject_prefix_problem))
