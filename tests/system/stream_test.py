@@ -357,6 +357,13 @@ class StreamTest(StreamCase):
         kept = read_file("unsent", "rb")
         ids = [kept[at + 4 + len(event):][:33].decode() for at, event in zip(
             range(0, len(kept), 4 + len(events[0]) + 33), events)]
+        os.mkdir("unsent.new")
+        collector = self.collect_to(server.url, *files)
+        self.send(collector, 50, 53)
+        wait_for(lambda: self.figures(collector)["window"]["events"] == 53, "the window")
+        self.end(collector, 1, "zmqwriter: 3 of the events received did not get out")
+        self.assertEqual(read_file("unsent", "rb"), kept)
+        os.rmdir("unsent.new")
         server.start()
         with server.client() as client:  # as if its acknowledgement had been lost
             client.request("zmqwriter.Tn5250Data._", events[7], headers={"Nats-Msg-Id": ids[7]})

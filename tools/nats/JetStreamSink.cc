@@ -367,7 +367,8 @@ void JetStreamSink::Finish() {
     std::fprintf(stderr, "%s: they are in %s, which the next start publishes first\n",
                  counted.c_str(), options_.unsent_file.c_str());
   } catch (const std::exception& error) {
-    lost_events_ += unsent.size();
+    const PublicationWindow::Counts counts = window_.counts();
+    lost_events_ += counts.held - counts.former;  // the file still has those of former runs
     problem_ = counted + ": " + error.what();
   }
 }
