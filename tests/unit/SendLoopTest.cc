@@ -161,37 +161,6 @@ TEST_F(SendLoop, ASecondaryGetsAMessageThenAnEmptyOneAndTheRestUntilThePrimaryIs
   EXPECT_EQ(failed(), 3u);
 }
 
-TEST_F(SendLoop, ASecondaryThatFailsIsClosedAndTheRecordGoesRoundAgain) {
-  connect("a");
-  //            primary       secondary     primary       search
-  sends(switching({kFail, kFail, kFail, kFail, kFail, kFail, kOk, kOk}));
-  write_many(2);
-  const auto rest = after(switched("r0"), run());
-  EXPECT_THAT(
-      rest, Lines("send s1 'r1' failed", kRetryPause, "send s1 'r1' failed", "send s2 'r1' failed",
-                  kRetryPause, "send s2 'r1' failed", secondary_gone("tcp://a:5555"),
-                  "disconnect s2 tcp://a:5555",
-                  "close s2",  //
-                  "send s1 'r1' failed", kRetryPause, "send s1 'r1' failed", "socket s3",
-                  "connect s3 tcp://a:5555 ok", "send s3 'r1' ok", switched_to("tcp://a:5555"),
-                  "send s3 '' ok", kIdle, "disconnect s3 tcp://a:5555", "close s3"));
-  EXPECT_TRUE(worker->queue.empty());
-}
-
-TEST_F(SendLoop, WhenTheEmptySendFailsTheMessageCountsAsDelivered) {
-  connect("a");
-  sends({kFail, kFail, kFail, kFail, kOk, kFail, kFail, kOk});
-  write_many(2);
-  auto until_the_empty_send = switched("r0");
-  until_the_empty_send.pop_back();
-  EXPECT_THAT(after(until_the_empty_send, run()),
-              Lines("send s2 '' failed", kRetryPause, "send s2 '' failed",
-                    secondary_gone("tcp://a:5555"), "disconnect s2 tcp://a:5555", "close s2",  //
-                    "send s1 'r1' ok", kBackOnline, kIdle));
-  EXPECT_EQ(sent(), 2u);
-  EXPECT_EQ(failed(), 3u);
-}
-
 TEST_F(SendLoop, SecondariesAreSearchedInListOrderAndOneWithoutASocketSimplyFails) {
   connect("a,b,b");
   zmq.on_connect = [](const std::string& endpoint) { return endpoint != "tcp://a:5555"; };
