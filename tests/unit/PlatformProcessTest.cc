@@ -117,23 +117,22 @@ TEST_F(PlatformProcessTest, NothingIsWrittenBehindTheBuffer) {
   }
 }
 
-TEST_F(PlatformProcessTest, DescriptorsHaveTheirTypes) {
+TEST_F(PlatformProcessTest, SocketsAreToldFromOtherDescriptors) {
   const test::TempDir folder;
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  keep(ends[0]);
   keep(ends[1]);
-  const int socket_fd = keep(socket(AF_INET, SOCK_STREAM, 0));
-  const int local_fd = keep(socket(AF_UNIX, SOCK_DGRAM, 0));
-  const int file_fd = keep(open(folder.file("socket:[1]").c_str(), O_CREAT | O_RDWR, 0600));
-  const int poll_fd = keep(epoll_create1(0));
+  const int others[] = {keep(ends[0]), keep(epoll_create1(0)),
+                        keep(open(folder.file("socket:[1]").c_str(), O_CREAT | O_RDWR, 0600))};
+  const int sockets[] = {keep(socket(AF_INET, SOCK_STREAM, 0)),
+                         keep(socket(AF_UNIX, SOCK_DGRAM, 0))};
   std::map<int, std::uint32_t> types = list_descriptors(getpid());
-  EXPECT_EQ(types[socket_fd], 2u);
-  EXPECT_EQ(types[local_fd], 2u);
-  EXPECT_EQ(types[ends[0]], static_cast<std::uint32_t>(PROX_FDTYPE_PIPE));
-  EXPECT_EQ(types[ends[1]], static_cast<std::uint32_t>(PROX_FDTYPE_PIPE));
-  EXPECT_EQ(types[file_fd], static_cast<std::uint32_t>(PROX_FDTYPE_VNODE));
-  EXPECT_EQ(types[poll_fd], static_cast<std::uint32_t>(PROX_FDTYPE_KQUEUE));
+  for (const int fd : sockets)
+    EXPECT_EQ(types[fd], 2u);
+  for (const int fd : others) {
+    ASSERT_EQ(types.count(fd), 1u);
+    EXPECT_NE(types[fd], 2u);
+  }
 }
 
 TEST_F(PlatformProcessTest, HandleOfASocketIsItsInode) {

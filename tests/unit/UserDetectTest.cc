@@ -115,9 +115,8 @@ class UserDetectTest : public testing::Test {
   Names detect_curl() { return detect("10.0.0.5", 51000, "10.0.0.9", 80); }
 
   /// The pid for the two endpoints of curl's socket, out of the present list.
-  std::uint32_t curl_pid() { return curl_pid_in(list_.bytes()); }
-  std::uint32_t curl_pid_in(const std::vector<char>& list) {
-    darwin_.pcb_list = list;
+  std::uint32_t curl_pid() {
+    darwin_.pcb_list = list_.bytes();
     return get_socket_pid(word("10.0.0.5"), htons(51000), word("10.0.0.9"), htons(80));
   }
 
@@ -323,13 +322,10 @@ TEST_F(UserDetectTest, SnapshotCutAtAnyLengthIsNotReadPastItsEnd) {
 
 TEST_F(UserDetectTest, RecordShorterThanItsFieldsIsSteppedOver) {
   for (const std::uint32_t length : {25u, 100u, 439u}) {
-    std::vector<char> bytes = PcbList().bytes();
-    std::vector<char> shorter(length, '\0');
-    std::memcpy(shorter.data(), &length, sizeof length);
-    bytes.insert(bytes.end(), shorter.begin(), shorter.end());
-    const std::vector<char> rest = PcbList().add(curl_pcb()).end().bytes();
-    bytes.insert(bytes.end(), rest.begin() + 24, rest.end());
-    EXPECT_EQ(curl_pid_in(bytes), 91u) << "length " << length;
+    PcbList::Pcb shorter;
+    shorter.length = length;
+    list_ = PcbList().add(shorter).cut(24 + length).add(curl_pcb()).end();
+    EXPECT_EQ(curl_pid(), 91u) << "length " << length;
   }
 }
 
@@ -359,11 +355,8 @@ TEST_F(UserDetectTest, ListsOfRandomLengthsAreNeverReadOutsideTheSnapshot) {
 }
 
 TEST_F(UserDetectTest, FirstRecordStartsAtTheHeadersOwnLength) {
-  std::vector<char> bytes = PcbList().header_length(40).bytes();
-  bytes.resize(40);
-  const std::vector<char> rest = list_.bytes();
-  bytes.insert(bytes.end(), rest.begin() + 24, rest.end());
-  EXPECT_EQ(curl_pid_in(bytes), 91u);
+  list_ = PcbList().header_length(40).cut(40).add(curl_pcb()).end();
+  EXPECT_EQ(curl_pid(), 91u);
 }
 
 // Which process owns it.

@@ -66,19 +66,6 @@ TEST_F(ApiTest, UidsAreWrittenLeastSignificantDigitFirst) {
   EXPECT_EQ(uid.Base62("C"), "CXQ5i1gmXIANUMCSl");
 }
 
-TEST_F(ApiTest, TagsHaveTheHostsNumbersAndNames) {
-  EXPECT_EQ(TYPE_STRING, 8);
-  EXPECT_EQ(TYPE_PORT, 12);
-  EXPECT_EQ(TYPE_TABLE, 16);
-  EXPECT_EQ(TYPE_VECTOR, 22);
-  EXPECT_EQ(TYPE_ERROR, 25);
-  EXPECT_EQ(TRANSPORT_ICMP, 3);
-  EXPECT_EQ(IPv6, 1);
-  EXPECT_STREQ(type_name(TYPE_LIST), "types");
-  EXPECT_STREQ(type_name(TYPE_SUBNET), "subnet");
-  EXPECT_STREQ(type_name(TYPE_ERROR), "error");
-}
-
 TEST_F(ApiTest, ContainersAndFunctionsReleaseWhatTheyTookOver) {
   destroyed = 0;
   VectorType* type = new VectorType(base_type(TYPE_COUNT));
