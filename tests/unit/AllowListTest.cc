@@ -46,10 +46,6 @@ TEST_F(AllowListTest, CommentsBlankLinesAndRepeatsAreSkipped) {
   EXPECT_EQ(read("# head\n\n \t\n" + key_ + " # who\r\n  " + other + "#x\n" + key_).size(), 2u);
 }
 
-TEST_F(AllowListTest, LastLineNeedsNoEnd) {
-  EXPECT_EQ(read(key_ + "\n" + std::string(64, '7')).size(), 2u);
-}
-
 TEST_F(AllowListTest, WhatIsNoKeyIsNamedByItsLine) {
   EXPECT_EQ(error(key_ + "\n\n" + key_ + "0"),
             "allowed:3: a key has 64 hexadecimal digits, this line holds 65 characters");

