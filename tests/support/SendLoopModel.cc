@@ -1,7 +1,5 @@
 #include "SendLoopModel.h"
 
-#include <functional>
-
 namespace test {
 
 namespace {

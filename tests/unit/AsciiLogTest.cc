@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -150,14 +149,11 @@ TEST_F(AsciiLogTest, EveryTypeIsReadAsTheHostStoresIt) {
         {"(empty),a", "{'' 'a'}"}}},
       {"set[enum]", {{"M::A,M::B", "{'M::A' 'M::B'}"}}},
       {"set[addr]", {{"192.0.2.1,::1", "{v4:c0000201 v6:00000000000000000000000000000001}"}}},
-      {"set[port]", {{"80,443", "{80 443}"}}},
-      {"set[subnet]", {{"10.0.0.0/8", "{v4:0a000000/104}"}}},
       {"vector[count]", {{"1,2,3", "[1 2 3]"}}},
       {"vector[string]", {{"x,y,-,w", "['x' 'y' unset 'w']"}, {"x,\\x2d", "['x' '-']"}}},
       {"vector[interval]", {{"1.5,-,2.5", "[1.5 unset 2.5]"}}},
       {"vector[bool]", {{"T,F", "[1 0]"}}},
       {"vector[int]", {{"(empty)", "[]"}}},
-      {"vector[double]", {{"0.5", "[0.5]"}}},
   };
   for (const auto& one : cases) {
     for (const auto& [token, shown] : one.values)

@@ -328,22 +328,6 @@ TEST_F(PersistentQueueTest, ScanTrustsTheCountOfTheLastClose) {
   EXPECT_THAT(take(), Optional(std::string("first")));
 }
 
-// What survives a crash.
-
-TEST_F(PersistentQueueTest, RecordTakenBeforeACrashReadsBackEmptyAndTheWalkStaysAligned) {
-  store("first");
-  store("second");
-  store("third");
-  reopen();
-  EXPECT_THAT(take(), Optional(std::string("third")));
-  crash();
-  start();
-  EXPECT_EQ(spool().head_records, 3);
-  EXPECT_THAT(take(), Optional(std::string()));
-  EXPECT_THAT(take(), Optional(std::string("second")));
-  EXPECT_THAT(take(), Optional(std::string("first")));
-}
-
 // The folder.
 
 TEST_F(PersistentQueueTest, MissingParentDisablesTheSpoolForGoodWithAnError) {

@@ -14,7 +14,6 @@ using test::Bytes;
 using test::convert;
 using test::event_of;
 using test::list_value;
-using test::payload_of;
 using test::RecordBuilder;
 using test::text_of;
 using test::text_value;

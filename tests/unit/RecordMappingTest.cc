@@ -4,9 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -73,30 +71,22 @@ TEST(RecordMappingTest, ConnectionsAreGeneralAndKeepTheirNames) {
                           "duration:interval=unset", "tunnel_parents:set[string]={}"));
 }
 
-struct ProtocolCase {
-  const char* path;
-  const char* ptype;
-  const char* username;  // what a column of that name becomes
-};
-
-class RecordMappingProtocolTest : public testing::TestWithParam<ProtocolCase> {};
-
-TEST_P(RecordMappingProtocolTest, GetsItsTypeAndPrefix) {
-  EXPECT_THAT(map(header(GetParam().path) + "#fields\tts\tusername\n#types\ttime\tstring\n2\tx\n"),
-              ElementsAre(std::string("ptype:string='") + GetParam().ptype + "'", "ts:time=2",
-                          std::string(GetParam().username) + ":string='x'"));
+TEST(RecordMappingTest, EachProtocolGetsItsTypeAndPrefix) {
+  const struct {
+    const char* path;
+    const char* ptype;
+    const char* username;  // what a column of that name becomes
+  } cases[] = {{"conn", "general", "username"},        {"http", "http", "http.user"},
+               {"ftp", "ftp", "ftp.username"},         {"ldap", "ldap", "ldap.username"},
+               {"smb", "smb", "smb.username"},         {"smtp", "smtp", "smtp.username"},
+               {"tds", "tds", "tds.username"},         {"dce_rpc", "dce-rpc", "dce.username"},
+               {"tn5250", "tn5250", "tn5250.username"}};
+  for (const auto& [path, ptype, username] : cases) {
+    EXPECT_THAT(map(header(path) + "#fields\tts\tusername\n#types\ttime\tstring\n2\tx\n"),
+                ElementsAre("ptype:string='" + std::string(ptype) + "'", "ts:time=2",
+                            username + std::string(":string='x'")));
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(EveryProtocol, RecordMappingProtocolTest,
-                         testing::Values(ProtocolCase{"conn", "general", "username"},
-                                         ProtocolCase{"http", "http", "http.user"},
-                                         ProtocolCase{"ftp", "ftp", "ftp.username"},
-                                         ProtocolCase{"ldap", "ldap", "ldap.username"},
-                                         ProtocolCase{"smb", "smb", "smb.username"},
-                                         ProtocolCase{"smtp", "smtp", "smtp.username"},
-                                         ProtocolCase{"tds", "tds", "tds.username"},
-                                         ProtocolCase{"dce_rpc", "dce-rpc", "dce.username"},
-                                         ProtocolCase{"tn5250", "tn5250", "tn5250.username"}));
 
 TEST(RecordMappingTest, OtherPathsBecomePairsWithoutAType) {
   EXPECT_THAT(

@@ -31,7 +31,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
-using testing::Not;
 
 std::string event(const std::string& uid) {
   flatbuffers::FlatBufferBuilder builder;

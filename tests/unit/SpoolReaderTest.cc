@@ -7,10 +7,7 @@ namespace {
 using namespace zmqwriter;
 using test::header;
 using test::record;
-using test::u16;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 // Payloads that count as events in these tests.
 bool starts_with_e(const std::string& payload) {

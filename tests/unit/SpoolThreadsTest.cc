@@ -1,7 +1,6 @@
 // One thread storing, one taking, as the writers and the send thread do.
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 #include "SpoolFixture.h"

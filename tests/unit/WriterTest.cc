@@ -22,7 +22,6 @@
 #include "TempDir.h"
 #include "WriterUnderTest.h"
 
-using test::event_of;
 using test::FakeWorker;
 using test::read_file;
 using test::RecordBuilder;

@@ -14,7 +14,6 @@
 #include "WorkerFixture.h"
 
 using logging::writer::ZmqWorker;
-using test::FakeZmq;
 using test::Lines;
 using ::testing::IsEmpty;
 
@@ -87,31 +86,23 @@ TEST_F(Configuration, AFreshWorkerIsZeroInEveryMember) {
 
 // -- Endpoints ------------------------------------------------------------------------------------
 
-struct Normalisation {
-  const char* input;
-  const char* result;
-};
-
-class Endpoints : public ::testing::TestWithParam<Normalisation> {};
-
-TEST_P(Endpoints, AreNormalised) {
-  EXPECT_EQ(ZmqWorker().correct_zmq_uri(GetParam().input), GetParam().result);
+TEST_F(Configuration, EndpointsAreNormalised) {
+  const std::pair<const char*, const char*> cases[] = {{"localhost", "tcp://localhost:5555"},
+                                                       {"10.0.0.1:6000", "tcp://10.0.0.1:6000"},
+                                                       {"tcp://host:7000", "tcp://host:7000"},
+                                                       {"", "tcp://:5555"},
+                                                       {"ipc:///tmp/sock", "ipc:///tmp/sock:5555"},
+                                                       {"tcp://[::1]", "tcp://[::1]"},
+                                                       {"[::1]", "tcp://[::1]"},
+                                                       {"tcp://:7000", "tcp://:7000:5555"},
+                                                       {":7000", "tcp://:7000:5555"},
+                                                       {"tcp://", "tcp://:5555"},
+                                                       {"tcp://h", "tcp://h:5555"},
+                                                       {"tcp://h:", "tcp://h:"},
+                                                       {" padded ", "tcp:// padded :5555"}};
+  for (const auto& [input, result] : cases)
+    EXPECT_EQ(ZmqWorker().correct_zmq_uri(input), result) << input;
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, Endpoints,
-                         ::testing::Values(Normalisation{"localhost", "tcp://localhost:5555"},
-                                           Normalisation{"10.0.0.1:6000", "tcp://10.0.0.1:6000"},
-                                           Normalisation{"tcp://host:7000", "tcp://host:7000"},
-                                           Normalisation{"", "tcp://:5555"},
-                                           Normalisation{"ipc:///tmp/sock", "ipc:///tmp/sock:5555"},
-                                           Normalisation{"tcp://[::1]", "tcp://[::1]"},
-                                           Normalisation{"[::1]", "tcp://[::1]"},
-                                           Normalisation{"tcp://:7000", "tcp://:7000:5555"},
-                                           Normalisation{":7000", "tcp://:7000:5555"},
-                                           Normalisation{"tcp://", "tcp://:5555"},
-                                           Normalisation{"tcp://h", "tcp://h:5555"},
-                                           Normalisation{"tcp://h:", "tcp://h:"},
-                                           Normalisation{" padded ", "tcp:// padded :5555"}));
 
 TEST_F(Configuration, ArgumentsHoldWithoutASettingsFile) {
   init(" first ", "KEY", "second");

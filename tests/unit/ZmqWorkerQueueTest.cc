@@ -1,5 +1,4 @@
 // Write, Stop with its flush, and what FillStatus says meanwhile.
-#include <algorithm>
 #include <climits>
 #include <cstdlib>
 

@@ -2,7 +2,6 @@
 // most under ThreadSanitizer.
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <thread>
 
 #include "TempDir.h"
