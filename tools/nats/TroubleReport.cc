@@ -17,22 +17,23 @@ void TroubleReport::NoteRefusal(StreamProblem problem) {
   const std::lock_guard<std::mutex> lock(mutex_);
   ++(is_unclear(problem.trouble) ? unclear_ : refused_[static_cast<std::size_t>(problem.trouble)]);
   doubt_ = std::move(problem);
+  in_doubt_ = true;
 }
 
+/// Each event comes here, so it takes no lock while all is well.
 void TroubleReport::NoteTaken() {
+  if (!in_doubt_)
+    return;
   const std::lock_guard<std::mutex> lock(mutex_);
   doubt_.reset();
+  in_doubt_ = false;
 }
 
 void TroubleReport::DoubtConnection() {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (!doubt_)
     doubt_ = StreamProblem{StreamTrouble::kConnectionLost, ""};
-}
-
-bool TroubleReport::in_doubt() const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  return doubt_.has_value();
+  in_doubt_ = true;
 }
 
 /// `mutex_` is held.

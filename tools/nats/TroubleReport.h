@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -36,7 +37,7 @@ class TroubleReport {
   /// One was. That ends the doubt.
   void NoteTaken();
   /// After a refusal, or where the connection is a new one.
-  bool in_doubt() const;
+  bool in_doubt() const { return in_doubt_; }
   void DoubtConnection();
 
   // Of one thread.
@@ -58,6 +59,7 @@ class TroubleReport {
   std::optional<StreamTrouble> said_;
   Clock::time_point since_;
 
+  std::atomic<bool> in_doubt_{false};  // whether there is doubt_
   mutable std::mutex mutex_;
   // Guarded by mutex_.
   std::optional<StreamProblem> doubt_;
