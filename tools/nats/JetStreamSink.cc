@@ -252,7 +252,7 @@ void JetStreamSink::ConnectAgain() {
     ++reconnections_;
   } catch (const std::exception& error) {
     const auto* const refusal = dynamic_cast<const ConnectError*>(&error);
-    absence_ = stream_problem(refusal ? refusal->status : NATS_ERR, 0, error.what());
+    trouble_.Say(stream_problem(refusal ? refusal->status : NATS_ERR, 0, error.what()));
     Pause(Clock::now());
   }
 }
@@ -287,11 +287,13 @@ void JetStreamSink::PublishAgain(Clock::time_point now) {
 
 void JetStreamSink::Report(Clock::time_point now) {
   if (!connected_) {
-    const StreamProblem problem = Absence();
-    // It may be back soon, or turn out to be refused.
-    if (problem.trouble != StreamTrouble::kConnectionLost || now >= changed_at_ + kPatience)
-      trouble_.Say(problem);
-    return;
+    const bool refused = engine_ && engine_->refused();
+    // It may be back soon, or turn out to be refused. What ConnectAgain met is said already.
+    if (!engine_ || (!refused && now < changed_at_ + kPatience))
+      return;
+    const std::string why = engine_->last_problem();
+    return trouble_.Say({refused ? StreamTrouble::kNotAuthorised : StreamTrouble::kConnectionLost,
+                         why.empty() ? "the connection is lost" : why});
   }
   if (missing_)
     return trouble_.Say(*missing_);
@@ -303,14 +305,6 @@ void JetStreamSink::Report(Clock::time_point now) {
   };
   if (trouble_.Review(counts.refused > 0, look))
     engine_->ForgetProblem();
-}
-
-StreamProblem JetStreamSink::Absence() const {
-  if (!engine_)
-    return absence_;
-  const std::string why = engine_->last_problem();
-  return {engine_->refused() ? StreamTrouble::kNotAuthorised : StreamTrouble::kConnectionLost,
-          why.empty() ? "the connection is lost" : why};
 }
 
 void JetStreamSink::NoteFigures(Clock::time_point now) {

@@ -59,7 +59,6 @@ class JetStreamSink : public EventSink {
   void Pause(Clock::time_point now);
   void PublishAgain(Clock::time_point now);
   void Report(Clock::time_point now);
-  StreamProblem Absence() const;
   void NoteFigures(Clock::time_point now);
   bool GivesUp();
   void RemoveUnsentFile();
@@ -83,7 +82,6 @@ class JetStreamSink : public EventSink {
   bool any_published_ = false;  // by engine_
   // The stream, and why: it is looked for until it is known.
   std::optional<StreamProblem> missing_ = StreamProblem{StreamTrouble::kConnectionLost, ""};
-  StreamProblem absence_;            // why engine_ is not there
   std::uint64_t reconnections_ = 0;  // of those before engine_
   Clock::time_point changed_at_;     // connected_
   Clock::time_point next_try_;
