@@ -8,7 +8,7 @@ which sends at a fixed rate. One row for each attack says
 - the most memory that the collector used;
 - how many events a second it received from the good agent during the attack, and which part of the
   rate without an attack that is (on the same processors as the attackers);
-- how many scrapes of /metrics it answered within two seconds, of those asked;
+- how many scrapes of /metrics it answered within two seconds, of those asked (--quick waits longer);
 - the good agent's events: handed over to libzmq, received, left on disk, lost.
 
 The exit status is 1 if the collector used more memory than --max-memory allows and 64 MB, an event
@@ -39,7 +39,7 @@ SPARE_FILES = 200
 ROW = "%-28s%8s%10s%7s%10s%9s%10s%9s%6s"
 
 
-def http_get(url, timeout=2):
+def http_get(url, timeout):
     try:
         with urllib.request.urlopen(url, timeout=timeout) as answer:
             return answer.read().decode()
@@ -56,11 +56,12 @@ class Attack(campaign.Trial):
         super().__init__(folder, options)
         self.folder = tempfile.mkdtemp(dir=folder) + "/trial"
         self.row, self.figure = (), 0
+        self.patience = cli.DEADLINE if options.quick else 2
 
     def go(self):
         server = campaign.Server(self, "collector", arguments=(
             "--metrics", "127.0.0.1:0", "--max-memory", str(self.memory)))
-        self.url = re.search(r"status on (\S+)", server.process.stderr).group(1)
+        self.url = server.process.url
         agent = campaign.Agent(self, [server], self.rate, 200)
         agent.start(int(self.seconds) + 60)
 
@@ -72,13 +73,14 @@ class Attack(campaign.Trial):
         begin, before = time.monotonic(), received()
         scrapes = []
         while time.monotonic() < begin + self.seconds:
-            scrapes.append("zmqwriter_collect_build_info" in http_get(self.url + "metrics"))
+            scrapes.append("zmqwriter_collect_build_info" in http_get(
+                self.url + "metrics", self.patience))
             received()
             self.peak(server)
             time.sleep(0.1)
         self.figure = (received() - before) / (time.monotonic() - begin)
         self.check(scrapes.count(True) * 2 > len(scrapes), "scrapes were not answered")
-        self.check(http_get(self.url + "healthz", 10), "/healthz was not answered")
+        self.check(http_get(self.url + "healthz", cli.DEADLINE), "/healthz was not answered")
         if attacker:
             self.wait_for_effect(server)
             self.check(attacker.poll() is None, "the attacker has ended")
@@ -119,7 +121,7 @@ class Attack(campaign.Trial):
 
         def shows():
             self.peak(server)
-            values = pattern.findall(http_get(self.url + "metrics"))
+            values = pattern.findall(http_get(self.url + "metrics", self.patience))
             return sum(map(float, values)) >= max(least, self.count * 0.9)
         cli.wait_for(shows, "the attack to show")
 

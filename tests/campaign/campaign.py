@@ -106,22 +106,20 @@ class Server:
 
     def __init__(self, trial, name, host="127.0.0.1", arguments=(), **options):
         self.trial, self.name, self.arguments, self.options = trial, name, arguments, options
-        self.endpoint = f"tcp://{host}:*"
+        self.endpoint = cli.Port(host).endpoint
         self.runs = self.messages = 0
         self.start()
 
     def start(self):
         self.runs += 1
-        path, bound = f"{self.trial.folder}/{self.name}.{self.runs}", None
-        while not bound:  # another process may have been given the port meanwhile
-            self.process = self.trial.start("collect", "--bind", self.endpoint, "--secret-key",
-                                            "server.secret", "--output", path, *self.arguments,
-                                            **self.options)
-            cli.wait_for(lambda: "listening on" in self.process.stderr
-                         or self.process.popen.poll() is not None, "the collector")
-            bound = re.search(r"listening on (\S+)\n", self.process.stderr)
-            assert bound or "in use" in self.process.stderr, self.process.stderr
-        self.endpoint = bound.group(1)
+        path = f"{self.trial.folder}/{self.name}.{self.runs}"
+        self.process = self.trial.start(*cli.CliTest.BIND, self.endpoint, "--output", path,
+                                        *self.arguments, **self.options)
+        cli.wait_for(lambda: "listening on" in self.process.stderr
+                     or self.process.popen.poll() is not None, "the collector")
+        assert "listening on" in self.process.stderr, self.process.stderr
+        url = re.search(r"status on (\S+)", self.process.stderr)
+        self.process.url = url and url.group(1)
         self.file, self.rest = open(path, "rb"), b""
 
     def follow(self):

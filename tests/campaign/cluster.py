@@ -16,7 +16,6 @@ import re
 import sys
 import threading
 import time
-import urllib.request
 
 import campaign
 from campaign import cli
@@ -124,9 +123,7 @@ class Stream(campaign.Trial):
 
 
 def status(collector):
-    url = re.search(r"status on (\S+)", collector.stderr).group(1)
-    with urllib.request.urlopen(url + "status.json", timeout=30) as page:
-        return json.load(page)
+    return json.loads(cli.CliTest.get(collector, "status.json")[1])
 
 
 class Cluster(Stream):

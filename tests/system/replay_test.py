@@ -538,7 +538,7 @@ class EndTest(SpoolTestCase):
             """Later, the plug-in opens the file."""
             caught = re.search(r"SigCgt:\s+(\w+)", read_file("/proc/%d/status" % replay.popen.pid))
             return os.path.abspath(self.SPOOL + "/queue.dat") in open_files(replay.popen.pid) and \
-                not int(caught.group(1), 16) >> signal.SIGINT - 1 & 1
+                not int(caught.group(1), 16) >> signal.SIGTERM - 1 & 1
 
         def is_stopped_in_the_look():
             nonlocal replay
@@ -548,9 +548,9 @@ class EndTest(SpoolTestCase):
             return looks() or replay.stop()
         replay = None
         wait_for(is_stopped_in_the_look, "a stop in time")
-        replay.popen.send_signal(signal.SIGINT)
+        replay.popen.send_signal(signal.SIGTERM)
         replay.popen.send_signal(signal.SIGCONT)
-        self.assertEqual(replay.wait(), -signal.SIGINT)
+        self.assertEqual(replay.wait(), -signal.SIGTERM)
 
     def test_second_signal_closes_the_spool_and_ends_at_once(self):
         replay = self.start_without_server("--drain", "600")
