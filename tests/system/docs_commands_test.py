@@ -13,18 +13,16 @@ import re
 import shlex
 import shutil
 import signal
-import socket
 import subprocess
-import tempfile
 import unittest
 
-from cli_support import BUILD_DIR, SOURCE_DIR, ZMQWRITER, read_file
+from cli_support import BUILD_DIR, CliTest, Port, SOURCE_DIR, ZMQWRITER, read_file, write_file
 
 EXAMPLES = os.path.join(SOURCE_DIR, "setup", "examples")
 PAGES = ["README.md", "CONTRIBUTING.md", "bench/README.md"] + sorted(
     "docs/" + name for name in os.listdir(os.path.join(SOURCE_DIR, "docs"))
     if name.endswith(".md"))
-TIMEOUT = 150  # seconds for a page; only ever reached by a failure
+TIMEOUT = 400  # seconds for a page; only ever reached by a failure
 
 
 class Command:
@@ -59,11 +57,7 @@ def commands_of(page):
 
 def with_free_ports(text):
     """The text with free ports of the loopback interface in the place of its own."""
-    free = {}
-    for port in set(re.findall(r"127\.0\.0\.1:(\d+)", text)):
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            free[port] = probe.getsockname()[1]
+    free = {port: Port().number for port in set(re.findall(r"127\.0\.0\.1:(\d+)", text))}
     return re.sub(r"127\.0\.0\.1:(\d+)", lambda m: "127.0.0.1:%d" % free[m.group(1)], text)
 
 
@@ -78,22 +72,20 @@ def missing_line(expected, printed):
     return None
 
 
-class CommandsTest(unittest.TestCase):
-    def run_page(self, commands):
+class CommandsTest(CliTest):
+    @staticmethod
+    def run_page(folder, commands):
         """Runs the commands in one shell, up to the first that fails; gives what each printed."""
-        folder = tempfile.mkdtemp(prefix="zmqwriter-test-")
-        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
-        os.symlink(BUILD_DIR, os.path.join(folder, "build"))
-        os.symlink(os.path.join(SOURCE_DIR, "samples"), os.path.join(folder, "samples"))
-        script, output = os.path.join(folder, "script"), os.path.join(folder, "output")
-        with open(script, "w") as file:
-            for command in commands:
-                file.write("%s\n[ $? = %d ] || exit\necho @@@\n" % (command.text, command.status))
-        with open(output, "w") as file:
+        os.mkdir(folder)
+        os.symlink(BUILD_DIR, folder + "/build")
+        os.symlink(os.path.join(SOURCE_DIR, "samples"), folder + "/samples")
+        write_file(folder + "/script", "".join("%s\n[ $? = %d ] || exit\necho @@@\n" % (
+            command.text, command.status) for command in commands))
+        with open(folder + "/output", "w") as file:
             shell = subprocess.Popen(
-                ["bash", script], cwd=folder, env=dict(os.environ, HOME=folder, LC_ALL="C"),
-                stdin=subprocess.DEVNULL, stdout=file, stderr=subprocess.STDOUT,
-                start_new_session=True)
+                ["bash", "script"], cwd=folder, stdin=subprocess.DEVNULL, stdout=file,
+                env=dict(os.environ, HOME=os.path.abspath(folder), LC_ALL="C"),
+                stderr=subprocess.STDOUT, start_new_session=True)
         try:
             shell.wait(TIMEOUT)
         except subprocess.TimeoutExpired:
@@ -104,13 +96,13 @@ class CommandsTest(unittest.TestCase):
             except ProcessLookupError:
                 pass
             shell.wait()
-        return read_file(output).split("@@@\n")
+        return read_file(folder + "/output").split("@@@\n")
 
     def test_commands_of_the_pages_work_in_their_order(self):
         count = 0
         for name in PAGES:
             commands = commands_of(with_free_ports(read_file(os.path.join(SOURCE_DIR, name))))
-            printed = self.run_page(commands)
+            printed = self.run_page(name.replace("/", "-"), commands)
             for at, command in enumerate(commands):
                 count += 1
                 where = "%s: %s\n%s" % (name, command.text, printed[at])
@@ -145,23 +137,19 @@ class LinksTest(unittest.TestCase):
         self.assertGreater(count, 10)
 
 
-class ServiceExamplesTest(unittest.TestCase):
+class ServiceExamplesTest(CliTest):
     SERVICES = {"collect": "collect", "follow": "replay"}  # and the subcommand
-
-    @staticmethod
-    def path(name):
-        return os.path.join(EXAMPLES, name)
 
     def test_services_start_for_their_user_only_with_options_that_there_are(self):
         for service, subcommand in self.SERVICES.items():
-            unit = read_file(self.path("zmqwriter-%s.service" % service)).replace("\\\n", " ")
+            unit = read_file(EXAMPLES + "/zmqwriter-%s.service" % service).replace("\\\n", " ")
             unit_command = shlex.split(re.search(r"(?m)^ExecStart=(.*)$", unit).group(1))
-            with open(self.path("org.example.zmqwriter-%s.plist" % service), "rb") as file:
-                plist = plistlib.load(file)
+            plist = plistlib.loads(read_file(EXAMPLES + "/org.example.zmqwriter-%s.plist" % service,
+                                             "rb"))
             self.assertEqual(plist["Label"], "org.example.zmqwriter-" + service)
             self.assertRegex(unit, r"(?m)^UMask=0077$")
             self.assertEqual(plist["Umask"], 0o077)
-            known = subprocess.check_output([ZMQWRITER, subcommand, "--help"], text=True).split()
+            known = self.run_tool(subcommand, "--help").stdout.decode().split()
             for words in (unit_command, plist["ProgramArguments"]):
                 self.assertEqual([os.path.basename(words[0]), words[1]], ["zmqwriter", subcommand])
                 options = [word for word in words if word.startswith("--")]
@@ -172,19 +160,16 @@ class ServiceExamplesTest(unittest.TestCase):
     def test_systemd_finds_nothing_wrong_with_the_units_and_little_exposed(self):
         for service in self.SERVICES:
             name = "zmqwriter-%s.service" % service
-            with tempfile.TemporaryDirectory() as folder:
-                unit = os.path.join(folder, name)
-                with open(unit, "w") as file:
-                    file.write(read_file(self.path(name)).replace("/opt/zmqwriter/bin/zmqwriter",
-                                                                  ZMQWRITER))
-                verified = subprocess.run(["systemd-analyze", "verify", unit], capture_output=True,
-                                          text=True)
-                self.assertNotIn(name, verified.stderr)
-                said = subprocess.run(["systemd-analyze", "security", "--offline=true", unit],
-                                      capture_output=True, text=True).stdout
-                if "Unknown option" not in said and said:
-                    exposure = re.search(r"exposure level for .*: ([0-9.]+)", said).group(1)
-                    self.assertLess(float(exposure), 2.0, said)
+            write_file(name, read_file(os.path.join(EXAMPLES, name)).replace(
+                "/opt/zmqwriter/bin/zmqwriter", ZMQWRITER))
+            verified = subprocess.run(["systemd-analyze", "verify", os.path.abspath(name)],
+                                      capture_output=True, text=True)
+            self.assertNotIn(name, verified.stderr)
+            said = subprocess.run(["systemd-analyze", "security", "--offline=true",
+                                   os.path.abspath(name)], capture_output=True, text=True).stdout
+            if "Unknown option" not in said and said:
+                exposure = re.search(r"exposure level for .*: ([0-9.]+)", said).group(1)
+                self.assertLess(float(exposure), 2.0, said)
 
 
 if __name__ == "__main__":
