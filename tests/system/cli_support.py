@@ -229,7 +229,12 @@ class CliTest(unittest.TestCase):
 
     def agent(self, endpoint, server_key=None, keys=None, **options):
         """A PUSH socket that is a CURVE client of the collector."""
-        socket = self.plain_agent()
+        context = zmq.Context()
+        self.addCleanup(context.term)
+        socket = context.socket(zmq.PUSH)
+        socket.linger = 0
+        socket.sndtimeo = DEADLINE * 1000
+        self.addCleanup(socket.close)
         for name, value in options.items():
             setattr(socket, name, value)
         socket.curve_publickey, socket.curve_secretkey = keys or zmq.curve_keypair()
@@ -254,16 +259,6 @@ class CliTest(unittest.TestCase):
                         return sent
                     assert time.monotonic() < end, "waited in vain for it to block"
         raise AssertionError("everything was taken")
-
-    def plain_agent(self):
-        """A PUSH socket that is not connected yet and does not encrypt."""
-        context = zmq.Context()
-        self.addCleanup(context.term)
-        socket = context.socket(zmq.PUSH)
-        socket.linger = 0
-        socket.sndtimeo = DEADLINE * 1000
-        self.addCleanup(socket.close)
-        return socket
 
 
 def totals(process):
