@@ -263,10 +263,14 @@ class StreamTest(StreamCase):
     def test_it_ends_without_an_engine_that_never_was_there(self):
         server = self.server()
         server.kill()
-        collector = self.collect_to(server.url, "--drain", "0.2", "--unsent", "unsent")
+        files = ["--drain", "0.2", "--unsent", "unsent"]
+        collector = self.collect_to(server.url, *files)
         self.send(collector, 0, 2)
         wait_for(lambda: self.figures(collector)["window"]["events"] == 2, "the window")
         self.end(collector, 0, "2 events were not acknowledged: they are in unsent")
+        # Also with more in the file than the window takes.
+        again = self.collect_to(server.url, "--window", "1", *files)
+        self.end(again, 0, "2 events were not acknowledged: they are in unsent")
 
     def test_the_engine_may_stop_and_come_back(self):
         server = self.server()
@@ -367,7 +371,7 @@ class StreamTest(StreamCase):
         server.start()
         with server.client() as client:  # as if its acknowledgement had been lost
             client.request("zmqwriter.Tn5250Data._", events[7], headers={"Nats-Msg-Id": ids[7]})
-        collector = self.collect_to(server.url, *files)
+        collector = self.collect_to(server.url, "--window", "7", *files)
         self.assertFalse(os.path.exists("unsent.new"))
         self.send(collector, 50, 60)
         messages = self.await_stored(server, 60)
