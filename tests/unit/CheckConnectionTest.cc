@@ -139,6 +139,14 @@ TEST(CheckConnection, RefusalIsTold) {
     EXPECT_EQ(try_connection(uri, some_key(), kLong).id, "connect-refused");
 }
 
+TEST(CheckConnection, SilenceIsToldWhenTheTimeIsOver) {
+  const Port frozen(true);
+  const ConnectResult result = try_connection(frozen.Uri(), some_key(), kShort);
+  EXPECT_EQ(result.id, "connect-silent");
+  EXPECT_THAT(result.text, HasSubstr("within 0.2 s"));
+  EXPECT_GE(result.seconds, 0.2);
+}
+
 TEST(CheckConnection, NameServiceThatDoesNotAnswerCannotHoldItUp) {
   std::promise<void> never;
   const std::shared_future<void> answer = never.get_future().share();

@@ -1,5 +1,6 @@
 // The plug-in object and the glue of the script interface, over the stand-in host and without what
-// they lead to. The descriptions and functions of the loaded plug-in PluginFolderTest shows.
+// they lead to. The functions of the loaded plug-in PluginFolderTest shows, its description
+// replay_test.py.
 #include "Plugin.h"
 
 #include <gmock/gmock.h>
