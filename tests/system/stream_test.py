@@ -422,7 +422,7 @@ class StreamTest(StreamCase):
                 server.thaw()
                 self.assertEqual(collector.wait(), 0, collector.stderr)
                 self.assertIn(status, collector.stderr)
-                self.assertLess(time.monotonic() - begin, 20)
+                self.assertLess(time.monotonic() - begin, 55, "as long as once for each window")
 
     def test_a_second_signal_ends_the_wait_and_keeps_the_events(self):
         server = self.server()
