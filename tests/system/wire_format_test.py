@@ -31,10 +31,13 @@ def example_message():
 
 class PythonProgramsTest(CliTest):
     def generate_code(self):
-        """As the document's command does, in a folder that has the sources in src."""
+        """As the document's commands do, in a folder that has the sources in src."""
         os.symlink(os.path.join(SOURCE_DIR, "src"), "src")
         path = os.path.dirname(os.environ["ZMQWRITER_FLATC"]) + os.pathsep + os.environ["PATH"]
-        subprocess.run(block("sh"), shell=True, check=True, env=dict(os.environ, PATH=path))
+        commands = block("sh").splitlines()
+        self.assertEqual(len(commands), 2)
+        for command in commands:
+            subprocess.run(command, shell=True, check=True, env=dict(os.environ, PATH=path))
 
     @needs_zmq
     def test_decoder_prints_the_example(self):
