@@ -4,6 +4,7 @@ A program leaves the JSON of Google Benchmark; Bench.h tells how its names are r
 """
 
 import collections
+import csv
 import json
 import math
 import re
@@ -118,6 +119,15 @@ def exponent(points):
     mean_y = sum(y for _, y in logs) / len(logs)
     return (sum((x - mean_x) * (y - mean_y) for x, y in logs) /
             sum((x - mean_x) ** 2 for x, _ in logs))
+
+
+def write(name, kind, tuples):
+    """A CSV file of rows or points."""
+    with open(name, "w", newline="", encoding="utf-8") as file:
+        writer = csv.writer(file, lineterminator="\n")
+        writer.writerow(kind._fields)
+        for each in tuples:
+            writer.writerow(["%.6g" % value if isinstance(value, float) else value for value in each])
 
 
 def curves(points):

@@ -25,6 +25,9 @@ class BenchRunTest(CliTest):
         self.assertRegex(table, r"\n\| conversion \| connection \| [0-9.]+ ns\S* "
                                 r"\| generated builder functions \| [0-9.]+ ns\S* \| [0-9.]+ \|")
         self.assertRegex(table, r"\n\| columns per record \| conversion of a connection, ns \| 22 ")
+        self.assertIn("\nconversion,connection,ns,", read_file("results/table.csv"))
+        self.assertIn("\ncolumns per record: conversion of a connection, ns,22,",
+                      read_file("results/growth.csv"))
 
 
 if __name__ == "__main__":
