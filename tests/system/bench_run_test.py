@@ -26,7 +26,7 @@ class BenchRunTest(CliTest):
                                 r"\| generated builder functions \| [0-9.]+ ns\S* \| [0-9.]+ \|")
         self.assertRegex(table, r"\n\| columns per record \| conversion of a connection, ns \| 22 ")
         self.assertIn("\nconversion,connection,ns,", read_file("results/table.csv"))
-        self.assertIn("\ncolumns per record: conversion of a connection, ns,22,",
+        self.assertIn("\n\"columns per record: conversion of a connection, ns\",22,",
                       read_file("results/growth.csv"))
 
 
