@@ -10,9 +10,6 @@ load_cache(${BRO_DIST}/build READ_WITH_PREFIX host_ CMAKE_INSTALL_PREFIX)
 list(APPEND CMAKE_MODULE_PATH ${CMAKE_SOURCE_DIR}/cmake)
 
 set(CMAKE_CXX_FLAGS "${CMAKE_CXX_FLAGS} -Wall -Wno-unused")
-if(NOT CMAKE_BUILD_TYPE)
-  set(CMAKE_BUILD_TYPE RelWithDebInfo)
-endif()
 add_definitions(-DBRO_PLUGIN_INTERNAL_BUILD=false)
 include_directories(BEFORE
   ${CMAKE_SOURCE_DIR}/src ${CMAKE_SOURCE_DIR} ${CMAKE_BINARY_DIR}/src ${CMAKE_BINARY_DIR}
