@@ -96,14 +96,16 @@ TEST_F(PluginFolderTest, EveryConstantHasItsDefaultAndCanBeRedefined) {
     EXPECT_EQ(constant(name), "new " + name);
 }
 
-TEST_F(PluginFolderTest, DetectUserWithNoArgumentOrTwoIsRefused) {
+TEST_F(PluginFolderTest, CallsWithAnotherNumberOfArgumentsAreRefused) {
   load();
   EXPECT_EQ(call("LogZMQ::__detect_user", {}), nullptr);
   EXPECT_EQ(call("LogZMQ::__detect_user",
                  {connection_record_without_origin(), connection_record_without_origin()}),
             nullptr);
+  EXPECT_EQ(call("LogZMQ::__get_system_stats", {new StringVal("all")}), nullptr);
   EXPECT_THAT(errors(), ElementsAre("LogZMQ::__detect_user() takes exactly 1 argument(s)",
-                                    "LogZMQ::__detect_user() takes exactly 1 argument(s)"));
+                                    "LogZMQ::__detect_user() takes exactly 1 argument(s)",
+                                    "LogZMQ::__get_system_stats() takes exactly 0 argument(s)"));
 }
 
 TEST_F(PluginFolderTest, ConnectionRecordWithoutOriginGivesTwoEmptyStrings) {
@@ -132,12 +134,6 @@ TEST_F(PluginFolderTest, ScriptThatAsksForAConnectionOfThisProcessGetsItsNameAnd
   EXPECT_EQ(text(names.Lookup(1u)), own_user_name());
   EXPECT_THAT(errors(), ElementsAre());
   Unref(result);
-}
-
-TEST_F(PluginFolderTest, GetSystemStatsWithAnArgumentIsRefused) {
-  load();
-  EXPECT_EQ(call("LogZMQ::__get_system_stats", {new StringVal("all")}), nullptr);
-  EXPECT_THAT(errors(), ElementsAre("LogZMQ::__get_system_stats() takes exactly 0 argument(s)"));
 }
 
 TEST_F(PluginFolderTest, GetSystemStatsFillsEachFieldOfTheScriptsRecordWithItsType) {

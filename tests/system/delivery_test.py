@@ -523,8 +523,9 @@ class Soak(Case):
         print("soak for %d s, ZMQWRITER_SEED=%d" % (seconds, seed), file=sys.stderr)
         dice = random.Random(seed)
         primary = self.collector("primary")
-        secondary = self.collector("secondary", secret=primary.secret)
-        writer = self.writer(primary, secondary)
+        servers = {"primary": primary,
+                   "secondary": self.collector("secondary", secret=primary.secret)}
+        writer = self.writer(*servers.values())
         writer.flow(4, 250, 200)
         end = time.monotonic() + seconds
         memory = []
@@ -532,28 +533,24 @@ class Soak(Case):
         while time.monotonic() < end:
             time.sleep(dice.uniform(1, 6))
             memory.append(writer.rss_kb())
-            victim = dice.choice(["primary", "primary", "secondary", "frozen"])
-            pause = dice.uniform(0.1, 20)
+            name, frozen = dice.choice([("primary", False)] * 2 + [("secondary", False), ("primary", True)])
             kills += 1
-            if victim == "primary":
-                primary.stop()
-                time.sleep(pause)
-                primary = self.again(primary)
-            elif victim == "secondary":
-                secondary.stop()
-                time.sleep(pause)
-                secondary = self.again(secondary)
+            if frozen:
+                servers[name].popen.send_signal(signal.SIGSTOP)
             else:
-                primary.popen.send_signal(signal.SIGSTOP)
-                time.sleep(pause)
-                primary.popen.send_signal(signal.SIGCONT)
+                servers[name].stop()
+            time.sleep(dice.uniform(0.1, 20))
+            if frozen:
+                servers[name].popen.send_signal(signal.SIGCONT)
+            else:
+                servers[name] = self.again(servers[name])
         writer.halt()
         writer.drain(300)
         memory.append(writer.rss_kb())
         self.assertEqual(writer.end(), 0)
-        for collector in (primary, secondary):
+        for collector in servers.values():
             collector.end()
-        received = primary.received() + secondary.received()
+        received = [line for collector in servers.values() for line in collector.received()]
         bodies = collections.Counter(line for line in received if line != "(empty)")
         lost = writer.total - len(bodies) - writer.dropped
         print("soak: %d kills and freezes, written %d, received %d, lost with a server %d, empty "
