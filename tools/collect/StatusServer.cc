@@ -4,7 +4,6 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -85,28 +84,6 @@ MHD_Result answer_request(void* collector, MHD_Connection* connection, const cha
   return queued;
 }
 
-/// A listening socket; its port becomes `port`. -1 with errno when there is none.
-int listen_on(const addrinfo& address, std::uint16_t* port) {
-  const int fd = socket(address.ai_family, SOCK_STREAM, 0);
-  const int yes = 1;
-  sockaddr_storage bound = {};
-  socklen_t size = sizeof bound;
-  if (fd >= 0 && setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
-      bind(fd, address.ai_addr, address.ai_addrlen) == 0 && listen(fd, SOMAXCONN) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) == 0) {
-    *port =
-        ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<const sockaddr_in6&>(bound).sin6_port
-                                          : reinterpret_cast<const sockaddr_in&>(bound).sin_port);
-    return fd;
-  }
-  if (fd >= 0) {
-    const int error = errno;
-    close(fd);
-    errno = error;
-  }
-  return -1;
-}
-
 }  // namespace
 
 std::string metrics_address_problem(const std::string& address) {
@@ -131,26 +108,23 @@ StatusServer::StatusServer(const std::string& address, const Watched& collector)
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_PASSIVE;
   addrinfo* found = nullptr;
-  if (const int error =
+  if (const int problem =
           getaddrinfo(host.c_str(), address.substr(colon + 1).c_str(), &hints, &found))
-    fail(gai_strerror(error));
-  std::uint16_t port = 0;
-  const int fd = listen_on(*found, &port);
+    fail(gai_strerror(problem));
+  const SignalsHeldBack held_back;
+  const unsigned both_families = found->ai_family == AF_INET6 ? MHD_USE_DUAL_STACK : 0;
+  errno = 0;
+  daemon_ = MHD_start_daemon(MHD_USE_AUTO | MHD_USE_INTERNAL_POLLING_THREAD | both_families, 0,
+                             nullptr, nullptr, answer_request, const_cast<Watched*>(&collector_),
+                             MHD_OPTION_SOCK_ADDR, found->ai_addr, MHD_OPTION_CONNECTION_LIMIT,
+                             kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kQuietSeconds,
+                             MHD_OPTION_END);
   const int error = errno;
   freeaddrinfo(found);
-  if (fd < 0)
-    fail(std::strerror(error));
+  if (!daemon_)
+    fail(error ? std::strerror(error) : "the HTTP server does not start");
+  const unsigned port = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port;
   url_ = "http://" + address.substr(0, colon + 1) + std::to_string(port) + "/";
-
-  const SignalsHeldBack held_back;
-  daemon_ = MHD_start_daemon(
-      MHD_USE_AUTO | MHD_USE_INTERNAL_POLLING_THREAD, 0, nullptr, nullptr, answer_request,
-      const_cast<Watched*>(&collector_), MHD_OPTION_LISTEN_SOCKET, fd, MHD_OPTION_CONNECTION_LIMIT,
-      kMostConnections, MHD_OPTION_CONNECTION_TIMEOUT, kQuietSeconds, MHD_OPTION_END);
-  if (!daemon_) {
-    close(fd);
-    fail("the HTTP server does not start");
-  }
 }
 
 StatusServer::~StatusServer() {
