@@ -1,5 +1,7 @@
 #include "Text.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
@@ -59,6 +61,33 @@ std::string wrapped(const std::string& text, std::size_t indent, std::size_t col
     }
   }
   return result;
+}
+
+std::optional<double> time_in(const std::string& text, bool local) {
+  struct tm parts = {};
+  const char* rest = strptime(text.c_str(), "%Y-%m-%d", &parts);
+  if (rest && (*rest == 'T' || *rest == ' '))
+    rest = strptime(rest + 1, "%H:%M", &parts);
+  double seconds = 0;
+  int hours = 0, minutes = 0, size = 0;
+  if (rest && *rest == ':' && std::sscanf(rest, ":%lf%n", &seconds, &size) == 1)
+    rest += size;
+  if (!rest || !(seconds >= 0 && seconds < 61))
+    return std::nullopt;
+  char sign[2] = "+";
+  const bool zone = *rest != '\0';
+  if (*rest == 'Z')
+    ++rest;
+  else if (std::sscanf(rest, "%1[+-]%2d:%2d%n", sign, &hours, &minutes, &size) == 3 ||
+           std::sscanf(rest, "%1[+-]%2d%2d%n", sign, &hours, &minutes, &size) == 3)
+    rest += size;
+  const int day = parts.tm_mday;
+  parts.tm_isdst = -1;
+  const time_t whole = zone || !local ? timegm(&parts) : mktime(&parts);
+  if (rest != text.c_str() + text.size() || parts.tm_mday != day)
+    return std::nullopt;
+  return static_cast<double>(whole) + seconds -
+         (sign[0] == '-' ? -60 : 60) * (60 * hours + minutes);
 }
 
 std::size_t utf8_length(const unsigned char* text, std::size_t size) {

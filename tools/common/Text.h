@@ -42,6 +42,11 @@ std::optional<Number> number_in(std::string_view text) {
   return number;
 }
 
+/// Seconds since 1970 of a time like "2026-11-22T07:35:58.5+02:00" (ISO 8601), with a blank for the
+/// T, Z for UTC, or a zone without colon. The seconds may be left out, or the whole time of day.
+/// Without a zone it is of UTC, or of this machine's with `local`. Nothing for any other text.
+std::optional<double> time_in(const std::string& text, bool local);
+
 /// Length of the valid UTF-8 sequence at the start of `text`, 0 if there is none. Overlong forms,
 /// surrogates, and what lies above U+10FFFF are not valid. `size` is at least 1.
 std::size_t utf8_length(const unsigned char* text, std::size_t size);

@@ -3,7 +3,6 @@
 #include <time.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -24,35 +23,6 @@ std::int64_t with_unit(const std::string& text, const std::map<char, std::int64_
   const auto number = number_in<std::int64_t>(digits);
   const std::int64_t factor = unit == units.end() ? 1 : unit->second;
   return number && *number > 0 && *number <= INT64_MAX / factor ? *number * factor : -1;
-}
-
-/// In s since 1970, of "2026-11-22", "2026-11-22T07:35" or "2026-11-22T07:35:58.5" with "Z", a zone
-/// like "+02:00", or in this machine's; -1 if it is none of these.
-double point_in_time(const std::string& text) {
-  struct tm parts = {};
-  const char* rest = strptime(text.c_str(), "%Y-%m-%d", &parts);
-  if (rest && *rest == 'T')
-    rest = strptime(rest + 1, "%H:%M", &parts);
-  double seconds = 0;
-  int size = 0;
-  if (rest && *rest == ':' && std::sscanf(rest, ":%lf%n", &seconds, &size) == 1)
-    rest += size;
-  if (!rest || !(seconds >= 0 && seconds < 61))
-    return -1;
-  const bool local = *rest == '\0';
-  int hours = 0, minutes = 0;
-  char sign[2] = "+";
-  if (*rest == 'Z')
-    ++rest;
-  else if (std::sscanf(rest, "%1[+-]%2d:%2d%n", sign, &hours, &minutes, &size) == 3)
-    rest += size;
-  const int day = parts.tm_mday;
-  parts.tm_isdst = -1;
-  const time_t whole = local ? mktime(&parts) : timegm(&parts);
-  if (*rest != '\0' || parts.tm_mday != day)
-    return -1;
-  return static_cast<double>(whole) + seconds -
-         (sign[0] == '-' ? -60 : 60) * (60 * hours + minutes);
 }
 
 }  // namespace
@@ -93,7 +63,7 @@ StreamLimits stream_limits(const std::string& text) {
 
 std::int64_t start_time(const std::string& text) {
   const std::int64_t span = with_unit(text, kTimes);
-  const double start = span < 0 ? point_in_time(text)
+  const double start = span < 0 ? time_in(text, true).value_or(-1)
                                 : static_cast<double>(time(nullptr)) - static_cast<double>(span);
   // Beyond that the nanoseconds do not fit.
   if (start <= 0 || start > 9e9 || (span >= 0 && number_in<std::int64_t>(text)))

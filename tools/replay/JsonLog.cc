@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 
 #include "RecordMapping.h"
@@ -46,9 +46,9 @@ constexpr KnownLog kKnownLogs[] = {
      ""},
 };
 
-// Each layout of each path has a writer, which is a thread.
 // A time in whole numbers beyond this, in the year 5138, is in milliseconds.
 constexpr double kMostSeconds = 1e11;
+// Each layout of each path has a writer, which is a thread.
 constexpr std::size_t kMostPaths = 256;
 constexpr std::size_t kMostOwnColumns = 64;
 constexpr int kMostLevels = 8;
@@ -157,8 +157,12 @@ ValuePtr atomic_value(TypeTag type, const Json& value) {
   if (value.is_structured())
     throw BadValue("a list or an object is not a single value");
   if (type == TYPE_TIME && value.is_string()) {
+    const std::string text = text_of(value);
+    const auto seconds = text.find(':') == std::string::npos ? std::nullopt : time_in(text, false);
+    if (!seconds)
+      throw BadValue(in_quotes(text) + " is not a time in the form of ISO 8601");
     auto time = std::make_unique<threading::Value>(TYPE_TIME, true);
-    time->val.double_val = parse_iso_time(value.get_ref<const std::string&>());
+    time->val.double_val = *seconds;
     return time;
   }
   ValuePtr number = plain_value(type, text_of(value));
@@ -181,46 +185,7 @@ ValuePtr make_value(const Column& column, const Json* value) {
   return container_value(column.type, std::move(elements));
 }
 
-/// Days since 1970 of a date in the Gregorian calendar.
-long long days_of(long long year, int month, int day) {
-  // Years that begin in March have their leap day at the end.
-  const long long from_march = month > 2 ? year : year - 1;
-  const int month_from_march = month > 2 ? month - 3 : month + 9;
-  return from_march * 365 + from_march / 4 - from_march / 100 + from_march / 400 +
-         (153 * month_from_march + 2) / 5 + day - 1 - 719468;
-}
-
 }  // namespace
-
-double parse_iso_time(std::string_view text) {
-  const std::string terminated(text);
-  int year, month, day, hour, minute, used = 0;
-  const bool read = std::sscanf(terminated.c_str(), "%4d-%2d-%2d%*1[T ]%2d:%2d:%n", &year, &month,
-                                &day, &hour, &minute, &used) == 5 &&
-                    used > 0;
-  const BadValue bad(in_quotes(text) + " is not a time in the form of ISO 8601");
-  if (!read || terminated.size() != std::string(terminated.c_str()).size())
-    throw bad;
-  const std::size_t end = std::min(terminated.find_first_not_of("0123456789.", used), text.size());
-  const double second = parse_double(text.substr(used, end - used));
-  const std::string zone = terminated.substr(end);
-  int zone_hour = 0, zone_minute = 0, zone_used = 0;
-  if (zone != "" && zone != "Z") {
-    const bool zone_read =
-        (zone[0] == '+' || zone[0] == '-') &&
-        (std::sscanf(zone.c_str() + 1, "%2d:%2d%n", &zone_hour, &zone_minute, &zone_used) == 2 ||
-         std::sscanf(zone.c_str() + 1, "%2d%2d%n", &zone_hour, &zone_minute, &zone_used) == 2);
-    if (!zone_read || zone.size() != static_cast<std::size_t>(zone_used) + 1)
-      throw bad;
-  }
-  if (month < 1 || month > 12 || day < 1 || day > 31 || hour < 0 || hour > 24 || minute < 0 ||
-      minute > 59 || second > 60 || year < 0 || zone_hour < 0 || zone_minute < 0)
-    throw bad;
-  const long long east_s = (zone_hour * 60 + zone_minute) * (zone[0] == '-' ? -60 : 60);
-  return static_cast<double>(days_of(year, month, day) * 86400 + hour * 3600 + minute * 60 -
-                             east_s) +
-         second;
-}
 
 JsonLog::JsonLog(std::unique_ptr<LineReader> lines) : LogReader(std::move(lines)) {
   const std::string name = std::filesystem::path(lines_->name()).filename().string();

@@ -60,8 +60,4 @@ class JsonLog : public LogReader {
   std::vector<const Json*> cells_;
 };
 
-/// Seconds since 1970 of a time in the form of ISO 8601: a date, 'T' or a blank, a time of day with
-/// or without a fraction, and 'Z', an offset such as +01:00, or nothing for UTC. Throws BadValue.
-double parse_iso_time(std::string_view text);
-
 }  // namespace zmqwriter
