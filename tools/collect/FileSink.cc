@@ -149,7 +149,7 @@ int FileSink::WriteOut() {
   if (out_of_place_ && file_->IsRemoved())
     return ENOENT;
   const std::size_t written =
-      file_ ? file_->Append(buffer_) : write_patiently(STDOUT_FILENO, buffer_);
+      file_ ? file_->Append(buffer_) : write_fully(STDOUT_FILENO, buffer_, kPatienceMs);
   if (written == buffer_.size()) {
     Drop(written);
     return 0;

@@ -134,8 +134,7 @@ std::string RotatingFile::Reopen() {
 }
 
 std::size_t RotatingFile::Append(std::string_view bytes) {
-  const std::size_t written =
-      regular_ ? write_fully(descriptor_.get(), bytes) : write_patiently(descriptor_.get(), bytes);
+  const std::size_t written = write_fully(descriptor_.get(), bytes, regular_ ? -1 : kPatienceMs);
   last_append_ = written;
   size_ += written;
   return written;

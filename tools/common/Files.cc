@@ -21,20 +21,6 @@
 
 namespace zmqwriter {
 
-namespace {
-
-/// Whether a failed write may be tried again; waits until then.
-bool try_again(int descriptor) {
-  if (errno == EINTR)
-    return true;
-  if (errno != EAGAIN && errno != EWOULDBLOCK)
-    return false;
-  pollfd ready = {descriptor, POLLOUT, 0};
-  return poll(&ready, 1, -1) >= 0 || errno == EINTR;
-}
-
-}  // namespace
-
 int FileDescriptor::Release() {
   return std::exchange(number_, -1);
 }
@@ -45,36 +31,26 @@ void FileDescriptor::Reset(int number) {
   number_ = number;
 }
 
-std::size_t write_fully(int descriptor, std::string_view bytes) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t written = write(descriptor, bytes.data() + done, bytes.size() - done);
-    if (written >= 0)
-      done += static_cast<std::size_t>(written);
-    else if (!try_again(descriptor))
-      break;
-  }
-  return done;
-}
-
-/// A pipe that is ready accepts PIPE_BUF bytes without blocking.
-std::size_t write_patiently(int descriptor, std::string_view bytes) {
-  constexpr std::size_t kPiece = PIPE_BUF;
+std::size_t write_fully(int descriptor, std::string_view bytes, int patience_ms) {
+  // A pipe that is ready accepts PIPE_BUF bytes without blocking.
+  const std::size_t piece = patience_ms < 0 ? bytes.size() : PIPE_BUF;
+  bool wait = patience_ms >= 0;
   std::size_t done = 0;
   while (done < bytes.size()) {
     pollfd output = {descriptor, POLLOUT, 0};
-    const int ready = poll(&output, 1, kPatienceMs);
-    if (ready < 0 && errno == EINTR)
-      continue;
+    const int ready = wait ? poll(&output, 1, patience_ms) : 1;
     if (ready == 0)
       errno = EAGAIN;
-    if (ready <= 0)
+    if (ready == 0 || (ready < 0 && errno != EINTR))
       break;
     const ssize_t written =
-        write(descriptor, bytes.data() + done, std::min(kPiece, bytes.size() - done));
+        ready < 0 ? -1
+                  : write(descriptor, bytes.data() + done, std::min(piece, bytes.size() - done));
     if (written >= 0)
       done += static_cast<std::size_t>(written);
-    else if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK)
+    else if (errno == EAGAIN || errno == EWOULDBLOCK)
+      wait = true;
+    else if (errno != EINTR)
       break;
   }
   return done;

@@ -28,15 +28,13 @@ class FileDescriptor {
   int number_;
 };
 
-/// Writes all bytes to a descriptor, blocking or not, in as many attempts as it takes. Returns how
-/// many were written; fewer than all mean a failure.
-std::size_t write_fully(int descriptor, std::string_view bytes);
-
+/// How long a pipe or a device may accept nothing.
 constexpr int kPatienceMs = 1000;
 
-/// As write_fully to a pipe or a device, but fails with EAGAIN when it accepts nothing for
-/// kPatienceMs.
-std::size_t write_patiently(int descriptor, std::string_view bytes);
+/// Writes all bytes to a descriptor, blocking or not, in as many attempts as it takes. Returns how
+/// many were written; fewer than all mean a failure. With a patience to a pipe or a device: fails
+/// with EAGAIN when it accepts nothing for so long.
+std::size_t write_fully(int descriptor, std::string_view bytes, int patience_ms = -1);
 
 /// The content of a file of at most `longest` bytes. Throws std::runtime_error that names the file.
 std::string read_small_file(const std::string& path, std::size_t longest);
