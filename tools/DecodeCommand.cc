@@ -26,9 +26,7 @@ bool decode_stream(std::FILE* stream, const std::string& name, JsonBytes bytes, 
   RawEventReader reader(stream);
   bool good = true;
   const auto report = [&](const std::string& problem) {
-    out->Flush();  // keeps the order when both streams go to the same file
-    std::fprintf(stderr, "%s: offset %llu: %s\n", name.c_str(),
-                 static_cast<unsigned long long>(reader.offset()), problem.c_str());
+    out->Note(name + ": offset " + std::to_string(reader.offset()) + ": " + problem);
     good = false;
   };
   std::string message;

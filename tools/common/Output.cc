@@ -27,6 +27,11 @@ void Output::WriteLine(std::string_view text) {
   Write("\n");
 }
 
+void Output::Note(std::string_view text) {
+  Flush();
+  std::fprintf(stderr, "%.*s\n", static_cast<int>(text.size()), text.data());
+}
+
 void Output::Flush() {
   if (failed())
     return;

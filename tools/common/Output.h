@@ -20,6 +20,9 @@ class Output {
 
   void Write(std::string_view text);
   void WriteLine(std::string_view text);
+  /// Prints a line on standard error, after what was written so far: the order is kept where both
+  /// streams go to the same file.
+  void Note(std::string_view text);
   void Flush();
   /// Flushes; throws std::runtime_error when something could not be written.
   void Finish();

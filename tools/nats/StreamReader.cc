@@ -312,9 +312,8 @@ bool StreamReader::Take(natsMsg* message) {
     if (json) {
       out_.WriteLine(payload);
     } else if (!event.valid()) {
-      out_.Flush();  // keeps the order when both streams go to the same file
-      std::fprintf(stderr, "stream %s: sequence %llu: %s\n", stream_.c_str(),
-                   static_cast<unsigned long long>(number), event.problem().c_str());
+      out_.Note("stream " + stream_ + ": sequence " + std::to_string(number) + ": " +
+                event.problem());
       ++bad_;
     } else if (options_.format == "raw") {
       std::string record;

@@ -27,12 +27,6 @@ namespace {
 constexpr int kSuccess = 0;
 constexpr int kFailure = 1;
 
-// Prints a line on standard error, after what was written to standard output.
-void note(Output* out, const std::string& text) {
-  out->Flush();
-  std::fprintf(stderr, "%s\n", text.c_str());
-}
-
 // list
 
 struct Options {
@@ -122,75 +116,61 @@ int list_spool(const Options& options) {
     line(file.name, std::to_string(file.size), std::to_string(file.counted),
          std::to_string(file.records), std::to_string(file.live_bytes),
          std::to_string(file.size - file.live_bytes), file.damage.empty() ? "-" : file.damage);
-  note(&out, counted(survey.files.size(), "file") + ", " + counted(survey.records, "record") +
-                 "; the next start of the plug-in finds " + std::to_string(survey.next_start));
+  out.Note(counted(survey.files.size(), "file") + ", " + counted(survey.records, "record") +
+           "; the next start of the plug-in finds " + std::to_string(survey.next_start));
   const std::string users = other_spool_users(folder);
   if (!users.empty())
-    note(&out,
-         "in use by " + users + ": what it has stored is counted in the header when it stops");
+    out.Note("in use by " + users + ": what it has stored is counted in the header when it stops");
   out.Finish();
   return survey.damaged ? kFailure : kSuccess;
 }
 
 // dump
 
-class Dumper {
- public:
-  Dumper(Output* out, const Options& options) : out_(out), options_(options) {}
-
-  /// Whether every record was complete and, without --raw, an event.
-  bool good() const { return good_; }
-
-  void Dump(const ChunkFile& file) {
-    if (!file.problem().empty())
-      return Complain(file.path() + ": cannot be read: " + file.problem());
-    const Walk walk = file.CountedWalk();
-    if (walk.records.size() < file.record_count())
-      Complain(file.path() + ": ends after " + std::to_string(walk.records.size()) + " of the " +
-               counted(file.record_count(), "record") + " that its header counts");
-    for (auto record = walk.records.rbegin(); record != walk.records.rend() && !out_->failed();
-         ++record)
-      Dump(file, *record);
-  }
-
- private:
-  void Dump(const ChunkFile& file, const SpoolRecord& record) {
-    const std::string payload = file.Payload(record);
-    if (options_.raw) {
+/// Prints the records of a file; returns whether each was complete and, without --raw, an event.
+bool dump_file(const ChunkFile& file, const Options& options, Output* out) {
+  bool good = true;
+  const auto complain = [&](const std::string& problem) {
+    out->Note(file.path() + ": " + problem);
+    good = false;
+  };
+  if (!file.problem().empty())
+    complain("cannot be read: " + file.problem());
+  const Walk walk = file.CountedWalk();
+  if (walk.records.size() < file.record_count())
+    complain("ends after " + std::to_string(walk.records.size()) + " of the " +
+             counted(file.record_count(), "record") + " that its header counts");
+  for (auto record = walk.records.rbegin(); record != walk.records.rend() && !out->failed();
+       ++record) {
+    const std::string payload = file.Payload(*record);
+    std::string problem;
+    if (options.raw) {
       std::string framed;
       append_raw_event(&framed, payload);
-      return out_->Write(framed);
+      out->Write(framed);
+      continue;
     }
-    std::string problem;
     const std::string json =
-        event_to_json(payload.data(), payload.size(), &problem, options_.json_bytes);
+        event_to_json(payload.data(), payload.size(), &problem, options.json_bytes);
     if (problem.empty())
-      out_->WriteLine(json);
+      out->WriteLine(json);
     else
-      Complain(file.path() + ": record of " + std::to_string(record.length) + " bytes at offset " +
-               std::to_string(record.offset) + ": " + problem);
+      complain("record of " + std::to_string(record->length) + " bytes at offset " +
+               std::to_string(record->offset) + ": " + problem);
   }
-
-  void Complain(const std::string& text) {
-    note(out_, text);
-    good_ = false;
-  }
-
-  Output* out_;
-  const Options& options_;
-  bool good_ = true;
-};
+  return good;
+}
 
 int dump_spool(const Options& options) {
   const std::string& folder = options.folder;
   std::vector<std::uint32_t> numbers = find_chunks(folder);
   numbers.resize(count_in_sequence(folder, numbers));
   Output out;
-  Dumper dumper(&out, options);
+  bool good = true;
   for (const std::uint32_t number : numbers)
-    dumper.Dump(ChunkFile(folder, number));
+    good = dump_file(ChunkFile(folder, number), options, &out) && good;
   out.Finish();
-  return dumper.good() ? kSuccess : kFailure;
+  return good ? kSuccess : kFailure;
 }
 
 // repair
@@ -231,7 +211,7 @@ int repair_spool(const std::string& folder, const std::string& copy_folder, bool
   if (plan.headers.empty() && plan.renamings.empty() && plan.refused.empty())
     out.WriteLine("nothing to repair in " + counted(numbers.size(), "file"));
   for (const std::string& refused : plan.refused)
-    note(&out, "left as it is: " + refused);
+    out.Note("left as it is: " + refused);
   out.Finish();
   return plan.refused.empty() ? kSuccess : kFailure;
 }
