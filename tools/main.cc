@@ -13,11 +13,12 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Commands.h"
-#include "HelpFormatter.h"
+#include "Text.h"
 
 namespace {
 
@@ -25,6 +26,76 @@ using namespace zmqwriter;
 
 constexpr int kFailure = 1;
 constexpr int kWrongUsage = 2;
+
+/// "json|text|raw" out of "TEXT:{json,text,raw}", which is how CLI11 names a set of values; any
+/// other name as it is.
+std::string readable_type(const std::string& type) {
+  const std::size_t open = type.find('{');
+  if (open == std::string::npos || type.back() != '}')
+    return type;
+  return CLI::detail::find_and_replace(type.substr(open + 1, type.size() - open - 2), ",", "|");
+}
+
+constexpr std::size_t kTerminalColumns = 80;
+constexpr std::size_t kDescriptionColumn = 26;
+
+/// The format of --help: like CLI11's own, but wrapped for a terminal of 80 columns: "-h, --help"
+/// with a blank, sets of values as "json|text|raw", "(required)" or the default after the
+/// description. To be set before the program gets subcommands. The manual pages are made from this
+/// output by the starts of its lines.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  HelpFormatter() { column_width(kDescriptionColumn); }
+
+  std::string make_description(const CLI::App* app) const override {
+    return wrapped(CLI::Formatter::make_description(app), 0, kTerminalColumns) + "\n";
+  }
+
+  std::string make_subcommand(const CLI::App* subcommand) const override {
+    return make_row(subcommand->get_display_name(true), subcommand->get_description());
+  }
+
+  std::string make_option(const CLI::Option* option, bool is_positional) const override {
+    return make_row(make_option_name(option, is_positional) + make_option_opts(option),
+                    make_option_desc(option));
+  }
+
+  std::string make_option_name(const CLI::Option* option, bool is_positional) const override {
+    return CLI::detail::find_and_replace(CLI::Formatter::make_option_name(option, is_positional),
+                                         ",--", ", --");
+  }
+
+  std::string make_option_opts(const CLI::Option* option) const override {
+    if (option->get_items_expected_max() == 0)  // a flag
+      return "";
+    const std::string type = option->get_positional() ? "" : readable_type(option->get_type_name());
+    const bool many = option->get_expected_max() == CLI::detail::expected_max_vector_size;
+    return (type.empty() ? "" : " " + type) + (many ? " ..." : "");
+  }
+
+  std::string make_option_desc(const CLI::Option* option) const override {
+    std::string description = option->get_description();
+    if (option->get_required())
+      description += " (required)";
+    if (!option->get_default_str().empty())
+      description += " (default: " + option->get_default_str() + ")";
+    return description;
+  }
+
+ private:
+  std::string make_row(const std::string& name, const std::string& description) const {
+    std::ostringstream row;
+    CLI::detail::format_help(row, name, "", kDescriptionColumn);
+    std::string result = row.str();
+    if (description.empty())
+      return result;
+    result.pop_back();
+    // At least one blank stands between the columns.
+    if (2 + name.size() >= kDescriptionColumn)
+      result += "\n" + std::string(kDescriptionColumn, ' ');
+    return result + wrapped(description, kDescriptionColumn, kTerminalColumns) + "\n";
+  }
+};
 
 /// How many letters have to be inserted, deleted, replaced or swapped with the next one to make one
 /// word of the other.
