@@ -24,27 +24,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-enum class Kind {
-  kMissing,  // or a link to a missing file
-  kHidden,   // stat fails for another reason, which is in errno
-  kFolder,
-  kFile,
-  kOther,
-};
-
-Kind kind_of(const std::string& path) {
-  struct stat status;
-  if (stat(path.c_str(), &status) != 0)
-    return errno == ENOENT || errno == ENOTDIR ? Kind::kMissing : Kind::kHidden;
-  return S_ISDIR(status.st_mode)   ? Kind::kFolder
-         : S_ISREG(status.st_mode) ? Kind::kFile
-                                   : Kind::kOther;
-}
-
-/// Whether there is anything of that name, even a link to a missing file.
-bool is_taken(const std::string& path) {
-  struct stat status;
-  return lstat(path.c_str(), &status) == 0;
+/// What is at the path, where its links lead; `none` when it cannot be reached, for the reason
+/// `why`.
+fs::file_type kind_of(const std::string& path, std::string* why = nullptr) {
+  std::error_code error;
+  const fs::file_type kind = fs::status(path, error).type();
+  if (why)
+    *why = error.message();
+  return kind;
 }
 
 std::string parent_of(const std::string& path) {
@@ -130,15 +117,16 @@ std::string check_missing_spool(const SpoolReport& spool, Findings* findings) {
     add_error(findings, id, "spool disabled: " + why + kLost, remedy);
     return "disabled";
   };
-  if (is_taken(spool.folder))
+  std::error_code error;
+  if (fs::is_symlink(spool.folder, error))
     return disabled("spool-not-folder", spool.folder + " is a link to nothing", "make it a folder");
-  const Kind parent = kind_of(spool.parent);
-  if (parent == Kind::kMissing)
+  const fs::file_type parent = kind_of(spool.parent);
+  if (parent == fs::file_type::not_found)
     return disabled("spool-parent-missing",
                     "the parent " + spool.parent + " of the spool folder " + spool.folder +
                         " does not exist, and the plug-in does not create it",
                     create_for_host_user(spool.parent));
-  if (parent != Kind::kFolder)
+  if (parent != fs::file_type::directory)
     return disabled("spool-parent-not-folder",
                     "the parent " + spool.parent + " of the spool folder is not a folder",
                     "make " + spool.parent + " a folder");
@@ -155,17 +143,17 @@ std::string check_missing_spool(const SpoolReport& spool, Findings* findings) {
 
 SpoolReport check_spool(const std::string& folder, Findings* findings) {
   SpoolReport spool = {folder, parent_of(folder), "disabled"};
-  const Kind kind = kind_of(folder);
-  const std::string problem = std::strerror(errno);
+  std::string problem;
+  const fs::file_type kind = kind_of(folder, &problem);
   const std::string closed = why_not_writable(folder);
-  if (kind == Kind::kMissing) {
+  if (kind == fs::file_type::not_found) {
     spool.state = check_missing_spool(spool, findings);
-  } else if (kind == Kind::kHidden) {
+  } else if (kind == fs::file_type::none) {
     add_error(
         findings, "spool-not-reachable",
         "spool disabled: " + folder + " cannot be reached: " + problem + kLost,
         std::string("give ") + kHostUser + " access to the folders above it" + kCheckAsHostUser);
-  } else if (kind != Kind::kFolder) {
+  } else if (kind != fs::file_type::directory) {
     add_error(findings, "spool-not-folder",
               "spool disabled: " + folder + " is not a folder" + kLost,
               "move it away; the plug-in creates the folder");
@@ -270,9 +258,10 @@ std::string end_of_links(std::string path) {
 std::string why_not_created(const std::string& prefix, const std::string& path) {
   const std::string created = end_of_links(path);
   std::string folder = created == path ? prefix : parent_of(created);
-  if (created == path && !is_taken(folder))
+  std::error_code error;
+  if (created == path && !fs::exists(fs::symlink_status(folder, error)))
     folder = parent_of(prefix);
-  if (kind_of(folder) != Kind::kFolder)
+  if (kind_of(folder) != fs::file_type::directory)
     return folder + " is not a folder or does not exist";
   const std::string closed = why_not_writable(folder);
   return closed.empty() ? "" : folder + ": " + closed;
@@ -300,38 +289,36 @@ void check_file_without_identifier(AgentIdReport* report, Findings* findings) {
   }
 }
 
-/// The plug-in will generate an identifier. `problem` says why a path of kind kHidden is hidden.
-void check_without_identifier(Kind kind, const std::string& problem, const std::string& prefix,
-                              AgentIdReport* report, Findings* findings) {
+/// The plug-in will generate an identifier. `problem` says why the path cannot be reached.
+void check_without_identifier(fs::file_type kind, const std::string& problem,
+                              const std::string& prefix, AgentIdReport* report,
+                              Findings* findings) {
   report->source = "generated";
-  std::string why;
-  switch (kind) {
-    case Kind::kMissing:
-      why = why_not_created(prefix, report->path);
-      if (!why.empty())
-        return add_not_kept(report->path, why, report, findings);
-      report->state = "will be made";
-      return add_note(findings, "agent-id-will-be-made",
-                      "there is no agent-id file " + report->path +
-                          " yet: the plug-in will create it, with a new identifier",
-                      "nothing, if this agent is new");
-    case Kind::kFile:
-      return check_file_without_identifier(report, findings);
-    case Kind::kHidden:
-      return add_not_kept(report->path, "it cannot be reached: " + problem, report, findings);
-    case Kind::kFolder:
-      add_not_kept(report->path, "it is not a regular file", report, findings);
-      report->state = "no file";
-      return;
-    case Kind::kOther:
-      // Reading it here might never end.
-      report->source = "not known";
-      report->state = "no file";
-      add_error(findings, "agent-id-not-file",
-                "the agent-id file " + report->path +
-                    " is a pipe, a device or a socket, and was not read: the plug-in opens it, may "
-                    "wait without end, and uses what it reads as the identifier",
-                "move it away");
+  if (kind == fs::file_type::not_found) {
+    const std::string why = why_not_created(prefix, report->path);
+    if (!why.empty())
+      return add_not_kept(report->path, why, report, findings);
+    report->state = "will be made";
+    add_note(findings, "agent-id-will-be-made",
+             "there is no agent-id file " + report->path +
+                 " yet: the plug-in will create it, with a new identifier",
+             "nothing, if this agent is new");
+  } else if (kind == fs::file_type::regular) {
+    check_file_without_identifier(report, findings);
+  } else if (kind == fs::file_type::none) {
+    add_not_kept(report->path, "it cannot be reached: " + problem, report, findings);
+  } else if (kind == fs::file_type::directory) {
+    add_not_kept(report->path, "it is not a regular file", report, findings);
+    report->state = "no file";
+  } else {
+    // Reading it here might never end.
+    report->source = "not known";
+    report->state = "no file";
+    add_error(findings, "agent-id-not-file",
+              "the agent-id file " + report->path +
+                  " is a pipe, a device or a socket, and was not read: the plug-in opens it, may "
+                  "wait without end, and uses what it reads as the identifier",
+              "move it away");
   }
 }
 
@@ -345,9 +332,9 @@ AgentIdReport check_agent_id(const Setting& constant, const std::string& prefix,
     check_identifier(report.value, constant.name, findings);
     return report;
   }
-  const Kind kind = kind_of(report.path);
-  const std::string problem = std::strerror(errno);
-  if (kind == Kind::kFile)
+  std::string problem;
+  const fs::file_type kind = kind_of(report.path, &problem);
+  if (kind == fs::file_type::regular)
     report.value = agent_id_file::read(report.path.c_str());
   if (report.value.empty()) {
     check_without_identifier(kind, problem, prefix, &report, findings);
