@@ -6,6 +6,7 @@
 
 #include "aggregator_generated.h"
 
+#include "EventJson.h"
 #include "SpoolFixture.h"
 #include "SpoolSurvey.h"
 

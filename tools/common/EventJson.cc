@@ -372,6 +372,10 @@ std::string_view EventMessage::AgentId() const {
   return agent ? agent->string_view() : std::string_view();
 }
 
+bool is_event(std::string_view bytes) {
+  return EventMessage(bytes.data(), bytes.size()).valid();
+}
+
 std::string payload_type_name(std::uint8_t number) {
   const char* const name = flatbuffers::EnumName(number, reflected::Dravenholt::DataTypeTable());
   return name ? name : std::to_string(number);

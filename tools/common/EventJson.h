@@ -74,6 +74,9 @@ class EventMessage {
   std::string problem_;
 };
 
+/// Whether the bytes are one whole event.
+bool is_event(std::string_view bytes);
+
 /// As EventMessage::PayloadType.
 std::string payload_type_name(std::uint8_t number);
 

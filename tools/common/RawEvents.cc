@@ -20,10 +20,6 @@ std::size_t read_length(std::string_view bytes) {
   return length;
 }
 
-bool is_event(std::string_view message) {
-  return EventMessage(message.data(), message.size()).valid();
-}
-
 }  // namespace
 
 void append_raw_event(std::string* out, std::string_view message) {

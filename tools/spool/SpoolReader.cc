@@ -151,8 +151,7 @@ bool used_size_fits(const ChunkFile& file, const std::vector<SpoolRecord>& recor
   return file.used_size() >= used && (file.used_size() - used) % kHeaderSize == 0;
 }
 
-void drop_remains(const ChunkFile& file, std::size_t known,
-                  const std::function<bool(const std::string&)>& is_event,
+void drop_remains(const ChunkFile& file, std::size_t known, const IsEvent& is_event,
                   std::vector<SpoolRecord>* records) {
   const auto is_payload = [&](const SpoolRecord& record) { return is_event(file.Payload(record)); };
   std::vector<SpoolRecord> kept = *records;
@@ -166,7 +165,7 @@ void drop_remains(const ChunkFile& file, std::size_t known,
 // Whether the record at `index` is no event although others of the file are: bytes that a walk by
 // the header takes for a record.
 bool is_phantom(const ChunkFile& file, const std::vector<SpoolRecord>& records, std::size_t index,
-                const std::function<bool(const std::string&)>& is_event) {
+                const IsEvent& is_event) {
   const auto is_payload = [&](const SpoolRecord& record) { return is_event(file.Payload(record)); };
   return !is_payload(records[index]) && std::any_of(records.begin(), records.end(), is_payload);
 }
@@ -174,8 +173,7 @@ bool is_phantom(const ChunkFile& file, const std::vector<SpoolRecord>& records, 
 // Whether an event was taken from that place: its length is 0 now, and its bytes are still there.
 // They begin like the header of a record behind one of length 0, so a walk by the header would go
 // on through them.
-bool is_taken_event(const ChunkFile& file, const SpoolRecord& record,
-                    const std::function<bool(const std::string&)>& is_event) {
+bool is_taken_event(const ChunkFile& file, const SpoolRecord& record, const IsEvent& is_event) {
   return record.length == 0 && is_event(file.Payload({record.offset, UINT16_MAX, 0}));
 }
 
@@ -183,7 +181,7 @@ bool is_taken_event(const ChunkFile& file, const SpoolRecord& record,
 // either its payload is empty, or it was taken later and its bytes equal those that reopening adds.
 // It is then treated as taken, which loses at most an empty payload.
 bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& counted,
-                     const std::function<bool(const std::string&)>& is_event) {
+                     const IsEvent& is_event) {
   if (counted.size() != file.record_count() || !links_hold(counted) ||
       !used_size_fits(file, counted))
     return false;
@@ -204,8 +202,7 @@ bool is_header_sound(const ChunkFile& file, const std::vector<SpoolRecord>& coun
 
 // Trusts the counted records as a whole or not at all; all others are found by links.
 void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& by_header,
-                      const std::function<bool(const std::string&)>& is_event,
-                      Diagnosis* diagnosis) {
+                      const IsEvent& is_event, Diagnosis* diagnosis) {
   const bool sound = is_header_sound(file, by_header, is_event);
   const Walk linked = file.LinkedWalk(sound ? by_header : std::vector<SpoolRecord>());
   diagnosis->found = linked.records;
@@ -244,8 +241,7 @@ void diagnose_records(const ChunkFile& file, const std::vector<SpoolRecord>& by_
 
 }  // namespace
 
-Diagnosis diagnose(const ChunkFile& file,
-                   const std::function<bool(const std::string& payload)>& is_event) {
+Diagnosis diagnose(const ChunkFile& file, const IsEvent& is_event) {
   Diagnosis diagnosis;
   if (!file.problem().empty()) {
     diagnosis.damage = "cannot be read: " + file.problem();

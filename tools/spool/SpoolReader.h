@@ -100,10 +100,12 @@ struct Diagnosis {
   bool repairable = false;           // a header that counts `found` would repair it
 };
 
-/// `is_event` says whether a payload is an event. In a file with events, uncounted records at its
+/// Whether a payload is an event.
+using IsEvent = std::function<bool(const std::string& payload)>;
+
+/// In a file with events, uncounted records at its
 /// end that are not events are remains of old records.
-Diagnosis diagnose(const ChunkFile& file,
-                   const std::function<bool(const std::string& payload)>& is_event);
+Diagnosis diagnose(const ChunkFile& file, const IsEvent& is_event);
 
 /// Numbers of the chunk files in a folder, ascending, with gaps. Throws std::runtime_error that
 /// names the folder when it cannot be read.

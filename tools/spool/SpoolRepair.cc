@@ -9,9 +9,9 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "EventJson.h"
 #include "Files.h"
 #include "SpoolFormat.h"
-#include "SpoolSurvey.h"
 
 namespace zmqwriter {
 
@@ -78,80 +78,53 @@ bool write_header(int file, std::uint32_t used_size, std::uint32_t record_count)
   return lseek(file, 0, SEEK_SET) == 0 && write_fully(file, bytes) == bytes.size();
 }
 
-// Whether a file may be part of the sequence. The plug-in reads a file with damage that no header
-// can repair, too.
-bool is_chunk(const ChunkFile& file, const Diagnosis& diagnosis) {
-  return file.problem().empty() && (file.has_signature() || diagnosis.repairable);
-}
-
-class Planner {
- public:
-  Planner(const std::string& folder, const std::vector<std::uint32_t>& numbers,
-          const std::function<bool(const std::string&)>& is_event)
-      : folder_(folder), numbers_(numbers), is_event_(is_event) {}
-
-  RepairPlan Plan() {
-    next_ = static_cast<std::uint32_t>(count_in_sequence(folder_, numbers_));
-    const std::size_t in_sequence = next_;
-    for (std::size_t i = 0; i < numbers_.size(); ++i) {
-      const ChunkFile file(folder_, numbers_[i]);
-      const bool good = PlanHeader(file);
-      if (i >= in_sequence)
-        MoveDown(file, good);
-    }
-    // Files that were set aside follow all others, in their order.
-    for (const std::string& path : find_set_aside(folder_)) {
-      const ChunkFile file(path);
-      const bool good = PlanHeader(file);
-      if (good && !is_blocked_)
-        Rename(file);
-      else if (good)
-        plan_.refused.push_back(file.name() + ": stays set aside");
-    }
-    return plan_;
-  }
-
- private:
-  // Whether the file may be part of the sequence.
-  bool PlanHeader(const ChunkFile& file) {
-    const Diagnosis diagnosis = diagnose(file, is_event_);
-    if (!diagnosis.damage.empty() && !diagnosis.repairable)
-      plan_.refused.push_back(file.name() + ": " + diagnosis.damage);
-    else if (!diagnosis.damage.empty())
-      plan_.headers.push_back({file.path(), static_cast<std::uint32_t>(bytes_used(diagnosis.found)),
-                               static_cast<std::uint32_t>(diagnosis.found.size()),
-                               diagnosis.counted.size()});
-    return is_chunk(file, diagnosis);
-  }
-
-  // Files after a gap close it, the lowest first: each takes a free number.
-  void MoveDown(const ChunkFile& file, bool good) {
-    if (is_blocked_)
-      return;
-    if (good)
-      return Rename(file);
-    is_blocked_ = true;
-    plan_.refused.push_back(
-        file.name() + ": stays after the gap in the numbers, and so do the files that follow it");
-  }
-
-  void Rename(const ChunkFile& file) {
-    plan_.renamings.push_back({file.path(), chunk_path(folder_, next_++)});
-  }
-
-  const std::string& folder_;
-  const std::vector<std::uint32_t>& numbers_;
-  const std::function<bool(const std::string&)>& is_event_;
-  RepairPlan plan_;
-  std::uint32_t next_ = 0;   // lowest number without a file
-  bool is_blocked_ = false;  // by a file that cannot be moved down
-};
-
 }  // namespace
 
 RepairPlan plan_repair(const std::string& folder, const std::vector<std::uint32_t>& numbers,
-                       const std::function<bool(const std::string& payload)>& is_event) {
-  return Planner(folder, numbers, is_event).Plan();
+                       const IsEvent& is_event) {
+  RepairPlan plan;
+  const std::size_t in_sequence = count_in_sequence(folder, numbers);
+  auto next = static_cast<std::uint32_t>(in_sequence);  // lowest number without a file
+  bool is_blocked = false;                              // by a file that cannot be moved down
+
+  // Returns whether the file may be part of the sequence. The plug-in reads a file with damage that
+  // no header can repair, too.
+  const auto plan_header = [&](const ChunkFile& file) {
+    const Diagnosis diagnosis = diagnose(file, is_event);
+    if (!diagnosis.damage.empty() && !diagnosis.repairable)
+      plan.refused.push_back(file.name() + ": " + diagnosis.damage);
+    else if (!diagnosis.damage.empty())
+      plan.headers.push_back({file.path(), static_cast<std::uint32_t>(bytes_used(diagnosis.found)),
+                              static_cast<std::uint32_t>(diagnosis.found.size()),
+                              diagnosis.counted.size()});
+    return file.problem().empty() && (file.has_signature() || diagnosis.repairable);
+  };
+  const auto rename = [&](const ChunkFile& file) {
+    plan.renamings.push_back({file.path(), chunk_path(folder, next++)});
+  };
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    const ChunkFile file(folder, numbers[i]);
+    const bool good = plan_header(file);
+    if (i < in_sequence || is_blocked)
+      continue;
+    // Files after a gap close it, the lowest first: each takes a free number.
+    if (good)
+      rename(file);
+    else
+      plan.refused.push_back(
+          file.name() + ": stays after the gap in the numbers, and so do the files that follow it");
+    is_blocked = !good;
+  }
+  // Files that were set aside follow all others, in their order.
+  for (const std::string& path : find_set_aside(folder)) {
+    const ChunkFile file(path);
+    const bool good = plan_header(file);
+    if (good && !is_blocked)
+      rename(file);
+    else if (good)
+      plan.refused.push_back(file.name() + ": stays set aside");
+  }
+  return plan;
 }
 
 std::string repair_header(const HeaderRepair& repair, const std::string& copy_folder) {

@@ -33,7 +33,7 @@ struct RepairPlan {
 
 /// Plans the repair of the files `numbers` of `folder`; changes nothing.
 RepairPlan plan_repair(const std::string& folder, const std::vector<std::uint32_t>& numbers,
-                       const std::function<bool(const std::string& payload)>& is_event);
+                       const IsEvent& is_event);
 
 /// Copies the file to a new name that no start uses, in `copy_folder` or, when that is empty, in
 /// the file's own folder. Then replaces the file's 12 header bytes. Returns the copy's path. Throws

@@ -8,10 +8,6 @@
 
 namespace zmqwriter {
 
-bool is_event(const std::string& payload) {
-  return EventMessage(payload.data(), payload.size()).valid();
-}
-
 SpoolSurvey survey_spool(const std::string& folder) {
   const std::vector<std::uint32_t> numbers = find_chunks(folder);
   const std::size_t in_sequence = count_in_sequence(folder, numbers);

@@ -9,9 +9,6 @@
 
 namespace zmqwriter {
 
-/// Whether a record's payload is an event.
-bool is_event(const std::string& payload);
-
 struct SurveyedFile {
   std::string path;
   std::string name;          // the path without its folder
