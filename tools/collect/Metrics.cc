@@ -7,13 +7,11 @@
 #endif
 
 #include <cctype>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <utility>
 
 #include "ClientGate.h"
 #include "EventJson.h"

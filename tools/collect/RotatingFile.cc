@@ -8,13 +8,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <limits>
 #include <stdexcept>
 
-#include "Files.h"
 #include "StopSignals.h"
 #include "Text.h"
 
@@ -111,11 +109,7 @@ bool RotatingFile::IsEmpty() const {
 }
 
 bool RotatingFile::IsInPlace() const {
-  struct stat open_file;
-  struct stat at_path;
-  return !regular_ || fstat(descriptor_.get(), &open_file) != 0 ||
-         (stat(given_path_.c_str(), &at_path) == 0 && at_path.st_dev == open_file.st_dev &&
-          at_path.st_ino == open_file.st_ino);
+  return !regular_ || leads_to(given_path_, descriptor_.get());
 }
 
 bool RotatingFile::IsRemoved() const {

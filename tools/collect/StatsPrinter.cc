@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <utility>
-#include <vector>
 
 #include "ProgressLine.h"
 #include "StopSignals.h"

@@ -5,7 +5,6 @@
 // others waiting. It also answers while the output blocks.
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "Metrics.h"

@@ -69,6 +69,12 @@ std::string read_small_file(const std::string& path, std::size_t longest) {
   return content;
 }
 
+bool leads_to(const std::string& path, int descriptor) {
+  struct stat there, open_file;
+  return stat(path.c_str(), &there) == 0 && fstat(descriptor, &open_file) == 0 &&
+         there.st_ino == open_file.st_ino && there.st_dev == open_file.st_dev;
+}
+
 bool rename_without_replacing(const std::string& from, const std::string& to) {
   if (link(from.c_str(), to.c_str()) == 0)
     return unlink(from.c_str()) == 0;

@@ -39,6 +39,9 @@ std::size_t write_fully(int descriptor, std::string_view bytes, int patience_ms 
 /// The content of a file of at most `longest` bytes. Throws std::runtime_error that names the file.
 std::string read_small_file(const std::string& path, std::size_t longest);
 
+/// Whether the path leads to the file that is open.
+bool leads_to(const std::string& path, int descriptor);
+
 /// Renames a file, but fails with EEXIST where the new name is taken. (Where the file system has no
 /// hard links, another program could take the name between the look and the renaming.)
 bool rename_without_replacing(const std::string& from, const std::string& to);

@@ -243,10 +243,6 @@ bool AsciiLog::IsEmptyMarker(std::string_view token) const {
   return token == header_.empty_field || token == header_.empty_text;
 }
 
-bool AsciiLog::IsUnset(std::size_t column) const {
-  return IsUnsetMarker(tokens_.at(column));
-}
-
 std::string AsciiLog::Text(std::size_t column) const {
   const std::string_view token = tokens_.at(column);
   const Column& type = columns_.at(column);

@@ -31,7 +31,6 @@ class AsciiLog : public LogReader {
 
   bool ReadHeader() override;
   Step Next() override;
-  bool IsUnset(std::size_t column) const override;
   std::string Text(std::size_t column) const override;
 
  private:

@@ -24,13 +24,6 @@ constexpr int kVersion = 1;
 const char kStartAnew[] =
     "; to send the logs from their start (again), remove it; or name another file with --state";
 
-bool is_at(const std::string& file, int descriptor) {
-  struct stat at_path;
-  struct stat opened;
-  return stat(file.c_str(), &at_path) == 0 && fstat(descriptor, &opened) == 0 &&
-         at_path.st_ino == opened.st_ino && at_path.st_dev == opened.st_dev;
-}
-
 std::string failure(const std::string& file, const char* what) {
   return file + ": " + what + ": " + std::strerror(errno);
 }
@@ -57,7 +50,7 @@ FollowState::FollowState(const std::string& file, const std::vector<std::string>
   }
   if (descriptor_.get() < 0)
     throw std::runtime_error(failure(file, "cannot open the state"));
-  if (flock(descriptor_.get(), LOCK_EX | LOCK_NB) != 0 || !is_at(file, descriptor_.get()))
+  if (flock(descriptor_.get(), LOCK_EX | LOCK_NB) != 0 || !leads_to(file, descriptor_.get()))
     throw std::runtime_error(file + ": in use by another 'replay --follow'");
   Read(read_small_file(file, kLargestState));
   if (!std::any_of(logs.begin(), logs.end(),

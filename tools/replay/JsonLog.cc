@@ -313,10 +313,6 @@ bool JsonLog::ChooseLayout() {
   return other;
 }
 
-bool JsonLog::IsUnset(std::size_t column) const {
-  return !cells_.at(column);
-}
-
 std::string JsonLog::Text(std::size_t column) const {
   return cells_.at(column) ? text_of(*cells_[column]) : "";
 }

@@ -32,7 +32,6 @@ class JsonLog : public LogReader {
 
   bool ReadHeader() override { return true; }
   Step Next() override;
-  bool IsUnset(std::size_t column) const override;
   std::string Text(std::size_t column) const override;
 
  private:

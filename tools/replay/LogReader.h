@@ -24,7 +24,6 @@
 // One thread at a time. Memory holds the current line only.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -73,8 +72,8 @@ class LogReader {
   /// The values of the record just read for the caller. To be called once a record.
   std::vector<ValuePtr> TakeValues() { return std::move(values_); }
 
-  /// Whether a column of the record just read is unset. Valid until the next call of Next.
-  virtual bool IsUnset(std::size_t column) const = 0;
+  /// Whether a column of the record just read is unset. Valid until TakeValues.
+  bool IsUnset(std::size_t column) const { return !values_.at(column)->present; }
 
   /// A column of the record just read as the host writes it, with the escapes undone and the
   /// elements of sets and vectors joined with a comma; empty strings, sets and vectors are "".

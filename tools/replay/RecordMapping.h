@@ -4,25 +4,15 @@
 // The host's own logs have neither. The mapping is the same as that of the plug-in's scripts in the
 // host:
 //
-//   log's path     ptype     columns
-//   conn           general   as they are
-//   http           http      http.*, with `username` as http.user
-//   ftp            ftp       ftp.*
-//   smtp           smtp      smtp.*
-//   ldap           ldap      ldap.*
-//   smb            smb       smb.*
-//   tds            tds       tds.*
-//   dce_rpc        dce-rpc   dce.*
-//   tn5250         tn5250    tn5250.*
-//   any other      none      ts, uid, and the rest as pairs in extra_fields and extra_vals
-//
+//   - Of a protocol's log, its path gives the ptype and the prefix of its columns (kProtocols).
 //   - `ts`, `uid` and `id.*` keep their names everywhere.
+//   - Of any other log, the columns but ts and uid become pairs in extra_fields and extra_vals.
 //   - A column uid without a value is left out of its record, whatever the path: the plug-in would
 //     report it for every record. So there are records with and without that column.
 //   - The first pair is _path with the log's path. Values are the host's own text with escapes
-//   undone
-//     and elements joined with a comma. Unset columns, uid and a ts of type time are not among the
-//     pairs. Such a record has no ptype: an unknown one would cost a warning for each record.
+//     undone and elements joined with a comma. Unset columns, uid and a ts of type time are not
+//     among the pairs. Such a record has no ptype: an unknown one would cost a warning for each
+//     record.
 //   - A log that has the plug-in's own columns already, which one named ptype, extra_fields or
 //     cpu_usage shows, is passed on unchanged.
 //

@@ -7,11 +7,8 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Configuration.h"
 #include "Connection.h"
@@ -56,29 +53,6 @@ constexpr double kLongestDrainAfterSignal_s = 5;
 // server that answers needs far less.
 constexpr double kLeastEnd_s = 1;
 
-/// The plug-in's status.
-class PluginStatus {
- public:
-  explicit PluginStatus(const standin::Host& host) : fill_(plugin_status_function(host)) {
-    sent_before_ = Now().sent;
-  }
-
-  DravenholtZmqWriterStatus Now() const {
-    DravenholtZmqWriterStatus status = {};
-    fill_(&status);
-    return status;
-  }
-
-  /// Successful sends since this object was made.
-  std::uint64_t Sent(const DravenholtZmqWriterStatus& status) const {
-    return status.sent - sent_before_;
-  }
-
- private:
-  StatusFunction fill_;
-  std::uint64_t sent_before_;
-};
-
 /// The settings without which the plug-in starts, but cannot send, and those that it does not read.
 void warn_about_settings(const ReplayOptions& options) {
   const Configuration configuration(options, script_constants());
@@ -101,9 +75,9 @@ class Replay {
  public:
   explicit Replay(const ReplayOptions& options) : options_(options), host_(host_options(options)) {
     host_.LoadPlugin(options.plugin_folder);
-    status_ = std::make_unique<PluginStatus>(host_);
+    fill_status_ = plugin_status_function(host_);
     warn_about_settings(options);
-    spool_ = std::make_unique<SpoolAccount>(status_->Now().spool_folder, Following());
+    spool_ = std::make_unique<SpoolAccount>(Status().spool_folder, Following());
   }
 
   int Run() {
@@ -118,7 +92,7 @@ class Replay {
     Drain();
     progress_.Clear();
     NoteFailures();
-    const DravenholtZmqWriterStatus before_end = status_->Now();
+    const DravenholtZmqWriterStatus before_end = Status();
     ReportReading();
     if (!why_stopped_.empty() && !(Following() ? drained_ || fed_ == 0 : drained_ && Whole()))
       ReportGivingUp(before_end);
@@ -128,11 +102,17 @@ class Replay {
     host_.Finish();
     watch_.reset();
     if (handover_)
-      handover_->End(status_->Now(), fed_);
+      handover_->End(Status(), fed_);
     return Report();
   }
 
  private:
+  DravenholtZmqWriterStatus Status() const {
+    DravenholtZmqWriterStatus status = {};
+    fill_status_(&status);
+    return status;
+  }
+
   bool Following() const { return !options_.state_file.empty(); }
 
   void OpenLogs() {
@@ -269,7 +249,7 @@ class Replay {
       return true;
     if (handover_ && fed_ - handover_->covered() + kBurst > Handover::kMostRepeated)
       return false;
-    const std::uint64_t sent = std::min(status_->Sent(status), fed_);
+    const std::uint64_t sent = std::min(status.sent, fed_);
     return fed_ - sent + kBurst <= kMostUnderWay && status.queued + kBurst <= kMostUnderWay;
   }
 
@@ -290,7 +270,7 @@ class Replay {
       read += feed->bytes_done();
       total += feed->bytes_total();
     }
-    const std::uint64_t sent = status_->Sent(status_->Now());
+    const std::uint64_t sent = Status().sent;
     const double elapsed_s = Duration(Clock::now() - start_).count();
     const double fraction =
         total > 0 ? std::min(1.0, static_cast<double>(read) / static_cast<double>(total)) : 0;
@@ -307,7 +287,7 @@ class Replay {
   /// Runs the host's pending work, and notes whether the plug-in makes progress.
   DravenholtZmqWriterStatus Look() {
     host_.Pump();
-    const DravenholtZmqWriterStatus status = status_->Now();
+    const DravenholtZmqWriterStatus status = Status();
     if (status.running || (Following() && !status.worker))  // no log is there yet
       last_running_ = Clock::now();
     if (status.sent != last_sent_)
@@ -368,7 +348,7 @@ class Replay {
     all_taken_ = all_taken_ || host_.PendingInput() == 0;
     if (status.queued > 0 || status.in_work || status.spooled || !all_taken_)
       *busy = Clock::now();
-    const std::uint64_t sent = status_->Sent(status);
+    const std::uint64_t sent = status.sent;
     const Duration quiet = Clock::now() - *busy;
     return sent == fed_ ? quiet >= kQuietWhenAllSent : sent > fed_ && quiet >= kQuietWhenMoreSent;
   }
@@ -406,8 +386,7 @@ class Replay {
 
   void ReportGivingUp(const DravenholtZmqWriterStatus& status) const {
     std::fprintf(stderr, "gave up: %s\n", why_stopped_.c_str());
-    std::fprintf(stderr, "sent so far: %s, failed: %s\n",
-                 counted(status_->Sent(status), "message").c_str(),
+    std::fprintf(stderr, "sent so far: %s, failed: %s\n", counted(status.sent, "message").c_str(),
                  counted(status.failed, "attempt").c_str());
   }
 
@@ -432,8 +411,8 @@ class Replay {
   }
 
   int Report() const {
-    const DravenholtZmqWriterStatus status = status_->Now();
-    const std::uint64_t sent = status_->Sent(status);
+    const DravenholtZmqWriterStatus status = Status();
+    const std::uint64_t sent = status.sent;
     std::fprintf(stderr, "sent: %s, failed: %s\n", counted(sent, "message").c_str(),
                  counted(status.failed, "attempt").c_str());
     const bool nothing_left = spool_->End(Unsent(status), status.stored, Repeated());
@@ -454,7 +433,7 @@ class Replay {
   std::unique_ptr<SpoolAccount> spool_;
   std::unique_ptr<EndWatch> watch_;  // until the host has finished
   standin::Host host_;
-  std::unique_ptr<PluginStatus> status_;
+  StatusFunction fill_status_;
   WriterPaths paths_;
   std::vector<std::unique_ptr<LogFeed>> feeds_;
   std::unique_ptr<FollowState> state_;  // of followed logs

@@ -2,7 +2,6 @@
 // should have.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 
