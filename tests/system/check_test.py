@@ -4,7 +4,6 @@ import contextlib
 import json
 import os
 import shutil
-import signal
 import socket
 import subprocess
 import threading

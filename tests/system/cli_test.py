@@ -5,7 +5,6 @@ import os
 import re
 import resource
 import shutil
-import signal
 import stat
 import subprocess
 import sys

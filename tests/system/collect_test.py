@@ -14,14 +14,13 @@ import shutil
 import signal
 import socket
 import struct
-import subprocess
 import termios
 import threading
 import time
 import unittest
 
 import curve_client
-from cli_support import (CliTest, DEADLINE, PLUGIN, Process, ZMQWRITER, framed, make_event, needs_zmq,
+from cli_support import (CliTest, DEADLINE, Process, ZMQWRITER, framed, make_event, needs_zmq,
                          read_file, totals, wait_for, write_file, zmq)
 
 

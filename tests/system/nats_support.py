@@ -9,7 +9,6 @@ import re
 import shutil
 import signal
 import socket
-import ssl
 import struct
 import subprocess
 import time
@@ -287,11 +286,6 @@ def make_certificates(folder="."):
             openssl("x509", "-req", "-in", who + ".csr", "-CA", kind + "ca.pem", "-CAkey",
                     kind + "ca.key", "-CAcreateserial", "-out", who + ".pem", "-days", "2",
                     "-extfile", "names")
-
-
-def trusting(path):
-    """What NatsClient takes as `tls`."""
-    return ssl.create_default_context(cafile=path)
 
 
 class Nkey:
