@@ -99,6 +99,7 @@ class UsageTest(CliTest):
                 (collect + ["--to", "http://h:1"], "must be nats://HOST:PORT or tls://HOST:PORT"),
                 (stream + ["--create-stream", "replicas=9"], "replicas must be 1 to 5"),
                 (stream + ["--window", "0"], "must be like 4096"),
+                (stream + ["--window", "9,1G"], "takes more memory than --max-memory"),
                 (stream + ["--prefix", "a.*"], "must be words with dots between"),
                 (stream + ["--format", "text"], "published as raw or json"),
                 (stream + ["--nats-key", "k"], "--nats-cert"),

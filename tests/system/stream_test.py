@@ -443,7 +443,7 @@ class StreamTest(StreamCase):
         collector.popen.terminate()
         wait_for(lambda: "stopping: the output has 30 s more" in collector.stderr, "the wait")
         begin = time.monotonic()
-        self.end(collector, 1, "1 of the events received did not get out")
+        self.end(collector, 1, "1 of the events received did not get out this way")
         self.assertLess(time.monotonic() - begin, 30)
         self.await_stored(server, 1)
 
@@ -460,6 +460,10 @@ class StreamTest(StreamCase):
             result = self.run_collect("--to", server.url, "--unsent", file, "--timeout", "0.1")
             self.assertEqual((result.returncode, words in result.stderr), (1, True), result.stderr)
         self.assertEqual(read_file("unsent", "rb"), framed(b"anything"))
+        write_file("user", "name\nsecret\n")
+        result = self.run_collect("--to", server.url, "--nats-user", "user", "--output", "./user")
+        self.assertEqual(result.returncode, 1, result.stderr)
+        self.assertIn("./user: is a file of keys, so it cannot be the output", result.stderr)
 
     def test_an_event_that_is_too_large_is_dropped_and_the_others_are_not(self):
         """Before and after the collector can know: by the server's limit, and by the stream's."""

@@ -282,6 +282,8 @@ void add_collect_command(CLI::App& app, int* exit_code) {
       stream->drain_s = std::min(stream->drain_s, kLongestDrain);
       if (!stream->unsent_file.empty() && same_path(options->output.path, stream->unsent_file))
         throw CLI::ValidationError("--unsent", "the events of --output go to this file");
+      if (stream->window_bytes >= options->max_memory)
+        throw CLI::ValidationError("--window", "takes more memory than --max-memory lets be used");
       if (options->output.format == "text" && !options->writes)
         throw CLI::ValidationError("--format", "events are published as raw or json");
       options->stream = *stream;

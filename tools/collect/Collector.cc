@@ -11,6 +11,7 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "Connections.h"
 #include "CurveKey.h"
@@ -67,8 +68,14 @@ std::unique_ptr<StatusServer> make_server(const CollectOptions& options, const C
 
 /// The options of the output. A file of keys is refused, because it would be moved aside.
 const FileSinkOptions& no_input(const CollectOptions& options) {
+  std::vector<std::string> inputs = {options.secret_key_file, options.allow_file};
+  if (options.stream) {
+    const NatsOptions& engine = options.stream->engine;
+    inputs.insert(inputs.end(), {engine.ca, engine.certificate, engine.key, engine.user,
+                                 engine.token, engine.credentials});
+  }
   std::error_code ignored;
-  for (const std::string& input : {options.secret_key_file, options.allow_file})
+  for (const std::string& input : inputs)
     if (std::filesystem::equivalent(options.output.path, input, ignored))
       throw std::runtime_error(options.output.path +
                                ": is a file of keys, so it cannot be the output");
@@ -315,14 +322,17 @@ void Collector::PrintTotals() const {
 }
 
 int Collector::ExitCode() const {
+  bool failed = false;
   for (const auto& sink : sinks_) {
-    if (sink->failed()) {
-      std::fprintf(stderr, "zmqwriter: %s\n", sink->problem().c_str());
-      std::fprintf(stderr, "zmqwriter: %" PRIu64 " of the events received did not get out\n",
-                   sink->lost_events());
-      return 1;
-    }
+    if (!sink->failed())
+      continue;
+    std::fprintf(
+        stderr, "zmqwriter: %s\nzmqwriter: %" PRIu64 " of the events received did not get out%s\n",
+        sink->problem().c_str(), sink->lost_events(), sinks_.size() > 1 ? " this way" : "");
+    failed = true;
   }
+  if (failed)
+    return 1;
   if (!full_.empty()) {
     std::fprintf(stderr, "zmqwriter: %s\n", full_.c_str());
     return 1;

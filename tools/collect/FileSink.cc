@@ -97,8 +97,8 @@ void FileSink::RotateIfFull(std::size_t next) {
   rotate_at_ = options_.rotate_size;
   if (problem.empty())
     return;
-  // A file that is too long is better than lost events. The next attempt follows at double the
-  // size.
+  // A file that is too long is better than lost events. The next attempt follows after as much
+  // again.
   std::fprintf(stderr, "warning: %s; the file continues to grow\n", problem.c_str());
   rotate_at_ += file_->size();
 }
