@@ -23,6 +23,7 @@ from cli_support import (CliTest, DEADLINE, PLUGIN, Port, SOURCE_DIR, ZMQWRITER,
                          wait_for, write_file)
 
 SAMPLES = os.path.join(SOURCE_DIR, "samples")
+# A folder of further logs to replay, e.g. real ones.
 EXTRA_LOGS = os.environ.get("ZMQWRITER_EXTRA_LOGS", "")
 AGENT = "agent-7"
 HEADER = "#separator \\x09\n#path\t%s\n#fields\tts\tuid\tn\n#types\ttime\tstring\tcount\n"

@@ -199,13 +199,20 @@ void Collector::Drain() {
   Connections connections(bound_);
   auto start = Clock::now();
   last_message_ = start;
+  int times_written = 0;
   while (!Done() && connections.any() && Clock::now() < start + kLongestDrain &&
          Clock::now() < last_message_ + kLongestQuiet) {
     socket_.Wait(kLookMs);
     const bool all = HoldWaiting(&connections, &start);
     const auto time = Clock::now() - start;
-    if (all || time > kLongestOverload)
-      connections.EndSilent(time > kLongestLoad, time > kLongestOverload);
+    const bool load = time > kLongestLoad;
+    const bool overload = time > kLongestOverload;
+    if (load + overload > times_written) {  // so that there is room for what is under way
+      WriteHeld(&start);
+      ++times_written;
+    } else if (all || overload) {
+      connections.EndSilent(load, overload);
+    }
   }
   for (const std::string& endpoint : bound_)
     socket_.Unbind(endpoint);
@@ -230,13 +237,16 @@ bool Collector::HoldWaiting(Connections* connections, Clock::time_point* start) 
     zmq_msg_init(&held_.emplace_back());
     zmq_msg_move(&held_.back(), &part_);
   }
-  if (held_bytes_ >= kMostHeld) {
-    const auto full = Clock::now();
-    while (!held_.empty() && !Done())
-      TakeWaiting();
-    *start += Clock::now() - full;
-  }
+  if (held_bytes_ >= kMostHeld)
+    WriteHeld(start);
   return false;
+}
+
+void Collector::WriteHeld(Clock::time_point* start) {
+  const auto full = Clock::now();
+  while (!held_.empty() && !Done())
+    TakeWaiting();
+  *start += Clock::now() - full;
 }
 
 void Collector::TakeMessage() {

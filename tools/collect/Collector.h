@@ -68,6 +68,7 @@ class Collector {
   bool NextPart();
   void Drain();
   bool HoldWaiting(Connections* connections, Clock::time_point* start);
+  void WriteHeld(Clock::time_point* start);
   void TakeMessage();
   void SkipParts();
   void TakeEvent();
