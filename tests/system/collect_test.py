@@ -695,7 +695,8 @@ class CollectPressureTest(CliTest):
         collector, reader = self.collect_into_pipe("--max-memory", "100M", "--metrics",
                                                    "127.0.0.1:0")
         agent = self.agent(collector.endpoint, sndhwm=1)
-        events = [make_event(uid=b"C%03d" % number, details=b"x" * 3000) for number in range(2000)]
+        events = [make_event(uid=b"C%d" % number, details=b"x" * 3000)
+                  for number in range(8000)]  # more than all buffers on the way hold
         sent = self.send_until_it_blocks(
             agent, events, lambda: "warning: nobody reads the output" in collector.stderr)
         key = bytes.fromhex(read_file("server.public"))
@@ -722,7 +723,7 @@ class CollectPressureTest(CliTest):
         thread.start()
         lines = [json.loads(reader.readline())["uid"] for _ in events]
         thread.join(DEADLINE)
-        self.assertEqual(lines, ["C%03d" % number for number in range(len(events))])
+        self.assertEqual(lines, ["C%d" % number for number in range(len(events))])
 
     def test_stop_signal_during_a_stall_loses_nothing_that_was_received(self):
         collector, reader = self.collect_into_pipe()

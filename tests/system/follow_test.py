@@ -84,10 +84,14 @@ class RotationTest(FollowTestCase):
 
     def covered(self):
         """How many records the state takes for handed over; they have ascending numbers."""
-        logs = {os.stat(name).st_ino: name for name in glob.glob(self.LOG[:-4] + "*")}
-        numbers = [re.findall(rb"\tC(\d+)", read_file(logs[inode], "rb")[:offset])
-                   for inode, offset in self.positions()]
-        return max((int(found[-1]) + 1 for found in numbers if found), default=0)
+        while True:
+            try:
+                logs = {os.stat(name).st_ino: name for name in glob.glob(self.LOG[:-4] + "*")}
+                numbers = [re.findall(rb"\tC(\d+)", read_file(logs[inode], "rb")[:offset])
+                           for inode, offset in self.positions()]
+                return max((int(found[-1]) + 1 for found in numbers if found), default=0)
+            except (FileNotFoundError, KeyError):
+                pass  # rotated meanwhile
 
     def run_writer(self, number, pauses):
         """Returns how often each record arrived, and how many the restarts may repeat."""
@@ -120,7 +124,8 @@ class RotationTest(FollowTestCase):
         except AssertionError:
             self.fail("missing of %d: %s\n%s\n%s" % (len(expected), sorted(set(expected) - set(
                 arrived()), key=lambda uid: int(uid[1:]))[:50], "\n".join(said), replay.stderr))
-        self.stop_follow(replay)
+        replay.popen.send_signal(signal.SIGTERM)
+        self.assertIn(replay.wait(), (0, -signal.SIGTERM), replay.stderr)
         return arrived(), in_work
 
     def test_each_record_arrives_once_through_rotations_and_restarts(self):
